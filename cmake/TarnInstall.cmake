@@ -1,0 +1,1 @@
+# Filled by the installation of headers, package files and programs.

@@ -1,0 +1,31 @@
+option(TARN_BUILD_TESTS "Build the tests (needs GoogleTest and bubblewrap)" OFF)
+option(TARN_BUILD_BENCH "Build the benchmarks (needs Google Benchmark)" OFF)
+option(TARN_WERROR "Treat warnings as errors" ON)
+set(TARN_MEDIA AUTO CACHE STRING "Media commands of the tool, which need libavformat: AUTO, ON or OFF")
+set(TARN_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
+# Plain char is unsigned on the ARM target; hosts build the same way unless a test run asks otherwise.
+set(TARN_CHAR "unsigned" CACHE STRING "Signedness of plain char: unsigned or signed")
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+# An installed program finds the library beside it, wherever the tree was put.
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
+endif()
+
+add_compile_options(-f${TARN_CHAR}-char)
+add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64)
+if(TARN_SANITIZE)
+  add_compile_options(-fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g1 -O1)
+  add_link_options(-fsanitize=${TARN_SANITIZE})
+endif()

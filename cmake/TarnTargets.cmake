@@ -1,0 +1,24 @@
+# Warnings for the product's own code. The sign, width and format ones catch what differs between
+# the 32-bit target and 64-bit hosts.
+function(tarn_warnings target)
+  target_compile_options(${target} PRIVATE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2
+    -Wnon-virtual-dtor -Wcast-align -Wundef
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+    $<$<BOOL:${TARN_WERROR}>:-Werror>)
+endfunction()
+
+# One static library per source folder; the shared library is made of all of them.
+# Every source file of the folder belongs to it.
+function(tarn_folder name)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
+  if(NOT sources)
+    return()
+  endif()
+  add_library(tarn_${name} OBJECT ${sources})
+  target_include_directories(tarn_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_compile_options(tarn_${name} PRIVATE -fno-exceptions)
+  target_link_libraries(tarn_${name} PRIVATE SQLite::SQLite3 Threads::Threads)
+  tarn_warnings(tarn_${name})
+  set_property(GLOBAL APPEND PROPERTY TARN_FOLDER_OBJECTS $<TARGET_OBJECTS:tarn_${name}>)
+endfunction()
