@@ -1,0 +1,8 @@
+# Debian packages, by what they are needed for. Sourced by the commands.
+# shellcheck shell=bash disable=SC2034
+build_packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcli11-dev libfmt-dev
+  nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev)
+run_packages=(bubblewrap)
+demo_packages=(python3-imageio ffmpeg dosfstools)
+test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
+  file man-db)
