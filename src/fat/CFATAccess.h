@@ -1,0 +1,144 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "base/Export.h"
+#include "base/Mutex.h"
+
+// Raw access to the chunks of a card. Hands out small handles (0 to 49), each standing for one
+// chunk of one family on one block device, and reads, writes and seeks inside it. Positions are
+// relative to the chunk's first byte; nothing stops a caller at the chunk's end.
+//
+// Stream (CKST), picture (CKPC) and system log (CKSL) chunks opened for writing are
+// double-buffered: write() only copies, and one worker thread per object writes full buffers to the
+// device, each followed by the device's fsync. What the worker could not write is dropped, logged
+// and marked by the file "/tmp/sd_err_mem_write". Picture chunks opened read-only are read in
+// blocks of 4096 bytes.
+//
+// One thread at a time may use an object; the object's own worker takes care of itself. Failures
+// are -1 and one line at LOG_ERR; the device's own errors on unbuffered handles come back as they
+// are, with errno and without a line.
+class TARN_API CFATAccess {
+ public:
+  CFATAccess();
+  // Closes every open handle, each with its flush, and stops the worker.
+  ~CFATAccess();
+  CFATAccess(const CFATAccess&) = delete;
+  CFATAccess& operator=(const CFATAccess&) = delete;
+
+  // Opens the chunk "device:TAGnnnn" (for example "/dev/sdblk0p1:CKST0007") and returns its handle,
+  // the lowest free one, or -1. flags go to the device's open unchanged and select the buffering.
+  // The volume is read afresh each time. The chunk number is not checked against chunks().
+  int open(const char* name, int flags);
+
+  // Geometry of an open handle's family, as read at open(); 0 for an index outside the table.
+  unsigned short chunks(int index);
+  unsigned long getChunkSize(int index);  // bytes
+  // Size in bytes of a CKST or CKPC chunk, whatever the handle's own family.
+  unsigned long streamChunkSize(int index);
+  unsigned long pictureChunkSize(int index);
+
+  // Reads len bytes and returns what the device gave, or -1. Picture chunks opened read-only always
+  // give len: what the device did not deliver reads as zeros, see lastReadFailed(). Buffered writes
+  // of the handle reach the device first.
+  long read(int index, void* buf, unsigned long len);
+  // Writes len bytes and returns the bytes accepted, or -1. Buffered handles refuse more than one
+  // buffer (1 MiB for CKST, 32 KiB for CKPC and CKSL) and never report the device's failure. Blocks
+  // only while both buffers of the handle are full.
+  long write(int index, const void* buf, unsigned long len);
+  // SEEK_SET or SEEK_CUR; the new position in the chunk as a signed 32-bit value, or -1. A seek
+  // that moves a write-buffered handle flushes it first. On a read-buffered handle SEEK_CUR with an
+  // offset other than 0 counts from the end of the last block read.
+  long lseek(int index, long offset, int whence);
+  // Returns when everything written has reached the medium: 0, -1, or the device's own result when
+  // nothing was buffered.
+  int fsync(int index);
+  // Flushes, frees the buffers, closes the device: 0, or -1 for an index without an open handle.
+  int close(int index);
+
+  // True when the device's position is a multiple of 64 KiB.
+  bool isSdAligned(int index);
+  // True when the handle's last read() got fewer bytes from the device than were asked for, be it
+  // an error or the device's end; false for an index outside the table and before the first read().
+  bool lastReadFailed(int index);
+
+  // Starts the write worker unless it runs: 0 or -1. open() does so where it is needed.
+  int startThread();
+  // Entry of the worker thread; arg is the object. Returns null.
+  static void* m_runThread(void* arg);
+  // The worker's loop: returns when the object is being destroyed, or at once when no worker runs.
+  void m_bufferWriteFunc();
+
+ private:
+  static constexpr int kHandles = 50;
+  static constexpr int kDeviceRoom = 64;
+
+  // While pending is 0 the caller's thread owns all of it. While pending is 1 the worker owns back
+  // and pendingSize. pending is set and cleared under m_mutex, so that no wake-up is lost.
+  struct WriteBuffer {
+    uint8_t* front = nullptr;  // write() fills it; null when the handle is unbuffered for writing
+    uint8_t* back = nullptr;   // the worker writes it out
+    uint32_t capacity = 0;     // bytes of each of the two
+    uint32_t fill = 0;         // bytes in front
+    uint32_t pendingSize = 0;  // bytes in back
+    uint8_t alignMode = 0;     // stream chunks: start full buffers on 64 KiB of the device
+    std::atomic<uint8_t> aligned{0};  // the device is known to stand on such a boundary
+    std::atomic<uint8_t> pending{0};  // back waits for the worker
+  };
+
+  struct ReadBuffer {
+    uint8_t* data = nullptr;  // one block; null when the handle is unbuffered for reading
+    uint32_t valid = 0;       // bytes that the last device read brought
+    uint32_t pos = 0;         // bytes handed out; above valid once zeros stood in for missing ones
+  };
+
+  int freeIndex() const;
+  bool parseName(const char* name, int index);
+  bool locateChunk(int fd, int index);
+  bool setUpBuffers(int index, int flags);
+  bool allocateWriteBuffer(int index);
+  bool allocateReadBuffer(int index);
+  void release(int index);
+  int64_t chunkStart(int index) const;
+  long positionInChunk(int index) const;
+
+  bool refillReadBuffer(int index);
+  bool readBlock(int index, uint8_t* out, uint32_t length);
+
+  int64_t bytesToBoundary(int index, int64_t devicePosition) const;
+  long alignFront(int index, const uint8_t* data, uint32_t length);
+  void append(int index, const uint8_t* data, uint32_t length);
+  long bufferedWrite(int index, const uint8_t* data, uint32_t length);
+
+  long seekDevice(int index, int64_t target, int whence);
+
+  void handOver(int index) TARN_EXCLUDES(m_mutex);
+  void waitUntilWritten(int index) TARN_EXCLUDES(m_mutex);
+  void drain(int index) TARN_EXCLUDES(m_mutex);
+  bool anyPending() const;
+  void writeOut(int index) TARN_EXCLUDES(m_mutex);
+  void finishPending(int index) TARN_EXCLUDES(m_mutex);
+
+  uint8_t m_maxIndex = kHandles;
+  int32_t m_fd[kHandles];  // -1: free handle
+  uint32_t m_startSector[kHandles] = {};
+  int8_t m_fileType[kHandles] = {};
+  int16_t m_chunkNo[kHandles] = {};
+  uint64_t m_position[kHandles] = {};  // of the device as the caller sees it, front included
+  uint16_t m_chunkCount[kHandles] = {};
+  uint32_t m_chunkSize[kHandles] = {};
+  WriteBuffer m_writeBuf[kHandles];
+  ReadBuffer m_readBuf[kHandles];
+  char m_deviceName[kDeviceRoom] = {};  // of the last open(), one for the whole object
+  uint32_t m_streamChunkSize[kHandles] = {};
+  uint32_t m_pictureChunkSize[kHandles] = {};
+  pthread_t m_thread{};
+  tarn::Mutex m_mutex;
+  tarn::CondVar m_cond;                     // the worker waits for work
+  tarn::CondVar m_written;                  // callers wait for the worker
+  std::atomic<int32_t> m_threadRunning{0};  // cleared under m_mutex to stop the worker
+  bool m_readFailed[kHandles] = {};
+};
