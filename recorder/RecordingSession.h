@@ -1,0 +1,99 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "base/Export.h"
+#include "recorder/PictureTime.h"
+
+namespace tarn {
+
+// What a session records and how.
+struct RecordingOptions {
+  int8_t channel = 0;  // 0 to 127; chunks belong to one channel, and a channel has one session
+  int8_t recType = 0;
+  uint16_t inTrg = 0;     // trigger number of the rows
+  uint16_t frameSet = 0;  // stored unchanged; bit 7 (audio) must be clear
+  uint32_t bitrate = 0;   // bits per second, 0 when not known; stored, and first guess of the room
+  uint32_t segmentSeconds = 60;     // a new row at the first key picture after this; 0: no limit
+  uint32_t flushIntervalMs = 1000;  // picture time that a power loss can take at most
+};
+
+// The first thing that went wrong in a session.
+enum class RecordingError {
+  kNone,
+  kBadOption,  // audio bit, negative channel, or a call out of order
+  kServer,     // the management server did not answer within some seconds
+  kDatabase,   // a row could not be written
+  kJournal,    // the journal did not take a record
+  kNoRoom,     // nothing left to delete
+  kTooLarge,   // a picture larger than a chunk, or empty
+  kCard,       // a read or write of the card failed
+};
+
+struct RecordingStatistics {
+  uint64_t pictures = 0;   // accepted
+  uint64_t confirmed = 0;  // on the card with their entries
+  uint64_t bytes = 0;      // of the pictures as given
+  uint32_t segments = 0;   // rows begun
+  uint32_t chunks = 0;     // chunks taken
+  uint32_t recordingsDeleted = 0;
+  uint32_t eventsDeleted = 0;
+  uint32_t streamWraps = 0;   // passes over the end of a stream ring
+  uint32_t pictureWraps = 0;  // the same of a picture ring
+};
+
+// Records one channel onto the card: finds room, writes pictures, headers and entries, keeps the
+// STREAM and EVENT rows, and lets the oldest recordings go when the card is full.
+//
+// A picture is safe once its entry is on the card: at most flushIntervalMs of picture time behind
+// writePicture(), at a change of row, and at close(). Used by one thread at a time; sessions of
+// several channels may run in any number of threads and processes. Nothing throws.
+class TARN_API RecordingSession {
+ public:
+  RecordingSession();
+  ~RecordingSession();  // close()
+  RecordingSession(const RecordingSession&) = delete;
+  RecordingSession& operator=(const RecordingSession&) = delete;
+
+  // Connects to server and database. Rows of this channel that a killed process left open are
+  // closed at what their entries confirm. 0, or -1 with error() set. Refused while
+  // /tmp/sd_err_mem_write exists: the card failed before, and a second failure could not be told
+  // from the first.
+  int open(const RecordingOptions& options);
+
+  // One picture (access unit) in decode order, without a time stamp unit of ours. `decodeOffsetUs`
+  // is decode time minus presentation time. Pictures before the first key picture are dropped
+  // (result 0). 0, or -1 once the session has failed.
+  int writePicture(const void* annexB, size_t size, PictureTime presentation,
+                   int32_t decodeOffsetUs, bool key);
+  // The next picture follows a gap: it begins a row, which is marked as a discontinuity, with the
+  // next key picture.
+  void markDiscontinuity();
+  // Writes out what is collected; all pictures so far are safe after it. 0 or -1.
+  int flush();
+
+  // Inserts an EVENT row that is open (endDate 0) and returns its key, 0 on failure.
+  uint32_t beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec);
+  // Ends the event. 0, or -1.
+  int endEvent(uint32_t eventID, PictureTime time);
+
+  // Ends running events at the last picture, closes the row and saves. After a failure it keeps
+  // listed what was confirmed before it. 0, or -1 when the session has failed.
+  int close();
+
+  bool isOpen() const;
+  // Key of the row being written; 0 when there is none.
+  uint32_t streamID() const;
+  // First error, with a sentence for a person. Kept until the next open().
+  RecordingError error() const;
+  const char* errorText() const;
+  RecordingStatistics statistics() const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace tarn
