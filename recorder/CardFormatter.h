@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "base/Export.h"
+#include "recorder/CardLayout.h"
+
+namespace tarn {
+
+struct FormatOptions {
+  bool force = false;      // overwrite what does not look like a card
+  bool invariant = false;  // the same arguments give the same bytes, old content cleared
+  // Called with the bytes dealt with so far and in all; false stops the work as a power cut would.
+  std::function<bool(uint64_t done, uint64_t total)> progress;
+};
+
+// Lays out a card on a block device or image file. An interrupted format leaves a card that every
+// open refuses, because an earlier card is made invalid first and the info file, without which
+// nothing opens, is written last. One thread at a time; holds nothing between calls.
+class TARN_API CardFormatter {
+ public:
+  // Formats `path`. request.sizeBytes 0 takes the size that the device or file has; an image file
+  // is created, lengthened or cut to it. 0, or -1 with the reason in *error in a person's words.
+  // Refused before anything is touched: sizes and counts that do not work, a mounted or busy card,
+  // one that cannot be written, and without force one that holds something else.
+  int format(const std::string& path, const CardRequest& request, const FormatOptions& options,
+             std::string* error);
+
+  // What was laid out by the last successful format().
+  const CardLayout& layout() const { return layout_; }
+  uint32_t volumeId() const { return volumeId_; }
+
+ private:
+  CardLayout layout_;
+  uint32_t volumeId_ = 0;
+};
+
+}  // namespace tarn

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+
+#include "base/Export.h"
+
+namespace tarn {
+
+// Keeps a card, a block device or image file, to one user at a time: formatting, and a private view
+// on it. Other tools of ours meet the lock, and on a block device nobody can mount it meanwhile.
+// Released by release(), by the destructor, and when the last process that inherited fd() ends.
+class TARN_API CardLock {
+ public:
+  CardLock() = default;
+  ~CardLock() { release(); }
+  CardLock(const CardLock&) = delete;
+  CardLock& operator=(const CardLock&) = delete;
+
+  // Opens `path` for reading and writing and locks it; with `create` a missing file is made.
+  // 0, or -1 with the reason in *error: missing, not writable, neither file nor block device,
+  // mounted, attached to a loop device, or in use by another of our tools.
+  int acquire(const std::string& path, bool create, std::string* error);
+  void release();
+  int fd() const { return fd_; }
+  bool isBlockDevice() const { return isBlockDevice_; }
+
+ private:
+  bool checkIdle(const std::string& path, std::string* error) const;
+
+  int fd_ = -1;
+  bool isBlockDevice_ = false;
+};
+
+}  // namespace tarn
