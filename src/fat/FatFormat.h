@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/Endian.h"
+#include "base/Wrap.h"
 
 // What of a FAT32 volume this system reads and writes, and the card's info file: offsets, sizes,
 // and decoding and encoding side by side. All numbers are little-endian.
@@ -78,7 +79,7 @@ inline bool isInfoFileEntry(const uint8_t* entry) {
 inline uint32_t decodeFirstCluster(const uint8_t* entry) {
   const auto high = static_cast<int16_t>(getLe16(entry + kDirClusterHighOff));
   const auto low = static_cast<int16_t>(getLe16(entry + kDirClusterLowOff));
-  return static_cast<uint32_t>(int32_t{high} * 65536 + low);
+  return wrapAdd32(wrapMul32(static_cast<uint32_t>(high), 65536), static_cast<uint32_t>(low));
 }
 
 // The plain FAT32 reading, as PCs do it; the two agree for a low half below 0x8000.
@@ -91,9 +92,8 @@ inline void encodeFirstCluster(uint32_t cluster, uint8_t* entry) {
 // Kept on purpose: clusters count from the root directory's, not from 2, because the root directory
 // is what begins the data region.
 inline int64_t sectorOfCluster(const FatBoot& boot, uint32_t cluster) {
-  // uint64 first: a cluster number below the root's wraps in 32 bits and is then read as negative.
-  const auto distance = static_cast<int32_t>(
-      static_cast<uint32_t>(uint64_t{cluster} + 0x100000000u - boot.rootCluster));
+  // A number below the root's wraps and is then read as negative.
+  const int32_t distance = asSigned32(wrapSub32(cluster, boot.rootCluster));
   return int64_t{distance} * boot.clusterSectors + static_cast<int64_t>(boot.dataSector());
 }
 

@@ -10,6 +10,7 @@ namespace tarn_test {
 
 // The system calls that tests can see and spoil. Read and Pread (Write and Pwrite) are told apart;
 // open() and open64() are one, as are lseek() and lseek64(), fsync() and fdatasync().
+// ThreadCreate (pthread_create) has no path: only a stand-in for "" sees it.
 enum class Call { Open, Close, Read, Pread, Write, Pwrite, Lseek, Fsync, ThreadCreate };
 
 struct IoRecord {

@@ -25,9 +25,9 @@ class SyslogCapture {
   SyslogCapture& operator=(const SyslogCapture&) = delete;
 
   std::vector<LogLine> lines() const;
-  // The lines without their "function line N in File.cpp: " (or "is File: ") prefix, where they have
-  // one: line numbers are free, the rest is not. The prefix itself is checked against
-  // "name line <digits> in|is word: " and any other text is kept whole.
+  // The lines without their "function line N in File.cpp: " (or "is File: ") prefix, where they
+  // have one: line numbers are free, the rest is not. The prefix itself is checked against "name
+  // line <digits> in|is word: " and any other text is kept whole.
   std::vector<LogLine> withoutPrefix() const;
   std::vector<LogLine> atPriority(int priority) const;
   // True when a line of exactly this priority and text (with or without prefix) was logged.
