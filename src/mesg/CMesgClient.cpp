@@ -1,0 +1,113 @@
+#include "mesg/CMesgClient.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "mesg/MesgMessages.h"
+
+using tarn::kMesgClientName;
+
+namespace {
+
+constexpr int kSelectTimeoutMs = 100;
+constexpr int kReadAttempts = 10;
+
+sockaddr_un socketAddress(const char* path) {
+  sockaddr_un address;
+  memset(&address, 0, sizeof address);
+  address.sun_family = AF_UNIX;
+  strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+  return address;
+}
+
+}  // namespace
+
+CMesgClient::CMesgClient(const char* path) {
+  m_path[0] = '\0';
+  strncat(m_path, path, kPathRoom);
+  signal(SIGPIPE, SIG_IGN);
+}
+
+CMesgClient::~CMesgClient() { m_disconnect(); }
+
+// poll() rather than select(): the handle's number may be of any height.
+int CMesgClient::select() {
+  if (!m_ensureConnected()) return -1;
+  pollfd entry{m_fd.get(), POLLIN, 0};
+  return poll(&entry, 1, kSelectTimeoutMs);
+}
+
+long CMesgClient::readMesg(void* buf, long size) {
+  if (!m_ensureConnected()) return -1;
+  for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
+    const ssize_t got = read(m_fd.get(), buf, static_cast<size_t>(size));
+    if (got != -1) return got;
+    const int error = errno;
+    syslog(LOG_ERR, tarn::kMsgReadError, __func__, __LINE__, kMesgClientName);
+    if (error != EINTR) {
+      m_disconnect();
+      return -1;
+    }
+  }
+  return -1;
+}
+
+long CMesgClient::writeMesg(const void* buf, long size) {
+  if (!m_ensureConnected()) return -1;
+  if (size > kMessageLimit) {
+    syslog(LOG_ERR, tarn::kMsgTooLong, __func__, __LINE__, kMesgClientName, size);
+    return -1;
+  }
+  // A program may have given SIGPIPE its default action again since this object was made.
+  const ssize_t sent = send(m_fd.get(), buf, static_cast<size_t>(size), MSG_NOSIGNAL);
+  if (sent >= 0) return sent;
+  const int error = errno;
+  perror(tarn::kMsgWritePerror);
+  if (error == EPIPE) {
+    syslog(LOG_ERR, tarn::kMsgSocketClosed, __func__, __LINE__, kMesgClientName,
+           static_cast<long>(m_fd.get()));
+    m_disconnect();
+  }
+  return -1;
+}
+
+int CMesgClient::disconnect() { return m_disconnect(); }
+
+// One attempt a second after a failure: a process whose server is down must not spend its time on
+// connecting.
+int CMesgClient::m_connect() {
+  const time_t now = time(nullptr);
+  if (now == m_lastFailure) return -1;
+  m_fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  if (!m_fd.valid()) {
+    syslog(LOG_ERR, tarn::kMsgSocketError, __func__, __LINE__, kMesgClientName);
+    m_lastFailure = now;
+    return -1;
+  }
+  const sockaddr_un address = socketAddress(m_path);
+  if (connect(m_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    const int error = errno;
+    m_disconnect();
+    syslog(LOG_ERR, tarn::kMsgConnectError, __func__, __LINE__, kMesgClientName, m_path, error);
+    m_lastFailure = now;
+    return -1;
+  }
+  return 0;
+}
+
+int CMesgClient::m_disconnect() {
+  m_fd.reset();
+  return 0;
+}
+
+bool CMesgClient::m_isConnected() const { return m_fd.valid(); }
+
+bool CMesgClient::m_ensureConnected() { return m_isConnected() || m_connect() == 0; }
