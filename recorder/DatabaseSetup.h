@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "base/Export.h"
+
+namespace tarn {
+
+// Makes the recorder's database file and judges one that is there. The library itself never
+// creates, alters or drops a table.
+//
+// Columns stand in record order (db/DbRecords.h) with integer affinity; keys are AUTOINCREMENT, so
+// that a key is never given out twice, not even that of a deleted row. Every operation returns
+// false on failure and then says in *error, one line, what failed; all but check() wait for the
+// machine's database semaphore. Use by one thread at a time.
+class TARN_API DatabaseSetup {
+ public:
+  // The one database file of the recorder.
+  static const char* defaultPath();
+
+  // Makes an empty database at `path`. An existing file and what SQLite keeps beside it go first,
+  // and the new one appears whole under its name: a reader sees the old one, none, or the whole new
+  // one, and after a failure there is none that could pass for a fresh one.
+  static bool createEmpty(const char* path, std::string* error);
+
+  // True when `path` is a writable database with both tables in the right shape; rows do not
+  // matter.
+  static bool check(const char* path, std::string* error);
+
+  // Makes sure that the next keys given out are greater than these, the greatest ever used (0:
+  // never used). Keys that the tables have reached already are left. Also for empty tables.
+  static bool seedKeys(const char* path, uint32_t greatestEventID, uint32_t greatestStreamID,
+                       std::string* error);
+};
+
+}  // namespace tarn
