@@ -95,32 +95,37 @@ class TARN_API CFATAccess {
     uint32_t pos = 0;         // bytes handed out; above valid once zeros stood in for missing ones
   };
 
+  static bool isIndex(int index) { return index >= 0 && index < kHandles; }
   int freeIndex() const;
   bool parseName(const char* name, int index);
-  bool locateChunk(int fd, int index);
+  bool locateFamily(int fd, int index);
   bool setUpBuffers(int index, int flags);
   bool allocateWriteBuffer(int index);
   bool allocateReadBuffer(int index);
+  // Frees the buffers, closes the device and makes the index free, whatever open() had got to.
   void release(int index);
+
+  bool readBlock(int index, uint8_t* out, uint32_t length);
+  void refill(ReadBuffer& buffer, int fd);
+
+  long writeBuffered(int index, const uint8_t* data, uint32_t length);
+  long writeUpToBoundary(int index, const uint8_t* data, uint32_t length);
+  static void append(WriteBuffer& buffer, const uint8_t* data, uint32_t length);
+
   int64_t chunkStart(int index) const;
   long positionInChunk(int index) const;
-
-  bool refillReadBuffer(int index);
-  bool readBlock(int index, uint8_t* out, uint32_t length);
-
-  int64_t bytesToBoundary(int index, int64_t devicePosition) const;
-  long alignFront(int index, const uint8_t* data, uint32_t length);
-  void append(int index, const uint8_t* data, uint32_t length);
-  long bufferedWrite(int index, const uint8_t* data, uint32_t length);
-
+  bool standsAt(int index, int64_t target, int whence) const;
   long seekDevice(int index, int64_t target, int whence);
 
+  // Gives front to the worker, once an earlier hand-over is written.
   void handOver(int index) TARN_EXCLUDES(m_mutex);
   void waitUntilWritten(int index) TARN_EXCLUDES(m_mutex);
+  // Returns when nothing of the handle is buffered any more.
   void drain(int index) TARN_EXCLUDES(m_mutex);
   bool anyPending() const;
-  void writeOut(int index) TARN_EXCLUDES(m_mutex);
-  void finishPending(int index) TARN_EXCLUDES(m_mutex);
+  void writePending(int index) TARN_EXCLUDES(m_mutex);
+  void flushDevice(int index);
+  void reportLostWrite(int index, long result, uint32_t written);
 
   uint8_t m_maxIndex = kHandles;
   int32_t m_fd[kHandles];  // -1: free handle

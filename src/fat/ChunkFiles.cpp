@@ -23,7 +23,7 @@ struct Device {
 };
 
 constexpr Device kDevices[] = {
-    {1, "/dev/mmcblk0p1"}, {2, "/dev/mmcblk0p2"}, {11, "/dev/sda1"},      {12, "/dev/sda2"},
+    {1, "/dev/mmcblk0p1"}, {2, "/dev/mmcblk0p2"}, {11, "/dev/sda1"},     {12, "/dev/sda2"},
     {21, "/dev/sdb1"},     {22, "/dev/sdb2"},     {51, "/dev/sdblk0p1"},
 };
 constexpr char kOtherDevice[] = "/tmp/dev/mmc";

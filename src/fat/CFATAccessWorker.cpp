@@ -1,0 +1,125 @@
+// The write side behind CFATAccess: handing buffers over and the worker that writes them out.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "base/UniqueFd.h"
+#include "fat/CFATAccess.h"
+#include "fat/FatLog.h"
+#include "fat/FatMessages.h"
+
+using tarn::logFat;
+
+namespace {
+
+// Its existence tells the rest of the recorder that buffered data was lost. Only ever created here.
+constexpr char kMarkerFile[] = "/tmp/sd_err_mem_write";
+constexpr mode_t kMarkerMode = 0777;
+// The worker's lines carry its own operation's name, whichever thread does the work.
+constexpr char kWorker[] = "m_bufferWriteFunc";
+
+void createMarker() { tarn::UniqueFd marker(open64(kMarkerFile, O_WRONLY | O_CREAT, kMarkerMode)); }
+
+}  // namespace
+
+int CFATAccess::startThread() {
+  if (m_threadRunning != 0) return 0;
+  m_threadRunning = 1;
+  if (pthread_create(&m_thread, nullptr, m_runThread, this) == 0) return 0;
+  m_threadRunning = 0;
+  logFat(__func__, __LINE__, tarn::kMsgThreadCreate);
+  return -1;
+}
+
+void* CFATAccess::m_runThread(void* arg) {
+  static_cast<CFATAccess*>(arg)->m_bufferWriteFunc();
+  return nullptr;
+}
+
+void CFATAccess::m_bufferWriteFunc() {
+  while (m_threadRunning != 0) {
+    {
+      tarn::MutexLock lock(m_mutex);
+      while (m_threadRunning != 0 && !anyPending()) m_cond.wait(m_mutex);
+    }
+    // The mutex is free meanwhile: writers of other handles, and of this one's front, go on.
+    for (int index = 0; index < kHandles; ++index) {
+      if (m_writeBuf[index].pending != 0) writePending(index);
+    }
+  }
+}
+
+bool CFATAccess::anyPending() const {
+  for (const WriteBuffer& buffer : m_writeBuf) {
+    if (buffer.pending != 0) return true;
+  }
+  return false;
+}
+
+void CFATAccess::handOver(int index) {
+  WriteBuffer& buffer = m_writeBuf[index];
+  waitUntilWritten(index);
+  std::swap(buffer.front, buffer.back);
+  buffer.pendingSize = std::exchange(buffer.fill, 0);
+  {
+    tarn::MutexLock lock(m_mutex);
+    buffer.pending = 1;
+  }
+  if (m_threadRunning != 0) {
+    m_cond.signal();
+  } else {
+    writePending(index);
+  }
+}
+
+void CFATAccess::waitUntilWritten(int index) {
+  const WriteBuffer& buffer = m_writeBuf[index];
+  if (buffer.pending == 0) return;
+  tarn::MutexLock lock(m_mutex);
+  while (buffer.pending != 0) m_written.wait(m_mutex);
+}
+
+void CFATAccess::drain(int index) {
+  if (m_writeBuf[index].fill != 0) handOver(index);
+  waitUntilWritten(index);
+}
+
+// Writes the back buffer out, whatever it takes, and gives it back to the caller's thread.
+void CFATAccess::writePending(int index) {
+  WriteBuffer& buffer = m_writeBuf[index];
+  uint32_t written = 0;
+  ssize_t result = 0;
+  do {
+    errno = 0;  // a short write sets none, and an old EINTR would have us try again
+    result = ::write(m_fd[index], buffer.back + written, buffer.pendingSize - written);
+    if (result > 0) written += static_cast<uint32_t>(result);
+  } while (written < buffer.pendingSize && errno == EINTR);
+  if (written == buffer.pendingSize) {
+    flushDevice(index);
+  } else {
+    reportLostWrite(index, result == -1 ? -1 : static_cast<long>(written), written);
+  }
+  if (buffer.alignMode != 0) buffer.aligned = isSdAligned(index);
+  {
+    tarn::MutexLock lock(m_mutex);
+    buffer.pendingSize = 0;
+    buffer.pending = 0;
+  }
+  m_written.broadcast();
+}
+
+void CFATAccess::flushDevice(int index) {
+  if (::fsync(m_fd[index]) == 0) return;
+  logFat(kWorker, __LINE__, tarn::kMsgSyncError, errno);
+  createMarker();
+}
+
+void CFATAccess::reportLostWrite(int index, long result, uint32_t written) {
+  const uint32_t size = m_writeBuf[index].pendingSize;
+  logFat(kWorker, __LINE__, tarn::kMsgWriteError, result, static_cast<long>(size), errno);
+  createMarker();
+  // What was lost leaves a hole; what follows goes where the caller believes it goes.
+  lseek64(m_fd[index], static_cast<int64_t>(size - written), SEEK_CUR);
+}
