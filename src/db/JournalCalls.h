@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Export.h"
 #include "db/DbRecords.h"
 
 // What the database's writes ask of the journal. The journal stands above the database (it looks
@@ -9,8 +10,9 @@ namespace tarn::journal_calls {
 
 // Position of the next record, and a lock over the question and the insert that uses it: two
 // threads that insert at once must not be given the same position. The lock is held from
-// construction to destruction and serialises inserts of one process only.
-class InsertLock {
+// construction to destruction and serialises inserts of one process only. A thread that holds it
+// may take it again: the recorder holds it from its look at the next position to the insert.
+class TARN_API InsertLock {
  public:
   InsertLock();
   ~InsertLock();

@@ -1,0 +1,87 @@
+#include "dblog/JournalFormat.h"
+
+#include <cstring>
+
+#include "base/Crc16.h"
+#include "base/Endian.h"
+
+namespace tarn {
+namespace {
+
+constexpr JournalTraits kEventTraits = {
+    kEventJournalChunk, kEventRecordSize,    kEventRecordCrcLength,
+    kMarkerLiveEvent,   kMarkerDeletedEvent, kJournalBodyOff + kEventBackOffsetOff};
+constexpr JournalTraits kStreamTraits = {
+    kStreamJournalChunk, kStreamRecordSize,    kStreamRecordCrcLength,
+    kMarkerLiveStream,   kMarkerDeletedStream, kJournalBodyOff + kStreamBackOffsetOff};
+
+const uint8_t* at(const void* record, uint32_t offset) {
+  return static_cast<const uint8_t*>(record) + offset;
+}
+uint8_t* at(void* record, uint32_t offset) { return static_cast<uint8_t*>(record) + offset; }
+
+}  // namespace
+
+const JournalTraits& journalTraits(JournalKind kind) {
+  return kind == JournalKind::kEvent ? kEventTraits : kStreamTraits;
+}
+
+uint32_t journalMarker(const void* record) { return getLe32(at(record, kJournalMarkerOff)); }
+
+// The key is the first field of either row.
+uint32_t journalKey(const void* record) {
+  static_assert(kEventIdOff == kStreamIdOff);
+  return getLe32(at(record, kJournalBodyOff + kEventIdOff));
+}
+
+uint32_t journalBackOffset(const JournalTraits& traits, const void* record) {
+  return getLe32(at(record, traits.backOffsetOff));
+}
+
+void setJournalMarker(void* record, uint32_t marker) {
+  putLe32(at(record, kJournalMarkerOff), marker);
+}
+
+void sealJournalRecord(void* record, uint32_t crcLength) {
+  const uint16_t crc = crc16(record, crcLength);
+  uint8_t* trailer = at(record, crcLength);
+  trailer[0] = 0;
+  trailer[1] = 0;
+  trailer[kJournalTrailerCrcOff] = static_cast<uint8_t>(crc >> 8);
+  trailer[kJournalTrailerCrcOff + 1] = static_cast<uint8_t>(crc);
+}
+
+bool journalRecordValid(const void* record, uint32_t crcLength) {
+  const uint8_t* crc = at(record, crcLength + kJournalTrailerCrcOff);
+  return crc16(record, crcLength) == ((uint32_t{crc[0]} << 8) | crc[1]);
+}
+
+bool journalRecordInPlace(const JournalTraits& traits, const void* record, uint32_t position) {
+  const uint32_t marker = journalMarker(record);
+  return (marker == traits.liveMarker || marker == traits.deletedMarker) &&
+         journalBackOffset(traits, record) == position &&
+         journalRecordValid(record, traits.crcLength);
+}
+
+void encodeEventRecord(const DB_EVENT& row, void* record) {
+  setJournalMarker(record, kMarkerLiveEvent);
+  encodeEvent(row, at(record, kJournalBodyOff));
+  sealJournalRecord(record, kEventRecordCrcLength);
+}
+
+void encodeStreamRecord(const DB_STREAM& row, void* record) {
+  setJournalMarker(record, kMarkerLiveStream);
+  encodeStream(row, at(record, kJournalBodyOff));
+  memset(at(record, kStreamRecordReservedOff), 0, kStreamRecordReservedSize);
+  sealJournalRecord(record, kStreamRecordCrcLength);
+}
+
+void decodeEventRecord(const void* record, DB_EVENT* row) {
+  decodeEvent(at(record, kJournalBodyOff), row);
+}
+
+void decodeStreamRecord(const void* record, DB_STREAM* row) {
+  decodeStream(at(record, kJournalBodyOff), row);
+}
+
+}  // namespace tarn
