@@ -11,6 +11,8 @@
 
 namespace tarn {
 
+struct FatBoot;
+
 // Management data of one kind of chunks, read without a server.
 struct CardManagement {
   enum class Copies { kBothGood, kMainBad, kBackupBad, kBothBad, kDifferent };
@@ -58,8 +60,8 @@ class TARN_API CardInfo {
   std::array<CardManagement, 3> management_;
   int32_t dbImageBytes_ = 0;
 
-  bool readVolume(int fd, std::string* error);
-  bool readInfoFile(int fd, std::string* error);
+  bool readVolume(int fd, FatBoot* boot, std::string* error);
+  bool readInfoFile(int fd, const FatBoot& boot, std::string* error);
   bool checkFamilies(std::string* error) const;
   bool readManagement(int fd, std::string* error);
 };

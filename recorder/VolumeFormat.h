@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+#include "recorder/CardLayout.h"
+
+// The parts of a FAT32 volume that PCs read and the library does not: full boot sector, FSInfo,
+// FATs, directory entries with long names. Encoders fill buffers, nothing here touches a device.
+namespace tarn {
+
+// Boot sector, beyond the fields of fat/FatFormat.h          off size
+inline constexpr uint32_t kBootOemOff = 3;            //   3  8  says whose volume it is
+inline constexpr uint32_t kBootSectorBytesOff = 11;   //  11  2  512
+inline constexpr uint32_t kBootMediaOff = 21;         //  21  1  0xF8
+inline constexpr uint32_t kBootTrackSectorsOff = 24;  //  24  2  nothing uses these three today
+inline constexpr uint32_t kBootHeadsOff = 26;         //  26  2
+inline constexpr uint32_t kBootHiddenOff = 28;        //  28  4  0: a bare volume
+inline constexpr uint32_t kBootTotalSectorsOff = 32;  //  32  4
+inline constexpr uint32_t kBootFsInfoOff = 48;        //  48  2  sector of FSInfo
+inline constexpr uint32_t kBootBackupOff = 50;        //  50  2  sector of the backup
+inline constexpr uint32_t kBootDriveOff = 64;         //  64  1  0x80
+inline constexpr uint32_t kBootExtendedOff = 66;      //  66  1  0x29: the next three are there
+inline constexpr uint32_t kBootVolumeIdOff = 67;      //  67  4
+inline constexpr uint32_t kBootLabelOff = 71;         //  71 11
+inline constexpr uint32_t kBootSystemOff = 82;        //  82  8  "FAT32   "
+inline constexpr uint32_t kBootSignatureOff = 510;    // 510  2  0x55 0xAA
+inline constexpr char kOemName[] = "TARN 1.0";
+inline constexpr char kVolumeLabel[] = "TARN CARD  ";
+inline constexpr uint32_t kLabelBytes = 11;
+
+// What stands in sector 0 while a format is under way. The 16-bit FAT size that is not 0 makes
+// every open of a chunk refuse the card; the text lets a new format go ahead without being forced.
+inline constexpr char kUnfinishedText[] = "TARN card, format not finished";
+
+inline constexpr uint32_t kFsInfoSector = 1;
+inline constexpr uint32_t kBackupSector = 6;
+
+void encodeBootSector(const CardLayout& layout, uint32_t volumeId, uint8_t* sector);
+void encodeFsInfo(const CardLayout& layout, uint8_t* sector);
+void encodeUnfinishedSector(uint8_t* sector);
+bool isUnfinishedSector(const uint8_t* sector);
+
+// FAT entries, 4 bytes each, of the clusters first .. first + count - 1.
+void encodeFat(const CardLayout& layout, uint32_t first, uint32_t count, uint8_t* out);
+
+// The whole root directory, layout.rootBytes() of it: the info file first, the volume label, then
+// all other chunk files. `when` stamps the files; 0 gives FAT's first day.
+void encodeRootDirectory(const CardLayout& layout, time_t when, uint8_t* out);
+
+// Bytes of the info file in use: the length and nine records.
+inline constexpr uint32_t kInfoFileBytes = 760;
+// Records begin with the name of the family's first chunk file ("CKST0000"), padded with zeros; the
+// other bytes that readers do not use are 0.
+void encodeInfoFile(const CardLayout& layout, uint8_t* out);
+
+}  // namespace tarn
