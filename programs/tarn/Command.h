@@ -1,0 +1,48 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tarn {
+
+// Exit codes of the tool. `run` passes on its command's own code instead.
+inline constexpr int kExitGood = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
+
+// One command of the tool. It lives from before parsing until the program ends.
+class Command {
+ public:
+  virtual ~Command() = default;
+
+  // Adds the subcommand with its options, bound to members, and returns it.
+  virtual CLI::App* addTo(CLI::App& tool) = 0;
+  // Does the work, with the fixed paths of a recorder around it, and returns the exit code. Says
+  // what went wrong on standard error, through complain(). Ends in order, finishing the database
+  // and its journal, when stopRequested() turns true.
+  virtual int run() = 0;
+  // False for commands that work on a card as such and need neither database nor server.
+  virtual bool needsRecorder() const { return true; }
+  // Members that hold paths given by the user, "" and "-" meaning none. In a private view, where
+  // /tmp is not the user's, they are rewritten before run().
+  virtual std::vector<std::string*> userPaths() { return {}; }
+  // Words of a command line that may name files, where userPaths() does not do.
+  virtual std::vector<std::string> shownPaths() const { return {}; }
+  // The global option --card, for commands that do not need a recorder.
+  virtual void setCard(const std::string& card) { static_cast<void>(card); }
+};
+
+// Every command, in the order of the help text; Commands.cpp lists them.
+std::vector<std::unique_ptr<Command>> allCommands();
+
+std::unique_ptr<Command> makeFormatCommand();
+std::unique_ptr<Command> makeInfoCommand();
+std::unique_ptr<Command> makeListCommand();
+std::unique_ptr<Command> makeRunCommand();
+// In media/, where the build has libavformat.
+std::unique_ptr<Command> makeRecordCommand();
+std::unique_ptr<Command> makeExportCommand();
+
+}  // namespace tarn
