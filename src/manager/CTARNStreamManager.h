@@ -1,7 +1,13 @@
 #pragma once
 
+#include <cstdint>
+
 #include "base/Export.h"
 #include "manager/CTARNManagerBase.h"
+
+namespace tarn {
+struct DeleteRange;
+}
 
 // Client-side manager of the stream chunks. Each has two ring areas, selected by `type` below: 0
 // the picture area, 1 the stream area. The operations without a selector are the base class's.
@@ -42,10 +48,9 @@ class TARN_API CTARNStreamManager : public CTARNManagerBase {
   long deleteData(short chunk, unsigned long start, unsigned long size);
 
  private:
-  struct Range;
   // Opens the entry at `start` and takes from its headers the stream range that it covers.
   int readEntry(short chunk, uint32_t start, uint32_t size, uint32_t* streamStart,
                 uint32_t* streamLength);
   // Moves one area's use offset to the end of the range.
-  int releaseRange(short chunk, unsigned char area, const Range& range);
+  int releaseRange(short chunk, unsigned char area, const tarn::DeleteRange& range);
 };

@@ -101,6 +101,7 @@ class TARN_API CTARNStreamManagerNative {
   bool allocateRecords();
   int loadRecords();
   bool saveCopy(int handle, const char* seekError, const char* writeError);
+  bool isStreamStore() const;
   int newestStreamChunk();
   bool hasRoom(int chunk, uint32_t needSize, signed char ch) const;
   bool isUnused(int chunk) const;
