@@ -1,0 +1,131 @@
+// tarn-server: owns the chunk management data of the card and answers the recorder's processes.
+
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "recorder/ManagementServer.h"
+
+namespace {
+
+enum ExitStatus { kExitOk = 0, kExitCannotStart = 1, kExitUsage = 2, kExitNotSaved = 3 };
+
+constexpr char kHelp[] =
+    "Usage: tarn-server [--ready-fd N]\n"
+    "Owns the chunk management data of the card /dev/sdblk0p1 and answers the recorder's\n"
+    "processes on /tmp/unix-sock-tarn-server until it gets SIGTERM, SIGINT or SIGHUP.\n"
+    "\n"
+    "  --ready-fd N  write a newline to file descriptor N when clients can connect, and close it\n"
+    "  --help        print this text and exit\n"
+    "  --version     print the version and exit\n"
+    "\n"
+    "Exit status: 0 stopped, all saved; 1 cannot start; 2 wrong usage; 3 stopped, not all saved.\n";
+
+struct Options {
+  bool help = false;
+  bool version = false;
+  int readyFd = -1;
+};
+
+std::atomic<tarn::ManagementServer*> g_server{nullptr};
+
+void onStopSignal(int) {
+  const int savedErrno = errno;
+  tarn::ManagementServer* server = g_server;
+  if (server != nullptr) server->requestStop();
+  errno = savedErrno;
+}
+
+void installStopSignals() {
+  struct sigaction action;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = onStopSignal;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;  // the loop is woken by other means; a card access goes on
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaction(number, &action, nullptr);
+}
+
+// An open descriptor of this process, or -1.
+int parseDescriptor(const char* text) {
+  char* end = nullptr;
+  errno = 0;
+  const long number = strtol(text, &end, 10);
+  if (end == text || *end != '\0' || errno != 0 || number < 0 || number > INT_MAX) return -1;
+  const int fd = static_cast<int>(number);
+  return fcntl(fd, F_GETFD) < 0 ? -1 : fd;
+}
+
+bool parseReadyFd(const char* text, Options* options) {
+  options->readyFd = parseDescriptor(text);
+  if (options->readyFd >= 0) return true;
+  fprintf(stderr, "tarn-server: --ready-fd needs an open file descriptor, not '%s'\n", text);
+  return false;
+}
+
+bool parseOptions(int argc, char** argv, Options* options) {
+  constexpr char kReadyFd[] = "--ready-fd";
+  constexpr size_t kReadyFdLength = sizeof kReadyFd - 1;
+  for (int i = 1; i < argc; ++i) {
+    const char* arg = argv[i];
+    if (strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0) {
+      options->help = true;
+    } else if (strcmp(arg, "--version") == 0) {
+      options->version = true;
+    } else if (strcmp(arg, kReadyFd) == 0) {
+      if (!parseReadyFd(++i < argc ? argv[i] : "", options)) return false;
+    } else if (strncmp(arg, kReadyFd, kReadyFdLength) == 0 && arg[kReadyFdLength] == '=') {
+      if (!parseReadyFd(arg + kReadyFdLength + 1, options)) return false;
+    } else {
+      fprintf(stderr, "tarn-server: unknown argument '%s'; see tarn-server --help\n", arg);
+      return false;
+    }
+  }
+  return true;
+}
+
+// The descriptor is closed either way, so that a launcher that waits sees an end. Standard streams
+// stay open.
+void tellReady(int fd, bool ready) {
+  if (fd < 0) return;
+  if (ready) {
+    [[maybe_unused]] const ssize_t written = write(fd, "\n", 1);  // a launcher that left is its own
+  }
+  if (fd > STDERR_FILENO) close(fd);
+}
+
+int serve(int readyFd) {
+  tarn::ManagementServer server;
+  g_server = &server;
+  installStopSignals();
+  const bool started = server.start() == 0;
+  tellReady(readyFd, started);
+  int status = kExitCannotStart;
+  if (started) status = server.run() == 0 ? kExitOk : kExitNotSaved;
+  g_server = nullptr;
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!parseOptions(argc, argv, &options)) return kExitUsage;
+  if (options.help) {
+    fputs(kHelp, stdout);
+    return kExitOk;
+  }
+  if (options.version) {
+    puts("tarn-server " TARN_VERSION);
+    return kExitOk;
+  }
+  openlog("tarn-server", LOG_PID, LOG_DAEMON);
+  return serve(options.readyFd);
+}

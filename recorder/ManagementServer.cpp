@@ -1,0 +1,154 @@
+#include "recorder/ManagementServer.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "base/UniqueFd.h"
+#include "manager/RequestFormat.h"
+#include "mesg/CMesgServer.h"
+#include "recorder/FileLock.h"
+#include "recorder/ManagementStores.h"
+#include "recorder/ServerMessages.h"
+#include "recorder/ServerReport.h"
+
+namespace tarn {
+namespace {
+
+// Two servers that start at once both find nobody answering; the lock lets one of them through.
+constexpr char kLockPath[] = "/tmp/unix-sock-tarn-server.lock";
+constexpr mode_t kSocketMode = 0660;
+// Of one select(). Everything that matters wakes it, so its length does not.
+constexpr unsigned long kSelectSeconds = 60;
+constexpr useconds_t kPauseUs = 10000;
+
+enum class Probe { kFree, kAnswered, kUnknown };
+
+// Whether a server answers on the path: a full backlog and a socket of another type answer too.
+// errno tells more about kUnknown.
+Probe probePath() {
+  const UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!fd.valid()) return Probe::kUnknown;
+  sockaddr_un address;
+  memset(&address, 0, sizeof address);
+  address.sun_family = AF_UNIX;
+  static_assert(sizeof kServerSocketPath <= sizeof address.sun_path);
+  memcpy(address.sun_path, kServerSocketPath, sizeof kServerSocketPath);
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  if (connect(fd.get(), generic, sizeof address) == 0) return Probe::kAnswered;
+  if (errno == ENOENT || errno == ECONNREFUSED) return Probe::kFree;
+  if (errno == EAGAIN || errno == EPROTOTYPE) return Probe::kAnswered;
+  return Probe::kUnknown;
+}
+
+}  // namespace
+
+ManagementServer::ManagementServer() = default;
+
+ManagementServer::~ManagementServer() {
+  m_waker = nullptr;
+  m_server.reset();
+}
+
+int ManagementServer::start() {
+  if (m_server != nullptr || !claimPath()) return -1;
+  m_stores = std::make_unique<ManagementStores>();
+  m_stores->open();
+  return listen();
+}
+
+bool ManagementServer::claimPath() {
+  m_lock = std::make_unique<FileLock>();
+  if (!m_lock->lock(kLockPath, false)) {
+    if (errno == EWOULDBLOCK) {
+      reportServer(LOG_ERR, kMsgServerRuns, kServerSocketPath);
+    } else {
+      reportServer(LOG_ERR, kMsgServerProbe, kServerSocketPath, strerror(errno));
+    }
+    return false;
+  }
+  const Probe probe = probePath();
+  if (probe == Probe::kUnknown) {
+    reportServer(LOG_ERR, kMsgServerProbe, kServerSocketPath, strerror(errno));
+  } else if (probe == Probe::kAnswered) {
+    reportServer(LOG_ERR, kMsgServerRuns, kServerSocketPath);
+  }
+  if (probe != Probe::kFree) m_lock->unlock();
+  return probe == Probe::kFree;
+}
+
+int ManagementServer::listen() {
+  m_server = std::make_unique<CMesgServer>(kServerSocketPath, kSelectSeconds, 0);
+  m_server->setSocketMode(kSocketMode);
+  if (m_server->startAcceptNewConnectionThread() != 0 || m_server->waitUntilListening() != 0) {
+    reportServer(LOG_ERR, kMsgServerListen, kServerSocketPath);
+    m_server.reset();
+    m_lock->unlock();
+    return -1;
+  }
+  m_waker = m_server.get();
+  syslog(LOG_INFO, kMsgServerReady, kServerSocketPath);
+  return 0;
+}
+
+int ManagementServer::run() {
+  if (m_server == nullptr) return -1;
+  while (!m_stop) {
+    const int marked = m_server->select();
+    if (marked > 0) {
+      serveMarked();
+    } else if (marked < 0 && errno == ENOTCONN) {
+      m_server->waitForClient(-1);
+    } else if (marked < 0 && errno != EINTR) {
+      usleep(kPauseUs);  // out of memory, say: not the moment to spin
+    }
+  }
+  return shutDown();
+}
+
+void ManagementServer::serveMarked() {
+  uint8_t packet[kRequestSize + 1];  // one more, so that a longer packet shows
+  long client = -1;
+  long length;
+  while ((length = m_server->readReady(packet, sizeof packet, &client)) != 0) {
+    if (length > 0) answerPacket(packet, length, client);
+  }
+}
+
+// A packet of the wrong length is no request: its sender gets an empty refusal, so that it does not
+// wait for ever. A client that does not take its answer is the messaging server's to drop.
+void ManagementServer::answerPacket(const void* packet, long length, long client) {
+  RequestRecord record;
+  if (length == long{kRequestSize}) {
+    memcpy(record.bytes(), packet, kRequestSize);
+    m_stores->answer(record);
+  } else {
+    record.setResult(kResultRefused);
+  }
+  m_server->writeMesg(record.bytes(), kRequestSize, client);
+}
+
+// Clients are let go last: one that finds its connection closed also finds its data saved. The
+// object of the socket lives on, for requestStop() may still use it; its path stays locked.
+int ManagementServer::shutDown() {
+  m_server->stopAcceptNewConnectionThread();
+  const int saved = m_stores->save();
+  unlink(kServerSocketPath);
+  m_server->closeClients();
+  m_stores.reset();
+  syslog(LOG_INFO, kMsgServerStopped);
+  return saved;
+}
+
+void ManagementServer::requestStop() noexcept {
+  m_stop = true;
+  CMesgServer* waker = m_waker;
+  if (waker != nullptr) waker->interrupt();
+}
+
+}  // namespace tarn

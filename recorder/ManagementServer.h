@@ -1,0 +1,62 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "base/Export.h"
+
+class CMesgServer;
+
+namespace tarn {
+
+class FileLock;
+class ManagementStores;
+
+// The process that owns the chunk management data: answers the managers' requests on
+// /tmp/unix-sock-tarn-server from the native stores of the recorder's card. There is one of them on
+// a machine, and nothing else may write the management files while it runs.
+//
+//   tarn::ManagementServer server;
+//   if (server.start() != 0) return 1;
+//   return server.run() == 0 ? 0 : 3;   // until requestStop()
+//
+// An object serves once. start(), run() and the destructor are for one thread.
+class TARN_API ManagementServer {
+ public:
+  ManagementServer();
+  // Ends without saving what run() has not saved; the socket is removed if start() made it.
+  ~ManagementServer();
+  ManagementServer(const ManagementServer&) = delete;
+  ManagementServer& operator=(const ManagementServer&) = delete;
+
+  // Opens the stores and begins to listen; clients can connect when it returns 0. The socket is
+  // for the process's user and group (mode 0660); one that a dead server left behind is replaced.
+  // -1, reported in the system log and on standard error: another server answers on the path (it
+  // is left alone), or the socket cannot be made. A store that cannot be opened (no card, bad CRC)
+  // is no reason to fail: it is reported and its requests are refused.
+  int start();
+
+  // Serves until requestStop(), then closes the socket, saves all stores, removes the socket's path
+  // and disconnects the clients. 0, or -1 when a store could not be saved (reported) or start() has
+  // not succeeded.
+  int run();
+
+  // Makes run() end, also one that has not begun yet. For any thread and for signal handlers, while
+  // the object lives.
+  void requestStop() noexcept;
+
+ private:
+  bool claimPath();
+  int listen();
+  void serveMarked();
+  void answerPacket(const void* packet, long length, long client);
+  int shutDown();
+
+  std::unique_ptr<FileLock> m_lock;  // held to the end: the path is ours
+  std::unique_ptr<ManagementStores> m_stores;
+  std::unique_ptr<CMesgServer> m_server;
+  std::atomic<CMesgServer*> m_waker{nullptr};  // m_server, for requestStop()
+  std::atomic<bool> m_stop{false};
+};
+
+}  // namespace tarn

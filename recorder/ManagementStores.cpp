@@ -1,0 +1,164 @@
+#include "recorder/ManagementStores.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <cstdint>
+
+#include "base/Wrap.h"
+#include "fat/ChunkFiles.h"
+#include "recorder/ServerMessages.h"
+#include "recorder/ServerReport.h"
+
+namespace tarn {
+namespace {
+
+constexpr int kBadCrc = -2;  // of openManageData
+constexpr int kFailed = -1;
+
+// Chunk numbers are signed 16-bit numbers everywhere behind this point, so the whole word is tested
+// before it is narrowed.
+bool chunkInStore(CTARNStreamManagerNative& store, uint32_t chunk) {
+  return chunk < std::min<uint32_t>(store.numChunk(), INT16_MAX + 1u);
+}
+
+// Attribute and channel words hold a signed 8-bit number, sign-extended or not.
+bool holdsByte(uint32_t word) { return word <= UINT8_MAX || asSigned32(word) >= INT8_MIN; }
+
+signed char lowByte(uint32_t word) {
+  return static_cast<signed char>(static_cast<uint8_t>(word & 0xFF));
+}
+
+int getUsage(CTARNStreamManagerNative& store, short chunk, RequestRecord& record) {
+  // Endless stores fill one pair only; the other comes back as sent.
+  CHUNK_USAGE usage = record.usage();
+  if (store.getUsage(chunk, &usage) != 0) return kFailed;
+  record.setUsage(usage);
+  return 0;
+}
+
+int setChunkAttr(CTARNStreamManagerNative& store, short chunk, const RequestRecord& record) {
+  if (!holdsByte(record.arg1()) || !holdsByte(record.arg2())) return kFailed;
+  return store.setChType(chunk, lowByte(record.arg1()), lowByte(record.arg2()));
+}
+
+int getChunkAttr(CTARNStreamManagerNative& store, short chunk, RequestRecord& record) {
+  CHUNK_MANAGE manage;
+  if (store.getManageData(chunk, &manage) != 0) return kFailed;
+  record.setArg1(RequestRecord::fromSigned(manage.chType));
+  record.setArg2(RequestRecord::fromSigned(manage.recType));
+  return 0;
+}
+
+int getChunkSize(CTARNStreamManagerNative& store, RequestRecord& record) {
+  const uint32_t area = record.arg1();
+  if (area != kAreaPicture && area != kAreaStream) return kFailed;
+  record.setArg1(low32(store.getChunkSize(static_cast<short>(area))));
+  return 0;
+}
+
+int firstAvailable(CTARNStreamManagerNative& store, RequestRecord& record) {
+  if (!holdsByte(record.arg1()) || !holdsByte(record.arg2())) return kFailed;
+  const short chunk =
+      store.firstAvailableChunk(record.arg0(), lowByte(record.arg1()), lowByte(record.arg2()));
+  if (chunk < 0) return kFailed;
+  record.setArg0(RequestRecord::fromSigned(chunk));
+  return 0;
+}
+
+// Requests that name a chunk in arg0.
+int applyToChunk(CTARNStreamManagerNative& store, RequestRecord& record) {
+  if (!chunkInStore(store, record.arg0())) return kFailed;
+  const auto chunk = static_cast<short>(record.arg0());
+  const uint8_t area = record.arg2() != 0 ? kAreaStream : kAreaPicture;
+  switch (record.command()) {
+    case kRequestGetUsage:
+      return getUsage(store, chunk, record);
+    case kRequestSetChunkAttr:
+      return setChunkAttr(store, chunk, record);
+    case kRequestSetFreeOffset:
+      return store.setFree(chunk, record.arg1(), area);
+    case kRequestSetUseOffset:
+      return store.setUsage(chunk, record.arg1(), area);
+    case kRequestGetChunkAttr:
+      return getChunkAttr(store, chunk, record);
+    default:
+      return kFailed;
+  }
+}
+
+// 0, or anything else for a refusal.
+int apply(CTARNStreamManagerNative& store, RequestRecord& record) {
+  switch (record.command()) {
+    case kRequestSaveManageData:
+      return store.saveManageData();
+    case kRequestFreeSizeTotal:
+      record.setTotal(store.freeSizeTotal());
+      return 0;
+    case kRequestNumUsedChunk:
+      record.setArg1(store.numUsedChunk());
+      return 0;
+    case kRequestNumChunk:
+      record.setArg1(store.numChunk());
+      return 0;
+    case kRequestChunkSize:
+      return getChunkSize(store, record);
+    case kRequestFirstAvailable:
+      return firstAvailable(store, record);
+    default:
+      return applyToChunk(store, record);
+  }
+}
+
+}  // namespace
+
+ManagementStores::ManagementStores()
+    : m_journal(kFileJournal),
+      m_syslog(kFileSyslog),
+      m_entries{{"stream", &m_stream, false},
+                {"journal", &m_journal, false},
+                {"syslog", &m_syslog, false}} {}
+
+int ManagementStores::open() {
+  int opened = 0;
+  for (Entry& entry : m_entries) {
+    const int result = entry.store->openManageData(kRecorderPartition);
+    entry.isOpen = result == 0;
+    if (entry.isOpen) {
+      ++opened;
+    } else if (result == kBadCrc) {
+      reportServer(LOG_ERR, kMsgStoreBadCrc, entry.name);
+    } else {
+      reportServer(LOG_ERR, kMsgStoreNotOpen, entry.name);
+    }
+  }
+  return opened;
+}
+
+int ManagementStores::save() {
+  int result = 0;
+  for (const Entry& entry : m_entries) {
+    if (!entry.isOpen || entry.store->saveManageData() == 0) continue;
+    reportServer(LOG_ERR, kMsgStoreNotSaved, entry.name);
+    result = kFailed;
+  }
+  return result;
+}
+
+// A management file and its chunk file are one store, and so is the database image's kind, which
+// has the stream chunks' suffix. The info file and the picture chunks have no management of their
+// own. The partition does not matter: the stores are always those of the recorder's own card.
+CTARNStreamManagerNative* ManagementStores::openStore(uint32_t kind) {
+  static constexpr int8_t kEntryOfKind[kFileTypeCount] = {-1, 1, 1, 2, 2, 0, 0, 0, -1};
+  if (kind >= uint32_t{kFileTypeCount} || kEntryOfKind[kind] < 0) return nullptr;
+  const Entry& entry = m_entries[kEntryOfKind[kind]];
+  return entry.isOpen ? entry.store : nullptr;
+}
+
+void ManagementStores::answer(RequestRecord& record) {
+  CTARNStreamManagerNative* store = openStore(record.kind());
+  const bool done = store != nullptr && apply(*store, record) == 0;
+  record.setResult(done ? kResultDone : kResultRefused);
+}
+
+}  // namespace tarn

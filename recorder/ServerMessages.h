@@ -1,0 +1,17 @@
+#pragma once
+
+// Texts of the management server: to the system log and to standard error.
+namespace tarn {
+
+inline constexpr char kMsgServerRuns[] = "another management server answers on %s";
+inline constexpr char kMsgServerProbe[] = "can't tell whether a server answers on %s: %s";
+inline constexpr char kMsgServerListen[] = "can't listen on %s";
+inline constexpr char kMsgServerReady[] = "management server listens on %s";
+inline constexpr char kMsgServerStopped[] = "management server stopped";
+inline constexpr char kMsgStoreNotOpen[] =
+    "management data of the %s chunks can't be read: requests for them are refused";
+inline constexpr char kMsgStoreBadCrc[] =
+    "management data of the %s chunks are damaged: requests for them are refused";
+inline constexpr char kMsgStoreNotSaved[] = "management data of the %s chunks can't be saved";
+
+}  // namespace tarn
