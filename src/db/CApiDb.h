@@ -140,7 +140,8 @@ class TARN_API CApiDb {
   void runStatement(const char* sql, Attempt attempt);
   bool reportFailure(int result, const char* sql, char* errorText);
   uint32_t lastInsertKey() const;
-  uint32_t deleteEventsOfResult(uint32_t* newestKey);
+  int32_t deleteHeldEvents(bool announceFirst);
+  uint32_t execCount(const char* sql);
   bool oneEvent(DB_EVENT* out);
   bool oneStream(DB_STREAM* out);
 
