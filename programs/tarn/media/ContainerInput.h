@@ -1,0 +1,32 @@
+#pragma once
+
+#include "media/Av.h"
+#include "media/MediaInput.h"
+
+namespace tarn::tool {
+
+// H.264 video of a container file with times of its own.
+class ContainerInput : public MediaInput {
+ public:
+  static std::unique_ptr<MediaInput> open(const std::string& path, double frameRate,
+                                          std::string* error);
+  Result next(MediaPicture* out) override;
+
+ private:
+  int openFilter(std::string* error);
+  // The next packet of the video as a byte stream; 0, AVERROR_EOF or another error.
+  int nextPacket();
+  void fill(MediaPicture* out);
+
+  AvOwned<AVFormatContext> format_;
+  AvOwned<AVBSFContext> filter_;
+  AvOwned<AVPacket> packet_;
+  AVStream* stream_ = nullptr;  // owned by format_
+  ParameterSets parameterSets_;
+  bool started_ = false;
+  bool draining_ = false;
+  int64_t originUs_ = 0;  // presentation time of the first picture
+  int64_t lastDecodeUs_ = 0;
+};
+
+}  // namespace tarn::tool

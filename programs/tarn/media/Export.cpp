@@ -1,0 +1,179 @@
+#include "media/Export.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <vector>
+
+#include "db/CApiDb.h"
+#include "media/MediaOutput.h"
+#include "recorder/RecordingReader.h"
+
+namespace tarn::tool {
+namespace {
+
+constexpr PictureTime kBeginning{0, 0};
+constexpr PictureTime kForEver{UINT32_MAX, 999999};
+
+std::string clockText(PictureTime time) {
+  const time_t seconds = static_cast<time_t>(time.seconds);
+  tm local{};
+  char text[32];
+  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", localtime_r(&seconds, &local));
+  return fmt::format("{}.{:03}", text, time.milliseconds());
+}
+
+class Exporter {
+ public:
+  explicit Exporter(const ExportRequest& request) : request_(request) {}
+  int run();
+
+ private:
+  bool fail(const std::string& text) {
+    fmt::print(stderr, "tarn export: {}\n", text);
+    return false;
+  }
+  bool choose();
+  bool chooseEvent();
+  bool exportRow(const DB_STREAM& row, MediaOutput* output);
+  bool writePicture(RecordingReader* reader, const PictureEntry& entry, MediaOutput* output);
+  uint32_t firstPicture(RecordingReader* reader) const;
+  bool neededLater(RecordingReader* reader, uint32_t index) const;
+
+  const ExportRequest& request_;
+  std::vector<DB_STREAM> rows_;
+  PictureTime from_ = kBeginning;
+  PictureTime to_ = kForEver;
+  OutputPicture picture_;
+  uint64_t written_ = 0;
+  uint64_t bytes_ = 0;
+  uint64_t lost_ = 0;  // pictures that could not be read
+  bool waitForKey_ = true;
+  PictureTime first_;
+  PictureTime last_;
+};
+
+bool Exporter::chooseEvent() {
+  CApiDb database;
+  DB_EVENT event{};
+  // 0 and 0xFFFFFFFF have a meaning of their own to the look-up: the first and the last event.
+  const uint32_t key = *request_.eventID;
+  if (key == 0 || key == UINT32_MAX || database.selectEvent(key, &event) != 1)
+    return fail(fmt::format("there is no event {}", key));
+  rows_ = streamsOfEvent(event);
+  from_ = PictureTime::fromMicros((int64_t{event.startDate} - event.preSec) * 1000000 +
+                                  int64_t{event.startMSec} * 1000);
+  if (event.endDate != 0) to_ = {event.endDate, event.endMSec * 1000u + 999u};
+  return true;
+}
+
+bool Exporter::choose() {
+  if (request_.eventID) {
+    if (!chooseEvent()) return false;
+  } else if (request_.streamID) {
+    CApiDb database;
+    DB_STREAM row{};
+    if (database.selectStream(*request_.streamID, &row) != 1)
+      return fail(fmt::format("there is no recording {}", *request_.streamID));
+    rows_.push_back(row);
+  } else {
+    from_ = request_.from.value_or(kBeginning);
+    to_ = request_.to.value_or(kForEver);
+    rows_ = streamsOfPeriod(from_.seconds, to_.seconds, request_.trigger.value_or(0));
+  }
+  std::sort(rows_.begin(), rows_.end(), [](const DB_STREAM& a, const DB_STREAM& b) {
+    return std::make_pair(a.startDate, a.streamID) < std::make_pair(b.startDate, b.streamID);
+  });
+  return !rows_.empty() || fail("nothing was recorded in that time");
+}
+
+// Only a key picture can begin a file; the one before the wanted time comes along.
+uint32_t Exporter::firstPicture(RecordingReader* reader) const {
+  if (written_ > 0) return 0;
+  const int64_t key = reader->findKeyPictureBefore(from_);
+  return key > 0 ? static_cast<uint32_t>(key) : 0;
+}
+
+// Pictures are stored in decode order, so one that is presented after the end may still be needed
+// by one before it. No decoder holds back more than 16 pictures.
+bool Exporter::neededLater(RecordingReader* reader, uint32_t index) const {
+  constexpr uint32_t kMostReordered = 16;
+  PictureEntry entry;
+  for (uint32_t ahead = 1; ahead <= kMostReordered; ++ahead) {
+    if (!reader->picture(index + ahead, &entry) || entry.isKey()) return false;
+    if (!(to_ < entry.presentation)) return true;
+  }
+  return false;
+}
+
+bool Exporter::writePicture(RecordingReader* reader, const PictureEntry& entry,
+                            MediaOutput* output) {
+  if (!reader->readPicture(entry, &picture_.annexB)) {
+    ++lost_;
+    waitForKey_ = true;  // what follows cannot be decoded without it
+    return true;
+  }
+  picture_.presentation = entry.presentation;
+  picture_.decodeOffsetUs = entry.decodeOffsetUs;
+  picture_.key = entry.isKey();
+  if (!output->write(picture_)) return fail(output->error());
+  if (written_ == 0 || entry.presentation < first_) first_ = entry.presentation;
+  if (last_ < entry.presentation) last_ = entry.presentation;
+  ++written_;
+  bytes_ += picture_.annexB.size();
+  return true;
+}
+
+bool Exporter::exportRow(const DB_STREAM& row, MediaOutput* output) {
+  RecordingReader reader;
+  if (reader.open(row) != 0) return fail(fmt::format("recording {} cannot be read", row.streamID));
+  PictureEntry entry;
+  for (uint32_t index = firstPicture(&reader); index < reader.pictureCount(); ++index) {
+    if (!reader.picture(index, &entry)) {
+      ++lost_;
+      waitForKey_ = true;
+      continue;
+    }
+    if (to_ < entry.presentation && !neededLater(&reader, index)) return true;
+    if (waitForKey_ && !entry.isKey()) continue;
+    waitForKey_ = false;
+    if (!writePicture(&reader, entry, output)) return false;
+  }
+  return true;
+}
+
+int Exporter::run() {
+  if (!choose()) return 1;
+  std::string error;
+  const auto output = MediaOutput::create(request_.output, request_.overwrite, &error);
+  if (output == nullptr) {
+    fail(error);
+    return 1;
+  }
+  for (const DB_STREAM& row : rows_) {
+    if (!exportRow(row, output.get())) return 1;
+  }
+  if (written_ == 0) {
+    fail("no picture of that time can be read");
+    return 1;
+  }
+  if (!output->finish()) {
+    fail(output->error());
+    return 1;
+  }
+  fmt::print("{}: {} pictures, {} to {}, {:.1f} MB\n", request_.output, written_, clockText(first_),
+             clockText(last_), static_cast<double>(bytes_) / 1e6);
+  if (lost_ > 0) {
+    fmt::print(stderr, "tarn export: {} pictures could not be read and are missing\n", lost_);
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int exportMedia(const ExportRequest& request) { return Exporter(request).run(); }
+
+}  // namespace tarn::tool

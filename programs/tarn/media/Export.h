@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "recorder/PictureTime.h"
+
+namespace tarn::tool {
+
+// What `tarn export` was asked for: exactly one of a recording, an event and a period.
+struct ExportRequest {
+  std::optional<uint32_t> streamID;
+  std::optional<uint32_t> eventID;
+  std::optional<PictureTime> from;
+  std::optional<PictureTime> to;
+  std::optional<uint16_t>
+      trigger;         // only recordings of this trigger; others of a period are left out
+  std::string output;  // .mp4 or .h264
+  bool overwrite = false;
+};
+
+// Writes the pictures to a file and says on standard output what it holds. The exit status: 0, or 1
+// after a failure, which is told on standard error; the file exists only after a success.
+int exportMedia(const ExportRequest& request);
+
+}  // namespace tarn::tool

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "recorder/PictureTime.h"
+
+namespace tarn::tool {
+
+// One picture to be written, in decode order.
+struct OutputPicture {
+  std::vector<uint8_t> annexB;
+  PictureTime presentation;
+  int32_t decodeOffsetUs = 0;  // decode time minus presentation time
+  bool key = false;
+};
+
+// File that exported pictures go to: an .mp4 with each picture's time, or a bare .h264 stream. The
+// file appears under its name only when finish() succeeds; until then, and after a failure, it is
+// NAME.part, which the destructor removes. Used by one thread.
+class MediaOutput {
+ public:
+  virtual ~MediaOutput();
+
+  // The format follows from the ending, .mp4 or .h264. Refuses an existing file unless `overwrite`.
+  // Null with *error set.
+  static std::unique_ptr<MediaOutput> create(const std::string& path, bool overwrite,
+                                             std::string* error);
+
+  // The first picture must be a key picture with its parameter sets. False with error() set.
+  virtual bool write(const OutputPicture& picture) = 0;
+  // Completes the file, flushes it and gives it its name. False with error() set.
+  bool finish();
+
+  const std::string& error() const { return error_; }
+
+ protected:
+  virtual bool complete() = 0;
+
+  std::string path_;
+  std::string partPath_;
+  std::string error_;
+};
+
+}  // namespace tarn::tool

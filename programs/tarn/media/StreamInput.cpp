@@ -1,0 +1,124 @@
+#include "media/StreamInput.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "recorder/AnnexB.h"
+
+namespace tarn::tool {
+namespace {
+
+constexpr size_t kBlockSize = 65536;
+constexpr size_t kMostReordered = 16;
+constexpr double kUsualRate = 25;
+
+}  // namespace
+
+std::unique_ptr<MediaInput> StreamInput::open(int fd, double frameRate, std::string* error) {
+  av_log_set_level(AV_LOG_FATAL);
+  auto input = std::make_unique<StreamInput>();
+  input->fd_.reset(fd);
+  input->givenRate_ = frameRate;
+  input->frameRate_ = frameRate > 0 ? frameRate : kUsualRate;
+  input->block_.resize(kBlockSize + AV_INPUT_BUFFER_PADDING_SIZE);
+  const AVCodec* decoder = avcodec_find_decoder(AV_CODEC_ID_H264);
+  input->parser_.reset(av_parser_init(AV_CODEC_ID_H264));
+  if (decoder != nullptr) input->codec_.reset(avcodec_alloc_context3(decoder));
+  if (input->parser_ == nullptr || input->codec_ == nullptr) {
+    *error = "libavcodec was built without H.264";
+    return nullptr;
+  }
+  return input;
+}
+
+void StreamInput::takeFrameRate() {
+  // The parser reports fields a second for streams that may be interlaced; ticks_per_frame undoes
+  // it. Only the first key picture counts: a later change would shift the times of what came
+  // before.
+  if (givenRate_ > 0 || sequence_ != 1 || codec_->framerate.num <= 0) return;
+  const double rate = av_q2d(codec_->framerate);
+  if (rate >= 1 && rate <= 1000) frameRate_ = rate;
+}
+
+void StreamInput::add(const uint8_t* data, int size) {
+  Waiting waiting;
+  waiting.picture.annexB.assign(data, data + size);
+  waiting.picture.key = isKeyPicture(data, static_cast<size_t>(size));
+  parameterSets_.complete(&waiting.picture.annexB, waiting.picture.key);
+  if (waiting.picture.key) {
+    settle(true);  // nothing is presented across an IDR picture
+    ++sequence_;
+    takeFrameRate();
+  }
+  waiting.order = sequence_ * (int64_t{1} << 33) + parser_->output_picture_number;
+  waiting_.push_back(std::move(waiting));
+  settle(false);
+}
+
+void StreamInput::settle(bool all) {
+  for (;;) {
+    Waiting* first = nullptr;
+    size_t open = 0;
+    for (Waiting& waiting : waiting_) {
+      if (waiting.presentation >= 0) continue;
+      ++open;
+      if (first == nullptr || waiting.order < first->order) first = &waiting;
+    }
+    if (open == 0 || (!all && open <= kMostReordered)) return;
+    first->presentation = nextPresentation_++;
+  }
+}
+
+bool StreamInput::readMore() {
+  const ssize_t got = TEMP_FAILURE_RETRY(::read(fd_.get(), block_.data(), kBlockSize));
+  if (got < 0) {
+    error_ = std::string("reading the stream failed: ") + strerror(errno);
+    return false;
+  }
+  ended_ = got == 0;
+  memset(block_.data() + got, 0, AV_INPUT_BUFFER_PADDING_SIZE);
+  const uint8_t* data = block_.data();
+  int left = static_cast<int>(got);
+  do {
+    uint8_t* picture = nullptr;
+    int size = 0;
+    const int used = av_parser_parse2(parser_.get(), codec_.get(), &picture, &size, data, left,
+                                      AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
+    data += used;
+    left -= used;
+    if (size > 0)
+      add(picture, size);
+    else if (ended_)
+      break;
+  } while (left > 0 || ended_);
+  if (ended_) settle(true);
+  return true;
+}
+
+MediaInput::Result StreamInput::next(MediaPicture* out) {
+  while (waiting_.empty() || waiting_.front().presentation < 0) {
+    if (ended_ && waiting_.empty()) return Result::kEnd;
+    if (!readMore()) return Result::kError;
+  }
+  const double frameUs = 1e6 / frameRate_;
+  const auto timeOf = [frameUs](int64_t frames) {
+    return static_cast<int64_t>(static_cast<double>(frames) * frameUs + 0.5);
+  };
+  Waiting& first = waiting_.front();
+  *out = std::move(first.picture);
+  out->presentationUs = timeOf(first.presentation);
+  // Decoding runs ahead by as many pictures as a decoder may hold, so it never falls behind.
+  out->decodeUs = nextDecode_ >= static_cast<int64_t>(kMostReordered)
+                      ? timeOf(nextDecode_ - static_cast<int64_t>(kMostReordered))
+                      : -timeOf(static_cast<int64_t>(kMostReordered) - nextDecode_);
+  out->durationUs = timeOf(1);
+  ++nextDecode_;
+  lengthUs_ = std::max(lengthUs_, out->presentationUs + out->durationUs);
+  waiting_.pop_front();
+  return Result::kPicture;
+}
+
+}  // namespace tarn::tool

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "base/UniqueFd.h"
+#include "media/Av.h"
+#include "media/MediaInput.h"
+
+namespace tarn::tool {
+
+// Annex B byte stream without times, from a descriptor. Pictures are cut apart by the parser; their
+// place in the order of presentation follows from their picture order count. At most 16 pictures
+// are held back for it: no H.264 decoder has to hold more.
+class StreamInput : public MediaInput {
+ public:
+  // Takes the descriptor over.
+  static std::unique_ptr<MediaInput> open(int fd, double frameRate, std::string* error);
+  Result next(MediaPicture* out) override;
+
+ private:
+  struct Waiting {
+    MediaPicture picture;
+    int64_t order = 0;          // sequence of key pictures, then picture order count
+    int64_t presentation = -1;  // place in the order of presentation, -1 while not known
+  };
+  // Reads until a picture is complete or the stream ends. False on a read error.
+  bool readMore();
+  void add(const uint8_t* data, int size);
+  // Gives places to the pictures that no later one can precede.
+  void settle(bool all);
+  void takeFrameRate();
+
+  UniqueFd fd_;
+  AvOwned<AVCodecContext> codec_;
+  AvOwned<AVCodecParserContext> parser_;
+  ParameterSets parameterSets_;
+  std::vector<uint8_t> block_;  // as read, with the padding that the parser wants
+  std::deque<Waiting> waiting_;
+  double givenRate_ = 0;
+  bool ended_ = false;
+  int64_t sequence_ = 0;          // key pictures so far
+  int64_t nextPresentation_ = 0;  // pictures that have a place
+  int64_t nextDecode_ = 0;        // pictures handed out
+};
+
+}  // namespace tarn::tool
