@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <ctime>
 #include <vector>
 
+#include "Console.h"
 #include "db/CApiDb.h"
 #include "media/MediaOutput.h"
 #include "recorder/RecordingReader.h"
@@ -17,13 +17,7 @@ namespace {
 constexpr PictureTime kBeginning{0, 0};
 constexpr PictureTime kForEver{UINT32_MAX, 999999};
 
-std::string clockText(PictureTime time) {
-  const time_t seconds = static_cast<time_t>(time.seconds);
-  tm local{};
-  char text[32];
-  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", localtime_r(&seconds, &local));
-  return fmt::format("{}.{:03}", text, time.milliseconds());
-}
+std::string clockText(PictureTime time) { return timeText(time.seconds, time.milliseconds()); }
 
 class Exporter {
  public:
@@ -32,7 +26,7 @@ class Exporter {
 
  private:
   bool fail(const std::string& text) {
-    fmt::print(stderr, "tarn export: {}\n", text);
+    complain(text);
     return false;
   }
   bool choose();
@@ -166,7 +160,7 @@ int Exporter::run() {
   fmt::print("{}: {} pictures, {} to {}, {:.1f} MB\n", request_.output, written_, clockText(first_),
              clockText(last_), static_cast<double>(bytes_) / 1e6);
   if (lost_ > 0) {
-    fmt::print(stderr, "tarn export: {} pictures could not be read and are missing\n", lost_);
+    complain(fmt::format("{} pictures could not be read and are missing", lost_));
     return 1;
   }
   return 0;

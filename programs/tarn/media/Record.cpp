@@ -7,26 +7,16 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cmath>
-#include <csignal>
 #include <cstdlib>
 #include <ctime>
 
+#include "Console.h"
 #include "dblog/CDbLog.h"
 #include "media/MediaInput.h"
 #include "recorder/RecordingSession.h"
 
 namespace tarn::tool {
 namespace {
-
-volatile sig_atomic_t g_stop = 0;
-
-// The recording ends in order at Ctrl-C or a service manager's stop: everything so far is kept.
-void stopOnSignals() {
-  struct sigaction action {};
-  action.sa_handler = [](int) { g_stop = 1; };
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-}
 
 int64_t monotonicUs() {
   timespec now{};
@@ -82,10 +72,11 @@ class Recorder {
   int64_t beganUs_ = 0;   // monotonic
   int64_t lastProgressUs_ = 0;
   unsigned eventsInserted_ = 0;
+  std::optional<ProgressLine> progress_;
 };
 
 bool Recorder::fail(const std::string& text) {
-  fmt::print(stderr, "tarn record: {}\n", text);
+  complain(text);
   return false;
 }
 
@@ -104,7 +95,7 @@ bool Recorder::openSession(const MediaInput& input) {
 void Recorder::pace(int64_t decodeUs) {
   if (!request_.realtime) return;
   const int64_t due = beganUs_ + originUs_ + decodeUs;
-  for (int64_t wait = due - monotonicUs(); wait > 0 && g_stop == 0; wait = due - monotonicUs())
+  for (int64_t wait = due - monotonicUs(); wait > 0 && !stopRequested(); wait = due - monotonicUs())
     usleep(static_cast<useconds_t>(std::min<int64_t>(wait, 500000)));
 }
 
@@ -141,11 +132,11 @@ bool Recorder::recordPicture(const MediaPicture& picture) {
 
 bool Recorder::recordOnce(MediaInput* input) {
   MediaPicture picture;
-  while (g_stop == 0) {
+  while (!stopRequested()) {
     const MediaInput::Result result = input->next(&picture);
     if (result == MediaInput::Result::kEnd) return true;
     // A stop interrupts the read of a live stream; that is no failure.
-    if (result == MediaInput::Result::kError) return g_stop != 0 || fail(input->error());
+    if (result == MediaInput::Result::kError) return stopRequested() || fail(input->error());
     if (!session_.isOpen() && !openSession(*input)) return false;
     if (!recordPicture(picture)) return false;
   }
@@ -153,18 +144,17 @@ bool Recorder::recordOnce(MediaInput* input) {
 }
 
 void Recorder::progress() {
-  static const bool terminal = isatty(STDERR_FILENO) == 1;
   const int64_t now = monotonicUs();
-  if (!terminal || now - lastProgressUs_ < 250000) return;
+  if (now - lastProgressUs_ < 250000) return;
   lastProgressUs_ = now;
   const RecordingStatistics statistics = session_.statistics();
-  fmt::print(stderr, "\r{} pictures, {:.1f} s, {:.1f} MB ", statistics.pictures,
-             static_cast<double>(endUs_) / 1e6, static_cast<double>(statistics.bytes) / 1e6);
+  progress_->show(fmt::format("{} pictures, {:.1f} s, {:.1f} MB", statistics.pictures,
+                              static_cast<double>(endUs_) / 1e6,
+                              static_cast<double>(statistics.bytes) / 1e6));
 }
 
 void Recorder::report() const {
   const RecordingStatistics s = session_.statistics();
-  if (lastProgressUs_ != 0) fmt::print(stderr, "\r\033[K");
   fmt::print(
       "recorded {} pictures ({:.1f} s, {:.1f} MB) in {} recordings on {} chunks, {} events\n",
       s.confirmed, static_cast<double>(endUs_) / 1e6, static_cast<double>(s.bytes) / 1e6,
@@ -176,10 +166,10 @@ void Recorder::report() const {
 }
 
 int Recorder::run() {
-  stopOnSignals();
   std::string error;
   bool good = true;
-  for (uint32_t pass = 0; pass < request_.loop && good && g_stop == 0; ++pass) {
+  progress_.emplace();
+  for (uint32_t pass = 0; pass < request_.loop && good && !stopRequested(); ++pass) {
     const auto input = MediaInput::open(request_.input, request_.frameRate, &error);
     if (input == nullptr) {
       good = fail(error);
@@ -191,7 +181,7 @@ int Recorder::run() {
     }
     originUs_ = endUs_;
     good = recordOnce(input.get());
-    if (good && g_stop == 0 && session_.statistics().pictures == 0)
+    if (good && !stopRequested() && session_.statistics().pictures == 0)
       good = fail(request_.input + " holds no picture that a recording can begin with");
   }
   const bool opened = session_.statistics().segments > 0 || session_.isOpen();
@@ -200,11 +190,12 @@ int Recorder::run() {
       good = session_.endEvent(event.eventID, clockTime(std::min(event.endUs, endUs_))) == 0 ||
              fail(session_.errorText());
     else if (event.eventID == 0)
-      fmt::print(stderr, "tarn record: the recording ended before the event {}@{:g}\n",
-                 event.trigger, static_cast<double>(event.startUs) / 1e6);
+      complain(fmt::format("the recording ended before the event {}@{:g}", event.trigger,
+                           static_cast<double>(event.startUs) / 1e6));
   }
   if (session_.isOpen() && session_.close() != 0 && good) good = fail(session_.errorText());
   CDbLog::getInstance()->finish();
+  progress_.reset();
   if (opened) report();
   return good ? 0 : 1;
 }

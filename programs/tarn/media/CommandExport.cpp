@@ -1,0 +1,72 @@
+#include "Command.h"
+#include "Console.h"
+#include "media/Export.h"
+
+namespace tarn {
+namespace {
+
+// Reads an optional time option. False after complaining.
+bool readTime(const char* name, const std::string& text, uint32_t micros,
+              std::optional<PictureTime>* out) {
+  if (text.empty()) return true;
+  PictureTime time;
+  time.micros = micros;
+  if (!parseTime(text, &time.seconds)) {
+    complain(std::string(name) + " " + text + ": expected YYYY-MM-DDTHH:MM:SS");
+    return false;
+  }
+  *out = time;
+  return true;
+}
+
+class CommandExport : public Command {
+ public:
+  CLI::App* addTo(CLI::App& tool) override {
+    CLI::App* app = tool.add_subcommand("export", "Write recorded pictures to a file");
+    CLI::Option* stream = app->add_option("--stream", request_.streamID, "This recording");
+    CLI::Option* event =
+        app->add_option("--event", request_.eventID, "All that was recorded during this event");
+    CLI::Option* from = app->add_option("--from", from_, "All from this local time on");
+    CLI::Option* to = app->add_option("--to", to_, "All up to this local time");
+    stream->excludes(event)->excludes(from)->excludes(to)->type_name("ID");
+    event->excludes(from)->excludes(to)->type_name("ID");
+    from->type_name("'YYYY-MM-DDTHH:MM:SS'");
+    to->type_name("'YYYY-MM-DDTHH:MM:SS'");
+    app->add_option("--trigger", request_.trigger, "Only recordings of this trigger")
+        ->excludes(stream)
+        ->excludes(event);
+    app->add_option("-o,--output", request_.output,
+                    "File to write: .mp4 with each picture's time, or .h264 bare")
+        ->required();
+    app->add_flag("--force", request_.overwrite, "Replace the file when it exists");
+    return app;
+  }
+
+  int run() override {
+    if (!readTime("--from", from_, 0, &request_.from) ||
+        !readTime("--to", to_, 999999, &request_.to))
+      return kExitUsage;
+    if (!request_.streamID && !request_.eventID && !request_.from && !request_.to) {
+      complain("say what to export: --stream, --event, or --from and --to");
+      return kExitUsage;
+    }
+    if (request_.from && request_.to && *request_.to < *request_.from) {
+      complain("--to lies before --from");
+      return kExitUsage;
+    }
+    return tool::exportMedia(request_);
+  }
+
+  std::vector<std::string*> userPaths() override { return {&request_.output}; }
+
+ private:
+  tool::ExportRequest request_;
+  std::string from_;
+  std::string to_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeExportCommand() { return std::make_unique<CommandExport>(); }
+
+}  // namespace tarn
