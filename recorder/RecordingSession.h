@@ -48,8 +48,9 @@ struct RecordingStatistics {
 // STREAM and EVENT rows, and lets the oldest recordings go when the card is full.
 //
 // A picture is safe once its entry is on the card: at most flushIntervalMs of picture time behind
-// writePicture(), at a change of row, and at close(). Used by one thread at a time; sessions of
-// several channels may run in any number of threads and processes. Nothing throws.
+// writePicture(), at a change of row, and at close(). Used by one thread at a time. Sessions of
+// several channels may run in threads of one process: the journal of the database has one writing
+// process. The program calls CDbLog::finish() when its last session is closed. Nothing throws.
 class TARN_API RecordingSession {
  public:
   RecordingSession();
@@ -63,9 +64,11 @@ class TARN_API RecordingSession {
   // from the first.
   int open(const RecordingOptions& options);
 
-  // One picture (access unit) in decode order, without a time stamp unit of ours. `decodeOffsetUs`
-  // is decode time minus presentation time. Pictures before the first key picture are dropped
-  // (result 0). 0, or -1 once the session has failed.
+  // One picture (access unit) in decode order; it gets our time stamp unit. `decodeOffsetUs` is
+  // decode time minus presentation time. Pictures before the first key picture are dropped
+  // (result 0). A picture whose decode time lies more than a second before or 8 seconds behind that
+  // of the one before it begins a new row, marked as a discontinuity: the repair after a power loss
+  // takes a gap of 10 seconds for the end. 0, or -1 once the session has failed.
   int writePicture(const void* annexB, size_t size, PictureTime presentation,
                    int32_t decodeOffsetUs, bool key);
   // The next picture follows a gap: it begins a row, which is marked as a discontinuity, with the

@@ -1,0 +1,346 @@
+#include "recorder/RecordingSpace.h"
+
+#include <syslog.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <initializer_list>
+#include <string>
+
+#include "base/Wrap.h"
+#include "chunk/CTARNStreamChunk.h"
+#include "db/CApiDb.h"
+#include "dblog/CDbLog.h"
+#include "fat/ChunkFiles.h"
+#include "manager/CTARNStreamManager.h"
+#include "recorder/RecordingMessages.h"
+#include "recorder/ServerRetry.h"
+
+namespace tarn {
+namespace {
+
+constexpr unsigned char kPicture = 0;
+constexpr unsigned char kStream = 1;
+constexpr signed char kUnused = -1;
+// Chunks of the channel that have stream room and no room for entries are passed over this often.
+constexpr int kPickTries = 4;
+constexpr int kEventPage = 16;
+// Running or long events that are passed over before the search for ended ones stops.
+constexpr int kEventsPassedOver = 64;
+
+constexpr char kSqlOldestOutside[] =
+    "SELECT * FROM STREAM WHERE chunkID NOT IN (%s) ORDER BY streamID ASC LIMIT 1";
+constexpr char kSqlOldestInChunk[] =
+    "SELECT * FROM STREAM WHERE chunkID = %d ORDER BY streamID ASC LIMIT 1";
+constexpr char kSqlNewestInChunk[] =
+    "SELECT * FROM STREAM WHERE chunkID = %d ORDER BY streamID DESC LIMIT 1";
+constexpr char kSqlAnyInChunk[] = "SELECT EXISTS(SELECT 1 FROM STREAM WHERE chunkID = %d)";
+constexpr char kSqlByBackOffset[] =
+    "SELECT * FROM STREAM WHERE backOffset = %" PRIu32 " ORDER BY streamID ASC LIMIT 1";
+constexpr char kSqlEventsAfter[] =
+    "SELECT * FROM EVENT WHERE eventID > %" PRIu32 " ORDER BY eventID ASC LIMIT %d";
+
+short asChunk(int chunk) { return static_cast<short>(chunk); }
+
+}  // namespace
+
+bool readStreamHeader(int chunk, uint32_t offset, StreamHeader* out) {
+  CHUNK_EVENT event = {};
+  event.chunkID = static_cast<uint16_t>(chunk);
+  event.partition = kRecorderPartition;
+  event.startOffset = offset;
+  event.size = kRecordSize;
+  CTARNStreamChunk reader(kPicture);
+  uint8_t bytes[kRecordSize] = {};
+  if (reader.openChunkFile(&event) != 0) return false;
+  if (reader.read(bytes, kRecordSize) != long{kRecordSize} || reader.lastReadFailed()) return false;
+  // Zeros have a right sum too; the version tells them.
+  return decodeStreamHeader(bytes, out) && out->version == kRecordVersion;
+}
+
+bool RecordingSpace::fail(RecordingError error, const char* text) {
+  error_ = error;
+  text_ = text;
+  return false;
+}
+
+int RecordingSpace::take(int8_t channel, int8_t recType, const Need& need, uint32_t now) {
+  error_ = RecordingError::kNone;
+  int chunk = pick(channel, recType, need);
+  while (chunk < 0 && error_ == RecordingError::kNone) {
+    DB_STREAM oldest = {};
+    if (!oldestDeletable(&oldest)) {
+      if (!reclaimOrphans(channel)) break;
+      chunk = pick(channel, recType, need);
+      if (chunk < 0) break;
+    } else {
+      // Every round deletes a row, so the rounds end.
+      if (!deleteRecording(oldest, now, -1)) return -1;
+      const int freed = static_cast<int>(oldest.chunkID);
+      if (oldest.chunkID < manager_->getNumChunk() && usable(freed, channel, need)) chunk = freed;
+    }
+  }
+  if (chunk >= 0) return claim(chunk, channel, recType);
+  if (error_ == RecordingError::kNone) fail(RecordingError::kNoRoom, kErrNoRoom);
+  return -1;
+}
+
+// No chunk and no answer look the same, so the answer "none" counts only from a server that lives.
+int RecordingSpace::pick(int8_t channel, int8_t recType, const Need& need) {
+  const int chunk = pickNow(channel, recType, need);
+  if (chunk >= 0) return chunk;
+  CHUNK_USAGE usage = {};
+  if (!retryFor(kServerPatienceMs, [&] { return manager_->getUsage(0, &usage, kStream) == 0; })) {
+    fail(RecordingError::kServer, kErrServer);
+    return -1;
+  }
+  return pickNow(channel, recType, need);
+}
+
+// The server looks at the stream area only. A chunk whose picture area is full is passed over by
+// asking for more than it has.
+int RecordingSpace::pickNow(int8_t channel, int8_t recType, const Need& need) {
+  unsigned long bytes = need.streamBytes + 1ul;  // a ring keeps one byte free
+  for (int i = 0; i < kPickTries; ++i) {
+    const int chunk = manager_->firstAvailableChunk(bytes, channel, recType);
+    if (chunk < 0) return -1;
+    if (usable(chunk, channel, need)) return chunk;
+    bytes = manager_->freeSize(asChunk(chunk)) + 1ul;
+  }
+  return -1;
+}
+
+bool RecordingSpace::usable(int chunk, int8_t channel, const Need& need) {
+  signed char owner = 0;
+  signed char type = 0;
+  if (manager_->getChType(asChunk(chunk), &owner, &type) != 0) return false;
+  if (owner == kUnused) return true;
+  CHUNK_USAGE picture = {};
+  if (owner != channel || manager_->getUsage(asChunk(chunk), &picture, kPicture) != 0) return false;
+  const auto pictureSize = static_cast<uint32_t>(manager_->pictureChunkSize());
+  return manager_->freeSize(asChunk(chunk)) > need.streamBytes &&
+         ringFree(picture.useAddr, picture.freeAddr, pictureSize) > need.pictureBytes;
+}
+
+int RecordingSpace::claim(int chunk, int8_t channel, int8_t recType) {
+  signed char owner = 0;
+  signed char type = 0;
+  bool foreign = false;
+  if (!chunkHasRows(chunk, &foreign)) return -1;
+  const bool done = retryFor(kServerPatienceMs, [&] {
+    if (manager_->getChType(asChunk(chunk), &owner, &type) != 0) return false;
+    if (owner != kUnused || foreign) return true;
+    return emptyChunk(chunk) && manager_->setChType(asChunk(chunk), channel, recType) == 0;
+  });
+  if (!done) {
+    fail(RecordingError::kServer, kErrServer);
+    return -1;
+  }
+  if (owner == kUnused && foreign) {
+    fail(RecordingError::kDatabase, kErrForeignRows);
+    return -1;
+  }
+  if (!save()) return -1;
+  ++statistics_->chunks;
+  return chunk;
+}
+
+bool RecordingSpace::selectOne(const char* sql, DB_STREAM* row) {
+  db_->setSql(sql);
+  return db_->getNTuple() == 1 && db_->getStreamValue(0, row) == 0;
+}
+
+bool RecordingSpace::oldestInChunk(int chunk, DB_STREAM* row) {
+  char sql[sizeof kSqlOldestInChunk + 16];
+  snprintf(sql, sizeof sql, kSqlOldestInChunk, chunk);
+  return selectOne(sql, row);
+}
+
+bool RecordingSpace::newestInChunk(int chunk, DB_STREAM* row) {
+  char sql[sizeof kSqlNewestInChunk + 16];
+  snprintf(sql, sizeof sql, kSqlNewestInChunk, chunk);
+  return selectOne(sql, row);
+}
+
+// Always one row when the statement works: a chunk must not be emptied because a look-up failed.
+bool RecordingSpace::chunkHasRows(int chunk, bool* any) {
+  char sql[sizeof kSqlAnyInChunk + 16];
+  snprintf(sql, sizeof sql, kSqlAnyInChunk, chunk);
+  db_->setSql(sql);
+  if (db_->getNTuple() != 1) return fail(RecordingError::kDatabase, kErrDatabase);
+  *any = db_->getValue(0, 0) != 0;
+  return true;
+}
+
+// The oldest row of the chunks that nobody is writing to. Few chunks are, one a session, and rows
+// of a session are the newest of their chunk.
+bool RecordingSpace::oldestDeletable(DB_STREAM* row) {
+  std::string busy = "-1";
+  for (;;) {
+    char sql[4096];
+    const int length = snprintf(sql, sizeof sql, kSqlOldestOutside, busy.c_str());
+    if (length < 0 || static_cast<size_t>(length) >= sizeof sql || !selectOne(sql, row))
+      return false;
+    DB_STREAM newest = {};
+    if (!newestInChunk(static_cast<int>(row->chunkID), &newest) || !rowInProgress(newest))
+      return true;
+    busy += "," + std::to_string(row->chunkID);
+  }
+}
+
+bool RecordingSpace::deleteRow(uint32_t streamID) {
+  // The journal is asked by itself first: the database's delete goes on when the journal refuses,
+  // and a rebuilt database would then list a recording whose data is gone.
+  if (!CDbLog::getInstance()->deleteStream(streamID)) {
+    return fail(RecordingError::kJournal, kErrJournal);
+  }
+  db_->deleteStream(streamID);
+  DB_STREAM row = {};
+  if (db_->selectStream(streamID, &row) != 0) return fail(RecordingError::kDatabase, kErrDeleteRow);
+  return true;
+}
+
+bool RecordingSpace::deleteEvent(uint32_t eventID) {
+  if (!CDbLog::getInstance()->deleteEvent(eventID)) {
+    return fail(RecordingError::kJournal, kErrJournal);
+  }
+  db_->deleteEvent(eventID);
+  DB_EVENT event = {};
+  if (db_->selectEvent(eventID, &event) != 0) return fail(RecordingError::kDatabase, kErrDeleteRow);
+  ++statistics_->eventsDeleted;
+  return true;
+}
+
+// Events that ended before the oldest recording that is left have nothing to show any more. They
+// are walked from the oldest until one begins after it.
+bool RecordingSpace::deleteEventsBefore(uint32_t now) {
+  DB_STREAM oldest = {};
+  const uint32_t limit = db_->selectStreamOldestTime(&oldest) == 1 ? oldest.startDate : now;
+  uint32_t last = 0;
+  int passedOver = 0;
+  for (;;) {
+    char sql[sizeof kSqlEventsAfter + 32];
+    snprintf(sql, sizeof sql, kSqlEventsAfter, last, kEventPage);
+    db_->setSql(sql);
+    DB_EVENT page[kEventPage];
+    int count = 0;
+    const int rows = static_cast<int>(db_->getNTuple());
+    while (count < kEventPage && count < rows && db_->getEventValue(count, &page[count]) == 0) {
+      ++count;
+    }
+    for (int i = 0; i < count; ++i) {
+      if (page[i].startDate >= limit) return true;
+      const bool over = page[i].endDate != 0 && page[i].endDate < limit;
+      if (over && !deleteEvent(page[i].eventID)) return false;
+      if (!over && ++passedOver > kEventsPassedOver) return true;
+      last = page[i].eventID;
+    }
+    if (count < kEventPage) return true;
+  }
+}
+
+bool RecordingSpace::deleteRecording(const DB_STREAM& row, uint32_t now, int keepChunk) {
+  if (!deleteRow(row.streamID)) return false;
+  ++statistics_->recordingsDeleted;
+  if (!deleteEventsBefore(now)) return false;
+  // A chunk number that this card does not have is nobody's space.
+  if (row.chunkID >= manager_->getNumChunk()) return true;
+  if (!releaseSpace(row)) return false;
+  const int chunk = static_cast<int>(row.chunkID);
+  bool anyLeft = true;
+  if (chunk != keepChunk && !chunkHasRows(chunk, &anyLeft)) return false;
+  if (!anyLeft && !giveBack(chunk)) return false;
+  return save();
+}
+
+bool RecordingSpace::releaseSpace(const DB_STREAM& row) {
+  const int chunk = static_cast<int>(row.chunkID);
+  StreamHeader header;
+  const bool whole = row.chunkSize != 0 && readStreamHeader(chunk, row.chunkOffset, &header);
+  if (whole && manager_->deleteData(asChunk(chunk), row.chunkOffset, row.chunkSize) >= 0)
+    return true;
+  syslog(LOG_WARNING, kMsgSpaceNoHeader, row.streamID, chunk);
+  return moveUseToOldest(chunk);
+}
+
+// Where the deleted recording does not tell what it covered, the oldest one behind it tells where
+// the data in use begins.
+bool RecordingSpace::moveUseToOldest(int chunk) {
+  bool anyLeft = true;
+  if (!chunkHasRows(chunk, &anyLeft)) return false;
+  if (!anyLeft) {
+    return retryFor(kServerPatienceMs, [&] { return emptyChunk(chunk); }) ||
+           fail(RecordingError::kServer, kErrServer);
+  }
+  DB_STREAM row = {};
+  if (!oldestInChunk(chunk, &row)) return fail(RecordingError::kDatabase, kErrDatabase);
+  StreamHeader header;
+  const bool readable = readStreamHeader(chunk, row.chunkOffset, &header);
+  return retryFor(kServerPatienceMs,
+                  [&] {
+                    // Without its header the stream area keeps its old begin: less room, no harm.
+                    return manager_->setUseOffset(asChunk(chunk), row.chunkOffset, kPicture) == 0 &&
+                           (!readable || manager_->setUseOffset(asChunk(chunk), header.dataOffset,
+                                                                kStream) == 0);
+                  }) ||
+         fail(RecordingError::kServer, kErrServer);
+}
+
+bool RecordingSpace::emptyChunk(int chunk) {
+  for (const unsigned char area : {kPicture, kStream}) {
+    if (manager_->setFreeOffset(asChunk(chunk), 0, area) != 0) return false;
+    if (manager_->setUseOffset(asChunk(chunk), 0, area) != 0) return false;
+  }
+  return true;
+}
+
+bool RecordingSpace::giveBack(int chunk) {
+  return retryFor(kServerPatienceMs,
+                  [&] {
+                    return emptyChunk(chunk) &&
+                           manager_->setChType(asChunk(chunk), kUnused, 0) == 0;
+                  }) ||
+         fail(RecordingError::kServer, kErrServer);
+}
+
+bool RecordingSpace::save() {
+  return retryFor(kServerPatienceMs, [&] { return manager_->saveManageData() == 0; }) ||
+         fail(RecordingError::kServer, kErrServer);
+}
+
+// The last resort: chunks of the channel whose rows are gone and whose space a killed process did
+// not give back. True when there were any.
+bool RecordingSpace::reclaimOrphans(int8_t channel) {
+  bool found = false;
+  for (int chunk = 0; chunk < manager_->getNumChunk(); ++chunk) {
+    signed char owner = 0;
+    signed char type = 0;
+    bool any = true;
+    if (manager_->getChType(asChunk(chunk), &owner, &type) != 0 || owner != channel) continue;
+    if (!chunkHasRows(chunk, &any)) return false;
+    if (any) continue;
+    syslog(LOG_WARNING, kMsgSpaceOrphan, chunk);
+    if (!giveBack(chunk)) return false;
+    found = true;
+  }
+  return found && save();
+}
+
+bool RecordingSpace::freeJournalPlace(uint32_t now, int keepChunk, bool* deleted) {
+  error_ = RecordingError::kNone;
+  *deleted = false;
+  for (;;) {
+    const auto place = static_cast<uint32_t>(CDbLog::getInstance()->getStreamLogBackOffset());
+    char sql[sizeof kSqlByBackOffset + 16];
+    snprintf(sql, sizeof sql, kSqlByBackOffset, place);
+    DB_STREAM row = {};
+    DB_STREAM oldest = {};
+    // A row there that is not the oldest means a stale address: that is the journal guard's.
+    if (!selectOne(sql, &row)) return true;
+    if (db_->selectStreamOldest(&oldest) != 1 || oldest.streamID != row.streamID) return true;
+    if (!deleteRecording(row, now, keepChunk)) return false;
+    *deleted = true;
+  }
+}
+
+}  // namespace tarn

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstdint>
+
+#include "db/DbRecords.h"
+#include "recorder/RecordFormat.h"
+#include "recorder/RecordingSession.h"
+
+class CApiDb;
+class CTARNStreamManager;
+
+namespace tarn {
+
+// Room for recordings: takes chunks for a channel and, when none has room, lets the oldest
+// recordings go. Not part of the interface; belongs to one session and is used by its thread.
+//
+// Several sessions may look for room at once, so every operation here is called with the allocation
+// lock held. Recordings in a chunk that a session is writing to are never deleted: that session
+// keeps its own idea of the chunk's addresses.
+class RecordingSpace {
+ public:
+  // What a new stretch of recording needs at least.
+  struct Need {
+    uint32_t streamBytes = 0;
+    uint32_t pictureBytes = 0;
+  };
+
+  RecordingSpace(CTARNStreamManager* manager, CApiDb* db, RecordingStatistics* statistics)
+      : manager_(manager), db_(db), statistics_(statistics) {}
+
+  // Chooses a chunk with that room for the channel, claims it and saves the claim; deletes for it
+  // what must go. The chunk number, or -1 with *error and *text set. `now`: events that ended
+  // before it go when no recording is left at all.
+  int take(int8_t channel, int8_t recType, const Need& need, uint32_t now);
+  // Deletes one recording: rows first, then the events before the oldest remaining recording, then
+  // the space, then the management data is saved. A chunk left empty goes back to all channels,
+  // unless it is `keepChunk`, which a session holds open.
+  bool deleteRecording(const DB_STREAM& row, uint32_t now, int keepChunk);
+  // When the journal's next record would overwrite the one of the oldest row, that recording goes.
+  // *deleted tells whether one went.
+  bool freeJournalPlace(uint32_t now, int keepChunk, bool* deleted);
+  // Deletes a row alone, journal first; its space stays. False when either did not take it.
+  bool deleteRow(uint32_t streamID);
+
+  // Newest row of a chunk. False when there is none.
+  bool newestInChunk(int chunk, DB_STREAM* row);
+
+  RecordingError error() const { return error_; }
+  const char* errorText() const { return text_; }
+
+ private:
+  int pick(int8_t channel, int8_t recType, const Need& need);
+  int pickNow(int8_t channel, int8_t recType, const Need& need);
+  int claim(int chunk, int8_t channel, int8_t recType);
+  bool usable(int chunk, int8_t channel, const Need& need);
+  bool reclaimOrphans(int8_t channel);
+  bool oldestDeletable(DB_STREAM* row);
+  bool deleteEventsBefore(uint32_t now);
+  bool deleteEvent(uint32_t eventID);
+  bool releaseSpace(const DB_STREAM& row);
+  bool moveUseToOldest(int chunk);
+  bool emptyChunk(int chunk);
+  bool giveBack(int chunk);
+  bool save();
+  bool selectOne(const char* sql, DB_STREAM* row);
+  bool oldestInChunk(int chunk, DB_STREAM* row);
+  bool chunkHasRows(int chunk, bool* any);
+  bool fail(RecordingError error, const char* text);
+
+  CTARNStreamManager* manager_;
+  CApiDb* db_;
+  RecordingStatistics* statistics_;
+  RecordingError error_ = RecordingError::kNone;
+  const char* text_ = "";
+};
+
+// True for a row that a session has begun and not closed.
+inline bool rowInProgress(const DB_STREAM& row) {
+  return row.recSize == 0 && row.endDate == 0 && (row.status & 1) != 0;
+}
+
+// Reads the stream header at `offset` of a picture chunk. False when it cannot be read or its sum
+// is wrong.
+bool readStreamHeader(int chunk, uint32_t offset, StreamHeader* out);
+
+}  // namespace tarn
