@@ -11,9 +11,9 @@ namespace tarn {
 // creates, alters or drops a table.
 //
 // Columns stand in record order (db/DbRecords.h) with integer affinity; keys are AUTOINCREMENT, so
-// that a key is never given out twice, not even that of a deleted row. Every operation returns
-// false on failure and then says in *error, one line, what failed; all but check() wait for the
-// machine's database semaphore. Use by one thread at a time.
+// that a key is never given out twice, not even that of a deleted row. Every operation waits for
+// the machine's database semaphore, returns false on failure and then says in *error, one line,
+// what failed. Names of at most 127 characters. Use by one thread at a time.
 class TARN_API DatabaseSetup {
  public:
   // The one database file of the recorder.
