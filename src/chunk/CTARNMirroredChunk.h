@@ -88,6 +88,5 @@ class TARN_API CTARNMirroredChunk {
   CTARNManagerBase* manager = nullptr;  // not owned
 
  private:
-  bool appendMirror(void* buf, long size, uint32_t address);
   long mirrorFailed(long result, long size);
 };

@@ -15,7 +15,7 @@ struct CHUNK_EVENT {
 // and manager answers carry it (16 bytes on the wire, little-endian). Endless chunks have one area
 // only and use the first pair. Use equal to free means empty.
 struct CHUNK_USAGE {
-  uint32_t useAddr;        // picture area, or the one area of an endless chunk
+  uint32_t useAddr;  // picture area, or the one area of an endless chunk
   uint32_t freeAddr;
   uint32_t streamUseAddr;  // stream area
   uint32_t streamFreeAddr;
