@@ -6,6 +6,7 @@
 #include "base/Export.h"
 #include "base/Mutex.h"
 #include "db/DbRecords.h"
+#include "dblog/JournalFormat.h"
 
 class CApiDb;
 class CTARNEndlessManager;
@@ -69,38 +70,39 @@ class TARN_API CDbLog {
   int finish();
 
  private:
-  // What differs between the two journals.
-  struct Kind;
-  static const Kind kEvent;
-  static const Kind kStream;
   enum : int8_t { kModeUnknown = -1, kModeRecman = 0, kModeOther = 1, kModeMenu = 2 };
-  // Sets of modes that may use an operation.
-  enum : uint32_t { kRecmanOnly = 0x1, kRecmanOrMenu = 0x5, kAnyValid = 0x7 };
+  // Name, permitted modes and messages of an operation.
+  struct Operation;
 
   CDbLog();
   // Copies nothing: the instance is not meant to be copied.
   CDbLog(const CDbLog&);
 
   int connectLocked() TARN_REQUIRES(m_lock);
-  int openAllLocked() TARN_REQUIRES(m_lock);
+  bool openAllLocked() TARN_REQUIRES(m_lock);
   bool openManagerLocked() TARN_REQUIRES(m_lock);
-  bool openJournalLocked(const Kind& kind) TARN_REQUIRES(m_lock);
+  bool openJournalLocked(tarn::JournalKind kind) TARN_REQUIRES(m_lock);
   void closeAllLocked() TARN_REQUIRES(m_lock);
   void flushLocked() TARN_REQUIRES(m_lock);
-  bool admit(const char* operation, uint32_t modes, const char* refusal) TARN_EXCLUDES(m_lock);
-  // The journal, opened anew if another thread has finished it meanwhile; null if it cannot be.
-  CTARNMirroredChunk* journalLocked(const Kind& kind) TARN_REQUIRES(m_lock);
-  std::unique_ptr<CTARNMirroredChunk>& slotLocked(const Kind& kind) TARN_REQUIRES(m_lock);
+  std::unique_ptr<CTARNMirroredChunk>& slotLocked(tarn::JournalKind kind) TARN_REQUIRES(m_lock);
 
-  bool append(const Kind& kind, uint8_t* record) TARN_EXCLUDES(m_lock);
-  // Reads the record of the row with this key, lets `patch` change it and writes it back.
+  // Connects and tests the process mode; logs why not.
+  bool admit(const Operation& operation) TARN_EXCLUDES(m_lock);
+  bool admitLocked(const Operation& operation) TARN_REQUIRES(m_lock);
+  unsigned long nextOffset(const Operation& operation) TARN_EXCLUDES(m_lock);
+  bool append(const Operation& operation, void* record) TARN_EXCLUDES(m_lock);
+  // Reads the record at `offset`, lets `patch` change it and writes it back, both copies.
   template <typename Patch>
-  bool rewrite(const Kind& kind, unsigned long key, Patch patch, const char* const (&messages)[4])
-      TARN_EXCLUDES(m_lock);
-  unsigned long nextOffset(const Kind& kind) TARN_EXCLUDES(m_lock);
-  unsigned long searchBackOffset(const char* sqlFormat, unsigned long key)
-      TARN_EXCLUDES(m_searchLock);
-  CApiDb* searchConnectionLocked() TARN_REQUIRES(m_searchLock);
+  bool rewrite(const Operation& operation, unsigned long offset, Patch patch) TARN_EXCLUDES(m_lock);
+  bool readAtLocked(const Operation& operation, uint32_t offset, void* record)
+      TARN_REQUIRES(m_lock);
+  bool writeAtLocked(const Operation& operation, uint32_t offset, void* record)
+      TARN_REQUIRES(m_lock);
+  bool seekLocked(const Operation& operation, uint32_t offset) TARN_REQUIRES(m_lock);
+  bool markDeleted(const Operation& operation, unsigned long offset) TARN_EXCLUDES(m_lock);
+
+  unsigned long searchBackOffset(const char* sql) TARN_EXCLUDES(m_searchLock);
+  CApiDb* searchDbLocked() TARN_REQUIRES(m_searchLock);
 
   std::unique_ptr<CTARNEndlessManager> m_manager TARN_GUARDED_BY(m_lock);
   std::unique_ptr<CTARNMirroredChunk> m_streamJournal TARN_GUARDED_BY(m_lock);

@@ -1,0 +1,448 @@
+#include "dblog/CDbLog.h"
+
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <cstdio>
+#include <new>
+
+#include "base/Wrap.h"
+#include "chunk/CTARNMirroredChunk.h"
+#include "db/CApiDb.h"
+#include "dblog/DbLogMessages.h"
+#include "fat/ChunkFiles.h"
+#include "manager/CTARNEndlessManager.h"
+
+using tarn::JournalKind;
+using tarn::JournalTraits;
+using tarn::journalTraits;
+using tarn::low32;
+
+namespace {
+
+constexpr char kDatabasePath[] = "/tmp/DB.dat";
+constexpr char kSqlSearchEvent[] = "SELECT backOffset FROM EVENT WHERE eventID = %lu";
+constexpr char kSqlSearchStream[] = "SELECT backOffset FROM STREAM WHERE streamID = %lu";
+constexpr size_t kSqlRoom = 128;
+
+constexpr unsigned long kNoRecord = 0xFFFFFFFF;
+constexpr unsigned long kNoRecordBit = 0x80000000;
+constexpr size_t kProcessNameRoom = 24;
+
+// What an update writes of a mask: never the key, never backOffset.
+constexpr DB_EVENT_REG_BIT kEventPatchable = kEventRegUpdatable & ~kEventRegBackOffset;
+constexpr DB_STREAM_REG_BIT kStreamPatchable = kStreamRegUpdatable & ~kStreamRegBackOffset;
+
+constexpr uint32_t kRecmanOnly = 0x1;  // bit n: process mode n
+constexpr uint32_t kRecmanOrMenu = 0x5;
+constexpr uint32_t kAnyValid = 0x7;
+
+// Kept on purpose: preSec is not among them. The journal keeps the pre-event seconds of the insert.
+void patchEvent(DB_EVENT_REG_BIT mask, const DB_EVENT& from, DB_EVENT* to) {
+  if (mask & kEventRegExtTrg) to->extTrg = from.extTrg;
+  if (mask & kEventRegStartDate) to->startDate = from.startDate;
+  if (mask & kEventRegEndDate) to->endDate = from.endDate;
+  if (mask & kEventRegStartMSec) to->startMSec = from.startMSec;
+  if (mask & kEventRegEndMSec) to->endMSec = from.endMSec;
+}
+
+void patchStream(DB_STREAM_REG_BIT mask, const DB_STREAM& from, DB_STREAM* to) {
+  if (mask & kStreamRegInTrg) to->inTrg = from.inTrg;
+  if (mask & kStreamRegFrameSet) to->frameSet = from.frameSet;
+  if (mask & kStreamRegBitrateSet) to->bitrateSet = from.bitrateSet;
+  if (mask & kStreamRegRecSize) to->recSize = from.recSize;
+  if (mask & kStreamRegChunkID) to->chunkID = from.chunkID;
+  if (mask & kStreamRegChunkOffset) to->chunkOffset = from.chunkOffset;
+  if (mask & kStreamRegChunkSize) to->chunkSize = from.chunkSize;
+  if (mask & kStreamRegStatus) to->status = from.status;
+  if (mask & kStreamRegStartDate) to->startDate = from.startDate;
+  if (mask & kStreamRegEndDate) to->endDate = from.endDate;
+  if (mask & kStreamRegStartMSec) to->startMSec = from.startMSec;
+  if (mask & kStreamRegEndMSec) to->endMSec = from.endMSec;
+}
+
+}  // namespace
+
+struct CDbLog::Operation {
+  JournalKind kind;
+  const char* name;
+  uint32_t modes;
+  const char* refusal;
+  const char* writeError;
+  const char* readError;
+  const char* seekError;
+  const char* noRecord;
+
+  static const Operation insertEvent, updateEvent, deleteEvent, eventOffset;
+  static const Operation insertStream, updateStream, deleteStream, streamOffset;
+  static const Operation clear;
+};
+
+using namespace tarn;  // the messages below
+
+const CDbLog::Operation CDbLog::Operation::insertEvent = {
+    JournalKind::kEvent,  "insertEvent", kRecmanOnly, kMsgInsertEventRefused,
+    kMsgInsertEventWrite, nullptr,       nullptr,     nullptr};
+const CDbLog::Operation CDbLog::Operation::insertStream = {
+    JournalKind::kStream,  "insertStream", kAnyValid, kMsgInsertStreamRefused,
+    kMsgInsertStreamWrite, nullptr,        nullptr,   nullptr};
+const CDbLog::Operation CDbLog::Operation::updateEvent = {
+    JournalKind::kEvent,  "updateEvent",       kRecmanOrMenu,       kMsgUpdateEventRefused,
+    kMsgUpdateEventWrite, kMsgUpdateEventRead, kMsgUpdateEventSeek, kMsgUpdateEventNoRecord};
+const CDbLog::Operation CDbLog::Operation::updateStream = {
+    JournalKind::kStream,    "updateStream",          kAnyValid,
+    kMsgUpdateStreamRefused, kMsgUpdateStreamWrite,   kMsgUpdateStreamRead,
+    kMsgUpdateStreamSeek,    kMsgUpdateStreamNoRecord};
+const CDbLog::Operation CDbLog::Operation::deleteEvent = {
+    JournalKind::kEvent,  "deleteEvent",       kRecmanOrMenu,       kMsgDeleteEventRefused,
+    kMsgDeleteEventWrite, kMsgDeleteEventRead, kMsgDeleteEventSeek, kMsgDeleteEventNoRecord};
+const CDbLog::Operation CDbLog::Operation::deleteStream = {
+    JournalKind::kStream,  "deleteStream",       kRecmanOnly,          kMsgDeleteStreamRefused,
+    kMsgDeleteStreamWrite, kMsgDeleteStreamRead, kMsgDeleteStreamSeek, kMsgDeleteStreamNoRecord};
+const CDbLog::Operation CDbLog::Operation::eventOffset = {JournalKind::kEvent,
+                                                          "getEventLogBackOffset",
+                                                          kRecmanOnly,
+                                                          kMsgEventOffsetRefused,
+                                                          nullptr,
+                                                          nullptr,
+                                                          nullptr,
+                                                          nullptr};
+const CDbLog::Operation CDbLog::Operation::streamOffset = {JournalKind::kStream,
+                                                           "getStreamLogBackOffset",
+                                                           kAnyValid,
+                                                           kMsgStreamOffsetRefused,
+                                                           nullptr,
+                                                           nullptr,
+                                                           nullptr,
+                                                           nullptr};
+const CDbLog::Operation CDbLog::Operation::clear = {JournalKind::kEvent,
+                                                    "clearDbLogFreeAddr",
+                                                    kRecmanOnly,
+                                                    kMsgClearRefused,
+                                                    nullptr,
+                                                    nullptr,
+                                                    nullptr,
+                                                    nullptr};
+
+CDbLog* CDbLog::getInstance() {
+  static CDbLog instance;
+  return &instance;
+}
+
+CDbLog::CDbLog() = default;
+
+CDbLog::CDbLog(const CDbLog&) {}
+
+CDbLog::~CDbLog() { finish(); }
+
+// --- Connection ---
+
+int CDbLog::connect() {
+  const MutexLock lock(m_lock);
+  return connectLocked();
+}
+
+int CDbLog::connectLocked() {
+  if (m_connected) return 0;
+  syslog(LOG_INFO, kMsgJournalConnect);
+  char name[kProcessNameRoom] = {};
+  if (prctl(PR_GET_NAME, name) != 0) {
+    m_processMode = kModeUnknown;
+  } else if (!openAllLocked()) {
+    closeAllLocked();
+    return -1;
+  }
+  m_connected = 1;
+  return 0;
+}
+
+bool CDbLog::openAllLocked() {
+  if (!openManagerLocked()) {
+    syslog(LOG_ERR, kMsgJournalNoManager);
+    return false;
+  }
+  // Kept on purpose: the name is not compared with anything. Every process that can read its own
+  // name counts as the recording manager and may use every operation.
+  m_processMode = kModeRecman;
+  if (!openJournalLocked(JournalKind::kEvent)) {
+    syslog(LOG_ERR, kMsgJournalNoEventChunk);
+    return false;
+  }
+  if (!openJournalLocked(JournalKind::kStream)) {
+    syslog(LOG_ERR, kMsgJournalNoStreamChunk);
+    return false;
+  }
+  return true;
+}
+
+bool CDbLog::openManagerLocked() {
+  m_manager.reset(new (std::nothrow) CTARNEndlessManager(kRecorderPartition, kFileJournal));
+  return m_manager != nullptr && m_manager->openManageData() == 0;
+}
+
+// A pair whose offsets nobody knows must not be written to: it would overwrite its oldest records
+// from offset 0 on.
+bool CDbLog::openJournalLocked(JournalKind kind) {
+  auto& journal = slotLocked(kind);
+  journal.reset(new (std::nothrow) CTARNMirroredChunk(kFileJournal));
+  if (journal == nullptr) return false;
+  const short chunk = journalTraits(kind).chunk;
+  return journal->openChunkFile(m_manager.get(), static_cast<unsigned short>(chunk),
+                                static_cast<unsigned short>(chunk + kJournalMirrorStep)) == 0 &&
+         journal->isUsageKnown();
+}
+
+// The stream journal first, and the manager last: closing a chunk still tells it the free offset.
+void CDbLog::closeAllLocked() {
+  m_streamJournal.reset();
+  m_eventJournal.reset();
+  if (m_manager != nullptr) m_manager->closeManageData();
+  m_manager.reset();
+}
+
+std::unique_ptr<CTARNMirroredChunk>& CDbLog::slotLocked(JournalKind kind) {
+  return kind == JournalKind::kEvent ? m_eventJournal : m_streamJournal;
+}
+
+bool CDbLog::admit(const Operation& operation) {
+  const MutexLock lock(m_lock);
+  return admitLocked(operation);
+}
+
+bool CDbLog::admitLocked(const Operation& operation) {
+  if (connectLocked() != 0) {
+    syslog(LOG_ERR, kMsgJournalConnectError, operation.name);
+    return false;
+  }
+  if (m_processMode < 0 || ((operation.modes >> m_processMode) & 1) == 0) {
+    syslog(LOG_ERR, "%s", operation.refusal);
+    return false;
+  }
+  return true;
+}
+
+// --- Flushing and closing ---
+
+// Under the lock although it waits for the card: another thread's write would use the same chunks,
+// and its requests the same connection to the server.
+void CDbLog::flushLocked() {
+  if (m_streamJournal != nullptr) m_streamJournal->fSync();
+  if (m_eventJournal != nullptr) m_eventJournal->fSync();
+}
+
+int CDbLog::writeLog() {
+  const MutexLock lock(m_lock);
+  flushLocked();
+  if (m_manager != nullptr) m_manager->saveManageData();
+  return 0;
+}
+
+int CDbLog::writeLogNoManage() {
+  const MutexLock lock(m_lock);
+  flushLocked();
+  return 0;
+}
+
+int CDbLog::finish() {
+  writeLog();
+  {
+    const MutexLock lock(m_lock);
+    closeAllLocked();
+    m_connected = 0;
+  }
+  const MutexLock lock(m_searchLock);
+  m_searchDb.reset();
+  return 0;
+}
+
+// --- Offsets ---
+
+unsigned long CDbLog::nextOffset(const Operation& operation) {
+  const MutexLock lock(m_lock);
+  return admitLocked(operation) ? slotLocked(operation.kind)->getFreeAddr() : 0;
+}
+
+unsigned long CDbLog::getEventLogBackOffset() { return nextOffset(Operation::eventOffset); }
+
+unsigned long CDbLog::getStreamLogBackOffset() { return nextOffset(Operation::streamOffset); }
+
+bool CDbLog::clearDbLogFreeAddr() {
+  const MutexLock lock(m_lock);
+  if (!admitLocked(Operation::clear)) return false;
+  const int chunks = m_manager->getNumChunk();
+  for (int chunk = 0; chunk < chunks; ++chunk) {
+    m_manager->setUseOffset(static_cast<short>(chunk), 0);
+    m_manager->setFreeOffset(static_cast<short>(chunk), 0);
+  }
+  m_manager->saveManageData();
+  m_streamJournal->initFreeAddr();
+  m_eventJournal->initFreeAddr();
+  return true;
+}
+
+unsigned long CDbLog::searchEventBackOffset(unsigned long eventID) {
+  char sql[kSqlRoom];
+  snprintf(sql, sizeof sql, kSqlSearchEvent, static_cast<unsigned long>(low32(eventID)));
+  return searchBackOffset(sql);
+}
+
+unsigned long CDbLog::searchStreamBackOffset(unsigned long streamID) {
+  char sql[kSqlRoom];
+  snprintf(sql, sizeof sql, kSqlSearchStream, static_cast<unsigned long>(low32(streamID)));
+  return searchBackOffset(sql);
+}
+
+unsigned long CDbLog::searchBackOffset(const char* sql) {
+  const MutexLock lock(m_searchLock);
+  CApiDb* db = searchDbLocked();
+  if (db == nullptr || db->setSql(sql) != 0) {
+    syslog(LOG_ERR, kMsgJournalSelectError);
+    return kNoRecord;
+  }
+  return db->getNTuple() == 0 ? kNoRecord : db->getValue(0, 0);
+}
+
+CApiDb* CDbLog::searchDbLocked() {
+  struct stat file = {};
+  const bool there = stat(kDatabasePath, &file) == 0;
+  const auto device = static_cast<uint64_t>(file.st_dev);
+  const auto inode = static_cast<uint64_t>(file.st_ino);
+  const bool same = there && device == m_searchDevice && inode == m_searchInode;
+  if (m_searchDb != nullptr && same) return m_searchDb.get();
+  m_searchDb.reset(new (std::nothrow) CApiDb);
+  m_searchDevice = device;
+  m_searchInode = inode;
+  return m_searchDb.get();
+}
+
+// --- Appending ---
+
+bool CDbLog::insertEvent(const DB_EVENT* record) {
+  uint8_t bytes[kEventRecordSize];
+  encodeEventRecord(*record, bytes);
+  return append(Operation::insertEvent, bytes);
+}
+
+bool CDbLog::insertStream(const DB_STREAM* record) {
+  uint8_t bytes[kStreamRecordSize];
+  encodeStreamRecord(*record, bytes);
+  return append(Operation::insertStream, bytes);
+}
+
+bool CDbLog::append(const Operation& operation, void* record) {
+  const JournalTraits& traits = journalTraits(operation.kind);
+  const auto size = static_cast<long>(traits.recordSize);
+  {
+    const MutexLock lock(m_lock);
+    if (!admitLocked(operation)) return false;
+    const long crcLength = static_cast<long>(traits.crcLength);
+    if (slotLocked(operation.kind)->write(record, size, crcLength) != size) {
+      syslog(LOG_ERR, "%s", operation.writeError);
+      return false;
+    }
+  }
+  writeLog();
+  return true;
+}
+
+// --- Changing in place ---
+
+bool CDbLog::seekLocked(const Operation& operation, uint32_t offset) {
+  CTARNMirroredChunk& journal = *slotLocked(operation.kind);
+  const uint32_t chunkSize = low32(journal.getChunkSize());
+  const uint32_t size = journalTraits(operation.kind).recordSize;
+  // Behind the chunk's end lies the next one, whose records look just as good.
+  const bool inside = chunkSize >= size && offset <= chunkSize - size;
+  if (inside && journal.seek(static_cast<long>(offset), SEEK_SET) >= 0) return true;
+  syslog(LOG_ERR, "%s", operation.seekError);
+  return false;
+}
+
+bool CDbLog::readAtLocked(const Operation& operation, uint32_t offset, void* record) {
+  if (!seekLocked(operation, offset)) return false;
+  const JournalTraits& traits = journalTraits(operation.kind);
+  const auto size = static_cast<long>(traits.recordSize);
+  CTARNMirroredChunk& journal = *slotLocked(operation.kind);
+  if (journal.read(record, size, static_cast<long>(traits.crcLength)) == size) return true;
+  syslog(LOG_ERR, "%s", operation.readError);
+  return false;
+}
+
+bool CDbLog::writeAtLocked(const Operation& operation, uint32_t offset, void* record) {
+  if (!seekLocked(operation, offset)) return false;
+  const JournalTraits& traits = journalTraits(operation.kind);
+  const auto size = static_cast<long>(traits.recordSize);
+  CTARNMirroredChunk& journal = *slotLocked(operation.kind);
+  if (journal.writeNoSeek(record, size, static_cast<long>(traits.crcLength)) == size) return true;
+  syslog(LOG_ERR, "%s", operation.writeError);
+  return false;
+}
+
+// One critical section from the read to the write: two threads that change different fields of one
+// record must not undo each other's change.
+template <typename Patch>
+bool CDbLog::rewrite(const Operation& operation, unsigned long offset, Patch patch) {
+  if (offset & kNoRecordBit) {
+    syslog(LOG_ERR, "%s", operation.noRecord);
+    return false;
+  }
+  uint8_t record[kStreamRecordSize];  // the greater of the two
+  {
+    const MutexLock lock(m_lock);
+    // Another thread may have finished the journal during the look-up.
+    if (!admitLocked(operation)) return false;
+    if (!readAtLocked(operation, low32(offset), record)) return false;
+    patch(record);
+    if (!writeAtLocked(operation, low32(offset), record)) return false;
+  }
+  writeLogNoManage();
+  return true;
+}
+
+bool CDbLog::updateEvent(DB_EVENT_REG_BIT mask, const DB_EVENT* record) {
+  if (!admit(Operation::updateEvent)) return false;
+  mask &= kEventPatchable;
+  if (mask == 0) {
+    syslog(LOG_WARNING, kMsgUpdateEventLogNoBits);
+    return false;
+  }
+  return rewrite(Operation::updateEvent, searchEventBackOffset(record->eventID),
+                 [&](uint8_t* bytes) {
+                   DB_EVENT row;
+                   decodeEventRecord(bytes, &row);
+                   patchEvent(mask, *record, &row);
+                   encodeEvent(row, bytes + kJournalBodyOff);
+                 });
+}
+
+bool CDbLog::updateStream(DB_STREAM_REG_BIT mask, const DB_STREAM* record) {
+  if (!admit(Operation::updateStream)) return false;
+  mask &= kStreamPatchable;
+  if (mask == 0) {
+    syslog(LOG_WARNING, kMsgUpdateStreamLogNoBits);
+    return false;
+  }
+  return rewrite(Operation::updateStream, searchStreamBackOffset(record->streamID),
+                 [&](uint8_t* bytes) {
+                   DB_STREAM row;
+                   decodeStreamRecord(bytes, &row);
+                   patchStream(mask, *record, &row);
+                   encodeStream(row, bytes + kJournalBodyOff);
+                 });
+}
+
+bool CDbLog::deleteEvent(unsigned long eventID) {
+  return admit(Operation::deleteEvent) &&
+         markDeleted(Operation::deleteEvent, searchEventBackOffset(eventID));
+}
+
+bool CDbLog::deleteStream(unsigned long streamID) {
+  return admit(Operation::deleteStream) &&
+         markDeleted(Operation::deleteStream, searchStreamBackOffset(streamID));
+}
+
+bool CDbLog::markDeleted(const Operation& operation, unsigned long offset) {
+  const uint32_t marker = journalTraits(operation.kind).deletedMarker;
+  return rewrite(operation, offset, [marker](uint8_t* bytes) { setJournalMarker(bytes, marker); });
+}
