@@ -53,6 +53,7 @@ bool AllocationFault::supported() { return false; }
 #else
 
 extern "C" void* __libc_malloc(size_t size);
+extern "C" void* __libc_calloc(size_t count, size_t size);
 
 namespace tarn_test {
 namespace {
@@ -84,6 +85,14 @@ extern "C" void* malloc(size_t size) {
     return nullptr;
   }
   return __libc_malloc(size);
+}
+
+extern "C" void* calloc(size_t count, size_t size) {
+  if (tarn_test::refused(count * size)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return __libc_calloc(count, size);
 }
 
 #endif

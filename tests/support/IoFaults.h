@@ -79,8 +79,8 @@ class AllocationCount {
   size_t count() const;
 };
 
-// While it lives, malloc of at least `minBytes` on this thread fails from the n-th such call on.
-// Tests must skip themselves when supported() is false (a sanitizer owns the allocator).
+// While it lives, malloc and calloc of at least `minBytes` on this thread fails from the n-th such
+// call on. Tests must skip themselves when supported() is false (a sanitizer owns the allocator).
 class AllocationFault {
  public:
   AllocationFault(size_t minBytes, int n);
