@@ -377,7 +377,7 @@ long CMesgServer::writeMesg(const void* buf, long size, long clientFd) {
   if (sent >= 0) return sent;
   const int error = errno;
   shutdown(fd, SHUT_RDWR);
-  syslog(LOG_ERR, tarn::kMsgWriteError, __func__, __LINE__, kMesgServerName, fd,
+  syslog(LOG_ERR, tarn::kMsgPacketWriteError, __func__, __LINE__, kMesgServerName, fd,
          static_cast<int>(size), error);
   return -1;
 }

@@ -16,7 +16,8 @@ inline constexpr char kMsgSetupError[] = "%s line %d is %s: socket setup error";
 inline constexpr char kMsgAcceptError[] = "%s line %d is %s: accept() error";
 inline constexpr char kMsgNotConnected[] = "%s line %d is %s: not conneted";
 inline constexpr char kMsgReadErrno[] = "%s line %d is %s: errorNumber = %d";
-inline constexpr char kMsgWriteError[] = "%s line %d is %s: write(fd=%d, mesg, size=%d) error(%d)";
+inline constexpr char kMsgPacketWriteError[] =
+    "%s line %d is %s: write(fd=%d, mesg, size=%d) error(%d)";
 inline constexpr char kMsgAcceptNotice[] = "accept new client fd is %d";
 inline constexpr char kMsgClientRefused[] = "%s line %d is %s: client refused, fd(%d) is too high";
 inline constexpr char kMsgWakeError[] = "%s line %d is %s: eventfd() error";
