@@ -1,0 +1,76 @@
+#include "dblog/CDbRestore.h"
+
+#include <syslog.h>
+
+#include <cstdlib>
+
+#include "base/Wrap.h"
+#include "db/CApiDb.h"
+#include "dblog/DbLogMessages.h"
+#include "dblog/JournalFormat.h"
+#include "fat/ChunkFiles.h"
+#include "manager/CTARNEndlessManagerNative.h"
+
+using namespace tarn;
+
+namespace {
+
+constexpr char kSetupCommand[] = "/usr/local/bin/dbsetup init; /usr/local/bin/dbsetup start";
+constexpr int kExitStatusBits = 0xFF00;
+constexpr unsigned char kNoArea = 0;  // endless chunks have one area only
+
+constexpr char kSqlNewestEvent[] = "SELECT backOffset FROM EVENT ORDER BY eventID DESC LIMIT 1";
+constexpr char kSqlNewestStream[] = "SELECT backOffset FROM STREAM ORDER BY streamID DESC LIMIT 1";
+
+bool isRecordPlace(uint32_t offset, uint32_t recordSize, uint32_t chunkSize) {
+  return offset % recordSize == 0 && chunkSize >= recordSize && offset <= chunkSize - recordSize;
+}
+
+// Place behind the record of the row with the greatest key; the present one where there is no row.
+uint32_t correctFree(CApiDb* db, const char* sqlNewest, uint32_t recordSize, uint32_t chunkSize,
+                     uint32_t present) {
+  db->setSql(sqlNewest);
+  if (db->getNTuple() == 1) {
+    const uint32_t newest = db->getValue(0, 0);
+    if (isRecordPlace(newest, recordSize, chunkSize)) {
+      return ringAdvance(newest, recordSize, chunkSize);
+    }
+  }
+  return isRecordPlace(present, recordSize, chunkSize) ? present : 0;
+}
+
+bool recoverPair(CTARNEndlessManagerNative* store, CApiDb* db, JournalKind kind,
+                 const char* sqlNewest) {
+  const JournalTraits& traits = journalTraits(kind);
+  const auto mirror = static_cast<short>(traits.chunk + kJournalMirrorStep);
+  const uint32_t chunkSize = low32(store->getChunkSize(1));
+  CHUNK_USAGE usage = {};
+  if (store->getUsage(traits.chunk, &usage) != 0) return false;
+  const uint32_t free = correctFree(db, sqlNewest, traits.recordSize, chunkSize, usage.freeAddr);
+  return store->setFree(traits.chunk, free, kNoArea) == 0 &&
+         store->setFree(mirror, free, kNoArea) == 0;
+}
+
+}  // namespace
+
+CDbRestore::CDbRestore() = default;
+CDbRestore::~CDbRestore() = default;
+
+int CDbRestore::setupEmptyDb() {
+  if ((system(kSetupCommand) & kExitStatusBits) == 0) return 0;
+  syslog(LOG_ERR, kMsgSetupDbError);
+  return -1;
+}
+
+int CDbRestore::recoverJournalManage() {
+  CTARNEndlessManagerNative store(kFileJournal);
+  if (store.openManageData(kRecorderPartition) != 0) return -1;
+  CApiDb db;
+  if (!recoverPair(&store, &db, JournalKind::kEvent, kSqlNewestEvent) ||
+      !recoverPair(&store, &db, JournalKind::kStream, kSqlNewestStream)) {
+    return -1;
+  }
+  const int saved = store.saveManageData();
+  store.closeManageData();
+  return saved == 0 ? 0 : -1;
+}
