@@ -8,7 +8,7 @@
 namespace tarn {
 
 // How long a recorder puts up with a management server that does not answer: a restart takes less.
-inline constexpr int64_t kServerPatienceMs = 8000;
+inline constexpr int64_t kServerPatienceMs = 5000;
 
 inline int64_t monotonicMs() {
   struct timespec now = {};

@@ -1,0 +1,391 @@
+#include "recorder/RecordingSession.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include "db/CApiDb.h"
+#include "fat/ChunkFiles.h"
+#include "manager/CTARNStreamManager.h"
+#include "recorder/AnnexB.h"
+#include "recorder/FileLock.h"
+#if __has_include("recorder/JournalGuard.h")
+#include "recorder/JournalGuard.h"
+#else
+struct JournalGuard {
+  explicit JournalGuard(CApiDb*) {}
+  bool beforeStreamInsert() { return true; }
+  bool beforeEventInsert() { return true; }
+};
+#endif
+#include "recorder/RecordingMessages.h"
+#include "recorder/RecordingSpace.h"
+#include "recorder/RowWriter.h"
+#include "recorder/ServerRetry.h"
+
+namespace tarn {
+namespace {
+
+// Held while rows are ended, room is made and rows begin, by one session at a time: between a
+// session's rows its chunk has no row in progress that would keep others away from it.
+constexpr char kAllocationLock[] = "/tmp/tarn-recording.lock";
+constexpr char kChannelLock[] = "/tmp/tarn-channel-%d.lock";
+constexpr uint16_t kFrameSetAudio = 0x0080;
+constexpr int64_t kMaxGapUs = 8000000;
+constexpr int64_t kMaxStepBackUs = 1000000;
+// Guesses until a GOP has been seen.
+constexpr uint32_t kFirstGopPictures = 60;
+constexpr uint32_t kFirstGopBytes = 512 * 1024;
+constexpr uint32_t kMarkRepairKinds = 0x300;  // status of rows that are not ours to close
+constexpr char kSqlLeftOpen[] =
+    "SELECT * FROM STREAM WHERE recSize = 0 AND endDate = 0 ORDER BY streamID ASC";
+constexpr DB_EVENT_REG_BIT kEventEnd = 0x10 | 0x40;  // endDate, endMSec
+
+}  // namespace
+
+class RecordingSession::Impl {
+ public:
+  ~Impl() {
+    writer_.closeChunk();  // while there is still a server to tell
+    manager_.closeManageData();
+  }
+
+  int open(const RecordingOptions& options);
+  int write(const void* annexB, size_t size, const PictureEntry& entry);
+  void markDiscontinuity() { gap_ = true; }
+  int flush();
+  uint32_t beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec);
+  int endEvent(uint32_t eventID, PictureTime time);
+  int close();
+
+  bool isOpen() const { return open_; }
+  uint32_t streamID() const { return writer_.running() ? writer_.row().streamID : 0; }
+  RecordingError error() const { return error_; }
+  const char* errorText() const { return text_; }
+  const RecordingStatistics& statistics() const { return statistics_; }
+
+ private:
+  bool fail(RecordingError error, const char* text);
+  bool failAs(const RowWriter& writer) { return fail(writer.error(), writer.errorText()); }
+  bool checkOptions();
+  bool connect();
+  bool closeLeftOvers();
+  bool ownedByChannel(const DB_STREAM& row);
+
+  RecordingSpace::Need need(size_t picture);
+  bool segmentOver(const PictureEntry& entry) const;
+  bool roomIsLow();
+  bool prepareRow(size_t size, PictureEntry* entry);
+  bool changeRow(size_t size, const PictureEntry& entry, bool newChunk);
+  bool takeChunk(size_t size, uint32_t now);
+  bool beginRow(const PictureEntry& entry);
+  void count(size_t size, const PictureEntry& entry);
+  bool jumps(PictureTime decode) const;
+  bool flushBefore(PictureTime decode);
+
+  RecordingOptions options_;
+  bool open_ = false;
+  RecordingError error_ = RecordingError::kNone;
+  const char* text_ = "";
+  RecordingStatistics statistics_;
+
+  FileLock channelLock_;
+  CTARNStreamManager manager_{kRecorderPartition};
+  CApiDb db_;
+  RecordingSpace space_{&manager_, &db_, &statistics_};
+  RowWriter writer_{&manager_, &db_, &space_, &statistics_};
+
+  bool started_ = false;  // a row was begun in this session
+  bool gap_ = true;       // what comes next begins a session or follows a gap
+  PictureTime rowStart_;
+  PictureTime lastDecode_;
+  PictureTime latest_;  // greatest presentation time
+  uint32_t gopBytes_ = 0;
+  uint32_t gopPictures_ = 0;
+  uint32_t maxGopBytes_ = 0;
+  uint32_t maxGopPictures_ = 0;
+  std::vector<uint32_t> runningEvents_;
+};
+
+bool RecordingSession::Impl::fail(RecordingError error, const char* text) {
+  if (error_ != RecordingError::kNone) return false;
+  error_ = error;
+  text_ = text;
+  syslog(LOG_ERR, kMsgSessionFailed, options_.channel, text);
+  return false;
+}
+
+bool RecordingSession::Impl::checkOptions() {
+  if ((options_.frameSet & kFrameSetAudio) != 0)
+    return fail(RecordingError::kBadOption, kErrAudioBit);
+  if (options_.channel < 0) return fail(RecordingError::kBadOption, kErrChannel);
+  if (cardWriteFailed()) return fail(RecordingError::kCard, kErrMarker);
+  char path[64];
+  snprintf(path, sizeof path, kChannelLock, options_.channel);
+  return channelLock_.lock(path, false) || fail(RecordingError::kBadOption, kErrChannelBusy);
+}
+
+bool RecordingSession::Impl::connect() {
+  return retryFor(kServerPatienceMs,
+                  [&] {
+                    if (manager_.openManageData() == 0) return true;
+                    manager_.closeManageData();
+                    return false;
+                  }) ||
+         fail(RecordingError::kServer, kErrServer);
+}
+
+bool RecordingSession::Impl::ownedByChannel(const DB_STREAM& row) {
+  signed char owner = -1;
+  signed char type = 0;
+  return rowInProgress(row) && (row.status & kMarkRepairKinds) == 0 &&
+         (row.frameSet & kFrameSetAudio) == 0 && row.chunkID < manager_.getNumChunk() &&
+         manager_.getChType(static_cast<short>(row.chunkID), &owner, &type) == 0 &&
+         owner == options_.channel;
+}
+
+// A process that was killed leaves its row open while the server and the database live on. The
+// channel's lock is ours, so nobody is writing to such a row.
+bool RecordingSession::Impl::closeLeftOvers() {
+  FileLock allocation;
+  if (!allocation.lock(kAllocationLock, true)) return fail(RecordingError::kServer, kErrLock);
+  std::vector<DB_STREAM> rows;
+  db_.setSql(kSqlLeftOpen);
+  DB_STREAM row = {};
+  for (uint32_t i = 0; i < db_.getNTuple() && db_.getStreamValue(static_cast<long>(i), &row) == 0;
+       ++i) {
+    rows.push_back(row);
+  }
+  for (const DB_STREAM& open : rows) {
+    if (!ownedByChannel(open)) continue;
+    DB_STREAM newest = {};
+    const bool isNewest = space_.newestInChunk(static_cast<int>(open.chunkID), &newest) &&
+                          newest.streamID == open.streamID;
+    if (!writer_.closeLeftOver(open, isNewest)) return failAs(writer_);
+  }
+  return true;
+}
+
+int RecordingSession::Impl::open(const RecordingOptions& options) {
+  options_ = options;
+  open_ = checkOptions() && connect() && closeLeftOvers();
+  return open_ ? 0 : -1;
+}
+
+// Room for about two GOPs, for the picture at hand at least, and for no more than a quarter of a
+// chunk: on small chunks asking for more would throw away more than is won.
+RecordingSpace::Need RecordingSession::Impl::need(size_t picture) {
+  const auto streamSize = static_cast<uint32_t>(manager_.streamChunkSize());
+  const auto pictureSize = static_cast<uint32_t>(manager_.pictureChunkSize());
+  const uint32_t second = options_.bitrate != 0 ? options_.bitrate / 8 : kFirstGopBytes;
+  const uint32_t gop = maxGopBytes_ != 0 ? maxGopBytes_ : second;
+  const uint32_t pictures = maxGopPictures_ != 0 ? maxGopPictures_ : kFirstGopPictures;
+  const auto least = static_cast<uint32_t>(picture + kTimeStampSeiSize);
+  return {std::max(std::min(gop, streamSize / 8) * 2, least),
+          std::min((pictures * 2 + 2) * kRecordSize, pictureSize / 4)};
+}
+
+bool RecordingSession::Impl::roomIsLow() {
+  const RecordingSpace::Need low = need(0);
+  return writer_.streamRoom() <= low.streamBytes || writer_.pictureRoom() <= low.pictureBytes;
+}
+
+bool RecordingSession::Impl::segmentOver(const PictureEntry& entry) const {
+  return options_.segmentSeconds != 0 &&
+         entry.presentation.totalMicros() - rowStart_.totalMicros() >=
+             int64_t{options_.segmentSeconds} * 1000000;
+}
+
+bool RecordingSession::Impl::jumps(PictureTime decode) const {
+  const int64_t step = decode.totalMicros() - lastDecode_.totalMicros();
+  return started_ && (step > kMaxGapUs || step < -kMaxStepBackUs);
+}
+
+bool RecordingSession::Impl::takeChunk(size_t size, uint32_t now) {
+  writer_.closeChunk();
+  const int chunk = space_.take(options_.channel, options_.recType, need(size), now);
+  if (chunk < 0) return fail(space_.error(), space_.errorText());
+  return writer_.openChunk(chunk) || failAs(writer_);
+}
+
+bool RecordingSession::Impl::beginRow(const PictureEntry& entry) {
+  DB_STREAM seed = {};
+  seed.inTrg = options_.inTrg;
+  seed.frameSet = options_.frameSet;
+  seed.bitrateSet = options_.bitrate;
+  seed.startDate = entry.presentation.seconds;
+  seed.startMSec = entry.presentation.milliseconds();
+  if (!writer_.begin(seed)) return failAs(writer_);
+  rowStart_ = entry.presentation;
+  started_ = true;
+  return true;
+}
+
+bool RecordingSession::Impl::changeRow(size_t size, const PictureEntry& entry, bool newChunk) {
+  FileLock allocation;
+  if (!allocation.lock(kAllocationLock, true)) return fail(RecordingError::kServer, kErrLock);
+  if (writer_.running() && !writer_.finish()) return failAs(writer_);
+  if ((newChunk || writer_.chunk() < 0) && !takeChunk(size, entry.presentation.seconds))
+    return false;
+  return beginRow(entry);
+}
+
+// Sees to it that a row runs that has room for the picture.
+bool RecordingSession::Impl::prepareRow(size_t size, PictureEntry* entry) {
+  const bool gap = gap_ || jumps(entry->decodeTime());
+  if (gap) entry->flags |= kEntryDiscontinuity;
+  bool change = !writer_.running() || gap;
+  bool newChunk = false;
+  if (writer_.running()) {
+    change = change || (entry->isKey() && segmentOver(*entry));
+    newChunk = !writer_.fits(size) || ((entry->isKey() || change) && roomIsLow());
+  }
+  if ((change || newChunk) && !changeRow(size, *entry, newChunk)) return false;
+  gap_ = false;
+  return true;
+}
+
+void RecordingSession::Impl::count(size_t size, const PictureEntry& entry) {
+  if (entry.isKey()) gopBytes_ = gopPictures_ = 0;
+  gopBytes_ += static_cast<uint32_t>(size + kTimeStampSeiSize);
+  ++gopPictures_;
+  maxGopBytes_ = std::max(maxGopBytes_, gopBytes_);
+  maxGopPictures_ = std::max(maxGopPictures_, gopPictures_);
+  lastDecode_ = entry.decodeTime();
+  if (latest_ < entry.presentation) latest_ = entry.presentation;
+  ++statistics_.pictures;
+  statistics_.bytes += size;
+}
+
+int RecordingSession::Impl::write(const void* annexB, size_t size, const PictureEntry& given) {
+  if (!open_ || error_ != RecordingError::kNone) return -1;
+  if (size == 0 || size + kTimeStampSeiSize >= manager_.streamChunkSize()) {
+    fail(RecordingError::kTooLarge, kErrPictureSize);
+    return -1;
+  }
+  if (gap_ && !given.isKey()) return 0;
+  PictureEntry entry = given;
+  if (!flushBefore(entry.decodeTime()) || !prepareRow(size, &entry)) return -1;
+  if (!writer_.append(static_cast<const uint8_t*>(annexB), size, entry)) {
+    failAs(writer_);
+    return -1;
+  }
+  const int64_t step = entry.decodeTime().totalMicros() - lastDecode_.totalMicros();
+  count(size, entry);
+  // When the next picture is expected after the interval, what is here must not wait for it.
+  return flushBefore(PictureTime::fromMicros(lastDecode_.totalMicros() + step)) ? 0 : -1;
+}
+
+// Keeps the promise of the flush interval for a picture that comes at `decode`.
+bool RecordingSession::Impl::flushBefore(PictureTime decode) {
+  const int64_t interval = int64_t{options_.flushIntervalMs} * 1000;
+  if (!writer_.running() || writer_.unsafeMicros(decode) < interval) return true;
+  return flush() == 0;
+}
+
+int RecordingSession::Impl::flush() {
+  if (!open_ || error_ != RecordingError::kNone) return -1;
+  if (!writer_.running() || writer_.flush()) return 0;
+  failAs(writer_);
+  return -1;
+}
+
+uint32_t RecordingSession::Impl::beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec) {
+  if (!open_ || error_ != RecordingError::kNone) return 0;
+  if (!JournalGuard(&db_).beforeEventInsert()) {
+    fail(RecordingError::kJournal, kErrJournalPlace);
+    return 0;
+  }
+  DB_EVENT event = {};
+  event.extTrg = trigger;
+  event.preSec = preSec;
+  event.startDate = time.seconds;
+  event.startMSec = time.milliseconds();
+  db_.insertEvent(&event);
+  DB_EVENT stored = {};
+  // A failed insert shows in the row alone: the key that comes back is then an older row's.
+  if (db_.selectEvent(event.eventID, &stored) != 1 || event.eventID == 0 ||
+      stored.startDate != event.startDate || stored.backOffset != event.backOffset) {
+    fail(RecordingError::kDatabase, kErrRow);
+    return 0;
+  }
+  runningEvents_.push_back(event.eventID);
+  return event.eventID;
+}
+
+int RecordingSession::Impl::endEvent(uint32_t eventID, PictureTime time) {
+  const auto found = std::find(runningEvents_.begin(), runningEvents_.end(), eventID);
+  if (!open_ || found == runningEvents_.end()) return -1;
+  runningEvents_.erase(found);
+  DB_EVENT event = {};
+  event.eventID = eventID;
+  event.endDate = time.seconds;
+  event.endMSec = time.milliseconds();
+  return db_.updateEvent(kEventEnd, &event) == eventID ? 0 : -1;
+}
+
+int RecordingSession::Impl::close() {
+  if (!open_) return error_ == RecordingError::kNone ? 0 : -1;
+  while (!runningEvents_.empty()) endEvent(runningEvents_.back(), latest_);
+  FileLock allocation;
+  allocation.lock(kAllocationLock, true);
+  if (error_ == RecordingError::kNone && writer_.running() && !writer_.finish()) failAs(writer_);
+  writer_.abandon();
+  writer_.closeChunk();
+  allocation.unlock();
+  manager_.closeManageData();
+  open_ = false;
+  channelLock_.unlock();
+  return error_ == RecordingError::kNone ? 0 : -1;
+}
+
+RecordingSession::RecordingSession() = default;
+RecordingSession::~RecordingSession() { close(); }
+
+int RecordingSession::open(const RecordingOptions& options) {
+  if (impl_ && impl_->isOpen()) return -1;
+  impl_ = std::make_unique<Impl>();
+  return impl_->open(options);
+}
+
+int RecordingSession::writePicture(const void* annexB, size_t size, PictureTime presentation,
+                                   int32_t decodeOffsetUs, bool key) {
+  if (!impl_) return -1;
+  PictureEntry entry;
+  entry.presentation = presentation;
+  entry.decodeOffsetUs = decodeOffsetUs;
+  entry.flags = key ? kEntryKeyPicture : uint16_t{0};
+  return impl_->write(annexB, size, entry);
+}
+
+void RecordingSession::markDiscontinuity() {
+  if (impl_) impl_->markDiscontinuity();
+}
+
+int RecordingSession::flush() { return impl_ ? impl_->flush() : -1; }
+
+uint32_t RecordingSession::beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec) {
+  return impl_ ? impl_->beginEvent(trigger, time, preSec) : 0;
+}
+
+int RecordingSession::endEvent(uint32_t eventID, PictureTime time) {
+  return impl_ ? impl_->endEvent(eventID, time) : -1;
+}
+
+int RecordingSession::close() { return impl_ ? impl_->close() : 0; }
+bool RecordingSession::isOpen() const { return impl_ && impl_->isOpen(); }
+uint32_t RecordingSession::streamID() const { return impl_ ? impl_->streamID() : 0; }
+
+RecordingError RecordingSession::error() const {
+  return impl_ ? impl_->error() : RecordingError::kNone;
+}
+
+const char* RecordingSession::errorText() const { return impl_ ? impl_->errorText() : ""; }
+
+RecordingStatistics RecordingSession::statistics() const {
+  return impl_ ? impl_->statistics() : RecordingStatistics();
+}
+
+}  // namespace tarn
