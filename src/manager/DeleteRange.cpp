@@ -10,7 +10,7 @@ namespace {
 
 // Number of the rule that the range breaks, 0 for none. Kept on purpose: equality passes although
 // the texts say "<"; a range may well end where the free space begins. Test:
-// DeleteRange.EqualityPassesEveryRule
+// EndlessDeleteTest.EveryRuleWarnsOfExactlyWhatBreaksItAndTheDeletionGoesOn
 int brokenRule(const DeleteRange& range) {
   const auto [a, b, u, f] = range;
   if (u == 0) return a == 0 && b <= f ? 0 : 1;
