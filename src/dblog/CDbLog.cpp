@@ -76,7 +76,7 @@ struct CDbLog::Operation {
 
   static const Operation insertEvent, updateEvent, deleteEvent, eventOffset;
   static const Operation insertStream, updateStream, deleteStream, streamOffset;
-  static const Operation clear;
+  static const Operation clear, correct;
 };
 
 using namespace tarn;  // the messages below
@@ -124,6 +124,15 @@ const CDbLog::Operation CDbLog::Operation::clear = {JournalKind::kEvent,
                                                     nullptr,
                                                     nullptr,
                                                     nullptr};
+
+const CDbLog::Operation CDbLog::Operation::correct = {JournalKind::kEvent,
+                                                      "correctFreeOffset",
+                                                      kAnyValid,
+                                                      kMsgCorrectRefused,
+                                                      nullptr,
+                                                      nullptr,
+                                                      nullptr,
+                                                      nullptr};
 
 CDbLog* CDbLog::getInstance() {
   static CDbLog instance;
@@ -279,6 +288,21 @@ bool CDbLog::clearDbLogFreeAddr() {
   m_streamJournal->initFreeAddr();
   m_eventJournal->initFreeAddr();
   return true;
+}
+
+int CDbLog::correctFreeOffset(JournalKind kind, unsigned long offset) {
+  const MutexLock lock(m_lock);
+  if (!admitLocked(Operation::correct)) return -1;
+  CTARNMirroredChunk& journal = *slotLocked(kind);
+  if (!isJournalPlace(journalTraits(kind), low32(offset), low32(journal.getChunkSize()))) return -1;
+  journal.setFreeAddr(low32(offset));
+  // The flush tells the server of both chunks.
+  return journal.fSync() == 0 && m_manager->saveManageData() == 0 ? 0 : -1;
+}
+
+unsigned long CDbLog::getJournalChunkSize() {
+  const MutexLock lock(m_lock);
+  return admitLocked(Operation::correct) ? m_eventJournal->getChunkSize() : 0;
 }
 
 unsigned long CDbLog::searchEventBackOffset(unsigned long eventID) {

@@ -22,21 +22,17 @@ constexpr unsigned char kNoArea = 0;  // endless chunks have one area only
 constexpr char kSqlNewestEvent[] = "SELECT backOffset FROM EVENT ORDER BY eventID DESC LIMIT 1";
 constexpr char kSqlNewestStream[] = "SELECT backOffset FROM STREAM ORDER BY streamID DESC LIMIT 1";
 
-bool isRecordPlace(uint32_t offset, uint32_t recordSize, uint32_t chunkSize) {
-  return offset % recordSize == 0 && chunkSize >= recordSize && offset <= chunkSize - recordSize;
-}
-
 // Place behind the record of the row with the greatest key; the present one where there is no row.
-uint32_t correctFree(CApiDb* db, const char* sqlNewest, uint32_t recordSize, uint32_t chunkSize,
-                     uint32_t present) {
+uint32_t correctFree(CApiDb* db, const char* sqlNewest, const JournalTraits& traits,
+                     uint32_t chunkSize, uint32_t present) {
   db->setSql(sqlNewest);
   if (db->getNTuple() == 1) {
     const uint32_t newest = db->getValue(0, 0);
-    if (isRecordPlace(newest, recordSize, chunkSize)) {
-      return ringAdvance(newest, recordSize, chunkSize);
+    if (isJournalPlace(traits, newest, chunkSize)) {
+      return nextJournalPlace(traits, newest, chunkSize);
     }
   }
-  return isRecordPlace(present, recordSize, chunkSize) ? present : 0;
+  return isJournalPlace(traits, present, chunkSize) ? present : 0;
 }
 
 bool recoverPair(CTARNEndlessManagerNative* store, CApiDb* db, JournalKind kind,
@@ -46,7 +42,7 @@ bool recoverPair(CTARNEndlessManagerNative* store, CApiDb* db, JournalKind kind,
   const uint32_t chunkSize = low32(store->getChunkSize(1));
   CHUNK_USAGE usage = {};
   if (store->getUsage(traits.chunk, &usage) != 0) return false;
-  const uint32_t free = correctFree(db, sqlNewest, traits.recordSize, chunkSize, usage.freeAddr);
+  const uint32_t free = correctFree(db, sqlNewest, traits, chunkSize, usage.freeAddr);
   return store->setFree(traits.chunk, free, kNoArea) == 0 &&
          store->setFree(mirror, free, kNoArea) == 0;
 }

@@ -28,6 +28,7 @@ inline constexpr char kMsgEventOffsetRefused[] =
 inline constexpr char kMsgStreamOffsetRefused[] =
     "CDbLog::getStreamLogBackOffset() process is not valid";
 inline constexpr char kMsgClearRefused[] = "CDbLog::clearDbLogManageInfo() process is not valid";
+inline constexpr char kMsgCorrectRefused[] = "CDbLog::correctFreeOffset() process is not valid";
 
 // Journal: records.
 inline constexpr char kMsgInsertEventWrite[] = "CDbLog::insertEvent() write chunk error.";

@@ -4,6 +4,7 @@
 
 #include "base/Crc16.h"
 #include "base/Endian.h"
+#include "base/Wrap.h"
 
 namespace tarn {
 namespace {
@@ -40,6 +41,15 @@ uint32_t journalBackOffset(const JournalTraits& traits, const void* record) {
 
 void setJournalMarker(void* record, uint32_t marker) {
   putLe32(at(record, kJournalMarkerOff), marker);
+}
+
+bool isJournalPlace(const JournalTraits& traits, uint32_t offset, uint32_t chunkSize) {
+  return offset % traits.recordSize == 0 && chunkSize >= traits.recordSize &&
+         offset <= chunkSize - traits.recordSize;
+}
+
+uint32_t nextJournalPlace(const JournalTraits& traits, uint32_t offset, uint32_t chunkSize) {
+  return ringAdvance(offset, traits.recordSize, chunkSize);
 }
 
 void sealJournalRecord(void* record, uint32_t crcLength) {

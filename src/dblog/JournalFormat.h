@@ -66,6 +66,12 @@ TARN_API uint32_t journalKey(const void* record);
 TARN_API uint32_t journalBackOffset(const JournalTraits& traits, const void* record);
 TARN_API void setJournalMarker(void* record, uint32_t marker);
 
+// True when a record can begin at `offset` of a chunk of that size; and the place of the record
+// behind one that begins there, 0 at the chunk's end.
+TARN_API bool isJournalPlace(const JournalTraits& traits, uint32_t offset, uint32_t chunkSize);
+TARN_API uint32_t nextJournalPlace(const JournalTraits& traits, uint32_t offset,
+                                   uint32_t chunkSize);
+
 // Write the trailer that fits the record, and test it. Only the two bytes of the checksum count.
 TARN_API void sealJournalRecord(void* record, uint32_t crcLength);
 TARN_API bool journalRecordValid(const void* record, uint32_t crcLength);

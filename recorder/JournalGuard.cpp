@@ -1,0 +1,155 @@
+#include "recorder/JournalGuard.h"
+
+#include <syslog.h>
+
+#include <cstdio>
+
+#include "base/Wrap.h"
+#include "db/CApiDb.h"
+#include "dblog/CDbLog.h"
+#include "recorder/JournalMessages.h"
+
+namespace tarn {
+namespace {
+
+// The row at a place (several only after failed inserts: then the newest), and the first and last
+// keys of its table.
+constexpr char kSqlEventAt[] =
+    "SELECT eventID, (SELECT MIN(eventID) FROM EVENT), (SELECT MAX(eventID) FROM EVENT) "
+    "FROM EVENT WHERE backOffset = %u ORDER BY eventID DESC LIMIT 1";
+constexpr char kSqlStreamAt[] =
+    "SELECT streamID, (SELECT MIN(streamID) FROM STREAM), (SELECT MAX(streamID) FROM STREAM) "
+    "FROM STREAM WHERE backOffset = %u ORDER BY streamID DESC LIMIT 1";
+constexpr char kSqlNewestEvent[] = "SELECT backOffset FROM EVENT ORDER BY eventID DESC LIMIT 1";
+constexpr char kSqlNewestStream[] = "SELECT backOffset FROM STREAM ORDER BY streamID DESC LIMIT 1";
+constexpr size_t kSqlRoom = 256;
+
+const char* kindName(JournalKind kind) { return kind == JournalKind::kEvent ? "event" : "stream"; }
+
+uint32_t nextOffset(JournalKind kind) {
+  CDbLog* log = CDbLog::getInstance();
+  return low32(kind == JournalKind::kEvent ? log->getEventLogBackOffset()
+                                           : log->getStreamLogBackOffset());
+}
+
+}  // namespace
+
+JournalGuard::JournalGuard(CApiDb* db) : db_(db) {}
+
+JournalGuard::Place JournalGuard::look(JournalKind kind) {
+  Place place;
+  // Asked first, because a failed question for the offset looks like offset 0.
+  if (CDbLog::getInstance()->getJournalChunkSize() == 0) return place;
+  char sql[kSqlRoom];
+  const bool event = kind == JournalKind::kEvent;
+  if (event) {
+    snprintf(sql, sizeof sql, kSqlEventAt, nextOffset(kind));
+  } else {
+    snprintf(sql, sizeof sql, kSqlStreamAt, nextOffset(kind));
+  }
+  db_->setSql(sql);
+  if (db_->getNTuple() == 0) {
+    if (db_->getStatus() == 1) place.verdict = Verdict::kFree;
+    return place;
+  }
+  place.key = db_->getValue(0, 0);
+  place.oldest = place.key == db_->getValue(0, 1);
+  // The newest row's record is never where the next one goes, so an only row means a stale offset
+  // as well.
+  const bool newest = place.key == db_->getValue(0, 2);
+  place.verdict = place.oldest && !newest ? Verdict::kOldestRow : Verdict::kStale;
+  return place;
+}
+
+JournalGuard::Verdict JournalGuard::checkEvent(unsigned long* key) {
+  const Place place = look(JournalKind::kEvent);
+  if (key != nullptr) *key = place.key;
+  return place.verdict;
+}
+
+JournalGuard::Verdict JournalGuard::checkStream(unsigned long* key) {
+  const Place place = look(JournalKind::kStream);
+  if (key != nullptr) *key = place.key;
+  return place.verdict;
+}
+
+// Ends, because every round but the one of the correction takes a row away.
+bool JournalGuard::makeFree(JournalKind kind,
+                            const std::function<bool(uint32_t key)>& deleteOldest) {
+  bool corrected = false;
+  for (;;) {
+    const Place place = look(kind);
+    if (place.verdict == Verdict::kFree) return true;
+    if (place.verdict == Verdict::kFailed) return false;
+    if (place.verdict == Verdict::kStale && !corrected) {
+      if (!correctOne(kind)) return false;
+      corrected = true;
+      continue;
+    }
+    // A journal with room for one record comes round to its only row.
+    if (place.oldest) {
+      if (!deleteOldest(place.key)) return false;
+      continue;
+    }
+    syslog(LOG_ERR, kMsgJournalOutOfOrder, kindName(kind), place.key);
+    if (!deleteRow(kind, place.key)) return false;
+  }
+}
+
+bool JournalGuard::beforeEventInsert() {
+  return makeFree(JournalKind::kEvent,
+                  [this](uint32_t key) { return deleteRow(JournalKind::kEvent, key); });
+}
+
+bool JournalGuard::beforeStreamInsert() {
+  return makeFree(JournalKind::kStream,
+                  [this](uint32_t key) { return deleteRow(JournalKind::kStream, key); });
+}
+
+bool JournalGuard::beforeStreamInsert(const DeleteOldest& deleteOldest) {
+  return makeFree(JournalKind::kStream, [this, &deleteOldest](uint32_t key) {
+    DB_STREAM row = {};
+    if (db_->selectStream(key, &row) != 1 || !deleteOldest(row)) return false;
+    return db_->selectStream(key, &row) == 0;  // still listed: not deleted, whatever it said
+  });
+}
+
+// The journal is asked by itself first: the database's delete goes on when the journal refuses, and
+// a rebuilt database would list the row again.
+bool JournalGuard::deleteRow(JournalKind kind, uint32_t key) {
+  CDbLog* log = CDbLog::getInstance();
+  if (kind == JournalKind::kEvent) {
+    DB_EVENT row = {};
+    if (!log->deleteEvent(key)) return false;
+    db_->deleteEvent(key);
+    return db_->selectEvent(key, &row) == 0;
+  }
+  DB_STREAM row = {};
+  if (!log->deleteStream(key)) return false;
+  db_->deleteStream(key);
+  return db_->selectStream(key, &row) == 0;
+}
+
+bool JournalGuard::correctOne(JournalKind kind) {
+  const JournalTraits& traits = journalTraits(kind);
+  CDbLog* log = CDbLog::getInstance();
+  const uint32_t chunkSize = low32(log->getJournalChunkSize());
+  db_->setSql(kind == JournalKind::kEvent ? kSqlNewestEvent : kSqlNewestStream);
+  if (db_->getNTuple() == 0) return db_->getStatus() == 1;
+  const uint32_t newest = db_->getValue(0, 0);
+  if (!isJournalPlace(traits, newest, chunkSize)) return false;
+  const uint32_t next = nextJournalPlace(traits, newest, chunkSize);
+  const uint32_t present = nextOffset(kind);
+  if (next == present) return true;
+  syslog(LOG_WARNING, kMsgJournalStale, present, kindName(kind), next);
+  return log->correctFreeOffset(kind, next) == 0;
+}
+
+int JournalGuard::correct() {
+  if (CDbLog::getInstance()->getJournalChunkSize() == 0) return -1;
+  const bool events = correctOne(JournalKind::kEvent);
+  const bool streams = correctOne(JournalKind::kStream);
+  return events && streams ? 0 : -1;
+}
+
+}  // namespace tarn
