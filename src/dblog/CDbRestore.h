@@ -3,6 +3,10 @@
 #include "base/Export.h"
 #include "db/DbRecords.h"
 
+class CTARNEndlessManagerNative;
+class CTARNStreamChunk;
+class CTARNStreamManagerNative;
+
 // Rebuilds the database from its journal when the recorder starts, before the management server
 // runs: everything here opens chunks and management files itself. Used by one thread, while no
 // other process uses the card. Chunk numbers are numbers of journal chunks: 0 is the event
@@ -40,4 +44,39 @@ class TARN_API CDbRestore {
                               unsigned long chunkSize, unsigned long endDate, unsigned long offset);
   // Marks the record at `offset` deleted. For a chunk other than 0 and 2 nothing is changed.
   int deleteDBLogNative(short chunk, unsigned long offset);
+
+  // Repair of what a power loss interrupted; needs the rows of both replays. A recording whose row
+  // has recSize 0 is walked, picture by picture, as far as it is intact; its row, its journal
+  // record and its stream header are closed there, or all are deleted when nothing usable was
+  // recorded, with the events that began with it. Audio rows and kinds that cannot be walked stay.
+  int fixUpLastStream();
+  // One video recording. store is open; the two chunk objects (picture, stream) are closed before
+  // and after. *latestEnd is raised to the recording's end. 1, or 0 when a chunk cannot be opened
+  // or the stream header cannot be read; nothing is changed then.
+  int fixUpVideoStream(CTARNStreamManagerNative* store, CTARNStreamChunk* picture,
+                       CTARNStreamChunk* stream, unsigned long streamID, unsigned short frameSet,
+                       unsigned long chunkID, unsigned long chunkOffset, unsigned long status,
+                       unsigned long startDate, unsigned long backOffset, unsigned long* latestEnd);
+  // Does nothing: the walk cannot tell where audio ends. 0.
+  int fixUpAudioStream(CTARNStreamManagerNative* store, CTARNStreamChunk* picture,
+                       CTARNStreamChunk* stream, unsigned long* latestEnd);
+  // Time stamp in the first `length` bytes of a picture: seconds; 0 when there is none, -1 when it
+  // is none that 32 bits can hold.
+  int getTimeStamp(const unsigned char* data, long length);
+  // Writes `length` bytes at `offset` of a picture chunk, flushed.
+  int writePictureChunk(short chunk, unsigned long offset, const void* data, long length);
+  // Closes the newest event at the end of the newest recording, or deletes it when it began later.
+  int fixLastEventDb();
+  // Deletes every event that began at startDate (seconds) or later, with its journal record.
+  int cleanupEventDb(unsigned long startDate);
+
+  // Rebuild of the management files, after the repair: of the stream chunks from their rows and
+  // stream headers (a chunk without rows is free; channels are not known any more, all get 0), of
+  // the system log from the text of its active chunk.
+  int recoverStreamManage();
+  int recoverSyslogManage();
+  // Number of the chunk being written of a log type, and the move to the next one, which begins
+  // empty. Only type 0 exists. The move is not saved.
+  int syslogActiveID(CTARNEndlessManagerNative* store, unsigned char type);
+  int incrementSyslogActiveID(CTARNEndlessManagerNative* store, unsigned char type);
 };

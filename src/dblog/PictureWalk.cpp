@@ -1,6 +1,7 @@
 #include "dblog/PictureWalk.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
 #include "base/Wrap.h"
 #include "chunk/CTARNStreamChunk.h"
@@ -86,7 +87,7 @@ PictureWalk::Step PictureWalk::confirm(uint32_t time, uint32_t startDate) {
     return Step::kStop;
   }
   previous_ = time;
-  checkpoint_ = {picture_->seek(0, SEEK_CUR), index_, expected_, dataSize_, gops_};
+  checkpoint_ = Checkpoint{picture_->seek(0, SEEK_CUR), index_, expected_, dataSize_, gops_};
   return Step::kGoOn;
 }
 

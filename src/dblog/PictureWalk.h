@@ -14,11 +14,11 @@ namespace tarn {
 class PictureWalk {
  public:
   struct Checkpoint {
-    long position = 0;      // of the entry behind it, in the picture chunk
-    uint32_t index = 0;     // of the picture, from 0
-    uint32_t expected = 0;  // its number
-    uint32_t dataSize = 0;  // bytes of all pictures up to it
-    uint32_t gops = 0;
+    long position;      // of the entry behind it, in the picture chunk
+    uint32_t index;     // of the picture, from 0
+    uint32_t expected;  // its number
+    uint32_t dataSize;  // bytes of all pictures up to it
+    uint32_t gops;
   };
 
   PictureWalk(CTARNStreamChunk* picture, CTARNStreamChunk* stream, CDbRestore* restore)
@@ -47,7 +47,7 @@ class PictureWalk {
   CTARNStreamChunk* stream_;
   CDbRestore* restore_;
   Phase phase_ = Phase::kCoarse;
-  Checkpoint checkpoint_;
+  Checkpoint checkpoint_{};
   uint32_t interval_ = 100;  // pictures
   uint32_t index_ = 0;
   uint32_t expected_ = 0;

@@ -1,0 +1,197 @@
+#include <syslog.h>
+
+#include <cstdio>
+
+#include "base/Endian.h"
+#include "base/Wrap.h"
+#include "chunk/CTARNEndlessChunk.h"
+#include "chunk/CTARNStreamChunk.h"
+#include "chunk/StreamHeaderFormat.h"
+#include "db/CApiDb.h"
+#include "dblog/CDbRestore.h"
+#include "dblog/RepairMessages.h"
+#include "dblog/SyslogScan.h"
+#include "fat/ChunkFiles.h"
+#include "manager/CTARNEndlessManagerNative.h"
+#include "manager/CTARNStreamManagerNative.h"
+
+// The rebuild of the management data: of the stream chunks from the repaired rows, of the system
+// log from its text.
+
+namespace {
+
+constexpr unsigned char kPictureArea = 0;
+constexpr unsigned char kStreamArea = 1;
+
+constexpr char kSqlOldestInChunk[] =
+    "SELECT chunkOffset FROM STREAM WHERE chunkID = %u ORDER BY streamID ASC LIMIT 1";
+constexpr char kSqlNewestInChunk[] =
+    "SELECT chunkOffset, chunkSize FROM STREAM WHERE chunkID = %u ORDER BY streamID DESC LIMIT 1";
+
+constexpr int kSyslogType = 0;  // the only one
+constexpr short kSyslogFirstChunk = 0;
+constexpr int kSyslogChunks = 5;
+
+// Reads the stream header at `offset` of a picture chunk. False after a message.
+bool readStreamHeader(CTARNStreamChunk* picture, short chunk, uint32_t offset, uint8_t* header) {
+  const CHUNK_EVENT event = {static_cast<uint16_t>(chunk), tarn::kRecorderPartition, offset,
+                             tarn::kPictureRecordSize};
+  if (picture->openChunkFile(&event) != 0) {
+    syslog(LOG_ERR, tarn::kMsgManageOpenChunk);
+    return false;
+  }
+  // A header that the device failed to deliver arrives as zeros.
+  const bool good =
+      picture->read(header, tarn::kPictureRecordSize) == long{tarn::kPictureRecordSize} &&
+      !picture->lastReadFailed();
+  if (!good) syslog(LOG_ERR, tarn::kMsgManageRead);
+  picture->closeChunkFile();
+  return good;
+}
+
+// Behind `size` bytes from `start` in an area. Kept on purpose: an end that falls on the area's own
+// is its size, not 0; the store makes it 0.
+uint32_t areaEnd(uint32_t start, uint32_t size, uint32_t areaSize) {
+  return tarn::wrapSub32(areaSize, start) < size
+             ? tarn::wrapAdd32(tarn::wrapSub32(start, areaSize), size)
+             : tarn::wrapAdd32(start, size);
+}
+
+class StreamManageRecovery {
+ public:
+  explicit StreamManageRecovery(CTARNStreamManagerNative* store)
+      : store_(store),
+        pictureSize_(tarn::low32(store->getChunkSize(kPictureArea))),
+        streamSize_(tarn::low32(store->getChunkSize(kStreamArea))) {}
+
+  void reset() {
+    for (int chunk = 0; chunk < store_->numChunk(); ++chunk) {
+      const auto number = static_cast<short>(chunk);
+      store_->setFree(number, 0, kStreamArea);
+      store_->setFree(number, 0, kPictureArea);
+      store_->setUsage(number, 0, kStreamArea);
+      store_->setUsage(number, 0, kPictureArea);
+      store_->setChType(number, -1, 0);
+    }
+  }
+
+  // -1 when a query fails.
+  int recover(short chunk) {
+    if (select(kSqlOldestInChunk, chunk) != 0) return -1;
+    if (database_.getNTuple() == 0) return 0;
+    if (!setUse(chunk, database_.getValue(0, 0))) return 0;
+    if (select(kSqlNewestInChunk, chunk) != 0) return -1;
+    if (database_.getNTuple() > 0)
+      setFree(chunk, database_.getValue(0, 0), database_.getValue(0, 1));
+    return 0;
+  }
+
+ private:
+  int select(const char* format, short chunk) {
+    char sql[128];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"  // one of the two texts above
+    snprintf(sql, sizeof sql, format, static_cast<unsigned>(chunk));
+#pragma GCC diagnostic pop
+    if (database_.setSql(sql) == 0) return 0;
+    syslog(LOG_ERR, tarn::kMsgRepairSelect);
+    return -1;
+  }
+
+  bool setUse(short chunk, uint32_t chunkOffset) {
+    uint8_t header[tarn::kPictureRecordSize];
+    store_->setChType(chunk, 0, 0);
+    store_->setUsage(chunk, chunkOffset, kPictureArea);
+    if (!readStreamHeader(&picture_, chunk, chunkOffset, header)) return false;
+    store_->setUsage(chunk, tarn::getLe32(header + tarn::kHeaderDataOffsetOff), kStreamArea);
+    return true;
+  }
+
+  void setFree(short chunk, uint32_t chunkOffset, uint32_t chunkSize) {
+    uint8_t header[tarn::kPictureRecordSize];
+    store_->setFree(chunk, areaEnd(chunkOffset, chunkSize, pictureSize_), kPictureArea);
+    if (!readStreamHeader(&picture_, chunk, chunkOffset, header)) return;
+    store_->setFree(chunk,
+                    areaEnd(tarn::getLe32(header + tarn::kHeaderDataOffsetOff),
+                            tarn::getLe32(header + tarn::kHeaderDataSizeOff), streamSize_),
+                    kStreamArea);
+  }
+
+  CTARNStreamManagerNative* store_;
+  uint32_t pictureSize_;
+  uint32_t streamSize_;
+  CTARNStreamChunk picture_{0};
+  CApiDb database_;
+};
+
+int saveAndClose(CTARNStreamManagerNative* store) {
+  if (store->saveManageData() != 0) return -1;
+  store->closeManageData();
+  return 0;
+}
+
+// Scans an open syslog chunk from its start: where its newest text ends.
+uint32_t syslogEnd(CTARNEndlessChunk* chunk) {
+  tarn::SyslogScan scan;
+  char block[tarn::SyslogScan::kBlockSize + 1];
+  for (;;) {
+    const long got = chunk->read(block, tarn::SyslogScan::kBlockSize);
+    if (got <= 0 || !scan.addBlock(block, static_cast<size_t>(got))) return scan.freeOffset();
+  }
+}
+
+}  // namespace
+
+int CDbRestore::recoverStreamManage() {
+  CTARNStreamManagerNative store;
+  if (store.openManageData(tarn::kRecorderPartition) != 0) return -1;
+  StreamManageRecovery recovery(&store);
+  recovery.reset();
+  for (int chunk = 0; chunk < store.numChunk(); ++chunk) {
+    if (recovery.recover(static_cast<short>(chunk)) != 0) return -1;
+  }
+  return saveAndClose(&store);
+}
+
+int CDbRestore::syslogActiveID(CTARNEndlessManagerNative* store, unsigned char type) {
+  CHUNK_MANAGE record{};
+  if (type != kSyslogType) {
+    syslog(LOG_ERR, tarn::kMsgSyslogType, static_cast<unsigned>(type));
+    return -1;
+  }
+  return store->getManageData(kSyslogFirstChunk, &record) == 0 ? record.chType : -1;
+}
+
+int CDbRestore::incrementSyslogActiveID(CTARNEndlessManagerNative* store, unsigned char type) {
+  if (type != kSyslogType) {
+    syslog(LOG_ERR, tarn::kMsgSyslogType, static_cast<unsigned>(type));
+    return -1;
+  }
+  const int active = syslogActiveID(store, type);
+  auto next = static_cast<int8_t>(active + 1);
+  if (next < 0 || next >= kSyslogChunks) next = 0;
+  store->setChType(kSyslogFirstChunk, next, 0);
+  store->setFree(next, 0, kStreamArea);
+  return 0;
+}
+
+int CDbRestore::recoverSyslogManage() {
+  CTARNEndlessManagerNative store(tarn::kFileSyslog);
+  if (store.openManageData(tarn::kRecorderPartition) != 0) return -1;
+  const int active = syslogActiveID(&store, kSyslogType);
+  if (active < 0) {
+    syslog(LOG_ERR, tarn::kMsgSyslogActive, kSyslogType);
+    return saveAndClose(&store);
+  }
+  CTARNEndlessChunk chunk(tarn::kFileSyslog);
+  const CHUNK_EVENT whole = {static_cast<uint16_t>(active), tarn::kRecorderPartition, 0,
+                             tarn::low32(store.getChunkSize(kStreamArea))};
+  if (chunk.openChunkFile(&whole) != 0) {
+    syslog(LOG_ERR, tarn::kMsgManageOpenChunk);
+    return -1;
+  }
+  const uint32_t end = syslogEnd(&chunk);
+  chunk.closeChunkFile();
+  store.setFree(static_cast<short>(active), end, kStreamArea);
+  return saveAndClose(&store);
+}

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tarn {
+
+// Finds where the newest text of a syslog chunk ends: lines begin with a local time that never goes
+// back; text that does is older and was not overwritten yet. Fed block by block from the chunk's
+// start. Lines do not straddle blocks: the log writer pads before the boundary.
+class SyslogScan {
+ public:
+  static constexpr size_t kBlockSize = 4096;
+
+  // Looks at the next block; text[length] must be writable and is set to 0. False when the scan
+  // has ended, and freeOffset() is final.
+  bool addBlock(char* text, size_t length);
+  uint32_t freeOffset() const { return freeOffset_; }
+
+ private:
+  enum class Line { kGood, kBlockEnds, kScanEnds };
+  Line line(const char* text, size_t start, size_t length, bool first);
+
+  uint32_t freeOffset_ = 0;
+  int64_t previous_ = 0;  // time of the line before
+};
+
+}  // namespace tarn
