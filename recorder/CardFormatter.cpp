@@ -172,7 +172,7 @@ class Writer {
       bytes += layout_.family(type).bytes();
     }
     bytes += uint64_t{layout_.family(kFileDbImage).chunks} * kSectorBytes;
-    return bytes + (options_.invariant ? layout_.sizeBytes() : 0);
+    return bytes + (options_.invariant ? layout_.sizeBytes() - kSectorBytes : 0);
   }
 
   // First of all, and on the medium before anything else changes: no open accepts the card now.

@@ -131,12 +131,14 @@ bool CardInfo::readVolume(int fd, FatBoot* boot, std::string* error) {
     return fail(error, "formatting was interrupted; format the card again");
   }
   *boot = decodeFatBoot(sector);
-  const uint32_t sectors = getLe32(sector + kBootTotalSectorsOff);
-  if (getLe16(sector + kBootSignatureOff) != 0xAA55 || boot->fat16Size != 0 ||
-      boot->fat32Size == 0 || boot->clusterSectors == 0 || boot->dataSector() >= sectors) {
+  // Only what the recorder's own readers use must be right; a total of 0 is no word about it.
+  const uint64_t total = getLe32(sector + kBootTotalSectorsOff);
+  const uint64_t sectors = total != 0 ? total : deviceBytes_ / kSectorBytes;
+  if (boot->fat16Size != 0 || boot->fat32Size == 0 || boot->clusterSectors == 0 ||
+      boot->dataSector() >= sectors) {
     return fail(error, "not a FAT32 volume, so not a card of the recorder");
   }
-  volumeBytes_ = uint64_t{sectors} * kSectorBytes;
+  volumeBytes_ = sectors * kSectorBytes;
   volumeId_ = getLe32(sector + kBootVolumeIdOff);
   label_ = labelText(sector + kBootLabelOff);
   clusterBytes_ = boot->clusterSectors * kSectorBytes;

@@ -160,7 +160,7 @@ bool CardLayout::planVolume(const CardRequest& request, std::string* error) {
         return true;
       }
     }
-    return fail(error, "the card is too small: FAT32 needs at least 34 MiB, this one has " +
+    return fail(error, "the card is too small: FAT32 needs at least 33 MiB, this one has " +
                            sizeText(request.sizeBytes));
   }
   if (wanted < kSectorBytes || wanted > kMaxClusterBytes || (wanted & (wanted - 1)) != 0) {

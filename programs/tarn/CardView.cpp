@@ -1,0 +1,173 @@
+#include "CardView.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "ChildProcess.h"
+#include "base/UniqueFd.h"
+#include "fat/ChunkFiles.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kTmp[] = "/tmp";
+constexpr char kSetupPlace[] = "/usr/local/bin/dbsetup";
+
+bool isBelowTmp(const fs::path& path) {
+  const std::string text = path.string();
+  return text.rfind("/tmp/", 0) == 0;
+}
+
+// Absolute, without links and dots; the last parts need not exist.
+fs::path resolved(const std::string& path) {
+  std::error_code error;
+  const fs::path absolute = fs::absolute(path, error);
+  const fs::path canonical = fs::weakly_canonical(absolute, error);
+  return error ? absolute : canonical;
+}
+
+std::string ownPath() {
+  std::error_code error;
+  return fs::read_symlink("/proc/self/exe", error).string();
+}
+
+// Directories of the files that this process is made of: the program and its libraries.
+std::set<std::string> ownDirectories() {
+  std::set<std::string> directories;
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    const size_t slash = line.find('/');
+    if (slash != std::string::npos) {
+      directories.insert(fs::path(line.substr(slash)).parent_path().string());
+    }
+  }
+  return directories;
+}
+
+bool isExecutable(const std::string& path) {
+  return access(path.c_str(), X_OK) == 0 && !fs::is_directory(path);
+}
+
+}  // namespace
+
+std::string findCompanion(const std::string& name) {
+  const fs::path own = fs::path(ownPath()).parent_path();
+  for (const char* place : {".", "../sbin", "../bin", "../libexec", "../libexec/tarn"}) {
+    const std::string path = (own / place / name).lexically_normal().string();
+    if (isExecutable(path)) return path;
+  }
+  return "";
+}
+
+std::string CardView::pathInside(const std::string& path) {
+  if (path.empty() || path == "-") return path;
+  const fs::path whole = resolved(path);
+  if (whole == kTmp) return kOutsideTmp;
+  if (!isBelowTmp(whole) || whole.string().rfind(kOutsideTmp, 0) == 0) return path;
+  return kOutsideTmp + whole.string().substr(sizeof kTmp - 1);
+}
+
+int CardView::run(const std::string& card, const std::vector<std::string>& arguments,
+                  const std::vector<std::string>& shown, std::string* error) {
+  if (lock_.acquire(card, false, error) != 0) return -1;
+  int pidPipe[2];
+  if (pipe(pidPipe) != 0) {
+    *error = "cannot make a pipe";
+    return -1;
+  }
+  const UniqueFd reading(pidPipe[0]);
+  UniqueFd writing(pidPipe[1]);
+  fcntl(reading.get(), F_SETFD, FD_CLOEXEC);
+  fcntl(reading.get(), F_SETFL, O_NONBLOCK);
+
+  words_ = {"bwrap", "--bind", "/", "/", "--dev", "/dev", "--unshare-ipc", "--die-with-parent"};
+  addCard(card);
+  addTmp(shown);
+  addSetupCommand();
+  words_.insert(words_.end(), {"--", ownPath(), "--inside-view", std::to_string(writing.get())});
+  words_.insert(words_.end(), arguments.begin(), arguments.end());
+
+  ChildProcess view;
+  const bool started = view.start(words_, [this] {
+    // What holds the view together must outlive a Ctrl-C; the tool inside takes signals itself.
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) signal(number, SIG_IGN);
+    // The lock lasts as long as anything in the view does.
+    fcntl(lock_.fd(), F_SETFD, 0);
+  });
+  if (!started) {
+    *error = "cannot start bwrap";
+    return -1;
+  }
+  writing.reset();
+  return view.wait([&reading, pid = pid_t{0}]() mutable {
+    if (pid == 0 && read(reading.get(), &pid, sizeof pid) != sizeof pid) pid = 0;
+    return pid;
+  });
+}
+
+void CardView::addCard(const std::string& card) {
+  const char* option = lock_.isBlockDevice() ? "--dev-bind" : "--bind";
+  words_.insert(words_.end(), {option, resolved(card).string(), deviceName(kRecorderPartition)});
+  // The system log stays in reach.
+  words_.insert(words_.end(), {"--bind-try", "/dev/log", "/dev/log"});
+}
+
+void CardView::bind(const std::string& from, const std::string& to) {
+  words_.insert(words_.end(), {"--bind", from, to});
+}
+
+void CardView::showBelowTmp(const std::string& path) {
+  const fs::path whole = resolved(path);
+  if (isBelowTmp(whole) && fs::exists(whole)) bind(whole.string(), whole.string());
+}
+
+void CardView::addTmp(const std::vector<std::string>& shown) {
+  words_.insert(words_.end(), {"--tmpfs", kTmp});
+  bind(kTmp, kOutsideTmp);
+  for (const std::string& directory : ownDirectories()) showBelowTmp(directory);
+  for (const char* program : {"tarn-server", "dbsetup"}) {
+    const std::string path = findCompanion(program);
+    if (!path.empty()) showBelowTmp(fs::path(path).parent_path().string());
+  }
+  for (const std::string& path : shown) showBelowTmp(path);
+  std::error_code ignored;
+  const std::string directory = fs::current_path(ignored).string();
+  showBelowTmp(directory);
+  words_.insert(words_.end(), {"--chdir", directory == kTmp ? kOutsideTmp : directory});
+}
+
+// The set-up command at its fixed place. Where there is none to lay ours over, the nearest
+// directory that exists is covered by one of the view's own that shows the same entries.
+void CardView::addSetupCommand() {
+  const std::string ours = findCompanion("dbsetup");
+  if (ours.empty() || ours == kSetupPlace) return;
+  if (!fs::exists(kSetupPlace)) {
+    fs::path cover = fs::path(kSetupPlace).parent_path();
+    while (!fs::exists(cover)) cover = cover.parent_path();
+    words_.insert(words_.end(), {"--tmpfs", cover.string()});
+    std::error_code ignored;
+    for (const fs::directory_entry& entry : fs::directory_iterator(cover, ignored)) {
+      const std::string path = entry.path().string();
+      if (entry.is_symlink(ignored)) {
+        words_.insert(words_.end(), {"--symlink", fs::read_symlink(entry, ignored).string(), path});
+      } else {
+        words_.insert(words_.end(), {"--bind-try", path, path});
+      }
+    }
+  }
+  words_.insert(words_.end(), {"--ro-bind", ours, kSetupPlace});
+}
+
+}  // namespace tarn

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "recorder/CardLock.h"
+
+namespace tarn {
+
+// Programs that belong to the tool: beside it, or where an installation puts them. "" when there is
+// none.
+std::string findCompanion(const std::string& name);
+
+// A private view of the machine in which one card is the recorder's: built with bubblewrap, gone
+// with its last process. /tmp and System V IPC are the view's own; the user's /tmp is visible at
+// kOutsideTmp in it. Nothing of the machine is changed.
+class CardView {
+ public:
+  static constexpr char kOutsideTmp[] = "/tmp/.outside";
+
+  // Runs this tool again inside a view on `card`, with these arguments behind the hidden option
+  // that tells it so, and returns its exit code. `shown` are paths (files, directories) that must
+  // be visible at their own place even below /tmp. The card is locked meanwhile; -1 with the
+  // reason in *error when it cannot be, or when there is no bubblewrap.
+  int run(const std::string& card, const std::vector<std::string>& arguments,
+          const std::vector<std::string>& shown, std::string* error);
+
+  // Inside a view: where a path given by the user is found.
+  static std::string pathInside(const std::string& path);
+
+ private:
+  void addCard(const std::string& card);
+  void addTmp(const std::vector<std::string>& shown);
+  void addSetupCommand();
+  void showBelowTmp(const std::string& path);
+  void bind(const std::string& from, const std::string& to);
+
+  CardLock lock_;
+  std::vector<std::string> words_;
+};
+
+}  // namespace tarn

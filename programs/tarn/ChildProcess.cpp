@@ -1,0 +1,99 @@
+#include "ChildProcess.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "Console.h"
+
+namespace tarn {
+namespace {
+
+constexpr int kCannotRun = 126;
+constexpr int kNotFound = 127;
+
+// Signals that wait() takes while it lives.
+class SignalsHeld {
+ public:
+  SignalsHeld() {
+    sigemptyset(&set_);
+    for (int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&set_, number);
+    sigprocmask(SIG_BLOCK, &set_, &before_);
+  }
+  ~SignalsHeld() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsHeld(const SignalsHeld&) = delete;
+  SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+  // Waits for the next one. 0 for those that are not to go on: SIGCHLD, and a SIGINT that the
+  // terminal has given to the child as well.
+  int next() const {
+    siginfo_t info = {};
+    const int number = sigwaitinfo(&set_, &info);
+    const bool fromTerminal = number == SIGINT && info.si_code != SI_USER;
+    return number <= 0 || number == SIGCHLD || fromTerminal ? 0 : number;
+  }
+
+ private:
+  sigset_t set_;
+  sigset_t before_;
+};
+
+int exitCodeOf(int status) {
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+[[noreturn]] void runProgram(std::vector<char*> words, const std::function<void()>& prepare) {
+  resetStopSignals();
+  if (prepare) prepare();
+  execvp(words[0], words.data());
+  fprintf(stderr, "tarn: cannot run %s: %s\n", words[0], strerror(errno));
+  _exit(errno == ENOENT ? kNotFound : kCannotRun);
+}
+
+}  // namespace
+
+bool ChildProcess::start(const std::vector<std::string>& arguments,
+                         const std::function<void()>& prepare) {
+  std::vector<char*> words;
+  for (const std::string& argument : arguments)
+    words.push_back(const_cast<char*>(argument.c_str()));
+  words.push_back(nullptr);
+  fflush(nullptr);
+  pid_ = fork();
+  if (pid_ == 0) runProgram(std::move(words), prepare);
+  return pid_ > 0;
+}
+
+int ChildProcess::wait(const std::function<pid_t()>& target) {
+  const SignalsHeld signals;
+  int exitCode = 0;
+  // A stop that came in between has been noted, not passed on.
+  for (int number = stopRequested() ? SIGTERM : 0; !waitFor(0, &exitCode);
+       number = signals.next()) {
+    if (number == 0) continue;
+    const pid_t to = target ? target() : 0;
+    kill(to > 0 ? to : pid_, number);
+  }
+  return exitCode;
+}
+
+bool ChildProcess::waitFor(int milliseconds, int* exitCode) {
+  for (;; milliseconds -= 10) {
+    int status = 0;
+    if (pid_ <= 0) return true;
+    const pid_t ended = waitpid(pid_, &status, WNOHANG);
+    if (ended == pid_ || (ended < 0 && errno == ECHILD)) {
+      *exitCode = ended == pid_ ? exitCodeOf(status) : 0;
+      pid_ = 0;
+      return true;
+    }
+    if (milliseconds <= 0) return false;
+    usleep(10000);
+  }
+}
+
+}  // namespace tarn

@@ -1,0 +1,204 @@
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "Command.h"
+#include "Console.h"
+#include "db/CApiDb.h"
+#include "recorder/DatabaseSetup.h"
+
+namespace tarn {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr unsigned long kPage = 500;
+constexpr uint32_t kLastSecond = 0xFFFFFFFF;
+
+Json timeJson(uint32_t seconds, uint16_t milliseconds) {
+  // An end of 0 is a recording that still runs.
+  return seconds == 0 ? Json(nullptr) : Json(isoTime(seconds, milliseconds));
+}
+
+Json streamJson(const DB_STREAM& row) {
+  return {{"streamID", row.streamID},
+          {"inTrg", row.inTrg},
+          {"frameSet", row.frameSet},
+          {"bitrateSet", row.bitrateSet},
+          {"recSize", row.recSize},
+          {"chunkID", row.chunkID},
+          {"chunkOffset", row.chunkOffset},
+          {"chunkSize", row.chunkSize},
+          {"status", row.status},
+          {"startDate", row.startDate},
+          {"endDate", row.endDate},
+          {"startMSec", row.startMSec},
+          {"endMSec", row.endMSec},
+          {"backOffset", row.backOffset},
+          {"start", timeJson(row.startDate, row.startMSec)},
+          {"end", timeJson(row.endDate, row.endMSec)}};
+}
+
+Json eventJson(const DB_EVENT& row) {
+  return {{"eventID", row.eventID},
+          {"extTrg", row.extTrg},
+          {"preSec", row.preSec},
+          {"startDate", row.startDate},
+          {"endDate", row.endDate},
+          {"startMSec", row.startMSec},
+          {"endMSec", row.endMSec},
+          {"backOffset", row.backOffset},
+          {"start", timeJson(row.startDate, row.startMSec)},
+          {"end", timeJson(row.endDate, row.endMSec)}};
+}
+
+std::string endText(uint32_t seconds, uint16_t milliseconds) {
+  return seconds == 0 ? "recording" : timeText(seconds, milliseconds);
+}
+
+class CommandList : public Command {
+ public:
+  CLI::App* addTo(CLI::App& tool) override {
+    CLI::App* app = tool.add_subcommand("list", "List what is recorded");
+    app->add_option("WHAT", what_, "streams (the default) or events")
+        ->check(CLI::IsMember({"streams", "events"}));
+    addTime(app, "--from", "streams that run at or start after this time, events that start after",
+            &from_);
+    addTime(app, "--to", "streams and events that start up to this time", &to_);
+    app->add_option("--trigger", trigger_, "only this trigger number")->check(CLI::Range(1, 65535));
+    app->add_flag("--json", json_, "print JSON");
+    return app;
+  }
+
+  int run() override {
+    const char* path = DatabaseSetup::defaultPath();
+    std::string error;
+    if (access(path, F_OK) != 0) {
+      complain(
+          fmt::format("there is no database {}: the recorder has not been started; use "
+                      "--card CARD to look at a card without one",
+                      path));
+      return kExitFailed;
+    }
+    if (!DatabaseSetup::check(path, &error)) {
+      complain(error);
+      return kExitFailed;
+    }
+    db_ = std::make_unique<CApiDb>();
+    if (what_ == "events") {
+      listEvents();
+    } else {
+      listStreams();
+    }
+    return kExitGood;
+  }
+
+ private:
+  static void addTime(CLI::App* app, const std::string& name, const std::string& help,
+                      uint32_t* out) {
+    app->add_option_function<std::string>(
+           name,
+           [name, out](const std::string& text) {
+             if (!parseTime(text, out)) {
+               throw CLI::ValidationError(
+                   name, "\"" + text + "\" is not a time; write YYYY-MM-DDTHH:MM:SS, local time");
+             }
+           },
+           help)
+        ->type_name("TIME");
+  }
+
+  void listStreams() {
+    Json list = Json::array();
+    if (!json_) {
+      fmt::print("{:>8} {:>5} {:<23} {:<23} {:>8} {:>6} {:>10} {:>10}\n", "stream", "trig", "start",
+                 "end", "pictures", "chunk", "offset", "size");
+    }
+    std::vector<DB_STREAM> page(kPage);
+    const unsigned long end = to_ != 0 ? to_ : kLastSecond;
+    for (unsigned long offset = 0;; offset += kPage) {
+      const int32_t count = db_->selectRipList(page.data(), kPage, offset, from_, end, trigger_);
+      for (int32_t i = 0; i < count; ++i) {
+        const DB_STREAM& row = page[static_cast<size_t>(i)];
+        if (json_) {
+          list.push_back(streamJson(row));
+        } else {
+          printStream(row);
+        }
+      }
+      if (count < static_cast<int32_t>(kPage)) break;
+    }
+    if (json_) fmt::print("{}\n", Json{{"schema", 1}, {"streams", list}}.dump(2));
+  }
+
+  static void printStream(const DB_STREAM& row) {
+    fmt::print("{:>8} {:>5} {:<23} {:<23} {:>8} {:>6} {:>10} {:>10}\n", row.streamID, row.inTrg,
+               timeText(row.startDate, row.startMSec), endText(row.endDate, row.endMSec),
+               row.recSize, row.chunkID, row.chunkOffset, row.chunkSize);
+  }
+
+  void listEvents() {
+    Json list = Json::array();
+    if (!json_) {
+      fmt::print("{:>8} {:>5} {:>4} {:<23} {:<23}\n", "event", "trig", "pre", "start", "end");
+    }
+    const auto show = [&](const DB_EVENT& row) {
+      if (json_) {
+        list.push_back(eventJson(row));
+      } else {
+        fmt::print("{:>8} {:>5} {:>4} {:<23} {:<23}\n", row.eventID, row.extTrg, row.preSec,
+                   timeText(row.startDate, row.startMSec), endText(row.endDate, row.endMSec));
+      }
+    };
+    if (from_ == 0 && to_ == 0) {
+      walkEvents(show);
+    } else {
+      walkEventsOfPeriod(show);
+    }
+    if (json_) fmt::print("{}\n", Json{{"schema", 1}, {"events", list}}.dump(2));
+  }
+
+  // In key order, so the last key of a page leads to the next one.
+  template <typename Show>
+  void walkEvents(Show show) {
+    std::vector<DB_EVENT> page(kPage);
+    uint32_t after = 0;
+    for (;;) {
+      const uint32_t count = events(page.data(), kPage, 0, 0, after);
+      for (uint32_t i = 0; i < count; ++i) show(page[i]);
+      if (count < kPage) return;
+      after = page[count - 1].eventID;
+    }
+  }
+
+  // A period comes in order of time, where keys lead nowhere: the count says how much to fetch.
+  template <typename Show>
+  void walkEventsOfPeriod(Show show) {
+    const unsigned long end = to_ != 0 ? to_ : kLastSecond;
+    std::vector<DB_EVENT> all(events(nullptr, 0, from_, end, 0));
+    if (all.empty()) return;
+    all.resize(events(all.data(), all.size(), from_, end, 0));
+    for (const DB_EVENT& row : all) show(row);
+  }
+
+  uint32_t events(DB_EVENT* out, unsigned long limit, unsigned long from, unsigned long to,
+                  unsigned long after) {
+    return db_->selectViewerList(out, limit, &trigger_, trigger_ != 0 ? 1 : 0, from, to, after, 0,
+                                 0);
+  }
+
+  std::string what_ = "streams";
+  uint32_t from_ = 0;
+  uint32_t to_ = 0;
+  unsigned short trigger_ = 0;
+  bool json_ = false;
+  // Made when it is needed: it joins the machine's semaphore.
+  std::unique_ptr<CApiDb> db_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeListCommand() { return std::make_unique<CommandList>(); }
+
+}  // namespace tarn

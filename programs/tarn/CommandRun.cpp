@@ -1,0 +1,45 @@
+#include <filesystem>
+
+#include "ChildProcess.h"
+#include "Command.h"
+#include "Console.h"
+
+namespace tarn {
+namespace {
+
+class CommandRun : public Command {
+ public:
+  CLI::App* addTo(CLI::App& tool) override {
+    CLI::App* app = tool.add_subcommand(
+        "run", "Run a program on the recorder; with --card, in a private view on a card");
+    app->add_option("COMMAND", words_, "the program and its arguments, behind --")->required();
+    return app;
+  }
+
+  int run() override {
+    ChildProcess program;
+    if (!program.start(words_, nullptr)) {
+      complain("cannot make a process for " + words_[0]);
+      return kExitFailed;
+    }
+    return program.wait();
+  }
+
+  // The program brings its neighbours, arguments come alone.
+  std::vector<std::string> shownPaths() const override {
+    std::vector<std::string> paths = words_;
+    if (words_[0].find('/') != std::string::npos) {
+      paths.push_back(std::filesystem::absolute(words_[0]).parent_path().string());
+    }
+    return paths;
+  }
+
+ private:
+  std::vector<std::string> words_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeRunCommand() { return std::make_unique<CommandRun>(); }
+
+}  // namespace tarn

@@ -1,0 +1,20 @@
+#include "Command.h"
+
+namespace tarn {
+
+std::vector<std::unique_ptr<Command>> allCommands() {
+  std::vector<std::unique_ptr<Command>> commands;
+  commands.push_back(makeFormatCommand());
+  commands.push_back(makeInfoCommand());
+#ifdef TARN_WITH_MEDIA
+  commands.push_back(makeRecordCommand());
+#endif
+  commands.push_back(makeListCommand());
+#ifdef TARN_WITH_MEDIA
+  commands.push_back(makeExportCommand());
+#endif
+  commands.push_back(makeRunCommand());
+  return commands;
+}
+
+}  // namespace tarn

@@ -1,0 +1,125 @@
+#include "Console.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+namespace tarn {
+namespace {
+
+constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+volatile sig_atomic_t g_stop = 0;
+
+void onStopSignal(int signal) {
+  if (g_stop != 0 && signal == SIGINT) _exit(128 + SIGINT);
+  g_stop = 1;
+}
+
+// Factor of a size's unit; 0 for one that is not known.
+uint64_t unitFactor(std::string unit) {
+  for (char& c : unit) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  static constexpr const char* kForms[] = {"", "B", "IB"};
+  uint64_t factor = 1024;
+  for (const char* letter : {"K", "M", "G", "T"}) {
+    for (const char* form : kForms) {
+      if (unit == std::string(letter) + form) return factor;
+    }
+    factor *= 1024;
+  }
+  return unit.empty() || unit == "B" ? 1 : 0;
+}
+
+bool sameDay(const struct tm& a, const struct tm& b) {
+  return a.tm_year == b.tm_year && a.tm_mon == b.tm_mon && a.tm_mday == b.tm_mday;
+}
+
+}  // namespace
+
+void complain(const std::string& text) { fprintf(stderr, "tarn: %s\n", text.c_str()); }
+
+ProgressLine::ProgressLine() : terminal_(isatty(STDERR_FILENO) != 0) {}
+
+ProgressLine::~ProgressLine() {
+  if (!shown_.empty()) fprintf(stderr, "\r%*s\r", static_cast<int>(shown_.size()), "");
+}
+
+void ProgressLine::show(const std::string& text) {
+  if (!terminal_ || text == shown_) return;
+  fprintf(stderr, "\r%-*s", static_cast<int>(shown_.size()), text.c_str());
+  fflush(stderr);
+  shown_ = text;
+}
+
+void catchStopSignals() {
+  struct sigaction action = {};
+  action.sa_handler = onStopSignal;
+  for (int signal : kStopSignals) sigaction(signal, &action, nullptr);
+}
+
+bool stopRequested() { return g_stop != 0; }
+
+void resetStopSignals() {
+  for (int number : kStopSignals) signal(number, SIG_DFL);
+}
+
+bool parseSize(const std::string& text, uint64_t* bytes) {
+  size_t digits = 0;
+  uint64_t value = 0;
+  for (; digits < text.size() && isdigit(static_cast<unsigned char>(text[digits])); ++digits) {
+    const auto digit = static_cast<uint64_t>(text[digits] - '0');
+    if (value > (UINT64_MAX - digit) / 10) return false;
+    value = value * 10 + digit;
+  }
+  const uint64_t factor = unitFactor(text.substr(digits));
+  if (digits == 0 || factor == 0 || value > UINT64_MAX / factor) return false;
+  *bytes = value * factor;
+  return true;
+}
+
+bool parseTime(const std::string& text, uint32_t* seconds) {
+  struct tm parsed = {};
+  const char* rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parsed);
+  if (rest == nullptr) {
+    parsed = {};
+    rest = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parsed);
+  }
+  if (rest == nullptr || *rest != '\0') return false;
+  struct tm local = parsed;
+  local.tm_isdst = -1;
+  const time_t when = mktime(&local);
+  // mktime moves a 31 April into May; a person who writes it made a mistake.
+  if (!sameDay(parsed, local) || when < 0 || when > 0xFFFFFFFELL) return false;
+  *seconds = static_cast<uint32_t>(when);
+  return true;
+}
+
+std::string timeText(uint32_t seconds, uint16_t milliseconds) {
+  const time_t when = seconds;
+  struct tm local;
+  localtime_r(&when, &local);
+  char text[40];
+  const size_t length = strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  snprintf(text + length, sizeof text - length, ".%03u", unsigned{milliseconds});
+  return text;
+}
+
+std::string isoTime(uint32_t seconds, uint16_t milliseconds) {
+  const time_t when = seconds;
+  struct tm local;
+  localtime_r(&when, &local);
+  char text[40];
+  char zone[8];
+  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
+  strftime(zone, sizeof zone, "%z", &local);
+  char whole[64];
+  snprintf(whole, sizeof whole, "%s.%03u%.3s:%s", text, unsigned{milliseconds}, zone, zone + 3);
+  return whole;
+}
+
+}  // namespace tarn

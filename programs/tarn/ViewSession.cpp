@@ -1,0 +1,126 @@
+#include "ViewSession.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "CardView.h"
+#include "base/UniqueFd.h"
+#include "dblog/CDbRestore.h"
+
+namespace tarn {
+namespace {
+
+constexpr int kServerStartMs = 20000;
+constexpr int kServerStopMs = 60000;  // its last flush waits for a slow card
+
+// The library prints notices on standard output, which belongs to the command.
+class StandardOutputMuted {
+ public:
+  StandardOutputMuted() {
+    fflush(stdout);
+    kept_.reset(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
+    pointAtNull();
+  }
+  ~StandardOutputMuted() {
+    fflush(stdout);
+    if (kept_.valid()) dup2(kept_.get(), STDOUT_FILENO);
+  }
+  StandardOutputMuted(const StandardOutputMuted&) = delete;
+  StandardOutputMuted& operator=(const StandardOutputMuted&) = delete;
+
+  static void pointAtNull() {
+    const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (null.valid()) dup2(null.get(), STDOUT_FILENO);
+  }
+
+ private:
+  UniqueFd kept_;
+};
+
+// In the child: nothing of the terminal reaches the server, and it stops in order when we die.
+void prepareServer(int readyFd, int parent) {
+  setpgid(0, 0);
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  if (getppid() != parent) _exit(0);
+  StandardOutputMuted::pointAtNull();
+  dup2(STDOUT_FILENO, STDIN_FILENO);
+  fcntl(readyFd, F_SETFD, 0);
+}
+
+// The order of a recorder's start-up; each step needs the one before.
+bool rebuildDatabase(std::string* error) {
+  CDbRestore restore;
+  if (restore.setupEmptyDb() != 0) {
+    *error = "the empty database could not be set up";
+  } else if (restore.restoreEventDb() != 0 || restore.restoreStreamDb(2) != 0) {
+    *error = "the database could not be rebuilt from the card's journal: is this a good card?";
+  } else if (restore.recoverJournalManage() != 0) {
+    *error = "the card's journal could not be made ready";
+  } else {
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+int ViewSession::open(std::string* error) {
+  {
+    const StandardOutputMuted muted;
+    if (!rebuildDatabase(error)) return -1;
+  }
+  return startServer(error);
+}
+
+int ViewSession::startServer(std::string* error) {
+  const std::string program = findCompanion("tarn-server");
+  if (program.empty()) {
+    *error = "tarn-server is missing: it belongs beside this tool";
+    return -1;
+  }
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    *error = "cannot make a pipe";
+    return -1;
+  }
+  const UniqueFd reading(ends[0]);
+  UniqueFd writing(ends[1]);
+  const int parent = getpid();
+  const bool started = server_.start({program, "--ready-fd", std::to_string(writing.get())},
+                                     [&writing, parent] { prepareServer(writing.get(), parent); });
+  writing.reset();
+  struct pollfd ready = {reading.get(), POLLIN, 0};
+  char mark = 0;
+  // A server that ends before it is ready closes the pipe without a mark.
+  if (started && poll(&ready, 1, kServerStartMs) > 0 && read(reading.get(), &mark, 1) == 1)
+    return 0;
+  *error = "the management server did not start";
+  std::string ignored;
+  if (started) close(&ignored);
+  return -1;
+}
+
+int ViewSession::close(std::string* error) {
+  const pid_t pid = server_.pid();
+  int exitCode = 0;
+  if (!server_.waitFor(0, &exitCode)) {
+    kill(pid, SIGTERM);
+    if (!server_.waitFor(kServerStopMs, &exitCode)) {
+      kill(pid, SIGKILL);
+      server_.waitFor(kServerStopMs, &exitCode);
+      *error = "the management server did not stop and was killed";
+      return -1;
+    }
+  }
+  if (exitCode == 0) return 0;
+  *error = "the management server ended with code " + std::to_string(exitCode) +
+           "; what it had not saved is rebuilt from the card at the next start";
+  return -1;
+}
+
+}  // namespace tarn

@@ -1,0 +1,106 @@
+// tarn: formats and inspects cards, records, lists and exports, on a recorder or in a private view.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "CardView.h"
+#include "Command.h"
+#include "Console.h"
+#include "ViewSession.h"
+
+namespace tarn {
+namespace {
+
+constexpr char kFooter[] =
+    "Exit codes: 0 done; 1 failed, with the reason on standard error; 2 wrong usage.\n"
+    "run passes on the exit code of its command.";
+
+struct Tool {
+  CLI::App app{"Storage of a video recorder: cards, recordings, exports", "tarn"};
+  std::vector<std::unique_ptr<Command>> commands = allCommands();
+  std::vector<CLI::App*> subcommands;
+  std::string card;
+  int viewPipe = -1;
+
+  Tool() {
+    app.add_option("--card", card,
+                   "run the command in a private view in which CARD, a block device or image "
+                   "file, is the recorder's card")
+        ->type_name("CARD");
+    app.add_option("--inside-view", viewPipe)->group("");
+    app.require_subcommand(1);
+    app.footer(kFooter);
+    for (const auto& command : commands) subcommands.push_back(command->addTo(app));
+  }
+
+  Command* chosen() const {
+    for (size_t i = 0; i < commands.size(); ++i) {
+      if (subcommands[i]->parsed()) return commands[i].get();
+    }
+    return nullptr;
+  }
+};
+
+// Inside the view: the recorder's surroundings, then the command.
+int runInside(Command* command, int viewPipe) {
+  catchStopSignals();
+  const pid_t own = getpid();
+  const bool told = write(viewPipe, &own, sizeof own) == static_cast<ssize_t>(sizeof own);
+  close(viewPipe);
+  for (std::string* path : command->userPaths()) *path = CardView::pathInside(*path);
+  ViewSession session;
+  std::string error;
+  if (!told || session.open(&error) != 0) {
+    complain(error);
+    return kExitFailed;
+  }
+  const int exitCode = command->run();
+  if (session.close(&error) != 0) {
+    complain(error);
+    return exitCode == kExitGood ? kExitFailed : exitCode;
+  }
+  return exitCode;
+}
+
+int runInView(const std::string& card, const Command& command, int argc, char** argv) {
+  CardView view;
+  std::string error;
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  const int exitCode = view.run(card, arguments, command.shownPaths(), &error);
+  if (exitCode >= 0) return exitCode;
+  complain(error);
+  return kExitFailed;
+}
+
+int runTool(int argc, char** argv) {
+  Tool tool;
+  try {
+    tool.app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return tool.app.exit(error) == 0 ? kExitGood : kExitUsage;
+  }
+  Command* command = tool.chosen();
+  if (tool.viewPipe >= 0) return runInside(command, tool.viewPipe);
+  if (!command->needsRecorder()) {
+    if (!tool.card.empty()) command->setCard(tool.card);
+    return command->run();
+  }
+  if (!tool.card.empty()) return runInView(tool.card, *command, argc, argv);
+  catchStopSignals();
+  return command->run();
+}
+
+}  // namespace
+}  // namespace tarn
+
+int main(int argc, char** argv) {
+  const int exitCode = tarn::runTool(argc, argv);
+  // Output that did not reach its place is a failure that nobody may overlook.
+  if (fflush(stdout) != 0 && exitCode == tarn::kExitGood) {
+    tarn::complain("standard output could not be written");
+    return tarn::kExitFailed;
+  }
+  return exitCode;
+}
