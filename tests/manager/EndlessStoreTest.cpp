@@ -37,6 +37,9 @@ struct Kind {
   unsigned short chunks;
   const char* printed;
 };
+void PrintTo(const Kind& kind, std::ostream* out) {
+  *out << static_cast<int>(kind.kind) << kind.suffix;
+}
 
 class EndlessKindTest : public EndlessStoreTest, public testing::WithParamInterface<Kind> {};
 

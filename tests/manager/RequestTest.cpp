@@ -328,6 +328,7 @@ struct Operation {
   long long failure;
   std::function<long long(StreamManager&)> run;
 };
+void PrintTo(const Operation& operation, std::ostream* out) { *out << operation.word; }
 
 CHUNK_USAGE g_usage;
 signed char g_first;
@@ -484,8 +485,10 @@ TEST_F(RequestTest, OpeningAgainNeitherChecksNorFreesTheClient) {
   const std::unique_ptr<CMesgClient> first(manager.m_client);
   ASSERT_EQ(manager.openManageData(), 0);
   EXPECT_NE(manager.m_client, first.get());
-  char byte = 'x';
-  EXPECT_EQ(first->writeMesg(&byte, 1), 1);  // still alive and connected
+  Message bytes = wire({6, 7, kUnanswered, 51, 0, 0, 0});
+  EXPECT_EQ(first->writeMesg(bytes.data(), 1024), 1024);  // still alive and connected
+  EXPECT_EQ(first->readMesg(bytes.data(), 1024), 1024);
+  EXPECT_EQ(server.connections(), 2);
 }
 
 TEST(RequestWithoutServer, EveryRequestFailsAsAFailedWrite) {

@@ -283,6 +283,12 @@ struct SaveFault {
   int n;
   const char* message;  // null: no line of the store's own
 };
+void PrintTo(const SaveFault& fault, std::ostream* out) {
+  *out << (fault.n == 1 ? "backup " : "main ")
+       << (fault.call == Call::Lseek   ? "seek"
+           : fault.call == Call::Write ? "write"
+                                       : "flush");
+}
 
 class SaveFaultTest : public StreamStoreTest, public testing::WithParamInterface<SaveFault> {};
 
