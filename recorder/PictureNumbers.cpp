@@ -33,7 +33,7 @@ void PictureNumbers::setSlots(std::vector<uint32_t> numbers) {
   }
   const uint64_t greatest = *std::max_element(numbers.begin(), numbers.end());
   if (greatest + kPlenty < kLimit) {
-    choose(greatest + 1, kLimit);
+    choose(greatest + 2, kLimit);
     return;
   }
   std::sort(numbers.begin(), numbers.end());

@@ -11,15 +11,7 @@
 #include "manager/CTARNStreamManager.h"
 #include "recorder/AnnexB.h"
 #include "recorder/FileLock.h"
-#if __has_include("recorder/JournalGuard.h")
 #include "recorder/JournalGuard.h"
-#else
-struct JournalGuard {
-  explicit JournalGuard(CApiDb*) {}
-  bool beforeStreamInsert() { return true; }
-  bool beforeEventInsert() { return true; }
-};
-#endif
 #include "recorder/RecordingMessages.h"
 #include "recorder/RecordingSpace.h"
 #include "recorder/RowWriter.h"
@@ -294,7 +286,8 @@ int RecordingSession::Impl::flush() {
 
 uint32_t RecordingSession::Impl::beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec) {
   if (!open_ || error_ != RecordingError::kNone) return 0;
-  if (!JournalGuard(&db_).beforeEventInsert()) {
+  JournalGuard guard(&db_);
+  if (!guard.beforeEventInsert()) {
     fail(RecordingError::kJournal, kErrJournalPlace);
     return 0;
   }

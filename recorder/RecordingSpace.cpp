@@ -35,8 +35,6 @@ constexpr char kSqlOldestInChunk[] =
 constexpr char kSqlNewestInChunk[] =
     "SELECT * FROM STREAM WHERE chunkID = %d ORDER BY streamID DESC LIMIT 1";
 constexpr char kSqlAnyInChunk[] = "SELECT EXISTS(SELECT 1 FROM STREAM WHERE chunkID = %d)";
-constexpr char kSqlByBackOffset[] =
-    "SELECT * FROM STREAM WHERE backOffset = %" PRIu32 " ORDER BY streamID ASC LIMIT 1";
 constexpr char kSqlEventsAfter[] =
     "SELECT * FROM EVENT WHERE eventID > %" PRIu32 " ORDER BY eventID ASC LIMIT %d";
 
@@ -326,21 +324,17 @@ bool RecordingSpace::reclaimOrphans(int8_t channel) {
   return found && save();
 }
 
-bool RecordingSpace::freeJournalPlace(uint32_t now, int keepChunk, bool* deleted) {
-  error_ = RecordingError::kNone;
-  *deleted = false;
-  for (;;) {
-    const auto place = static_cast<uint32_t>(CDbLog::getInstance()->getStreamLogBackOffset());
-    char sql[sizeof kSqlByBackOffset + 16];
-    snprintf(sql, sizeof sql, kSqlByBackOffset, place);
-    DB_STREAM row = {};
-    DB_STREAM oldest = {};
-    // A row there that is not the oldest means a stale address: that is the journal guard's.
-    if (!selectOne(sql, &row)) return true;
-    if (db_->selectStreamOldest(&oldest) != 1 || oldest.streamID != row.streamID) return true;
-    if (!deleteRecording(row, now, keepChunk)) return false;
-    *deleted = true;
+// Where another session writes, its own idea of the addresses must stay true: there the row goes
+// alone, and its space with the next recording that is deleted from that chunk.
+bool RecordingSpace::deleteForJournal(const DB_STREAM& row, uint32_t now, int keepChunk) {
+  DB_STREAM newest = {};
+  const int chunk = static_cast<int>(row.chunkID);
+  if (chunk == keepChunk || !newestInChunk(chunk, &newest) || !rowInProgress(newest)) {
+    return deleteRecording(row, now, keepChunk);
   }
+  if (!deleteRow(row.streamID)) return false;
+  ++statistics_->recordingsDeleted;
+  return deleteEventsBefore(now);
 }
 
 }  // namespace tarn

@@ -36,9 +36,8 @@ class RecordingSpace {
   // the space, then the management data is saved. A chunk left empty goes back to all channels,
   // unless it is `keepChunk`, which a session holds open.
   bool deleteRecording(const DB_STREAM& row, uint32_t now, int keepChunk);
-  // When the journal's next record would overwrite the one of the oldest row, that recording goes.
-  // *deleted tells whether one went.
-  bool freeJournalPlace(uint32_t now, int keepChunk, bool* deleted);
+  // The same for the recording whose record the journal is about to overwrite.
+  bool deleteForJournal(const DB_STREAM& row, uint32_t now, int keepChunk);
   // Deletes a row alone, journal first; its space stays. False when either did not take it.
   bool deleteRow(uint32_t streamID);
 

@@ -12,15 +12,7 @@
 #include "dblog/CDbLog.h"
 #include "manager/CTARNStreamManager.h"
 #include "recorder/AnnexB.h"
-#if __has_include("recorder/JournalGuard.h")
 #include "recorder/JournalGuard.h"
-#else
-struct JournalGuard {
-  explicit JournalGuard(CApiDb*) {}
-  bool beforeStreamInsert() { return true; }
-  bool beforeEventInsert() { return true; }
-};
-#endif
 #include "recorder/RecordingMessages.h"
 #include "recorder/RecordingReader.h"
 #include "recorder/ServerRetry.h"
@@ -114,11 +106,13 @@ bool RowWriter::saveManageData() {
 
 // Before anything of the new recording is written: deleting the recording whose record the journal
 // is about to overwrite may move the addresses of this very chunk.
-bool RowWriter::makeJournalPlace(uint32_t now) {
+bool RowWriter::makeJournalPlace(JournalGuard* guard, uint32_t now) {
   bool deleted = false;
-  if (!space_->freeJournalPlace(now, chunk_, &deleted)) {
-    return fail(space_->error(), space_->errorText());
-  }
+  const bool free = guard->beforeStreamInsert([&](const DB_STREAM& row) {
+    deleted = true;
+    return space_->deleteForJournal(row, now, chunk_);
+  });
+  if (!free) return fail(RecordingError::kJournal, kErrJournalPlace);
   return !deleted || (refreshUsage(picture_.get()) && refreshUsage(stream_.get()));
 }
 
@@ -131,7 +125,8 @@ bool RowWriter::chooseNumber(uint32_t* number) {
 }
 
 bool RowWriter::begin(const DB_STREAM& seed) {
-  if (!makeJournalPlace(seed.startDate)) return false;
+  JournalGuard guard(db_);  // the place that it finds stays free until the row is in
+  if (!makeJournalPlace(&guard, seed.startDate)) return false;
   header_ = StreamHeader();
   if (!chooseNumber(&header_.firstNumber)) return false;
   header_.dataOffset = static_cast<uint32_t>(stream_->getFreeAddr());
@@ -163,9 +158,6 @@ bool RowWriter::begin(const DB_STREAM& seed) {
 
 // Neither the database nor the journal reports a failed insert, so both are asked afterwards.
 bool RowWriter::insertRow() {
-  if (!JournalGuard(db_).beforeStreamInsert()) {
-    return fail(RecordingError::kJournal, kErrJournalPlace);
-  }
   db_->insertStream(&row_);
   DB_STREAM stored = {};
   if (db_->selectStream(row_.streamID, &stored) != 1 ||

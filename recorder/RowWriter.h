@@ -13,6 +13,8 @@
 
 namespace tarn {
 
+class JournalGuard;
+
 // Writes one recording at a time into one chunk pair: header, row, data, entries, and the end, each
 // step flushed before the next one that relies on it. Not part of the interface; belongs to one
 // session and is used by its thread.
@@ -66,7 +68,7 @@ class RowWriter {
   bool openArea(std::unique_ptr<CTARNStreamChunk>* chunk, uint8_t area, int number);
   bool refreshUsage(CTARNStreamChunk* chunk);
   bool sync(CTARNStreamChunk* chunk, const char* text);
-  bool makeJournalPlace(uint32_t now);
+  bool makeJournalPlace(JournalGuard* guard, uint32_t now);
   bool chooseNumber(uint32_t* number);
   bool insertRow();
   bool writeData(const uint8_t* data, size_t size);

@@ -35,6 +35,9 @@ TEST(PictureNumbers, NextRecordingBeginsBehindWhatWasWritten) {
   EXPECT_EQ(firstOf(numbers), 100u);
   for (uint32_t number = 100; number < 342; ++number) numbers.used(number);
   EXPECT_EQ(firstOf(numbers), 400u);
+  // A recording that ends with 399 must not seem to go on in the next one's header.
+  for (uint32_t number = 342; number < 400; ++number) numbers.used(number);
+  EXPECT_EQ(firstOf(numbers), 500u);
 }
 
 TEST(PictureNumbers, NoStaleNumberCanContinueARecordingThatFillsTheChunk) {
@@ -53,7 +56,7 @@ TEST(PictureNumbers, GapThatIsUsedUpAsksForANewScan) {
   PictureNumbers numbers;
   numbers.setSlots({PictureNumbers::kLimit - 1, 1000, 0x80000000});
   EXPECT_EQ(firstOf(numbers), 0x80000064u / 100 * 100);
-  numbers.used(PictureNumbers::kLimit - 150);
+  numbers.used(PictureNumbers::kLimit - 40);
   uint32_t first = 0;
   EXPECT_FALSE(numbers.first(&first));
 }

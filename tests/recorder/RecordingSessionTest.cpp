@@ -251,13 +251,16 @@ void expectNoStaleContinuation(const RecorderRig& rig, uint32_t pictureSize) {
         rig.card.readChunk(kFilePicture, static_cast<int>(row.chunkID), 0, pictureSize);
     const uint32_t slots = pictureSize / 32;
     const uint32_t first = getLe32(ring.data() + row.chunkOffset + 4);
+    RecordingReader reader;
+    ASSERT_EQ(0, reader.open(row));
+    const uint32_t count = reader.pictureCount();
     EXPECT_EQ(first % 100, 0u);
     EXPECT_NE(first, 0u);
-    for (uint32_t slot = row.recSize + 1; slot < slots; ++slot) {
+    for (uint32_t slot = count + 1; slot < slots; ++slot) {
       const uint32_t place = (row.chunkOffset / 32 + slot) % slots * 32;
       const uint32_t number = getLe32(ring.data() + place + 4);
       if (getLe32(ring.data() + place) == 0xFFFFFFFF) continue;
-      EXPECT_FALSE(number >= first && number < first + row.recSize + 1) << row.streamID;
+      EXPECT_FALSE(number >= first && number <= first + count) << row.streamID;
     }
   }
 }
