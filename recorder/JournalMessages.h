@@ -1,6 +1,6 @@
 #pragma once
 
-// Log texts of what the recorder does around the journal.
+// Log texts of what the recorder does around the journal, at LOG_ERR unless said otherwise.
 namespace tarn {
 
 inline constexpr char kMsgJournalStale[] =
@@ -8,6 +8,14 @@ inline constexpr char kMsgJournalStale[] =
 inline constexpr char kMsgJournalOutOfOrder[] =
     "journal: record of %s %u lies in the way, the row is deleted";
 inline constexpr char kMsgJournalUnreadable[] = "journal: chunk %d cannot be opened";
-inline constexpr char kMsgStartUpStep[] = "start-up: %s failed %s";
+inline constexpr char kMsgStartUpFailed[] = "start-up: %s";
+
+// What a start-up reports for a person.
+inline constexpr char kErrNoEmptyDatabase[] = "the empty database could not be set up";
+inline constexpr char kErrEventReplay[] = "the events could not be rebuilt from the card's journal";
+inline constexpr char kErrStreamReplay[] =
+    "the recordings could not be rebuilt from the card's journal";
+inline constexpr char kErrSurvey[] = "the card's journal could not be read";
+inline constexpr char kErrJournalManage[] = "the card's journal could not be made ready";
 
 }  // namespace tarn

@@ -1,0 +1,73 @@
+#include "recorder/StartUp.h"
+
+#include <syslog.h>
+
+#include "db/CApiDb.h"
+#include "dblog/CDbRestore.h"
+#include "recorder/DatabaseSetup.h"
+#include "recorder/JournalMessages.h"
+
+namespace tarn {
+namespace {
+
+constexpr char kSqlCountEvents[] = "SELECT COUNT(*) FROM EVENT";
+constexpr char kSqlCountStreams[] = "SELECT COUNT(*) FROM STREAM";
+
+uint32_t countRows(const char* sql) {
+  CApiDb db;
+  db.setSql(sql);
+  return db.getNTuple() == 1 ? db.getValue(0, 0) : 0;
+}
+
+}  // namespace
+
+bool StartUp::fail(StartUpReport::Step step, const std::string& text) {
+  syslog(LOG_ERR, kMsgStartUpFailed, text.c_str());
+  if (report_.failed == 0) report_.error = text;
+  report_.failed |= step;
+  return false;
+}
+
+// The command's exit status says little: what counts is what it left.
+bool StartUp::makeDatabase() {
+  std::string error;
+  if (CDbRestore().setupEmptyDb() != 0) {
+    return fail(StartUpReport::kEmptyDatabase, kErrNoEmptyDatabase);
+  }
+  return DatabaseSetup::check(DatabaseSetup::defaultPath(), &error) ||
+         fail(StartUpReport::kEmptyDatabase, error);
+}
+
+bool StartUp::replay() {
+  CDbRestore restore;
+  if (restore.restoreEventDb() != 0) fail(StartUpReport::kEventReplay, kErrEventReplay);
+  if (restore.restoreStreamDb(kStreamJournalChunk) != 0) {
+    fail(StartUpReport::kStreamReplay, kErrStreamReplay);
+  }
+  report_.eventRows = countRows(kSqlCountEvents);
+  report_.streamRows = countRows(kSqlCountStreams);
+  return report_.ok();
+}
+
+bool StartUp::seedKeys() {
+  std::string error;
+  if (surveyJournal(JournalKind::kEvent, &report_.events) != 0 ||
+      surveyJournal(JournalKind::kStream, &report_.streams) != 0) {
+    return fail(StartUpReport::kSurvey, kErrSurvey);
+  }
+  return DatabaseSetup::seedKeys(DatabaseSetup::defaultPath(), report_.events.greatestKey,
+                                 report_.streams.greatestKey, &error) ||
+         fail(StartUpReport::kSeedKeys, error);
+}
+
+// Nothing that follows a failed rebuild is run: free offsets taken from rows that are not all there
+// would have the next insert overwrite the records of those that are missing.
+StartUpReport StartUp::run() {
+  report_ = StartUpReport();
+  if (makeDatabase() && replay() && seedKeys() && CDbRestore().recoverJournalManage() != 0) {
+    fail(StartUpReport::kJournalManage, kErrJournalManage);
+  }
+  return report_;
+}
+
+}  // namespace tarn
