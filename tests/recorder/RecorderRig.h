@@ -1,6 +1,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
@@ -45,6 +48,7 @@ class RecorderRig {
   ~RecorderRig() {
     CDbLog::getInstance()->finish();
     stopServer();
+    killServerProcess();
   }
 
   void startServer() {
@@ -57,6 +61,21 @@ class RecorderRig {
     server_->requestStop();
     thread_.join();
     server_.reset();
+  }
+
+  // The same server in a process of its own, which can be killed.
+  void startServerProcess() {
+    serverPid_ = fork();
+    if (serverPid_ != 0) return;
+    tarn::ManagementServer server;
+    if (server.start() != 0) _exit(1);
+    _exit(server.run() == 0 ? 0 : 1);
+  }
+  void killServerProcess() {
+    if (serverPid_ <= 0) return;
+    kill(serverPid_, SIGKILL);
+    waitpid(serverPid_, nullptr, 0);
+    serverPid_ = -1;
   }
 
   static CardLayout layoutOf(const Shape& shape) {
@@ -76,6 +95,7 @@ class RecorderRig {
  private:
   std::unique_ptr<tarn::ManagementServer> server_;
   std::thread thread_;
+  pid_t serverPid_ = -1;
 };
 
 // Picture `number` of the test: distinct bytes, an Annex B unit, key every `gop` pictures.

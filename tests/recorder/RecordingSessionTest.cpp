@@ -483,6 +483,63 @@ TEST(RecordingSession, ServerMayBeRestartedInMidRecording) {
   expectNoOverlap(256 * kKiB, 8 * kKiB);
 }
 
+TEST(RecordingSession, ServerMayBeKilledAgainAndAgain) {
+  RecorderRig rig({256 * kKiB, 8 * kKiB, 2, 64 * kKiB});
+  rig.stopServer();
+  rig.startServerProcess();
+  RecordingSession session;
+  ASSERT_TRUE(openSession(session, withSegments(2)));
+  for (uint32_t i = 0; i < 1500; i += 187) {
+    ASSERT_TRUE(writePictures(session, i, std::min(i + 187, 1500u)));
+    // Without a chance to save what it knows.
+    rig.killServerProcess();
+    rig.startServerProcess();
+  }
+  ASSERT_EQ(0, session.close());
+  const std::vector<uint32_t> numbers = verifyAll();
+  ASSERT_FALSE(numbers.empty());
+  EXPECT_EQ(numbers, range(numbers.front(), 1500));
+  EXPECT_GT(numbers.size(), 250u);
+  expectNoOverlap(256 * kKiB, 8 * kKiB);
+}
+
+// Killed between pictures only: a process that dies inside a statement leaves the database locked.
+TEST(RecordingSession, KilledAndStartedAgainItLosesNothingThatWasConfirmed) {
+  RecorderRig rig({256 * kKiB, 8 * kKiB, 2, 64 * kKiB});
+  for (uint32_t round = 0; round < 8; ++round) {
+    CDbLog::getInstance()->finish();
+    const uint32_t from = round * 1000;
+    int pipeEnds[2];
+    ASSERT_EQ(0, pipe(pipeEnds));
+    const pid_t child = fork();
+    if (child == 0) {
+      RecordingSession session;
+      if (session.open(withSegments(2)) != 0) _exit(1);
+      if (!writePictures(session, from, from + 150 + round * 97)) _exit(2);
+      const auto safe = from + static_cast<uint32_t>(session.statistics().confirmed);
+      if (write(pipeEnds[1], &safe, sizeof safe) != sizeof safe) _exit(3);
+      raise(SIGKILL);
+    }
+    close(pipeEnds[1]);
+    uint32_t safe = 0;
+    EXPECT_EQ(static_cast<ssize_t>(sizeof safe), read(pipeEnds[0], &safe, sizeof safe));
+    close(pipeEnds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status)) << status;
+    RecordingSession next;
+    ASSERT_TRUE(openSession(next, withSegments(2)));
+    ASSERT_EQ(0, next.close());
+    const std::vector<uint32_t> numbers = verifyAll();
+    ASSERT_FALSE(numbers.empty());
+    EXPECT_EQ(numbers.back() + 1, safe);
+    // The rings hold nothing but this round's pictures, or older ones in front of them.
+    const auto begin = std::lower_bound(numbers.begin(), numbers.end(), from);
+    EXPECT_EQ(std::vector<uint32_t>(begin, numbers.end()), range(*begin, safe));
+    expectNoOverlap(256 * kKiB, 8 * kKiB);
+  }
+}
+
 TEST(RecordingSession, ServerThatStaysAwayIsAnErrorThatStaysKnown) {
   RecorderRig rig;
   RecordingSession session;
