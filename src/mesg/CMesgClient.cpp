@@ -51,7 +51,7 @@ long CMesgClient::readMesg(void* buf, long size) {
     const ssize_t got = read(m_fd.get(), buf, static_cast<size_t>(size));
     if (got != -1) return got;
     const int error = errno;
-    syslog(LOG_ERR, tarn::kMsgReadError, __func__, __LINE__, kMesgClientName);
+    syslog(LOG_ERR, tarn::kMesgReadError, __func__, __LINE__, kMesgClientName);
     if (error != EINTR) {
       m_disconnect();
       return -1;
@@ -63,16 +63,16 @@ long CMesgClient::readMesg(void* buf, long size) {
 long CMesgClient::writeMesg(const void* buf, long size) {
   if (!m_ensureConnected()) return -1;
   if (size > kMessageLimit) {
-    syslog(LOG_ERR, tarn::kMsgTooLong, __func__, __LINE__, kMesgClientName, size);
+    syslog(LOG_ERR, tarn::kMesgTooLong, __func__, __LINE__, kMesgClientName, size);
     return -1;
   }
   // A program may have given SIGPIPE its default action again since this object was made.
   const ssize_t sent = send(m_fd.get(), buf, static_cast<size_t>(size), MSG_NOSIGNAL);
   if (sent >= 0) return sent;
   const int error = errno;
-  perror(tarn::kMsgWritePerror);
+  perror(tarn::kMesgWritePerror);
   if (error == EPIPE) {
-    syslog(LOG_ERR, tarn::kMsgSocketClosed, __func__, __LINE__, kMesgClientName,
+    syslog(LOG_ERR, tarn::kMesgSocketClosed, __func__, __LINE__, kMesgClientName,
            static_cast<long>(m_fd.get()));
     m_disconnect();
   }
@@ -88,7 +88,7 @@ int CMesgClient::m_connect() {
   if (now == m_lastFailure) return -1;
   m_fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!m_fd.valid()) {
-    syslog(LOG_ERR, tarn::kMsgSocketError, __func__, __LINE__, kMesgClientName);
+    syslog(LOG_ERR, tarn::kMesgSocketError, __func__, __LINE__, kMesgClientName);
     m_lastFailure = now;
     return -1;
   }
@@ -96,7 +96,7 @@ int CMesgClient::m_connect() {
   if (connect(m_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     const int error = errno;
     m_disconnect();
-    syslog(LOG_ERR, tarn::kMsgConnectError, __func__, __LINE__, kMesgClientName, m_path, error);
+    syslog(LOG_ERR, tarn::kMesgConnectError, __func__, __LINE__, kMesgClientName, m_path, error);
     m_lastFailure = now;
     return -1;
   }

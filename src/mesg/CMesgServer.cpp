@@ -81,7 +81,7 @@ CMesgServer::~CMesgServer() {
 
 int CMesgServer::startAcceptNewConnectionThread() {
   if (m_joinable || m_openWakeFds() != 0) {
-    syslog(LOG_ERR, tarn::kMsgThreadCreateError, __func__, __LINE__, kMesgServerName);
+    syslog(LOG_ERR, tarn::kMesgThreadCreateError, __func__, __LINE__, kMesgServerName);
     return -1;
   }
   clearEvent(m_stopFd.get());
@@ -90,7 +90,7 @@ int CMesgServer::startAcceptNewConnectionThread() {
   if (pthread_create(&m_thread, nullptr, &CMesgServer::m_runThread, this) != 0) {
     m_running = false;
     m_reportSetup(Setup::kFailed);
-    syslog(LOG_ERR, tarn::kMsgThreadCreateError, __func__, __LINE__, kMesgServerName);
+    syslog(LOG_ERR, tarn::kMesgThreadCreateError, __func__, __LINE__, kMesgServerName);
     return -1;
   }
   m_joinable = true;
@@ -101,7 +101,7 @@ int CMesgServer::stopAcceptNewConnectionThread() {
   m_running = false;
   if (m_stopFd.valid()) raiseEvent(m_stopFd.get());
   if (!m_joinable || pthread_join(m_thread, nullptr) != 0) {
-    syslog(LOG_ERR, tarn::kMsgThreadJoinError, __func__, __LINE__, kMesgServerName);
+    syslog(LOG_ERR, tarn::kMesgThreadJoinError, __func__, __LINE__, kMesgServerName);
     return -1;
   }
   m_joinable = false;
@@ -131,7 +131,7 @@ int CMesgServer::m_openWakeFds() {
   if (!m_stopFd.valid()) m_stopFd.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (m_wakeFd.get() >= FD_SETSIZE) m_wakeFd.reset();
   if (m_wakeFd.valid() && m_stopFd.valid()) return 0;
-  syslog(LOG_ERR, tarn::kMsgWakeError, __func__, __LINE__, kMesgServerName);
+  syslog(LOG_ERR, tarn::kMesgWakeError, __func__, __LINE__, kMesgServerName);
   return -1;
 }
 
@@ -142,7 +142,7 @@ void* CMesgServer::m_runThread(void* self) {
 
 void CMesgServer::m_acceptNewConnectionFunc() {
   if (m_listen() != 0) {
-    syslog(LOG_ERR, tarn::kMsgSetupError, __func__, __LINE__, kMesgServerName);
+    syslog(LOG_ERR, tarn::kMesgSetupError, __func__, __LINE__, kMesgServerName);
     m_running = false;
     m_listenFd.reset();
     m_reportSetup(Setup::kFailed);
@@ -170,13 +170,13 @@ void CMesgServer::m_acceptNewConnectionFunc() {
 int CMesgServer::m_listen() {
   m_listenFd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!m_listenFd.valid()) {
-    syslog(LOG_ERR, tarn::kMsgSocketError, __func__, __LINE__, kMesgServerName);
+    syslog(LOG_ERR, tarn::kMesgSocketError, __func__, __LINE__, kMesgServerName);
     return -1;
   }
   unlink(m_path);
   if (m_bind() != 0) return -1;
   if (listen(m_listenFd.get(), kBacklog) != 0) {
-    syslog(LOG_ERR, tarn::kMsgListenError, __func__, __LINE__, kMesgServerName);
+    syslog(LOG_ERR, tarn::kMesgListenError, __func__, __LINE__, kMesgServerName);
     return -1;
   }
   return 0;
@@ -186,12 +186,12 @@ int CMesgServer::m_listen() {
 int CMesgServer::m_bind() {
   const auto* address = reinterpret_cast<const sockaddr*>(&m_address);
   if (bind(m_listenFd.get(), address, sizeof m_address) != 0) {
-    syslog(LOG_ERR, tarn::kMsgBindError, __func__, __LINE__, kMesgServerName);
+    syslog(LOG_ERR, tarn::kMesgBindError, __func__, __LINE__, kMesgServerName);
     return -1;
   }
   if (m_modeGiven && chmod(m_path, m_mode) != 0) {
     const int error = errno;
-    syslog(LOG_ERR, tarn::kMsgChmodError, __func__, __LINE__, kMesgServerName, m_path, error);
+    syslog(LOG_ERR, tarn::kMesgChmodError, __func__, __LINE__, kMesgServerName, m_path, error);
     return -1;
   }
   return 0;
@@ -210,7 +210,7 @@ int CMesgServer::m_accept() {
   if (fd < 0) {
     const int error = errno;
     if (error != EAGAIN) {
-      syslog(LOG_ERR, tarn::kMsgAcceptError, __func__, __LINE__, kMesgServerName);
+      syslog(LOG_ERR, tarn::kMesgAcceptError, __func__, __LINE__, kMesgServerName);
     }
     errno = error;
     return -1;
@@ -221,7 +221,7 @@ int CMesgServer::m_accept() {
     close(0);
   }
   if (fd >= 0 && fd < FD_SETSIZE) return fd;
-  syslog(LOG_ERR, tarn::kMsgClientRefused, __func__, __LINE__, kMesgServerName, fd);
+  syslog(LOG_ERR, tarn::kMesgClientRefused, __func__, __LINE__, kMesgServerName, fd);
   if (fd >= 0) close(fd);
   errno = EAGAIN;
   return -1;
@@ -230,7 +230,7 @@ int CMesgServer::m_accept() {
 void CMesgServer::m_addClient(int fd) {
   {
     MutexLock lock(m_mutex);
-    syslog(LOG_INFO, tarn::kMsgAcceptNotice, fd);
+    syslog(LOG_INFO, tarn::kMesgAcceptNotice, fd);
     m_clients.push_back(fd);
     m_setupSelect();
   }
@@ -246,7 +246,7 @@ int CMesgServer::m_setupSelect() {
   }
   m_highest = highest;
   if (!m_clients.empty()) return 0;
-  syslog(LOG_ERR, tarn::kMsgNotConnected, __func__, __LINE__, kMesgServerName);
+  syslog(LOG_ERR, tarn::kMesgNotConnected, __func__, __LINE__, kMesgServerName);
   return -1;
 }
 
@@ -346,11 +346,11 @@ long CMesgServer::m_readAtPosition(void* buf, long size, long* clientFd) {
   long got = read(static_cast<int>(fd), buf, static_cast<size_t>(size));
   const int error = errno;
   if (got == 0 || (got < 0 && error == EAGAIN)) {
-    syslog(LOG_ERR, tarn::kMsgSocketClosed, __func__, __LINE__, kMesgServerName, fd);
+    syslog(LOG_ERR, tarn::kMesgSocketClosed, __func__, __LINE__, kMesgServerName, fd);
     m_dropAtPosition();
     got = -1;
   } else if (got < 0) {
-    syslog(LOG_ERR, tarn::kMsgReadErrno, __func__, __LINE__, kMesgServerName, error);
+    syslog(LOG_ERR, tarn::kMesgReadErrno, __func__, __LINE__, kMesgServerName, error);
     got = -1;
   }
   const bool atEnd = m_position == m_clients.end();
@@ -377,7 +377,7 @@ long CMesgServer::writeMesg(const void* buf, long size, long clientFd) {
   if (sent >= 0) return sent;
   const int error = errno;
   shutdown(fd, SHUT_RDWR);
-  syslog(LOG_ERR, tarn::kMsgPacketWriteError, __func__, __LINE__, kMesgServerName, fd,
+  syslog(LOG_ERR, tarn::kMesgWriteError, __func__, __LINE__, kMesgServerName, fd,
          static_cast<int>(size), error);
   return -1;
 }
