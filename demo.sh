@@ -68,7 +68,8 @@ at() { date -d "@$((origin + $1))" +%Y-%m-%dT%H:%M:%S; }
 "$tarn" --card "$card" export --from "$(at $((seconds - 600)))" --to "$(at $((seconds - 540)))" \
   -o "$out/period.mp4" | sed 's/^/   /'
 for file in event period; do
-  say "   $file.mp4: $(scripts/compare-frames "$clip" "$out/$file.mp4" "$origin")"
+  verdict=$(scripts/compare-frames "$clip" "$out/$file.mp4" "$origin")
+  say "   $file.mp4: $verdict"
 done
 
 say "Done in $SECONDS s. The videos: $out/event.mp4 and $out/period.mp4"

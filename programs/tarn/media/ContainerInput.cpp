@@ -88,7 +88,7 @@ void ContainerInput::fill(MediaPicture* out) {
   const int64_t frameUs = static_cast<int64_t>(1e6 / (frameRate_ > 0 ? frameRate_ : 25));
   out->annexB.assign(packet.data, packet.data + packet.size);
   out->key = isKeyPicture(out->annexB.data(), out->annexB.size());
-  parameterSets_.complete(&out->annexB, out->key);
+  preamble_.complete(&out->annexB, out->key);
   const AVRational base = stream_->time_base;
   int64_t presentation = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
   presentation = presentation != AV_NOPTS_VALUE ? av_rescale_q(presentation, base, kMicroseconds)

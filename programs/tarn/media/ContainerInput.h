@@ -22,7 +22,7 @@ class ContainerInput : public MediaInput {
   AvOwned<AVBSFContext> filter_;
   AvOwned<AVPacket> packet_;
   AVStream* stream_ = nullptr;  // owned by format_
-  ParameterSets parameterSets_;
+  StreamPreamble preamble_;
   bool started_ = false;
   bool draining_ = false;
   int64_t originUs_ = 0;  // presentation time of the first picture

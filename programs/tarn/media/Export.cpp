@@ -157,8 +157,8 @@ int Exporter::run() {
     fail(output->error());
     return 1;
   }
-  fmt::print("{}: {} pictures, {} to {}, {:.1f} MB\n", request_.output, written_, clockText(first_),
-             clockText(last_), static_cast<double>(bytes_) / 1e6);
+  fmt::print("{}: {} pictures, {} to {}, {:.1f} MB\n", asUserSees(request_.output), written_,
+             clockText(first_), clockText(last_), static_cast<double>(bytes_) / 1e6);
   if (lost_ > 0) {
     complain(fmt::format("{} pictures could not be read and are missing", lost_));
     return 1;

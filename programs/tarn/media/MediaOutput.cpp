@@ -88,6 +88,8 @@ class Mp4Output : public MediaOutput {
     if (started_) dts = std::max(dts, lastDts_ + 1);
     packet_->dts = av_rescale_q(dts, kMicroseconds, stream_->time_base);
     packet_->pts = av_rescale_q(std::max(pts, dts), kMicroseconds, stream_->time_base);
+    // The file ends when its last picture does, which is shown as long as the one before.
+    packet_->duration = started_ ? dts - lastDts_ : 0;
     lastDts_ = dts;
     started_ = true;
     const int result = av_write_frame(muxer_.get(), packet_.get());
@@ -105,20 +107,24 @@ class Mp4Output : public MediaOutput {
     stream_->time_base = kMicroseconds;
     AVDictionary* options = nullptr;
     av_dict_set(&options, "video_track_timescale", "1000000", 0);
-    char created[32];
-    const time_t seconds = static_cast<time_t>(first.presentation.seconds);
-    tm utc{};
-    strftime(created, sizeof created, "%Y-%m-%dT%H:%M:%S", gmtime_r(&seconds, &utc));
-    av_dict_set(&muxer_->metadata, "creation_time",
-                (std::string(created) + "." +
-                 std::to_string(1000000 + first.presentation.micros).substr(1) + "Z")
-                    .c_str(),
-                0);
+    setDate(first.presentation);
     const int result = avformat_write_header(muxer_.get(), &options);
     av_dict_free(&options);
     if (result < 0) error_ = "cannot begin " + partPath_ + ": " + avErrorText(result);
     headerWritten_ = result >= 0;
     return headerWritten_;
+  }
+
+  // The file's own clock counts whole seconds; the date has the rest.
+  void setDate(PictureTime time) {
+    char text[64];
+    const time_t seconds = static_cast<time_t>(time.seconds);
+    tm utc{};
+    const size_t length =
+        strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", gmtime_r(&seconds, &utc));
+    snprintf(text + length, sizeof text - length, ".%06uZ", static_cast<unsigned>(time.micros));
+    av_dict_set(&muxer_->metadata, "creation_time", text, 0);
+    av_dict_set(&muxer_->metadata, "date", text, 0);
   }
 
   // Size of the picture and parameter sets, which the muxer wants before the first picture.

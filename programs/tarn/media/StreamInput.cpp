@@ -47,7 +47,7 @@ void StreamInput::add(const uint8_t* data, int size) {
   Waiting waiting;
   waiting.picture.annexB.assign(data, data + size);
   waiting.picture.key = isKeyPicture(data, static_cast<size_t>(size));
-  parameterSets_.complete(&waiting.picture.annexB, waiting.picture.key);
+  preamble_.complete(&waiting.picture.annexB, waiting.picture.key);
   if (waiting.picture.key) {
     settle(true);  // nothing is presented across an IDR picture
     ++sequence_;

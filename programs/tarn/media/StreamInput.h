@@ -31,7 +31,7 @@ class StreamInput : public MediaInput {
   UniqueFd fd_;
   AvOwned<AVCodecContext> codec_;
   AvOwned<AVCodecParserContext> parser_;
-  ParameterSets parameterSets_;
+  StreamPreamble preamble_;
   std::vector<uint8_t> block_;  // as read, with the padding that the parser wants
   std::deque<Waiting> waiting_;
   double givenRate_ = 0;
