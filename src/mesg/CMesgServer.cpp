@@ -58,11 +58,12 @@ void clearEvent(int eventFd) {
 
 CMesgServer::CMesgServer(const char* path, unsigned long timeoutSec, unsigned long timeoutUsec)
     : m_timeoutSec(timeoutSec), m_timeoutUsec(timeoutUsec) {
-  m_path[0] = '\0';
+  memset(m_path, 0, sizeof m_path);
   strncat(m_path, path, kPathRoom);
   memset(&m_address, 0, sizeof m_address);
   m_address.sun_family = AF_UNIX;
-  strncpy(m_address.sun_path, m_path, sizeof m_address.sun_path - 1);
+  static_assert(sizeof m_path <= sizeof m_address.sun_path);
+  memcpy(m_address.sun_path, m_path, sizeof m_path);
   FD_ZERO(&m_masterSet);
   FD_ZERO(&m_resultSet);
   m_position = m_clients.begin();
