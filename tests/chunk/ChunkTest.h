@@ -71,19 +71,29 @@ struct ManagedCard {
   explicit ManagedCard(const CardLayout& layout = tinyChunks()) : card(layout) {
     card.initManagement();
     startServer();
+  }
+  ~ManagedCard() { closeManagers(); }
+  // Starts a server and connects the managers to it.
+  void startServer() {
+    server = std::make_unique<ServerThread>();
+    closeManagers();
     EXPECT_EQ(journal.openManageData(), 0);
     EXPECT_EQ(syslog.openManageData(), 0);
     EXPECT_EQ(stream.openManageData(), 0);
     log.clear();
     io.clear();
   }
-  ~ManagedCard() {
+  // The server saves what it has and goes; requests fail until another one is started.
+  void stopServer() {
+    server.reset();
+    log.clear();
+    io.clear();
+  }
+  void closeManagers() {
     stream.closeManageData();
     syslog.closeManageData();
     journal.closeManageData();
   }
-  void startServer() { server = std::make_unique<ServerThread>(); }
-  void stopServer() { server.reset(); }
 
   CardImage card;
   SyslogCapture log;
