@@ -20,8 +20,8 @@ constexpr char kSqlEventAt[] =
 constexpr char kSqlStreamAt[] =
     "SELECT streamID, (SELECT MIN(streamID) FROM STREAM), (SELECT MAX(streamID) FROM STREAM) "
     "FROM STREAM WHERE backOffset = %u ORDER BY streamID DESC LIMIT 1";
-constexpr char kSqlNewestEvent[] = "SELECT backOffset FROM EVENT ORDER BY eventID DESC LIMIT 1";
-constexpr char kSqlNewestStream[] = "SELECT backOffset FROM STREAM ORDER BY streamID DESC LIMIT 1";
+constexpr char kSqlNewestEvent[] = "SELECT * FROM EVENT ORDER BY eventID DESC LIMIT 1";
+constexpr char kSqlNewestStream[] = "SELECT * FROM STREAM ORDER BY streamID DESC LIMIT 1";
 constexpr size_t kSqlRoom = 256;
 
 const char* kindName(JournalKind kind) { return kind == JournalKind::kEvent ? "event" : "stream"; }
@@ -132,17 +132,25 @@ bool JournalGuard::deleteRow(JournalKind kind, uint32_t key) {
 
 bool JournalGuard::correctOne(JournalKind kind) {
   const JournalTraits& traits = journalTraits(kind);
-  CDbLog* log = CDbLog::getInstance();
-  const uint32_t chunkSize = low32(log->getJournalChunkSize());
+  DB_EVENT event = {};
+  DB_STREAM stream = {};
   db_->setSql(kind == JournalKind::kEvent ? kSqlNewestEvent : kSqlNewestStream);
   if (db_->getNTuple() == 0) return db_->getStatus() == 1;
-  const uint32_t newest = db_->getValue(0, 0);
+  const bool read = kind == JournalKind::kEvent ? db_->getEventValue(0, &event) == 0
+                                                : db_->getStreamValue(0, &stream) == 0;
+  if (!read) return false;
+  CDbLog* log = CDbLog::getInstance();
+  const uint32_t newest = kind == JournalKind::kEvent ? event.backOffset : stream.backOffset;
+  const uint32_t chunkSize = low32(log->getJournalChunkSize());
   if (!isJournalPlace(traits, newest, chunkSize)) return false;
   const uint32_t next = nextJournalPlace(traits, newest, chunkSize);
   const uint32_t present = nextOffset(kind);
   if (next == present) return true;
   syslog(LOG_WARNING, kMsgJournalStale, present, kindName(kind), next);
-  return log->correctFreeOffset(kind, next) == 0;
+  if (newest != present) return log->correctFreeOffset(kind, next) == 0;
+  // The record at this place may never have been written. Passing over it would leave a gap in the
+  // journal, where a rebuild ends.
+  return kind == JournalKind::kEvent ? log->insertEvent(&event) : log->insertStream(&stream);
 }
 
 int JournalGuard::correct() {
