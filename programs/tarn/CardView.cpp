@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "ChildProcess.h"
+#include "Console.h"
 #include "base/UniqueFd.h"
 #include "fat/ChunkFiles.h"
 
@@ -76,6 +77,7 @@ std::string CardView::pathInside(const std::string& path) {
   const fs::path whole = resolved(path);
   if (whole == kTmp) return kOutsideTmp;
   if (!isBelowTmp(whole) || whole.string().rfind(kOutsideTmp, 0) == 0) return path;
+  if (whole.parent_path() != kTmp && fs::is_directory(whole.parent_path())) return path;
   return kOutsideTmp + whole.string().substr(sizeof kTmp - 1);
 }
 

@@ -16,8 +16,6 @@ std::string findCompanion(const std::string& name);
 // kOutsideTmp in it. Nothing of the machine is changed.
 class CardView {
  public:
-  static constexpr char kOutsideTmp[] = "/tmp/.outside";
-
   // Runs this tool again inside a view on `card`, with these arguments behind the hidden option
   // that tells it so, and returns its exit code. `shown` are paths (files, directories) that must
   // be visible at their own place even below /tmp. The card is locked meanwhile; -1 with the
@@ -25,7 +23,8 @@ class CardView {
   int run(const std::string& card, const std::vector<std::string>& arguments,
           const std::vector<std::string>& shown, std::string* error);
 
-  // Inside a view: where a path given by the user is found.
+  // Inside a view: where a path given by the user is found. Only what lies in /tmp itself, or in a
+  // directory of it that run() was not told to show, has another name there.
   static std::string pathInside(const std::string& path);
 
  private:

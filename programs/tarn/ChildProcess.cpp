@@ -76,7 +76,9 @@ int ChildProcess::wait(const std::function<pid_t()>& target) {
        number = signals.next()) {
     if (number == 0) continue;
     const pid_t to = target ? target() : 0;
-    kill(to > 0 ? to : pid_, number);
+    // A group's SIGINT has reached the tool inside already, and its second one would end it at
+    // once.
+    kill(to > 0 ? to : pid_, to > 0 ? SIGTERM : number);
   }
   return exitCode;
 }

@@ -21,9 +21,10 @@ class ChildProcess {
   // signals have been reset to what they do by themselves. False when no process could be made; a
   // program that cannot be run shows as exit code 127 (not found) or 126.
   bool start(const std::vector<std::string>& arguments, const std::function<void()>& prepare);
-  // Waits for the end; stop requests of this program go on to the process `target` (0: the child),
-  // SIGINT only where it did not come from the terminal, which gives it to both. Returns the exit
-  // code, 128 + signal number for a child that a signal ended.
+  // Waits for the end; stop requests of this program go on to the child, SIGINT only where it did
+  // not come from the terminal, which gives it to both. A `target` that gives a process gets a
+  // SIGTERM for each instead. Returns the exit code, 128 + signal number for a child that a signal
+  // ended.
   int wait(const std::function<pid_t()>& target = nullptr);
   // Waits at most that long. True when the child has ended.
   bool waitFor(int milliseconds, int* exitCode);

@@ -41,7 +41,15 @@ bool sameDay(const struct tm& a, const struct tm& b) {
 
 }  // namespace
 
-void complain(const std::string& text) { fprintf(stderr, "tarn: %s\n", text.c_str()); }
+std::string asUserSees(std::string text) {
+  const std::string prefix = std::string(kOutsideTmp) + "/";
+  for (size_t at; (at = text.find(prefix)) != std::string::npos;) {
+    text.replace(at, prefix.size(), "/tmp/");
+  }
+  return text;
+}
+
+void complain(const std::string& text) { fprintf(stderr, "tarn: %s\n", asUserSees(text).c_str()); }
 
 ProgressLine::ProgressLine() : terminal_(isatty(STDERR_FILENO) != 0) {}
 

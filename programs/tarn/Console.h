@@ -5,7 +5,12 @@
 
 namespace tarn {
 
-// "tarn: text" on standard error.
+// Where a private view shows the user's /tmp.
+inline constexpr char kOutsideTmp[] = "/tmp/.outside";
+// A text in which paths read as the user knows them, also from inside a private view.
+std::string asUserSees(std::string text);
+
+// "tarn: text" on standard error, as the user sees it.
 void complain(const std::string& text);
 
 // One line on standard error that is written over and over, and only where a person looks at it.

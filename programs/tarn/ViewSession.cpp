@@ -10,7 +10,7 @@
 
 #include "CardView.h"
 #include "base/UniqueFd.h"
-#include "dblog/CDbRestore.h"
+#include "recorder/StartUp.h"
 
 namespace tarn {
 namespace {
@@ -52,27 +52,17 @@ void prepareServer(int readyFd, int parent) {
   fcntl(readyFd, F_SETFD, 0);
 }
 
-// The order of a recorder's start-up; each step needs the one before.
-bool rebuildDatabase(std::string* error) {
-  CDbRestore restore;
-  if (restore.setupEmptyDb() != 0) {
-    *error = "the empty database could not be set up";
-  } else if (restore.restoreEventDb() != 0 || restore.restoreStreamDb(2) != 0) {
-    *error = "the database could not be rebuilt from the card's journal: is this a good card?";
-  } else if (restore.recoverJournalManage() != 0) {
-    *error = "the card's journal could not be made ready";
-  } else {
-    return true;
-  }
-  return false;
-}
-
 }  // namespace
 
 int ViewSession::open(std::string* error) {
+  StartUpReport report;
   {
     const StandardOutputMuted muted;
-    if (!rebuildDatabase(error)) return -1;
+    report = StartUp().run();
+  }
+  if (!report.ok()) {
+    *error = "the recorder could not be started up on this card: " + report.error;
+    return -1;
   }
   return startServer(error);
 }

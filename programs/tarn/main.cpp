@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 
 #include "CardView.h"
 #include "Command.h"
@@ -64,11 +65,22 @@ int runInside(Command* command, int viewPipe) {
   return exitCode;
 }
 
-int runInView(const std::string& card, const Command& command, int argc, char** argv) {
+// What must be visible in the view: what the command names, and the directories of its paths.
+std::vector<std::string> pathsToShow(Command* command) {
+  std::vector<std::string> paths = command->shownPaths();
+  for (const std::string* path : command->userPaths()) {
+    if (path->empty() || *path == "-") continue;
+    const std::string directory = std::filesystem::absolute(*path).parent_path().string();
+    if (directory != "/tmp") paths.push_back(directory);
+  }
+  return paths;
+}
+
+int runInView(const std::string& card, Command* command, int argc, char** argv) {
   CardView view;
   std::string error;
   const std::vector<std::string> arguments(argv + 1, argv + argc);
-  const int exitCode = view.run(card, arguments, command.shownPaths(), &error);
+  const int exitCode = view.run(card, arguments, pathsToShow(command), &error);
   if (exitCode >= 0) return exitCode;
   complain(error);
   return kExitFailed;
@@ -87,7 +99,7 @@ int runTool(int argc, char** argv) {
     if (!tool.card.empty()) command->setCard(tool.card);
     return command->run();
   }
-  if (!tool.card.empty()) return runInView(tool.card, *command, argc, argv);
+  if (!tool.card.empty()) return runInView(tool.card, command, argc, argv);
   catchStopSignals();
   return command->run();
 }
