@@ -75,7 +75,7 @@ TEST(ManyClients, ThoseThatLeaveAtAnyMomentDisturbNobody) {
   for (int i = 0; i < 4; ++i) {
     rude.emplace_back([&busy, i] {
       for (int round = i; busy; ++round) {
-        RawClient client;
+        RawClient client(kSocketPath);
         for (int sent = 0; sent < round % 4; ++sent) client.send(std::string(1024, 'r'));
         if (round % 3 == 0) client.receive(0);
       }

@@ -273,7 +273,7 @@ TEST_F(ServerMessages, NewClientsFirstRequestDoesNotWaitForTheTimeOut) {
   std::unique_ptr<RawClient> silent;
   accept(silent);
   std::thread joiner([] {
-    RawClient client;
+    RawClient client(kSocketPath);
     client.send("first");
     client.receive();
   });
@@ -292,7 +292,7 @@ TEST_F(ServerMessages, NewClientsNeitherCountNorProlongTheTimeOut) {
   std::vector<std::unique_ptr<RawClient>> joined;
   std::thread joiner([&] {
     while (waiting && joined.size() < kMost) {
-      joined.push_back(std::make_unique<RawClient>());
+      joined.push_back(std::make_unique<RawClient>(kSocketPath));
       std::this_thread::sleep_for(milliseconds(5));
     }
   });
@@ -320,7 +320,7 @@ TEST_F(ServerMessages, WaitForClientSleepsUntilThereIsOne) {
   serve();
   EXPECT_EQ(server_->waitForClient(1), 0);
   std::unique_ptr<RawClient> client;
-  std::thread joiner([&] { client = std::make_unique<RawClient>(); });
+  std::thread joiner([&] { client = std::make_unique<RawClient>(kSocketPath); });
   EXPECT_EQ(server_->waitForClient(-1), 1);
   joiner.join();
   EXPECT_EQ(server_->waitForClient(-1), 1);

@@ -58,11 +58,11 @@ TEST_F(ServerThread, FileAtThePathIsReplaced) {
   struct stat before;
   ASSERT_EQ(stat(kSocketPath, &before), 0);
   serve();
-  EXPECT_TRUE(RawClient().connected());
+  EXPECT_TRUE(RawClient(kSocketPath).connected());
   server_.reset();
   ASSERT_GE(tarn::UniqueFd(open(kSocketPath, O_CREAT | O_WRONLY, 0600)).get(), 0);
   serve();
-  EXPECT_TRUE(RawClient().connected());
+  EXPECT_TRUE(RawClient(kSocketPath).connected());
 }
 
 TEST_F(ServerThread, AcceptedClientIsNoticedByItsHandle) {
@@ -100,7 +100,7 @@ TEST_F(ServerThread, SecondStartIsRefused) {
   serve();
   EXPECT_EQ(server_->startAcceptNewConnectionThread(), -1);
   EXPECT_EQ(log_.withoutPrefix(), errors({"pthread_create() error"}));
-  EXPECT_TRUE(RawClient().connected());
+  EXPECT_TRUE(RawClient(kSocketPath).connected());
 }
 
 TEST_F(ServerThread, StopWithoutAThreadIsReported) {
@@ -139,7 +139,7 @@ TEST_F(ServerThread, StopNeedsNoConnectionAndKeepsClients) {
   std::unique_ptr<RawClient> client;
   accept(client);
   EXPECT_EQ(server_->stopAcceptNewConnectionThread(), 0);
-  const RawClient late;
+  const RawClient late(kSocketPath);
   EXPECT_FALSE(late.connected());
   EXPECT_EQ(late.error(), ECONNREFUSED);
   client->send("still served");
@@ -147,7 +147,7 @@ TEST_F(ServerThread, StopNeedsNoConnectionAndKeepsClients) {
   EXPECT_EQ(readNext(), "still served");
   ASSERT_EQ(server_->startAcceptNewConnectionThread(), 0);
   ASSERT_EQ(server_->waitUntilListening(), 0);
-  EXPECT_TRUE(RawClient().connected());
+  EXPECT_TRUE(RawClient(kSocketPath).connected());
 }
 
 TEST_F(ServerThread, DestructorStopsTheThreadAndRemovesThePath) {
@@ -155,7 +155,7 @@ TEST_F(ServerThread, DestructorStopsTheThreadAndRemovesThePath) {
   EXPECT_EQ(access(kSocketPath, F_OK), 0);
   server_.reset();
   EXPECT_EQ(access(kSocketPath, F_OK), -1);
-  EXPECT_EQ(RawClient().error(), ENOENT);
+  EXPECT_EQ(RawClient(kSocketPath).error(), ENOENT);
   EXPECT_TRUE(log_.lines().empty());
 }
 
@@ -179,7 +179,7 @@ TEST_F(ServerThread, DescriptorsAtTheLimitOfSelectAreRefused) {
     files.emplace_back(open("/dev/null", O_RDONLY));
     ASSERT_TRUE(files.back().valid());
   }
-  RawClient refused;
+  RawClient refused(kSocketPath);
   ASSERT_TRUE(refused.connected());
   EXPECT_EQ(refused.receive(), "");
   const std::vector<LogLine> lines = log_.atPriority(LOG_ERR);
@@ -220,7 +220,7 @@ TEST_F(ServerThread, StopDoesNotWaitForTheBackOff) {
 
 TEST_F(ServerThread, ClientNeverGetsTheHandleThatMeansNone) {
   serve();
-  std::unique_ptr<RawClient> client = std::make_unique<RawClient>();
+  std::unique_ptr<RawClient> client = std::make_unique<RawClient>(kSocketPath);
   ASSERT_TRUE(eventually([&] { return accepted() == 1; }));
   close(STDIN_FILENO);
   std::unique_ptr<RawClient> occupied;  // takes 0 itself
