@@ -63,4 +63,19 @@ inline constexpr char kMsgMirrorUsed[] =
     "%s : original side data read error. use mirror size data (read offset = %lu)\n";
 inline constexpr char kMsgMirrorSeekRollback[] = "CTARNMirrorChunk::seekEvent rollback fail.";
 
+// The database image. Kept on purpose: some of these texts have a full stop before "errno" and
+// some have none.
+inline constexpr char kMsgDbSaveCantOpen[] = " error : Can't open file %s [%s] errno[%d]";
+inline constexpr char kMsgDbCantOpen[] = " error : Can't open file %s [%s]. errno[%d]";
+inline constexpr char kMsgDbCantStat[] = " error : Can't stat data to %s";
+inline constexpr char kMsgDbNoData[] = " no DB backup data on RAMDisk";
+inline constexpr char kMsgDbSaveSeek[] = "copyIn: seek error. errno[%d]";
+inline constexpr char kMsgDbCantWriteImage[] = " error : Can't write data to %s errno[%d]";
+inline constexpr char kMsgDbCantWrite[] = " error : Can't write data to %s. errno[%d]";
+inline constexpr char kMsgDbCantRead[] = " error : Can't read data to %s. errno[%d]";
+inline constexpr char kMsgDbClearSize[] = " clearDBChunk() size error(%ld)";
+// LOG_INFO.
+inline constexpr char kMsgDbSaved[] = " save DB size = %ld";
+inline constexpr char kMsgDbRestored[] = " read DB size = %ld";
+
 }  // namespace tarn
