@@ -83,38 +83,70 @@ int ContainerInput::nextPacket() {
   }
 }
 
-void ContainerInput::fill(MediaPicture* out) {
+void ContainerInput::addPacket() {
   const AVPacket& packet = *packet_;
-  const int64_t frameUs = static_cast<int64_t>(1e6 / (frameRate_ > 0 ? frameRate_ : 25));
-  out->annexB.assign(packet.data, packet.data + packet.size);
-  out->key = isKeyPicture(out->annexB.data(), out->annexB.size());
-  preamble_.complete(&out->annexB, out->key);
   const AVRational base = stream_->time_base;
+  const int64_t frameUs = static_cast<int64_t>(1e6 / (frameRate_ > 0 ? frameRate_ : 25));
+  MediaPicture picture;
+  picture.annexB.assign(packet.data, packet.data + packet.size);
+  picture.key = isKeyPicture(picture.annexB.data(), picture.annexB.size());
+  preamble_.complete(&picture.annexB, picture.key);
   int64_t presentation = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
   presentation = presentation != AV_NOPTS_VALUE ? av_rescale_q(presentation, base, kMicroseconds)
-                                                : originUs_ + lastDecodeUs_ + frameUs;
+                                                : originUs_ + lastPresentationUs_ + frameUs;
   if (!started_) originUs_ = presentation;
-  out->presentationUs = presentation - originUs_;
-  out->decodeUs = packet.dts != AV_NOPTS_VALUE
-                      ? av_rescale_q(packet.dts, base, kMicroseconds) - originUs_
-                      : out->presentationUs;
-  out->decodeUs = std::min(out->decodeUs, out->presentationUs);
-  out->durationUs =
-      packet.duration > 0 ? av_rescale_q(packet.duration, base, kMicroseconds) : frameUs;
-  lastDecodeUs_ = out->decodeUs;
   started_ = true;
-  lengthUs_ = std::max(lengthUs_, out->presentationUs + out->durationUs);
+  picture.presentationUs = presentation - originUs_;
+  picture.durationUs =
+      packet.duration > 0 ? av_rescale_q(packet.duration, base, kMicroseconds) : frameUs;
+  lastPresentationUs_ = picture.presentationUs;
+  lengthUs_ = std::max(lengthUs_, picture.presentationUs + picture.durationUs);
+  if (packet.dts != AV_NOPTS_VALUE) {
+    picture.decodeUs =
+        std::min(av_rescale_q(packet.dts, base, kMicroseconds) - originUs_, picture.presentationUs);
+    if (!decodeTimesKnown_) backfillDecodeTimes(picture.decodeUs);
+  } else if (decodeTimesKnown_) {
+    picture.decodeUs = picture.presentationUs;
+  }
+  waiting_.push_back(std::move(picture));
+}
+
+void ContainerInput::backfillDecodeTimes(int64_t nextDecodeUs) {
+  decodeTimesKnown_ = true;
+  for (auto picture = waiting_.rbegin(); picture != waiting_.rend(); ++picture) {
+    nextDecodeUs = std::min(nextDecodeUs - picture->durationUs, picture->presentationUs);
+    picture->decodeUs = nextDecodeUs;
+  }
+}
+
+bool ContainerInput::firstIsTimed() const {
+  constexpr size_t kMostReordered = 16;
+  return !waiting_.empty() && (decodeTimesKnown_ || ended_ || waiting_.size() > kMostReordered);
+}
+
+int ContainerInput::readMore() {
+  const int result = nextPacket();
+  if (result == AVERROR_EOF) {
+    ended_ = true;
+  } else if (result == 0) {
+    addPacket();
+    av_packet_unref(packet_.get());
+  }
+  return result;
 }
 
 MediaInput::Result ContainerInput::next(MediaPicture* out) {
-  const int result = nextPacket();
-  if (result == AVERROR_EOF) return Result::kEnd;
-  if (result < 0) {
-    error_ = "reading the video failed: " + avErrorText(result);
-    return Result::kError;
+  while (!firstIsTimed()) {
+    if (ended_) return Result::kEnd;
+    const int result = readMore();
+    if (result < 0 && result != AVERROR_EOF) {
+      error_ = "reading the video failed: " + avErrorText(result);
+      return Result::kError;
+    }
   }
-  fill(out);
-  av_packet_unref(packet_.get());
+  if (!decodeTimesKnown_) backfillDecodeTimes(waiting_.front().presentationUs);
+  *out = std::move(waiting_.front());
+  waiting_.pop_front();
   return Result::kPicture;
 }
 

@@ -16,17 +16,26 @@ class ContainerInput : public MediaInput {
   int openFilter(std::string* error);
   // The next packet of the video as a byte stream; 0, AVERROR_EOF or another error.
   int nextPacket();
-  void fill(MediaPicture* out);
+  // Reads one more picture into waiting_; 0, AVERROR_EOF or another error.
+  int readMore();
+  void addPacket();
+  // Pictures wait while the container has not told a decode time yet: some tell it only from the
+  // first reordered picture on.
+  bool firstIsTimed() const;
+  void backfillDecodeTimes(int64_t nextDecodeUs);
 
   AvOwned<AVFormatContext> format_;
   AvOwned<AVBSFContext> filter_;
   AvOwned<AVPacket> packet_;
   AVStream* stream_ = nullptr;  // owned by format_
   StreamPreamble preamble_;
+  std::deque<MediaPicture> waiting_;
   bool started_ = false;
   bool draining_ = false;
+  bool ended_ = false;
+  bool decodeTimesKnown_ = false;
   int64_t originUs_ = 0;  // presentation time of the first picture
-  int64_t lastDecodeUs_ = 0;
+  int64_t lastPresentationUs_ = 0;
 };
 
 }  // namespace tarn::tool
