@@ -74,8 +74,8 @@ class TARN_API CTARNChunkBase {
   // read past its end: fewer bytes come back, 0 at the end or behind it.
   long read(void* buf, long size);
 
-  // Moves to a position of the ring and returns it. SEEK_CUR wraps at the ring's end and refuses a
-  // position before its start; SEEK_SET does not wrap.
+  // Moves to a position of the ring and returns it. SEEK_CUR wraps at the ring's end; SEEK_SET does
+  // not. A position before the chunk is refused without a line.
   long seek(long offset, int whence);
   // The same inside the event's range: SEEK_SET counts from its start and SEEK_END from its end,
   // both refused outside it. SEEK_CUR outside the range is a warning only. Returns the position in

@@ -271,6 +271,28 @@ TEST(ChunkRing, AChunkOpenForWritingIsReadWithoutAnEvent) {
   EXPECT_EQ(part(out, 96, 4000), part(bytes, 0, 4000));
 }
 
+// What a 32-bit machine keeps of an argument is what counts, on every machine.
+TEST(ChunkRing, SizesAndOffsetsAreCutTo32Bits) {
+  if (sizeof(long) == 4) GTEST_SKIP() << "arguments have 32 bits";
+  const auto wide = [](long value) { return static_cast<long>((int64_t{1} << 32) + value); };
+  OpenRing r(0, 0);
+  const Bytes bytes = patternBytes(16);
+  EXPECT_EQ(r.chunk.write(Bytes(bytes).data(), wide(16)), 16);
+  EXPECT_EQ(r.chunk.getFreeAddr(), 16u);
+  EXPECT_EQ(r.chunk.write(Bytes(bytes).data(), wide(-1)), -1);
+  EXPECT_EQ(r.chunk.seek(wide(4), SEEK_SET), 4);
+  EXPECT_EQ(r.chunk.seek(wide(5), SEEK_CUR), 9);
+  EXPECT_EQ(r.chunk.seekEvent(wide(2), SEEK_SET), 2);
+  Bytes out(8);
+  EXPECT_EQ(r.chunk.read(out.data(), wide(8)), 8);
+  EXPECT_EQ(out, part(bytes, 2, 8));
+  EXPECT_EQ(r.chunk.read(out.data(), 0x80000000l), -1);
+  r.chunk.setFreeAddr(static_cast<unsigned long>(wide(100)));
+  EXPECT_EQ(r.chunk.getFreeAddr(), 100u);
+  EXPECT_THAT(problems(r.log),
+              ElementsAre(err("write: error write size exceed free space. 4080 <= 4294967295")));
+}
+
 TEST(ChunkRing, SeekWrapsAtTheEndOnly) {
   OpenEvent e(0, 4096);
   EXPECT_EQ(e.chunk.seek(4000, SEEK_SET), 4000);

@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 namespace {
 std::atomic<int> g_pauses{0};
 std::atomic<int> g_syncs{0};
+std::atomic<bool> g_statFails{false};
 }  // namespace
 
 // The pause before the size is written is counted instead of waited for, as is the machine-wide
@@ -27,6 +29,13 @@ __attribute__((visibility("default"))) int usleep(useconds_t us) {
   return nanosleep(&time, nullptr);
 }
 __attribute__((visibility("default"))) void sync(void) noexcept { ++g_syncs; }
+__attribute__((visibility("default"))) int fstat64(int fd, struct stat64* out) noexcept {
+  using Fstat = int (*)(int, struct stat64*);
+  static const auto real = reinterpret_cast<Fstat>(dlsym(RTLD_NEXT, "fstat64"));
+  if (!g_statFails) return real(fd, out);
+  errno = EIO;
+  return -1;
+}
 }
 
 namespace tarn_test {
@@ -183,6 +192,17 @@ TEST(DBChunk, FilesThatCannotBeOpenedAreReported) {
   EXPECT_THAT(c.log.lines(), ElementsAre(err(" error : Can't open file /tmp/missing [copyIn]"),
                                          err(" error : Can't open file /tmp/missing/file "
                                              "[copyOut]. errno[2]")));
+  EXPECT_TRUE(c.allClosed());
+}
+
+TEST(DBChunk, ASourceWhoseSizeIsUnknownIsReported) {
+  ImageCard c;
+  writeFile(kSource, patternBytes(100));
+  g_statFails = true;
+  EXPECT_EQ(c.chunk.copyIn(kSource), -1);
+  g_statFails = false;
+  EXPECT_THAT(c.log.lines(), ElementsAre(err(" error : Can't stat data to /tmp/DB.dat")));
+  EXPECT_EQ(c.io.writes().size(), 0u);
   EXPECT_TRUE(c.allClosed());
 }
 

@@ -175,6 +175,23 @@ TEST(StreamChunk, StreamSizeOfARecordThatCannotBeReadFails) {
   EXPECT_THAT(c.log.lines(), ElementsAre(cantRead));
 }
 
+TEST(StreamChunk, PicturesThatTheDeviceDoesNotDeliverAreZerosAndTold) {
+  PlainCard c;
+  c.card.writeChunk(kPicture, 2, 0, patternBytes(3200));
+  CTARNStreamChunk chunk(0);
+  const CHUNK_EVENT event = eventOf(2, 0, 3200);
+  ASSERT_EQ(chunk.openChunkFile(&event), 0);
+  Bytes out(32, 0xAA);
+  c.io.fail(Call::Read, 1, EIO);
+  EXPECT_EQ(chunk.read(out.data(), 32), 32);
+  EXPECT_EQ(out, Bytes(32, 0));
+  EXPECT_TRUE(chunk.lastReadFailed());
+  EXPECT_EQ(chunk.seekEvent(0, SEEK_SET), 0);
+  EXPECT_EQ(chunk.read(out.data(), 32), 32);
+  EXPECT_EQ(out, patternBytes(32));
+  EXPECT_FALSE(chunk.lastReadFailed());
+}
+
 TEST(StreamChunk, PicturesAreReadInBlocks) {
   PlainCard c;
   const Bytes bytes = patternBytes(3200);
