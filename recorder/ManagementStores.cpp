@@ -23,7 +23,7 @@ bool chunkInStore(CTARNStreamManagerNative& store, uint32_t chunk) {
 }
 
 // Attribute and channel words hold a signed 8-bit number, sign-extended or not.
-bool holdsByte(uint32_t word) { return word <= UINT8_MAX || asSigned32(word) >= INT8_MIN; }
+bool holdsByte(uint32_t word) { return word <= UINT8_MAX || word >= 0xFFFFFF80u; }
 
 signed char lowByte(uint32_t word) {
   return static_cast<signed char>(static_cast<uint8_t>(word & 0xFF));

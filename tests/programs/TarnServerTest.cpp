@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <array>
@@ -160,7 +161,7 @@ TEST_F(TarnServer, OfServersThatStartAtOnceOneServes) {
 }
 
 TEST_F(TarnServer, MissingCardIsSaidAndServed) {
-  ASSERT_EQ(rename(kCardPath, "/tmp/card"), 0);
+  ASSERT_EQ(rename(kCardPath, "/dev/away"), 0);
   ServerProcess server({}, true);
   EXPECT_EQ(server.readiness(), "\n");
   CTARNStreamManager manager(51);
@@ -169,7 +170,7 @@ TEST_F(TarnServer, MissingCardIsSaidAndServed) {
   manager.closeManageData();
   EXPECT_EQ(server.end(SIGTERM), 0);
   EXPECT_THAT(server.err(), testing::StartsWith("tarn-server: management data of the stream "));
-  ASSERT_EQ(rename("/tmp/card", kCardPath), 0);
+  ASSERT_EQ(rename("/dev/away", kCardPath), 0);
 }
 
 TEST_F(TarnServer, KilledServerLeavesWhatWasSavedAndItsSocketIsReplaced) {

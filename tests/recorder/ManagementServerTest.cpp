@@ -219,7 +219,7 @@ TEST_F(ManagementServer, PathThatCannotBeUsedIsReported) {
 }
 
 TEST_F(ManagementServer, MissingCardIsNoReasonNotToServe) {
-  ASSERT_EQ(rename(kCardPath, "/tmp/card"), 0);
+  ASSERT_EQ(rename(kCardPath, "/dev/away"), 0);
   serve();
   RawClient client(kServerSocketPath);
   ASSERT_TRUE(client.send(countRequest()));
@@ -227,7 +227,7 @@ TEST_F(ManagementServer, MissingCardIsNoReasonNotToServe) {
   ASSERT_EQ(answer.size(), 1024u);
   EXPECT_EQ(tarn::getLe32(answer.data() + tarn::kRequestResultOff), tarn::kResultRefused);
   EXPECT_EQ(stop(), 0);
-  ASSERT_EQ(rename("/tmp/card", kCardPath), 0);
+  ASSERT_EQ(rename("/dev/away", kCardPath), 0);
 }
 
 TEST_F(ManagementServer, ManyRequestsOfOneClientDoNotKeepOthersWaiting) {

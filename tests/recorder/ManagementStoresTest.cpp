@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <random>
 
@@ -151,6 +153,7 @@ TEST_F(ManagementStores, UnknownAreaOfASizeIsRefused) {
 }
 
 TEST_F(ManagementStores, ChunkForAChannelIsChosen) {
+  ASSERT_EQ(system("/usr/local/bin/dbsetup init && /usr/local/bin/dbsetup start"), 0);
   open();
   RequestRecord answer = ask(tarn::kRequestFirstAvailable, 7, 1000, 2, 0);
   EXPECT_EQ(answer.result(), kResultDone);
