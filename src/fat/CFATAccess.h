@@ -76,23 +76,29 @@ class TARN_API CFATAccess {
   static constexpr int kHandles = 50;
   static constexpr int kDeviceRoom = 64;
 
-  // While pending is 0 the caller's thread owns all of it. While pending is 1 the worker owns back
-  // and pendingSize. pending is set and cleared under m_mutex, so that no wake-up is lost.
+  // The caller's thread owns front and fill, unless queued is set; the worker owns back and
+  // pendingSize while pending is set. The two flags change under m_mutex, so that no wake-up is
+  // lost. A full front that finds back still pending is queued, and the worker itself exchanges the
+  // two when it is done: it need not wait for the caller to wake up first.
   struct WriteBuffer {
     uint8_t* front = nullptr;  // write() fills it; null when the handle is unbuffered for writing
     uint8_t* back = nullptr;   // the worker writes it out
-    uint32_t capacity = 0;     // bytes of each of the two
-    uint32_t fill = 0;         // bytes in front
+    uint32_t capacity = 0;     // bytes of each of the two; 0 when the handle is unbuffered
+    uint32_t fill = 0;         // bytes in front that are not handed over
     uint32_t pendingSize = 0;  // bytes in back
     uint8_t alignMode = 0;     // stream chunks: start full buffers on 64 KiB of the device
     std::atomic<uint8_t> aligned{0};  // the device is known to stand on such a boundary
     std::atomic<uint8_t> pending{0};  // back waits for the worker
+    std::atomic<uint8_t> queued{0};   // front is handed over, too; only while pending
+    uint32_t queuedSize = 0;          // bytes in front then
+    void* memory[2] = {};             // what malloc gave; the buffers begin on pages in them
   };
 
   struct ReadBuffer {
     uint8_t* data = nullptr;  // one block; null when the handle is unbuffered for reading
     uint32_t valid = 0;       // bytes that the last device read brought
     uint32_t pos = 0;         // bytes handed out; above valid once zeros stood in for missing ones
+    void* memory = nullptr;   // what malloc gave; data begins on a page in it
   };
 
   static bool isIndex(int index) { return index >= 0 && index < kHandles; }
@@ -110,15 +116,20 @@ class TARN_API CFATAccess {
 
   long writeBuffered(int index, const uint8_t* data, uint32_t length);
   long writeUpToBoundary(int index, const uint8_t* data, uint32_t length);
-  static void append(WriteBuffer& buffer, const uint8_t* data, uint32_t length);
+  void append(WriteBuffer& buffer, const uint8_t* data, uint32_t length) TARN_EXCLUDES(m_mutex);
 
   int64_t chunkStart(int index) const;
   long positionInChunk(int index) const;
   bool standsAt(int index, int64_t target, int whence) const;
   long seekDevice(int index, int64_t target, int whence);
 
-  // Gives front to the worker, once an earlier hand-over is written.
+  bool isWriteBuffered(int index) const { return m_writeBuf[index].capacity != 0; }
+  // Gives front to the worker, behind an earlier hand-over that is still being written.
   void handOver(int index) TARN_EXCLUDES(m_mutex);
+  bool passFront(WriteBuffer& buffer) TARN_REQUIRES(m_mutex);
+  void finishPending(WriteBuffer& buffer) TARN_EXCLUDES(m_mutex);
+  // Returns when front can be filled again.
+  void waitForFront(const WriteBuffer& buffer) TARN_EXCLUDES(m_mutex);
   void waitUntilWritten(int index) TARN_EXCLUDES(m_mutex);
   // Returns when nothing of the handle is buffered any more.
   void drain(int index) TARN_EXCLUDES(m_mutex);
@@ -143,7 +154,7 @@ class TARN_API CFATAccess {
   pthread_t m_thread{};
   tarn::Mutex m_mutex;
   tarn::CondVar m_cond;                     // the worker waits for work
-  tarn::CondVar m_written;                  // callers wait for the worker
+  tarn::CondVar m_written;                  // the caller waits for the worker
   std::atomic<int32_t> m_threadRunning{0};  // cleared under m_mutex to stop the worker
   bool m_readFailed[kHandles] = {};
 };

@@ -60,18 +60,36 @@ bool CFATAccess::anyPending() const {
 
 void CFATAccess::handOver(int index) {
   WriteBuffer& buffer = m_writeBuf[index];
-  waitUntilWritten(index);
-  std::swap(buffer.front, buffer.back);
-  buffer.pendingSize = std::exchange(buffer.fill, 0);
+  bool workerMayBeIdle;
   {
     tarn::MutexLock lock(m_mutex);
-    buffer.pending = 1;
+    workerMayBeIdle = passFront(buffer);
   }
+  if (!workerMayBeIdle) return;
   if (m_threadRunning != 0) {
     m_cond.signal();
   } else {
     writePending(index);
   }
+}
+
+bool CFATAccess::passFront(WriteBuffer& buffer) {
+  const uint32_t size = std::exchange(buffer.fill, 0);
+  if (buffer.pending != 0) {
+    buffer.queuedSize = size;
+    buffer.queued = 1;
+    return false;
+  }
+  std::swap(buffer.front, buffer.back);
+  buffer.pendingSize = size;
+  buffer.pending = 1;
+  return true;
+}
+
+void CFATAccess::waitForFront(const WriteBuffer& buffer) {
+  if (buffer.queued == 0) return;
+  tarn::MutexLock lock(m_mutex);
+  while (buffer.queued != 0) m_written.wait(m_mutex);
 }
 
 void CFATAccess::waitUntilWritten(int index) {
@@ -102,12 +120,22 @@ void CFATAccess::writePending(int index) {
     reportLostWrite(index, result == -1 ? -1 : static_cast<long>(written), written);
   }
   if (buffer.alignMode != 0) buffer.aligned = isSdAligned(index);
+  finishPending(buffer);
+}
+
+void CFATAccess::finishPending(WriteBuffer& buffer) {
   {
     tarn::MutexLock lock(m_mutex);
-    buffer.pendingSize = 0;
-    buffer.pending = 0;
+    if (buffer.queued != 0) {
+      std::swap(buffer.front, buffer.back);
+      buffer.pendingSize = buffer.queuedSize;
+      buffer.queued = 0;
+    } else {
+      buffer.pendingSize = 0;
+      buffer.pending = 0;
+    }
   }
-  m_written.broadcast();
+  m_written.signal();  // at most one: an object has one caller at a time
 }
 
 void CFATAccess::flushDevice(int index) {

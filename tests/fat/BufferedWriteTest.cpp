@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <chrono>
 #include <future>
+#include <thread>
 
 #include "fat/FatTest.h"
 
@@ -199,19 +200,53 @@ TEST(FatBufferedWrite, FsyncOfAnEmptyBufferIsTheDevicesOwn) {
 
 TEST(FatBufferedWrite, WriterWaitsOnlyWhenBothBuffersAreFull) {
   OpenCard c(streamsPastBoundary(0));
-  const auto bytes = patternBytes(2 * kMiB);
+  const auto bytes = patternBytes(3 * kMiB);
   const int handle = c.open(kStream);
   c.io.block(Call::Write, 1);
   EXPECT_EQ(c.fat.write(handle, bytes.data(), kMiB), static_cast<long>(kMiB));
   ASSERT_TRUE(c.io.waitUntilBlocked());
-  // The worker stands still; all but the last byte of the second buffer goes in at once.
-  EXPECT_EQ(c.fat.write(handle, bytes.data() + kMiB, kMiB - 1), static_cast<long>(kMiB - 1));
-  auto last = std::async(std::launch::async,
-                         [&] { return c.fat.write(handle, bytes.data() + 2 * kMiB - 1, 1); });
-  EXPECT_EQ(last.wait_for(50ms), std::future_status::timeout);
+  // The worker stands still; the whole second buffer goes in at once, and nobody is in the way.
+  EXPECT_EQ(c.fat.write(handle, bytes.data() + kMiB, 1000), 1000);
+  EXPECT_EQ(c.fat.write(handle, bytes.data() + kMiB + 1000, kMiB - 1000),
+            static_cast<long>(kMiB - 1000));
+  EXPECT_EQ(c.fat.lseek(handle, 0, SEEK_CUR), static_cast<long>(2 * kMiB));
+  EXPECT_EQ(c.fat.write(handle, nullptr, 0), 0);
+  auto third = std::async(std::launch::async,
+                          [&] { return c.fat.write(handle, bytes.data() + 2 * kMiB, kMiB); });
+  EXPECT_EQ(third.wait_for(50ms), std::future_status::timeout);
   c.io.release();
-  EXPECT_EQ(last.get(), 1);
+  EXPECT_EQ(third.get(), static_cast<long>(kMiB));
   EXPECT_EQ(c.fat.fsync(handle), 0);
+  EXPECT_EQ(c.card.readChunk(kStream, 0, 0, 3 * kMiB), bytes);
+  EXPECT_EQ(c.io.count(Call::Write), 3u);
+}
+
+TEST(FatBufferedWrite, WorkerGoesOnWithAFullSecondBufferByItself) {
+  OpenCard c(streamsPastBoundary(0));
+  const auto bytes = patternBytes(2 * kMiB);
+  const int handle = c.open(kStream);
+  c.io.block(Call::Write, 1);
+  c.fat.write(handle, bytes.data(), kMiB);
+  ASSERT_TRUE(c.io.waitUntilBlocked());
+  c.fat.write(handle, bytes.data() + kMiB, kMiB);
+  c.io.release();
+  // No call of ours hands the second one over.
+  while (c.io.count(Call::Fsync) < 2) std::this_thread::sleep_for(1ms);
+  EXPECT_EQ(c.card.readChunk(kStream, 0, 0, 2 * kMiB), bytes);
+}
+
+TEST(FatBufferedWrite, CloseWritesBothFullBuffers) {
+  OpenCard c(streamsPastBoundary(0));
+  const auto bytes = patternBytes(2 * kMiB);
+  const int handle = c.open(kStream);
+  c.io.block(Call::Write, 1);
+  c.fat.write(handle, bytes.data(), kMiB);
+  ASSERT_TRUE(c.io.waitUntilBlocked());
+  c.fat.write(handle, bytes.data() + kMiB, kMiB);
+  auto done = std::async(std::launch::async, [&] { return c.fat.close(handle); });
+  EXPECT_EQ(done.wait_for(50ms), std::future_status::timeout);
+  c.io.release();
+  EXPECT_EQ(done.get(), 0);
   EXPECT_EQ(c.card.readChunk(kStream, 0, 0, 2 * kMiB), bytes);
 }
 

@@ -6,8 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -22,17 +22,20 @@ inline constexpr char kMarker[] = "/tmp/sd_err_mem_write";
 
 // Every captured line as "operation: text". A line that is not an error, or lacks the prefix
 // "operation line N in CFATAccess.cpp: ", comes back whole, so that it shows in a comparison.
-inline std::vector<std::string> fatLines(const SyslogCapture& log) {
-  static const std::regex shape("^([A-Za-z_]+) line [0-9]+ in CFATAccess\\.cpp: ([^]*)$");
-  std::vector<std::string> result;
-  for (const LogLine& line : log.lines()) {
-    std::smatch parts;
-    if (line.priority == 3 && std::regex_match(line.text, parts, shape)) {
-      result.push_back(parts[1].str() + ": " + parts[2].str());
-    } else {
-      result.push_back("<" + std::to_string(line.priority) + ">" + line.text);
-    }
+inline std::string fatLine(const LogLine& line) {
+  char operation[64] = {};
+  int number = 0, prefix = 0;
+  const int got = sscanf(line.text.c_str(), "%63[A-Za-z_] line %d in CFATAccess.cpp: %n", operation,
+                         &number, &prefix);
+  if (line.priority != 3 || got != 2 || prefix == 0 || number <= 0) {
+    return "<" + std::to_string(line.priority) + ">" + line.text;
   }
+  return std::string(operation) + ": " + line.text.substr(static_cast<size_t>(prefix));
+}
+
+inline std::vector<std::string> fatLines(const SyslogCapture& log) {
+  std::vector<std::string> result;
+  for (const LogLine& line : log.lines()) result.push_back(fatLine(line));
   return result;
 }
 

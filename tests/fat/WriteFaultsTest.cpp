@@ -68,6 +68,23 @@ TEST(FatWriteFaults, WhatFollowsALostBufferGoesWhereItBelongs) {
   }
 }
 
+TEST(FatWriteFaults, BufferQueuedBehindALostOneGoesWhereItBelongs) {
+  OpenSyslog c;
+  const auto bytes = patternBytes(2 * kSmall);
+  c.io.block(Call::Write, 1);
+  c.fat.write(c.handle, bytes.data(), kSmall);
+  ASSERT_TRUE(c.io.waitUntilBlocked());
+  c.fat.write(c.handle, bytes.data() + kSmall, kSmall);
+  c.io.fail(Call::Fsync, 1, EIO);  // the blocked one is written, its flush fails
+  c.io.shorten(Call::Write, 1, 100, EIO);
+  c.io.release();
+  EXPECT_EQ(c.fat.close(c.handle), 0);
+  EXPECT_EQ(c.onCard(0, kSmall + 100), part(bytes, 0, kSmall + 100));
+  EXPECT_THAT(fatLines(c.log),
+              ElementsAre("m_bufferWriteFunc: sync error [errno=5]",
+                          "m_bufferWriteFunc: write error 2 writesize[100/32768] [errno=5]"));
+}
+
 TEST(FatWriteFaults, InterruptedWriteIsRepeated) {
   OpenSyslog c;
   const auto bytes = patternBytes(kSmall);
