@@ -14,6 +14,7 @@
 
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
+#include "manager/CTARNStreamManager.h"
 #include "recorder/ManagementServer.h"
 #include "recorder/RecordingReader.h"
 #include "recorder/RecordingSession.h"
@@ -63,13 +64,21 @@ class RecorderRig {
     server_.reset();
   }
 
-  // The same server in a process of its own, which can be killed.
+  // The server in a process of its own, which can be killed. A test that forks uses it instead of
+  // the thread, so that nothing else runs while it forks.
   void startServerProcess() {
+    stopServer();
     serverPid_ = fork();
-    if (serverPid_ != 0) return;
-    tarn::ManagementServer server;
-    if (server.start() != 0) _exit(1);
-    _exit(server.run() == 0 ? 0 : 1);
+    if (serverPid_ == 0) {
+      execl(TARN_BIN_DIR "/tarn-server", "tarn-server", nullptr);
+      _exit(127);
+    }
+    CTARNStreamManager probe(tarn::kRecorderPartition);
+    for (int i = 0; i < 400 && probe.openManageData() != 0; ++i) {
+      probe.closeManageData();
+      usleep(5000);
+    }
+    probe.closeManageData();
   }
   void killServerProcess() {
     if (serverPid_ <= 0) return;

@@ -485,7 +485,6 @@ TEST(RecordingSession, ServerMayBeRestartedInMidRecording) {
 
 TEST(RecordingSession, ServerMayBeKilledAgainAndAgain) {
   RecorderRig rig({256 * kKiB, 8 * kKiB, 2, 64 * kKiB});
-  rig.stopServer();
   rig.startServerProcess();
   RecordingSession session;
   ASSERT_TRUE(openSession(session, withSegments(2)));
@@ -506,6 +505,7 @@ TEST(RecordingSession, ServerMayBeKilledAgainAndAgain) {
 // Killed between pictures only: a process that dies inside a statement leaves the database locked.
 TEST(RecordingSession, KilledAndStartedAgainItLosesNothingThatWasConfirmed) {
   RecorderRig rig({256 * kKiB, 8 * kKiB, 2, 64 * kKiB});
+  rig.startServerProcess();
   for (uint32_t round = 0; round < 8; ++round) {
     CDbLog::getInstance()->finish();
     const uint32_t from = round * 1000;
@@ -612,6 +612,7 @@ TEST(RecordingSession, RecordingWithoutPicturesIsDeletedWithItsHeader) {
 
 TEST(RecordingSession, RowsThatAKilledProcessLeftOpenAreClosedAtWhatIsConfirmed) {
   RecorderRig rig;
+  rig.startServerProcess();
   const pid_t child = fork();
   if (child == 0) {
     RecordingSession session;
