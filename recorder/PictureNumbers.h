@@ -25,8 +25,8 @@ class TARN_API PictureNumbers {
   // First number of the next recording. False when the numbers must be scanned afresh (or, right
   // after a scan, when the slots leave no gap at all).
   bool first(uint32_t* number) const;
-  // Tells of a number that was written to the chunk. The number behind it stays unused: the header of
-  // the next recording holds its first number where the next entry of this one would be.
+  // Tells of a number that was written to the chunk. The number behind it stays unused: the header
+  // of the next recording holds its first number where the next entry of this one would be.
   void used(uint32_t number) {
     if (number + 1 >= next_) next_ = number + 2;
   }
