@@ -1,3 +1,6 @@
+#include <signal.h>
+#include <sys/prctl.h>
+
 #include <filesystem>
 
 #include "ChildProcess.h"
@@ -18,7 +21,8 @@ class CommandRun : public Command {
 
   int run() override {
     ChildProcess program;
-    if (!program.start(words_, nullptr)) {
+    // A tool that is killed must not leave its command behind, alone with the card.
+    if (!program.start(words_, [] { prctl(PR_SET_PDEATHSIG, SIGTERM); })) {
       complain("cannot make a process for " + words_[0]);
       return kExitFailed;
     }

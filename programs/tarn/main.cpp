@@ -31,7 +31,7 @@ struct Tool {
                    "file, is the recorder's card")
         ->type_name("CARD");
     app.add_option("--inside-view", viewPipe)->group("");
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     app.footer(kFooter);
     for (const auto& command : commands) subcommands.push_back(command->addTo(app));
   }
@@ -94,6 +94,10 @@ int runTool(int argc, char** argv) {
     return tool.app.exit(error) == 0 ? kExitGood : kExitUsage;
   }
   Command* command = tool.chosen();
+  if (command == nullptr) {
+    complain("which command? tarn --help lists them");
+    return kExitUsage;
+  }
   if (tool.viewPipe >= 0) return runInside(command, tool.viewPipe);
   if (!command->needsRecorder()) {
     if (!tool.card.empty()) command->setCard(tool.card);

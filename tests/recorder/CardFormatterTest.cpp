@@ -17,6 +17,7 @@
 #include "recorder/CardFormatter.h"
 #include "recorder/CardInfo.h"
 #include "support/IoFaults.h"
+#include "support/Shell.h"
 #include "support/SyslogCapture.h"
 
 namespace tarn {
@@ -24,6 +25,8 @@ namespace {
 
 using tarn_test::Call;
 using tarn_test::IoFaults;
+using tarn_test::shell;
+using tarn_test::ShellResult;
 using tarn_test::SyslogCapture;
 using ::testing::HasSubstr;
 
@@ -100,22 +103,6 @@ int familiesThatOpen() {
     access.close(handle);
   }
   return opened;
-}
-
-struct ShellResult {
-  int exitCode;
-  std::string output;
-};
-
-ShellResult shell(const std::string& command) {
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  std::string output;
-  std::array<char, 4096> piece;
-  for (size_t got; (got = fread(piece.data(), 1, piece.size(), pipe)) > 0;) {
-    output.append(piece.data(), got);
-  }
-  const int status = pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
 
 TEST(CardFormatterTest, EveryFamilyOpensWithTheGeometryOfTheLayout) {
