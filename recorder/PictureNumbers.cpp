@@ -69,7 +69,7 @@ int PictureNumbers::scan(int chunk, uint32_t pictureChunkSize) {
     const long got = reader.read(block.data(), static_cast<long>(length));
     if (got != static_cast<long>(length) || reader.lastReadFailed()) return -1;
     for (uint32_t off = 0; off + kRecordSize <= length; off += kRecordSize) {
-      numbers.push_back(getLe32(block.data() + off + kEntNumberOff));
+      numbers.push_back(getLe32(block.data() + off + kEntryNumberOff));
     }
     done += length;
   }

@@ -5,60 +5,55 @@
 
 namespace tarn {
 
-uint16_t streamHeaderSum(const uint8_t* bytes) {
-  uint32_t sum = 0;
-  for (uint32_t off = 0; off < kHdrSumOff; off += 2) sum += getLe16(bytes + off);
-  return static_cast<uint16_t>(sum);
-}
-
 void encodeStreamHeader(const StreamHeader& header, uint8_t* out) {
-  putLe32(out + kHdrMarkerOff, header.marker);
-  putLe32(out + kHdrFirstNumberOff, header.firstNumber);
-  putLe32(out + kHdrDataOffsetOff, header.dataOffset);
-  putLe32(out + kHdrDataSizeOff, header.dataSize);
-  putLe32(out + kHdrLastTimeOff, header.lastTime);
-  putLe32(out + kHdrPicturesOff, header.pictures);
-  putLe32(out + kHdrGopsOff, header.gops);
-  putLe16(out + kHdrVersionOff, header.version);
-  putLe16(out + kHdrSumOff, streamHeaderSum(out));
+  putLe32(out + kHeaderMarkerOff, header.marker);
+  putLe32(out + kHeaderFirstNumberOff, header.firstNumber);
+  putLe32(out + kHeaderDataOffsetOff, header.dataOffset);
+  putLe32(out + kHeaderDataSizeOff, header.dataSize);
+  putLe32(out + kHeaderLastTimeOff, header.lastTime);
+  putLe32(out + kHeaderPicturesOff, header.pictures);
+  putLe32(out + kHeaderGopsOff, header.gops);
+  putLe16(out + kHeaderVersionOff, header.version);
+  putLe16(out + kHeaderSumOff, streamHeaderWordSum(out));
 }
 
 bool decodeStreamHeader(const uint8_t* bytes, StreamHeader* out) {
-  out->marker = getLe32(bytes + kHdrMarkerOff);
-  out->firstNumber = getLe32(bytes + kHdrFirstNumberOff);
-  out->dataOffset = getLe32(bytes + kHdrDataOffsetOff);
-  out->dataSize = getLe32(bytes + kHdrDataSizeOff);
-  out->lastTime = getLe32(bytes + kHdrLastTimeOff);
-  out->pictures = getLe32(bytes + kHdrPicturesOff);
-  out->gops = getLe32(bytes + kHdrGopsOff);
-  out->version = getLe16(bytes + kHdrVersionOff);
-  return getLe16(bytes + kHdrSumOff) == streamHeaderSum(bytes);
+  out->marker = getLe32(bytes + kHeaderMarkerOff);
+  out->firstNumber = getLe32(bytes + kHeaderFirstNumberOff);
+  out->dataOffset = getLe32(bytes + kHeaderDataOffsetOff);
+  out->dataSize = getLe32(bytes + kHeaderDataSizeOff);
+  out->lastTime = getLe32(bytes + kHeaderLastTimeOff);
+  out->pictures = getLe32(bytes + kHeaderPicturesOff);
+  out->gops = getLe32(bytes + kHeaderGopsOff);
+  out->version = getLe16(bytes + kHeaderVersionOff);
+  return getLe16(bytes + kHeaderSumOff) == streamHeaderWordSum(bytes);
 }
 
 void encodePictureEntry(const PictureEntry& entry, uint8_t* out) {
-  putLe32(out + kEntKeyOff, entry.key);
-  putLe32(out + kEntNumberOff, entry.number);
-  putLe32(out + kEntDataOffsetOff, entry.dataOffset);
-  putLe32(out + kEntSizeOff, entry.size);
-  putLe32(out + kEntSecondsOff, entry.presentation.seconds);
-  putLe16(out + kEntMillisOff, entry.presentation.milliseconds());
-  putLe16(out + kEntMicrosOff, static_cast<uint16_t>(entry.presentation.micros % 1000));
-  putLe32(out + kEntDecodeOff, static_cast<uint32_t>(entry.decodeOffsetUs));
-  putLe16(out + kEntFlagsOff, entry.flags);
-  putLe16(out + kEntCrcOff, crc16(out, kEntCrcOff));
+  putLe32(out + kEntryKeyOff, entry.key);
+  putLe32(out + kEntryNumberOff, entry.number);
+  putLe32(out + kEntryDataOffsetOff, entry.dataOffset);
+  putLe32(out + kEntrySizeOff, entry.size);
+  putLe32(out + kEntrySecondsOff, entry.presentation.seconds);
+  putLe16(out + kEntryMillisOff, entry.presentation.milliseconds());
+  putLe16(out + kEntryMicrosOff, static_cast<uint16_t>(entry.presentation.micros % 1000));
+  putLe32(out + kEntryDecodeOff, static_cast<uint32_t>(entry.decodeOffsetUs));
+  putLe16(out + kEntryFlagsOff, entry.flags);
+  putLe16(out + kEntryCrcOff, crc16(out, kEntryCrcOff));
 }
 
 bool decodePictureEntry(const uint8_t* bytes, PictureEntry* out) {
-  const uint32_t millis = getLe16(bytes + kEntMillisOff);
-  const uint32_t micros = getLe16(bytes + kEntMicrosOff);
-  out->key = getLe32(bytes + kEntKeyOff);
-  out->number = getLe32(bytes + kEntNumberOff);
-  out->dataOffset = getLe32(bytes + kEntDataOffsetOff);
-  out->size = getLe32(bytes + kEntSizeOff);
-  out->presentation = {getLe32(bytes + kEntSecondsOff), millis * 1000 + micros};
-  out->decodeOffsetUs = static_cast<int32_t>(getLe32(bytes + kEntDecodeOff));
-  out->flags = getLe16(bytes + kEntFlagsOff);
-  return millis < 1000 && micros < 1000 && getLe16(bytes + kEntCrcOff) == crc16(bytes, kEntCrcOff);
+  const uint32_t millis = getLe16(bytes + kEntryMillisOff);
+  const uint32_t micros = getLe16(bytes + kEntryMicrosOff);
+  out->key = getLe32(bytes + kEntryKeyOff);
+  out->number = getLe32(bytes + kEntryNumberOff);
+  out->dataOffset = getLe32(bytes + kEntryDataOffsetOff);
+  out->size = getLe32(bytes + kEntrySizeOff);
+  out->presentation = {getLe32(bytes + kEntrySecondsOff), millis * 1000 + micros};
+  out->decodeOffsetUs = static_cast<int32_t>(getLe32(bytes + kEntryDecodeOff));
+  out->flags = getLe16(bytes + kEntryFlagsOff);
+  return millis < 1000 && micros < 1000 &&
+         getLe16(bytes + kEntryCrcOff) == crc16(bytes, kEntryCrcOff);
 }
 
 }  // namespace tarn

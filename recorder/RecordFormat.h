@@ -3,46 +3,37 @@
 #include <cstdint>
 
 #include "base/Export.h"
+#include "chunk/StreamHeaderFormat.h"
 #include "recorder/PictureTime.h"
 
-// The two 32-byte records of a picture chunk. A recording is one stream header followed by one
-// entry per picture, back to back in the ring; its pictures lie back to back in the stream chunk of
-// the same number. Everything is little-endian.
+// The two 32-byte records of a picture chunk, whole. A recording is one stream header followed by
+// one entry per picture, back to back in the ring; its pictures lie back to back in the stream
+// chunk of the same number. Everything is little-endian. The fields that the library itself knows
+// stand in chunk/StreamHeaderFormat.h, those of the recording side only stand here.
 namespace tarn {
 
-inline constexpr uint32_t kRecordSize = 32;  // of the header and of an entry
+inline constexpr uint32_t kRecordSize = kPictureRecordSize;  // of the header and of an entry
 
 // Stream header                                              off size
-inline constexpr uint32_t kHdrMarkerOff = 0;       //  0  4  open or closed, below
-inline constexpr uint32_t kHdrFirstNumberOff = 4;  //  4  4  number of the first picture
-inline constexpr uint32_t kHdrDataOffsetOff = 8;   //  8  4  first data byte in the stream chunk
-inline constexpr uint32_t kHdrDataSizeOff = 12;    // 12  4  bytes of all pictures, mod 2^32
-inline constexpr uint32_t kHdrLastTimeOff = 16;    // 16  4  seconds, latest picture
-inline constexpr uint32_t kHdrPicturesOff = 20;    // 20  4
-inline constexpr uint32_t kHdrGopsOff = 24;        // 24  4  key pictures
-inline constexpr uint32_t kHdrVersionOff = 28;     // 28  2  1
-inline constexpr uint32_t kHdrSumOff = 30;         // 30  2  sum of the 15 words before it
-static_assert(kHdrSumOff + 2 == kRecordSize);
+inline constexpr uint32_t kHeaderFirstNumberOff = 4;  //  4  4  number of the first picture
+inline constexpr uint32_t kHeaderVersionOff = 28;     // 28  2  1
 
 // A recording that is not closed; the repair after a power loss looks at these only and keeps the
 // marker, so a repaired recording has it too.
-inline constexpr uint32_t kMarkerOpen = 0xFFFFFFFF;
+inline constexpr uint32_t kMarkerOpen = kHeaderOpenMarker;
 // Written last of all, when the row says the same as the header ("STRM" on the card).
 inline constexpr uint32_t kMarkerClosed = 0x4D525453;
 inline constexpr uint16_t kRecordVersion = 1;
 
 // Picture entry                                              off size
-inline constexpr uint32_t kEntKeyOff = 0;         //  0  4  streamID of the recording's row
-inline constexpr uint32_t kEntNumberOff = 4;      //  4  4  one more than the entry before
-inline constexpr uint32_t kEntDataOffsetOff = 8;  //  8  4  absolute in the stream chunk
-inline constexpr uint32_t kEntSizeOff = 12;       // 12  4  bytes, time stamp unit included
-inline constexpr uint32_t kEntSecondsOff = 16;    // 16  4  presentation time
-inline constexpr uint32_t kEntMillisOff = 20;     // 20  2  0-999
-inline constexpr uint32_t kEntMicrosOff = 22;     // 22  2  0-999, below the millisecond
-inline constexpr uint32_t kEntDecodeOff = 24;     // 24  4  decode - presentation, us, signed
-inline constexpr uint32_t kEntFlagsOff = 28;      // 28  2
-inline constexpr uint32_t kEntCrcOff = 30;        // 30  2  CRC-16 of bytes 0-29
-static_assert(kEntCrcOff + 2 == kRecordSize);
+inline constexpr uint32_t kEntryKeyOff = 0;       //  0  4  streamID of the recording's row
+inline constexpr uint32_t kEntrySecondsOff = 16;  // 16  4  presentation time
+inline constexpr uint32_t kEntryMillisOff = 20;   // 20  2  0-999
+inline constexpr uint32_t kEntryMicrosOff = 22;   // 22  2  0-999, below the millisecond
+inline constexpr uint32_t kEntryDecodeOff = 24;   // 24  4  decode - presentation, us, signed
+inline constexpr uint32_t kEntryFlagsOff = 28;    // 28  2
+inline constexpr uint32_t kEntryCrcOff = 30;      // 30  2  CRC-16 of bytes 0-29
+static_assert(kEntryCrcOff + 2 == kRecordSize);
 
 // Flags of an entry; the others are 0.
 inline constexpr uint16_t kEntryKeyPicture = 0x0001;
@@ -77,8 +68,6 @@ struct PictureEntry {
   }
 };
 
-// 16-bit sum, carry dropped, of the fifteen words in front of it.
-TARN_API uint16_t streamHeaderSum(const uint8_t* bytes);
 // Both encoders fill kRecordSize bytes, sum and CRC included.
 TARN_API void encodeStreamHeader(const StreamHeader& header, uint8_t* out);
 TARN_API void encodePictureEntry(const PictureEntry& entry, uint8_t* out);

@@ -9,15 +9,14 @@
 #include "base/Wrap.h"
 #include "chunk/ChunkMessages.h"
 #include "chunk/ManagerCalls.h"
+#include "chunk/StreamHeaderFormat.h"
 
 namespace manager_calls = tarn::manager_calls;
 
 namespace {
 
 constexpr unsigned long kFailed = static_cast<unsigned long>(-1);
-// Of a picture record: its length, and where it says how much stream data it covers.
-constexpr long kRecordSize = 32;
-constexpr size_t kStreamSizeOff = 12;
+constexpr long kRecordSize = tarn::kPictureRecordSize;
 
 }  // namespace
 
@@ -78,5 +77,5 @@ unsigned long CTARNStreamChunk::streamSize(unsigned long offset) {
     return kFailed;
   }
   seek(position, SEEK_SET);
-  return tarn::getLe32(record + kStreamSizeOff);
+  return tarn::getLe32(record + tarn::kHeaderDataSizeOff);
 }

@@ -7,6 +7,7 @@
 #include "base/Endian.h"
 #include "base/Wrap.h"
 #include "chunk/CTARNStreamChunk.h"
+#include "chunk/StreamHeaderFormat.h"
 #include "fat/ChunkFiles.h"
 #include "manager/DeleteRange.h"
 #include "manager/ManagerMessages.h"
@@ -20,15 +21,10 @@ namespace {
 constexpr int kBadArea = -2;
 constexpr int kUnreadable = -3;
 
-// What deleteData uses of an entry: a stream header, then the first picture's header.
-constexpr uint32_t kHeaderSize = 32;
-constexpr uint32_t kStreamLengthOff = 12;  // in the stream header: bytes of stream data
-constexpr uint32_t kPictureStartOff = 8;   // in the picture header: where that data begins
-
-// Reads one header at the current position; what the device did not deliver arrives as zeros and
+// Reads one record at the current position; what the device did not deliver arrives as zeros and
 // would move the stream's use offset to 0.
 bool readHeader(CTARNStreamChunk& chunk, uint8_t* header) {
-  return chunk.read(header, kHeaderSize) == static_cast<long>(kHeaderSize) &&
+  return chunk.read(header, tarn::kPictureRecordSize) == long{tarn::kPictureRecordSize} &&
          !chunk.lastReadFailed();
 }
 
@@ -155,18 +151,18 @@ int CTARNStreamManager::readEntry(short chunk, uint32_t start, uint32_t size, ui
     syslog(LOG_ERR, tarn::kMsgDeleteSeekError);
     return kUnreadable;
   }
-  uint8_t streamHeader[kHeaderSize] = {};
+  uint8_t streamHeader[tarn::kPictureRecordSize] = {};
   if (!readHeader(entry, streamHeader)) {
     syslog(LOG_ERR, tarn::kMsgDeleteStreamHeaderError);
     return kUnreadable;
   }
-  uint8_t pictureHeader[kHeaderSize] = {};
+  uint8_t pictureHeader[tarn::kPictureRecordSize] = {};
   if (!readHeader(entry, pictureHeader)) {
     syslog(LOG_ERR, tarn::kMsgDeletePictureHeaderError);
     return kUnreadable;
   }
-  *streamLength = tarn::getLe32(streamHeader + kStreamLengthOff);
-  *streamStart = tarn::getLe32(pictureHeader + kPictureStartOff);
+  *streamLength = tarn::getLe32(streamHeader + tarn::kHeaderDataSizeOff);
+  *streamStart = tarn::getLe32(pictureHeader + tarn::kEntryDataOffsetOff);
   entry.closeChunkFile();
   return 0;
 }

@@ -72,7 +72,7 @@ TEST(RecordFormat, HeaderHasItsGoldenBytes) {
 TEST(RecordFormat, HeaderSumIsTheSumOfFifteenWordsWithoutCarry) {
   const uint32_t sum = 0x5453 + 0x4D52 + 0x02BC + 0x0000 + 0x3456 + 0x0012 + 0xBA98 + 0xFEDC +
                        0x4C3D + 0x6A5B + 0x00FA + 0x0000 + 0x000A + 0x0000 + 0x0001;
-  EXPECT_EQ(streamHeaderSum(kHeaderBytes.data()), sum & 0xFFFF);
+  EXPECT_EQ(streamHeaderWordSum(kHeaderBytes.data()), sum & 0xFFFF);
 }
 
 TEST(RecordFormat, OpenHeaderBeginsWithAllOnes) {
@@ -146,7 +146,7 @@ TEST(RecordFormat, EntryWithAnyChangedBitIsRefused) {
 }
 
 TEST(RecordFormat, EntryWithImpossibleMillisecondsIsRefusedThoughItsCrcIsRight) {
-  for (const size_t place : {kEntMillisOff, kEntMicrosOff}) {
+  for (const size_t place : {kEntryMillisOff, kEntryMicrosOff}) {
     Bytes bytes;
     encodePictureEntry(someEntry(), bytes.data());
     bytes[place] = 0xE8;  // 1000
