@@ -1,7 +1,5 @@
 #include "recorder/ManagementServer.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -9,42 +7,21 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/UniqueFd.h"
 #include "manager/RequestFormat.h"
 #include "mesg/CMesgServer.h"
 #include "recorder/FileLock.h"
 #include "recorder/ManagementStores.h"
 #include "recorder/ServerMessages.h"
+#include "recorder/ServerProbe.h"
 #include "recorder/ServerReport.h"
 
 namespace tarn {
 namespace {
 
-// Two servers that start at once both find nobody answering; the lock lets one of them through.
-constexpr char kLockPath[] = "/tmp/unix-sock-tarn-server.lock";
 constexpr mode_t kSocketMode = 0660;
 // Of one select(). Everything that matters wakes it, so its length does not.
 constexpr unsigned long kSelectSeconds = 60;
 constexpr useconds_t kPauseUs = 10000;
-
-enum class Probe { kFree, kAnswered, kUnknown };
-
-// Whether a server answers on the path: a full backlog and a socket of another type answer too.
-// errno tells more about kUnknown.
-Probe probePath() {
-  const UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!fd.valid()) return Probe::kUnknown;
-  sockaddr_un address;
-  memset(&address, 0, sizeof address);
-  address.sun_family = AF_UNIX;
-  static_assert(sizeof kServerSocketPath <= sizeof address.sun_path);
-  memcpy(address.sun_path, kServerSocketPath, sizeof kServerSocketPath);
-  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-  if (connect(fd.get(), generic, sizeof address) == 0) return Probe::kAnswered;
-  if (errno == ENOENT || errno == ECONNREFUSED) return Probe::kFree;
-  if (errno == EAGAIN || errno == EPROTOTYPE) return Probe::kAnswered;
-  return Probe::kUnknown;
-}
 
 }  // namespace
 
@@ -64,7 +41,8 @@ int ManagementServer::start() {
 
 bool ManagementServer::claimPath() {
   m_lock = std::make_unique<FileLock>();
-  if (!m_lock->lock(kLockPath, false)) {
+  // Two servers that start at once both find nobody answering; the lock lets one of them through.
+  if (!m_lock->lock(kServerLockPath, false)) {
     if (errno == EWOULDBLOCK) {
       reportServer(LOG_ERR, kMsgServerRuns, kServerSocketPath);
     } else {
@@ -72,14 +50,14 @@ bool ManagementServer::claimPath() {
     }
     return false;
   }
-  const Probe probe = probePath();
-  if (probe == Probe::kUnknown) {
+  const ServerProbe probe = probeServer();
+  if (probe == ServerProbe::kUnknown) {
     reportServer(LOG_ERR, kMsgServerProbe, kServerSocketPath, strerror(errno));
-  } else if (probe == Probe::kAnswered) {
+  } else if (probe == ServerProbe::kAnswered) {
     reportServer(LOG_ERR, kMsgServerRuns, kServerSocketPath);
   }
-  if (probe != Probe::kFree) m_lock->unlock();
-  return probe == Probe::kFree;
+  if (probe != ServerProbe::kFree) m_lock->unlock();
+  return probe == ServerProbe::kFree;
 }
 
 int ManagementServer::listen() {
