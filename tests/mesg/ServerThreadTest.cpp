@@ -29,6 +29,8 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
+// While there are none left, tests only count log lines: the undefined-behaviour sanitizer needs a
+// pipe to judge what the comparison of texts does.
 void limitDescriptors(rlim_t most) {
   rlimit limit;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -122,6 +124,7 @@ TEST_F(ServerThread, SocketThatCannotBeMadeIsReported) {
   limitDescriptors(nextDescriptor());
   EXPECT_EQ(server.startAcceptNewConnectionThread(), 0);
   EXPECT_EQ(server.waitUntilListening(), -1);
+  limitDescriptors(256);
   EXPECT_EQ(log_.withoutPrefix(), errors({"socket() error", "socket setup error"}));
 }
 
@@ -201,10 +204,10 @@ TEST_F(ServerThread, AcceptErrorsAreLoggedAndBackOff) {
   const sockaddr_un address = addressOf(kSocketPath);
   const auto begin = steady_clock::now();
   ASSERT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  const auto failures = [&] { return log_.count(LOG_ERR, "accept() error"); };
-  ASSERT_TRUE(eventually([&] { return failures() >= 4; }));
+  ASSERT_TRUE(eventually([&] { return log_.lines().size() >= 4; }));
   EXPECT_GE(steady_clock::now() - begin, milliseconds(10 + 20 + 40));
   limitDescriptors(256);
+  EXPECT_GE(log_.count(LOG_ERR, "accept() error"), 4u);
   EXPECT_TRUE(eventually([&] { return accepted() == 1; }));
 }
 
@@ -214,8 +217,10 @@ TEST_F(ServerThread, StopDoesNotWaitForTheBackOff) {
   limitDescriptors(nextDescriptor());
   const sockaddr_un address = addressOf(kSocketPath);
   ASSERT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  ASSERT_TRUE(eventually([&] { return log_.has(LOG_ERR, "accept() error"); }));
+  ASSERT_TRUE(eventually([&] { return !log_.lines().empty(); }));
   EXPECT_EQ(server_->stopAcceptNewConnectionThread(), 0);
+  limitDescriptors(256);
+  EXPECT_TRUE(log_.has(LOG_ERR, "accept() error"));
 }
 
 TEST_F(ServerThread, ClientNeverGetsTheHandleThatMeansNone) {

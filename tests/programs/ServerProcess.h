@@ -44,7 +44,10 @@ class ServerProcess {
     if (pid_ == 0) {
       dup2(outPipe[1], STDOUT_FILENO);
       dup2(errPipe[1], STDERR_FILENO);
-      if (ready) dup2(readyPipe[1], 9);
+      if (ready) {
+        dup2(readyPipe[1], 9);
+        fcntl(9, F_SETFD, 0);  // the pipe may have been 9 already
+      }
       if (cannotWrite) {
         const rlimit none{0, 0};
         signal(SIGXFSZ, SIG_IGN);
