@@ -63,7 +63,8 @@ class TARN_API CDbRestore {
   // Time stamp in the first `length` bytes of a picture: seconds; 0 when there is none, -1 when it
   // is none that 32 bits can hold.
   int getTimeStamp(const unsigned char* data, long length);
-  // Writes `length` bytes at `offset` of a picture chunk, flushed.
+  // Writes `length` bytes at `offset` of a picture chunk, flushed; at most 32 KiB, and none behind
+  // the chunk's end. As of every buffered write, the device's own failure is only logged.
   int writePictureChunk(short chunk, unsigned long offset, const void* data, long length);
   // Closes the newest event at the end of the newest recording, or deletes it when it began later.
   int fixLastEventDb();

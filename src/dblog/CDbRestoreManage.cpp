@@ -7,8 +7,8 @@
 #include "chunk/CTARNEndlessChunk.h"
 #include "chunk/CTARNStreamChunk.h"
 #include "chunk/StreamHeaderFormat.h"
-#include "db/CApiDb.h"
 #include "dblog/CDbRestore.h"
+#include "dblog/CheckedSql.h"
 #include "dblog/RepairMessages.h"
 #include "dblog/SyslogScan.h"
 #include "fat/ChunkFiles.h"
@@ -93,7 +93,7 @@ class StreamManageRecovery {
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"  // one of the two texts above
     snprintf(sql, sizeof sql, format, static_cast<unsigned>(chunk));
 #pragma GCC diagnostic pop
-    if (database_.setSql(sql) == 0) return 0;
+    if (tarn::selected(&database_, sql)) return 0;
     syslog(LOG_ERR, tarn::kMsgRepairSelect);
     return -1;
   }
@@ -169,7 +169,7 @@ int CDbRestore::incrementSyslogActiveID(CTARNEndlessManagerNative* store, unsign
   }
   const int active = syslogActiveID(store, type);
   auto next = static_cast<int8_t>(active + 1);
-  if (next < 0 || next >= kSyslogChunks) next = 0;
+  if (next < 0 || next >= kSyslogChunks) next = 0;  // bytes above 127 are large, not negative
   store->setChType(kSyslogFirstChunk, next, 0);
   store->setFree(next, 0, kStreamArea);
   return 0;
@@ -186,7 +186,8 @@ int CDbRestore::recoverSyslogManage() {
   CTARNEndlessChunk chunk(tarn::kFileSyslog);
   const CHUNK_EVENT whole = {static_cast<uint16_t>(active), tarn::kRecorderPartition, 0,
                              tarn::low32(store.getChunkSize(kStreamArea))};
-  if (chunk.openChunkFile(&whole) != 0) {
+  // A number that the card does not have would lead to somebody else's bytes.
+  if (active >= store.numChunk() || chunk.openChunkFile(&whole) != 0) {
     syslog(LOG_ERR, tarn::kMsgManageOpenChunk);
     return -1;
   }

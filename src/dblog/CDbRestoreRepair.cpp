@@ -1,16 +1,14 @@
+#include <fcntl.h>
 #include <syslog.h>
 
-#include <cinttypes>
 #include <cstdio>
-#include <cstring>
-#include <ctime>
 
 #include "base/Endian.h"
 #include "base/Wrap.h"
 #include "chunk/CTARNStreamChunk.h"
 #include "chunk/StreamHeaderFormat.h"
-#include "db/CApiDb.h"
 #include "dblog/CDbRestore.h"
+#include "dblog/CheckedSql.h"
 #include "dblog/JournalFormat.h"
 #include "dblog/PictureWalk.h"
 #include "dblog/RepairMessages.h"
@@ -18,8 +16,7 @@
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNStreamManagerNative.h"
 
-// The repair of what a power loss interrupted: the last recording of each chunk, and the last
-// event.
+// The repair of the recordings that a power loss interrupted.
 
 namespace {
 
@@ -38,12 +35,6 @@ constexpr char kSqlDeleteStream[] = "DELETE FROM STREAM WHERE streamID = %lu";
 constexpr char kSqlCloseStream[] =
     "UPDATE STREAM SET status = %lu, recSize = %lu, chunkSize = %lu, endDate = %lu, endMSec = 0 "
     "WHERE streamID = %lu";
-constexpr char kSqlLastEvent[] = "SELECT * FROM EVENT ORDER BY eventID DESC LIMIT 1";
-constexpr char kSqlNewestStream[] =
-    "SELECT startDate, endDate FROM STREAM ORDER BY endDate DESC LIMIT 1";
-constexpr char kSqlDeleteEvent[] = "DELETE FROM EVENT WHERE eventID = %lu";
-constexpr char kSqlCloseEvent[] = "UPDATE EVENT SET endDate = %lu WHERE eventID = %lu";
-constexpr char kSqlEventsFrom[] = "SELECT eventID, backOffset FROM EVENT WHERE startDate >= %lu";
 constexpr size_t kSqlRoom = 256;
 
 unsigned long asLong(uint32_t value) { return value; }
@@ -67,7 +58,7 @@ void logStatement(const Unclosed& row, const char* sql) {
 
 void deleteRow(CDbRestore* restore, const Unclosed& row, const char* sql) {
   CApiDb database;
-  if (database.setSqlNoResult(sql) != 0) syslog(LOG_ERR, tarn::kMsgRepairDelete);
+  if (!tarn::executed(&database, sql)) syslog(LOG_ERR, tarn::kMsgRepairDelete);
   restore->deleteDBLogNative(tarn::kStreamJournalChunk, row.backOffset);
   restore->cleanupEventDb(row.startDate);
 }
@@ -95,7 +86,7 @@ void closeRow(CDbRestore* restore, const Unclosed& row, const tarn::PictureWalk&
            asLong(end), asLong(row.streamID));
   logStatement(row, sql);
   CApiDb database;
-  if (database.setSqlNoResult(sql) != 0) syslog(LOG_ERR, tarn::kMsgRepairUpdate);
+  if (!tarn::executed(&database, sql)) syslog(LOG_ERR, tarn::kMsgRepairUpdate);
   restore->updateStreamDBLogNative(tarn::kStreamJournalChunk, status, pictures, indexSize, end,
                                    row.backOffset);
   rewriteHeader(restore, row, walk, header);
@@ -124,84 +115,64 @@ void repairRow(CDbRestore* restore, const Unclosed& row, uint32_t entryLimit,
   closeRow(restore, row, walk, latestEnd, header);
 }
 
-bool isDigits(const char* text, size_t length) {
-  for (size_t i = 0; i < length; ++i) {
-    if (text[i] < '0' || text[i] > '9') return false;
-  }
-  return true;
+CHUNK_EVENT wholeRing(const Unclosed& row, uint32_t start, unsigned long areaSize) {
+  return {static_cast<uint16_t>(row.chunkID), tarn::kRecorderPartition, start,
+          tarn::low32(areaSize)};
 }
 
-// "YYYYMMDDHHMMSS", fields of fixed width, in local time. -1 for what 32 bits cannot hold; 0 when
-// the text is none.
-int parseTime(const char* text) {
-  constexpr size_t kDigits = 14;
-  char copy[kDigits + 1] = {};
-  memcpy(copy, text, kDigits);
-  tm time{};
-  if (!isDigits(copy, kDigits)) return 0;
-  if (sscanf(copy, "%4d%2d%2d%2d%2d%2d", &time.tm_year, &time.tm_mon, &time.tm_mday, &time.tm_hour,
-             &time.tm_min, &time.tm_sec) != 6)
-    return 0;
-  const bool inRange = time.tm_mon >= 1 && time.tm_mon <= 12 && time.tm_mday >= 1 &&
-                       time.tm_mday <= 31 && time.tm_hour <= 23 && time.tm_min <= 59 &&
-                       time.tm_sec <= 61;
-  if (!inRange) return 0;
-  time.tm_year -= 1900;
-  time.tm_mon -= 1;
-  time.tm_isdst = -1;  // the recorder stamps with the time of the wall
-  const time_t seconds = mktime(&time);
-  return seconds < 0 || seconds > INT32_MAX ? -1 : static_cast<int>(seconds);
+// A chunk number that the card does not have would lead to somebody else's bytes.
+bool openEntries(const Unclosed& row, CTARNStreamManagerNative* store) {
+  const CHUNK_EVENT entries = wholeRing(row, row.chunkOffset, store->getChunkSize(kPictureArea));
+  if (row.chunkID < store->numChunk() && row.picture->openChunkFile(&entries) == 0) return true;
+  syslog(LOG_ERR, tarn::kMsgRepairPictureOpen, tarn::kRepairSource, __LINE__,
+         tarn::kRepairFunction);
+  return false;
 }
 
-// The time behind "timestamp = " in a unit that begins at data; 0 when there is none.
-int timeInUnit(const uint8_t* data, long length) {
-  constexpr long kUnitHead = 19;  // NAL byte, payload type and size, 16-byte identifier
-  constexpr char kText[] = "timestamp = ";
-  constexpr long kTextLength = sizeof kText - 1;
-  constexpr long kStampLength = 14;
-  for (long at = kUnitHead; at <= length - kTextLength - kStampLength; ++at) {
-    if (memcmp(data + at, kText, kTextLength) == 0)
-      return parseTime(reinterpret_cast<const char*>(data + at + kTextLength));
-  }
-  return 0;
+// A header that the device failed to deliver arrives as zeros; taken for a closed one it would
+// delete a recording for a passing read error.
+bool readHeader(const Unclosed& row, uint8_t* header) {
+  const long got = row.picture->read(header, tarn::kPictureRecordSize);
+  if (got == long{tarn::kPictureRecordSize} && !row.picture->lastReadFailed()) return true;
+  syslog(LOG_ERR, tarn::kMsgRepairHeaderRead, tarn::kRepairSource, __LINE__, tarn::kRepairFunction);
+  return false;
+}
+
+bool openData(const Unclosed& row, CTARNStreamManagerNative* store, const uint8_t* header) {
+  const CHUNK_EVENT data = wholeRing(row, tarn::getLe32(header + tarn::kHeaderDataOffsetOff),
+                                     store->getChunkSize(kStreamArea));
+  if (row.stream->openChunkFile(&data) == 0) return true;
+  syslog(LOG_ERR, tarn::kMsgRepairStreamOpen, tarn::kRepairSource, __LINE__, tarn::kRepairFunction);
+  return false;
+}
+
+// Neither another family's chunk nor the one behind may be written to.
+bool seekInPictureChunk(CFATAccess* fat, int handle, uint32_t offset, long length) {
+  const uint32_t size = tarn::low32(fat->getChunkSize(handle));
+  const bool inside =
+      length >= 0 && offset <= size && static_cast<unsigned long>(length) <= size - offset;
+  return inside && fat->lseek(handle, static_cast<long>(offset), SEEK_SET) >= 0;
 }
 
 }  // namespace
 
-int CDbRestore::getTimeStamp(const unsigned char* data, long length) {
-  constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
-  constexpr long kStartCodeLength = sizeof kStartCode;
-  constexpr uint8_t kTimeUnit = 0x66;
-  for (long at = 0; at < length - kStartCodeLength; ++at) {
-    if (memcmp(data + at, kStartCode, kStartCodeLength) != 0) continue;
-    const long unit = at + kStartCodeLength;
-    if (data[unit] != kTimeUnit) continue;
-    const int time = timeInUnit(data + unit, length - unit);
-    if (time != 0) return time;
-  }
-  return 0;
-}
-
 int CDbRestore::writePictureChunk(short chunk, unsigned long offset, const void* data,
                                   long length) {
-  CFATAccess fat;
+  CFATAccess fat;  // closes what is open, flushed
   char name[tarn::kChunkFileNameRoom];
   tarn::chunkFileName(tarn::kRecorderPartition, tarn::fileTag(tarn::kFilePicture), chunk, name);
-  const int handle = fat.open(name, 2);
-  if (handle < 0) {
+  const int handle = fat.open(name, O_RDWR);
+  if (handle < 0 || chunk < 0 || chunk >= fat.chunks(handle)) {
     syslog(LOG_ERR, tarn::kMsgPictureWriteOpen, name);
     return -1;
   }
-  int result = 0;
-  if (fat.lseek(handle, static_cast<long>(tarn::low32(offset)), SEEK_SET) < 0) {
+  if (!seekInPictureChunk(&fat, handle, tarn::low32(offset), length)) {
     syslog(LOG_ERR, tarn::kMsgPictureWriteSeek);
-    result = -1;
-  } else if (fat.write(handle, data, static_cast<unsigned long>(length)) != length) {
-    syslog(LOG_ERR, tarn::kMsgPictureWrite);
-    result = -1;
+    return -1;
   }
-  fat.close(handle);
-  return result;
+  if (fat.write(handle, data, static_cast<unsigned long>(length)) == length) return 0;
+  syslog(LOG_ERR, tarn::kMsgPictureWrite);
+  return -1;
 }
 
 int CDbRestore::fixUpAudioStream(CTARNStreamManagerNative*, CTARNStreamChunk*, CTARNStreamChunk*,
@@ -222,40 +193,24 @@ int CDbRestore::fixUpVideoStream(CTARNStreamManagerNative* store, CTARNStreamChu
                         tarn::low32(status),
                         tarn::low32(startDate),
                         tarn::low32(backOffset)};
-  const auto pictureSize = tarn::low32(store->getChunkSize(kPictureArea));
-  const auto number = static_cast<uint16_t>(row.chunkID);
-  const CHUNK_EVENT entries = {number, tarn::kRecorderPartition, row.chunkOffset, pictureSize};
-  if (row.chunkID >= store->numChunk() || picture->openChunkFile(&entries) != 0) {
-    syslog(LOG_ERR, tarn::kMsgRepairPictureOpen, tarn::kRepairSource, __LINE__, __func__);
-    return 0;
-  }
+  if (!openEntries(row, store)) return 0;
   uint8_t header[tarn::kPictureRecordSize];
-  // A header that the device failed to deliver arrives as zeros; taken for a closed one it would
-  // delete a recording for a passing read error.
-  if (picture->read(header, sizeof header) != long{sizeof header} || picture->lastReadFailed()) {
-    syslog(LOG_ERR, tarn::kMsgRepairHeaderRead, tarn::kRepairSource, __LINE__, __func__);
-    picture->closeChunkFile();
-    return 0;
+  const bool readable = readHeader(row, header) && openData(row, store, header);
+  if (readable) {
+    const uint32_t entryLimit =
+        tarn::low32(store->getChunkSize(kPictureArea)) / tarn::kPictureRecordSize;
+    repairRow(this, row, entryLimit, latestEnd, header);
+    stream->closeChunkFile();
   }
-  const CHUNK_EVENT data = {number, tarn::kRecorderPartition,
-                            tarn::getLe32(header + tarn::kHeaderDataOffsetOff),
-                            tarn::low32(store->getChunkSize(kStreamArea))};
-  if (stream->openChunkFile(&data) != 0) {
-    syslog(LOG_ERR, tarn::kMsgRepairStreamOpen, tarn::kRepairSource, __LINE__, __func__);
-    picture->closeChunkFile();
-    return 0;
-  }
-  repairRow(this, row, pictureSize / tarn::kPictureRecordSize, latestEnd, header);
-  stream->closeChunkFile();
   picture->closeChunkFile();
-  return 1;
+  return readable ? 1 : 0;
 }
 
 int CDbRestore::fixUpLastStream() {
   CTARNStreamManagerNative store;
   if (store.openManageData(tarn::kRecorderPartition) != 0) return -1;
   CApiDb database;
-  if (database.setSql(kSqlUnclosed) != 0) {
+  if (!tarn::selected(&database, kSqlUnclosed)) {
     syslog(LOG_ERR, tarn::kMsgRepairSelect);
     return -1;
   }
@@ -278,77 +233,5 @@ int CDbRestore::fixUpLastStream() {
     }
   }
   store.closeManageData();
-  return 0;
-}
-
-namespace {
-
-int deleteLastEvent(CDbRestore* restore, CApiDb* database, const DB_EVENT& event,
-                    uint32_t streamStart, uint32_t streamEnd) {
-  char sql[kSqlRoom];
-  snprintf(sql, sizeof sql, kSqlDeleteEvent, asLong(event.eventID));
-  syslog(LOG_ERR, tarn::kMsgLastEventStatement, static_cast<long>(tarn::asSigned32(streamStart)),
-         static_cast<long>(tarn::asSigned32(streamEnd)),
-         static_cast<long>(tarn::asSigned32(event.startDate)), sql);
-  if (database->setSqlNoResult(sql) != 0) {
-    syslog(LOG_ERR, tarn::kMsgLastEventAccess);
-    return -1;
-  }
-  restore->deleteDBLogNative(tarn::kEventJournalChunk, event.backOffset);
-  return 0;
-}
-
-int closeLastEvent(CDbRestore* restore, CApiDb* database, DB_EVENT event, uint32_t streamStart,
-                   uint32_t streamEnd) {
-  event.endDate = streamEnd;
-  char sql[kSqlRoom];
-  snprintf(sql, sizeof sql, kSqlCloseEvent, asLong(event.endDate), asLong(event.eventID));
-  syslog(LOG_ERR, tarn::kMsgLastEventStatement, static_cast<long>(tarn::asSigned32(streamStart)),
-         static_cast<long>(tarn::asSigned32(streamEnd)),
-         static_cast<long>(tarn::asSigned32(event.startDate)), sql);
-  if (database->setSqlNoResult(sql) != 0) {
-    syslog(LOG_ERR, tarn::kMsgLastEventUpdate, "fixLastEventDb", asLong(event.eventID));
-    return -1;
-  }
-  restore->updateEventDBLogNative(&event);
-  return 0;
-}
-
-}  // namespace
-
-int CDbRestore::fixLastEventDb() {
-  CApiDb database;
-  if (database.setSql(kSqlLastEvent) != 0) {
-    syslog(LOG_ERR, tarn::kMsgLastEventSelect, "fixLastEventDb");
-    return -1;
-  }
-  DB_EVENT event{};
-  if (database.getNTuple() == 0 || database.getEventValue(0, &event) != 0) return 0;
-  if (event.endDate != 0) return 0;
-  if (database.setSql(kSqlNewestStream) != 0) {
-    syslog(LOG_ERR, tarn::kMsgLastEventSelect, "fixLastEventDb");
-    return -1;
-  }
-  if (database.getNTuple() != 1) return 0;
-  const uint32_t start = database.getValue(0, 0);
-  const uint32_t end = database.getValue(0, 1);
-  return event.startDate >= end ? deleteLastEvent(this, &database, event, start, end)
-                                : closeLastEvent(this, &database, event, start, end);
-}
-
-int CDbRestore::cleanupEventDb(unsigned long startDate) {
-  CApiDb events;
-  char sql[kSqlRoom];
-  snprintf(sql, sizeof sql, kSqlEventsFrom, asLong(tarn::low32(startDate)));
-  if (events.setSql(sql) != 0) {
-    syslog(LOG_ERR, tarn::kMsgLastEventAccess);
-    return -1;
-  }
-  const auto rows = static_cast<long>(events.getNTuple());
-  for (long row = 0; row < rows; ++row) {
-    snprintf(sql, sizeof sql, kSqlDeleteEvent, asLong(events.getValue(row, 0)));
-    if (events.setSqlNoResult(sql) != 0) syslog(LOG_ERR, tarn::kMsgLastEventAccess);
-    deleteDBLogNative(tarn::kEventJournalChunk, events.getValue(row, 1));
-  }
   return 0;
 }

@@ -57,19 +57,18 @@ PictureWalk::Step PictureWalk::readEntry(uint8_t* bytes) {
   const long got = picture_->read(bytes, kPictureRecordSize);
   // A buffered read that the device failed arrives as zeros.
   if (got == long{kPictureRecordSize} && !picture_->lastReadFailed()) return Step::kGoOn;
-  syslog(LOG_ERR, kMsgRepairPictureRead, kRepairSource, __LINE__, __func__);
+  syslog(LOG_ERR, kMsgRepairPictureRead, kRepairSource, __LINE__, kRepairFunction);
   return Step::kStop;
 }
 
 PictureWalk::Step PictureWalk::readTime(uint32_t dataOffset, uint32_t* time) {
-  if (dataOffset >= low32(stream_->getChunkSize()) ||
-      stream_->seek(static_cast<long>(dataOffset), SEEK_SET) < 0) {
-    syslog(LOG_ERR, kMsgRepairStreamSeek, kRepairSource, __LINE__, __func__);
+  if (stream_->seek(static_cast<long>(dataOffset), SEEK_SET) == -1) {
+    syslog(LOG_ERR, kMsgRepairStreamSeek, kRepairSource, __LINE__, kRepairFunction);
     return Step::kStop;
   }
   uint8_t data[kTimeStampBytes];
   if (stream_->read(data, kTimeStampBytes) != kTimeStampBytes) {
-    syslog(LOG_ERR, kMsgRepairStreamRead, kRepairSource, __LINE__, __func__);
+    syslog(LOG_ERR, kMsgRepairStreamRead, kRepairSource, __LINE__, kRepairFunction);
     return Step::kStop;
   }
   *time = static_cast<uint32_t>(restore_->getTimeStamp(data, kTimeStampBytes));

@@ -4,8 +4,9 @@
 // otherwise. Blanks and spellings are part of the texts: log readers match them whole.
 namespace tarn {
 
-// The repair's place in the "%s-%d[%s]" texts.
+// The repair's place in the "%s-%d[%s]" texts, wherever its lines stand: log readers match both.
 inline constexpr char kRepairSource[] = "CDbRestore.cpp";
+inline constexpr char kRepairFunction[] = "fixUpVideoStream";
 
 inline constexpr char kMsgRepairSelect[] = " DB LOG select error";
 inline constexpr char kMsgRepairCount[] = " fixUpLastStream() %ld record needs fixup";  // LOG_INFO

@@ -1,20 +1,14 @@
 #include "dblog/SyslogScan.h"
 
 #include <cstring>
-#include <ctime>
 
 #include "base/Wrap.h"
+#include "dblog/LocalTime.h"
 
 namespace tarn {
 namespace {
 
 constexpr size_t kTimeLength = 19;  // "YYYY-MM-DDTHH:MM:SS"
-
-// Seconds of a time, or -1 for what a 32-bit clock cannot hold: the same on every machine.
-int64_t toSeconds(tm* time) {
-  const int64_t seconds = mktime(time);
-  return seconds < INT32_MIN || seconds > INT32_MAX ? -1 : seconds;
-}
 
 }  // namespace
 
@@ -26,7 +20,7 @@ SyslogScan::Line SyslogScan::line(const char* text, size_t start, size_t length,
     freeOffset_ = wrapAdd32(freeOffset_, static_cast<uint32_t>(start));
     return Line::kScanEnds;
   }
-  const int64_t seconds = toSeconds(&time);
+  const int32_t seconds = localSeconds(&time);
   if (seconds == -1) return Line::kScanEnds;
   if (seconds < previous_) {
     freeOffset_ = wrapAdd32(freeOffset_, static_cast<uint32_t>(start));

@@ -22,7 +22,7 @@ class SyslogScan {
   Line line(const char* text, size_t start, size_t length, bool first);
 
   uint32_t freeOffset_ = 0;
-  int64_t previous_ = 0;  // time of the line before
+  int32_t previous_ = 0;  // time of the line before
 };
 
 }  // namespace tarn
