@@ -150,26 +150,26 @@ void CardView::addTmp(const std::vector<std::string>& shown) {
   words_.insert(words_.end(), {"--chdir", directory == kTmp ? kOutsideTmp : directory});
 }
 
-// The set-up command at its fixed place. Where there is none to lay ours over, the nearest
-// directory that exists is covered by one of the view's own that shows the same entries.
+// The set-up command at its fixed place. The nearest directory that exists is covered by one of the
+// view's own that shows the same entries, so that the real one is never written to. Ours is linked,
+// not bound: a program finds the libraries beside it by the place where it really lies.
 void CardView::addSetupCommand() {
   const std::string ours = findCompanion("dbsetup");
   if (ours.empty() || ours == kSetupPlace) return;
-  if (!fs::exists(kSetupPlace)) {
-    fs::path cover = fs::path(kSetupPlace).parent_path();
-    while (!fs::exists(cover)) cover = cover.parent_path();
-    words_.insert(words_.end(), {"--tmpfs", cover.string()});
-    std::error_code ignored;
-    for (const fs::directory_entry& entry : fs::directory_iterator(cover, ignored)) {
-      const std::string path = entry.path().string();
-      if (entry.is_symlink(ignored)) {
-        words_.insert(words_.end(), {"--symlink", fs::read_symlink(entry, ignored).string(), path});
-      } else {
-        words_.insert(words_.end(), {"--bind-try", path, path});
-      }
+  fs::path cover = fs::path(kSetupPlace).parent_path();
+  while (!fs::exists(cover)) cover = cover.parent_path();
+  words_.insert(words_.end(), {"--tmpfs", cover.string()});
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(cover, ignored)) {
+    const std::string path = entry.path().string();
+    if (path == kSetupPlace) continue;
+    if (entry.is_symlink(ignored)) {
+      words_.insert(words_.end(), {"--symlink", fs::read_symlink(entry, ignored).string(), path});
+    } else {
+      words_.insert(words_.end(), {"--bind-try", path, path});
     }
   }
-  words_.insert(words_.end(), {"--ro-bind", ours, kSetupPlace});
+  words_.insert(words_.end(), {"--symlink", ours, kSetupPlace});
 }
 
 }  // namespace tarn

@@ -139,7 +139,7 @@ TEST_F(SyslogRead, SeeksLikeAFileOfTheReadableSize) {
 }
 
 TEST_F(SyslogRead, ActiveFlagBelowZeroIsNoChunk) {
-  setActive(-3);
+  setActive(-100);
   CApiTarnSyslogRead reader(51);
   EXPECT_EQ(printed([&] { EXPECT_EQ(reader.open(0, 0), -1); }),
             "CApiTarnSyslogRead::open() manager not available");
