@@ -6,6 +6,7 @@
 class CTARNEndlessManagerNative;
 class CTARNStreamChunk;
 class CTARNStreamManagerNative;
+struct CHUNK_MANAGE;
 
 // Rebuilds the database from its journal when the recorder starts, before the management server
 // runs: everything here opens chunks and management files itself. Used by one thread, while no
@@ -75,6 +76,9 @@ class TARN_API CDbRestore {
   // stream headers (a chunk without rows is free; channels are not known any more, all get 0), of
   // the system log from the text of its active chunk.
   int recoverStreamManage();
+  // The same, but a chunk with rows gets the channel and type of known[chunk], where that has a
+  // channel. In one save, so that power lost meanwhile cannot take the channels.
+  int recoverStreamManage(const CHUNK_MANAGE* known, int count);
   int recoverSyslogManage();
   // Number of the chunk being written of a log type, and the move to the next one, which begins
   // empty. Only type 0 exists. The move is not saved.

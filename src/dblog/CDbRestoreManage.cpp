@@ -86,6 +86,13 @@ class StreamManageRecovery {
     return 0;
   }
 
+  // Of a chunk that rows use; a free one is nobody's.
+  void setChannel(short chunk, const CHUNK_MANAGE& known) {
+    CHUNK_MANAGE present{};
+    if (known.chType < 0 || store_->getManageData(chunk, &present) != 0) return;
+    if (present.chType >= 0) store_->setChType(chunk, known.chType, known.recType);
+  }
+
  private:
   int select(const char* format, short chunk) {
     char sql[128];
@@ -142,13 +149,18 @@ uint32_t syslogEnd(CTARNEndlessChunk* chunk) {
 
 }  // namespace
 
-int CDbRestore::recoverStreamManage() {
+int CDbRestore::recoverStreamManage() { return recoverStreamManage(nullptr, 0); }
+
+int CDbRestore::recoverStreamManage(const CHUNK_MANAGE* known, int count) {
   CTARNStreamManagerNative store;
   if (store.openManageData(tarn::kRecorderPartition) != 0) return -1;
   StreamManageRecovery recovery(&store);
   recovery.reset();
   for (int chunk = 0; chunk < store.numChunk(); ++chunk) {
     if (recovery.recover(static_cast<short>(chunk)) != 0) return -1;
+  }
+  for (int chunk = 0; chunk < store.numChunk() && chunk < count; ++chunk) {
+    recovery.setChannel(static_cast<short>(chunk), known[chunk]);
   }
   return saveAndClose(&store);
 }

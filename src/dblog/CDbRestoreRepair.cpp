@@ -59,8 +59,9 @@ void logStatement(const Unclosed& row, const char* sql) {
 void deleteRow(CDbRestore* restore, const Unclosed& row, const char* sql) {
   CApiDb database;
   if (!tarn::executed(&database, sql)) syslog(LOG_ERR, tarn::kMsgRepairDelete);
-  restore->deleteDBLogNative(tarn::kStreamJournalChunk, row.backOffset);
+  // The events first: power lost in between leaves the recording, and the next start deletes both.
   restore->cleanupEventDb(row.startDate);
+  restore->deleteDBLogNative(tarn::kStreamJournalChunk, row.backOffset);
 }
 
 void rewriteHeader(CDbRestore* restore, const Unclosed& row, const tarn::PictureWalk& walk,
