@@ -201,6 +201,10 @@ bool DatabaseSetup::createEmpty(const char* path, std::string* error) {
   return discard(file);
 }
 
+bool DatabaseSetup::replace(const char* file, const char* path, std::string* error) {
+  return pathFits(path, error) && putInPlace(file, path, error);
+}
+
 bool DatabaseSetup::check(const char* path, std::string* error) {
   // Asked first, because connecting would create what is missing.
   if (!pathFits(path, error) || !isWritableFile(path, error)) return false;

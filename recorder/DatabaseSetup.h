@@ -24,6 +24,10 @@ class TARN_API DatabaseSetup {
   // one, and after a failure there is none that could pass for a fresh one.
   static bool createEmpty(const char* path, std::string* error);
 
+  // Puts the database `file`, which nobody uses, in the place of `path`, in the same directory.
+  // What SQLite keeps beside an old one goes.
+  static bool replace(const char* file, const char* path, std::string* error);
+
   // True when `path` is a writable database with both tables in the right shape; rows do not
   // matter.
   static bool check(const char* path, std::string* error);

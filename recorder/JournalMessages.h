@@ -16,6 +16,8 @@ inline constexpr char kErrEventReplay[] = "the events could not be rebuilt from 
 inline constexpr char kErrStreamReplay[] =
     "the recordings could not be rebuilt from the card's journal";
 inline constexpr char kErrSurvey[] = "the card's journal could not be read";
+inline constexpr char kErrRowCount[] =
+    "the rebuilt database has other rows than the card's journal";
 inline constexpr char kErrJournalManage[] = "the card's journal could not be made ready";
 
 }  // namespace tarn

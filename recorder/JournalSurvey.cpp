@@ -4,8 +4,10 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
+#include "base/Endian.h"
 #include "base/Wrap.h"
 #include "fat/CFATAccess.h"
 #include "fat/ChunkFiles.h"
@@ -20,10 +22,10 @@ constexpr uint32_t kBlockSize = 64 * 1024;
 // alone.
 class Copy {
  public:
-  Copy(const JournalTraits& traits, int chunk) : traits_(traits), block_(kBlockSize) {
+  Copy(const JournalTraits& traits, int chunk, int flags) : traits_(traits), block_(kBlockSize) {
     char name[kChunkFileNameRoom];
     chunkFileName(kRecorderPartition, fileTag(kFileJournal), chunk, name);
-    handle_ = fat_.open(name, O_RDONLY);
+    handle_ = fat_.open(name, flags);
     if (handle_ != -1) size_ = low32(fat_.getChunkSize(handle_));
     if (handle_ == -1) syslog(LOG_ERR, kMsgJournalUnreadable, chunk);
   }
@@ -37,6 +39,14 @@ class Copy {
     uint8_t* place = block_.data() + (position - start_);
     return good_ || readAt(position, place, traits_.recordSize) ? place : nullptr;
   }
+
+  // Records are written behind or at the place that was read last, so the block stays as it is.
+  bool put(uint32_t position, const uint8_t* record) {
+    written_ = true;
+    return fat_.lseek(handle_, static_cast<long>(position), SEEK_SET) >= 0 &&
+           fat_.write(handle_, record, traits_.recordSize) == long{traits_.recordSize};
+  }
+  bool flush() { return !written_ || fat_.fsync(handle_) == 0; }
 
  private:
   void load(uint32_t position) {
@@ -58,6 +68,7 @@ class Copy {
   uint32_t start_ = 0;
   uint32_t length_ = 0;
   bool good_ = false;
+  bool written_ = false;
 };
 
 bool erased(const uint8_t* record) {
@@ -68,37 +79,111 @@ bool valid(const JournalTraits& traits, const uint8_t* record) {
   return record != nullptr && journalRecordValid(record, traits.crcLength);
 }
 
-bool count(const JournalTraits& traits, const uint8_t* record, uint32_t position,
-           JournalSurvey* survey) {
-  if (record == nullptr || !journalRecordInPlace(traits, record, position)) return false;
-  survey->greatestKey = std::max(survey->greatestKey, journalKey(record));
-  return journalMarker(record) == traits.liveMarker;
-}
+// One pass over both copies.
+class Pass {
+ public:
+  Pass(JournalKind kind, bool repair, JournalSurvey* survey)
+      : traits_(journalTraits(kind)),
+        repair_(repair),
+        original_(traits_, traits_.chunk, repair ? O_RDWR : O_RDONLY),
+        mirror_(traits_, traits_.chunk + kJournalMirrorStep, repair ? O_RDWR : O_RDONLY),
+        survey_(survey) {}
+
+  int run() {
+    *survey_ = JournalSurvey();
+    if (!original_.isOpen() || !mirror_.isOpen()) return -1;
+    const uint32_t end = original_.size() - original_.size() % traits_.recordSize;
+    for (uint32_t position = 0; position < end && look(position);) position += traits_.recordSize;
+    std::sort(keys_.begin(), keys_.end());
+    keys_.erase(std::unique(keys_.begin(), keys_.end()), keys_.end());
+    survey_->liveKeys = static_cast<uint32_t>(keys_.size());
+    if (!original_.flush() || !mirror_.flush()) ++survey_->refused;
+    return 0;
+  }
+
+ private:
+  // False at the journal's end.
+  bool look(uint32_t position) {
+    const uint8_t* first = original_.at(position);
+    const uint8_t* second = mirror_.at(position);
+    const bool firstValid = valid(traits_, first);
+    const bool secondValid = valid(traits_, second);
+    ++survey_->records;
+    if (!firstValid && !secondValid) {
+      if (erased(first) && erased(second)) {
+        --survey_->records;
+        return false;
+      }
+      ++survey_->unreadable;
+      gap_.push_back(position);
+      return true;
+    }
+    noteKey(first, position);
+    noteKey(second, position);
+    // The rebuild asks the mirror only where the original is not valid.
+    const uint8_t* taken = firstValid ? first : second;
+    if (journalMarker(taken) == traits_.liveMarker &&
+        journalBackOffset(traits_, taken) == position) {
+      ++survey_->live;
+      keys_.push_back(journalKey(taken));
+    }
+    if (repair_) repair(position, first, firstValid, second, secondValid);
+    return true;
+  }
+
+  void noteKey(const uint8_t* record, uint32_t position) {
+    if (record == nullptr || !journalRecordInPlace(traits_, record, position)) return;
+    survey_->greatestKey = std::max(survey_->greatestKey, journalKey(record));
+  }
+
+  void repair(uint32_t position, const uint8_t* first, bool firstValid, const uint8_t* second,
+              bool secondValid) {
+    bridgeGap();
+    if (!firstValid) {
+      ++survey_->copied;
+      put(&original_, position, second);
+    } else if (!secondValid) {
+      ++survey_->copied;
+      put(&mirror_, position, first);
+    } else if (memcmp(first, second, traits_.recordSize) != 0) {
+      ++survey_->unlike;
+      put(&mirror_, position, first);
+    }
+  }
+
+  // A deleted record of nobody: key 0 is never given out.
+  void bridgeGap() {
+    for (const uint32_t position : gap_) {
+      uint8_t record[kStreamRecordSize] = {};
+      setJournalMarker(record, traits_.deletedMarker);
+      putLe32(record + traits_.backOffsetOff, position);
+      sealJournalRecord(record, traits_.crcLength);
+      ++survey_->bridged;
+      put(&original_, position, record);
+      put(&mirror_, position, record);
+    }
+    gap_.clear();
+  }
+
+  void put(Copy* copy, uint32_t position, const uint8_t* record) {
+    if (!copy->put(position, record)) ++survey_->refused;
+  }
+
+  const JournalTraits& traits_;
+  const bool repair_;
+  Copy original_;
+  Copy mirror_;
+  JournalSurvey* survey_;
+  std::vector<uint32_t> keys_;  // of live records
+  std::vector<uint32_t> gap_;   // unreadable places since the last valid record
+};
 
 }  // namespace
 
 int surveyJournal(JournalKind kind, JournalSurvey* survey) {
-  const JournalTraits& traits = journalTraits(kind);
-  *survey = JournalSurvey();
-  Copy original(traits, traits.chunk);
-  Copy mirror(traits, traits.chunk + kJournalMirrorStep);
-  if (!original.isOpen() || !mirror.isOpen()) return -1;
-  const uint32_t end = original.size() - original.size() % traits.recordSize;
-  for (uint32_t position = 0; position < end; position += traits.recordSize) {
-    const uint8_t* first = original.at(position);
-    const uint8_t* second = mirror.at(position);
-    const bool firstValid = valid(traits, first);
-    if (!firstValid && !valid(traits, second)) {
-      if (erased(first) && erased(second)) break;
-      ++survey->unreadable;
-    }
-    ++survey->records;
-    const bool firstLive = count(traits, first, position, survey);
-    const bool secondLive = count(traits, second, position, survey);
-    // The rebuild asks the mirror only where the original is not valid.
-    if (firstValid ? firstLive : secondLive) ++survey->live;
-  }
-  return 0;
+  return Pass(kind, false, survey).run();
 }
+
+int scrubJournal(JournalKind kind, JournalSurvey* survey) { return Pass(kind, true, survey).run(); }
 
 }  // namespace tarn

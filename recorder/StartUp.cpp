@@ -13,7 +13,7 @@ namespace {
 constexpr char kSqlCountEvents[] = "SELECT COUNT(*) FROM EVENT";
 constexpr char kSqlCountStreams[] = "SELECT COUNT(*) FROM STREAM";
 
-uint32_t countRows(const char* sql) {
+uint32_t count(const char* sql) {
   CApiDb db;
   db.setSql(sql);
   return db.getNTuple() == 1 ? db.getValue(0, 0) : 0;
@@ -38,23 +38,32 @@ bool StartUp::makeDatabase() {
          fail(StartUpReport::kEmptyDatabase, error);
 }
 
+bool StartUp::scrub() {
+  return (scrubJournal(JournalKind::kEvent, &report_.events) == 0 &&
+          scrubJournal(JournalKind::kStream, &report_.streams) == 0) ||
+         fail(StartUpReport::kSurvey, kErrSurvey);
+}
+
 bool StartUp::replay() {
   CDbRestore restore;
   if (restore.restoreEventDb() != 0) fail(StartUpReport::kEventReplay, kErrEventReplay);
   if (restore.restoreStreamDb(kStreamJournalChunk) != 0) {
     fail(StartUpReport::kStreamReplay, kErrStreamReplay);
   }
-  report_.eventRows = countRows(kSqlCountEvents);
-  report_.streamRows = countRows(kSqlCountStreams);
+  report_.eventRows = count(kSqlCountEvents);
+  report_.streamRows = count(kSqlCountStreams);
   return report_.ok();
+}
+
+// A row that is missing now would take its recording with it: its chunk would count as free.
+bool StartUp::countRows() {
+  return (report_.eventRows == report_.events.liveKeys &&
+          report_.streamRows == report_.streams.liveKeys) ||
+         fail(StartUpReport::kRowCount, kErrRowCount);
 }
 
 bool StartUp::seedKeys() {
   std::string error;
-  if (surveyJournal(JournalKind::kEvent, &report_.events) != 0 ||
-      surveyJournal(JournalKind::kStream, &report_.streams) != 0) {
-    return fail(StartUpReport::kSurvey, kErrSurvey);
-  }
   return DatabaseSetup::seedKeys(DatabaseSetup::defaultPath(), report_.events.greatestKey,
                                  report_.streams.greatestKey, &error) ||
          fail(StartUpReport::kSeedKeys, error);
@@ -64,7 +73,8 @@ bool StartUp::seedKeys() {
 // would have the next insert overwrite the records of those that are missing.
 StartUpReport StartUp::run() {
   report_ = StartUpReport();
-  if (makeDatabase() && replay() && seedKeys() && CDbRestore().recoverJournalManage() != 0) {
+  if (makeDatabase() && scrub() && replay() && countRows() && seedKeys() &&
+      CDbRestore().recoverJournalManage() != 0) {
     fail(StartUpReport::kJournalManage, kErrJournalManage);
   }
   return report_;

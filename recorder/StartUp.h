@@ -19,6 +19,7 @@ struct StartUpReport {
     kSurvey = 0x08,
     kSeedKeys = 0x10,
     kJournalManage = 0x20,
+    kRowCount = 0x40,
   };
   uint32_t failed = 0;
   std::string error;  // what failed first, for a person; empty when all is well
@@ -30,17 +31,20 @@ struct StartUpReport {
   bool ok() const { return failed == 0; }
 };
 
-// What runs before the management server when a recorder starts: an empty database, its rebuild
-// from the card's journal, keys that go on behind the greatest ever used, and the journal's free
-// offsets behind the newest rows. Nothing else may use the card or the database meanwhile. Running
-// it again changes nothing.
+// Brings the database back from the card's journal: an empty database, two equal copies of each
+// journal, their replay, as many rows as the journal has live keys, keys that go on behind the
+// greatest ever used, and the journal's free offsets behind the newest rows. Nothing else may use
+// the card or the database meanwhile. Running it again changes nothing. A part of Recovery, which a
+// recorder runs when it starts.
 class TARN_API StartUp {
  public:
   StartUpReport run();
 
  private:
   bool makeDatabase();
+  bool scrub();
   bool replay();
+  bool countRows();
   bool seedKeys();
   bool fail(StartUpReport::Step step, const std::string& text);
 

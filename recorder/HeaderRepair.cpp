@@ -1,0 +1,184 @@
+#include "recorder/HeaderRepair.h"
+
+#include <cstring>
+
+#include "base/Wrap.h"
+#include "dblog/CDbRestore.h"
+#include "recorder/NativeRows.h"
+#include "recorder/PictureIndex.h"
+
+namespace tarn {
+namespace {
+
+using Kind = RecoveryChange::Kind;
+using Read = PictureIndex::Read;
+
+constexpr char kSqlChunks[] =
+    "SELECT * FROM STREAM WHERE streamID IN ( SELECT MIN( streamID ) FROM STREAM GROUP BY chunkID "
+    ")";
+constexpr uint32_t kStatusRepaired = 0x10000;
+
+enum class Verdict { kGood, kRewrite, kDelete, kUnreadable };
+
+// Bytes of a ring from one place to another.
+uint32_t distance(uint32_t from, uint32_t to, uint32_t ringSize) {
+  return to >= from ? to - from : ringSize - from + to;
+}
+
+// One row's header against its entries.
+class HeaderCheck {
+ public:
+  explicit HeaderCheck(const DB_STREAM& row) : row_(row), index_(row) {}
+
+  Verdict run() {
+    if (row_.recSize == 0 || index_.isPlaceless()) return Verdict::kGood;
+    const Read read = index_.header(&present_);
+    if (!index_.isOpen() || read == Read::kUnreadable) return Verdict::kUnreadable;
+    headerGood_ = read == Read::kGood;
+    if (headerGood_ && fitsEnds()) return Verdict::kGood;
+    if (row_.recSize > index_.capacity()) return Verdict::kDelete;
+    return compare();
+  }
+
+  bool rewrite() const {
+    uint8_t bytes[kRecordSize];
+    encodeStreamHeader(expected_, bytes);
+    return CDbRestore().writePictureChunk(static_cast<short>(row_.chunkID), row_.chunkOffset, bytes,
+                                          kRecordSize) == 0;
+  }
+
+ private:
+  // The usual case, decided from the first and last entry: pictures lie back to back.
+  bool fitsEnds() {
+    PictureEntry first;
+    PictureEntry last;
+    const uint32_t pictures = row_.recSize;
+    return present_.pictures == pictures && present_.lastTime == row_.endDate &&
+           present_.gops > 0 && index_.entry(0, &first) == Read::kGood &&
+           index_.entry(pictures - 1, &last) == Read::kGood &&
+           first.number == present_.firstNumber && first.dataOffset == present_.dataOffset &&
+           last.number == wrapAdd32(present_.firstNumber, pictures - 1) &&
+           present_.dataSize == sizeUpTo(present_.dataOffset, last);
+  }
+
+  uint32_t sizeUpTo(uint32_t start, const PictureEntry& last) const {
+    return wrapAdd32(distance(start, last.dataOffset, index_.streamSize()), last.size);
+  }
+
+  // Reads all entries. False when the device does not give them.
+  bool scan() {
+    PictureEntry entry;
+    for (uint32_t i = 0; i < row_.recSize; ++i) {
+      const Read read = index_.entry(i, &entry);
+      if (read == Read::kUnreadable) return false;
+      if (read == Read::kBad) continue;
+      if (good_ == 0) {
+        first_ = entry;
+        firstIndex_ = i;
+      } else if (entry.number != wrapAdd32(first_.number, i - firstIndex_)) {
+        continue;
+      }
+      ++good_;
+      if (entry.isKey()) ++gops_;
+      last_ = entry;
+      lastIndex_ = i;
+    }
+    return true;
+  }
+
+  Verdict compare() {
+    if (!scan()) return Verdict::kUnreadable;
+    if (good_ == 0) return Verdict::kDelete;
+    expect();
+    const bool same = headerGood_ && expected_.marker == present_.marker &&
+                      expected_.firstNumber == present_.firstNumber &&
+                      expected_.dataOffset == present_.dataOffset &&
+                      expected_.dataSize == present_.dataSize &&
+                      expected_.lastTime == present_.lastTime &&
+                      expected_.pictures == present_.pictures && expected_.gops == present_.gops;
+    return same ? Verdict::kGood : Verdict::kRewrite;
+  }
+
+  // Of what bad entries do not tell, a header that fits the others is believed.
+  void expect() {
+    const uint32_t firstNumber = wrapSub32(first_.number, firstIndex_);
+    const bool believed = headerGood_ && present_.firstNumber == firstNumber;
+    const bool totalsBelieved = believed && present_.pictures == row_.recSize;
+    expected_.marker = headerGood_                            ? present_.marker
+                       : (row_.status & kStatusRepaired) != 0 ? kMarkerOpen
+                                                              : kMarkerClosed;
+    expected_.firstNumber = firstNumber;
+    expected_.dataOffset = firstIndex_ != 0 && believed ? present_.dataOffset : first_.dataOffset;
+    expected_.dataSize = lastIndex_ != row_.recSize - 1 && totalsBelieved
+                             ? present_.dataSize
+                             : sizeUpTo(expected_.dataOffset, last_);
+    expected_.gops = good_ != row_.recSize && totalsBelieved ? present_.gops : gops_;
+    expected_.lastTime = row_.endDate;
+    expected_.pictures = row_.recSize;
+  }
+
+  const DB_STREAM row_;
+  PictureIndex index_;
+  StreamHeader present_;
+  StreamHeader expected_;
+  bool headerGood_ = false;
+  uint32_t good_ = 0;
+  uint32_t gops_ = 0;
+  PictureEntry first_;
+  uint32_t firstIndex_ = 0;
+  PictureEntry last_;
+  uint32_t lastIndex_ = 0;
+};
+
+// What became of one row.
+enum class Outcome { kStays, kGone, kFailed };
+
+Outcome repairRow(const DB_STREAM& row, RecoveryReport* report) {
+  HeaderCheck check(row);
+  switch (check.run()) {
+    case Verdict::kGood:
+      return Outcome::kStays;
+    case Verdict::kUnreadable:
+      report->problems.push_back(nameOf(row) + ": the card does not give its header and entries");
+      return Outcome::kStays;
+    case Verdict::kDelete:
+      if (!deleteStreamNative(row)) return Outcome::kFailed;
+      report->changes.push_back({Kind::kRecordingDeleted, row.streamID, 0, 0,
+                                 nameOf(row) + ": nothing of its entries is left, deleted"});
+      return Outcome::kGone;
+    case Verdict::kRewrite:
+      break;
+  }
+  if (!check.rewrite()) return Outcome::kFailed;
+  report->changes.push_back({Kind::kHeaderRewritten, row.streamID, row.recSize, row.endDate,
+                             nameOf(row) + ": stream header rewritten from its entries"});
+  return Outcome::kStays;
+}
+
+// The oldest (or newest) row of a chunk, and the next one as long as rows must go.
+bool repairEnd(uint32_t chunk, const char* order, RecoveryReport* report) {
+  const std::string sql = "SELECT * FROM STREAM WHERE chunkID = " + std::to_string(chunk) +
+                          " ORDER BY streamID " + order + " LIMIT 1";
+  for (;;) {
+    std::vector<DB_STREAM> rows;
+    if (!selectStreams(sql, &rows)) return false;
+    if (rows.empty()) return true;
+    const Outcome outcome = repairRow(rows[0], report);
+    if (outcome != Outcome::kGone) return outcome == Outcome::kStays;
+  }
+}
+
+}  // namespace
+
+bool repairHeaders(RecoveryReport* report) {
+  std::vector<DB_STREAM> chunks;
+  if (!selectStreams(kSqlChunks, &chunks)) return false;
+  for (const DB_STREAM& row : chunks) {
+    if (!repairEnd(row.chunkID, "ASC", report) || !repairEnd(row.chunkID, "DESC", report)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace tarn

@@ -1,0 +1,178 @@
+#include "recorder/Recovery.h"
+
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "base/UniqueFd.h"
+#include "dblog/CDbRestore.h"
+#include "recorder/DatabaseImage.h"
+#include "recorder/FileLock.h"
+#include "recorder/HeaderRepair.h"
+#include "recorder/JournalMessages.h"
+#include "recorder/LeftOverRows.h"
+#include "recorder/NativeRows.h"
+#include "recorder/OpenEvents.h"
+#include "recorder/RecoveryMessages.h"
+#include "recorder/ServerProbe.h"
+
+namespace tarn {
+namespace {
+
+const char* manageName(FileType type) {
+  if (type == kFileStream) return "stream chunks";
+  return type == kFileSyslog ? "system log" : "journal";
+}
+
+const char* manageText(ManageRepair repair) {
+  switch (repair) {
+    case ManageRepair::kMainCopied:
+      return "was bad, taken from its backup";
+    case ManageRepair::kBackupCopied:
+      return "had another backup, which is now the same";
+    case ManageRepair::kDefaults:
+      return "was bad in both copies, made anew";
+    case ManageRepair::kCorrected:
+      return "named a chunk that the card does not have, corrected";
+    case ManageRepair::kGood:
+    case ManageRepair::kFailed:
+      break;
+  }
+  return "";
+}
+
+}  // namespace
+
+Recovery::Recovery() = default;
+Recovery::~Recovery() = default;
+
+bool Recovery::fail(const std::string& text) {
+  if (report_.error.empty()) {
+    report_.error = text;
+    syslog(LOG_ERR, kMsgRecoveryFailed, text.c_str());
+  }
+  return false;
+}
+
+bool Recovery::keepServerOut(std::string* error) {
+  lock_ = std::make_unique<FileLock>();
+  *error = kErrServerRuns;
+  if (!lock_->lock(kServerLockPath, false)) return false;
+  const ServerProbe probe = probeServer();
+  if (probe == ServerProbe::kUnknown) *error = kErrServerUnknown;
+  return probe == ServerProbe::kFree;
+}
+
+// Runs one step, unless one before it failed, and notes how long it took.
+bool Recovery::step(const char* name, const std::function<bool()>& work, const char* failure) {
+  const auto begin = std::chrono::steady_clock::now();
+  const bool done = work();
+  const auto took = std::chrono::steady_clock::now() - begin;
+  report_.times.push_back(
+      {name, std::chrono::duration_cast<std::chrono::microseconds>(took).count()});
+  return done || fail(failure);
+}
+
+bool Recovery::manageFiles() {
+  report_.streamManage = repairManageFile(kFileStream, &channels_);
+  report_.syslogManage = repairManageFile(kFileSyslog, nullptr);
+  report_.journalManage = repairManageFile(kFileJournal, nullptr);
+  bool good = true;
+  for (const auto& [type, repair] :
+       {std::pair{kFileStream, report_.streamManage}, std::pair{kFileSyslog, report_.syslogManage},
+        std::pair{kFileJournal, report_.journalManage}}) {
+    good = good && repair != ManageRepair::kFailed;
+    const char* text = manageText(repair);
+    if (*text == 0) continue;
+    syslog(LOG_NOTICE, "recovery: management file of the %s %s", manageName(type), text);
+  }
+  return good;
+}
+
+bool Recovery::restoreImage() {
+  std::string error;
+  const ImageRestore result = restoreDatabaseImage(&error);
+  if (result == ImageRestore::kFailed) fail(error);
+  if (result == ImageRestore::kUnusable) report_.problems.push_back(error);
+  report_.fromImage = result == ImageRestore::kRestored;
+  return report_.fromImage;
+}
+
+bool Recovery::rebuild() {
+  report_.startUp = StartUp().run();
+  const uint32_t refused = report_.startUp.events.refused + report_.startUp.streams.refused;
+  if (refused > 0) {
+    report_.problems.push_back("the card did not take " + std::to_string(refused) +
+                               " corrections of journal records");
+  }
+  return report_.startUp.ok() || fail(report_.startUp.error);
+}
+
+bool Recovery::database() {
+  if (!restoreImage()) return report_.ok() && rebuild();
+  // Offsets that step 1 had to make anew are nowhere else.
+  return CDbRestore().recoverJournalManage() == 0 || fail(kErrJournalManage);
+}
+
+bool Recovery::manageData() {
+  CDbRestore restore;
+  return restore.recoverStreamManage(channels_.data(), static_cast<int>(channels_.size())) == 0 &&
+         restore.recoverSyslogManage() == 0;
+}
+
+bool Recovery::countRows() {
+  return selectNumber("SELECT COUNT(*) FROM EVENT", &report_.eventRows) &&
+         selectNumber("SELECT COUNT(*) FROM STREAM", &report_.streamRows);
+}
+
+bool Recovery::flushCard() {
+  const UniqueFd card(open(deviceName(kRecorderPartition), O_RDONLY | O_CLOEXEC));
+  return card.valid() && fsync(card.get()) == 0;
+}
+
+RecoveryReport Recovery::run() {
+  report_ = RecoveryReport();
+  std::string error;
+  if (!keepServerOut(&error)) {
+    report_.refused = true;
+    report_.error = error;
+    return report_;
+  }
+  static_cast<void>(
+      step(
+          "management files", [this] { return manageFiles(); }, kErrManageFiles) &&
+      step(
+          "database", [this] { return database(); }, kErrJournalManage) &&
+      step(
+          "overtaken rows", [this] { return deleteOvertakenRows(&report_); }, kErrOvertaken) &&
+      step(
+          "video rows", [this] { return repairVideoRows(&report_); }, kErrVideoRows) &&
+      step(
+          "remaining rows", [this] { return closeRemainingRows(&report_); }, kErrRemaining) &&
+      step(
+          "events", [this] { return endOpenEvents(&report_); }, kErrEvents) &&
+      step(
+          "stream headers", [this] { return repairHeaders(&report_); }, kErrHeaders) &&
+      step(
+          "management data", [this] { return manageData() && countRows(); }, kErrManageData) &&
+      step(
+          "flush", [this] { return flushCard(); }, kErrFlush));
+  for (const RecoveryChange& change : report_.changes) {
+    syslog(LOG_NOTICE, kMsgRecoveryChange, change.text.c_str());
+  }
+  for (const std::string& problem : report_.problems) {
+    syslog(LOG_WARNING, kMsgRecoveryProblem, problem.c_str());
+  }
+  lock_.reset();
+  return report_;
+}
+
+int Recovery::saveImage(std::string* error) {
+  const bool saved = keepServerOut(error) && saveDatabaseImage(error);
+  lock_.reset();
+  return saved ? 0 : -1;
+}
+
+}  // namespace tarn

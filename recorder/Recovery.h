@@ -1,0 +1,63 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/Export.h"
+#include "recorder/RecoveryReport.h"
+
+namespace tarn {
+
+class FileLock;
+
+// What a recorder runs first when it starts, before its management server: whatever happened to the
+// power before, the card and the database are consistent afterwards, with everything that had
+// reached the card.
+//
+//   tarn::Recovery recovery;
+//   const tarn::RecoveryReport report = recovery.run();
+//   if (!report.ok()) return complain(report.error);
+//
+// Steps, each needed by the next: management files; database (its image after a clean stop, else an
+// empty one, both journals made equal, replayed, counted); free offsets of the journal; rows that
+// were left open; open events; stream headers; management data of stream chunks and system log;
+// flush of the card.
+//
+// Running it again changes nothing on the card, and after a power loss during it the next run ends
+// in the same state. No management server may run: it is kept out meanwhile. The work grows with
+// the rows, not with the size of the card. Used by one thread; nothing throws.
+class TARN_API Recovery {
+ public:
+  Recovery();
+  ~Recovery();
+  Recovery(const Recovery&) = delete;
+  Recovery& operator=(const Recovery&) = delete;
+
+  RecoveryReport run();
+
+  // For a clean stop, when the server and everything else has ended: saves the database into its
+  // image on the card, from which the next start takes it. 0; -1 with the reason in *error when
+  // there is no usable image now and the next start rebuilds the database from the journal: no
+  // loss, only time.
+  int saveImage(std::string* error);
+
+ private:
+  bool keepServerOut(std::string* error);
+  bool step(const char* name, const std::function<bool()>& work, const char* failure);
+  bool manageFiles();
+  bool database();
+  bool restoreImage();
+  bool rebuild();
+  bool manageData();
+  bool countRows();
+  bool flushCard();
+  bool fail(const std::string& text);
+
+  std::unique_ptr<FileLock> lock_;
+  RecoveryReport report_;
+  std::vector<CHUNK_MANAGE> channels_;  // of the stream chunks, as they were found
+};
+
+}  // namespace tarn

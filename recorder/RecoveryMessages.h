@@ -1,0 +1,24 @@
+#pragma once
+
+// Log texts of the start-up recovery.
+namespace tarn {
+
+inline constexpr char kMsgRecoveryFailed[] = "recovery: %s";   // LOG_ERR
+inline constexpr char kMsgRecoveryProblem[] = "recovery: %s";  // LOG_WARNING
+inline constexpr char kMsgRecoveryChange[] = "recovery: %s";   // LOG_NOTICE
+
+// What stops a recovery, for a person.
+inline constexpr char kErrServerRuns[] =
+    "a management server runs; recovery is for the time before it starts";
+inline constexpr char kErrServerUnknown[] = "cannot find out whether a management server runs";
+inline constexpr char kErrManageFiles[] =
+    "the card's management files cannot be read or written (is there a card?)";
+inline constexpr char kErrOvertaken[] = "recordings left open long ago could not be deleted";
+inline constexpr char kErrVideoRows[] = "interrupted recordings could not be repaired";
+inline constexpr char kErrRemaining[] = "interrupted recordings could not be closed";
+inline constexpr char kErrEvents[] = "events left open could not be ended";
+inline constexpr char kErrHeaders[] = "the recordings' stream headers could not be repaired";
+inline constexpr char kErrManageData[] = "the management data could not be rebuilt";
+inline constexpr char kErrFlush[] = "the card could not be flushed";
+
+}  // namespace tarn

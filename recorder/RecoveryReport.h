@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "recorder/ManageFileRepair.h"
+#include "recorder/StartUp.h"
+
+namespace tarn {
+
+// One recording or event that a recovery changed.
+struct RecoveryChange {
+  enum class Kind {
+    kRecordingClosed,   // was interrupted; `pictures` came back
+    kRecordingDeleted,  // held nothing that could be used
+    kHeaderRewritten,   // its stream header did not fit its entries
+    kEventClosed,
+    kEventDeleted,
+  };
+  Kind kind;
+  uint32_t key;           // streamID or eventID
+  uint32_t pictures = 0;  // of a recording
+  uint32_t endDate = 0;   // seconds; 0 for what was deleted
+  std::string text;       // one line for a person
+};
+
+struct RecoveryStepTime {
+  const char* step;
+  int64_t micros;
+};
+
+// What a recovery did.
+struct RecoveryReport {
+  // What stopped it, in a person's words; empty when it went through. The recorder must not start
+  // after an error.
+  std::string error;
+  bool refused = false;  // a management server runs; nothing was touched
+  // What could not be done or read but does not keep the recorder from starting.
+  std::vector<std::string> problems;
+  std::vector<RecoveryChange> changes;
+
+  ManageRepair streamManage = ManageRepair::kGood;
+  ManageRepair syslogManage = ManageRepair::kGood;
+  ManageRepair journalManage = ManageRepair::kGood;
+  bool fromImage = false;  // the database came from its image, `startUp` was not needed
+  StartUpReport startUp;
+  uint32_t eventRows = 0;  // at the end
+  uint32_t streamRows = 0;
+  std::vector<RecoveryStepTime> times;
+
+  bool ok() const { return error.empty(); }
+  uint32_t count(RecoveryChange::Kind kind) const {
+    uint32_t number = 0;
+    for (const RecoveryChange& change : changes) number += change.kind == kind ? 1 : 0;
+    return number;
+  }
+};
+
+}  // namespace tarn
