@@ -115,7 +115,8 @@ inline DB_STREAM streamRow(uint32_t seed) {
 // A good card, an empty database and what watches them; no server yet.
 class CardTest : public testing::Test {
  protected:
-  explicit CardTest(uint32_t journalSize = kJournalSize) : card(journalCard(journalSize)) {
+  explicit CardTest(uint32_t journalSize = kJournalSize) : CardTest(journalCard(journalSize)) {}
+  explicit CardTest(const CardLayout& layout) : card(layout) {
     card.initManagement();
     makeDatabase();
   }
