@@ -1,0 +1,234 @@
+#include <fmt/format.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+
+#include "Command.h"
+#include "Console.h"
+#include "api/CApiTarnSyslogRead.h"
+#include "fat/ChunkFiles.h"
+#include "manager/CTARNSyslogManager.h"
+#include "recorder/LogFormat.h"
+#include "recorder/LogWriter.h"
+#include "recorder/ServerRetry.h"
+
+namespace tarn {
+namespace {
+
+constexpr int kChunks = 5;
+constexpr int kFollowMs = 250;
+constexpr size_t kReadBytes = 64 * 1024;
+// Standard input without a line feed for so long is not kept any longer.
+constexpr size_t kLongestLine = 256 * 1024;
+// Text that keeps coming in is safe after so long at most.
+constexpr int64_t kFlushMs = 1000;
+constexpr char kNoServer[] =
+    "the management server does not answer; use --card CARD to look at a card without one";
+
+// The lines of one chunk, from where the last call ended. Lines never straddle what a call sees:
+// the free offset is moved by whole lines.
+class ChunkLines {
+ public:
+  using Show = std::function<void(const std::string&)>;
+
+  void start(int chunk) {
+    chunk_ = chunk;
+    position_ = 0;
+  }
+  int chunk() const { return chunk_; }
+
+  // False when the chunk cannot be read.
+  bool showNew(CApiTarnSyslogRead* reader, const Show& show) {
+    CHUNK_USAGE usage = {};
+    if (reader->getUsage(static_cast<short>(chunk_), &usage) != 0) return false;
+    if (usage.freeAddr < position_) position_ = 0;  // used anew
+    if (usage.freeAddr == position_) return true;   // an empty range is not opened
+    if (reader->openChunk(0, static_cast<unsigned char>(chunk_)) != 0) return false;
+    const bool good = readOn(reader, show);
+    reader->close();
+    return good;
+  }
+
+ private:
+  bool readOn(CApiTarnSyslogRead* reader, const Show& show) {
+    if (reader->seek(static_cast<long>(position_), SEEK_SET) < 0) return false;
+    std::string text(kReadBytes, '\0');
+    std::string rest;
+    long got = 0;
+    while ((got = reader->read(text.data(), kReadBytes)) > 0) {
+      position_ += static_cast<uint32_t>(got);
+      rest.append(text, 0, static_cast<size_t>(got));
+      size_t start = 0;
+      for (size_t feed; (feed = rest.find('\n', start)) != std::string::npos; start = feed + 1) {
+        show(rest.substr(start, feed - start));
+      }
+      rest.erase(0, start);
+    }
+    if (!rest.empty()) show(rest);
+    return got == 0;
+  }
+
+  int chunk_ = 0;
+  uint32_t position_ = 0;  // bytes shown
+};
+
+class CommandLog : public Command {
+ public:
+  CLI::App* addTo(CLI::App& tool) override {
+    CLI::App* app = tool.add_subcommand("log", "Show the system log on the card, or write to it");
+    CLI::Option* write =
+        app->add_flag("--write", write_, "append each line of standard input, until its end");
+    app->add_flag("-f,--follow", follow_, "go on showing what is added, until interrupted")
+        ->excludes(write);
+    app->add_option_function<std::string>(
+           "--since",
+           [this](const std::string& text) {
+             if (!parseTime(text, &since_)) {
+               throw CLI::ValidationError(
+                   "--since",
+                   "\"" + text + "\" is not a time; write YYYY-MM-DDTHH:MM:SS, local time");
+             }
+           },
+           "only lines of this time or later")
+        ->type_name("TIME")
+        ->excludes(write);
+    app->add_option("--chunk", chunk_, "only this syslog chunk, 0 to 4")
+        ->check(CLI::Range(0, kChunks - 1))
+        ->excludes(write);
+    return app;
+  }
+
+  int run() override { return write_ ? writeLines() : showLines(); }
+
+ private:
+  // The reader complains on standard output, so it is asked only where there is a server.
+  static bool serverAnswers() {
+    CTARNSyslogManager manager(kRecorderPartition);
+    const bool answers = manager.openManageData() == 0;
+    manager.closeManageData();
+    return answers;
+  }
+
+  int showLines() {
+    if (!serverAnswers()) {
+      complain(kNoServer);
+      return kExitFailed;
+    }
+    CApiTarnSyslogRead reader;
+    const int active = reader.getActiveChunk(0);
+    if (active < 0 || active >= kChunks) {
+      complain("the management data names no active syslog chunk; the card needs recovery");
+      return kExitFailed;
+    }
+    ChunkLines lines;
+    if (chunk_ >= 0) {
+      lines.start(chunk_);
+      if (!show(&reader, &lines)) return kExitFailed;
+    }
+    // From the oldest chunk, the one that is written next, to the active one.
+    for (int i = 1; chunk_ < 0 && i <= kChunks; ++i) {
+      lines.start((active + i) % kChunks);
+      if (!show(&reader, &lines)) return kExitFailed;
+    }
+    return follow_ ? followLines(&reader, &lines) : kExitGood;
+  }
+
+  bool show(CApiTarnSyslogRead* reader, ChunkLines* lines) {
+    if (lines->showNew(reader, [this](const std::string& line) { showLine(line); })) return true;
+    complain(fmt::format("syslog chunk {} cannot be read", lines->chunk()));
+    return false;
+  }
+
+  void showLine(const std::string& text) {
+    const LogLine line = parseLogLine(text);
+    if (line.filling || (since_ != 0 && line.seconds < int64_t{since_})) return;
+    fmt::print("{}\n", line.text);
+  }
+
+  int followLines(CApiTarnSyslogRead* reader, ChunkLines* lines) {
+    for (;;) {
+      // A reader that went away shows first here, and a file or pipe gets its lines at once.
+      if (fflush(stdout) != 0) return kExitFailed;
+      if (stopRequested()) return kExitGood;
+      poll(nullptr, 0, kFollowMs);
+      // What was added before the change of chunk comes first.
+      const int active = chunk_ >= 0 ? chunk_ : int{reader->getActiveChunk(0)};
+      if (active < 0 || !show(reader, lines)) {
+        complain(kNoServer);
+        return kExitFailed;
+      }
+      if (active == lines->chunk()) continue;
+      lines->start((lines->chunk() + 1) % kChunks);
+    }
+  }
+
+  int writeLines() {
+    writer_ = std::make_unique<LogWriter>();
+    if (writer_->open() != 0) return writeFailed();
+    const bool good = copyInput();
+    if (writer_->isOpen() && writer_->close() != 0) return writeFailed();
+    return good ? kExitGood : writeFailed();
+  }
+
+  int writeFailed() {
+    complain(std::string("the system log: ") +
+             (inputError_.empty() ? writer_->errorText() : inputError_.c_str()));
+    return kExitFailed;
+  }
+
+  // Lines are brought to the card when no more come in at once, and every second when they do.
+  bool copyInput() {
+    std::string rest;
+    std::string block(kReadBytes, '\0');
+    int64_t flushed = monotonicMs();
+    while (!stopRequested()) {
+      pollfd input = {STDIN_FILENO, POLLIN, 0};
+      const bool idle = poll(&input, 1, 0) == 0;
+      if (idle || monotonicMs() - flushed >= kFlushMs) {
+        if (writer_->flush() != 0) return false;
+        flushed = monotonicMs();
+      }
+      if (idle && poll(&input, 1, -1) < 0) continue;  // a signal
+      const ssize_t got = read(STDIN_FILENO, block.data(), block.size());
+      if (got == 0) break;
+      if (got < 0 && errno != EINTR && errno != EAGAIN) return refuseInput(errno);
+      if (got > 0 && !takeInput(&rest, block.data(), static_cast<size_t>(got))) return false;
+    }
+    return rest.empty() || writer_->append(rest.data(), rest.size()) == 0;
+  }
+
+  bool takeInput(std::string* rest, const char* bytes, size_t length) {
+    rest->append(bytes, length);
+    size_t start = 0;
+    for (size_t feed; (feed = rest->find('\n', start)) != std::string::npos; start = feed + 1) {
+      if (writer_->append(rest->data() + start, feed - start) != 0) return false;
+    }
+    rest->erase(0, start);
+    if (rest->size() < kLongestLine) return true;
+    const bool good = writer_->append(rest->data(), rest->size()) == 0;
+    rest->clear();
+    return good;
+  }
+
+  bool refuseInput(int error) {
+    inputError_ = std::string("standard input cannot be read: ") + strerror(error);
+    return false;
+  }
+
+  bool write_ = false;
+  bool follow_ = false;
+  uint32_t since_ = 0;
+  int chunk_ = -1;
+  std::string inputError_;
+  // Made when it is needed.
+  std::unique_ptr<LogWriter> writer_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeLogCommand() { return std::make_unique<CommandLog>(); }
+
+}  // namespace tarn
