@@ -25,6 +25,9 @@ class Command {
   virtual int run() = 0;
   // False for commands that work on a card as such and need neither database nor server.
   virtual bool needsRecorder() const { return true; }
+  // False for commands that must run before the management server does; in a private view nothing
+  // is started around them.
+  virtual bool needsServer() const { return true; }
   // Members that hold paths given by the user, "" and "-" meaning none. In a private view, where
   // /tmp is not the user's, they are rewritten before run().
   virtual std::vector<std::string*> userPaths() { return {}; }
@@ -40,6 +43,8 @@ std::vector<std::unique_ptr<Command>> allCommands();
 std::unique_ptr<Command> makeFormatCommand();
 std::unique_ptr<Command> makeInfoCommand();
 std::unique_ptr<Command> makeListCommand();
+std::unique_ptr<Command> makeRecoverCommand();
+std::unique_ptr<Command> makeLogCommand();
 std::unique_ptr<Command> makeRunCommand();
 // In media/, where the build has libavformat.
 std::unique_ptr<Command> makeRecordCommand();

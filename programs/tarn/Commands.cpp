@@ -13,7 +13,9 @@ std::vector<std::unique_ptr<Command>> allCommands() {
 #ifdef TARN_WITH_MEDIA
   commands.push_back(makeExportCommand());
 #endif
+  commands.push_back(makeLogCommand());
   commands.push_back(makeRunCommand());
+  commands.push_back(makeRecoverCommand());
   return commands;
 }
 

@@ -4,43 +4,20 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <syslog.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "CardView.h"
+#include "Console.h"
+#include "StandardOutputMuted.h"
 #include "base/UniqueFd.h"
-#include "recorder/StartUp.h"
+#include "recorder/Recovery.h"
 
 namespace tarn {
 namespace {
 
 constexpr int kServerStartMs = 20000;
 constexpr int kServerStopMs = 60000;  // its last flush waits for a slow card
-
-// The library prints notices on standard output, which belongs to the command.
-class StandardOutputMuted {
- public:
-  StandardOutputMuted() {
-    fflush(stdout);
-    kept_.reset(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
-    pointAtNull();
-  }
-  ~StandardOutputMuted() {
-    fflush(stdout);
-    if (kept_.valid()) dup2(kept_.get(), STDOUT_FILENO);
-  }
-  StandardOutputMuted(const StandardOutputMuted&) = delete;
-  StandardOutputMuted& operator=(const StandardOutputMuted&) = delete;
-
-  static void pointAtNull() {
-    const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
-    if (null.valid()) dup2(null.get(), STDOUT_FILENO);
-  }
-
- private:
-  UniqueFd kept_;
-};
 
 // In the child: nothing of the terminal reaches the server, and it stops in order when we die.
 void prepareServer(int readyFd, int parent) {
@@ -55,11 +32,12 @@ void prepareServer(int readyFd, int parent) {
 }  // namespace
 
 int ViewSession::open(std::string* error) {
-  StartUpReport report;
+  RecoveryReport report;
   {
     const StandardOutputMuted muted;
-    report = StartUp().run();
+    report = Recovery().run();
   }
+  for (const std::string& problem : report.problems) complain(problem);
   if (!report.ok()) {
     *error = "the recorder could not be started up on this card: " + report.error;
     return -1;
@@ -107,10 +85,21 @@ int ViewSession::close(std::string* error) {
       return -1;
     }
   }
-  if (exitCode == 0) return 0;
+  if (exitCode == 0) {
+    saveImage();
+    return 0;
+  }
   *error = "the management server ended with code " + std::to_string(exitCode) +
            "; what it had not saved is rebuilt from the card at the next start";
   return -1;
+}
+
+// Without an image the next start reads the journal instead, so that is no failure.
+void ViewSession::saveImage() {
+  const StandardOutputMuted muted;
+  std::string reason;
+  if (Recovery().saveImage(&reason) != 0)
+    syslog(LOG_NOTICE, "no database image: %s", reason.c_str());
 }
 
 }  // namespace tarn

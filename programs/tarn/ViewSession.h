@@ -6,17 +6,19 @@
 
 namespace tarn {
 
-// What runs around a command inside a private view, as around the programs of a recorder: the
-// database rebuilt from the card, then the management server.
+// What runs around a command inside a private view, as around the programs of a recorder: recovery,
+// then the management server; at a clean end the database is saved into its image.
 class ViewSession {
  public:
   // 0, or -1 with the reason in *error; then there is nothing to close.
   int open(std::string* error);
-  // Stops the server in order, which saves the management data. 0, or -1 with the reason.
+  // Stops the server in order, which saves the management data, then saves the database's image. 0,
+  // or -1 with the reason.
   int close(std::string* error);
 
  private:
   int startServer(std::string* error);
+  static void saveImage();
 
   ChildProcess server_;
 };

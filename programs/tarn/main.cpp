@@ -53,6 +53,7 @@ int runInside(Command* command, int viewPipe) {
   for (std::string* path : command->userPaths()) *path = CardView::pathInside(*path);
   ViewSession session;
   std::string error;
+  if (told && !command->needsServer()) return command->run();
   if (!told || session.open(&error) != 0) {
     complain(error);
     return kExitFailed;
