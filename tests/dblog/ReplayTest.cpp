@@ -269,6 +269,26 @@ TEST_F(Replay, AStreamStatementThatFailsEndsTheReplayAndKeepsTheRowsBefore) {
   EXPECT_EQ(streamKeys(), (std::vector<uint32_t>{1}));
 }
 
+// Statements go to the database several at a time; that must not show.
+TEST_F(Replay, AFailureDeepInAFullJournalNamesItsOwnStatement) {
+  writeEvents(32);
+  db.setSqlNoResult(
+      "CREATE TRIGGER no_twenty BEFORE INSERT ON EVENT WHEN NEW.eventID = 20 BEGIN SELECT "
+      "RAISE(ABORT, 'no'); END");
+  log.clear();
+  EXPECT_EQ(restore.restoreEventDb(), -1);
+  std::vector<std::string> texts;
+  for (const LogLine& line : log.atPriority(LOG_ERR)) {
+    if (line.text.rfind("restoreEventDb", 0) == 0) texts.push_back(line.text);
+  }
+  EXPECT_THAT(texts, testing::ElementsAre(
+                         "restoreEventDb setSqlNoResult (INSERT OR REPLACE INTO EVENT( eventID, "
+                         "extTrg, preSec, startDate, startMSec, endDate, endMSec, backOffset ) "
+                         "VALUES( '20', '120', '220', '1700000020', '320', '1700000520', '420', "
+                         "'608' )) error = -1"));
+  EXPECT_EQ(eventKeys().size(), 19u) << "the rows before it stay";
+}
+
 TEST_F(Replay, BadManagementDataFailsBeforeAnythingIsRead) {
   writeEvents(1);
   card.fill(card.chunkStart(tarn::kFileJournalManage, 0), 24, 0x44);
