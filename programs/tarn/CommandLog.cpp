@@ -32,7 +32,7 @@ constexpr char kNoServer[] =
 // the free offset is moved by whole lines.
 class ChunkLines {
  public:
-  using Show = std::function<void(const std::string&)>;
+  using Show = std::function<bool(const std::string&)>;  // false: no more
 
   void start(int chunk) {
     chunk_ = chunk;
@@ -63,7 +63,7 @@ class ChunkLines {
       rest.append(text, 0, static_cast<size_t>(got));
       size_t start = 0;
       for (size_t feed; (feed = rest.find('\n', start)) != std::string::npos; start = feed + 1) {
-        show(rest.substr(start, feed - start));
+        if (!show(rest.substr(start, feed - start))) return true;
       }
       rest.erase(0, start);
     }
@@ -137,29 +137,41 @@ class CommandLog : public Command {
   }
 
   bool show(CApiTarnSyslogRead* reader, ChunkLines* lines) {
-    if (lines->showNew(reader, [this](const std::string& line) { showLine(line); })) return true;
+    const bool read =
+        lines->showNew(reader, [this](const std::string& line) { return showLine(line); });
+    if (outputError_ != 0) return false;
+    if (read) return true;
     complain(fmt::format("syslog chunk {} cannot be read", lines->chunk()));
     return false;
   }
 
-  void showLine(const std::string& text) {
+  bool showLine(const std::string& text) {
     const LogLine line = parseLogLine(text);
-    if (line.filling || (since_ != 0 && line.seconds < int64_t{since_})) return;
-    fmt::print("{}\n", line.text);
+    if (line.filling || (since_ != 0 && line.seconds < int64_t{since_})) return true;
+    const std::string whole = line.text + "\n";
+    return fwrite(whole.data(), 1, whole.size(), stdout) == whole.size() || stopOutput();
+  }
+
+  // Whoever reads our output may have seen enough; anything else is worth a word.
+  bool stopOutput() {
+    outputError_ = errno;
+    if (outputError_ != EPIPE) complain("standard output could not be written");
+    return false;
   }
 
   int followLines(CApiTarnSyslogRead* reader, ChunkLines* lines) {
     for (;;) {
       // A reader that went away shows first here, and a file or pipe gets its lines at once.
-      if (fflush(stdout) != 0) return kExitFailed;
+      if (fflush(stdout) != 0) {
+        stopOutput();
+        return kExitFailed;
+      }
       if (stopRequested()) return kExitGood;
       poll(nullptr, 0, kFollowMs);
       // What was added before the change of chunk comes first.
       const int active = chunk_ >= 0 ? chunk_ : int{reader->getActiveChunk(0)};
-      if (active < 0 || !show(reader, lines)) {
-        complain(kNoServer);
-        return kExitFailed;
-      }
+      if (active < 0) complain(kNoServer);
+      if (active < 0 || !show(reader, lines)) return kExitFailed;
       if (active == lines->chunk()) continue;
       lines->start((lines->chunk() + 1) % kChunks);
     }
@@ -223,6 +235,7 @@ class CommandLog : public Command {
   uint32_t since_ = 0;
   int chunk_ = -1;
   std::string inputError_;
+  int outputError_ = 0;
   // Made when it is needed.
   std::unique_ptr<LogWriter> writer_;
 };
