@@ -3,12 +3,14 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/Export.h"
+
 namespace tarn {
 
 // Finds where the newest text of a syslog chunk ends: lines begin with a local time that never goes
 // back; text that does is older and was not overwritten yet. Fed block by block from the chunk's
 // start. Lines do not straddle blocks: the log writer pads before the boundary.
-class SyslogScan {
+class TARN_API SyslogScan {
  public:
   static constexpr size_t kBlockSize = 4096;
 
