@@ -116,9 +116,12 @@ bool Recovery::database() {
   return CDbRestore().recoverJournalManage() == 0 || fail(kErrJournalManage);
 }
 
+// The journals once more: rows that were deleted meanwhile may have been the newest, and the next
+// start would put the offsets behind those that are left.
 bool Recovery::manageData() {
   CDbRestore restore;
-  return restore.recoverStreamManage(channels_.data(), static_cast<int>(channels_.size())) == 0 &&
+  return restore.recoverJournalManage() == 0 &&
+         restore.recoverStreamManage(channels_.data(), static_cast<int>(channels_.size())) == 0 &&
          restore.recoverSyslogManage() == 0;
 }
 
