@@ -1,6 +1,6 @@
 #include "recorder/HeaderRepair.h"
 
-#include <cstring>
+#include <algorithm>
 
 #include "base/Wrap.h"
 #include "dblog/CDbRestore.h"
@@ -130,6 +130,13 @@ class HeaderCheck {
   uint32_t lastIndex_ = 0;
 };
 
+// The repair of an interrupted recording leaves its header to this step; that is no news.
+bool wasClosedNow(uint32_t streamID, const RecoveryReport& report) {
+  return std::any_of(report.changes.begin(), report.changes.end(), [streamID](const auto& change) {
+    return change.kind == Kind::kRecordingClosed && change.key == streamID;
+  });
+}
+
 // What became of one row.
 enum class Outcome { kStays, kGone, kFailed };
 
@@ -150,6 +157,7 @@ Outcome repairRow(const DB_STREAM& row, RecoveryReport* report) {
       break;
   }
   if (!check.rewrite()) return Outcome::kFailed;
+  if (wasClosedNow(row.streamID, *report)) return Outcome::kStays;
   report->changes.push_back({Kind::kHeaderRewritten, row.streamID, row.recSize, row.endDate,
                              nameOf(row) + ": stream header rewritten from its entries"});
   return Outcome::kStays;
