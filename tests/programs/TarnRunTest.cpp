@@ -35,7 +35,9 @@ class TarnRunTest : public ::testing::Test {
 
   // Rows as a recorder's program would have them; journaled changes belong to other tests.
   static std::string insertRows() {
-    return "sqlite3 /tmp/DB.dat \"INSERT INTO STREAM VALUES(1,4,20,0,50,2,0,1632,65536,"
+    // The view before left its database on the card.
+    return "sqlite3 /tmp/DB.dat \"DELETE FROM STREAM; DELETE FROM EVENT;"
+           "INSERT INTO STREAM VALUES(1,4,20,0,50,2,0,1632,65536,"
            "1000000000,1000000010,250,750,0);"
            "INSERT INTO STREAM VALUES(2,5,20,0,0,3,0,0,1,1000000020,0,0,0,64);"
            "INSERT INTO EVENT VALUES(1,7,5,1000000003,1000000008,0,0,0);"
