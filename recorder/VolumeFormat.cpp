@@ -40,6 +40,9 @@ constexpr uint32_t kFsInfoLeadOff = 0;      //   0  4  "RRaA"
 constexpr uint32_t kFsInfoSecondOff = 484;  // 484  4  "rrAa"
 constexpr uint32_t kFsInfoFreeOff = 488;    // 488  4  free clusters
 constexpr uint32_t kFsInfoNextOff = 492;    // 492  4  where to look for a free one
+constexpr uint32_t kFsInfoLead = 0x41615252;
+constexpr uint32_t kFsInfoSecond = 0x61417272;
+constexpr uint16_t kBootSignature = 0xAA55;
 
 struct FatStamp {
   uint16_t date = (1 << 5) | 1;  // 1980-01-01
@@ -188,17 +191,17 @@ void encodeBootSector(const CardLayout& layout, uint32_t volumeId, uint8_t* sect
   // A PC told to boot from the card gives up and tries the next disk: int 18h, then a halt.
   static constexpr uint8_t kNoBoot[] = {0xCD, 0x18, 0xF4, 0xEB, 0xFD};
   memcpy(sector + 90, kNoBoot, sizeof kNoBoot);
-  putLe16(sector + kBootSignatureOff, 0xAA55);
+  putLe16(sector + kBootSignatureOff, kBootSignature);
 }
 
 void encodeFsInfo(const CardLayout& layout, uint8_t* sector) {
   memset(sector, 0, kSectorBytes);
-  putLe32(sector + kFsInfoLeadOff, 0x41615252);
-  putLe32(sector + kFsInfoSecondOff, 0x61417272);
+  putLe32(sector + kFsInfoLeadOff, kFsInfoLead);
+  putLe32(sector + kFsInfoSecondOff, kFsInfoSecond);
   const uint32_t free = layout.clusters() - layout.usedClusters();
   putLe32(sector + kFsInfoFreeOff, free);
   putLe32(sector + kFsInfoNextOff, free == 0 ? 0xFFFFFFFF : kRootCluster);
-  putLe16(sector + kBootSignatureOff, 0xAA55);
+  putLe16(sector + kBootSignatureOff, kBootSignature);
 }
 
 void encodeUnfinishedSector(uint8_t* sector) {
@@ -232,6 +235,62 @@ void encodeRootDirectory(const CardLayout& layout, time_t when, uint8_t* out) {
   writer.family(kFileInfo);
   writer.label();
   for (int type = kFileInfo + 1; type < kFileTypeCount; ++type) writer.family(type);
+}
+
+FsInfo decodeFsInfo(const uint8_t* sector) {
+  FsInfo info;
+  info.marked = getLe32(sector + kFsInfoLeadOff) == kFsInfoLead &&
+                getLe32(sector + kFsInfoSecondOff) == kFsInfoSecond &&
+                getLe16(sector + kBootSignatureOff) == kBootSignature;
+  info.freeClusters = getLe32(sector + kFsInfoFreeOff);
+  return info;
+}
+
+namespace {
+
+constexpr uint8_t kDirEnd = 0x00;
+constexpr uint8_t kDirDeleted = 0xE5;
+constexpr uint8_t kAttributeDirectory = 0x10;
+
+std::string decodeLongPiece(const uint8_t* entry) {
+  std::string name;
+  for (const uint32_t off : kLongCharOff) {
+    const uint16_t character = getLe16(entry + off);
+    if (character == 0 || character == 0xFFFF) break;
+    name += character < 0x7F ? static_cast<char>(character) : '?';
+  }
+  return name;
+}
+
+std::string decodeShortName(const uint8_t* entry) {
+  std::string name(reinterpret_cast<const char*>(entry), kDirNameBytes);
+  name.erase(name.find_last_not_of(' ') + 1);
+  return name;
+}
+
+}  // namespace
+
+std::vector<DirectoryFile> decodeRootDirectory(const uint8_t* bytes, size_t length) {
+  std::vector<DirectoryFile> files;
+  std::string longName;
+  for (size_t at = 0; length - at >= kDirEntryBytes; at += kDirEntryBytes) {
+    const uint8_t* entry = bytes + at;
+    if (entry[0] == kDirEnd) break;
+    const uint8_t attribute = entry[kDirAttributeOff];
+    if (entry[0] == kDirDeleted) continue;
+    if (attribute == kAttributeLongName) {
+      longName = decodeLongPiece(entry);
+    } else {
+      if ((attribute & (kAttributeLabel | kAttributeDirectory)) == 0) {
+        const uint32_t high = getLe16(entry + kDirClusterHighOff);
+        files.push_back({longName.empty() ? decodeShortName(entry) : longName,
+                         (high << 16) | getLe16(entry + kDirClusterLowOff),
+                         getLe32(entry + kDirSizeOff)});
+      }
+      longName.clear();
+    }
+  }
+  return files;
 }
 
 void encodeInfoFile(const CardLayout& layout, uint8_t* out) {

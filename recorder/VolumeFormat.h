@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "recorder/CardLayout.h"
 
@@ -48,6 +49,26 @@ void encodeFat(const CardLayout& layout, uint32_t first, uint32_t count, uint8_t
 // The whole root directory, layout.rootBytes() of it: the info file first, the volume label, then
 // all other chunk files. `when` stamps the files; 0 gives FAT's first day.
 void encodeRootDirectory(const CardLayout& layout, time_t when, uint8_t* out);
+
+// A FAT entry without the four bits that mean nothing, and what ends a chain.
+inline constexpr uint32_t kFatEntryMask = 0x0FFFFFFF;
+inline constexpr uint32_t kFatChainEndLeast = 0x0FFFFFF8;
+
+// FSInfo as read back; free is 0xFFFFFFFF where the volume does not tell.
+struct FsInfo {
+  bool marked = false;  // its signatures are there
+  uint32_t freeClusters = 0;
+};
+FsInfo decodeFsInfo(const uint8_t* sector);
+
+// A file of the root directory; by its long name where it has one.
+struct DirectoryFile {
+  std::string name;  // "CKST0007"
+  uint32_t cluster = 0;
+  uint32_t size = 0;
+};
+// All files up to the directory's end; labels, directories and deleted files are passed over.
+std::vector<DirectoryFile> decodeRootDirectory(const uint8_t* bytes, size_t length);
 
 // Bytes of the info file in use: the length and nine records.
 inline constexpr uint32_t kInfoFileBytes = 760;

@@ -28,6 +28,8 @@ class Command {
   // False for commands that must run before the management server does; in a private view nothing
   // is started around them.
   virtual bool needsServer() const { return true; }
+  // Exit code for a command line that makes no sense.
+  virtual int usageExitCode() const { return kExitUsage; }
   // Members that hold paths given by the user, "" and "-" meaning none. In a private view, where
   // /tmp is not the user's, they are rewritten before run().
   virtual std::vector<std::string*> userPaths() { return {}; }
@@ -42,6 +44,7 @@ std::vector<std::unique_ptr<Command>> allCommands();
 
 std::unique_ptr<Command> makeFormatCommand();
 std::unique_ptr<Command> makeInfoCommand();
+std::unique_ptr<Command> makeCheckCommand();
 std::unique_ptr<Command> makeListCommand();
 std::unique_ptr<Command> makeRecoverCommand();
 std::unique_ptr<Command> makeLogCommand();

@@ -6,6 +6,7 @@ std::vector<std::unique_ptr<Command>> allCommands() {
   std::vector<std::unique_ptr<Command>> commands;
   commands.push_back(makeFormatCommand());
   commands.push_back(makeInfoCommand());
+  commands.push_back(makeCheckCommand());
 #ifdef TARN_WITH_MEDIA
   commands.push_back(makeRecordCommand());
 #endif

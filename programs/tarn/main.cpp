@@ -92,7 +92,9 @@ int runTool(int argc, char** argv) {
   try {
     tool.app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return tool.app.exit(error) == 0 ? kExitGood : kExitUsage;
+    const Command* command = tool.chosen();
+    const int usage = command != nullptr ? command->usageExitCode() : kExitUsage;
+    return tool.app.exit(error) == 0 ? kExitGood : usage;
   }
   Command* command = tool.chosen();
   if (command == nullptr) {

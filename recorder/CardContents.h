@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+
+#include "db/DbRecords.h"
+#include "recorder/CardFinding.h"
+#include "recorder/CardReader.h"
+
+namespace tarn {
+
+// What the parts of a card check share. Not part of the interface.
+struct CardContents {
+  CardReader card;
+  CardFindings findings;
+  std::map<uint32_t, DB_STREAM> streams;  // rows of the journal, by key
+  std::map<uint32_t, DB_EVENT> events;
+  uint64_t pictures = 0;
+  std::function<bool(uint64_t, uint64_t)> progress;
+};
+
+// The parts, in their order. False when the check was stopped.
+void checkVolume(CardContents* contents);
+void checkManagement(CardContents* contents);
+void checkJournals(CardContents* contents);  // fills in the rows
+bool checkRecordings(CardContents* contents);
+void checkRings(CardContents* contents);
+void checkLog(CardContents* contents);
+
+}  // namespace tarn

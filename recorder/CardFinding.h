@@ -1,0 +1,66 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "base/Export.h"
+
+namespace tarn {
+
+// What kind of structure a finding is about.
+enum class FindingKind : uint8_t {
+  kFat,            // boot sector and its backup, FSInfo, the two FATs, the root directory
+  kFile,           // a chunk file that is not in one piece where the info file has it
+  kManagement,     // a management file: checksum, copies, values out of range
+  kJournalCopy,    // a record that is good in one copy only, or not the same in both
+  kJournalRecord,  // a record that is good in neither copy, or not where it says it is
+  kJournalOrder,   // records out of order, a key twice, a free offset elsewhere
+  kOpenRow,        // a recording that was never closed, an event that was never ended
+  kRow,            // a row whose values cannot be
+  kHeader,         // a stream header that does not fit its row or its entries
+  kEntry,          // picture entries
+  kData,           // pictures in the stream chunk
+  kRing,           // rows outside of what counts as used, or in each other's way
+  kLog,            // system log
+  kImage,          // database image
+  kUnreadable,     // the device does not give its bytes
+};
+inline constexpr size_t kFindingKinds = 15;
+
+// Word for programs: "fat", "journalCopy".
+TARN_API const char* findingKindName(FindingKind kind);
+
+struct CardFinding {
+  FindingKind kind = FindingKind::kFat;
+  std::string text;       // for a person: which recording, which seconds, which event
+  uint32_t streamID = 0;  // of the recording concerned; 0: none
+  uint32_t eventID = 0;   // of the event concerned; 0: none, or see the text
+  int32_t chunk = -1;     // -1: none
+  uint32_t from = 0;      // seconds concerned, 0 and 0: none
+  uint32_t to = 0;
+};
+
+// Findings in the order in which they were made. All are counted; of what is damaged all over only
+// so many are kept.
+class TARN_API CardFindings {
+ public:
+  static constexpr size_t kKeptOfAKind = 200;
+
+  void add(CardFinding finding);
+  void add(FindingKind kind, std::string text);
+
+  const std::vector<CardFinding>& list() const { return list_; }
+  size_t count(FindingKind kind) const { return counts_[static_cast<size_t>(kind)]; }
+  size_t total() const;
+  // Further ones of this kind are only counted, so nobody need work out their texts.
+  bool isFull(FindingKind kind) const { return count(kind) >= kKeptOfAKind; }
+
+ private:
+  std::vector<CardFinding> list_;
+  std::array<size_t, kFindingKinds> counts_{};
+};
+
+}  // namespace tarn

@@ -1,0 +1,311 @@
+// Rows against stream headers, picture entries and the pictures themselves.
+#include <algorithm>
+#include <ctime>
+
+#include "base/Wrap.h"
+#include "recorder/AnnexB.h"
+#include "recorder/CardContents.h"
+#include "recorder/NativeRows.h"
+#include "recorder/RecordFormat.h"
+
+namespace tarn {
+namespace {
+
+constexpr uint32_t kStatusRepaired = 0x10000;
+constexpr uint32_t kBlockEntries = 1024;
+constexpr int kNamedEvents = 8;
+constexpr size_t kStampDigitsEnd = kTimeStampSeiSize - 1;
+constexpr size_t kStampDigits = 14;
+// Time zones are quarters of an hour from each other, and no more than so far from UTC.
+constexpr int64_t kZoneStep = 15 * 60;
+constexpr int64_t kZoneMost = 15 * 3600;
+
+int number(const uint8_t* digits, int count) {
+  int value = 0;
+  for (int i = 0; i < count; ++i) value = value * 10 + (digits[i] - '0');
+  return value;
+}
+
+// A stamp shows local time of some zone: minutes within the quarter and seconds are those of UTC.
+bool stampFits(const uint8_t* digits, uint32_t seconds) {
+  struct tm time = {};
+  time.tm_year = number(digits, 4) - 1900;
+  time.tm_mon = number(digits + 4, 2) - 1;
+  time.tm_mday = number(digits + 6, 2);
+  time.tm_hour = number(digits + 8, 2);
+  time.tm_min = number(digits + 10, 2);
+  time.tm_sec = number(digits + 12, 2);
+  const int64_t away = static_cast<int64_t>(timegm(&time)) - int64_t{seconds};
+  return away % kZoneStep == 0 && away >= -kZoneMost && away <= kZoneMost;
+}
+
+enum class State { kGood, kBadEntry, kBadData, kUnreadable };
+
+const char* stateText(State state) {
+  if (state == State::kBadEntry) return "index entries are damaged";
+  return state == State::kBadData ? "pictures are damaged or overwritten"
+                                  : "bytes cannot be read from the card";
+}
+
+FindingKind stateKind(State state) {
+  if (state == State::kBadEntry) return FindingKind::kEntry;
+  return state == State::kBadData ? FindingKind::kData : FindingKind::kUnreadable;
+}
+
+// One row.
+class RecordingCheck {
+ public:
+  RecordingCheck(CardContents* contents, const DB_STREAM& row)
+      : contents_(contents),
+        card_(contents->card),
+        row_(row),
+        streamSize_(card_.family(kFileStream).chunkSize) {}
+
+  void run() {
+    if (!checkRow()) return;
+    if (row_.recSize == 0) {
+      return say(FindingKind::kOpenRow, "it was never closed", row_.startDate, row_.startDate);
+    }
+    readHeader();
+    checkEntries();
+    if (headerGood_) compareHeader();
+  }
+
+ private:
+  void say(FindingKind kind, const std::string& text) {
+    say(kind, text, row_.startDate, row_.endDate);
+  }
+  void say(FindingKind kind, const std::string& text, uint32_t from, uint32_t to) {
+    CardFinding finding;
+    finding.kind = kind;
+    finding.text = nameOf(row_) + ": " + text;
+    finding.streamID = row_.streamID;
+    finding.chunk = static_cast<int32_t>(row_.chunkID & 0xFFFF);
+    finding.from = from;
+    finding.to = to;
+    if (!contents_->findings.isFull(kind)) nameEvents(&finding);
+    contents_->findings.add(finding);
+  }
+
+  // The first events that show what is concerned.
+  void nameEvents(CardFinding* finding) const {
+    std::string names;
+    int named = 0;
+    for (const auto& [key, event] : contents_->events) {
+      const uint32_t end = event.endDate != 0 ? event.endDate : UINT32_MAX;
+      const uint32_t begin = event.startDate - std::min<uint32_t>(event.startDate, event.preSec);
+      if (begin > finding->to || end < finding->from) continue;
+      if (finding->eventID == 0) finding->eventID = key;
+      if (++named > kNamedEvents) {
+        names += " and others";
+        break;
+      }
+      names += (names.empty() ? "; concerns event " : ", ") + std::to_string(key);
+    }
+    finding->text += names;
+  }
+
+  // Values that the rest relies on.
+  bool checkRow() {
+    const CardFamily& pictures = card_.family(kFilePicture);
+    const CardFamily& streams = card_.family(kFileStream);
+    if (row_.chunkID >= pictures.chunks || row_.chunkID >= streams.chunks) {
+      say(FindingKind::kRow, "the card has no chunk " + std::to_string(row_.chunkID));
+      return false;
+    }
+    const bool place = row_.chunkOffset % kRecordSize == 0 &&
+                       row_.chunkOffset < pictures.chunkSize &&
+                       row_.recSize < pictures.chunkSize / kRecordSize;
+    if (!place) {
+      say(FindingKind::kRow, "its place in chunk " + std::to_string(row_.chunkID) + " cannot be");
+      return false;
+    }
+    if (row_.recSize == 0) return true;
+    if (row_.chunkSize != (row_.recSize + 1) * kRecordSize) {
+      say(FindingKind::kRow, "its size in the picture chunk is not that of " +
+                                 std::to_string(row_.recSize) + " pictures");
+    }
+    if (row_.endDate < row_.startDate) say(FindingKind::kRow, "it ends before it begins");
+    return true;
+  }
+
+  void readHeader() {
+    uint8_t bytes[kRecordSize];
+    if (!card_.readChunk(kFilePicture, row_.chunkID, row_.chunkOffset, bytes, sizeof bytes)) {
+      return say(FindingKind::kUnreadable, "its stream header cannot be read");
+    }
+    headerGood_ = decodeStreamHeader(bytes, &header_) && header_.version == kRecordVersion &&
+                  (header_.marker == kMarkerOpen || header_.marker == kMarkerClosed) &&
+                  header_.dataOffset < streamSize_;
+    if (!headerGood_) say(FindingKind::kHeader, "its stream header is damaged");
+  }
+
+  void checkEntries() {
+    lastGood_ = row_.startDate;
+    for (uint32_t index = 0; index < row_.recSize; ++index) {
+      PictureEntry entry;
+      const State state = look(index, &entry);
+      ++contents_->pictures;
+      if (state == State::kGood) {
+        endRun(index, entry.presentation.seconds);
+        lastGood_ = entry.presentation.seconds;
+      } else if (state != runState_) {
+        endRun(index, lastGood_);
+        runState_ = state;
+        runFrom_ = index;
+      }
+    }
+    endRun(row_.recSize, row_.endDate);
+  }
+
+  State look(uint32_t index, PictureEntry* entry) {
+    const uint8_t* bytes = entryBytes(index);
+    if (bytes == nullptr) return lose(State::kUnreadable);
+    const bool good = decodePictureEntry(bytes, entry) && entry->key == row_.streamID &&
+                      entry->dataOffset < streamSize_ && entry->size <= streamSize_ &&
+                      follows(index, *entry);
+    if (!good) return lose(State::kBadEntry);
+    if (!hasFirst_) {
+      hasFirst_ = true;
+      firstNumber_ = wrapSub32(entry->number, index);
+      firstOffset_ = entry->dataOffset;
+    }
+    next_ = ringAdvance(entry->dataOffset, entry->size, streamSize_);
+    nextKnown_ = true;
+    dataSize_ = wrapAdd32(dataSize_, entry->size);
+    if (entry->isKey()) ++gops_;
+    return lookAtPicture(*entry);
+  }
+
+  State lose(State state) {
+    whole_ = false;
+    nextKnown_ = false;
+    return state;
+  }
+
+  // Numbers are consecutive and the data of pictures lies back to back.
+  bool follows(uint32_t index, const PictureEntry& entry) const {
+    const bool number = !hasFirst_ || entry.number == wrapAdd32(firstNumber_, index);
+    return number && (!nextKnown_ || entry.dataOffset == next_);
+  }
+
+  const uint8_t* entryBytes(uint32_t index) {
+    if (index >= blockFrom_ && index - blockFrom_ < blockCount_) {
+      return block_.data() + size_t{index - blockFrom_} * kRecordSize;
+    }
+    const uint32_t count = std::min(kBlockEntries, row_.recSize - index);
+    if (load(index, count) || load(index, 1)) return block_.data();
+    blockCount_ = 0;
+    return nullptr;
+  }
+
+  bool load(uint32_t index, uint32_t count) {
+    block_.resize(size_t{count} * kRecordSize);
+    blockFrom_ = index;
+    blockCount_ = count;
+    const uint32_t offset = ringAdvance(row_.chunkOffset, (index + 1) * kRecordSize,
+                                        card_.family(kFilePicture).chunkSize);
+    return card_.readChunk(kFilePicture, row_.chunkID, offset, block_.data(), block_.size());
+  }
+
+  // Each picture carries its own time, so another one's bytes in its place show.
+  State lookAtPicture(const PictureEntry& entry) const {
+    uint8_t bytes[kTimeStampWindow];
+    const size_t length = std::min<size_t>(entry.size, sizeof bytes);
+    if (!card_.readChunk(kFileStream, row_.chunkID, entry.dataOffset, bytes, length)) {
+      return State::kUnreadable;
+    }
+    size_t place = 0;
+    if (length < kTimeStampSeiSize || !findTimeStampSei(bytes, length, &place)) {
+      return State::kBadData;
+    }
+    const uint8_t* digits = bytes + place + kStampDigitsEnd - kStampDigits;
+    return stampFits(digits, entry.presentation.seconds) ? State::kGood : State::kBadData;
+  }
+
+  // Pictures from runFrom_ to in front of `index` have the same thing wrong with them.
+  void endRun(uint32_t index, uint32_t until) {
+    if (runState_ == State::kGood) return;
+    const uint32_t to = std::max(lastGood_, until);
+    const std::string pictures =
+        index - runFrom_ == 1
+            ? "picture " + std::to_string(runFrom_ + 1)
+            : "pictures " + std::to_string(runFrom_ + 1) + " to " + std::to_string(index);
+    say(stateKind(runState_),
+        pictures + " of " + std::to_string(row_.recSize) + ", between " + momentText(lastGood_) +
+            " and " + momentText(to) + ": " + stateText(runState_),
+        lastGood_, to);
+    runState_ = State::kGood;
+  }
+
+  void compareHeader() {
+    std::string what;
+    const auto compare = [&what](bool same, const char* name) {
+      if (!same) what += (what.empty() ? "" : ", ") + std::string(name);
+    };
+    compare(header_.pictures == row_.recSize, "number of pictures");
+    compare(header_.lastTime == row_.endDate, "time of the last picture");
+    if (hasFirst_) compare(header_.firstNumber == firstNumber_, "first picture number");
+    if (whole_) {
+      compare(header_.dataOffset == firstOffset_, "place of the data");
+      compare(header_.dataSize == dataSize_, "size of the data");
+      // The repair of an interrupted recording counts key pictures in steps.
+      const bool repaired = (row_.status & kStatusRepaired) != 0;
+      compare(repaired ? header_.gops > 0 : header_.gops == gops_, "number of key pictures");
+    }
+    if (!what.empty()) say(FindingKind::kHeader, "its stream header tells something else: " + what);
+  }
+
+  CardContents* contents_;
+  const CardReader& card_;
+  const DB_STREAM row_;
+  const uint32_t streamSize_;
+  StreamHeader header_;
+  bool headerGood_ = false;
+  std::vector<uint8_t> block_;
+  uint32_t blockFrom_ = 0;
+  uint32_t blockCount_ = 0;
+  bool hasFirst_ = false;
+  bool whole_ = true;  // every entry so far is good
+  uint32_t firstNumber_ = 0;
+  uint32_t firstOffset_ = 0;
+  uint32_t next_ = 0;  // where the next picture's data begins
+  bool nextKnown_ = false;
+  uint32_t dataSize_ = 0;
+  uint32_t gops_ = 0;
+  uint32_t lastGood_ = 0;  // seconds of the last good picture
+  State runState_ = State::kGood;
+  uint32_t runFrom_ = 0;
+};
+
+void checkEvent(CardContents* contents, const DB_EVENT& event) {
+  CardFinding finding;
+  finding.eventID = event.eventID;
+  finding.from = event.startDate;
+  finding.to = std::max(event.startDate, event.endDate);
+  if (event.endDate == 0) {
+    finding.kind = FindingKind::kOpenRow;
+    finding.text = nameOf(event) + ": it was never ended";
+  } else if (event.endDate < event.startDate) {
+    finding.kind = FindingKind::kRow;
+    finding.text = nameOf(event) + ": it ends before it begins";
+  } else {
+    return;
+  }
+  contents->findings.add(finding);
+}
+
+}  // namespace
+
+bool checkRecordings(CardContents* contents) {
+  uint64_t done = 0;
+  for (const auto& [key, row] : contents->streams) {
+    RecordingCheck(contents, row).run();
+    ++done;
+    if (contents->progress && !contents->progress(done, contents->streams.size())) return false;
+  }
+  for (const auto& [key, event] : contents->events) checkEvent(contents, event);
+  return true;
+}
+
+}  // namespace tarn
