@@ -36,6 +36,17 @@ TEST(EndlessChunk, TheFamilySelectsNameAndLabel) {
   }
 }
 
+TEST(EndlessChunk, TheFamilysFileIsTheOneThatIsOpened) {
+  SyslogCapture log;
+  CTARNEndlessChunk chunk(2);
+  CHUNK_EVENT event = eventOf(1, 0, 100);
+  event.partition = 1;
+  EXPECT_EQ(chunk.openChunkFile(&event), -1);  // there is no such device
+  EXPECT_THAT(problems(log),
+              ElementsAre(err("open error /dev/mmcblk0p1"),
+                          err(" error : Can't open file /dev/mmcblk0p1:CKDL0001 [openChunkLow]")));
+}
+
 TEST(EndlessChunk, AWriteOverwritesDataInUse) {
   OpenJournal j(50, 4000);
   const Bytes bytes = patternBytes(200);

@@ -34,6 +34,21 @@ TEST(StreamChunk, TheKindSelectsTheFileName) {
   EXPECT_EQ(stream.kind, 1);
 }
 
+TEST(StreamChunk, TheKindsFileIsTheOneThatIsOpened) {
+  const std::pair<unsigned char, const char*> kinds[] = {{0, "/dev/mmcblk0p1:CKPC0007"},
+                                                         {1, "/dev/mmcblk0p1:CKST0007"}};
+  for (const auto& [kind, name] : kinds) {
+    SyslogCapture log;
+    CTARNStreamChunk chunk(kind);
+    CHUNK_EVENT event = eventOf(7, 0, 100);
+    event.partition = 1;
+    EXPECT_EQ(chunk.openChunkFile(&event), -1);  // there is no such device
+    EXPECT_THAT(problems(log), ElementsAre(err("open error /dev/mmcblk0p1"),
+                                           err(std::string(" error : Can't open file ") + name +
+                                               " [openChunkLow]")));
+  }
+}
+
 TEST(StreamChunk, EachKindHasItsOwnPairOfAddresses) {
   ManagedCard c;
   ASSERT_EQ(c.stream.setUseOffset(1, 10, 0), 0);

@@ -219,7 +219,7 @@ TEST_F(DbTest, SecondConnectKeepsTheConnection) {
   EXPECT_EQ(1u, db_.getNTuple());
 }
 
-TEST_F(DbTest, ConnectTakesTheNewNameForTheNextConnection) {
+TEST_F(DbTest, StatementAfterFinishGoesToTheRecordersDatabaseWhateverWasConnected) {
   db_.connect(kDbPath);
   db_.connect("/tmp/other.dat");
   EXPECT_EQ(0u, db_.finish());

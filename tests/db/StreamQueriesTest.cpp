@@ -98,10 +98,12 @@ TEST_F(StreamQueriesTest, MomentInAGapGivesTheStreamAfterIt) {
   EXPECT_EQ(1u, stream_.streamID);
 }
 
-TEST_F(StreamQueriesTest, OpenStreamCoversEveryMomentAfterItsStart) {
+TEST_F(StreamQueriesTest, OpenStreamCoversEveryMomentFromItsStartOn) {
   addThree();
-  EXPECT_EQ(1u, db_.selectStreamTime(4000000000, &stream_));
-  EXPECT_EQ(3u, stream_.streamID);
+  for (const unsigned long moment : {500ul, 501ul, 4000000000ul}) {
+    EXPECT_EQ(1u, db_.selectStreamTime(moment, &stream_));
+    EXPECT_EQ(3u, stream_.streamID);
+  }
 }
 
 TEST_F(StreamQueriesTest, MomentAfterTheLastEndedStreamGivesNoneAndLeavesThatOneRead) {

@@ -262,7 +262,10 @@ TEST_F(WritesTest, DeleteStreamJournalsFirst) {
 TEST_F(WritesTest, DeleteOfAnAbsentKeyIsJournaledAndReturnsTheKey) {
   DbTrace trace;
   EXPECT_EQ(123u, db_.deleteEvent(123));
-  EXPECT_THAT(trace.take("journal "), ElementsAre("deleteEvent 123"));
+  const std::string sql = "DELETE FROM EVENT WHERE eventID = 123";
+  EXPECT_THAT(trace.take(), ElementsAre("journal deleteEvent 123", "lock", "exec " + sql, "unlock",
+                                        "log 182: deleteEvent() " + sql,
+                                        "log 0: CApiDb::deleteEvent() delete eventID = 123"));
   EXPECT_EQ(0u, db_.getCmdTuple());
 }
 

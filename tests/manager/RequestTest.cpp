@@ -498,7 +498,11 @@ TEST(RequestWithoutServer, EveryRequestFailsAsAFailedWrite) {
   EXPECT_NE(manager.m_client, nullptr);
   EXPECT_THAT(managerLines(log),
               ElementsAre(LogLine{LOG_ERR, "CTARNManagerBase:openManageData() writeMesg error"}));
+  log.clear();
   EXPECT_EQ(manager.getNumUsedChunk(), 65535);
+  EXPECT_THAT(managerLines(log), ElementsAre(LogLine{LOG_ERR,
+                                                     "CTANRManageBase::getNumUsedChunk() writeMesg "
+                                                     "error\n"}));
   EXPECT_EQ(manager.freeSize(0), 0u);
   EXPECT_EQ(manager.getFreeSizeTotal(), -1);
   EXPECT_EQ(manager.getNumChunk(), 0);
