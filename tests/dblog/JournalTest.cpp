@@ -281,6 +281,22 @@ TEST_F(Journal, AnOffsetBehindTheChunkIsNoPlaceOfARecord) {
   expectPair(0, 0, eventRecord(eventRow(1)));
 }
 
+// Two of the records, two of the management data; nothing else reaches the card.
+TEST_F(Journal, AnInsertServerIncludedIsFourWritesEachFlushed) {
+  insertEvent(1);
+  const IoFaults faults(kCardPath);
+  insertEvent(2);
+  EXPECT_EQ(faults.count(Call::Write), 4u);
+  EXPECT_EQ(faults.count(Call::Fsync), 4u);
+  EXPECT_EQ(faults.count(Call::Read), 0u);
+  EXPECT_EQ(faults.count(Call::Open), 0u);
+  std::string changes;
+  for (char call : faults.sequence()) {
+    if (call == 'w' || call == 'f') changes += call;
+  }
+  EXPECT_EQ(changes, "wfwfwfwf");
+}
+
 TEST_F(Journal, LooksRowsUpInTheDatabase) {
   insertEvent(1);
   insertEvent(2);

@@ -111,8 +111,7 @@ TEST_F(ReplayFaults, ADeviceThatGoesSilentEndsTheReplay) {
   EXPECT_TRUE(log.has(LOG_INFO, "restoreEventDb : checked records = 2048 offset = 196608"));
 }
 
-TEST_F(ReplayFaults, AReadThatFailsBehindAnErasedRecordIsNotTakenForOne) {
-  // Record 3 is erased in the original only and bad in neither: the mirror has it. Then reads fail.
+TEST_F(ReplayFaults, ARecordErasedInTheOriginalAloneIsNotTheEnd) {
   setJournal(0, 64, Bytes(32, 0xFF));
   EXPECT_EQ(restore.restoreEventDb(), 0);
   EXPECT_EQ(rows(), kRows);
