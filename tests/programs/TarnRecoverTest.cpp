@@ -1,0 +1,91 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "support/Shell.h"
+
+namespace {
+
+using nlohmann::json;
+using tarn_test::shell;
+using tarn_test::ShellResult;
+using ::testing::HasSubstr;
+
+ShellResult tarn(const std::string& arguments) {
+  return shell(std::string(TARN_BIN_DIR "/tarn ") + arguments);
+}
+
+class TarnRecoverTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (shell("bwrap --bind / / true").exitCode != 0) GTEST_SKIP() << "bwrap does not work here";
+    ASSERT_EQ(tarn("format /tmp/card --size 34M").exitCode, 0);
+  }
+};
+
+TEST_F(TarnRecoverTest, TellsInJsonWhatItFoundAndDid) {
+  const ShellResult result = tarn("--card /tmp/card recover --json");
+  EXPECT_EQ(result.exitCode, 0) << result.output;
+  const json report = json::parse(result.output, nullptr, false);
+  EXPECT_EQ(report["schema"], 1);
+  EXPECT_EQ(report["ok"], true);
+  EXPECT_EQ(report["fromImage"], false);
+  EXPECT_EQ(report["streamRows"], 0);
+  EXPECT_EQ(report["management"]["journal"], "good");
+  EXPECT_EQ(report["changes"], json::array());
+  EXPECT_EQ(report["microseconds"].size(), 9u);
+}
+
+TEST_F(TarnRecoverTest, ACleanEndLeavesAnImageForTheNextStartAlone) {
+  EXPECT_EQ(tarn("--card /tmp/card recover").output,
+            "0 recordings and 0 events, from the journal\n");
+  ASSERT_EQ(tarn("--card /tmp/card run -- true").exitCode, 0);
+  EXPECT_EQ(tarn("--card /tmp/card recover").output,
+            "0 recordings and 0 events, from the database image\n");
+  EXPECT_EQ(tarn("--card /tmp/card recover").output,
+            "0 recordings and 0 events, from the journal\n");
+}
+
+TEST_F(TarnRecoverTest, AKilledServerLeavesNoImage) {
+  EXPECT_EQ(tarn("--card /tmp/card run -- sh -c 'kill -9 $(pidof tarn-server)'").exitCode, 1);
+  EXPECT_EQ(tarn("--card /tmp/card recover").output,
+            "0 recordings and 0 events, from the journal\n");
+}
+
+TEST_F(TarnRecoverTest, IsRefusedWhileTheServerRuns) {
+  const ShellResult result = tarn("--card /tmp/card run -- " TARN_BIN_DIR "/tarn recover");
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.output,
+            "tarn: a management server runs; recovery is for the time before it starts\n");
+}
+
+TEST_F(TarnRecoverTest, MakesTheDatabaseOfTheMachineItRunsOn) {
+  ASSERT_EQ(shell("cp /tmp/card /dev/sdblk0p1").exitCode, 0);
+  EXPECT_EQ(tarn("recover").output, "0 recordings and 0 events, from the journal\n");
+  EXPECT_EQ(tarn("list --json").exitCode, 0);
+}
+
+TEST_F(TarnRecoverTest, WithoutACardItFailsInWords) {
+  const ShellResult result = tarn("recover");
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.output, HasSubstr("tarn: the card's management files cannot be read"));
+  EXPECT_EQ(tarn("recover --nonsense").exitCode, 2);
+}
+
+TEST_F(TarnRecoverTest, SaysWhichManagementFileWasMended) {
+  // The first bytes of both copies of the stream chunks' file are found by their family's sector.
+  const json card = json::parse(tarn("info /tmp/card --json").output, nullptr, false);
+  for (const json& family : card["families"]) {
+    if (family["tag"] != "MGST") continue;
+    ASSERT_EQ(shell("printf spoiled | dd of=/tmp/card conv=notrunc bs=512 seek=" +
+                    std::to_string(family["startSector"].get<uint64_t>()))
+                  .exitCode,
+              0);
+  }
+  EXPECT_EQ(tarn("--card /tmp/card recover").output,
+            "management file of the stream chunks: taken from its backup\n"
+            "0 recordings and 0 events, from the journal\n");
+}
+
+}  // namespace
