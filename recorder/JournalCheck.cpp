@@ -30,6 +30,7 @@ class JournalCheck {
                 copy.at(position, traits_.recordSize))) {
         break;
       }
+      end_ = position + traits_.recordSize;
     }
     reportLost();
     checkFree();
@@ -148,6 +149,10 @@ class JournalCheck {
     if (management.records[chunk + 1].streamFreeOffset != free) {
       return say(FindingKind::kJournalOrder, "the free offsets of its two copies differ");
     }
+    if (free > end_) {
+      return say(FindingKind::kJournalOrder,
+                 "it ends" + placeText(end_) + ", and its free offset is " + std::to_string(free));
+    }
     const uint32_t size = contents_->card.family(kFileJournal).chunkSize;
     if (newestLiveKey_ != 0 && free == nextJournalPlace(traits_, newestLivePlace_, size)) return;
     if (newestKey_ != 0 && free == nextJournalPlace(traits_, newestPlace_, size)) return;
@@ -160,6 +165,7 @@ class JournalCheck {
   const JournalKind kind_;
   const JournalTraits& traits_;
   uint32_t size_ = 0;
+  uint32_t end_ = 0;   // of the records
   uint32_t lost_ = 0;  // places in a row
   uint32_t lostFrom_ = 0;
   uint32_t before_ = 0;

@@ -80,9 +80,22 @@ bool placed(const CardContents& contents, const DB_STREAM& row) {
   return row.chunkOffset < pictures.chunkSize && row.chunkSize <= pictures.chunkSize;
 }
 
+void checkEmpty(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& record) {
+  if (record.streamUseOffset == record.streamFreeOffset &&
+      record.pictureUseOffset == record.pictureFreeOffset) {
+    return;
+  }
+  CardFinding finding;
+  finding.kind = FindingKind::kRing;
+  finding.chunk = static_cast<int32_t>(chunk);
+  finding.text = "chunk " + std::to_string(chunk) + " counts as used, but no recording lies in it";
+  contents->findings.add(finding);
+}
+
 void checkChunk(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& record,
                 const std::vector<const DB_STREAM*>& rows) {
-  if (!rows.empty() && record.chType == -1) {
+  if (rows.empty()) return checkEmpty(contents, chunk, record);
+  if (record.chType == -1) {
     CardFinding finding;
     finding.kind = FindingKind::kRing;
     finding.chunk = static_cast<int32_t>(chunk);

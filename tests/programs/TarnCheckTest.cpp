@@ -1,0 +1,123 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "support/Shell.h"
+
+namespace {
+
+using nlohmann::json;
+using tarn_test::shell;
+using tarn_test::ShellResult;
+using ::testing::HasSubstr;
+
+ShellResult tarn(const std::string& arguments) {
+  return shell(std::string(TARN_BIN_DIR "/tarn ") + arguments);
+}
+
+class TarnCheckTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("TZ", "UTC", 1);
+    ASSERT_EQ(tarn("format /tmp/card --size 34M --invariant").exitCode, 0);
+  }
+  static void damageManagement() {
+    // The reserved bytes of the first record of MGST's main copy, wherever the card has it.
+    const json info = json::parse(tarn("info /tmp/card --json").output);
+    for (const json& family : info["families"]) {
+      if (family["tag"] != "MGST") continue;
+      const int sector = family["startSector"];
+      ASSERT_EQ(shell("printf x | dd of=/tmp/card bs=512 seek=" + std::to_string(sector) +
+                      " conv=notrunc status=none")
+                    .exitCode,
+                0);
+    }
+  }
+};
+
+TEST_F(TarnCheckTest, ACleanCardGivesZero) {
+  const ShellResult result = tarn("check /tmp/card");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.output, "/tmp/card: clean, 0 recordings, 0 events, 0 pictures\n");
+  EXPECT_EQ(tarn("--card /tmp/card check").output, result.output);
+  EXPECT_EQ(tarn("check /tmp/card --repair").exitCode, 0);
+}
+
+TEST_F(TarnCheckTest, FindingsGiveFourAndAreCountedByKind) {
+  damageManagement();
+  const ShellResult result = tarn("check /tmp/card");
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(result.output,
+            "MGST: the main copy is damaged, the backup is good\n"
+            "/tmp/card: 1 finding, 0 recordings, 0 events, 0 pictures\n"
+            "  management            1\n");
+}
+
+TEST_F(TarnCheckTest, JsonHasKindsTextsAndCounts) {
+  damageManagement();
+  const ShellResult result = tarn("check /tmp/card --json");
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(json::parse(result.output), json::parse(R"({"schema": 1, "card": "/tmp/card",
+      "clean": false, "recordings": 0, "events": 0, "pictures": 0, "counts": {"management": 1},
+      "findings": [{"kind": "management",
+                    "text": "MGST: the main copy is damaged, the backup is good"}]})"));
+}
+
+TEST_F(TarnCheckTest, RepairRunsTheRecoveryAndGivesOne) {
+  if (shell("bwrap --bind / / true").exitCode != 0) GTEST_SKIP() << "bwrap does not work here";
+  damageManagement();
+  const ShellResult result = tarn("check /tmp/card --repair --json");
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  const json report = json::parse(result.output);
+  EXPECT_EQ(report["clean"], true);
+  EXPECT_EQ(report["counts"], json::object());
+  EXPECT_EQ(report["corrected"]["counts"], json::parse(R"({"management": 1})"));
+  EXPECT_EQ(tarn("check /tmp/card").exitCode, 0);
+}
+
+TEST_F(TarnCheckTest, WhatTheRecoveryCannotRepairIsLeft) {
+  if (shell("bwrap --bind / / true").exitCode != 0) GTEST_SKIP() << "bwrap does not work here";
+  ASSERT_EQ(shell("printf x | dd of=/tmp/card bs=512 seek=6 conv=notrunc status=none").exitCode, 0);
+  const ShellResult result = tarn("check /tmp/card --repair");
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(result.output,
+            "the backup of the boot sector differs from it\n"
+            "1 finding, then the recovery ran\n"
+            "the backup of the boot sector differs from it\n"
+            "/tmp/card: 1 finding, 0 recordings, 0 events, 0 pictures\n"
+            "  fat                   1\n");
+}
+
+TEST_F(TarnCheckTest, WhatIsNoCardGivesEight) {
+  const ShellResult none = tarn("check /tmp/none");
+  EXPECT_EQ(none.exitCode, 8);
+  EXPECT_EQ(none.output, "tarn: cannot open /tmp/none: No such file or directory\n");
+  for (const char* fill : {"head -c 3000000 /dev/zero", "head -c 3000000 /dev/urandom",
+                           "head -c 3000000 /dev/zero | tr \"\\0\" \"\\377\"", "true"}) {
+    ASSERT_EQ(shell(std::string(fill) + " >/tmp/noise").exitCode, 0);
+    const ShellResult noise = tarn("check /tmp/noise --repair");
+    EXPECT_EQ(noise.exitCode, 8) << fill;
+    EXPECT_THAT(noise.output, HasSubstr("tarn: /tmp/noise: ")) << fill;
+  }
+  EXPECT_EQ(tarn("check").exitCode, 8) << "the recorder's own card, and there is none";
+}
+
+TEST_F(TarnCheckTest, WrongUsageGivesSixteen) {
+  EXPECT_EQ(tarn("check /tmp/card --bogus").exitCode, 16);
+  EXPECT_EQ(tarn("check a b").exitCode, 16);
+  EXPECT_EQ(tarn("check --help").exitCode, 0);
+  EXPECT_EQ(tarn("info --bogus").exitCode, 2) << "as all other commands";
+}
+
+TEST_F(TarnCheckTest, ACardThatIsInUseIsNotRepaired) {
+  if (shell("bwrap --bind / / true").exitCode != 0) GTEST_SKIP() << "bwrap does not work here";
+  damageManagement();
+  const ShellResult result =
+      shell("flock /tmp/card sh -c '" TARN_BIN_DIR "/tarn check /tmp/card --repair'; echo code $?");
+  EXPECT_THAT(result.output, HasSubstr("is in use by another program of the recorder\ncode 8\n"));
+}
+
+}  // namespace
