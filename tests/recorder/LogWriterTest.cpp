@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <thread>
@@ -102,7 +103,7 @@ class LogWriterTest : public testing::Test {
       const size_t feed = all.find('\n', start);
       if (all.compare(start, tarn::kLogMarkBytes, tarn::kLogMark) == 0) break;
       const tarn::LogLine line = tarn::parseLogLine(all.substr(start, feed - start));
-      if (!line.filling) found.push_back(line.text.substr(20));
+      if (!line.filling) found.push_back(line.text.substr(std::min<size_t>(20, line.text.size())));
       if (feed == std::string::npos) break;
       start = feed + 1;
     }
