@@ -35,16 +35,16 @@ class TarnRunTest : public ::testing::Test {
 
   // Rows as a recorder's program would have them; journaled changes belong to other tests.
   static std::string insertRows() {
-    // The view before left its database on the card.
-    return "sqlite3 /tmp/DB.dat \"DELETE FROM STREAM; DELETE FROM EVENT;"
-           "INSERT INTO STREAM VALUES(1,4,20,0,50,2,0,1632,65536,"
+    return "sqlite3 /tmp/DB.dat \"INSERT INTO STREAM VALUES(1,4,20,0,50,2,0,1632,65536,"
            "1000000000,1000000010,250,750,0);"
            "INSERT INTO STREAM VALUES(2,5,20,0,0,3,0,0,1,1000000020,0,0,0,64);"
            "INSERT INTO EVENT VALUES(1,7,5,1000000003,1000000008,0,0,0);"
            "INSERT INTO EVENT VALUES(2,9,0,1000000021,1000000022,5,6,32);\"";
   }
 
+  // On a fresh card: these rows are in no journal, and the next start would say so.
   static json listed(const std::string& arguments) {
+    EXPECT_EQ(tarn("format /tmp/card --size 34M").exitCode, 0);
     const ShellResult result =
         inView(insertRows() + "; " TARN_BIN_DIR "/tarn list --json " + arguments);
     EXPECT_EQ(result.exitCode, 0) << result.output;
