@@ -48,7 +48,8 @@ const uint8_t* BlockReader::at(uint64_t offset, size_t length) {
       offset >= blockStart_ && offset - blockStart_ + length <= block_.size() && !block_.empty();
   if (!inBlock) {
     blockStart_ = offset;
-    block_.resize(std::max<size_t>(length, std::min<uint64_t>(kBlockBytes, length_ - offset)));
+    const auto ahead = static_cast<size_t>(std::min<uint64_t>(kBlockBytes, length_ - offset));
+    block_.resize(std::max(length, ahead));
     // Around a bad sector each piece is asked for by itself.
     if (!card_.read(start_ + offset, block_.data(), block_.size())) {
       block_.resize(length);
@@ -58,7 +59,7 @@ const uint8_t* BlockReader::at(uint64_t offset, size_t length) {
       }
     }
   }
-  return block_.data() + (offset - blockStart_);
+  return block_.data() + static_cast<size_t>(offset - blockStart_);
 }
 
 }  // namespace tarn

@@ -5,11 +5,14 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <limits>
 
 namespace tarn {
 namespace {
 
-constexpr int64_t kLastSecond = 253402128000;  // two days before the year 10000, in every zone
+// Two days before the year 10000, in every zone; earlier where the machine's clock ends earlier.
+constexpr int64_t kLastSecond =
+    std::min<int64_t>(253402128000, std::numeric_limits<time_t>::max() - 2 * 86400);
 // Stamps keep clear of the mark at one end and of what 32 bits hold at the other, in every zone.
 constexpr char kFirstStamp[] = "1970-01-02T00:00:01";
 constexpr char kLastStamp[] = "2038-01-18T00:00:00";

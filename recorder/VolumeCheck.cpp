@@ -111,7 +111,7 @@ class VolumeCheck {
   }
 
   void checkRoot() {
-    std::vector<uint8_t> bytes(directoryBytes());
+    std::vector<uint8_t> bytes(static_cast<size_t>(directoryBytes()));
     if (!card_.read(boot_.dataSector() * kSectorBytes, bytes.data(), bytes.size())) {
       return unreadable("the root directory");
     }
