@@ -1,0 +1,100 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "db/DbRecords.h"
+
+// What this process does to the card /dev/sdblk0p1: every write and flush of every thread, in
+// order, and what the recorder had been told by then. The system calls and the journal's operations
+// are interposed in CardTrace.cpp, so nothing in the product knows.
+namespace powercut {
+
+inline constexpr char kCardPath[] = "/dev/sdblk0p1";
+inline constexpr uint32_t kSector = 512;
+inline constexpr uint32_t kPage = 4096;
+
+// An operation of the journal, from its call to its return.
+struct RowMark {
+  enum Kind { kStreamPut, kStreamDelete, kEventPut, kEventDelete };
+  Kind kind;
+  uint32_t key;
+  DB_STREAM stream = {};  // the row after it
+  DB_EVENT event = {};
+  size_t begin = 0;       // number of card operations before it was called
+  size_t end = SIZE_MAX;  // and before it returned; SIZE_MAX: never, or it failed
+};
+
+struct CardOp {
+  bool flush;
+  uint64_t offset = 0;
+  std::vector<uint8_t> bytes;
+};
+
+struct Trace {
+  std::vector<CardOp> ops;
+  std::vector<RowMark> rows;
+};
+
+// The card, in memory: a file of the view's tmpfs that is mapped beside. Its changes can be taken
+// back to any earlier moment, at a cost that depends on what was changed only.
+class Card {
+ public:
+  static Card& get();
+  void create(uint64_t size);
+  uint64_t size() const { return size_; }
+  const uint8_t* bytes() const { return map_; }
+
+  // Writes as the rig, not as the recorder.
+  void put(uint64_t offset, const void* bytes, size_t length);
+
+  // A moment to come back to.
+  size_t moment() const { return undo_.size(); }
+  void rollBack(size_t moment);
+  // Forgets how to go back: what is there is the new beginning.
+  void settle();
+  // Sectors that differ from what they held at `moment`.
+  std::vector<uint64_t> changedSince(size_t moment) const;
+
+  // Places that the recorder may write to; a write elsewhere is noted.
+  void allow(std::vector<std::pair<uint64_t, uint64_t>> extents) { extents_ = std::move(extents); }
+  std::string takeStray();
+
+  // Recording into a trace; null ends it.
+  void record(Trace* trace) { trace_ = trace; }
+  Trace* trace() const { return trace_; }
+
+  // Called by the interposed system calls, under their lock.
+  void aboutToWrite(uint64_t offset, size_t length);
+  void written(uint64_t offset, const void* bytes, size_t length);
+  void flushed();
+
+ private:
+  struct Saved {
+    uint64_t sector;
+    uint8_t bytes[kSector];
+  };
+  uint8_t* map_ = nullptr;
+  uint64_t size_ = 0;
+  std::vector<Saved> undo_;
+  std::vector<std::pair<uint64_t, uint64_t>> extents_;
+  std::string stray_;
+  Trace* trace_ = nullptr;
+};
+
+// Flushes that a recorded life lacks, to show that the checks see it: those that come straight
+// behind a write to this part of the card.
+struct Omission {
+  uint64_t from = 0;
+  uint64_t to = 0;
+};
+void omitFlushes(const Omission& omission);
+
+// Log lines of the system log, while kept.
+void keepLog(bool keep);
+std::string takeLog();
+
+}  // namespace powercut

@@ -1,0 +1,444 @@
+#include "powercut/Checks.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "db/CApiDb.h"
+#include "dblog/CDbLog.h"
+#include "fat/CFATAccess.h"
+#include "recorder/CardInfo.h"
+#include "recorder/RecordingReader.h"
+#include "recorder/RecordingSession.h"
+
+#if __has_include("recorder/CardCheck.h")
+#include "recorder/CardCheck.h"
+#define POWERCUT_CARD_CHECK 1
+#endif
+
+namespace powercut {
+namespace {
+
+constexpr uint32_t kNewPictures = 12;
+constexpr uint32_t kNewNumber = 100000;
+constexpr uint32_t kLeastPictures = 2;
+
+template <typename Row>
+struct Version {
+  bool there;
+  Row row;
+};
+
+// What a row may be after a cut: everything from the newest state that had been reported on.
+template <typename Row>
+struct Allowed {
+  std::vector<Version<Row>> versions;
+};
+
+struct Model {
+  std::map<uint32_t, Allowed<DB_STREAM>> streams;
+  std::map<uint32_t, Allowed<DB_EVENT>> events;
+  uint32_t lastStreamKey = 0;  // greatest that had been given out
+  uint32_t lastEventKey = 0;
+};
+
+template <typename Row>
+void apply(std::map<uint32_t, Allowed<Row>>* rows, const RowMark& mark, bool there, const Row& row,
+           Cut cut) {
+  if (mark.begin > cut.at) return;
+  auto& versions = (*rows)[mark.key].versions;
+  if (versions.empty()) versions.push_back({false, Row{}});
+  if (mark.end <= cut.at) versions.clear();
+  versions.push_back({there, row});
+}
+
+Model modelAt(const Recorded& life, Cut cut) {
+  Model model;
+  for (const RowMark& mark : life.trace.rows) {
+    const bool put = mark.kind == RowMark::kStreamPut || mark.kind == RowMark::kEventPut;
+    if (mark.kind == RowMark::kStreamPut || mark.kind == RowMark::kStreamDelete) {
+      apply(&model.streams, mark, put, mark.stream, cut);
+      if (mark.end <= cut.at) model.lastStreamKey = std::max(model.lastStreamKey, mark.key);
+    } else {
+      apply(&model.events, mark, put, mark.event, cut);
+      if (mark.end <= cut.at) model.lastEventKey = std::max(model.lastEventKey, mark.key);
+    }
+  }
+  return model;
+}
+
+std::string text(const DB_STREAM& row) {
+  std::ostringstream out;
+  out << "recording " << row.streamID << " (pictures " << row.recSize << ", chunk " << row.chunkID
+      << " at " << row.chunkOffset << "+" << row.chunkSize << ", status " << row.status << ", "
+      << row.startDate << "." << row.startMSec << "-" << row.endDate << "." << row.endMSec
+      << ", journal " << row.backOffset << ")";
+  return out.str();
+}
+
+std::string text(const DB_EVENT& row) {
+  std::ostringstream out;
+  out << "event " << row.eventID << " (" << row.extTrg << ", " << row.startDate << "."
+      << row.startMSec << "-" << row.endDate << "." << row.endMSec << ", journal " << row.backOffset
+      << ")";
+  return out.str();
+}
+
+bool sameBytes(const DB_STREAM& a, const DB_STREAM& b) { return memcmp(&a, &b, sizeof a) == 0; }
+bool sameBytes(const DB_EVENT& a, const DB_EVENT& b) { return memcmp(&a, &b, sizeof a) == 0; }
+
+// A row that was open and that recovery has closed.
+bool isRepairOf(const DB_STREAM& now, const DB_STREAM& was) {
+  return was.recSize == 0 && now.recSize != 0 && now.inTrg == was.inTrg &&
+         now.frameSet == was.frameSet && now.bitrateSet == was.bitrateSet &&
+         now.chunkID == was.chunkID && now.chunkOffset == was.chunkOffset &&
+         now.startDate == was.startDate && now.startMSec == was.startMSec &&
+         now.backOffset == was.backOffset;
+}
+bool isRepairOf(const DB_EVENT& now, const DB_EVENT& was) {
+  return was.endDate == 0 && now.endDate != 0 && now.extTrg == was.extTrg &&
+         now.preSec == was.preSec && now.startDate == was.startDate &&
+         now.startMSec == was.startMSec && now.backOffset == was.backOffset;
+}
+
+// Recovery may take an open row away.
+bool isOpen(const DB_STREAM& row) { return row.recSize == 0; }
+bool isOpen(const DB_EVENT& row) { return row.endDate == 0; }
+
+uint32_t keyOf(const DB_STREAM& row) { return row.streamID; }
+uint32_t keyOf(const DB_EVENT& row) { return row.eventID; }
+
+template <typename Row>
+std::string checkRows(const std::map<uint32_t, Allowed<Row>>& model, const std::vector<Row>& rows) {
+  std::map<uint32_t, const Row*> found;
+  for (const Row& row : rows) {
+    if (!found.emplace(keyOf(row), &row).second) return "I2: listed twice: " + text(row);
+    if (model.count(keyOf(row)) == 0) return "I2: nobody wrote " + text(row);
+  }
+  for (const auto& [key, allowed] : model) {
+    const auto place = found.find(key);
+    bool good = false;
+    for (const Version<Row>& version : allowed.versions) {
+      if (place == found.end()) {
+        good = good || !version.there || isOpen(version.row);
+      } else {
+        good = good || (version.there && (sameBytes(*place->second, version.row) ||
+                                          isRepairOf(*place->second, version.row)));
+      }
+    }
+    if (good) continue;
+    const Version<Row>& newest = allowed.versions.back();
+    if (place == found.end()) return "I1: missing " + text(newest.row);
+    return "I1: " + text(*place->second) + " should be " +
+           (newest.there ? text(newest.row) : std::string("gone"));
+  }
+  return "";
+}
+
+// Pieces of a ring that are taken, and by whom.
+struct Taken {
+  uint32_t from;
+  uint32_t to;
+  uint32_t key;
+};
+
+void take(std::vector<Taken>* pieces, uint32_t from, uint32_t length, uint32_t ring, uint32_t key) {
+  if (from + length <= ring) {
+    pieces->push_back({from, from + length, key});
+  } else {
+    pieces->push_back({from, ring, key});
+    pieces->push_back({0, from + length - ring, key});
+  }
+}
+
+std::string checkOverlap(const char* area, std::map<uint32_t, std::vector<Taken>>* chunks) {
+  for (auto& [chunk, pieces] : *chunks) {
+    std::sort(pieces.begin(), pieces.end(),
+              [](const Taken& a, const Taken& b) { return a.from < b.from; });
+    for (size_t i = 1; i < pieces.size(); ++i) {
+      if (pieces[i].from >= pieces[i - 1].to) continue;
+      return "I2: recordings " + std::to_string(pieces[i - 1].key) + " and " +
+             std::to_string(pieces[i].key) + " overlap in " + area + " chunk " +
+             std::to_string(chunk);
+    }
+  }
+  return "";
+}
+
+// Pictures of each row, from what the sessions were given.
+std::map<uint32_t, std::vector<uint32_t>> picturesByRow(const Recorded& life) {
+  std::map<uint32_t, std::vector<uint32_t>> result;
+  for (const auto& session : life.sessions) {
+    for (const Picture& picture : session) result[picture.streamID].push_back(picture.number);
+  }
+  return result;
+}
+
+struct Sizes {
+  uint32_t stream;
+  uint32_t picture;
+};
+
+Sizes ringSizes() {
+  CFATAccess fat;
+  Sizes sizes = {};
+  for (const auto& [name, size] : {std::pair{"/dev/sdblk0p1:CKST0000", &sizes.stream},
+                                   std::pair{"/dev/sdblk0p1:CKPC0000", &sizes.picture}}) {
+    const int handle = fat.open(name, 0);
+    *size = static_cast<uint32_t>(fat.getChunkSize(handle));
+    fat.close(handle);
+  }
+  return sizes;
+}
+
+std::string checkPictures(const std::vector<DB_STREAM>& rows,
+                          const std::map<uint32_t, std::vector<uint32_t>>& expected) {
+  const Sizes sizes = ringSizes();
+  std::map<uint32_t, std::vector<Taken>> pictureRing;
+  std::map<uint32_t, std::vector<Taken>> streamRing;
+  std::set<uint32_t> places;
+  std::vector<uint8_t> bytes;
+  for (const DB_STREAM& row : rows) {
+    if (!places.insert(row.backOffset).second) return "I2: journal place shared by " + text(row);
+    tarn::RecordingReader reader;
+    if (reader.open(row) != 0) return "I3: cannot be opened: " + text(row);
+    const auto known = expected.find(row.streamID);
+    const size_t given = known == expected.end() ? 0 : known->second.size();
+    if (row.recSize == 0 || reader.pictureCount() != row.recSize || row.recSize > given) {
+      return "I3: " + std::to_string(reader.pictureCount()) + " pictures, " +
+             std::to_string(given) + " were given to " + text(row);
+    }
+    take(&pictureRing[row.chunkID], row.chunkOffset, row.chunkSize, sizes.picture, row.streamID);
+    for (uint32_t i = 0; i < row.recSize; ++i) {
+      tarn::PictureEntry entry;
+      const uint32_t number = known->second[i];
+      if (!reader.picture(i, &entry) || !reader.readPicture(entry, &bytes) ||
+          !(entry.presentation == pictureTime(number)) || bytes != pictureBytes(number)) {
+        return "I3: picture " + std::to_string(i) + " (" + std::to_string(number) +
+               ") is not what was recorded in " + text(row);
+      }
+      take(&streamRing[row.chunkID], entry.dataOffset, entry.size, sizes.stream, row.streamID);
+    }
+  }
+  const std::string overlap = checkOverlap("picture", &pictureRing);
+  return overlap.empty() ? checkOverlap("stream", &streamRing) : overlap;
+}
+
+// Everything that was safe, and what a loss may cost at most.
+std::string checkLoss(const Recorded& life, Cut cut, const Model& model,
+                      const std::vector<DB_STREAM>& rows) {
+  std::map<uint32_t, uint32_t> kept;
+  for (const DB_STREAM& row : rows) kept[row.streamID] = row.recSize;
+  std::vector<uint32_t> safe(life.sessions.size());
+  for (const SafeMark& mark : life.safe) {
+    if (mark.when > cut.at) break;
+    const uint32_t least =
+        mark.accepted > life.flushPictures ? mark.accepted - life.flushPictures : 0;
+    uint32_t& count = safe[static_cast<size_t>(mark.session)];
+    count = std::max({count, mark.confirmed, least});
+  }
+  for (size_t session = 0; session < safe.size(); ++session) {
+    std::map<uint32_t, uint32_t> seen;
+    std::map<uint32_t, uint32_t> inRow;
+    for (uint32_t i = 0; i < safe[session]; ++i) ++inRow[life.sessions[session][i].streamID];
+    for (uint32_t i = 0; i < safe[session]; ++i) {
+      const Picture& picture = life.sessions[session][i];
+      const uint32_t index = seen[picture.streamID]++;
+      const auto row = model.streams.find(picture.streamID);
+      bool mayBeGone = row == model.streams.end();
+      if (!mayBeGone) {
+        for (const auto& version : row->second.versions) mayBeGone = mayBeGone || !version.there;
+      }
+      // The repair takes an interrupted recording for one when it has two pictures.
+      if (inRow[picture.streamID] < kLeastPictures) mayBeGone = true;
+      if (mayBeGone || index < kept[picture.streamID]) continue;
+      return "I4: picture " + std::to_string(picture.number) + " of recording " +
+             std::to_string(picture.streamID) + " was safe and is lost (" +
+             std::to_string(kept[picture.streamID]) + " came back)";
+    }
+  }
+  return "";
+}
+
+std::string firstSectors(const std::vector<uint64_t>& sectors) {
+  std::string out;
+  for (size_t i = 0; i < sectors.size() && i < 5; ++i) {
+    out += " " + std::to_string(sectors[i] * kSector);
+  }
+  return out;
+}
+
+std::string checkCardTool() {
+#ifdef POWERCUT_CARD_CHECK
+  tarn::CardCheck check;
+  std::string error;
+  if (check.run(kCardPath, {}, &error) != 0) return "I6: the check does not run: " + error;
+  if (check.findings().total() != 0)
+    return "I6: the check finds " + check.findings().list().front().text;
+#endif
+  return "";
+}
+
+// A recorder starts on the card and records; what was there stays, but for the oldest.
+std::string checkNewRecording(const Model& model, const std::vector<DB_STREAM>& before,
+                              std::map<uint32_t, std::vector<uint32_t>> expected) {
+  uint32_t key = 0;
+  {
+    const Server server;
+    tarn::RecordingSession session;
+    tarn::RecordingOptions options;
+    if (session.open(options) != 0)
+      return std::string("I6: no new recording: ") + session.errorText();
+    for (uint32_t i = 0; i < kNewPictures; ++i) {
+      const std::vector<uint8_t> bytes = pictureBytes(kNewNumber + i);
+      if (session.writePicture(bytes.data(), bytes.size(), pictureTime(kNewNumber + i), 0,
+                               isKeyPicture(kNewNumber + i)) != 0) {
+        return std::string("I6: new recording: ") + session.errorText();
+      }
+      // A key that the life gave out later is this recording's now.
+      if (key != session.streamID()) expected[session.streamID()].clear();
+      key = session.streamID();
+      expected[key].push_back(kNewNumber + i);
+    }
+    if (session.close() != 0) return std::string("I6: new recording: ") + session.errorText();
+    CDbLog::getInstance()->finish();
+  }
+  if (key <= model.lastStreamKey) return "I2: key " + std::to_string(key) + " came back";
+  const std::vector<DB_STREAM> rows = listStreams();
+  std::map<uint32_t, DB_STREAM> now;
+  for (const DB_STREAM& row : rows) now[row.streamID] = row;
+  if (now.count(key) == 0) return "I6: the new recording is not listed";
+  bool kept = false;
+  for (const DB_STREAM& row : before) {
+    const auto place = now.find(row.streamID);
+    if (place == now.end() && kept) return "I6: lost by a new recording: " + text(row);
+    if (place == now.end()) continue;  // the oldest make room
+    kept = true;
+    if (!sameBytes(place->second, row)) return "I6: changed by a new recording: " + text(row);
+  }
+  const std::string pictures = checkPictures(rows, expected);
+  return pictures.empty() ? "" : "I6: after a new recording: " + pictures;
+}
+
+bool cardOpens() {
+  CFATAccess fat;
+  const int handle = fat.open("/dev/sdblk0p1:CKST0000", 0);
+  if (handle < 0) return false;
+  fat.close(handle);
+  return true;
+}
+
+// An interrupted format: the old card, the new one, or none.
+std::string checkFormat(const Recorded& life, Cut cut, const CheckOptions& options) {
+  if (!cardOpens()) {
+    const tarn::RecoveryReport report = bootCard();
+    return report.ok() ? "recovery says that a card that does not open is fine" : "";
+  }
+  const tarn::RecoveryReport report = bootCard();
+  if (!report.ok()) return "a card that opens is not recovered: " + report.error;
+  const std::vector<DB_STREAM> rows = listStreams();
+  const auto expected = picturesByRow(life);
+  const bool untouched = cut.flush == 0;
+  if (!rows.empty() && !untouched) return "an old recording is listed: " + text(rows.front());
+  if (rows.empty() && cut.at < life.trace.ops.size() && untouched) {
+    return "the old recordings are gone before the format began";
+  }
+  std::string failure = checkPictures(rows, expected);
+  if (failure.empty() && options.checkCard) failure = checkCardTool();
+  if (failure.empty() && options.newRecording) failure = checkNewRecording({}, rows, expected);
+  return failure;
+}
+
+}  // namespace
+
+tarn::RecoveryReport bootCard() {
+  unlink("/tmp/DB.dat");
+  unlink("/tmp/sd_err_mem_write");
+  return tarn::Recovery().run();
+}
+
+std::vector<DB_STREAM> listStreams() {
+  std::vector<DB_STREAM> rows;
+  CApiDb db;
+  db.setSql("SELECT * FROM STREAM ORDER BY streamID");
+  DB_STREAM row = {};
+  for (long i = 0; i < static_cast<long>(db.getNTuple()) && db.getStreamValue(i, &row) == 0; ++i) {
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+std::vector<DB_EVENT> listEvents() {
+  std::vector<DB_EVENT> rows;
+  CApiDb db;
+  db.setSql("SELECT * FROM EVENT ORDER BY eventID");
+  DB_EVENT row = {};
+  for (long i = 0; i < static_cast<long>(db.getNTuple()) && db.getEventValue(i, &row) == 0; ++i) {
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+std::string describeCard() {
+  std::ostringstream out;
+  for (const DB_STREAM& row : listStreams()) out << text(row) << "\n";
+  for (const DB_EVENT& row : listEvents()) out << text(row) << "\n";
+  tarn::CardInfo info;
+  std::string error;
+  if (info.read(kCardPath, &error) != 0) return error;
+  for (int type : {tarn::kFileStreamManage, tarn::kFileSyslogManage, tarn::kFileJournalManage}) {
+    const tarn::CardManagement& management = info.management(type);
+    out << "management " << type << " copies " << static_cast<int>(management.copies) << ":";
+    for (const CHUNK_MANAGE& record : management.records) {
+      out << " " << int{record.chType} << "," << record.streamUseOffset << ","
+          << record.streamFreeOffset << "," << record.pictureUseOffset << ","
+          << record.pictureFreeOffset;
+    }
+    out << "\n";
+  }
+  return out.str();
+}
+
+std::string checkState(const Recorded& life, Cut cut, const CheckOptions& options) {
+  Card& card = Card::get();
+  if (life.isFormat) return checkFormat(life, cut, options);
+  const tarn::RecoveryReport report = bootCard();
+  if (!report.ok()) return "recovery fails: " + report.error;
+  if (life.isRecovery) {
+    const std::string state = describeCard();
+    if (state != life.finalState) {
+      return "I5: after a recovery that was interrupted:\n" + state + "instead of\n" +
+             life.finalState;
+    }
+  }
+  const Cut asked = life.isRecovery ? Cut{life.cutFlush, life.cutAt} : cut;
+  const Model model = modelAt(life, asked);
+  const std::vector<DB_STREAM> rows = listStreams();
+  const std::vector<DB_EVENT> events = listEvents();
+  const auto expected = picturesByRow(life);
+  std::string failure = checkRows(model.streams, rows);
+  if (failure.empty()) failure = checkRows(model.events, events);
+  if (failure.empty()) failure = checkPictures(rows, expected);
+  if (failure.empty()) failure = checkLoss(life, asked, model, rows);
+  if (!failure.empty()) return failure;
+
+  const std::string before = describeCard();
+  const size_t moment = card.moment();
+  const tarn::RecoveryReport again = bootCard();
+  if (!again.ok()) return "I5: recovery fails the second time: " + again.error;
+  const std::vector<uint64_t> changed = card.changedSince(moment);
+  if (!changed.empty()) return "I5: a second recovery changes bytes at" + firstSectors(changed);
+  if (describeCard() != before) return "I5: a second recovery changes rows";
+
+  if (options.checkCard) failure = checkCardTool();
+  if (failure.empty() && options.newRecording) failure = checkNewRecording(model, rows, expected);
+  const std::string stray = card.takeStray();
+  if (failure.empty() && !stray.empty()) failure = "I7: written outside the chunks: " + stray;
+  return failure;
+}
+
+}  // namespace powercut

@@ -1,0 +1,168 @@
+#include "powercut/States.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace powercut {
+namespace {
+
+uint64_t mix(uint64_t value) {
+  value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9u;
+  value = (value ^ (value >> 27)) * 0x94D049BB133111EBu;
+  return value ^ (value >> 31);
+}
+
+uint64_t hashOf(uint64_t sector, const uint8_t* bytes) {
+  uint64_t hash = mix(sector + 1);
+  for (uint32_t i = 0; i < kSector; i += 8) {
+    uint64_t word;
+    memcpy(&word, bytes + i, sizeof word);
+    hash = mix(hash ^ word) + i;
+  }
+  return hash;
+}
+
+}  // namespace
+
+States::States(const Recorded& life, uint64_t seed)
+    : life_(life), random_(seed), shadow_(life.base) {}
+
+uint64_t States::random() { return mix(random_ += 0x9E3779B97F4A7C15u); }
+
+// How much had been promised by now: the same bytes after more promises are another state.
+uint64_t States::promises() const {
+  uint64_t count = 0;
+  for (const RowMark& mark : life_.trace.rows) count += mark.end <= cut_.at ? 1 : 0;
+  for (const SafeMark& mark : life_.safe) count += mark.when <= cut_.at ? 1 : 0;
+  return count;
+}
+
+void States::addWrite(const CardOp& op) {
+  const uint64_t end = op.offset + op.bytes.size();
+  for (uint64_t at = op.offset; at < end;) {
+    const uint64_t number = at / kSector;
+    const uint64_t stop = std::min(end, (number + 1) * kSector);
+    Sector& sector = sectors_[number];
+    if (sector.versions.empty()) {
+      const uint8_t* old = shadow_.data() + number * kSector;
+      sector.versions.emplace_back(old, old + kSector);
+      sector.hashes.push_back(hashOf(number, old));
+    }
+    std::vector<uint8_t> bytes = sector.versions.back();
+    memcpy(bytes.data() + at % kSector, op.bytes.data() + (at - op.offset), stop - at);
+    sector.writes.push_back(waiting_);
+    sector.hashes.push_back(hashOf(number, bytes.data()));
+    sector.versions.push_back(std::move(bytes));
+    at = stop;
+  }
+  ++waiting_;
+}
+
+void States::flush() {
+  for (const auto& [number, sector] : sectors_) {
+    memcpy(shadow_.data() + number * kSector, sector.versions.back().data(), kSector);
+    Card::get().put(number * kSector, sector.versions.back().data(), kSector);
+    flushedHash_ ^= sector.hashes.front() ^ sector.hashes.back();
+  }
+  Card::get().settle();
+  sectors_.clear();
+  waiting_ = 0;
+}
+
+void States::visitState(const State& state) {
+  const uint64_t number = number_++;
+  uint64_t content = flushedHash_;
+  for (const auto& [sector, version] : state) {
+    const Sector& place = sectors_.at(sector);
+    content ^= place.hashes.front() ^ place.hashes[version];
+  }
+  contents_.insert(content);
+  if (!seen_.insert(mix(content) + promises()).second) return;
+  if (!(*visit_)(number, distinct_++)) return;
+  Card& card = Card::get();
+  for (const auto& [sector, version] : state) {
+    card.put(sector * kSector, sectors_.at(sector).versions[version].data(), kSector);
+  }
+  (*run_)(number, cut_);
+  card.rollBack(0);
+}
+
+void States::visitMask(const std::vector<bool>& mask) {
+  State state;
+  for (const auto& [number, sector] : sectors_) {
+    size_t version = 0;
+    for (size_t i = 0; i < sector.writes.size(); ++i) {
+      if (mask[sector.writes[i]]) version = i + 1;
+    }
+    if (version != 0) state.emplace_back(number, version);
+  }
+  visitState(state);
+}
+
+void States::visitSubsets() {
+  std::vector<bool> mask(waiting_, true);
+  if (waiting_ <= kSubsetWrites) {
+    for (uint32_t bits = 0; bits < 1u << waiting_; ++bits) {
+      for (size_t i = 0; i < waiting_; ++i) mask[i] = ((bits >> i) & 1) == 0;
+      visitMask(mask);
+    }
+    return;
+  }
+  visitMask(mask);
+  visitMask(std::vector<bool>(waiting_, false));
+  for (size_t i = 0; i < waiting_; ++i) {
+    mask.assign(waiting_, true);
+    mask[i] = false;
+    visitMask(mask);
+    mask.assign(waiting_, false);
+    mask[i] = true;
+    visitMask(mask);
+  }
+  for (int sample = 0; sample < kSamples; ++sample) {
+    for (size_t i = 0; i < waiting_; ++i) mask[i] = (random() & 1) != 0;
+    visitMask(mask);
+  }
+}
+
+void States::visitTears() {
+  const CardOp& last = life_.trace.ops[cut_.at - 1];
+  const uint64_t first = last.offset / kSector;
+  const uint64_t end = (last.offset + last.bytes.size() + kSector - 1) / kSector;
+  auto visitWithout = [&](uint64_t from, uint64_t to) {
+    State state;
+    for (const auto& [number, sector] : sectors_) {
+      size_t version = sector.versions.size() - 1;
+      if (number >= from && number < to) --version;
+      if (version != 0) state.emplace_back(number, version);
+    }
+    visitState(state);
+  };
+  for (uint64_t tear = first + 1; tear < end; ++tear) visitWithout(tear, end);
+  constexpr uint64_t kPageSectors = kPage / kSector;
+  for (uint64_t page = first / kPageSectors; page * kPageSectors < end; ++page) {
+    visitWithout(std::max(first, page * kPageSectors), std::min(end, (page + 1) * kPageSectors));
+  }
+}
+
+void States::walk(const Visit& visit, const Run& run) {
+  visit_ = &visit;
+  run_ = &run;
+  Card& card = Card::get();
+  card.put(0, life_.base.data(), life_.base.size());
+  card.settle();
+  visitState({});
+  for (const CardOp& op : life_.trace.ops) {
+    ++cut_.at;
+    if (op.flush) {
+      flush();
+      cut_.flush = cut_.at;
+      visitState({});
+    } else {
+      addWrite(op);
+      visitSubsets();
+      visitTears();
+    }
+  }
+}
+
+}  // namespace powercut

@@ -1,0 +1,401 @@
+#include "powercut/Workload.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+#include "dblog/CDbLog.h"
+#include "powercut/Checks.h"
+#include "recorder/CardFormatter.h"
+#include "recorder/ManagementServer.h"
+#include "recorder/RecordingSession.h"
+#include "recorder/Recovery.h"
+
+namespace powercut {
+namespace {
+
+constexpr uint64_t kCardBytes = 40 * 1024 * 1024;
+constexpr uint32_t kStart = 1700000000;
+constexpr uint32_t kRate = 25;
+constexpr uint32_t kMostFlushPictures = 5;
+constexpr uint32_t kGop = 10;
+
+struct Shape {
+  uint32_t streamChunk = 256 * 1024;
+  uint32_t pictureChunk = 16 * 1024;
+  uint32_t streams = 3;
+  uint32_t journalChunk = 4096;
+};
+Shape g_shape;
+uint32_t g_variant = 0;  // 0: as described; others differ in sizes and lengths
+tarn::CardLayout g_layout;
+int g_omitted = -1;  // file type whose flushes are left out
+
+// Pictures between two flushes.
+uint32_t flushPictures() { return kMostFlushPictures - g_variant % 3; }
+
+tarn::CardRequest request() {
+  tarn::CardRequest request;
+  request.sizeBytes = kCardBytes;
+  request.clusterBytes = 512;
+  auto set = [&](int type, uint64_t size, uint64_t count) {
+    request.families[static_cast<size_t>(type)] = {size, count};
+  };
+  set(tarn::kFileStream, g_shape.streamChunk, g_shape.streams);
+  set(tarn::kFilePicture, g_shape.pictureChunk, g_shape.streams);
+  set(tarn::kFileJournal, g_shape.journalChunk, 4);
+  set(tarn::kFileSyslog, 8192, 5);
+  set(tarn::kFileDbImage, 65536, 1);
+  return request;
+}
+
+void require(bool good, const std::string& what) {
+  if (!good) throw std::runtime_error(what + "\n" + takeLog());
+}
+
+// A program that records: sessions of several channels in one thread, so that the order of the
+// writes is the same in every run.
+class Recorder {
+ public:
+  explicit Recorder(Recorded* out) : out_(out), firstSession_(out->sessions.size()) {
+    out_->flushPictures = flushPictures();
+  }
+  ~Recorder() {
+    sessions_.clear();
+    CDbLog::getInstance()->finish();
+  }
+
+  size_t open(int8_t channel, uint32_t segmentSeconds = 60) {
+    tarn::RecordingOptions options;
+    options.channel = channel;
+    options.segmentSeconds = segmentSeconds;
+    options.flushIntervalMs = flushPictures() * 1000 / kRate;
+    options.inTrg = 7;
+    sessions_.push_back(std::make_unique<tarn::RecordingSession>());
+    out_->sessions.emplace_back();
+    require(sessions_.back()->open(options) == 0, sessions_.back()->errorText());
+    return sessions_.size() - 1;
+  }
+  void picture(size_t session, uint32_t number) {
+    const std::vector<uint8_t> bytes = pictureBytes(number);
+    tarn::RecordingSession& to = *sessions_[session];
+    require(to.writePicture(bytes.data(), bytes.size(), pictureTime(number), 0,
+                            isKeyPicture(number)) == 0,
+            to.errorText());
+    out_->sessions[firstSession_ + session].push_back({number, to.streamID()});
+    note(session);
+  }
+  void pictures(size_t session, uint32_t from, uint32_t to) {
+    for (uint32_t number = from; number < to; ++number) picture(session, number);
+  }
+  uint32_t beginEvent(size_t session, uint16_t trigger, uint32_t number) {
+    const uint32_t key = sessions_[session]->beginEvent(trigger, pictureTime(number), 1);
+    require(key != 0, sessions_[session]->errorText());
+    return key;
+  }
+  void endEvent(size_t session, uint32_t key, uint32_t number) {
+    require(sessions_[session]->endEvent(key, pictureTime(number)) == 0, "event does not end");
+  }
+  void close(size_t session) {
+    require(sessions_[session]->close() == 0, sessions_[session]->errorText());
+    note(session);
+  }
+  const tarn::RecordingSession& at(size_t session) const { return *sessions_[session]; }
+
+ private:
+  void note(size_t session) {
+    const Trace* trace = Card::get().trace();
+    if (trace == nullptr) return;
+    const tarn::RecordingStatistics now = sessions_[session]->statistics();
+    out_->safe.push_back({trace->ops.size(), static_cast<int>(firstSession_ + session),
+                          static_cast<uint32_t>(now.confirmed),
+                          static_cast<uint32_t>(now.pictures)});
+  }
+
+  Recorded* out_;
+  size_t firstSession_;
+  std::vector<std::unique_ptr<tarn::RecordingSession>> sessions_;
+};
+
+void begin(Recorded* out) {
+  Card& card = Card::get();
+  out->base.assign(card.bytes(), card.bytes() + card.size());
+  card.record(&out->trace);
+  if (g_omitted < 0) return;
+  const tarn::CardFamily& family = g_layout.family(g_omitted);
+  omitFlushes({family.startByte(), family.startByte() + family.bytes()});
+}
+
+void boot() {
+  const tarn::RecoveryReport report = bootCard();
+  require(report.ok(), report.error);
+}
+
+void longRecording(Recorded* out) {
+  formatCard();
+  boot();
+  Server server;
+  begin(out);
+  Recorder recorder(out);
+  const size_t session = recorder.open(0, 4);
+  const uint32_t first = 60 + g_variant;
+  const uint32_t last = 130 + g_variant * 3;
+  recorder.pictures(session, 0, first);
+  const uint32_t event = recorder.beginEvent(session, 3, first);
+  recorder.pictures(session, first, last);
+  recorder.endEvent(session, event, last);
+  recorder.pictures(session, last, 250 + g_variant);
+  recorder.close(session);
+}
+
+void chunkChange(Recorded* out) {
+  g_shape = {65536, 16 * 1024, 3, 4096};
+  formatCard();
+  boot();
+  Server server;
+  begin(out);
+  Recorder recorder(out);
+  const size_t session = recorder.open(0);
+  recorder.pictures(session, 0, 160 + g_variant * 3);
+  recorder.close(session);
+}
+
+// Rings of stream, picture and both journals come round, and the oldest recordings go.
+void wrap(Recorded* out) {
+  g_shape = {65536, 2048, 2, 512};
+  formatCard();
+  boot();
+  Server server;
+  {
+    // What the card holds before: full rings.
+    Recorder before(out);
+    const size_t session = before.open(0, 1);
+    for (uint32_t number = 0; number < 300; number += 30) {
+      const uint32_t event = before.beginEvent(session, 5, number);
+      before.pictures(session, number, number + 30);
+      before.endEvent(session, event, number + 29);
+    }
+    before.close(session);
+  }
+  // Those are all safe.
+  out->safe.push_back({0, 0, 300, 300});
+  begin(out);
+  // Rows of before are versions that nobody has to have seen come.
+  for (const DB_STREAM& row : listStreams()) {
+    RowMark mark{RowMark::kStreamPut, row.streamID};
+    mark.stream = row;
+    mark.end = 0;
+    out->trace.rows.push_back(mark);
+  }
+  for (const DB_EVENT& row : listEvents()) {
+    RowMark mark{RowMark::kEventPut, row.eventID};
+    mark.event = row;
+    mark.end = 0;
+    out->trace.rows.push_back(mark);
+  }
+  Recorder recorder(out);
+  const size_t session = recorder.open(0, 1);
+  const uint32_t length = 60 - g_variant % 40;
+  for (uint32_t number = 300; number < 660; number += length) {
+    const uint32_t event = recorder.beginEvent(session, 5, number);
+    recorder.pictures(session, number, number + length);
+    recorder.endEvent(session, event, number + length - 1);
+  }
+  recorder.close(session);
+}
+
+void twoRecordings(Recorded* out) {
+  formatCard();
+  boot();
+  Server server;
+  begin(out);
+  Recorder recorder(out);
+  const size_t first = recorder.open(0);
+  const size_t second = recorder.open(1);
+  for (uint32_t number = 0; number < 60 + g_variant; ++number) {
+    if (number < 40 + g_variant / 2) recorder.picture(first, number);
+    recorder.picture(second, 1000 + number);
+  }
+  recorder.close(first);
+  recorder.close(second);
+}
+
+// Over a card that holds recordings.
+void format(Recorded* out) {
+  g_shape = {65536, 4096, 2, 1024};
+  formatCard();
+  boot();
+  {
+    Server server;
+    Recorder recorder(out);
+    const size_t session = recorder.open(0);
+    recorder.pictures(session, 0, 40);
+    recorder.close(session);
+  }
+  begin(out);
+  out->isFormat = true;
+  tarn::CardFormatter formatter;
+  std::string error;
+  tarn::FormatOptions options;
+  require(formatter.format(kCardPath, request(), options, &error) == 0, error);
+}
+
+}  // namespace
+
+struct Server::Impl {
+  tarn::ManagementServer server;
+  std::thread thread;
+};
+
+Server::Server() : impl_(std::make_unique<Impl>()) {
+  require(impl_->server.start() == 0, "the server does not start");
+  impl_->thread = std::thread([this] { impl_->server.run(); });
+}
+
+Server::~Server() {
+  impl_->server.requestStop();
+  impl_->thread.join();
+}
+
+std::vector<uint8_t> pictureBytes(uint32_t number) {
+  const uint32_t spread = 701 + g_variant % 13 * 29;
+  std::vector<uint8_t> bytes(200 + number * 37 % spread +
+                             (isKeyPicture(number) ? 1500 + g_variant % 7 * 61 : 0));
+  uint32_t state = number * 2654435761u + 12345;
+  for (uint8_t& byte : bytes) {
+    state = state * 1664525u + 1013904223u;
+    byte = static_cast<uint8_t>(state >> 24);
+  }
+  const uint8_t head[] = {0, 0, 0, 1, static_cast<uint8_t>(isKeyPicture(number) ? 0x65 : 0x41)};
+  memcpy(bytes.data(), head, sizeof head);
+  memcpy(bytes.data() + sizeof head, &number, sizeof number);
+  return bytes;
+}
+
+tarn::PictureTime pictureTime(uint32_t number) {
+  return tarn::PictureTime::fromMicros(int64_t{kStart} * 1000000 +
+                                       int64_t{number} * (1000000 / kRate));
+}
+
+bool isKeyPicture(uint32_t number) { return number % kGop == 0; }
+
+void formatCard() {
+  Card& card = Card::get();
+  card.allow({});
+  card.create(kCardBytes);
+  tarn::CardFormatter formatter;
+  tarn::FormatOptions options;
+  options.invariant = true;
+  options.force = true;
+  std::string error;
+  require(formatter.format(kCardPath, request(), options, &error) == 0, error);
+  g_layout = formatter.layout();
+  card.settle();
+  card.takeStray();
+}
+
+bool omitFlushesOf(const std::string& family) {
+  for (int type = 0; type < tarn::kFileTypeCount; ++type) {
+    if (family == tarn::fileTag(static_cast<tarn::FileType>(type))) g_omitted = type;
+  }
+  return g_omitted >= 0;
+}
+
+std::vector<std::pair<uint64_t, uint64_t>> chunkExtents() {
+  std::vector<std::pair<uint64_t, uint64_t>> extents;
+  for (int type = 1; type < tarn::kFileTypeCount; ++type) {
+    for (uint32_t chunk = 0; chunk < g_layout.family(type).chunks; ++chunk) {
+      const uint64_t start = g_layout.chunkByte(type, chunk);
+      extents.emplace_back(start, start + g_layout.family(type).chunkSize);
+    }
+  }
+  return extents;
+}
+
+namespace {
+
+constexpr const char* kLives[] = {"recording", "chunk", "wrap", "two"};
+constexpr int kVariants = 90;
+constexpr int kFewVariants = 3;
+constexpr int kRecoveries = 30;  // moments of a life whose recovery is a life of its own
+constexpr int kSmallRecoveries = 6;
+
+void recordLife(const std::string& name, Recorded* out) {
+  const size_t dot = name.find('.');
+  const std::string kind = name.substr(0, dot);
+  g_shape = Shape();
+  g_variant = dot == std::string::npos ? 0 : static_cast<uint32_t>(atoi(name.c_str() + dot + 1));
+  if (kind == "recording") return longRecording(out);
+  if (kind == "chunk") return chunkChange(out);
+  if (kind == "wrap") return wrap(out);
+  if (kind == "two") return twoRecordings(out);
+  if (kind == "format") return format(out);
+  throw std::runtime_error("there is no workload " + name);
+}
+
+// Lets a life lose power at one of its moments and records the recovery. "recovery.wrap.3": the
+// fourth of the moments in which a wrap is cut.
+void recordRecovery(const std::string& name, Recorded* out) {
+  const size_t dot = name.find('.');
+  const size_t last = name.rfind('.');
+  if (dot == std::string::npos || last == dot) throw std::runtime_error("recovery of what?");
+  recordLife(name.substr(dot + 1, last - dot - 1), out);
+  Card& card = Card::get();
+  card.record(nullptr);
+  const auto moment = static_cast<size_t>(atoi(name.c_str() + last + 1));
+  const size_t operations = out->trace.ops.size();
+  out->cutAt = std::min(operations, operations * (2 * moment + 1) / (2 * kRecoveries));
+  card.put(0, out->base.data(), out->base.size());
+  for (size_t i = 0; i < out->cutAt; ++i) {
+    const CardOp& op = out->trace.ops[i];
+    card.put(op.offset, op.bytes.data(), op.bytes.size());
+    if (op.flush) out->cutFlush = i + 1;
+  }
+  card.settle();
+  out->base.assign(card.bytes(), card.bytes() + card.size());
+  out->trace.ops.clear();
+  Trace writes;
+  card.record(&writes);
+  boot();
+  card.record(nullptr);
+  out->trace.ops = std::move(writes.ops);
+  out->isRecovery = true;
+  out->finalState = describeCard();
+}
+
+}  // namespace
+
+std::vector<std::string> workloadNames(bool all) {
+  std::vector<std::string> names;
+  for (const char* life : kLives) {
+    names.emplace_back(life);
+    for (int variant = 1; variant < (all ? kVariants : kFewVariants); ++variant) {
+      names.push_back(std::string(life) + "." + std::to_string(variant));
+    }
+    const int step = all ? 1 : kRecoveries / kSmallRecoveries;
+    for (int moment = step / 2; moment < kRecoveries; moment += step) {
+      names.push_back(std::string("recovery.") + life + "." + std::to_string(moment));
+    }
+  }
+  names.emplace_back("format");
+  return names;
+}
+
+Recorded recordWorkload(const std::string& name) {
+  Recorded out;
+  if (name.rfind("recovery", 0) == 0) {
+    recordRecovery(name, &out);
+  } else {
+    recordLife(name, &out);
+  }
+  Card::get().record(nullptr);
+  Card::get().settle();
+  const std::string stray = Card::get().takeStray();
+  require(stray.empty(), "written outside: " + stray);
+  return out;
+}
+
+}  // namespace powercut
