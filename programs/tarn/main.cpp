@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <system_error>
 
 #include "CardView.h"
 #include "Command.h"
@@ -44,6 +45,19 @@ struct Tool {
   }
 };
 
+// Libraries of the tool report some failures by exceptions. A reader that has gone, as in
+// "tarn list | head", needs no words.
+int runCommand(Command* command) {
+  try {
+    return command->run();
+  } catch (const std::system_error& error) {
+    if (error.code() != std::errc::broken_pipe) complain(error.what());
+  } catch (const std::exception& error) {
+    complain(error.what());
+  }
+  return kExitFailed;
+}
+
 // Inside the view: the recorder's surroundings, then the command.
 int runInside(Command* command, int viewPipe) {
   catchStopSignals();
@@ -53,12 +67,12 @@ int runInside(Command* command, int viewPipe) {
   for (std::string* path : command->userPaths()) *path = CardView::pathInside(*path);
   ViewSession session;
   std::string error;
-  if (told && !command->needsServer()) return command->run();
+  if (told && !command->needsServer()) return runCommand(command);
   if (!told || session.open(&error) != 0) {
     complain(error);
     return kExitFailed;
   }
-  const int exitCode = command->run();
+  const int exitCode = runCommand(command);
   if (session.close(&error) != 0) {
     complain(error);
     return exitCode == kExitGood ? kExitFailed : exitCode;
@@ -104,11 +118,11 @@ int runTool(int argc, char** argv) {
   if (tool.viewPipe >= 0) return runInside(command, tool.viewPipe);
   if (!command->needsRecorder()) {
     if (!tool.card.empty()) command->setCard(tool.card);
-    return command->run();
+    return runCommand(command);
   }
   if (!tool.card.empty()) return runInView(tool.card, command, argc, argv);
   catchStopSignals();
-  return command->run();
+  return runCommand(command);
 }
 
 }  // namespace
