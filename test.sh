@@ -22,6 +22,17 @@ step() { printf '\n== %s (%d s)\n' "$*" "$SECONDS"; }
 step "Packages"
 scripts/install-packages "${build_packages[@]}" "${run_packages[@]}" "${test_packages[@]}"
 
+# Most tests start processes of their own and wait for them; on a busy machine one may lose patience
+# with another. What fails beside the others is run once more alone, and named.
+run_tests() {
+  local dir=$1
+  shift
+  ctest --test-dir "$dir" -j "$jobs" --output-on-failure --no-tests=error "$@" && return
+  echo "These failed beside the others and must pass alone:"
+  cat "$dir/Testing/Temporary/LastTestsFailed.log"
+  ctest --test-dir "$dir" --rerun-failed --output-on-failure --no-tests=error
+}
+
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1
 export TSAN_OPTIONS=halt_on_error=1
 for preset in "${presets[@]}"; do
@@ -36,6 +47,6 @@ for preset in "${presets[@]}"; do
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
   step "Test $preset"
-  ctest --test-dir "build/$preset" -j "$jobs" --output-on-failure --no-tests=error "${select[@]}"
+  run_tests "build/$preset" "${select[@]}"
 done
 step "All passed"
