@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
@@ -132,7 +133,7 @@ int main(int argc, char** argv) {
   const int exitCode = tarn::runTool(argc, argv);
   // Output that did not reach its place is a failure that nobody may overlook.
   if (fflush(stdout) != 0 && exitCode == tarn::kExitGood) {
-    tarn::complain("standard output could not be written");
+    if (errno != EPIPE) tarn::complain("standard output could not be written");
     return tarn::kExitFailed;
   }
   return exitCode;
