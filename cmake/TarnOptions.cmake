@@ -24,7 +24,13 @@ if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
 endif()
 
 add_compile_options(-f${TARN_CHAR}-char)
-add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64)
+# On the 32-bit target too, a card may be larger than 2 GiB and the clock may pass 2038: the card's
+# own seconds are unsigned and last until 2106. No installed header depends on either.
+add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+  # Notes that older compilers passed some arguments of templates in another way: there are none here.
+  add_compile_options(-Wno-psabi)
+endif()
 if(TARN_SANITIZE)
   add_compile_options(-fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g1 -O1)
   add_link_options(-fsanitize=${TARN_SANITIZE})

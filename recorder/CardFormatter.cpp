@@ -32,6 +32,10 @@ constexpr size_t kForeignBytes = 128 * 1024;
 constexpr uint32_t kInvariantVolumeId = 0x5441524E;
 constexpr uint32_t kManageRecordBytes = sizeof(CHUNK_MANAGE);
 
+size_t blockPart(uint64_t length) {
+  return static_cast<size_t>(std::min<uint64_t>(length, kBlockBytes));
+}
+
 bool fail(std::string* error, std::string text) {
   *error = std::move(text);
   return false;
@@ -48,8 +52,9 @@ bool holdsInfoFile(int fd, const uint8_t* sector) {
   std::vector<uint8_t> entries(size_t{kDirEntriesSearched} * kDirEntryBytes);
   const auto at = static_cast<off_t>(boot.dataSector() * kSectorBytes);
   const ssize_t got = pread(fd, entries.data(), entries.size(), at);
-  for (ssize_t i = 0; i + kDirEntryBytes <= got; i += kDirEntryBytes) {
-    if (isInfoFileEntry(entries.data() + i)) return true;
+  const size_t whole = got < 0 ? 0 : static_cast<size_t>(got) / kDirEntryBytes;
+  for (size_t i = 0; i < whole; ++i) {
+    if (isInfoFileEntry(entries.data() + i * kDirEntryBytes)) return true;
   }
   return false;
 }
@@ -116,9 +121,9 @@ class Writer {
     return stopWith("stopped before the card was finished; format it again");
   }
 
-  bool write(uint64_t offset, const void* data, uint64_t length) {
+  bool write(uint64_t offset, const void* data, size_t length) {
     const auto* bytes = static_cast<const uint8_t*>(data);
-    uint64_t left = length;
+    size_t left = length;
     while (left > 0) {
       const ssize_t put = pwrite(fd_, bytes, left, static_cast<off_t>(offset));
       if (put < 0 && errno == EINTR) continue;
@@ -128,15 +133,15 @@ class Writer {
       }
       bytes += put;
       offset += static_cast<uint64_t>(put);
-      left -= static_cast<uint64_t>(put);
+      left -= static_cast<size_t>(put);
     }
     return advance(length);
   }
 
   bool fill(uint64_t offset, uint64_t length, uint8_t byte) {
-    memset(block_.data(), byte, std::min<uint64_t>(length, kBlockBytes));
+    memset(block_.data(), byte, blockPart(length));
     while (length > 0) {
-      const uint64_t piece = std::min<uint64_t>(length, kBlockBytes);
+      const size_t piece = blockPart(length);
       if (!write(offset, block_.data(), piece)) return false;
       offset += piece;
       length -= piece;
@@ -202,7 +207,7 @@ class Writer {
       const auto count = static_cast<uint32_t>(std::min<uint64_t>(kPerBlock, fatBytes / 4 - first));
       encodeFat(layout_, first, count, block_.data());
       for (uint64_t fat : {start, start + fatBytes}) {
-        if (!write(fat + uint64_t{first} * 4, block_.data(), uint64_t{count} * 4)) return false;
+        if (!write(fat + uint64_t{first} * 4, block_.data(), size_t{count} * 4)) return false;
       }
     }
     // Behind the last chunk everything is free.
@@ -213,7 +218,7 @@ class Writer {
   }
 
   bool writeRoot() {
-    std::vector<uint8_t> root(layout_.rootBytes());
+    std::vector<uint8_t> root(static_cast<size_t>(layout_.rootBytes()));
     encodeRootDirectory(layout_, options_.invariant ? 0 : time(nullptr), root.data());
     return write(layout_.dataByte(), root.data(), root.size());
   }

@@ -98,8 +98,10 @@ int64_t findInfoFile(int fd, const FatBoot& boot) {
   uint8_t entries[size_t{kDirEntriesSearched} * kDirEntryBytes];
   const ssize_t got =
       pread(fd, entries, sizeof entries, static_cast<off_t>(boot.dataSector() * kSectorBytes));
-  for (ssize_t i = 0; i + kDirEntryBytes <= got; i += kDirEntryBytes) {
-    if (isInfoFileEntry(entries + i)) return sectorOfCluster(boot, decodeFirstCluster(entries + i));
+  const size_t whole = got < 0 ? 0 : static_cast<size_t>(got) / kDirEntryBytes;
+  for (size_t i = 0; i < whole; ++i) {
+    const uint8_t* entry = entries + i * kDirEntryBytes;
+    if (isInfoFileEntry(entry)) return sectorOfCluster(boot, decodeFirstCluster(entry));
   }
   return -1;
 }

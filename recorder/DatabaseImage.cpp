@@ -35,7 +35,7 @@ bool journalHolds(JournalKind kind, uint32_t key, uint32_t position) {
         fat.open(chunkFileName(kRecorderPartition, fileTag(kFileJournal), chunk, name), O_RDONLY);
     uint8_t record[kStreamRecordSize];
     if (handle == -1 || fat.lseek(handle, static_cast<long>(position), SEEK_SET) < 0 ||
-        fat.read(handle, record, traits.recordSize) != long{traits.recordSize}) {
+        fat.read(handle, record, traits.recordSize) != static_cast<long>(traits.recordSize)) {
       continue;
     }
     if (journalRecordInPlace(traits, record, position)) {

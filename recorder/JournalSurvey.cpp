@@ -44,7 +44,7 @@ class Copy {
   bool put(uint32_t position, const uint8_t* record) {
     written_ = true;
     return fat_.lseek(handle_, static_cast<long>(position), SEEK_SET) >= 0 &&
-           fat_.write(handle_, record, traits_.recordSize) == long{traits_.recordSize};
+           fat_.write(handle_, record, traits_.recordSize) == static_cast<long>(traits_.recordSize);
   }
   bool flush() { return !written_ || fat_.fsync(handle_) == 0; }
 

@@ -33,15 +33,16 @@ class ManageFile {
   // Empty when the copy is not good.
   Bytes read(int copy) {
     Bytes bytes(length_);
-    const bool good = fat_.lseek(handle_[copy], 0, SEEK_SET) >= 0 &&
-                      fat_.read(handle_[copy], bytes.data(), length_) == long{length_} &&
-                      manageDataIsValid(bytes.data(), chunks_);
+    const bool good =
+        fat_.lseek(handle_[copy], 0, SEEK_SET) >= 0 &&
+        fat_.read(handle_[copy], bytes.data(), length_) == static_cast<long>(length_) &&
+        manageDataIsValid(bytes.data(), chunks_);
     return good ? bytes : Bytes();
   }
 
   bool write(int copy, const Bytes& bytes) {
     return fat_.lseek(handle_[copy], 0, SEEK_SET) >= 0 &&
-           fat_.write(handle_[copy], bytes.data(), length_) == long{length_} &&
+           fat_.write(handle_[copy], bytes.data(), length_) == static_cast<long>(length_) &&
            fat_.fsync(handle_[copy]) == 0;
   }
 

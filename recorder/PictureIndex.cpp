@@ -49,7 +49,7 @@ PictureIndex::PictureIndex(const DB_STREAM& row) : row_(row) {
 
 PictureIndex::Read PictureIndex::readAt(uint32_t offset, uint8_t* out, uint32_t length) {
   const bool read = isOpen() && pictures_.seek(static_cast<long>(offset), SEEK_SET) >= 0 &&
-                    pictures_.read(out, static_cast<long>(length)) == long{length} &&
+                    pictures_.read(out, static_cast<long>(length)) == static_cast<long>(length) &&
                     !pictures_.lastReadFailed();
   return read ? Read::kGood : Read::kUnreadable;
 }

@@ -230,7 +230,7 @@ void encodeFat(const CardLayout& layout, uint32_t first, uint32_t count, uint8_t
 }
 
 void encodeRootDirectory(const CardLayout& layout, time_t when, uint8_t* out) {
-  memset(out, 0, layout.rootBytes());
+  memset(out, 0, static_cast<size_t>(layout.rootBytes()));
   DirectoryWriter writer(layout, when, out);
   writer.family(kFileInfo);
   writer.label();

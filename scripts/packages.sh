@@ -2,6 +2,8 @@
 # shellcheck shell=bash disable=SC2034
 build_packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcli11-dev libfmt-dev
   nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev)
+# 32-bit ARM: built here and run through QEMU.
+arm_packages=(g++-arm-linux-gnueabihf qemu-user googletest)
 run_packages=(bubblewrap)
 demo_packages=(python3-imageio ffmpeg dosfstools)
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux

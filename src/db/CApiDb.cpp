@@ -57,7 +57,7 @@ bool awaitSemaphore(int id) {
 
 void logLockWait(const timeval& before, const timeval& after) {
   time_t seconds = after.tv_sec - before.tv_sec;
-  suseconds_t microseconds = after.tv_usec - before.tv_usec;
+  int64_t microseconds = int64_t{after.tv_usec} - before.tv_usec;
   if (microseconds < 0) {
     microseconds += 1000000;
     --seconds;

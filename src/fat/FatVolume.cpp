@@ -33,8 +33,9 @@ VolumeFault findInfoFile(int fd, const FatBoot& boot, uint32_t* cluster) {
   }
   uint8_t entries[kDirEntriesSearched * kDirEntryBytes];
   const ssize_t got = ::read(fd, entries, sizeof entries);
-  for (ssize_t end = kDirEntryBytes; end <= got; end += kDirEntryBytes) {
-    const uint8_t* entry = entries + end - kDirEntryBytes;
+  const size_t whole = got < 0 ? 0 : static_cast<size_t>(got) / kDirEntryBytes;
+  for (size_t i = 0; i < whole; ++i) {
+    const uint8_t* entry = entries + i * kDirEntryBytes;
     if (!isInfoFileEntry(entry)) continue;
     *cluster = decodeFirstCluster(entry);
     return VolumeFault::kNone;

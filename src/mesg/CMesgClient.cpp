@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "mesg/MesgMessages.h"
 
@@ -84,7 +85,7 @@ int CMesgClient::disconnect() { return m_disconnect(); }
 // One attempt a second after a failure: a process whose server is down must not spend its time on
 // connecting.
 int CMesgClient::m_connect() {
-  const time_t now = time(nullptr);
+  const int64_t now = time(nullptr);
   if (now == m_lastFailure) return -1;
   m_fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!m_fd.valid()) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <ctime>
+#include <cstdint>
 
 #include "base/Export.h"
 #include "base/UniqueFd.h"
@@ -48,5 +48,5 @@ class TARN_API CMesgClient {
 
   char m_path[kPathRoom + 1];
   tarn::UniqueFd m_fd;
-  time_t m_lastFailure = 0;  // of the last failed connection attempt, seconds since the epoch
+  int64_t m_lastFailure = 0;  // of the last failed connection attempt, seconds since the epoch
 };
