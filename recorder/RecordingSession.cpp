@@ -10,6 +10,7 @@
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNStreamManager.h"
 #include "recorder/AnnexB.h"
+#include "recorder/ChannelLock.h"
 #include "recorder/FileLock.h"
 #include "recorder/JournalGuard.h"
 #include "recorder/RecordingMessages.h"
@@ -23,7 +24,6 @@ namespace {
 // Held while rows are ended, room is made and rows begin, by one session at a time: between a
 // session's rows its chunk has no row in progress that would keep others away from it.
 constexpr char kAllocationLock[] = "/tmp/tarn-recording.lock";
-constexpr char kChannelLock[] = "/tmp/tarn-channel-%d.lock";
 constexpr uint16_t kFrameSetAudio = 0x0080;
 constexpr int64_t kMaxGapUs = 8000000;
 constexpr int64_t kMaxStepBackUs = 1000000;

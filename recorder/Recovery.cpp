@@ -1,6 +1,7 @@
 #include "recorder/Recovery.h"
 
 #include <fcntl.h>
+#include <glob.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -8,7 +9,9 @@
 
 #include "base/UniqueFd.h"
 #include "dblog/CDbRestore.h"
+#include "recorder/ChannelLock.h"
 #include "recorder/DatabaseImage.h"
+#include "recorder/DatabaseSetup.h"
 #include "recorder/FileLock.h"
 #include "recorder/HeaderRepair.h"
 #include "recorder/JournalMessages.h"
@@ -43,6 +46,24 @@ const char* manageText(ManageRepair repair) {
   return "";
 }
 
+// Whether the database is there and no session may still change it.
+bool nothingToWaitFor(std::string* error) {
+  if (access(DatabaseSetup::defaultPath(), F_OK) != 0) {
+    *error = kErrSaveNoDatabase;
+    return false;
+  }
+  glob_t locks = {};
+  bool free = true;
+  if (glob(kAnyChannelLock, 0, nullptr, &locks) == 0) {
+    for (size_t i = 0; i < locks.gl_pathc; ++i) {
+      free = free && FileLock().lock(locks.gl_pathv[i], false);
+    }
+  }
+  globfree(&locks);
+  if (!free) *error = kErrSaveRecording;
+  return free;
+}
+
 }  // namespace
 
 Recovery::Recovery() = default;
@@ -56,9 +77,9 @@ bool Recovery::fail(const std::string& text) {
   return false;
 }
 
-bool Recovery::keepServerOut(std::string* error) {
+bool Recovery::keepServerOut(const char* refusal, std::string* error) {
   lock_ = std::make_unique<FileLock>();
-  *error = kErrServerRuns;
+  *error = refusal;
   if (!lock_->lock(kServerLockPath, false)) return false;
   const ServerProbe probe = probeServer();
   if (probe == ServerProbe::kUnknown) *error = kErrServerUnknown;
@@ -138,7 +159,7 @@ bool Recovery::flushCard() {
 RecoveryReport Recovery::run() {
   report_ = RecoveryReport();
   std::string error;
-  if (!keepServerOut(&error)) {
+  if (!keepServerOut(kErrServerRuns, &error)) {
     report_.refused = true;
     report_.error = error;
     return report_;
@@ -173,7 +194,8 @@ RecoveryReport Recovery::run() {
 }
 
 int Recovery::saveImage(std::string* error) {
-  const bool saved = keepServerOut(error) && saveDatabaseImage(error);
+  const bool saved = keepServerOut(kErrSaveServerRuns, error) && nothingToWaitFor(error) &&
+                     saveDatabaseImage(error);
   lock_.reset();
   return saved ? 0 : -1;
 }

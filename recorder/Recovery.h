@@ -38,13 +38,13 @@ class TARN_API Recovery {
   RecoveryReport run();
 
   // For a clean stop, when the server and everything else has ended: saves the database into its
-  // image on the card, from which the next start takes it. 0; -1 with the reason in *error when
-  // there is no usable image now and the next start rebuilds the database from the journal: no
-  // loss, only time.
+  // image on the card, from which the next start takes it. 0; -1 with the reason in *error, and the
+  // next start rebuilds the database from the journal: no loss, only time. Refused, with the card
+  // left alone, while a server or a recording session runs and where there is no database.
   int saveImage(std::string* error);
 
  private:
-  bool keepServerOut(std::string* error);
+  bool keepServerOut(const char* refusal, std::string* error);
   bool step(const char* name, const std::function<bool()>& work, const char* failure);
   bool manageFiles();
   bool database();

@@ -21,4 +21,11 @@ inline constexpr char kErrHeaders[] = "the recordings' stream headers could not 
 inline constexpr char kErrManageData[] = "the management data could not be rebuilt";
 inline constexpr char kErrFlush[] = "the card could not be flushed";
 
+// What keeps the database from being saved at a clean stop.
+inline constexpr char kErrSaveServerRuns[] =
+    "a management server runs; the database is saved when it has stopped";
+inline constexpr char kErrSaveRecording[] =
+    "a recording runs; the database is saved when it has ended";
+inline constexpr char kErrSaveNoDatabase[] = "there is no database /tmp/DB.dat to save";
+
 }  // namespace tarn

@@ -17,6 +17,7 @@ std::vector<std::unique_ptr<Command>> allCommands() {
   commands.push_back(makeLogCommand());
   commands.push_back(makeRunCommand());
   commands.push_back(makeRecoverCommand());
+  commands.push_back(makeSaveCommand());
   return commands;
 }
 

@@ -66,6 +66,32 @@ TEST_F(TarnRecoverTest, MakesTheDatabaseOfTheMachineItRunsOn) {
   EXPECT_EQ(tarn("list --json").exitCode, 0);
 }
 
+TEST_F(TarnRecoverTest, WhatIsSavedAtACleanStopNeedsNoJournalAtTheNextStart) {
+  ASSERT_EQ(shell("cp /tmp/card /dev/sdblk0p1").exitCode, 0);
+  EXPECT_EQ(tarn("recover").exitCode, 0);
+  EXPECT_EQ(tarn("save").output, "");
+  EXPECT_EQ(tarn("recover").output, "0 recordings and 0 events, from the database image\n");
+}
+
+TEST_F(TarnRecoverTest, NothingIsSavedBesideAServerOrWithoutADatabase) {
+  const ShellResult early = tarn("--card /tmp/card run -- " TARN_BIN_DIR "/tarn save");
+  EXPECT_EQ(early.exitCode, 1);
+  EXPECT_EQ(early.output,
+            "tarn: a management server runs; the database is saved when it has stopped\n");
+  const ShellResult without = tarn("save");
+  EXPECT_EQ(without.exitCode, 1);
+  EXPECT_EQ(without.output, "tarn: there is no database /tmp/DB.dat to save\n");
+  EXPECT_EQ(tarn("save something").exitCode, 2);
+}
+
+TEST_F(TarnRecoverTest, ADatabaseThatTheCardDoesNotTakeIsReported) {
+  ASSERT_EQ(tarn("recover").exitCode, 1);  // no card
+  ASSERT_EQ(shell(TARN_BIN_DIR "/dbsetup init").exitCode, 0);
+  const ShellResult result = tarn("save");
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.output, "tarn: the card has no place for an image\n");
+}
+
 TEST_F(TarnRecoverTest, WithoutACardItFailsInWords) {
   const ShellResult result = tarn("recover");
   EXPECT_EQ(result.exitCode, 1);

@@ -170,6 +170,35 @@ TEST_F(DatabaseImageTest, ACleanStopIsFollowedByAStartWithoutTheJournal) {
   EXPECT_EQ(verifyAll(), range(0, 40));
 }
 
+TEST_F(DatabaseImageTest, IsNotSavedWhileARecordingRunsOrAServerDoes) {
+  std::string error;
+  tarn::RecordingSession session;
+  ASSERT_TRUE(openSession(session));
+  ASSERT_TRUE(writePictures(session, 0, 40));
+  const Bytes before = rig.cardBytes();
+  EXPECT_EQ(Recovery().saveImage(&error), -1);
+  EXPECT_EQ(error, "a management server runs; the database is saved when it has stopped");
+  EXPECT_TRUE(rig.cardBytes() == before);
+  rig.stopServer();  // its session goes on for a while
+  const Bytes stopped = rig.cardBytes();
+  EXPECT_EQ(Recovery().saveImage(&error), -1);
+  EXPECT_EQ(error, "a recording runs; the database is saved when it has ended");
+  EXPECT_TRUE(rig.cardBytes() == stopped);
+  rig.startServer();  // it ends without waiting for one
+}
+
+TEST_F(DatabaseImageTest, OfALostDatabaseIsNotReplaced) {
+  rig.record(0, 40);
+  stopCleanly();
+  rig.forget();
+  const Bytes before = rig.cardBytes();
+  std::string error;
+  EXPECT_EQ(Recovery().saveImage(&error), -1);
+  EXPECT_EQ(error, "there is no database /tmp/DB.dat to save");
+  EXPECT_TRUE(rig.cardBytes() == before);
+  EXPECT_TRUE(rig.boot().fromImage);
+}
+
 TEST_F(DatabaseImageTest, KeysGoOnBehindTheImage) {
   rig.record(0, 40);
   rig.record(100, 140);

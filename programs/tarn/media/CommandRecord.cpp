@@ -37,6 +37,8 @@ class CommandRecord : public Command {
         ->check(CLI::Range(1u, 60000u))
         ->capture_default_str();
     app->add_flag("--realtime", request_.realtime, "No faster than the pictures' own times");
+    app->add_flag("--progress", request_.progress,
+                  "Print a line whenever pictures have become safe from a power loss");
     return app;
   }
 

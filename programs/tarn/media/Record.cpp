@@ -58,6 +58,7 @@ class Recorder {
   void pace(int64_t decodeUs);
   bool fail(const std::string& text);
   void progress();
+  void tellSafe();
   void report() const;
   PictureTime clockTime(int64_t timeUs) const {
     return PictureTime::fromMicros(start_.totalMicros() + timeUs);
@@ -71,6 +72,7 @@ class Recorder {
   int64_t endUs_ = 0;     // end of the last picture so far
   int64_t beganUs_ = 0;   // monotonic
   int64_t lastProgressUs_ = 0;
+  uint64_t safe_ = 0;  // pictures, as last told
   unsigned eventsInserted_ = 0;
   std::optional<ProgressLine> progress_;
 };
@@ -127,6 +129,7 @@ bool Recorder::recordPicture(const MediaPicture& picture) {
     return fail(session_.errorText());
   endUs_ = std::max(endUs_, atUs + picture.durationUs);
   progress();
+  tellSafe();
   return true;
 }
 
@@ -141,6 +144,16 @@ bool Recorder::recordOnce(MediaInput* input) {
     if (!recordPicture(picture)) return false;
   }
   return true;
+}
+
+// Whoever watches may kill us at any moment, so each line goes out at once. That nobody reads them
+// any more is no reason to stop recording.
+void Recorder::tellSafe() {
+  const RecordingStatistics statistics = session_.statistics();
+  if (!request_.progress || statistics.confirmed == safe_) return;
+  safe_ = statistics.confirmed;
+  fmt::print("{} pictures written, {} safe\n", statistics.pictures, safe_);
+  fflush(stdout);
 }
 
 void Recorder::progress() {
@@ -196,6 +209,7 @@ int Recorder::run() {
   if (session_.isOpen() && session_.close() != 0 && good) good = fail(session_.errorText());
   CDbLog::getInstance()->finish();
   progress_.reset();
+  tellSafe();
   if (opened) report();
   return good ? 0 : 1;
 }

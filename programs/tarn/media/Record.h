@@ -26,6 +26,7 @@ struct RecordRequest {
   uint8_t channel = 0;
   double frameRate = 0;  // for streams without times; 0: what the stream tells
   bool realtime = false;
+  bool progress = false;  // say how far it is on standard output
   std::vector<EventRequest> events;
 };
 

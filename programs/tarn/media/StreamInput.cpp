@@ -1,11 +1,13 @@
 #include "media/StreamInput.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "Console.h"
 #include "recorder/AnnexB.h"
 
 namespace tarn::tool {
@@ -72,8 +74,25 @@ void StreamInput::settle(bool all) {
   }
 }
 
+// Bytes read, 0 at the end, -1 after a failure or when a stop is asked for while none come. The
+// wait is short, for a signal just before it does not end it.
+ssize_t StreamInput::readBlock() {
+  constexpr int kWaitMs = 200;
+  for (;;) {
+    struct pollfd input = {fd_.get(), POLLIN, 0};
+    const int ready = poll(&input, 1, kWaitMs);
+    if (stopRequested()) {
+      errno = EINTR;
+      return -1;
+    }
+    if (ready <= 0) continue;
+    const ssize_t got = ::read(fd_.get(), block_.data(), kBlockSize);
+    if (got >= 0 || (errno != EINTR && errno != EAGAIN)) return got;
+  }
+}
+
 bool StreamInput::readMore() {
-  const ssize_t got = TEMP_FAILURE_RETRY(::read(fd_.get(), block_.data(), kBlockSize));
+  const ssize_t got = readBlock();
   if (got < 0) {
     error_ = std::string("reading the stream failed: ") + strerror(errno);
     return false;

@@ -21,6 +21,7 @@ class StreamInput : public MediaInput {
     int64_t order = 0;          // sequence of key pictures, then picture order count
     int64_t presentation = -1;  // place in the order of presentation, -1 while not known
   };
+  ssize_t readBlock();
   // Reads until a picture is complete or the stream ends. False on a read error.
   bool readMore();
   void add(const uint8_t* data, int size);

@@ -1,0 +1,33 @@
+#include "Command.h"
+#include "Console.h"
+#include "StandardOutputMuted.h"
+#include "recorder/Recovery.h"
+
+namespace tarn {
+namespace {
+
+class CommandSave : public Command {
+ public:
+  CLI::App* addTo(CLI::App& tool) override {
+    return tool.add_subcommand(
+        "save", "Save the database into its image on the card, as the last step of a clean stop");
+  }
+
+  bool needsServer() const override { return false; }
+
+  int run() override {
+    std::string error;
+    {
+      const StandardOutputMuted muted;
+      if (Recovery().saveImage(&error) == 0) return kExitGood;
+    }
+    complain(error);
+    return kExitFailed;
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeSaveCommand() { return std::make_unique<CommandSave>(); }
+
+}  // namespace tarn
