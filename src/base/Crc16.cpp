@@ -2,11 +2,13 @@
 
 #include <array>
 
+#include "base/Endian.h"
+
 namespace tarn {
 namespace {
 
 constexpr uint16_t kPolynomial = 0x1021;
-constexpr size_t kSlices = 8;
+constexpr size_t kSlices = 16;
 
 using SliceTable = std::array<uint16_t, 256>;
 
@@ -19,8 +21,9 @@ constexpr uint16_t shiftByte(uint16_t crc) {
   return crc;
 }
 
-// Table k gives the CRC of one byte followed by k zero bytes, so eight bytes can be folded in one
-// step: four to seven times as fast as byte by byte, which start-up feels on a full journal.
+// Table k gives the CRC of one byte followed by k zero bytes, so many bytes can be folded in one
+// step, whose table look-ups do not wait for each other as those of single bytes do. Start-up feels
+// it on a full journal.
 constexpr std::array<SliceTable, kSlices> makeTables() {
   std::array<SliceTable, kSlices> tables{};
   for (unsigned value = 0; value < 256; ++value) {
@@ -36,17 +39,42 @@ constexpr std::array<SliceTable, kSlices> makeTables() {
 
 constexpr std::array<SliceTable, kSlices> kTables = makeTables();
 
+// Four bytes of data, the first one lowest, with `behind` bytes of the step following them.
+unsigned foldWord(uint32_t word, size_t behind) {
+  return unsigned{kTables[behind + 3][word & 0xFF]} ^ kTables[behind + 2][(word >> 8) & 0xFF] ^
+         kTables[behind + 1][(word >> 16) & 0xFF] ^ kTables[behind][word >> 24];
+}
+
+// The checksum so far goes over the first two bytes of a step.
+uint32_t firstWord(const uint8_t* bytes, uint16_t crc) {
+  return getLe32(bytes) ^ (uint32_t{crc} >> 8) ^ ((uint32_t{crc} & 0xFF) << 8);
+}
+
+uint16_t foldEight(const uint8_t* bytes, uint16_t crc) {
+  return static_cast<uint16_t>(foldWord(firstWord(bytes, crc), 4) ^
+                               foldWord(getLe32(bytes + 4), 0));
+}
+
+uint16_t foldSixteen(const uint8_t* bytes, uint16_t crc) {
+  return static_cast<uint16_t>(foldWord(firstWord(bytes, crc), 12) ^
+                               foldWord(getLe32(bytes + 4), 8) ^ foldWord(getLe32(bytes + 8), 4) ^
+                               foldWord(getLe32(bytes + 12), 0));
+}
+
 }  // namespace
 
 uint16_t crc16(const void* data, size_t length, uint16_t crc) {
   const auto* bytes = static_cast<const uint8_t*>(data);
-  for (; length >= kSlices; length -= kSlices, bytes += kSlices) {
-    const unsigned first = bytes[0] ^ (crc >> 8);
-    const unsigned second = bytes[1] ^ (crc & 0xFFu);
-    crc = static_cast<uint16_t>(kTables[7][first] ^ kTables[6][second] ^ kTables[5][bytes[2]] ^
-                                kTables[4][bytes[3]] ^ kTables[3][bytes[4]] ^
-                                kTables[2][bytes[5]] ^ kTables[1][bytes[6]] ^
-                                kTables[0][bytes[7]]);
+  for (; length >= kSlices; length -= kSlices, bytes += kSlices) crc = foldSixteen(bytes, crc);
+  if (length >= 8) {
+    crc = foldEight(bytes, crc);
+    length -= 8;
+    bytes += 8;
+  }
+  if (length >= 4) {
+    crc = static_cast<uint16_t>(foldWord(firstWord(bytes, crc), 0));
+    length -= 4;
+    bytes += 4;
   }
   for (; length > 0; --length, ++bytes) {
     crc = static_cast<uint16_t>(kTables[0][((crc >> 8) ^ *bytes) & 0xFFu] ^

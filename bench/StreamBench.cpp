@@ -1,0 +1,266 @@
+// Stream chunks written in pieces of 20 KiB, against writes of 1 MiB with a flush each.
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "Machine.h"
+#include "Pair.h"
+#include "chunk/CTARNStreamChunk.h"
+#include "manager/CTARNStreamManager.h"
+
+namespace {
+
+using namespace bench;
+
+constexpr size_t kPiece = 20 * kKiB;
+constexpr size_t kBuffer = kMiB;
+constexpr uint32_t kChunkSize = 64 * kMiB;
+constexpr uint32_t kChunks = 4;
+
+uint8_t* onPage(std::vector<uint8_t>& memory) {
+  const auto address = reinterpret_cast<uintptr_t>(memory.data());
+  return memory.data() + (4096 - address % 4096) % 4096;
+}
+
+// A card with its server, and stream chunks open for writing.
+class Streams {
+ public:
+  Streams(Medium medium, int chunks)
+      : card_(medium, kCardSize, smallChunks(kChunkSize, kMiB, 0)), manager_(51) {
+    if (card_.layout().family(tarn::kFileStream).chunks < kChunks)
+      give_up("the card has too few chunks");
+    if (manager_.openManageData() != 0) give_up("no management data");
+    for (int i = 0; i < chunks; ++i) {
+      if (medium != Medium::kSlow) card_.fillChunk(tarn::kFileStream, static_cast<uint32_t>(i));
+      chunks_.push_back(std::make_unique<CTARNStreamChunk>(1));
+      if (chunks_.back()->openChunkFile(&manager_, static_cast<unsigned short>(i)) != 0) {
+        give_up("cannot open a stream chunk");
+      }
+    }
+    card_.sync();
+  }
+  ~Streams() {
+    chunks_.clear();
+    manager_.closeManageData();
+  }
+
+  // Empties the chunks; what follows begins at their start.
+  void restart() {
+    for (auto& chunk : chunks_) {
+      chunk->setUseAddr(0);
+      chunk->setFreeAddr(0);
+    }
+  }
+  void write(size_t chunk, const uint8_t* data, size_t size) {
+    const auto length = static_cast<long>(size);
+    if (chunks_[chunk]->write(const_cast<uint8_t*>(data), length) != length) {
+      give_up("a stream chunk refuses data");
+    }
+  }
+  void flush() {
+    for (auto& chunk : chunks_) chunk->fSync();
+  }
+  size_t count() const { return chunks_.size(); }
+  Card& card() { return card_; }
+
+ private:
+  static constexpr uint64_t kCardSize = 512 * kMiB;
+
+  Card card_;
+  ServerProcess server_;
+  CTARNStreamManager manager_;
+  std::vector<std::unique_ptr<CTARNStreamChunk>> chunks_;
+};
+
+// `total` bytes over all chunks.
+class StreamRig : public Rig {
+ public:
+  StreamRig(Medium medium, int chunks, uint64_t total)
+      : streams_(medium, chunks),
+        total_(total),
+        data_(kBuffer + 4096, 0xA5),
+        fd_(open(kCardDevice, O_RDWR | O_CLOEXEC)) {}
+
+  double ours() override {
+    streams_.restart();
+    const double cpu = cpuSeconds();
+    const double seconds = timed([this] {
+      for (uint64_t done = 0; done < total_;) {
+        for (size_t chunk = 0; chunk < streams_.count(); ++chunk) {
+          streams_.write(chunk, data_.data(), kPiece);
+          done += kPiece;
+        }
+      }
+      streams_.flush();
+    });
+    cpu_ = cpuSeconds() - cpu;
+    return seconds;
+  }
+
+  double bare() override {
+    const uint64_t each = total_ / streams_.count();
+    const uint8_t* data = onPage(data_);
+    return timed([&] {
+      for (uint64_t done = 0; done < each; done += kBuffer) {
+        const size_t size = std::min<uint64_t>(kBuffer, each - done);
+        for (uint32_t chunk = 0; chunk < streams_.count(); ++chunk) {
+          const uint64_t at = streams_.card().chunkByte(tarn::kFileStream, chunk) + done;
+          if (pwrite(fd_.get(), data, size, static_cast<off_t>(at)) != static_cast<ssize_t>(size) ||
+              fsync(fd_.get()) != 0) {
+            give_up("the bare write failed");
+          }
+        }
+      }
+    });
+  }
+
+  std::map<std::string, double> figures() override {
+    return {{"cpu_us_per_MiB", cpu_ * 1e6 / (static_cast<double>(total_) / kMiB)},
+            {"MiB", static_cast<double>(total_) / kMiB}};
+  }
+
+ private:
+  Streams streams_;
+  uint64_t total_;
+  std::vector<uint8_t> data_;
+  tarn::UniqueFd fd_;
+  double cpu_ = 0;
+};
+
+Pair streamPair(const char* name, const char* group, Medium medium, int chunks, uint64_t total,
+                double limit, int repeats) {
+  return {group, name, Goal::kSpeed, limit, repeats, [=] {
+            // Whole pieces on every chunk.
+            const uint64_t round = kPiece * static_cast<uint64_t>(chunks);
+            return std::make_unique<StreamRig>(medium, chunks, total / round * round);
+          }};
+}
+
+const bool kRam1 = add(streamPair("stream/ram_1", "stream", Medium::kRam, 1, 60 * kMiB, 0.95, 15));
+const bool kRam4 = add(streamPair("stream/ram_4", "stream", Medium::kRam, 4, 160 * kMiB, 0.95, 15));
+const bool kDisk1 =
+    add(streamPair("stream/disk_1", "stream", Medium::kDisk, 1, 60 * kMiB, 0.90, 9));
+const bool kDisk4 =
+    add(streamPair("stream/disk_4", "stream", Medium::kDisk, 4, 160 * kMiB, 0.90, 9));
+const bool kSlow1 = add(streamPair("stream/slow_1", "slow", Medium::kSlow, 1, 16 * kMiB, 0.99, 5));
+const bool kSlow4 = add(streamPair("stream/slow_4", "slow", Medium::kSlow, 4, 16 * kMiB, 0.99, 5));
+
+double median(std::vector<double>& values) {
+  std::nth_element(values.begin(), values.begin() + static_cast<long>(values.size() / 2),
+                   values.end());
+  return values[values.size() / 2];
+}
+
+// The median writing call, against copying the same bytes through buffers of the same size.
+class CallRig : public Rig {
+ public:
+  CallRig() : streams_(Medium::kRam, 1), data_(kPiece + 4096, 0x5A), ring_(2 * kBuffer) {}
+
+  double ours() override {
+    streams_.restart();
+    std::vector<double> calls(kCalls);
+    for (double& call : calls) {
+      const double begin = now();
+      streams_.write(0, data_.data(), kPiece);
+      call = now() - begin;
+    }
+    streams_.flush();
+    return median(calls);
+  }
+
+  double bare() override {
+    std::vector<double> calls(kCalls);
+    size_t at = 0;
+    for (double& call : calls) {
+      const double begin = now();
+      memcpy(ring_.data() + at, data_.data(), kPiece);
+      asm volatile("" : : "r"(ring_.data()) : "memory");
+      call = now() - begin;
+      at = at + 2 * kPiece > ring_.size() ? 0 : at + kPiece;
+    }
+    return median(calls);
+  }
+
+ private:
+  static constexpr size_t kCalls = 3000;
+
+  Streams streams_;
+  std::vector<uint8_t> data_;
+  std::vector<uint8_t> ring_;
+};
+
+const bool kCall =
+    add({"stream", "stream/call", Goal::kCost, 2, 15, [] { return std::make_unique<CallRig>(); }});
+
+// A recording at a constant rate into the slow device, which stands still once for a while: the
+// longest call, against what two buffers force. The worst moment for the device to stop is when a
+// full buffer has just been handed over: then the other one takes data until it is full as well,
+// and the call that finds it full waits for the rest of the pause and for the buffer in front.
+class StallRig : public Rig {
+ public:
+  explicit StallRig(double bytesPerSecond)
+      : rate_(bytesPerSecond), streams_(Medium::kSlow, 1), data_(kPiece, 0x33) {}
+
+  double ours() override {
+    streams_.restart();
+    const size_t pieces = static_cast<size_t>(kSeconds * rate_ / kPiece);
+    const double begin = now();
+    std::thread stall([&] { stop(begin + 0.8 + 0.13 * turn_++); });
+    double longest = 0;
+    for (size_t i = 0; i < pieces; ++i) {
+      const double due = begin + static_cast<double>(i) * kPiece / rate_;
+      if (const double early = due - now(); early > 0) usleep(static_cast<useconds_t>(early * 1e6));
+      const double call = now();
+      streams_.write(0, data_.data(), kPiece);
+      longest = std::max(longest, now() - call);
+    }
+    stall.join();
+    streams_.flush();
+    longest_ = std::max(longest_, longest);
+    return longest;
+  }
+
+  double bare() override {
+    const double fill = kBuffer / rate_;
+    const double drain = kBuffer / kDeviceRate;
+    return std::max(kCallSeconds, stall_ + drain - fill);
+  }
+
+  std::map<std::string, double> figures() override {
+    return {{"longest_ms", longest_ * 1e3}, {"stall_ms", stall_ * 1e3}};
+  }
+
+ private:
+  static constexpr double kSeconds = 2.5;
+  static constexpr double kDeviceRate = 10e6;
+  static constexpr double kCallSeconds = 0.01;  // what a call may take where nothing forces it
+
+  void stop(double when) {
+    const pid_t device = slowDeviceServer();
+    while (now() < when) usleep(1000);
+    const double begin = now();
+    kill(device, SIGSTOP);
+    usleep(250000);
+    kill(device, SIGCONT);
+    stall_ = now() - begin;
+  }
+
+  double rate_;
+  Streams streams_;
+  std::vector<uint8_t> data_;
+  int turn_ = 0;
+  double stall_ = 0;
+  double longest_ = 0;
+};
+
+const bool kStall2 = add({"slow", "stream/stall_2MBps", Goal::kCost, 1, 5,
+                          [] { return std::make_unique<StallRig>(2e6); }});
+const bool kStall8 = add({"slow", "stream/stall_8MBps", Goal::kCost, 1, 5,
+                          [] { return std::make_unique<StallRig>(8e6); }});
+
+}  // namespace
