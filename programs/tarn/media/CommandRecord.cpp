@@ -38,7 +38,7 @@ class CommandRecord : public Command {
         ->capture_default_str();
     app->add_flag("--realtime", request_.realtime, "No faster than the pictures' own times");
     app->add_flag("--progress", request_.progress,
-                  "Print a line whenever pictures have become safe from a power loss");
+                  "Print how many pictures are written and safe, as soon as more are safe");
     return app;
   }
 

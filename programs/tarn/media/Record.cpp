@@ -30,6 +30,8 @@ PictureTime wallClock() {
   return PictureTime::fromMicros(int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000);
 }
 
+constexpr int64_t kTellUs = 50000;
+
 // An event on its way: waiting for its moment, running, or over.
 struct EventState {
   int64_t startUs;
@@ -58,7 +60,7 @@ class Recorder {
   void pace(int64_t decodeUs);
   bool fail(const std::string& text);
   void progress();
-  void tellSafe();
+  void tellProgress();
   void report() const;
   PictureTime clockTime(int64_t timeUs) const {
     return PictureTime::fromMicros(start_.totalMicros() + timeUs);
@@ -72,6 +74,7 @@ class Recorder {
   int64_t endUs_ = 0;     // end of the last picture so far
   int64_t beganUs_ = 0;   // monotonic
   int64_t lastProgressUs_ = 0;
+  int64_t lastToldUs_ = 0;
   uint64_t safe_ = 0;  // pictures, as last told
   unsigned eventsInserted_ = 0;
   std::optional<ProgressLine> progress_;
@@ -129,7 +132,7 @@ bool Recorder::recordPicture(const MediaPicture& picture) {
     return fail(session_.errorText());
   endUs_ = std::max(endUs_, atUs + picture.durationUs);
   progress();
-  tellSafe();
+  tellProgress();
   return true;
 }
 
@@ -148,10 +151,12 @@ bool Recorder::recordOnce(MediaInput* input) {
 
 // Whoever watches may kill us at any moment, so each line goes out at once. That nobody reads them
 // any more is no reason to stop recording.
-void Recorder::tellSafe() {
+void Recorder::tellProgress() {
   const RecordingStatistics statistics = session_.statistics();
-  if (!request_.progress || statistics.confirmed == safe_) return;
+  const int64_t now = monotonicUs();
+  if (!request_.progress || (statistics.confirmed == safe_ && now - lastToldUs_ < kTellUs)) return;
   safe_ = statistics.confirmed;
+  lastToldUs_ = now;
   fmt::print("{} pictures written, {} safe\n", statistics.pictures, safe_);
   fflush(stdout);
 }
@@ -209,7 +214,7 @@ int Recorder::run() {
   if (session_.isOpen() && session_.close() != 0 && good) good = fail(session_.errorText());
   CDbLog::getInstance()->finish();
   progress_.reset();
-  tellSafe();
+  tellProgress();
   if (opened) report();
   return good ? 0 : 1;
 }
