@@ -2,14 +2,12 @@
 include(CMakePackageConfigHelpers)
 
 set(tarn_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Tarn)
-set(tarn_libraries Tarn)
-if(TARGET TarnRecorder)
-  set_target_properties(TarnRecorder PROPERTIES EXPORT_NAME Recorder)
-  list(APPEND tarn_libraries TarnRecorder)
-endif()
 
-install(TARGETS ${tarn_libraries} EXPORT TarnTargets
+install(TARGETS Tarn EXPORT TarnTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
+set_target_properties(TarnRecorder PROPERTIES EXPORT_NAME Recorder)
+install(TARGETS TarnRecorder EXPORT TarnTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT recorder NAMELINK_COMPONENT development)
 install(EXPORT TarnTargets NAMESPACE Tarn:: DESTINATION ${tarn_package_dir} COMPONENT development)
 
 foreach(folder base fat chunk manager mesg db dblog api)
@@ -25,24 +23,20 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/TarnConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/TarnConfig.cmake ${PROJECT_BINARY_DIR}/TarnConfigVersion.cmake
   DESTINATION ${tarn_package_dir} COMPONENT development)
+# pkg-config files name the prefix that is chosen only when the tree is installed.
+set(at "@")
 foreach(module tarn tarn-recorder)
-  configure_file(cmake/${module}.pc.in ${PROJECT_BINARY_DIR}/${module}.pc @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/${module}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-    COMPONENT development)
+  configure_file(cmake/${module}.pc.in ${PROJECT_BINARY_DIR}/${module}.pc.in @ONLY)
+  set(place "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/${module}.pc")
+  install(CODE "configure_file(\"${PROJECT_BINARY_DIR}/${module}.pc.in\" \"\$ENV{DESTDIR}${place}\" @ONLY)
+list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"${place}\")" COMPONENT development)
 endforeach()
 
-foreach(program tarn-server tarn)
-  if(TARGET ${program})
-    install(TARGETS ${program} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
-  endif()
-endforeach()
-# The library calls this one by its fixed path, /usr/local/bin/dbsetup: with the default prefix it
-# lands there.
-if(TARGET dbsetup)
-  install(TARGETS dbsetup DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
-endif()
+# The library calls dbsetup by its fixed path, /usr/local/bin/dbsetup: with the default prefix it
+# lands there. A package links it there.
+install(TARGETS tarn DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(TARGETS tarn-server dbsetup DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT server)
 
-file(GLOB tarn_man1 CONFIGURE_DEPENDS docs/man/*.1)
-file(GLOB tarn_man8 CONFIGURE_DEPENDS docs/man/*.8)
-install(FILES ${tarn_man1} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT programs)
-install(FILES ${tarn_man8} DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT programs)
+install(FILES docs/man/tarn.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+install(FILES docs/man/tarn-server.8 docs/man/dbsetup.8
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT server)

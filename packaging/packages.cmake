@@ -1,0 +1,98 @@
+# Debian packages, made by cpack in the build folder for the architecture that was built:
+#   cpack --config build/release/CPackConfig.cmake -B build/release/packages
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME tarn)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "Tarn developers <developers@tarn.example>")
+set(CPACK_PACKAGE_VENDOR Tarn)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
+
+# The tree as it is for the prefix /usr, whatever prefix the build was configured with.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/before-packing.cmake)
+set(CPACK_TARN_PACKAGING_DIR ${CMAKE_CURRENT_LIST_DIR})
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL library recorder development tools server)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_SOURCE tarn)
+set(CPACK_DEBIAN_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(runtime_depends "")
+set(sqlite_depends "")
+set(tools_depends "")
+if(CMAKE_CROSSCOMPILING)
+  # dpkg-shlibdeps knows installed packages only. A program built with Debian 12's compiler runs
+  # with what Debian 12 has.
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
+  set(runtime_depends "libc6 (>= 2.36), libgcc-s1 (>= 12), libstdc++6 (>= 12), ")
+  set(sqlite_depends "libsqlite3-0 (>= 3.40), ")
+  set(tools_depends "libfmt9 (>= 9.1), ")
+  if(CMAKE_LIBRARY_ARCHITECTURE STREQUAL "arm-linux-gnueabihf")
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
+  endif()
+endif()
+
+# The units of a recorder. They are installed and not enabled: which of them a recorder needs is
+# decided in its firmware.
+foreach(kind systemd:systemd/system tmpfiles.d:tmpfiles.d)
+  string(REPLACE ":" ";" kind ${kind})
+  list(GET kind 0 folder)
+  list(GET kind 1 place)
+  if(EXISTS ${CMAKE_CURRENT_LIST_DIR}/${folder})
+    install(DIRECTORY ${CMAKE_CURRENT_LIST_DIR}/${folder}/ DESTINATION lib/${place} COMPONENT server)
+  endif()
+endforeach()
+
+set(same "(= ${PROJECT_VERSION})")
+# tarn_package(component name section depends summary text)
+macro(tarn_package component name section depends summary text)
+  string(TOUPPER ${component} upper)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
+  set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
+  string(REGEX REPLACE ", $" "" CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${depends}")
+  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}\n${text}")
+endmacro()
+tarn_package(library libtarn1 libs "${runtime_depends}${sqlite_depends}"
+  "storage library of a video recorder"
+  "Classes that keep recorded video, its index and the system log in chunk files
+of a FAT32 card that were allocated in advance, and mend them after a power
+loss.")
+tarn_package(recorder libtarnrecorder1 libs "${runtime_depends}${sqlite_depends}libtarn1 ${same}"
+  "storage library of a video recorder (recorder's part)"
+  "What a recorder needs around the storage library: card formatter, management
+server, recovery, recording sessions and readers.")
+tarn_package(development libtarn-dev libdevel "libtarn1 ${same}, libtarnrecorder1 ${same}"
+  "storage library of a video recorder (development files)"
+  "Headers, link names and the files for find_package(Tarn) and pkg-config.")
+tarn_package(tools tarn-tools utils
+  "${runtime_depends}${tools_depends}libtarn1 ${same}, libtarnrecorder1 ${same}, tarn-server ${same}"
+  "cards, recordings and exports of a video recorder"
+  "The command tarn formats, checks and recovers cards, records and exports video
+and lists what is recorded, on a recorder or in a private view of a card image.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS bubblewrap)
+tarn_package(server tarn-server admin
+  "${runtime_depends}${sqlite_depends}libtarn1 ${same}, libtarnrecorder1 ${same}"
+  "management server of a video recorder"
+  "The process that owns the management data of a recorder's card, the command
+that sets up the recorder's database, and the units that start them.")
+
+# Control files have their names from their files' names.
+set(control ${PROJECT_BINARY_DIR}/packaging)
+foreach(script postinst prerm)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/server.${script} ${control}/server/${script} COPYONLY)
+endforeach()
+set(CPACK_DEBIAN_SERVER_PACKAGE_CONTROL_EXTRA ${control}/server/postinst ${control}/server/prerm)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/libraries.triggers ${control}/libraries/triggers COPYONLY)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${control}/libraries/triggers)
+set(CPACK_DEBIAN_RECORDER_PACKAGE_CONTROL_EXTRA ${control}/libraries/triggers)
+
+include(CPack)
