@@ -42,13 +42,19 @@ if(CMAKE_CROSSCOMPILING)
 endif()
 
 # The units of a recorder. They are installed and not enabled: which of them a recorder needs is
-# decided in its firmware.
+# decided in its firmware. They start the tool, which records only where it was built with media.
+set(without_media PATTERN tarn-record.service EXCLUDE)
+get_target_property(tool_definitions tarn COMPILE_DEFINITIONS)
+if("TARN_WITH_MEDIA" IN_LIST tool_definitions)
+  set(without_media "")
+endif()
 foreach(kind systemd:systemd/system tmpfiles.d:tmpfiles.d)
   string(REPLACE ":" ";" kind ${kind})
   list(GET kind 0 folder)
   list(GET kind 1 place)
   if(EXISTS ${CMAKE_CURRENT_LIST_DIR}/${folder})
-    install(DIRECTORY ${CMAKE_CURRENT_LIST_DIR}/${folder}/ DESTINATION lib/${place} COMPONENT server)
+    install(DIRECTORY ${CMAKE_CURRENT_LIST_DIR}/${folder}/ DESTINATION lib/${place} COMPONENT tools
+      ${without_media})
   endif()
 endforeach()
 
@@ -77,13 +83,14 @@ tarn_package(tools tarn-tools utils
   "${runtime_depends}${tools_depends}libtarn1 ${same}, libtarnrecorder1 ${same}, tarn-server ${same}"
   "cards, recordings and exports of a video recorder"
   "The command tarn formats, checks and recovers cards, records and exports video
-and lists what is recorded, on a recorder or in a private view of a card image.")
+and lists what is recorded, on a recorder or in a private view of a card image.
+With the systemd units that start a recorder in the right order.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS bubblewrap)
 tarn_package(server tarn-server admin
   "${runtime_depends}${sqlite_depends}libtarn1 ${same}, libtarnrecorder1 ${same}"
   "management server of a video recorder"
-  "The process that owns the management data of a recorder's card, the command
-that sets up the recorder's database, and the units that start them.")
+  "The process that owns the management data of a recorder's card, and the command
+that sets up the recorder's database.")
 
 # Control files have their names from their files' names.
 set(control ${PROJECT_BINARY_DIR}/packaging)

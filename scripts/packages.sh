@@ -7,4 +7,4 @@ arm_packages=(g++-arm-linux-gnueabihf qemu-user googletest)
 run_packages=(bubblewrap)
 demo_packages=(python3-imageio ffmpeg dosfstools)
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
-  file man-db dpkg-dev lintian)
+  file man-db dpkg-dev lintian systemd)

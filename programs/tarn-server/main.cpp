@@ -13,6 +13,7 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "ServiceNotice.h"
 #include "recorder/ManagementServer.h"
 
 namespace {
@@ -109,7 +110,10 @@ int serve(int readyFd) {
   const bool started = server.start() == 0;
   tellReady(readyFd, started);
   int status = kExitCannotStart;
-  if (started) status = server.run() == 0 ? kExitOk : kExitNotSaved;
+  if (started) {
+    notifyServiceManager("READY=1");
+    status = server.run() == 0 ? kExitOk : kExitNotSaved;
+  }
   g_server = nullptr;
   return status;
 }
