@@ -154,23 +154,30 @@ bool LogWriter::readBlock(uint32_t position, std::string* block) {
          !chunk_.lastReadFailed();
 }
 
-// The new chunk looks empty on the card before it counts as the active one: power lost in between
-// leaves the old chunk, as it was, with nothing missing.
+// The new chunk's old text is given up before it is written over, and the chunk looks empty on the
+// card before it counts as the active one: power lost in between leaves the old chunk, as it was,
+// with nothing missing, and no text whose first line is half gone.
 bool LogWriter::moveOn() {
   const int next = (chunkNumber_ + 1) % kChunks;
-  if (!openChunk(next) || !put(0, kLogEmpty, kLogMarkBytes)) return false;
+  if (!openChunk(next)) return false;
+  if (!retryFor(kServerPatienceMs, [&] { return giveUp(next); })) return fail(kErrLogServer);
+  if (!put(0, kLogEmpty, kLogMarkBytes)) return false;
   written_ = 0;
   layout_.restart(0, "");
   if (!retryFor(kServerPatienceMs, [&] { return announce(next); })) return fail(kErrLogServer);
   return true;
 }
 
-bool LogWriter::announce(int number) {
+bool LogWriter::giveUp(int number) {
   const auto chunk = static_cast<short>(number);
   chunk_.setUseAddr(0);
   chunk_.setFreeAddr(0);
   return manager_.setUseOffset(chunk, 0) == 0 && manager_.setFreeOffset(chunk, 0) == 0 &&
-         manager_.setActiveFlag(kFlagChunk, static_cast<signed char>(number)) == 0 &&
+         manager_.saveManageData() == 0;
+}
+
+bool LogWriter::announce(int number) {
+  return manager_.setActiveFlag(kFlagChunk, static_cast<signed char>(number)) == 0 &&
          manager_.saveManageData() == 0;
 }
 

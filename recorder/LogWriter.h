@@ -59,6 +59,7 @@ class TARN_API LogWriter {
   bool findEnd(uint32_t saved, uint32_t* end, std::string* lastStamp, bool* marked);
   bool readBlock(uint32_t position, std::string* block);
   bool moveOn();
+  bool giveUp(int number);
   bool announce(int number);
   bool addLine(const std::string& text, int64_t seconds);
   bool writeOut();

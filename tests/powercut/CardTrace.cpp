@@ -19,7 +19,6 @@
 #include <unordered_map>
 
 #include "dblog/CDbLog.h"
-#include "recorder/DatabaseSetup.h"
 
 namespace powercut {
 namespace {
@@ -49,6 +48,22 @@ void setCard(int fd, bool card) {
 }
 
 }  // namespace
+
+uint64_t mix(uint64_t value) {
+  value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9u;
+  value = (value ^ (value >> 27)) * 0x94D049BB133111EBu;
+  return value ^ (value >> 31);
+}
+
+uint64_t sectorHash(uint64_t sector, const uint8_t* bytes) {
+  uint64_t hash = mix(sector + 1);
+  for (uint32_t i = 0; i < kSector; i += 8) {
+    uint64_t word;
+    memcpy(&word, bytes + i, sizeof word);
+    hash = mix(hash ^ word) + i;
+  }
+  return hash;
+}
 
 Card& Card::get() {
   static auto* card = new Card;
@@ -100,6 +115,18 @@ std::vector<uint64_t> Card::changedSince(size_t moment) const {
   }
   std::sort(changed.begin(), changed.end());
   return changed;
+}
+
+uint64_t Card::changesHash() const {
+  std::unordered_map<uint64_t, const uint8_t*> before;
+  for (const Saved& saved : undo_) before.emplace(saved.sector, saved.bytes);
+  uint64_t hash = 0;
+  for (const auto& [sector, bytes] : before) {
+    const uint8_t* now = map_ + sector * kSector;
+    if (memcmp(now, bytes, kSector) != 0)
+      hash ^= sectorHash(sector, bytes) ^ sectorHash(sector, now);
+  }
+  return hash;
 }
 
 void Card::written(uint64_t offset, const void* bytes, size_t length) {
@@ -331,20 +358,6 @@ time_t time(time_t* out) {
   constexpr time_t kNow = 1700000000;
   if (out != nullptr) *out = kNow;
   return kNow;
-}
-
-// The set-up program's work, without a process for it.
-int system(const char* command) {
-  static const auto real = next<int (*)(const char*)>("system");
-  std::string error;
-  const char* path = tarn::DatabaseSetup::defaultPath();
-  constexpr char kSetUp[] = "/usr/local/bin/dbsetup init; /usr/local/bin/dbsetup start";
-  if (strcmp(command, kSetUp) == 0) {
-    const bool done =
-        tarn::DatabaseSetup::createEmpty(path, &error) && tarn::DatabaseSetup::check(path, &error);
-    return done ? 0 : 256;
-  }
-  return real(command);
 }
 
 }  // extern "C"

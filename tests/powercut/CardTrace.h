@@ -39,6 +39,10 @@ struct Trace {
   std::vector<RowMark> rows;
 };
 
+// Of one sector's bytes at its place; a card's sum is the exclusive or of them.
+uint64_t sectorHash(uint64_t sector, const uint8_t* bytes);
+uint64_t mix(uint64_t value);
+
 // The card, in memory: a file of the view's tmpfs that is mapped beside. Its changes can be taken
 // back to any earlier moment, at a cost that depends on what was changed only.
 class Card {
@@ -58,6 +62,8 @@ class Card {
   void settle();
   // Sectors that differ from what they held at `moment`.
   std::vector<uint64_t> changedSince(size_t moment) const;
+  // Sum of the changes since the beginning: with the sum of what was there then, that of the card.
+  uint64_t changesHash() const;
 
   // Places that the recorder may write to; a write elsewhere is noted.
   void allow(std::vector<std::pair<uint64_t, uint64_t>> extents) { extents_ = std::move(extents); }

@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -11,14 +14,11 @@
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
 #include "fat/CFATAccess.h"
+#include "powercut/LogLife.h"
+#include "recorder/CardCheck.h"
 #include "recorder/CardInfo.h"
 #include "recorder/RecordingReader.h"
 #include "recorder/RecordingSession.h"
-
-#if __has_include("recorder/CardCheck.h")
-#include "recorder/CardCheck.h"
-#define POWERCUT_CARD_CHECK 1
-#endif
 
 namespace powercut {
 namespace {
@@ -135,6 +135,37 @@ std::string checkRows(const std::map<uint32_t, Allowed<Row>>& model, const std::
     if (place == found.end()) return "I1: missing " + text(newest.row);
     return "I1: " + text(*place->second) + " should be " +
            (newest.there ? text(newest.row) : std::string("gone"));
+  }
+  return "";
+}
+
+// An event that was under way ends with the newest recording, or had nothing to show.
+std::string checkOpenEvents(const std::map<uint32_t, Allowed<DB_EVENT>>& model,
+                            const std::vector<DB_STREAM>& rows,
+                            const std::vector<DB_EVENT>& events) {
+  uint32_t newestEnd = 0;
+  for (const DB_STREAM& row : rows) newestEnd = std::max(newestEnd, row.endDate);
+  std::set<uint32_t> listed;
+  for (const DB_EVENT& event : events) {
+    listed.insert(event.eventID);
+    if (event.endDate == 0) return "I1: still running: " + text(event);
+    const auto place = model.find(event.eventID);
+    const auto known = [](const auto& version) { return version.there && !isOpen(version.row); };
+    if (place == model.end() ||
+        std::any_of(place->second.versions.begin(), place->second.versions.end(), known))
+      continue;
+    if (event.startDate >= event.endDate || event.endDate != newestEnd) {
+      return "I1: ends at another time than the recordings: " + text(event);
+    }
+  }
+  for (const auto& [key, allowed] : model) {
+    bool mayBeGone = false;
+    for (const auto& version : allowed.versions) {
+      mayBeGone = mayBeGone || !version.there || version.row.startDate >= newestEnd;
+    }
+    if (!mayBeGone && listed.count(key) == 0) {
+      return "I1: has a recording and is gone: " + text(allowed.versions.back().row);
+    }
   }
   return "";
 }
@@ -273,19 +304,18 @@ std::string firstSectors(const std::vector<uint64_t>& sectors) {
 }
 
 std::string checkCardTool() {
-#ifdef POWERCUT_CARD_CHECK
   tarn::CardCheck check;
   std::string error;
   if (check.run(kCardPath, {}, &error) != 0) return "I6: the check does not run: " + error;
   if (check.findings().total() != 0)
     return "I6: the check finds " + check.findings().list().front().text;
-#endif
   return "";
 }
 
 // A recorder starts on the card and records; what was there stays, but for the oldest.
-std::string checkNewRecording(const Model& model, const std::vector<DB_STREAM>& before,
-                              std::map<uint32_t, std::vector<uint32_t>> expected) {
+std::string checkNewRecording(const std::vector<DB_STREAM>& before,
+                              std::map<uint32_t, std::vector<uint32_t>> expected,
+                              uint32_t* newKey) {
   uint32_t key = 0;
   {
     const Server server;
@@ -307,7 +337,7 @@ std::string checkNewRecording(const Model& model, const std::vector<DB_STREAM>& 
     if (session.close() != 0) return std::string("I6: new recording: ") + session.errorText();
     CDbLog::getInstance()->finish();
   }
-  if (key <= model.lastStreamKey) return "I2: key " + std::to_string(key) + " came back";
+  *newKey = key;
   const std::vector<DB_STREAM> rows = listStreams();
   std::map<uint32_t, DB_STREAM> now;
   for (const DB_STREAM& row : rows) now[row.streamID] = row;
@@ -330,27 +360,6 @@ bool cardOpens() {
   if (handle < 0) return false;
   fat.close(handle);
   return true;
-}
-
-// An interrupted format: the old card, the new one, or none.
-std::string checkFormat(const Recorded& life, Cut cut, const CheckOptions& options) {
-  if (!cardOpens()) {
-    const tarn::RecoveryReport report = bootCard();
-    return report.ok() ? "recovery says that a card that does not open is fine" : "";
-  }
-  const tarn::RecoveryReport report = bootCard();
-  if (!report.ok()) return "a card that opens is not recovered: " + report.error;
-  const std::vector<DB_STREAM> rows = listStreams();
-  const auto expected = picturesByRow(life);
-  const bool untouched = cut.flush == 0;
-  if (!rows.empty() && !untouched) return "an old recording is listed: " + text(rows.front());
-  if (rows.empty() && cut.at < life.trace.ops.size() && untouched) {
-    return "the old recordings are gone before the format began";
-  }
-  std::string failure = checkPictures(rows, expected);
-  if (failure.empty() && options.checkCard) failure = checkCardTool();
-  if (failure.empty() && options.newRecording) failure = checkNewRecording({}, rows, expected);
-  return failure;
 }
 
 }  // namespace
@@ -387,6 +396,11 @@ std::string describeCard() {
   std::ostringstream out;
   for (const DB_STREAM& row : listStreams()) out << text(row) << "\n";
   for (const DB_EVENT& row : listEvents()) out << text(row) << "\n";
+  CApiDb db;
+  db.setSql("SELECT seq FROM sqlite_sequence ORDER BY name");
+  for (uint32_t i = 0; i < db.getNTuple(); ++i) {
+    out << "keys up to " << db.getValue(static_cast<long>(i), 0) << "\n";
+  }
   tarn::CardInfo info;
   std::string error;
   if (info.read(kCardPath, &error) != 0) return error;
@@ -400,32 +414,40 @@ std::string describeCard() {
     }
     out << "\n";
   }
+  out << "image " << info.dbImageBytes() << "\n";
   return out.str();
 }
 
-std::string checkState(const Recorded& life, Cut cut, const CheckOptions& options) {
-  Card& card = Card::get();
-  if (life.isFormat) return checkFormat(life, cut, options);
-  const tarn::RecoveryReport report = bootCard();
-  if (!report.ok()) return "recovery fails: " + report.error;
-  if (life.isRecovery) {
-    const std::string state = describeCard();
-    if (state != life.finalState) {
-      return "I5: after a recovery that was interrupted:\n" + state + "instead of\n" +
-             life.finalState;
-    }
-  }
-  const Cut asked = life.isRecovery ? Cut{life.cutFlush, life.cutAt} : cut;
-  const Model model = modelAt(life, asked);
-  const std::vector<DB_STREAM> rows = listStreams();
-  const std::vector<DB_EVENT> events = listEvents();
-  const auto expected = picturesByRow(life);
-  std::string failure = checkRows(model.streams, rows);
-  if (failure.empty()) failure = checkRows(model.events, events);
-  if (failure.empty()) failure = checkPictures(rows, expected);
-  if (failure.empty()) failure = checkLoss(life, asked, model, rows);
-  if (!failure.empty()) return failure;
+Checker::Checker(const Recorded& life) : life_(life), expected_(picturesByRow(life)) {}
 
+// An interrupted format: the old card, the new one, or none.
+std::string Checker::checkFormat(Cut cut) {
+  if (!cardOpens()) {
+    const tarn::RecoveryReport report = bootCard();
+    return report.ok() ? "recovery says that a card that does not open is fine" : "";
+  }
+  const tarn::RecoveryReport report = bootCard();
+  if (!report.ok()) return "a card that opens is not recovered: " + report.error;
+  const std::vector<DB_STREAM> rows = listStreams();
+  const bool untouched = cut.flush == 0;
+  if (!rows.empty() && !untouched) return "an old recording is listed: " + text(rows.front());
+  if (rows.empty() && cut.at < life_.trace.ops.size() && untouched) {
+    return "the old recordings are gone before the format began";
+  }
+  uint32_t key = 0;
+  std::string failure = checkPictures(rows, expected_);
+  if (failure.empty()) failure = checkCardTool();
+  if (failure.empty()) failure = checkNewRecording(rows, expected_, &key);
+  return failure;
+}
+
+// What follows from the recovered card alone.
+std::string checkFitness(const std::vector<DB_STREAM>& rows,
+                         const std::map<uint32_t, std::vector<uint32_t>>& expected,
+                         uint32_t* newKey) {
+  std::string failure = checkPictures(rows, expected);
+  if (!failure.empty()) return failure;
+  Card& card = Card::get();
   const std::string before = describeCard();
   const size_t moment = card.moment();
   const tarn::RecoveryReport again = bootCard();
@@ -433,12 +455,56 @@ std::string checkState(const Recorded& life, Cut cut, const CheckOptions& option
   const std::vector<uint64_t> changed = card.changedSince(moment);
   if (!changed.empty()) return "I5: a second recovery changes bytes at" + firstSectors(changed);
   if (describeCard() != before) return "I5: a second recovery changes rows";
+  failure = checkCardTool();
+  if (failure.empty()) failure = checkNewRecording(rows, expected, newKey);
+  return failure;
+}
 
-  if (options.checkCard) failure = checkCardTool();
-  if (failure.empty() && options.newRecording) failure = checkNewRecording(model, rows, expected);
-  const std::string stray = card.takeStray();
+std::string Checker::checkRecovered(Cut cut, uint64_t flushed) {
+  const tarn::RecoveryReport report = bootCard();
+  if (!report.ok()) return "recovery fails: " + report.error;
+  const std::string state = describeCard();
+  const uint64_t sum = flushed ^ Card::get().changesHash();
+  if (life_.isRecovery && state != life_.finalState) {
+    return "I5: after a recovery that was interrupted:\n" + state + "instead of\n" +
+           life_.finalState;
+  }
+  if (life_.isRecovery && sum != life_.finalSum)
+    return "I5: after a recovery that was interrupted the card has other bytes";
+  const Model model = modelAt(life_, cut);
+  const std::vector<DB_STREAM> rows = listStreams();
+  const std::vector<DB_EVENT> events = listEvents();
+  std::string failure = checkRows(model.streams, rows);
+  if (failure.empty()) failure = checkRows(model.events, events);
+  if (failure.empty()) failure = checkOpenEvents(model.events, rows, events);
+  if (failure.empty()) failure = checkLoss(life_, cut, model, rows);
+  if (failure.empty()) failure = checkLog(life_, cut.at);
+  if (!failure.empty()) return failure;
+
+  const auto fit = fit_.try_emplace({sum, state}, 0).first;
+  if (fit->second == 0) failure = checkFitness(rows, expected_, &fit->second);
+  if (failure.empty() && fit->second <= model.lastStreamKey)
+    failure = "I2: key " + std::to_string(fit->second) + " came back";
+  return failure;
+}
+
+std::string Checker::check(Cut cut, uint64_t flushed) {
+  std::string failure = life_.isFormat
+                            ? checkFormat(cut)
+                            : checkRecovered(life_.isRecovery ? life_.cut : cut, flushed);
+  const std::string stray = Card::get().takeStray();
   if (failure.empty() && !stray.empty()) failure = "I7: written outside the chunks: " + stray;
   return failure;
+}
+
+std::string Checker::checkFileSystem() {
+  ++fileSystemChecks_;
+  const std::string out = "/tmp/fsck.out";
+  const std::string command =
+      std::string("PATH=/usr/sbin:/sbin:$PATH fsck.fat -n ") + kCardPath + " >" + out + " 2>&1";
+  if (system(command.c_str()) == 0) return "";
+  std::ifstream file(out);
+  return "I7: fsck.fat finds: " + std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 }  // namespace powercut

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "db/DbRecords.h"
@@ -16,20 +19,30 @@ std::vector<DB_EVENT> listEvents();
 // Rows, management data and journals in words, to compare two recovered cards by.
 std::string describeCard();
 
-// A moment at which power goes: operations before `at` had been issued, and the last flush among
-// them is operation `flush` - 1 (0: none).
-struct Cut {
-  size_t flush;
-  size_t at;
-};
+// Looks for everything that must hold after a cut in one life. What a recovered card is fit for
+// depends on nothing but its bytes and its rows, so it is tried once on each; that rows, losses and
+// the log are as they must be is looked at in every state.
+class Checker {
+ public:
+  explicit Checker(const Recorded& life);
 
-struct CheckOptions {
-  bool newRecording = true;
-  bool checkCard = true;
-};
+  // Recovers the card as it lies, whose flushed beginning has the sum `flushed`. Empty, or what
+  // does not hold. The card is left as the checks leave it.
+  std::string check(Cut cut, uint64_t flushed);
+  // The card's file system, by a program that has nothing to do with us.
+  std::string checkFileSystem();
 
-// Recovers the card as it lies and looks for everything that must hold afterwards. Empty, or what
-// does not hold. The card is left as the checks leave it.
-std::string checkState(const Recorded& life, Cut cut, const CheckOptions& options);
+  uint64_t recoveredCards() const { return fit_.size(); }  // different ones
+  uint64_t fileSystemChecks() const { return fileSystemChecks_; }
+
+ private:
+  std::string checkRecovered(Cut cut, uint64_t flushed);
+  std::string checkFormat(Cut cut);
+
+  const Recorded& life_;
+  const std::map<uint32_t, std::vector<uint32_t>> expected_;  // pictures of each row
+  std::map<std::pair<uint64_t, std::string>, uint32_t> fit_;  // and a new recording's key on it
+  uint64_t fileSystemChecks_ = 0;
+};
 
 }  // namespace powercut

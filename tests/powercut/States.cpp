@@ -4,26 +4,6 @@
 #include <cstring>
 
 namespace powercut {
-namespace {
-
-uint64_t mix(uint64_t value) {
-  value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9u;
-  value = (value ^ (value >> 27)) * 0x94D049BB133111EBu;
-  return value ^ (value >> 31);
-}
-
-uint64_t hashOf(uint64_t sector, const uint8_t* bytes) {
-  uint64_t hash = mix(sector + 1);
-  for (uint32_t i = 0; i < kSector; i += 8) {
-    uint64_t word;
-    memcpy(&word, bytes + i, sizeof word);
-    hash = mix(hash ^ word) + i;
-  }
-  return hash;
-}
-
-}  // namespace
-
 States::States(const Recorded& life, uint64_t seed)
     : life_(life), random_(seed), shadow_(life.base) {}
 
@@ -31,10 +11,18 @@ uint64_t States::random() { return mix(random_ += 0x9E3779B97F4A7C15u); }
 
 // How much had been promised by now: the same bytes after more promises are another state.
 uint64_t States::promises() const {
+  if (life_.isRecovery) return 0;  // those of the moment that it recovers from
   uint64_t count = 0;
   for (const RowMark& mark : life_.trace.rows) count += mark.end <= cut_.at ? 1 : 0;
   for (const SafeMark& mark : life_.safe) count += mark.when <= cut_.at ? 1 : 0;
+  for (const LogMark& mark : life_.log) count += mark.when <= cut_.at ? 1 : 0;
   return count;
+}
+
+uint64_t States::count(const Recorded& life, uint64_t seed) {
+  States states(life, seed);
+  states.walk([](uint64_t, uint64_t) { return false; }, [](const State&) {});
+  return states.distinct();
 }
 
 void States::addWrite(const CardOp& op) {
@@ -46,12 +34,12 @@ void States::addWrite(const CardOp& op) {
     if (sector.versions.empty()) {
       const uint8_t* old = shadow_.data() + number * kSector;
       sector.versions.emplace_back(old, old + kSector);
-      sector.hashes.push_back(hashOf(number, old));
+      sector.hashes.push_back(sectorHash(number, old));
     }
     std::vector<uint8_t> bytes = sector.versions.back();
     memcpy(bytes.data() + at % kSector, op.bytes.data() + (at - op.offset), stop - at);
     sector.writes.push_back(waiting_);
-    sector.hashes.push_back(hashOf(number, bytes.data()));
+    sector.hashes.push_back(sectorHash(number, bytes.data()));
     sector.versions.push_back(std::move(bytes));
     at = stop;
   }
@@ -69,10 +57,10 @@ void States::flush() {
   waiting_ = 0;
 }
 
-void States::visitState(const State& state) {
+void States::visitState(const Versions& versions) {
   const uint64_t number = number_++;
   uint64_t content = flushedHash_;
-  for (const auto& [sector, version] : state) {
+  for (const auto& [sector, version] : versions) {
     const Sector& place = sectors_.at(sector);
     content ^= place.hashes.front() ^ place.hashes[version];
   }
@@ -80,23 +68,23 @@ void States::visitState(const State& state) {
   if (!seen_.insert(mix(content) + promises()).second) return;
   if (!(*visit_)(number, distinct_++)) return;
   Card& card = Card::get();
-  for (const auto& [sector, version] : state) {
+  for (const auto& [sector, version] : versions) {
     card.put(sector * kSector, sectors_.at(sector).versions[version].data(), kSector);
   }
-  (*run_)(number, cut_);
+  (*run_)({number, cut_, flushedHash_, content});
   card.rollBack(0);
 }
 
 void States::visitMask(const std::vector<bool>& mask) {
-  State state;
+  Versions versions;
   for (const auto& [number, sector] : sectors_) {
     size_t version = 0;
     for (size_t i = 0; i < sector.writes.size(); ++i) {
       if (mask[sector.writes[i]]) version = i + 1;
     }
-    if (version != 0) state.emplace_back(number, version);
+    if (version != 0) versions.emplace_back(number, version);
   }
-  visitState(state);
+  visitState(versions);
 }
 
 void States::visitSubsets() {
@@ -129,13 +117,13 @@ void States::visitTears() {
   const uint64_t first = last.offset / kSector;
   const uint64_t end = (last.offset + last.bytes.size() + kSector - 1) / kSector;
   auto visitWithout = [&](uint64_t from, uint64_t to) {
-    State state;
+    Versions versions;
     for (const auto& [number, sector] : sectors_) {
       size_t version = sector.versions.size() - 1;
       if (number >= from && number < to) --version;
-      if (version != 0) state.emplace_back(number, version);
+      if (version != 0) versions.emplace_back(number, version);
     }
-    visitState(state);
+    visitState(versions);
   };
   for (uint64_t tear = first + 1; tear < end; ++tear) visitWithout(tear, end);
   constexpr uint64_t kPageSectors = kPage / kSector;

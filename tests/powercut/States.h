@@ -11,6 +11,14 @@
 
 namespace powercut {
 
+// A state that the card has been brought into.
+struct State {
+  uint64_t number;
+  Cut cut;
+  uint64_t flushed;  // sum of the card with everything flushed; what is changed since can be undone
+  uint64_t content;  // sum of the card
+};
+
 // Every state that the card can have when power goes during a life: after each operation all writes
 // so far; the flushed ones alone; every subset of the unflushed ones, or a sample of them when they
 // are more than 12; the last one torn at each sector, and without each of its 4 KiB pages. A sector
@@ -22,8 +30,10 @@ class States {
   // Walks all distinct states in order and calls `visit` with the number of each. When it says yes
   // the card is brought into the state and `run` is called; afterwards everything is taken back.
   using Visit = std::function<bool(uint64_t number, uint64_t distinct)>;
-  using Run = std::function<void(uint64_t number, Cut cut)>;
+  using Run = std::function<void(const State& state)>;
   void walk(const Visit& visit, const Run& run);
+  // All distinct states of a life.
+  static uint64_t count(const Recorded& life, uint64_t seed);
 
   uint64_t distinct() const { return distinct_; }
   uint64_t contents() const { return contents_.size(); }  // different bytes on the card
@@ -39,11 +49,11 @@ class States {
     std::vector<uint64_t> hashes;
   };
   // Version of each sector that is not as flushed.
-  using State = std::vector<std::pair<uint64_t, size_t>>;
+  using Versions = std::vector<std::pair<uint64_t, size_t>>;
 
   void addWrite(const CardOp& op);
   void flush();
-  void visitState(const State& state);
+  void visitState(const Versions& versions);
   void visitSubsets();
   void visitTears();
   void visitMask(const std::vector<bool>& mask);

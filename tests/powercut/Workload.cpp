@@ -9,6 +9,8 @@
 
 #include "dblog/CDbLog.h"
 #include "powercut/Checks.h"
+#include "powercut/LogLife.h"
+#include "powercut/States.h"
 #include "recorder/CardFormatter.h"
 #include "recorder/ManagementServer.h"
 #include "recorder/RecordingSession.h"
@@ -223,6 +225,48 @@ void twoRecordings(Recorded* out) {
   recorder.close(second);
 }
 
+// The system log comes round, beside a recording.
+void systemLog(Recorded* out) {
+  formatCard();
+  boot();
+  Server server;
+  begin(out);
+  Recorder recorder(out);
+  const size_t session = recorder.open(0);
+  recorder.pictures(session, 0, 13);
+  logLife(out, g_variant);
+  recorder.pictures(session, 13, 30);
+  recorder.close(session);
+}
+
+void cleanStop() {
+  std::string error;
+  require(tarn::Recovery().saveImage(&error) == 0, error);
+}
+
+// Clean stops, which leave the database on the card, and starts from it, on a card whose rings are
+// full: what follows a start deletes rows before it adds any.
+void databaseImage(Recorded* out) {
+  g_shape = {65536, 2048, 2, 512};
+  formatCard();
+  boot();
+  begin(out);
+  for (uint32_t piece = 0; piece < 4; ++piece) {
+    {
+      const Server server;
+      Recorder recorder(out);
+      const size_t session = recorder.open(0, 1);
+      const uint32_t first = piece * 100;
+      const uint32_t event = recorder.beginEvent(session, 5, first);
+      recorder.pictures(session, first, first + 70 + g_variant % 9);
+      if (piece != 2) recorder.endEvent(session, event, first + 60);
+      recorder.close(session);
+    }
+    cleanStop();
+    if (piece < 3) boot();
+  }
+}
+
 // Over a card that holds recordings.
 void format(Recorded* out) {
   g_shape = {65536, 4096, 2, 1024};
@@ -236,6 +280,8 @@ void format(Recorded* out) {
     recorder.close(session);
   }
   begin(out);
+  // The whole volume is the format's, and nothing behind it.
+  Card::get().allow({{0, g_layout.sizeBytes()}});
   out->isFormat = true;
   tarn::CardFormatter formatter;
   std::string error;
@@ -295,7 +341,10 @@ void formatCard() {
   g_layout = formatter.layout();
   card.settle();
   card.takeStray();
+  card.allow(chunkExtents());
 }
+
+const tarn::CardLayout& cardLayout() { return g_layout; }
 
 bool omitFlushesOf(const std::string& family) {
   for (int type = 0; type < tarn::kFileTypeCount; ++type) {
@@ -317,7 +366,7 @@ std::vector<std::pair<uint64_t, uint64_t>> chunkExtents() {
 
 namespace {
 
-constexpr const char* kLives[] = {"recording", "chunk", "wrap", "two"};
+constexpr const char* kLives[] = {"recording", "chunk", "wrap", "two", "log", "image"};
 constexpr int kVariants = 90;
 constexpr int kFewVariants = 3;
 constexpr int kRecoveries = 30;  // moments of a life whose recovery is a life of its own
@@ -332,38 +381,43 @@ void recordLife(const std::string& name, Recorded* out) {
   if (kind == "chunk") return chunkChange(out);
   if (kind == "wrap") return wrap(out);
   if (kind == "two") return twoRecordings(out);
+  if (kind == "log") return systemLog(out);
+  if (kind == "image") return databaseImage(out);
   if (kind == "format") return format(out);
   throw std::runtime_error("there is no workload " + name);
 }
 
-// Lets a life lose power at one of its moments and records the recovery. "recovery.wrap.3": the
-// fourth of the moments in which a wrap is cut.
+// Lets a life lose power in one of its states and records the recovery. "recovery.wrap.3": the
+// fourth of the states in which a wrap is cut, whatever it has and lacks of the unflushed writes.
 void recordRecovery(const std::string& name, Recorded* out) {
   const size_t dot = name.find('.');
   const size_t last = name.rfind('.');
   if (dot == std::string::npos || last == dot) throw std::runtime_error("recovery of what?");
-  recordLife(name.substr(dot + 1, last - dot - 1), out);
+  Recorded life;
+  recordLife(name.substr(dot + 1, last - dot - 1), &life);
   Card& card = Card::get();
   card.record(nullptr);
-  const auto moment = static_cast<size_t>(atoi(name.c_str() + last + 1));
-  const size_t operations = out->trace.ops.size();
-  out->cutAt = std::min(operations, operations * (2 * moment + 1) / (2 * kRecoveries));
-  card.put(0, out->base.data(), out->base.size());
-  for (size_t i = 0; i < out->cutAt; ++i) {
-    const CardOp& op = out->trace.ops[i];
-    card.put(op.offset, op.bytes.data(), op.bytes.size());
-    if (op.flush) out->cutFlush = i + 1;
-  }
   card.settle();
-  out->base.assign(card.bytes(), card.bytes() + card.size());
+  const auto moment = static_cast<uint64_t>(atoi(name.c_str() + last + 1));
+  const uint64_t all = States::count(life, 1);
+  const uint64_t chosen = std::min(all - 1, all * (2 * moment + 1) / (2 * kRecoveries));
+  *out = life;
   out->trace.ops.clear();
-  Trace writes;
-  card.record(&writes);
-  boot();
-  card.record(nullptr);
-  out->trace.ops = std::move(writes.ops);
   out->isRecovery = true;
-  out->finalState = describeCard();
+  States states(life, 1);
+  states.walk([&](uint64_t, uint64_t distinct) { return distinct == chosen; },
+              [&](const State& state) {
+                out->cut = state.cut;
+                out->base.assign(card.bytes(), card.bytes() + card.size());
+                const uint64_t before = card.changesHash();
+                Trace writes;
+                card.record(&writes);
+                boot();
+                card.record(nullptr);
+                out->trace.ops = std::move(writes.ops);
+                out->finalState = describeCard();
+                out->finalSum = before ^ card.changesHash();
+              });
 }
 
 }  // namespace

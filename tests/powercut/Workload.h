@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "powercut/CardTrace.h"
+#include "recorder/CardLayout.h"
 #include "recorder/PictureTime.h"
 
 namespace tarn {
@@ -42,9 +43,25 @@ struct SafeMark {
   uint32_t accepted;
 };
 
+// Lines 0 to `accepted` - 1 of a system log have been handed over, and the first `confirmed` are
+// safe. `first`: the oldest one whose chunk has not been taken for new text, or is about to be.
+struct LogMark {
+  size_t when;
+  uint32_t first;
+  uint32_t confirmed;
+  uint32_t accepted;
+};
+
 struct Picture {
   uint32_t number;
   uint32_t streamID;
+};
+
+// A moment at which power goes: operations before `at` had been issued, and the last flush among
+// them is operation `flush` - 1 (0: none).
+struct Cut {
+  size_t flush;
+  size_t at;
 };
 
 // One scripted piece of a recorder's life: the card before it, everything it did to it, and what
@@ -55,12 +72,14 @@ struct Recorded {
   std::vector<SafeMark> safe;
   std::vector<std::vector<Picture>> sessions;  // of each: its pictures in order
   uint32_t flushPictures = 0;                  // most that may be handed over and not be safe
+  std::vector<LogMark> log;                    // only of lives that write a system log
   bool isFormat = false;
-  // Of the workload that makes a recovery's writes: where in the life it recovers.
+  // Of the workload that makes a recovery's writes: where in the life it recovers, and what it ends
+  // in when it is not disturbed.
   bool isRecovery = false;
-  size_t cutFlush = 0;     // operations before its last flush
-  size_t cutAt = 0;        // operations before it
-  std::string finalState;  // what an undisturbed recovery ends in
+  Cut cut = {0, 0};
+  std::string finalState;
+  uint64_t finalSum = 0;
 };
 
 // Names are a workload, or one of its variants with other sizes and lengths ("wrap.3"), or the
@@ -71,6 +90,9 @@ Recorded recordWorkload(const std::string& name);
 
 // From now on lives lack the flushes of a family of chunk files ("CKDL"). False: no such family.
 bool omitFlushesOf(const std::string& family);
+
+// Where chunk `chunk` of a family lies on the card that was formatted last.
+const tarn::CardLayout& cardLayout();
 
 // Extents of all chunks of the card that was formatted last.
 std::vector<std::pair<uint64_t, uint64_t>> chunkExtents();

@@ -2,14 +2,17 @@
 // a view of its own.
 
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <stdexcept>
 #include <string>
+#include <unordered_set>
 
 #include "powercut/Checks.h"
 #include "powercut/States.h"
@@ -18,6 +21,7 @@
 namespace powercut {
 namespace {
 
+constexpr uint64_t kBetweenVolumeChecks = 250;
 FILE* g_report = stdout;
 
 // The library talks on standard output; the report goes where that was.
@@ -30,65 +34,106 @@ void muteStandardOutput() {
   g_report = fdopen(report, "w");
 }
 
+// Threads that hand work to each other all the time do it faster on one processor.
+void stayOnProcessor(unsigned long slot) {
+  cpu_set_t mine;
+  if (sched_getaffinity(0, sizeof mine, &mine) != 0) return;
+  unsigned long skip = slot % static_cast<unsigned long>(CPU_COUNT(&mine));
+  for (int processor = 0; processor < CPU_SETSIZE; ++processor) {
+    if (!CPU_ISSET(processor, &mine) || skip-- > 0) continue;
+    CPU_ZERO(&mine);
+    CPU_SET(processor, &mine);
+    sched_setaffinity(0, sizeof mine, &mine);
+    return;
+  }
+}
+
+// Nothing depends on the zone: variants take turns in two of them, one with summer time.
+const char* zoneOf(const std::string& workload) {
+  const bool odd = !workload.empty() && (workload.back() - '0') % 2 == 1;
+  return odd ? "NST3:30NDT,M3.2.0,M11.1.0" : "XYZ-02:00";
+}
+
 struct Options {
   std::string workload;
   bool one = false;
   uint64_t state = 0;
   uint64_t goal = 0;  // distinct states to run; 0: all
   uint64_t seed = 1;
-  uint64_t shard = 0;
-  uint64_t shards = 1;
-  uint64_t failures = 10;  // shown
+  bool firstFailure = false;  // ends the run
+  uint64_t failures = 10;     // shown
 };
 
-// Runs the chosen states of one life. Number of failures.
-uint64_t runLife(const std::string& name, const Recorded& life, const Options& options,
-                 uint64_t* ran) {
-  uint64_t total = 0;
-  {
-    States counting(life, options.seed);
-    counting.walk([](uint64_t, uint64_t) { return false; }, [](uint64_t, Cut) {});
-    total = counting.distinct();
+// Runs the chosen states of one life, and reports.
+class Run {
+ public:
+  Run(const std::string& name, const Recorded& life, const Options& options)
+      : name_(name), life_(life), options_(options), checker_(life) {}
+
+  void all() {
+    const uint64_t total = States::count(life_, options_.seed);
+    const uint64_t stride =
+        options_.goal == 0 || options_.goal >= total ? 1 : total / options_.goal;
+    States states(life_, options_.seed);
+    states.walk(
+        [&](uint64_t number, uint64_t distinct) {
+          if (options_.one) return number == options_.state;
+          if (options_.firstFailure && failures_ > 0) return false;
+          // The last state, in which the life ended well, is always among them.
+          last_ = distinct + 1 == total;
+          return last_ || distinct % stride == options_.seed % stride;
+        },
+        [&](const State& state) { one(state); });
+    if (!options_.one) summary(total);
   }
-  const uint64_t stride = options.goal == 0 || options.goal >= total ? 1 : total / options.goal;
-  uint64_t failures = 0;
-  uint64_t done = 0;
-  States states(life, options.seed);
-  Card::get().allow(life.isFormat ? std::vector<std::pair<uint64_t, uint64_t>>() : chunkExtents());
-  states.walk(
-      [&](uint64_t number, uint64_t distinct) {
-        if (options.one) return number == options.state;
-        return distinct % stride == options.seed % stride &&
-               distinct / stride % options.shards == options.shard;
-      },
-      [&](uint64_t number, Cut cut) {
-        ++done;
-        keepLog(options.one);
-        const std::string failure = checkState(life, cut, {});
-        const std::string log = takeLog();
-        if (options.one) {
-          fprintf(g_report, "%s%s state %llu: operations %zu, flushed %zu: %s\n", log.c_str(),
-                  name.c_str(), static_cast<unsigned long long>(number), cut.at, cut.flush,
-                  failure.empty() ? "good" : "FAILED");
-        }
-        if (failure.empty()) return;
-        if (++failures > options.failures) return;
-        fprintf(g_report, "FAILED --workload %s --state %llu%s: %s\n", name.c_str(),
-                static_cast<unsigned long long>(number),
-                options.seed == 1 ? "" : (" --seed " + std::to_string(options.seed)).c_str(),
-                failure.c_str());
-        fflush(g_report);
-      });
-  if (!options.one) {
-    fprintf(g_report, "%s: operations %zu, states %llu, contents %llu, run %llu, failed %llu\n",
-            name.c_str(), life.trace.ops.size(), static_cast<unsigned long long>(total),
-            static_cast<unsigned long long>(states.contents()),
-            static_cast<unsigned long long>(done), static_cast<unsigned long long>(failures));
+  uint64_t ran() const { return ran_; }
+  uint64_t failures() const { return failures_; }
+
+ private:
+  void one(const State& state) {
+    cards_.insert(state.content);
+    keepLog(options_.one);
+    std::string failure = checker_.check(state.cut, state.flushed);
+    const bool checkVolume = options_.one || last_ || ran_ % kBetweenVolumeChecks == 0;
+    if (failure.empty() && checkVolume) failure = checker_.checkFileSystem();
+    ++ran_;
+    const std::string log = takeLog();
+    if (options_.one) {
+      fprintf(g_report, "%s%s state %llu: operations %zu, flushed %zu: %s\n", log.c_str(),
+              name_.c_str(), static_cast<unsigned long long>(state.number), state.cut.at,
+              state.cut.flush, failure.empty() ? "good" : "FAILED");
+    }
+    if (!failure.empty() && ++failures_ <= options_.failures) complain(state.number, failure);
+  }
+
+  void complain(uint64_t number, const std::string& failure) const {
+    fprintf(g_report, "FAILED --workload %s --state %llu%s: %s\n", name_.c_str(),
+            static_cast<unsigned long long>(number),
+            options_.seed == 1 ? "" : (" --seed " + std::to_string(options_.seed)).c_str(),
+            failure.c_str());
     fflush(g_report);
   }
-  *ran += done;
-  return failures;
-}
+
+  void summary(uint64_t total) const {
+    const auto number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
+    fprintf(g_report,
+            "%s: operations %zu, states %llu, run %llu, contents %llu, recovered %llu, volumes "
+            "%llu, failed %llu\n",
+            name_.c_str(), life_.trace.ops.size(), number(total), number(ran_),
+            number(cards_.size()), number(checker_.recoveredCards()),
+            number(checker_.fileSystemChecks()), number(failures_));
+    fflush(g_report);
+  }
+
+  const std::string name_;
+  const Recorded& life_;
+  const Options options_;
+  Checker checker_;
+  std::unordered_set<uint64_t> cards_;
+  uint64_t ran_ = 0;
+  uint64_t failures_ = 0;
+  bool last_ = false;
+};
 
 const char* value(int argc, char** argv, int* i) {
   if (*i + 1 < argc) return argv[++*i];
@@ -109,9 +154,10 @@ Options parse(int argc, char** argv) {
       options.goal = strtoull(value(argc, argv, &i), nullptr, 10);
     } else if (arg == "--seed") {
       options.seed = strtoull(value(argc, argv, &i), nullptr, 10);
-    } else if (arg == "--shard") {
-      options.shard = strtoull(value(argc, argv, &i), nullptr, 10);
-      options.shards = strtoull(value(argc, argv, &i), nullptr, 10);
+    } else if (arg == "--first-failure") {
+      options.firstFailure = true;
+    } else if (arg == "--slot") {
+      stayOnProcessor(strtoul(value(argc, argv, &i), nullptr, 10));
     } else if (arg == "--omit") {
       if (!omitFlushesOf(value(argc, argv, &i))) {
         fprintf(stderr, "powercut: no such family\n");
@@ -132,15 +178,16 @@ Options parse(int argc, char** argv) {
 int run(int argc, char** argv) {
   const Options options = parse(argc, argv);
   muteStandardOutput();
-  setenv("TZ", "XYZ-02:00", 1);
-  uint64_t ran = 0;
+  setenv("TZ", zoneOf(options.workload), 1);
+  tzset();
   const Recorded life = recordWorkload(options.workload);
-  const uint64_t failures = runLife(options.workload, life, options, &ran);
-  if (ran == 0) {
+  Run all(options.workload, life, options);
+  all.all();
+  if (all.ran() == 0) {
     fprintf(stderr, "powercut: no such state\n");
     return 2;
   }
-  return failures == 0 ? 0 : 1;
+  return all.failures() == 0 ? 0 : 1;
 }
 
 }  // namespace
