@@ -367,9 +367,9 @@ std::vector<std::pair<uint64_t, uint64_t>> chunkExtents() {
 namespace {
 
 constexpr const char* kLives[] = {"recording", "chunk", "wrap", "two", "log", "image"};
-constexpr int kVariants = 90;
+constexpr int kVariants = 48;
 constexpr int kFewVariants = 3;
-constexpr int kRecoveries = 30;  // moments of a life whose recovery is a life of its own
+constexpr int kRecoveries = 60;  // moments of a life whose recovery is a life of its own
 constexpr int kSmallRecoveries = 6;
 
 void recordLife(const std::string& name, Recorded* out) {
