@@ -106,8 +106,11 @@ class Pass {
   bool look(uint32_t position) {
     const uint8_t* first = original_.at(position);
     const uint8_t* second = mirror_.at(position);
-    const bool firstValid = valid(traits_, first);
     const bool secondValid = valid(traits_, second);
+    // A sector that the card lost as zeros has the checksum of zeros. It is worth less than a copy
+    // that says what it is and lies where it says; the rebuild sees what the repair makes of it.
+    const bool lost = repair_ && !inPlace(first, position) && inPlace(second, position);
+    const bool firstValid = valid(traits_, first) && !lost;
     ++survey_->records;
     if (!firstValid && !secondValid) {
       if (erased(first) && erased(second)) {
@@ -131,8 +134,12 @@ class Pass {
     return true;
   }
 
+  bool inPlace(const uint8_t* record, uint32_t position) const {
+    return record != nullptr && journalRecordInPlace(traits_, record, position);
+  }
+
   void noteKey(const uint8_t* record, uint32_t position) {
-    if (record == nullptr || !journalRecordInPlace(traits_, record, position)) return;
+    if (!inPlace(record, position)) return;
     survey_->greatestKey = std::max(survey_->greatestKey, journalKey(record));
   }
 

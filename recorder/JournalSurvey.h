@@ -28,7 +28,8 @@ TARN_API int surveyJournal(JournalKind kind, JournalSurvey* survey);
 
 // The same, and makes the two copies one again, before anything edits records in them: an edit
 // patches a copy without testing it and would give a torn one a good checksum. Of two valid records
-// the original's is the newer one, because it is written first. Places that neither copy can tell
+// the original's is the newer one, because it is written first; one that lies elsewhere than it
+// says is not taken beside one that does not. Places that neither copy can tell
 // become deleted records when valid ones follow, or the rebuild could take them for the journal's
 // end. Flushed when it returns. Running it again changes nothing.
 TARN_API int scrubJournal(JournalKind kind, JournalSurvey* survey);

@@ -384,6 +384,20 @@ TEST_F(RecoveryTest, OfTwoValidRecordsTheOriginalsIsTaken) {
   EXPECT_TRUE(rig.cardBytes() == good);
 }
 
+TEST_F(RecoveryTest, ARecordThatReadsAsZerosIsTakenFromTheOtherCopy) {
+  rig.record(0, 40);
+  rig.powerOff();
+  ASSERT_TRUE(rig.boot().ok());
+  const Bytes good = rig.cardBytes();
+  for (const int copy : {2, 3}) {
+    rig.card.writeChunk(tarn::kFileJournal, copy, 0, Bytes(64, 0));  // zeros have a checksum of 0
+    const RecoveryReport report = rig.boot();
+    EXPECT_EQ(report.startUp.streams.copied + report.startUp.streams.unlike, 1u) << copy;
+    EXPECT_EQ(report.streamRows, 1u) << copy;
+    EXPECT_TRUE(rig.cardBytes() == good) << copy;
+  }
+}
+
 TEST_F(RecoveryTest, ALostRecordDoesNotHideThoseBehindIt) {
   rig.record(0, 40);
   rig.record(100, 140);
