@@ -306,7 +306,8 @@ TEST_F(Journal, LooksRowsUpInTheDatabase) {
   EXPECT_EQ(journalLog->searchStreamBackOffset(2), 64u);
   EXPECT_EQ(journalLog->searchEventBackOffset(3), 0xFFFFFFFFu);
   EXPECT_EQ(journalLog->searchStreamBackOffset(3), 0xFFFFFFFFu);
-  EXPECT_EQ(journalLog->searchEventBackOffset(2 + 0x100000000ul), 32u) << "keys have 32 bits";
+  EXPECT_EQ(journalLog->searchEventBackOffset(static_cast<unsigned long>(0x100000002)), 32u)
+      << "keys have 32 bits";
 }
 
 TEST_F(Journal, LookUpsFollowTheDatabaseFile) {

@@ -159,7 +159,8 @@ TEST_F(NativeEdit, NothingBehindTheChunkIsEverWritten) {
   EXPECT_EQ(restore.updateStreamDBLogNative(4, 1, 2, 3, 4, 64), -1);
   EXPECT_TRUE(log.has(LOG_ERR, " error : can't open file /dev/sdblk0p1:CKDL0004"));
   EXPECT_EQ(faults.count(Call::Write), 0u);
-  EXPECT_EQ(restore.deleteDBLogNative(0, 32 + 0x100000000ul), 0) << "offsets have 32 bits";
+  EXPECT_EQ(restore.deleteDBLogNative(0, static_cast<unsigned long>(0x100000020)), 0)
+      << "offsets have 32 bits";
 }
 
 }  // namespace

@@ -1,13 +1,13 @@
 #include "support/CardImage.h"
 
 #include <fcntl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+
+#include "support/RawCalls.h"
 
 namespace tarn_test {
 namespace {
@@ -148,8 +148,8 @@ std::string CardImage::name(int type, int n) const {
 std::vector<uint8_t> CardImage::read(uint64_t offset, size_t length) const {
   std::vector<uint8_t> bytes(length);
   for (size_t done = 0; done < length;) {
-    const long got = syscall(SYS_pread64, fd_, bytes.data() + done, length - done,
-                             static_cast<int64_t>(offset + done));
+    const ssize_t got =
+        rawPread(fd_, bytes.data() + done, length - done, static_cast<int64_t>(offset + done));
     if (got < 0) fail("read");
     if (got == 0) throw std::runtime_error("card image: read behind its end");
     done += static_cast<size_t>(got);
@@ -160,8 +160,8 @@ std::vector<uint8_t> CardImage::read(uint64_t offset, size_t length) const {
 void CardImage::write(uint64_t offset, const void* bytes, size_t length) {
   const auto* data = static_cast<const uint8_t*>(bytes);
   for (size_t done = 0; done < length;) {
-    const long put =
-        syscall(SYS_pwrite64, fd_, data + done, length - done, static_cast<int64_t>(offset + done));
+    const ssize_t put =
+        rawPwrite(fd_, data + done, length - done, static_cast<int64_t>(offset + done));
     if (put <= 0) fail("write");
     done += static_cast<size_t>(put);
   }
@@ -188,7 +188,7 @@ void CardImage::writeChunk(int type, int n, uint64_t offset, const std::vector<u
 }
 
 void CardImage::truncate(uint64_t size) {
-  if (syscall(SYS_ftruncate, fd_, static_cast<int64_t>(size)) != 0) fail("truncate");
+  if (rawTruncate(fd_, static_cast<int64_t>(size)) != 0) fail("truncate");
   size_ = size;
 }
 

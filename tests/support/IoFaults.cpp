@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +16,8 @@
 #include <optional>
 #include <ostream>
 #include <thread>
+
+#include "support/RawCalls.h"
 
 namespace tarn_test {
 namespace {
@@ -178,7 +179,7 @@ bool watching() { return g_live.load(std::memory_order_acquire) > 0; }
 
 int64_t positionOf(int fd) {
   const int saved = errno;
-  const int64_t position = syscall(SYS_lseek, fd, 0, SEEK_CUR);
+  const int64_t position = rawPosition(fd);
   errno = saved;
   return position;
 }
