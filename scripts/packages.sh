@@ -4,6 +4,8 @@ build_packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcli11-dev lib
   nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev)
 # 32-bit ARM: built here and run through QEMU.
 arm_packages=(g++-arm-linux-gnueabihf qemu-user googletest)
+# The emulated board.
+board_packages=(qemu-system-arm cpio kmod mtools)
 run_packages=(bubblewrap)
 demo_packages=(python3-imageio ffmpeg dosfstools)
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
