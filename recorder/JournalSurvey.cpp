@@ -97,6 +97,7 @@ class Pass {
     std::sort(keys_.begin(), keys_.end());
     keys_.erase(std::unique(keys_.begin(), keys_.end()), keys_.end());
     survey_->liveKeys = static_cast<uint32_t>(keys_.size());
+    if (repair_) eraseUnfinished();
     if (!original_.flush() || !mirror_.flush()) ++survey_->refused;
     return 0;
   }
@@ -170,6 +171,19 @@ class Pass {
       put(&mirror_, position, record);
     }
     gap_.clear();
+  }
+
+  // What lies behind the last record in one copy only was torn before its insert was done: nobody
+  // was told of it, and the place is free.
+  void eraseUnfinished() {
+    const std::vector<uint8_t> nothing(traits_.recordSize, 0xFF);
+    for (const uint32_t position : gap_) {
+      const bool inOriginal = !erased(original_.at(position));
+      const bool inMirror = !erased(mirror_.at(position));
+      if (inOriginal == inMirror) continue;
+      ++survey_->unfinished;
+      put(inOriginal ? &original_ : &mirror_, position, nothing.data());
+    }
   }
 
   void put(Copy* copy, uint32_t position, const uint8_t* record) {

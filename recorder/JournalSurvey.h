@@ -15,10 +15,11 @@ struct JournalSurvey {
   uint32_t unreadable = 0;   // places without a valid record in either copy
   uint32_t greatestKey = 0;  // of all live and deleted records of both copies; 0 without any
   // Of scrubJournal() only:
-  uint32_t copied = 0;   // records that were bad in one copy and were taken from the other
-  uint32_t unlike = 0;   // valid in both copies but different: the original's were taken
-  uint32_t bridged = 0;  // unreadable places in front of valid records, made deleted records
-  uint32_t refused = 0;  // records that the card did not let us write
+  uint32_t copied = 0;      // records that were bad in one copy and were taken from the other
+  uint32_t unlike = 0;      // valid in both copies but different: the original's were taken
+  uint32_t bridged = 0;     // unreadable places in front of valid records, made deleted records
+  uint32_t unfinished = 0;  // torn places behind the last record, erased in the other copy: erased
+  uint32_t refused = 0;     // records that the card did not let us write
 };
 
 // Reads both copies on the card itself, without a server and without changing anything. A record
@@ -31,7 +32,8 @@ TARN_API int surveyJournal(JournalKind kind, JournalSurvey* survey);
 // the original's is the newer one, because it is written first; one that lies elsewhere than it
 // says is not taken beside one that does not. Places that neither copy can tell
 // become deleted records when valid ones follow, or the rebuild could take them for the journal's
-// end. Flushed when it returns. Running it again changes nothing.
+// end; behind the last record, what is erased in one copy is erased in the other. Flushed when it
+// returns. Running it again changes nothing.
 TARN_API int scrubJournal(JournalKind kind, JournalSurvey* survey);
 
 }  // namespace tarn

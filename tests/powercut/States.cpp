@@ -5,7 +5,7 @@
 
 namespace powercut {
 States::States(const Recorded& life, uint64_t seed)
-    : life_(life), random_(seed), shadow_(life.base) {}
+    : life_(life), random_(seed), copied_(copiedExtents()), shadow_(life.base) {}
 
 uint64_t States::random() { return mix(random_ += 0x9E3779B97F4A7C15u); }
 
@@ -37,6 +37,12 @@ void States::addWrite(const CardOp& op) {
       sector.hashes.push_back(sectorHash(number, old));
     }
     std::vector<uint8_t> bytes = sector.versions.back();
+    if (hasCopy(number)) {
+      sector.torn = bytes;
+      memcpy(sector.torn.data() + at % kSector, op.bytes.data() + (at - op.offset),
+             (stop - at + 1) / 2);
+      sector.tornHash = sectorHash(number, sector.torn.data());
+    }
     memcpy(bytes.data() + at % kSector, op.bytes.data() + (at - op.offset), stop - at);
     sector.writes.push_back(waiting_);
     sector.hashes.push_back(sectorHash(number, bytes.data()));
@@ -62,14 +68,16 @@ void States::visitState(const Versions& versions) {
   uint64_t content = flushedHash_;
   for (const auto& [sector, version] : versions) {
     const Sector& place = sectors_.at(sector);
-    content ^= place.hashes.front() ^ place.hashes[version];
+    content ^= place.hashes.front() ^ (version == kTorn ? place.tornHash : place.hashes[version]);
   }
   contents_.insert(content);
   if (!seen_.insert(mix(content) + promises()).second) return;
   if (!(*visit_)(number, distinct_++)) return;
   Card& card = Card::get();
   for (const auto& [sector, version] : versions) {
-    card.put(sector * kSector, sectors_.at(sector).versions[version].data(), kSector);
+    const Sector& place = sectors_.at(sector);
+    const auto& bytes = version == kTorn ? place.torn : place.versions[version];
+    card.put(sector * kSector, bytes.data(), kSector);
   }
   (*run_)({number, cut_, flushedHash_, content});
   card.rollBack(0);
@@ -132,6 +140,22 @@ void States::visitTears() {
   }
 }
 
+void States::visitTornCopies() {
+  Versions versions;
+  bool any = false;
+  for (const auto& [number, sector] : sectors_) {
+    any = any || !sector.torn.empty();
+    versions.emplace_back(number, sector.torn.empty() ? sector.versions.size() - 1 : kTorn);
+  }
+  if (any) visitState(versions);
+}
+
+bool States::hasCopy(uint64_t sector) const {
+  return std::any_of(copied_.begin(), copied_.end(), [sector](const auto& extent) {
+    return sector * kSector >= extent.first && sector * kSector < extent.second;
+  });
+}
+
 void States::walk(const Visit& visit, const Run& run) {
   visit_ = &visit;
   run_ = &run;
@@ -149,6 +173,7 @@ void States::walk(const Visit& visit, const Run& run) {
       addWrite(op);
       visitSubsets();
       visitTears();
+      visitTornCopies();
     }
   }
 }

@@ -22,7 +22,9 @@ struct State {
 // Every state that the card can have when power goes during a life: after each operation all writes
 // so far; the flushed ones alone; every subset of the unflushed ones, or a sample of them when they
 // are more than 12; the last one torn at each sector, and without each of its 4 KiB pages. A sector
-// of the device is whole, and never older than what the system's cache last gave it.
+// of the device is whole, and never older than what the system's cache last gave it. Where the card
+// keeps two copies with sums (journals and management data) not even that is asked for: there all
+// unflushed writes are also torn inside their sectors.
 class States {
  public:
   States(const Recorded& life, uint64_t seed);
@@ -47,7 +49,11 @@ class States {
     std::vector<size_t> writes;  // index among the unflushed writes
     std::vector<std::vector<uint8_t>> versions;
     std::vector<uint64_t> hashes;
+    // With half of what the last write has for it; empty where sectors have to be whole.
+    std::vector<uint8_t> torn;
+    uint64_t tornHash = 0;
   };
+  static constexpr size_t kTorn = SIZE_MAX;  // stands for a version
   // Version of each sector that is not as flushed.
   using Versions = std::vector<std::pair<uint64_t, size_t>>;
 
@@ -56,13 +62,16 @@ class States {
   void visitState(const Versions& versions);
   void visitSubsets();
   void visitTears();
+  void visitTornCopies();
+  bool hasCopy(uint64_t sector) const;
   void visitMask(const std::vector<bool>& mask);
   uint64_t promises() const;
   uint64_t random();
 
   const Recorded& life_;
   uint64_t random_;
-  std::vector<uint8_t> shadow_;  // the card with everything flushed
+  const std::vector<std::pair<uint64_t, uint64_t>> copied_;  // bytes that are kept twice
+  std::vector<uint8_t> shadow_;                              // the card with everything flushed
   uint64_t flushedHash_ = 0;
   std::unordered_map<uint64_t, Sector> sectors_;
   size_t waiting_ = 0;  // unflushed writes

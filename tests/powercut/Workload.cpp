@@ -353,6 +353,16 @@ bool omitFlushesOf(const std::string& family) {
   return g_omitted >= 0;
 }
 
+std::vector<std::pair<uint64_t, uint64_t>> copiedExtents() {
+  std::vector<std::pair<uint64_t, uint64_t>> extents;
+  for (int type : {tarn::kFileJournal, tarn::kFileStreamManage, tarn::kFileSyslogManage,
+                   tarn::kFileJournalManage}) {
+    const tarn::CardFamily& family = g_layout.family(type);
+    extents.emplace_back(family.startByte(), family.startByte() + family.bytes());
+  }
+  return extents;
+}
+
 std::vector<std::pair<uint64_t, uint64_t>> chunkExtents() {
   std::vector<std::pair<uint64_t, uint64_t>> extents;
   for (int type = 1; type < tarn::kFileTypeCount; ++type) {
@@ -367,7 +377,7 @@ std::vector<std::pair<uint64_t, uint64_t>> chunkExtents() {
 namespace {
 
 constexpr const char* kLives[] = {"recording", "chunk", "wrap", "two", "log", "image"};
-constexpr int kVariants = 48;
+constexpr int kVariants = 42;
 constexpr int kFewVariants = 3;
 constexpr int kRecoveries = 60;  // moments of a life whose recovery is a life of its own
 constexpr int kSmallRecoveries = 6;

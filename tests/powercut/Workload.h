@@ -96,6 +96,8 @@ const tarn::CardLayout& cardLayout();
 
 // Extents of all chunks of the card that was formatted last.
 std::vector<std::pair<uint64_t, uint64_t>> chunkExtents();
+// Those of journals and management data.
+std::vector<std::pair<uint64_t, uint64_t>> copiedExtents();
 void formatCard();
 
 }  // namespace powercut

@@ -398,6 +398,47 @@ TEST_F(RecoveryTest, ARecordThatReadsAsZerosIsTakenFromTheOtherCopy) {
   }
 }
 
+TEST_F(RecoveryTest, WhatAPassingReadErrorHidesIsNotWrittenOver) {
+  rig.record(0, 40);
+  rig.powerOff();
+  const Bytes good = rig.cardBytes();
+  const auto header = static_cast<int64_t>(rig.card.chunkStart(tarn::kFilePicture, 0));
+  // Of one start, every read that reaches the header fails. Which those are changes with each that
+  // fails.
+  std::vector<int> failing;
+  RecoveryReport report;
+  for (bool found = true; found;) {
+    found = false;
+    rig.setCard(good);
+    IoFaults faults(kCardPath);
+    for (const int n : failing) faults.fail(Call::Read, n, EIO);
+    report = rig.boot();
+    int n = 0;
+    for (const IoRecord& call : faults.calls()) {
+      if (call.call != Call::Read) continue;
+      ++n;
+      const bool reaches =
+          call.offset <= header && header < call.offset + static_cast<int64_t>(call.length);
+      if (!reaches || call.result < 0) continue;
+      failing.push_back(n);
+      found = true;
+      break;
+    }
+    ASSERT_LT(failing.size(), 50u);
+  }
+  ASSERT_FALSE(failing.empty());
+  ASSERT_TRUE(report.ok()) << report.error;
+  EXPECT_THAT(report.problems, ElementsAre(HasSubstr("the card does not give its header")));
+  rig.startServer();
+  rig.record(100, 140);
+  std::vector<uint32_t> all = range(0, 40);
+  for (uint32_t number : range(100, 140)) all.push_back(number);
+  EXPECT_EQ(verifyAll(), all);
+  rig.powerOff();
+  EXPECT_TRUE(rig.boot().ok());
+  EXPECT_EQ(verifyAll(), all);
+}
+
 TEST_F(RecoveryTest, ALostRecordDoesNotHideThoseBehindIt) {
   rig.record(0, 40);
   rig.record(100, 140);
@@ -411,6 +452,21 @@ TEST_F(RecoveryTest, ALostRecordDoesNotHideThoseBehindIt) {
   EXPECT_EQ(report.startUp.streams.bridged, 1u);
   EXPECT_THAT(keysOf(allStreams()), ElementsAre(2u));
   expectASecondRunToChangeNothing();
+}
+
+TEST_F(RecoveryTest, ARecordThatWasTornBeforeItsMirrorBeganIsErased) {
+  rig.record(0, 40);
+  rig.powerOff();
+  ASSERT_TRUE(rig.boot().ok());
+  const Bytes good = rig.cardBytes();
+  for (const int copy : {2, 3}) {
+    rig.card.writeChunk(tarn::kFileJournal, copy, 64, Bytes(30, 0x5A));
+    const RecoveryReport report = rig.boot();
+    EXPECT_TRUE(report.ok()) << report.error;
+    EXPECT_EQ(report.startUp.streams.unfinished, 1u) << copy;
+    EXPECT_EQ(report.streamRows, 1u) << copy;
+    EXPECT_TRUE(rig.cardBytes() == good) << copy;
+  }
 }
 
 TEST_F(RecoveryTest, ARunningServerIsLeftAlone) {
