@@ -221,6 +221,7 @@ std::unique_ptr<Rig> rig(std::function<double()> ours, std::function<double()> b
 }
 
 int main(int argc, char** argv) {
+  setenv("TZ", "UTC0", 1);
   takeOptions(&argc, argv);
   if (options.list) return listGroups();
   for (const Pair& pair : pairs()) {

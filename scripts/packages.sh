@@ -10,3 +10,4 @@ run_packages=(bubblewrap)
 demo_packages=(python3-imageio ffmpeg dosfstools)
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
   file man-db dpkg-dev lintian systemd)
+bench_packages=(libbenchmark-dev nbdkit libnbd-bin util-linux python3-imageio ffmpeg)
