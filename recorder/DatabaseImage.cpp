@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "base/Omission.h"
 #include "chunk/CTARNDBChunk.h"
 #include "dblog/JournalFormat.h"
 #include "fat/CFATAccess.h"
@@ -120,8 +121,9 @@ ImageRestore restoreDatabaseImage(std::string* error) {
   // Whether an image is there is not known. Nothing can have gone wrong yet, but an image that
   // shows up again later would.
   if (size == kUnreadable) *error = "the card does not tell whether it has a database image";
-  const bool usable = size != kUnreadable && copyOut(&chunk, error) && isTrusted(error);
-  if (chunk.clearDBChunk(0) != 0) {
+  const bool usable = size != kUnreadable && copyOut(&chunk, error) &&
+                      (omitted(Omit::kImageTrust) || isTrusted(error));
+  if (!omitted(Omit::kImageEmptied) && chunk.clearDBChunk(0) != 0) {
     unlink(kRestored);
     // What cannot be read at all is no danger, and no reason never to start again.
     if (size == kUnreadable) return ImageRestore::kUnusable;
@@ -137,7 +139,8 @@ ImageRestore restoreDatabaseImage(std::string* error) {
 
 bool saveDatabaseImage(std::string* error) {
   CTARNDBChunk chunk;
-  if (chunk.clearDBChunk(0) != 0) return unusable(error, "the card has no place for an image");
+  if (!omitted(Omit::kImageClearedFirst) && chunk.clearDBChunk(0) != 0)
+    return unusable(error, "the card has no place for an image");
   struct stat journal;
   // A writer that died in a transaction left the file half changed; SQLite would mend it first.
   if (stat(kHotJournal, &journal) == 0 && journal.st_size != 0) {

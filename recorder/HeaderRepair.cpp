@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/Omission.h"
 #include "base/Wrap.h"
 #include "dblog/CDbRestore.h"
 #include "recorder/NativeRows.h"
@@ -179,6 +180,7 @@ bool repairEnd(uint32_t chunk, const char* order, RecoveryReport* report) {
 }  // namespace
 
 bool repairHeaders(RecoveryReport* report) {
+  if (omitted(Omit::kHeaders)) return true;
   std::vector<DB_STREAM> chunks;
   if (!selectStreams(kSqlChunks, &chunks)) return false;
   for (const DB_STREAM& row : chunks) {

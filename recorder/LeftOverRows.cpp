@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/Omission.h"
 #include "base/Wrap.h"
 #include "dblog/CDbRestore.h"
 #include "recorder/NativeRows.h"
@@ -89,6 +90,7 @@ bool closeRow(const DB_STREAM& row, RecoveryReport* report) {
 }  // namespace
 
 bool deleteOvertakenRows(RecoveryReport* report) {
+  if (omitted(Omit::kOvertakenRows)) return true;
   std::vector<DB_STREAM> rows;
   if (!selectStreams(kSqlOvertaken, &rows)) return false;
   for (const DB_STREAM& row : rows) {
@@ -99,6 +101,7 @@ bool deleteOvertakenRows(RecoveryReport* report) {
 }
 
 bool repairVideoRows(RecoveryReport* report) {
+  if (omitted(Omit::kVideoRows)) return true;
   std::vector<DB_STREAM> rows;
   uint32_t eventsBefore = 0;
   uint32_t eventsAfter = 0;
@@ -126,6 +129,7 @@ bool repairVideoRows(RecoveryReport* report) {
 }
 
 bool closeRemainingRows(RecoveryReport* report) {
+  if (omitted(Omit::kRemainingRows)) return true;
   std::vector<DB_STREAM> rows;
   if (!selectStreams(kSqlUnclosed, &rows)) return false;
   return std::all_of(rows.begin(), rows.end(),

@@ -1,5 +1,6 @@
 #include "recorder/LogLayout.h"
 
+#include "base/Omission.h"
 #include "recorder/LogFormat.h"
 
 namespace tarn {
@@ -28,7 +29,7 @@ bool LogLayout::add(std::string_view text, int64_t seconds, std::string* out) {
   const uint32_t left = kLogBlockBytes - position_ % kLogBlockBytes;
   const auto length = static_cast<uint32_t>(line.size() + 1);
   std::string filling;
-  if (length > left) {
+  if (length > left && !omitted(Omit::kLogBlocks)) {
     // Only behind a line, so there is a stamp, and there is room for it with its line feed.
     filling = lastStamp_ + std::string(left - kLogMarkBytes, ' ') + "\n";
   }

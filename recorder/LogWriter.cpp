@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "base/Omission.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/LogFormat.h"
 #include "recorder/LogMessages.h"
@@ -160,7 +161,8 @@ bool LogWriter::readBlock(uint32_t position, std::string* block) {
 bool LogWriter::moveOn() {
   const int next = (chunkNumber_ + 1) % kChunks;
   if (!openChunk(next)) return false;
-  if (!retryFor(kServerPatienceMs, [&] { return giveUp(next); })) return fail(kErrLogServer);
+  const auto given = [&] { return omitted(Omit::kLogGiveUp) || giveUp(next); };
+  if (!retryFor(kServerPatienceMs, given)) return fail(kErrLogServer);
   if (!put(0, kLogEmpty, kLogMarkBytes)) return false;
   written_ = 0;
   layout_.restart(0, "");
@@ -209,10 +211,10 @@ int LogWriter::flush() {
 }
 
 bool LogWriter::writeOut() {
-  const std::string bytes = pending_ + kLogMark;
+  const std::string bytes = pending_ + (omitted(Omit::kLogMark) ? "" : kLogMark);
   const auto first = std::min<size_t>(bytes.size(), kLogMarkBytes);
   // Within one sector all of it is there or nothing.
-  if (written_ % kLogSectorBytes + bytes.size() <= kLogSectorBytes) {
+  if (omitted(Omit::kLogMarkLast) || written_ % kLogSectorBytes + bytes.size() <= kLogSectorBytes) {
     if (!put(written_, bytes.data(), bytes.size())) return false;
   } else if (!put(written_ + kLogMarkBytes, bytes.data() + first, bytes.size() - first) ||
              !put(written_, bytes.data(), first)) {

@@ -1,5 +1,6 @@
 #include "recorder/OpenEvents.h"
 
+#include "base/Omission.h"
 #include "dblog/CDbRestore.h"
 #include "recorder/NativeRows.h"
 
@@ -37,6 +38,7 @@ bool endEvent(const DB_EVENT& event, uint32_t end, RecoveryReport* report) {
 }  // namespace
 
 bool endOpenEvents(RecoveryReport* report) {
+  if (omitted(Omit::kEvents)) return true;
   std::vector<DB_EVENT> open;
   uint32_t end = 0;
   if (!selectEvents(kSqlOpen, &open) || CDbRestore().fixLastEventDb() != 0 ||

@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "base/Omission.h"
 #include "base/Wrap.h"
 #include "chunk/CTARNStreamChunk.h"
 #include "db/CApiDb.h"
@@ -127,14 +128,14 @@ int RecordingSpace::claim(int chunk, int8_t channel, int8_t recType) {
   if (!chunkHasRows(chunk, &foreign)) return -1;
   const bool done = retryFor(kServerPatienceMs, [&] {
     if (manager_->getChType(asChunk(chunk), &owner, &type) != 0) return false;
-    if (owner != kUnused || foreign) return true;
+    if (owner != kUnused || foreign || omitted(Omit::kChannelOfChunk)) return true;
     return emptyChunk(chunk) && manager_->setChType(asChunk(chunk), channel, recType) == 0;
   });
   if (!done) {
     fail(RecordingError::kServer, kErrServer);
     return -1;
   }
-  if (owner == kUnused && foreign) {
+  if (owner == kUnused && foreign && !omitted(Omit::kChannelOfChunk)) {
     fail(RecordingError::kDatabase, kErrForeignRows);
     return -1;
   }
@@ -238,6 +239,7 @@ bool RecordingSpace::deleteEventsBefore(uint32_t now) {
 }
 
 bool RecordingSpace::deleteRecording(const DB_STREAM& row, uint32_t now, int keepChunk) {
+  if (omitted(Omit::kRowBeforeSpace) && (!releaseSpace(row) || !save())) return false;
   if (!deleteRow(row.streamID)) return false;
   ++statistics_->recordingsDeleted;
   if (!deleteEventsBefore(now)) return false;
@@ -302,6 +304,7 @@ bool RecordingSpace::giveBack(int chunk) {
 }
 
 bool RecordingSpace::save() {
+  if (omitted(Omit::kSaveBeforeWrite)) return true;
   return retryFor(kServerPatienceMs, [&] { return manager_->saveManageData() == 0; }) ||
          fail(RecordingError::kServer, kErrServer);
 }

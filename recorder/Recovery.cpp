@@ -7,6 +7,7 @@
 
 #include <chrono>
 
+#include "base/Omission.h"
 #include "base/UniqueFd.h"
 #include "dblog/CDbRestore.h"
 #include "recorder/ChannelLock.h"
@@ -97,6 +98,7 @@ bool Recovery::step(const char* name, const std::function<bool()>& work, const c
 }
 
 bool Recovery::manageFiles() {
+  if (omitted(Omit::kManageFiles)) return true;
   report_.streamManage = repairManageFile(kFileStream, &channels_);
   report_.syslogManage = repairManageFile(kFileSyslog, nullptr);
   report_.journalManage = repairManageFile(kFileJournal, nullptr);
@@ -134,16 +136,19 @@ bool Recovery::rebuild() {
 bool Recovery::database() {
   if (!restoreImage()) return report_.ok() && rebuild();
   // Offsets that step 1 had to make anew are nowhere else.
-  return CDbRestore().recoverJournalManage() == 0 || fail(kErrJournalManage);
+  return omitted(Omit::kJournalFreeOffset) || CDbRestore().recoverJournalManage() == 0 ||
+         fail(kErrJournalManage);
 }
 
 // The journals once more: rows that were deleted meanwhile may have been the newest, and the next
 // start would put the offsets behind those that are left.
 bool Recovery::manageData() {
   CDbRestore restore;
-  return restore.recoverJournalManage() == 0 &&
-         restore.recoverStreamManage(channels_.data(), static_cast<int>(channels_.size())) == 0 &&
-         restore.recoverSyslogManage() == 0;
+  const int channels = omitted(Omit::kChannels) ? 0 : static_cast<int>(channels_.size());
+  return (omitted(Omit::kJournalFreeOffset) || restore.recoverJournalManage() == 0) &&
+         (omitted(Omit::kStreamManage) ||
+          restore.recoverStreamManage(channels_.data(), channels) == 0) &&
+         (omitted(Omit::kSyslogManage) || restore.recoverSyslogManage() == 0);
 }
 
 bool Recovery::countRows() {
@@ -152,6 +157,7 @@ bool Recovery::countRows() {
 }
 
 bool Recovery::flushCard() {
+  if (omitted(Omit::kRecoveryFlush)) return true;
   const UniqueFd card(open(deviceName(kRecorderPartition), O_RDONLY | O_CLOEXEC));
   return card.valid() && fsync(card.get()) == 0;
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/Omission.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
@@ -117,6 +118,10 @@ bool RowWriter::makeJournalPlace(JournalGuard* guard, uint32_t now) {
 }
 
 bool RowWriter::chooseNumber(uint32_t* number) {
+  if (omitted(Omit::kFreshNumbers)) {
+    *number = PictureNumbers::kStep;
+    return true;
+  }
   if (numbers_.first(number)) return true;
   if (numbers_.scan(chunk_, static_cast<uint32_t>(picture_->getChunkSize())) != 0) {
     return fail(RecordingError::kCard, kErrReadChunk);
@@ -139,10 +144,10 @@ bool RowWriter::begin(const DB_STREAM& seed) {
     return fail(RecordingError::kCard, kErrWriteHeader);
   }
   if (headerOffset_ + kRecordSize >= picture_->getChunkSize()) ++statistics_->pictureWraps;
-  if (!sync(picture_.get(), kErrWriteHeader)) return false;
+  if (!omitted(Omit::kHeaderBeforeRow) && !sync(picture_.get(), kErrWriteHeader)) return false;
   numbers_.used(header_.firstNumber);
   row_ = seed;
-  row_.recSize = 0;
+  row_.recSize = omitted(Omit::kRowClosedLast) ? 2 : 0;
   row_.chunkID = static_cast<uint32_t>(chunk_);
   row_.chunkOffset = headerOffset_;
   row_.chunkSize = 0;
@@ -231,14 +236,14 @@ int64_t RowWriter::unsafeMicros(PictureTime decode) const {
 
 bool RowWriter::flush() {
   if (queued_ == 0) return true;
-  if (!sync(stream_.get(), kErrWriteData)) return false;
+  if (!omitted(Omit::kDataBeforeEntries) && !sync(stream_.get(), kErrWriteData)) return false;
   const long length = static_cast<long>(queued_ * kRecordSize);
   const auto before = picture_->getFreeAddr();
   if (picture_->write(queue_.data(), length) != length) {
     return fail(RecordingError::kCard, kErrWriteEntries);
   }
   if (picture_->getFreeAddr() < before) ++statistics_->pictureWraps;
-  if (!sync(picture_.get(), kErrWriteEntries)) return false;
+  if (!omitted(Omit::kEntriesFlush) && !sync(picture_.get(), kErrWriteEntries)) return false;
   statistics_->confirmed += queued_;
   queued_ = 0;
   confirmed_ = written_;
@@ -282,9 +287,11 @@ bool RowWriter::updateRow() {
 
 bool RowWriter::finish() {
   if (!flush()) return false;
-  const bool done = confirmed_.pictures == 0
-                        ? removeRow()
-                        : writeHeader(kMarkerOpen) && updateRow() && writeHeader(kMarkerClosed);
+  const bool early = omitted(Omit::kRowBeforeClosedHeader);
+  const bool done = confirmed_.pictures == 0 ? removeRow()
+                                             : (omitted(Omit::kTotalsBeforeRow) ||
+                                                writeHeader(early ? kMarkerClosed : kMarkerOpen)) &&
+                                                   updateRow() && writeHeader(kMarkerClosed);
   running_ = !done;
   return done && saveManageData();
 }

@@ -2,6 +2,7 @@
 
 #include <syslog.h>
 
+#include "base/Omission.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbRestore.h"
 #include "recorder/DatabaseSetup.h"
@@ -30,6 +31,7 @@ bool StartUp::fail(StartUpReport::Step step, const std::string& text) {
 
 // The command's exit status says little: what counts is what it left.
 bool StartUp::makeDatabase() {
+  if (omitted(Omit::kEmptyDatabase)) return true;
   std::string error;
   if (CDbRestore().setupEmptyDb() != 0) {
     return fail(StartUpReport::kEmptyDatabase, kErrNoEmptyDatabase);
@@ -39,6 +41,10 @@ bool StartUp::makeDatabase() {
 }
 
 bool StartUp::scrub() {
+  if (omitted(Omit::kScrub)) {
+    return surveyJournal(JournalKind::kEvent, &report_.events) == 0 &&
+           surveyJournal(JournalKind::kStream, &report_.streams) == 0;
+  }
   return (scrubJournal(JournalKind::kEvent, &report_.events) == 0 &&
           scrubJournal(JournalKind::kStream, &report_.streams) == 0) ||
          fail(StartUpReport::kSurvey, kErrSurvey);
@@ -46,6 +52,7 @@ bool StartUp::scrub() {
 
 bool StartUp::replay() {
   CDbRestore restore;
+  if (omitted(Omit::kReplay)) return true;
   if (restore.restoreEventDb() != 0) fail(StartUpReport::kEventReplay, kErrEventReplay);
   if (restore.restoreStreamDb(kStreamJournalChunk) != 0) {
     fail(StartUpReport::kStreamReplay, kErrStreamReplay);
@@ -57,12 +64,14 @@ bool StartUp::replay() {
 
 // A row that is missing now would take its recording with it: its chunk would count as free.
 bool StartUp::countRows() {
+  if (omitted(Omit::kRowCount)) return true;
   return (report_.eventRows == report_.events.liveKeys &&
           report_.streamRows == report_.streams.liveKeys) ||
          fail(StartUpReport::kRowCount, kErrRowCount);
 }
 
 bool StartUp::seedKeys() {
+  if (omitted(Omit::kSeedKeys)) return true;
   std::string error;
   return DatabaseSetup::seedKeys(DatabaseSetup::defaultPath(), report_.events.greatestKey,
                                  report_.streams.greatestKey, &error) ||
@@ -74,7 +83,7 @@ bool StartUp::seedKeys() {
 StartUpReport StartUp::run() {
   report_ = StartUpReport();
   if (makeDatabase() && scrub() && replay() && countRows() && seedKeys() &&
-      CDbRestore().recoverJournalManage() != 0) {
+      !omitted(Omit::kJournalFreeOffset) && CDbRestore().recoverJournalManage() != 0) {
     fail(StartUpReport::kJournalManage, kErrJournalManage);
   }
   return report_;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <new>
 
+#include "base/Omission.h"
 #include "base/Wrap.h"
 #include "chunk/CTARNMirroredChunk.h"
 #include "db/CApiDb.h"
@@ -236,6 +237,7 @@ bool CDbLog::admitLocked(const Operation& operation) {
 // Under the lock although it waits for the card: another thread's write would use the same chunks,
 // and its requests the same connection to the server.
 void CDbLog::flushLocked() {
+  if (tarn::omitted(tarn::Omit::kMirrorFlush)) return;
   if (m_streamJournal != nullptr) m_streamJournal->fSync();
   if (m_eventJournal != nullptr) m_eventJournal->fSync();
 }
@@ -467,6 +469,7 @@ bool CDbLog::deleteStream(unsigned long streamID) {
 }
 
 bool CDbLog::markDeleted(const Operation& operation, unsigned long offset) {
+  if (tarn::omitted(tarn::Omit::kRecordDelete)) return true;
   const uint32_t marker = journalTraits(operation.kind).deletedMarker;
   return rewrite(operation, offset, [marker](uint8_t* bytes) { setJournalMarker(bytes, marker); });
 }

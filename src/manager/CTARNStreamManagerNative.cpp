@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/Crc16.h"
+#include "base/Omission.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "fat/ChunkFiles.h"
@@ -165,6 +166,7 @@ int CTARNStreamManagerNative::saveManageData() {
   if (isOpen()) tarn::sealManageData(m_records, m_numChunk);
   syslog(LOG_INFO, tarn::kMsgStoreSave, m_suffix);
   const bool backupSaved =
+      tarn::omitted(tarn::Omit::kManageBackup) ||
       saveCopy(m_backupHandle, tarn::kMsgStoreBackupSeekError, tarn::kMsgStoreBackupWriteError);
   const bool mainSaved =
       saveCopy(m_mainHandle, tarn::kMsgStoreMainSeekError, tarn::kMsgStoreMainWriteError);
@@ -183,6 +185,7 @@ bool CTARNStreamManagerNative::saveCopy(int handle, const char* seekError, const
     syslog(LOG_ERR, "%s", writeError);
     saved = false;
   }
+  if (tarn::omitted(tarn::Omit::kManageCopyFlush) && handle == m_backupHandle) return saved;
   return m_fat.fsync(handle) == 0 && saved;
 }
 

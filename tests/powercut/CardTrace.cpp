@@ -133,6 +133,7 @@ void Card::written(uint64_t offset, const void* bytes, size_t length) {
   bool inside = extents_.empty();
   for (const auto& [from, to] : extents_)
     inside = inside || (offset >= from && offset + length <= to);
+  unflushed_ = true;
   if (!inside && stray_.empty()) {
     stray_ = std::to_string(length) + " bytes at " + std::to_string(offset);
   }
@@ -142,6 +143,7 @@ void Card::written(uint64_t offset, const void* bytes, size_t length) {
 }
 
 void Card::flushed() {
+  unflushed_ = false;
   if (trace_ == nullptr) return;
   if (!trace_->ops.empty() && !trace_->ops.back().flush) {
     const uint64_t last = trace_->ops.back().offset;

@@ -68,6 +68,8 @@ class Card {
   // Places that the recorder may write to; a write elsewhere is noted.
   void allow(std::vector<std::pair<uint64_t, uint64_t>> extents) { extents_ = std::move(extents); }
   std::string takeStray();
+  // Something was written and no flush came behind it.
+  bool unflushed() const { return unflushed_; }
 
   // Recording into a trace; null ends it.
   void record(Trace* trace) { trace_ = trace; }
@@ -88,6 +90,7 @@ class Card {
   std::vector<Saved> undo_;
   std::vector<std::pair<uint64_t, uint64_t>> extents_;
   std::string stray_;
+  bool unflushed_ = false;
   Trace* trace_ = nullptr;
 };
 

@@ -295,6 +295,28 @@ std::string checkLoss(const Recorded& life, Cut cut, const Model& model,
   return "";
 }
 
+// A chunk with recordings belongs to their channel, or another one would go on in it.
+std::string checkChannels(const Recorded& life, const std::vector<DB_STREAM>& rows) {
+  tarn::CardInfo info;
+  std::string error;
+  if (info.read(kCardPath, &error) != 0) return error;
+  const auto& records = info.management(tarn::kFileStreamManage).records;
+  std::map<uint32_t, int8_t> channels;
+  for (size_t session = 0; session < life.sessions.size(); ++session) {
+    for (const Picture& picture : life.sessions[session]) {
+      channels[picture.streamID] = life.channels[session];
+    }
+  }
+  for (const DB_STREAM& row : rows) {
+    const auto known = channels.find(row.streamID);
+    if (known == channels.end() || records.at(row.chunkID).chType == known->second) continue;
+    return "I6: chunk " + std::to_string(row.chunkID) + " belongs to channel " +
+           std::to_string(records.at(row.chunkID).chType) + ", " + text(row) + " to channel " +
+           std::to_string(known->second);
+  }
+  return "";
+}
+
 std::string firstSectors(const std::vector<uint64_t>& sectors) {
   std::string out;
   for (size_t i = 0; i < sectors.size() && i < 5; ++i) {
@@ -463,6 +485,7 @@ std::string checkFitness(const std::vector<DB_STREAM>& rows,
 std::string Checker::checkRecovered(Cut cut, uint64_t flushed) {
   const tarn::RecoveryReport report = bootCard();
   if (!report.ok()) return "recovery fails: " + report.error;
+  if (Card::get().unflushed()) return "I5: recovery returns with writes that are not flushed";
   const std::string state = describeCard();
   const uint64_t sum = flushed ^ Card::get().changesHash();
   if (life_.isRecovery && state != life_.finalState) {
@@ -477,6 +500,7 @@ std::string Checker::checkRecovered(Cut cut, uint64_t flushed) {
   std::string failure = checkRows(model.streams, rows);
   if (failure.empty()) failure = checkRows(model.events, events);
   if (failure.empty()) failure = checkOpenEvents(model.events, rows, events);
+  if (failure.empty()) failure = checkChannels(life_, rows);
   if (failure.empty()) failure = checkLoss(life_, cut, model, rows);
   if (failure.empty()) failure = checkLog(life_, cut.at);
   if (!failure.empty()) return failure;

@@ -78,6 +78,7 @@ class Recorder {
     options.inTrg = 7;
     sessions_.push_back(std::make_unique<tarn::RecordingSession>());
     out_->sessions.emplace_back();
+    out_->channels.push_back(channel);
     require(sessions_.back()->open(options) == 0, sessions_.back()->errorText());
     return sessions_.size() - 1;
   }

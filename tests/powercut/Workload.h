@@ -71,6 +71,7 @@ struct Recorded {
   Trace trace;
   std::vector<SafeMark> safe;
   std::vector<std::vector<Picture>> sessions;  // of each: its pictures in order
+  std::vector<int8_t> channels;                // of each session
   uint32_t flushPictures = 0;                  // most that may be handed over and not be safe
   std::vector<LogMark> log;                    // only of lives that write a system log
   bool isFormat = false;

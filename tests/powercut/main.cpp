@@ -14,6 +14,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "base/Omission.h"
 #include "powercut/Checks.h"
 #include "powercut/States.h"
 #include "powercut/Workload.h"
@@ -163,6 +164,13 @@ Options parse(int argc, char** argv) {
         fprintf(stderr, "powercut: no such family\n");
         exit(2);
       }
+#ifdef TARN_OMISSIONS
+    } else if (arg == "--omit-step") {
+      if (!tarn::omit(value(argc, argv, &i))) {
+        fprintf(stderr, "powercut: no such step\n");
+        exit(2);
+      }
+#endif
     } else if (arg == "--list") {
       const bool all = i + 1 < argc && strcmp(argv[i + 1], "--all") == 0;
       for (const std::string& name : workloadNames(all)) puts(name.c_str());
