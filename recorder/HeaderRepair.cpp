@@ -138,6 +138,12 @@ bool wasClosedNow(uint32_t streamID, const RecoveryReport& report) {
   });
 }
 
+// Once: the oldest row of a chunk may be its newest.
+void noteUnreadable(const DB_STREAM& row, RecoveryReport* report) {
+  const std::string text = nameOf(row) + ": the card does not give its header and entries";
+  if (report->problems.empty() || report->problems.back() != text) report->problems.push_back(text);
+}
+
 // What became of one row.
 enum class Outcome { kStays, kGone, kFailed };
 
@@ -147,7 +153,7 @@ Outcome repairRow(const DB_STREAM& row, RecoveryReport* report) {
     case Verdict::kGood:
       return Outcome::kStays;
     case Verdict::kUnreadable:
-      report->problems.push_back(nameOf(row) + ": the card does not give its header and entries");
+      noteUnreadable(row, report);
       return Outcome::kStays;
     case Verdict::kDelete:
       if (!deleteStreamNative(row)) return Outcome::kFailed;

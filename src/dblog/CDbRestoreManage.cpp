@@ -57,6 +57,10 @@ uint32_t areaEnd(uint32_t start, uint32_t size, uint32_t areaSize) {
              : tarn::wrapAdd32(start, size);
 }
 
+uint32_t ringBack(uint32_t offset, uint32_t size, uint32_t areaSize) {
+  return offset >= size ? offset - size : areaSize - (size - offset);
+}
+
 class StreamManageRecovery {
  public:
   explicit StreamManageRecovery(CTARNStreamManagerNative* store)
@@ -77,6 +81,7 @@ class StreamManageRecovery {
 
   // -1 when a query fails.
   int recover(short chunk) {
+    blind_ = oldestRead_ = false;
     if (select(kSqlOldestInChunk, chunk) != 0) return -1;
     if (database_.getNTuple() == 0) return 0;
     if (!setUse(chunk, database_.getValue(0, 0))) return 0;
@@ -84,6 +89,23 @@ class StreamManageRecovery {
     if (database_.getNTuple() > 0)
       setFree(chunk, database_.getValue(0, 0), database_.getValue(0, 1));
     return 0;
+  }
+
+  // What the last recovered chunk holds is not known: a header was not delivered, or its newest row
+  // is still open because nothing of it was. Its rings count as full, so that nothing is written
+  // over what may come back at a later start; deleting its rows, oldest first, makes room again.
+  // Where the oldest one's header is missing its data begins where it did when it was last saved.
+  void guard(short chunk, const CHUNK_MANAGE& known) {
+    CHUNK_MANAGE present{};
+    if (!blind_ || store_->getManageData(chunk, &present) != 0) return;
+    if (!oldestRead_) {
+      present.streamUseOffset = known.streamUseOffset;
+      store_->setUsage(chunk, present.streamUseOffset, kStreamArea);
+    }
+    store_->setFree(chunk,
+                    ringBack(present.pictureUseOffset, tarn::kPictureRecordSize, pictureSize_),
+                    kPictureArea);
+    store_->setFree(chunk, ringBack(present.streamUseOffset, 1, streamSize_), kStreamArea);
   }
 
   // Of a chunk that rows use; a free one is nobody's.
@@ -109,7 +131,11 @@ class StreamManageRecovery {
     uint8_t header[tarn::kPictureRecordSize];
     store_->setChType(chunk, 0, 0);
     store_->setUsage(chunk, chunkOffset, kPictureArea);
-    if (!readStreamHeader(&picture_, chunk, chunkOffset, header)) return false;
+    if (!readStreamHeader(&picture_, chunk, chunkOffset, header)) {
+      blind_ = true;
+      return false;
+    }
+    oldestRead_ = true;
     store_->setUsage(chunk, tarn::getLe32(header + tarn::kHeaderDataOffsetOff), kStreamArea);
     return true;
   }
@@ -117,7 +143,11 @@ class StreamManageRecovery {
   void setFree(short chunk, uint32_t chunkOffset, uint32_t chunkSize) {
     uint8_t header[tarn::kPictureRecordSize];
     store_->setFree(chunk, areaEnd(chunkOffset, chunkSize, pictureSize_), kPictureArea);
-    if (!readStreamHeader(&picture_, chunk, chunkOffset, header)) return;
+    blind_ = chunkSize == 0;  // a closed row has a header and an entry at least
+    if (!readStreamHeader(&picture_, chunk, chunkOffset, header)) {
+      blind_ = true;
+      return;
+    }
     store_->setFree(chunk,
                     areaEnd(tarn::getLe32(header + tarn::kHeaderDataOffsetOff),
                             tarn::getLe32(header + tarn::kHeaderDataSizeOff), streamSize_),
@@ -129,6 +159,8 @@ class StreamManageRecovery {
   uint32_t streamSize_;
   CTARNStreamChunk picture_{0};
   CApiDb database_;
+  bool blind_ = false;
+  bool oldestRead_ = false;
 };
 
 int saveAndClose(CTARNStreamManagerNative* store) {
@@ -158,6 +190,7 @@ int CDbRestore::recoverStreamManage(const CHUNK_MANAGE* known, int count) {
   recovery.reset();
   for (int chunk = 0; chunk < store.numChunk(); ++chunk) {
     if (recovery.recover(static_cast<short>(chunk)) != 0) return -1;
+    if (known != nullptr && chunk < count) recovery.guard(static_cast<short>(chunk), known[chunk]);
   }
   for (int chunk = 0; chunk < store.numChunk() && chunk < count; ++chunk) {
     recovery.setChannel(static_cast<short>(chunk), known[chunk]);

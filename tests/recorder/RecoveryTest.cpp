@@ -400,9 +400,10 @@ TEST_F(RecoveryTest, ARecordThatReadsAsZerosIsTakenFromTheOtherCopy) {
 
 TEST_F(RecoveryTest, WhatAPassingReadErrorHidesIsNotWrittenOver) {
   rig.record(0, 40);
+  const int chunk = static_cast<int>(allStreams()[0].chunkID);
   rig.powerOff();
   const Bytes good = rig.cardBytes();
-  const auto header = static_cast<int64_t>(rig.card.chunkStart(tarn::kFilePicture, 0));
+  const auto header = static_cast<int64_t>(rig.card.chunkStart(tarn::kFilePicture, chunk));
   // Of one start, every read that reaches the header fails. Which those are changes with each that
   // fails.
   std::vector<int> failing;
