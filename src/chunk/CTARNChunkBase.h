@@ -112,6 +112,10 @@ class TARN_API CTARNChunkBase {
   unsigned long getUseAddr() const { return useAddr; }
   unsigned long getUseSize() const { return useSize; }  // bytes
   const char* getDisplayName() const { return displayName; }
+  // Reads at most `size` bytes in whole records of `unit` bytes, as read() would, but only of what
+  // an earlier read brought from the device already. Fewer bytes, or 0, come back when that is used
+  // up or the event or the chunk ends.
+  long readAhead(void* buf, long size, long unit);
   // Brings everything written to the medium and tells nobody: 0, or the device's result. Does not
   // touch the device when nothing was written since the last flush that worked.
   int flush();
@@ -161,6 +165,7 @@ class TARN_API CTARNChunkBase {
   bool refuseForeignNumber(long mode);
   bool writePiece(const void* buf, uint32_t size);
   bool readPiece(void* buf, uint32_t size, bool reportSize);
+  uint32_t eventBytesBefore(uint32_t position) const;
   bool cutToEvent(uint32_t position, uint32_t* size) const;
   long seekEventFromCurrent(int32_t offset);
   uint32_t forwardTarget(uint32_t position, uint32_t offset) const;

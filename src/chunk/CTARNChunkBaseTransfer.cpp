@@ -106,11 +106,27 @@ long CTARNChunkBase::read(void* buf, long size) {
   return readPiece(static_cast<uint8_t*>(buf) + toEnd, length - toEnd, false) ? result : -1;
 }
 
+long CTARNChunkBase::readAhead(void* buf, long size, long unit) {
+  const uint32_t asked = size32(size);
+  if (isNegative(asked) || openMode != kOpenForEvent || !fat.hasReadBuffer(handle)) return 0;
+  const long current = currentOffset();
+  const uint32_t position = size32(current);
+  if (current == -1 || position > chunkSize) return 0;
+  uint32_t length = asked < chunkSize - position ? asked : chunkSize - position;
+  const uint32_t done = eventBytesBefore(position);
+  if (done >= eventSize) return 0;
+  if (length > eventSize - done) length = eventSize - done;
+  return fat.readAhead(handle, buf, length, static_cast<unsigned long>(unit));
+}
+
+uint32_t CTARNChunkBase::eventBytesBefore(uint32_t position) const {
+  return position < eventStart ? tarn::wrapAdd32(tarn::wrapSub32(chunkSize, eventStart), position)
+                               : position - eventStart;
+}
+
 // Cuts a read to the event's end; false when nothing of it is left.
 bool CTARNChunkBase::cutToEvent(uint32_t position, uint32_t* size) const {
-  const uint32_t done = position < eventStart
-                            ? tarn::wrapAdd32(tarn::wrapSub32(chunkSize, eventStart), position)
-                            : position - eventStart;
+  const uint32_t done = eventBytesBefore(position);
   const bool past = done >= eventSize;
   if (!past && *size <= eventSize - done) return true;
   const uint32_t excess = tarn::wrapSub32(tarn::wrapAdd32(done, *size), eventSize);

@@ -71,8 +71,25 @@ void logLockWait(const timeval& before, const timeval& after) {
   }
 }
 
+// What the database writes for a number: digits without a sign and without a 0 in front, few enough
+// for 32 bits. Nearly every cell is one. False for all else, which goes the long way.
+bool readPlainDecimal(const char* text, uint32_t* value) {
+  constexpr int kSafeDigits = 9;
+  const bool isZero = text[0] == '0' && text[1] == '\0';
+  if (!isZero && (*text < '1' || *text > '9')) return false;
+  uint32_t sum = 0;
+  for (int digits = 0; *text >= '0' && *text <= '9'; ++text) {
+    if (++digits > kSafeDigits) return false;
+    sum = sum * 10 + static_cast<uint32_t>(*text - '0');
+  }
+  *value = sum;
+  return true;
+}
+
 // strtoul() as a 32-bit machine has it: saturates at 32 bits, and a minus sign negates within them.
 uint32_t toUnsigned32(const char* text) {
+  uint32_t plain = 0;
+  if (readPlainDecimal(text, &plain)) return plain;
   text += strspn(text, " \t\n\v\f\r");
   const bool negative = *text == '-';
   if (negative || *text == '+') ++text;

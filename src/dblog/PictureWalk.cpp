@@ -42,6 +42,7 @@ void PictureWalk::beginFine() {
   phase_ = Phase::kFine;
   interval_ = 1;
   picture_->seek(checkpoint_.position, SEEK_SET);
+  blockUsed_ = blockSize_ = 0;
   index_ = checkpoint_.index + 1;
   expected_ = wrapAdd32(checkpoint_.expected, 1);
   dataSize_ = checkpoint_.dataSize;
@@ -53,12 +54,32 @@ void PictureWalk::advance() {
   expected_ = wrapAdd32(expected_, 1);
 }
 
-PictureWalk::Step PictureWalk::readEntry(uint8_t* bytes) {
-  const long got = picture_->read(bytes, kPictureRecordSize);
-  // A buffered read that the device failed arrives as zeros.
-  if (got == long{kPictureRecordSize} && !picture_->lastReadFailed()) return Step::kGoOn;
-  syslog(LOG_ERR, kMsgRepairPictureRead, kRepairSource, __LINE__, kRepairFunction);
-  return Step::kStop;
+// An entry asks the device only where nothing is left of what the one before brought along; the
+// others are taken from there together.
+PictureWalk::Step PictureWalk::readEntry(const uint8_t** bytes) {
+  if (blockUsed_ == blockSize_) {
+    blockUsed_ = 0;
+    const long ahead = picture_->readAhead(block_, kBlockSize, kPictureRecordSize);
+    blockSize_ = static_cast<uint32_t>(ahead);
+  }
+  if (blockSize_ == 0) {
+    const long got = picture_->read(block_, kPictureRecordSize);
+    // A buffered read that the device failed arrives as zeros.
+    if (got != long{kPictureRecordSize} || picture_->lastReadFailed()) {
+      syslog(LOG_ERR, kMsgRepairPictureRead, kRepairSource, __LINE__, kRepairFunction);
+      return Step::kStop;
+    }
+    blockSize_ = kPictureRecordSize;
+  }
+  *bytes = block_ + blockUsed_;
+  blockUsed_ += kPictureRecordSize;
+  return Step::kGoOn;
+}
+
+// What was taken ahead never wraps.
+long PictureWalk::positionBehindEntry() {
+  const long position = picture_->seek(0, SEEK_CUR);
+  return position == -1 ? position : position - static_cast<long>(blockSize_ - blockUsed_);
 }
 
 PictureWalk::Step PictureWalk::readTime(uint32_t dataOffset, uint32_t* time) {
@@ -86,13 +107,13 @@ PictureWalk::Step PictureWalk::confirm(uint32_t time, uint32_t startDate) {
     return Step::kStop;
   }
   previous_ = time;
-  checkpoint_ = Checkpoint{picture_->seek(0, SEEK_CUR), index_, expected_, dataSize_, gops_};
+  checkpoint_ = Checkpoint{positionBehindEntry(), index_, expected_, dataSize_, gops_};
   return Step::kGoOn;
 }
 
 PictureWalk::Step PictureWalk::entry(uint32_t startDate) {
-  uint8_t bytes[kPictureRecordSize];
-  const Step read = readEntry(bytes);
+  const uint8_t* bytes = nullptr;
+  const Step read = readEntry(&bytes);
   if (read != Step::kGoOn) return read;
   const uint32_t number = getLe32(bytes + kEntryNumberOff);
   if (expected_ == 0) expected_ = number;

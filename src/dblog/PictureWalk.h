@@ -33,12 +33,15 @@ class PictureWalk {
   uint32_t lastTime() const { return previous_; }
 
  private:
+  static constexpr uint32_t kBlockSize = 4096;
+
   enum class Phase { kCoarse, kRetry, kFine };
   enum class Step { kGoOn, kMismatch, kStop };
 
   void beginFine();
   Step entry(uint32_t startDate);
-  Step readEntry(uint8_t* bytes);
+  Step readEntry(const uint8_t** bytes);
+  long positionBehindEntry();
   Step readTime(uint32_t dataOffset, uint32_t* time);
   Step confirm(uint32_t time, uint32_t startDate);
   void advance();
@@ -53,6 +56,9 @@ class PictureWalk {
   uint32_t expected_ = 0;
   uint32_t dataSize_ = 0;
   uint32_t gops_ = 0;
+  uint8_t block_[kBlockSize];  // entries that the device has given already
+  uint32_t blockSize_ = 0;     // bytes of it
+  uint32_t blockUsed_ = 0;
   uint32_t previous_ = 0;  // time of the last confirmed picture; 0: none
 };
 

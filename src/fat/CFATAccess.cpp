@@ -278,6 +278,19 @@ bool CFATAccess::readBlock(int index, uint8_t* out, uint32_t length) {
   return there == length;
 }
 
+long CFATAccess::readAhead(int index, void* buf, unsigned long len, unsigned long unit) {
+  if (!hasReadBuffer(index) || low32(unit) == 0) return 0;
+  ReadBuffer& buffer = m_readBuf[index];
+  if (buffer.pos >= buffer.valid) return 0;
+  uint32_t length = std::min(low32(len), buffer.valid - buffer.pos);
+  length -= length % low32(unit);
+  memcpy(buf, buffer.data + buffer.pos, length);
+  buffer.pos += length;
+  m_position[index] += length;
+  if (length > 0) m_readFailed[index] = false;
+  return static_cast<long>(length);
+}
+
 void CFATAccess::refill(ReadBuffer& buffer, int fd) {
   const int64_t left = int64_t{buffer.valid} - buffer.pos;
   // A device that cannot go there has nothing to read there either; what is left stays good.

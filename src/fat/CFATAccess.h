@@ -65,6 +65,13 @@ class TARN_API CFATAccess {
   // an error or the device's end; false for an index outside the table and before the first read().
   bool lastReadFailed(int index);
 
+  // True for an open picture chunk that is read in blocks.
+  bool hasReadBuffer(int index) const { return isIndex(index) && m_readBuf[index].data != nullptr; }
+  // Copies at most `len` bytes of what read() would give next without asking the device, in whole
+  // records of `unit` bytes, and moves behind them. Returns the bytes copied; 0 on a handle that
+  // reads without a buffer.
+  long readAhead(int index, void* buf, unsigned long len, unsigned long unit);
+
   // Starts the write worker unless it runs: 0 or -1. open() does so where it is needed.
   int startThread();
   // Entry of the worker thread; arg is the object. Returns null.

@@ -223,5 +223,27 @@ TEST(StreamChunk, PicturesAreReadInBlocks) {
   EXPECT_EQ(c.io.sequence(), "r");
 }
 
+TEST(StreamChunk, ReadAheadStopsAtTheChunksEndAndAtTheEvents) {
+  ManagedCard c;
+  const Bytes bytes = patternBytes(8 * kKiB);
+  c.card.writeChunk(tarn::kFilePicture, 1, 0, bytes);
+  CTARNStreamChunk picture(0);
+  const CHUNK_EVENT event = eventOf(1, 8000, 400);
+  ASSERT_EQ(picture.openChunkFile(&event), 0);
+  uint8_t out[4096];
+  EXPECT_EQ(picture.readAhead(out, 32, 32), 0);  // nothing was read yet
+  ASSERT_EQ(picture.read(out, 32), 32);
+  EXPECT_EQ(picture.readAhead(out, sizeof out, 32), 160);
+  EXPECT_EQ(memcmp(out, bytes.data() + 8032, 160), 0);
+  EXPECT_EQ(picture.readAhead(out, sizeof out, 32), 0);
+  ASSERT_EQ(picture.read(out, 32), 32);  // across the end
+  EXPECT_EQ(memcmp(out, bytes.data(), 32), 0);
+  EXPECT_EQ(picture.readAhead(out, sizeof out, 32), 160);  // 176 bytes of the event are left
+  EXPECT_EQ(memcmp(out, bytes.data() + 32, 160), 0);
+  EXPECT_EQ(picture.currentOffset(), 192);
+  EXPECT_EQ(picture.readAhead(out, sizeof out, 32), 0);
+  EXPECT_EQ(picture.readAhead(out, -1, 32), 0);
+}
+
 }  // namespace
 }  // namespace tarn_test

@@ -68,6 +68,16 @@ TEST_F(QueryPlanTest, ViewerPageByKeyWalksTheKeysWithoutASort) {
               ElementsAre("SEARCH EVENT USING INTEGER PRIMARY KEY (rowid>? AND rowid<?)"));
 }
 
+// An index on the start would be taken for event lists too, which would sort a period for each
+// event.
+TEST_F(QueryPlanTest, ViewerPageByPeriodReadsTheTableOnce) {
+  EXPECT_THAT(planOf([&] { db_.selectViewerList(events_, 4, nullptr, 0, 100, 200, 0, 0, 0); }),
+              ElementsAre("SCAN EVENT", "USE TEMP B-TREE FOR ORDER BY"));
+  const unsigned short triggers[] = {3, 5};
+  EXPECT_THAT(planOf([&] { db_.selectViewerList(events_, 4, triggers, 2, 100, 200, 0, 0, 1); }),
+              ElementsAre("SCAN EVENT", "USE TEMP B-TREE FOR ORDER BY"));
+}
+
 TEST_F(QueryPlanTest, RipListWalksTheKeysWithoutASort) {
   EXPECT_THAT(planOf([&] { db_.selectRipList(streams_, 4, 0, 100, 200, 0); }),
               ElementsAre("SCAN STREAM"));

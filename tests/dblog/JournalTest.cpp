@@ -1,3 +1,5 @@
+#include <functional>
+
 #include "dblog/JournalRig.h"
 
 namespace tarn_test {
@@ -295,6 +297,57 @@ TEST_F(Journal, AnInsertServerIncludedIsFourWritesEachFlushed) {
     if (call == 'w' || call == 'f') changes += call;
   }
   EXPECT_EQ(changes, "wfwfwfwf");
+}
+
+// What one change costs: calls on the card, and requests to the server. Each request is read once
+// by the server and its answer once by the client, which run in this process.
+struct Cost {
+  explicit Cost(const std::function<void()>& change) {
+    const IoFaults card(kCardPath);
+    const IoFaults all("");
+    change();
+    reads = card.count(Call::Read);
+    opens = card.count(Call::Open);
+    requests = (all.count(Call::Read) - reads) / 2;
+    for (char call : card.sequence()) {
+      if (call == 'w' || call == 'f') changes += call;
+    }
+  }
+  size_t reads, opens, requests;
+  std::string changes;  // writes and flushes, in order
+};
+
+TEST_F(Journal, AnInsertAsksTheServerFiveTimes) {
+  insertEvent(1);
+  insertStream(1);
+  EXPECT_EQ(Cost([this] { insertEvent(2); }).requests, 5u);
+  const Cost stream([this] { insertStream(2); });
+  EXPECT_EQ(stream.requests, 5u);
+  EXPECT_EQ(stream.changes, "wfwfwfwf");
+  EXPECT_EQ(stream.reads, 0u);
+  EXPECT_EQ(stream.opens, 0u);
+}
+
+TEST_F(Journal, AnUpdateIsOneReadAndTwoFlushedWrites) {
+  insertEvent(1);
+  DB_EVENT row = eventRow(1);
+  EXPECT_TRUE(journalLog->updateEvent(kEventRegEndDate, &row));
+  const Cost cost([&] { EXPECT_TRUE(journalLog->updateEvent(kEventRegEndDate, &row)); });
+  EXPECT_EQ(cost.reads, 1u);
+  EXPECT_EQ(cost.changes, "wfwf");
+  EXPECT_EQ(cost.opens, 0u);
+  EXPECT_EQ(cost.requests, 4u);
+}
+
+TEST_F(Journal, ADeleteIsOneReadAndTwoFlushedWrites) {
+  insertStream(1);
+  insertStream(2);
+  EXPECT_TRUE(journalLog->deleteStream(1));
+  const Cost cost([&] { EXPECT_TRUE(journalLog->deleteStream(2)); });
+  EXPECT_EQ(cost.reads, 1u);
+  EXPECT_EQ(cost.changes, "wfwf");
+  EXPECT_EQ(cost.opens, 0u);
+  EXPECT_EQ(cost.requests, 4u);
 }
 
 TEST_F(Journal, LooksRowsUpInTheDatabase) {

@@ -239,5 +239,36 @@ TEST(FatRead, ReadingAllocatesNothing) {
   EXPECT_EQ(allocations.count(), 0u);
 }
 
+// What is there already is taken in whole records, without the device; the rest is read as before.
+TEST(FatRead, ReadAheadGivesWhatTheLastBlockLeftInWholeRecords) {
+  OpenPicture p;
+  std::vector<uint8_t> out(5000);
+  EXPECT_TRUE(p.fat.hasReadBuffer(p.handle));
+  EXPECT_EQ(p.fat.readAhead(p.handle, out.data(), 64, 32), 0);  // nothing yet
+  EXPECT_EQ(p.fat.read(p.handle, out.data(), 40), 40);
+  EXPECT_EQ(p.fat.readAhead(p.handle, out.data(), 70, 32), 64);
+  EXPECT_EQ(part(out, 0, 64), part(p.bytes, 40, 64));
+  EXPECT_EQ(p.fat.lseek(p.handle, 0, SEEK_CUR), 104);
+  EXPECT_EQ(p.fat.readAhead(p.handle, out.data(), 5000, 32), 3968);
+  EXPECT_EQ(part(out, 0, 3968), part(p.bytes, 104, 3968));
+  EXPECT_EQ(p.fat.readAhead(p.handle, out.data(), 5000, 32), 0);  // 24 bytes are left
+  EXPECT_EQ(p.fat.read(p.handle, out.data(), 32), 32);
+  EXPECT_EQ(part(out, 0, 32), part(p.bytes, 4072, 32));
+  EXPECT_FALSE(p.fat.lastReadFailed(p.handle));
+  EXPECT_EQ(p.io.sequence(), "rlr");
+}
+
+TEST(FatRead, ReadAheadIsForReadBufferedHandlesOnly) {
+  CardImage card;
+  CFATAccess fat;
+  const int handle = fat.open(card.name(kJournal, 0).c_str(), O_RDONLY);
+  uint8_t out[64];
+  ASSERT_EQ(fat.read(handle, out, 32), 32);
+  EXPECT_EQ(fat.readAhead(handle, out, 32, 32), 0);
+  EXPECT_EQ(fat.readAhead(-1, out, 32, 32), 0);
+  EXPECT_EQ(fat.readAhead(50, out, 32, 32), 0);
+  EXPECT_EQ(fat.lseek(handle, 0, SEEK_CUR), 32);
+}
+
 }  // namespace
 }  // namespace tarn_test
