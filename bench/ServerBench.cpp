@@ -22,7 +22,7 @@ namespace {
 using namespace bench;
 
 constexpr size_t kClients = 64;
-constexpr size_t kRequests = 64000;  // a turn
+constexpr size_t kRequests = 20000;  // a turn
 constexpr char kBarePath[] = "/tmp/bare.sock";
 
 sockaddr_un addressOf(const char* path) {
@@ -171,9 +171,9 @@ class ServerRig : public Rig {
   double oursRate_ = 0, bareRate_ = 0;
 };
 
-const bool kRate = add({"server", "server/rate", Goal::kSpeed, 0.9, 15,
+const bool kRate = add({"server", "server/rate", Goal::kSpeed, 0.9, 11,
                         [] { return std::make_unique<ServerRig>(Measure::kRate); }});
-const bool kSlowest = add({"server", "server/p99", Goal::kSpeed, 0.9, 15,
+const bool kSlowest = add({"server", "server/p99", Goal::kSpeed, 0.9, 11,
                            [] { return std::make_unique<ServerRig>(Measure::kPercentile); }});
 
 }  // namespace

@@ -205,8 +205,7 @@ def cost_table(entries):
             ("stream_chunk_resident_KiB",
              "open stream chunk in use, memory occupied (its write thread's stack included)", "KiB"),
             ("picture_chunk_heap_KiB", "open picture chunk, from the heap: two buffers of 32 KiB",
-             "KiB"),
-            ("picture_chunk_resident_KiB", "open picture chunk in use, memory occupied", "KiB")]
+             "KiB")]
     columns = [("cost/here", "x86-64"), ("cost/armhf", "armhf, emulated")]
     lines = ["| what | " + " | ".join(title for _, title in columns) + " |",
              "|---|" + "---|" * len(columns)]

@@ -46,7 +46,8 @@ double seconds(clockid_t clock) {
 }
 double cpu() { return seconds(CLOCK_PROCESS_CPUTIME_ID); }
 
-void print(const char* name, double value) { printf("%s %.3f\n", name, value); }
+// On a line of its own: the library may have printed half a one.
+void print(const char* name, double value) { printf("\n%s %.3f\n", name, value); }
 
 double heapBytes() {
   const struct mallinfo2 info = mallinfo2();
