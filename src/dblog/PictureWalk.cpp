@@ -7,6 +7,7 @@
 #include "chunk/CTARNStreamChunk.h"
 #include "chunk/StreamHeaderFormat.h"
 #include "dblog/CDbRestore.h"
+#include "dblog/LocalTime.h"
 #include "dblog/RepairMessages.h"
 
 namespace tarn {
@@ -96,7 +97,15 @@ PictureWalk::Step PictureWalk::readTime(uint32_t dataOffset, uint32_t* time) {
   return Step::kGoOn;
 }
 
-PictureWalk::Step PictureWalk::confirm(uint32_t time, uint32_t startDate) {
+// A stamp that does not fit may be one of two moments.
+uint32_t PictureWalk::fitted(uint32_t time, uint32_t startDate) const {
+  const uint32_t reference = previous_ != 0 ? previous_ : startDate;
+  const bool fits = time >= reference && time - reference <= kSecondsPerPicture * interval_;
+  return fits || time == 0 ? time : momentNear(reference, time);
+}
+
+PictureWalk::Step PictureWalk::confirm(uint32_t stamp, uint32_t startDate) {
+  const uint32_t time = fitted(stamp, startDate);
   if (previous_ != 0) {
     // A clock that was set back is no reason to end.
     if (time > previous_ && time - previous_ > kSecondsPerPicture * interval_)

@@ -43,7 +43,8 @@ class PictureWalk {
   Step readEntry(const uint8_t** bytes);
   long positionBehindEntry();
   Step readTime(uint32_t dataOffset, uint32_t* time);
-  Step confirm(uint32_t time, uint32_t startDate);
+  uint32_t fitted(uint32_t time, uint32_t startDate) const;
+  Step confirm(uint32_t stamp, uint32_t startDate);
   void advance();
 
   CTARNStreamChunk* picture_;

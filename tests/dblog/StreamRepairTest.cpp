@@ -243,6 +243,27 @@ TEST_F(StreamRepair, ARecordingAcrossTheBeginOfSummerTimeIsWhole) {
 
 // ---- kinds of rows ----
 
+TEST_F(StreamRepair, ARecordingInTheHourThatEndsSummerTimeIsWholeBothTimes) {
+  // The clock shows 02:00 to 03:00 (01:30 to 02:00) twice.
+  const std::vector<std::pair<const char*, uint32_t>> ends = {
+      {"CET-1CEST,M3.5.0,M10.5.0/3", 1698541200},         // 2023-10-29T01:00:00 UTC
+      {"LHST-10:30LHDT-11,M10.1.0,M4.1.0", 1680361200}};  // 2023-04-01T15:00:00 UTC
+  for (const auto& [zone, end] : ends) {
+    setTimeZone(zone);
+    for (const int before :
+         {4000, 3600, 3000, 1800, 1000, 20, 5, 0, -5, -900, -1795, -3000, -4000}) {
+      SCOPED_TRACE(std::string(zone) + " " + std::to_string(before));
+      Recording r;
+      r.start = end - static_cast<uint32_t>(before);
+      r.pictures = 150;
+      lay(r);
+      repair();
+      expectClosed(r, r.pictures);
+      run("DELETE FROM STREAM");
+    }
+  }
+}
+
 TEST_F(StreamRepair, AClosedHeaderDeletesTheRowItsRecordAndLaterEvents) {
   Recording r;
   r.marker = 0x4D525453;
