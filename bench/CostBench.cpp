@@ -31,7 +31,7 @@ std::map<std::string, double> costHere() { return costOf({programPath("tarn-cost
 
 std::map<std::string, double> costOnArm() {
   const char* setting = getenv("TARN_BENCH_ARM");
-  if (setting == nullptr || *setting == '\0') give_up("no build for 32-bit ARM in build/armhf");
+  if (setting == nullptr || *setting == '\0') give_up("no build for 32-bit ARM");
   std::vector<std::string> command;
   std::istringstream words(setting);
   std::string word;

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -36,6 +35,14 @@ constexpr int64_t kAlignment = 64 * 1024;
 int16_t chunkNumber(const char* digits) {
   const long value = std::clamp<long>(strtol(digits, nullptr, 10), INT32_MIN, INT32_MAX);
   return static_cast<int16_t>(value);
+}
+
+// As much of a text as fits with its zero.
+template <size_t N>
+void copyText(const char* text, char (&out)[N]) {
+  const size_t length = strnlen(text, N - 1);
+  memcpy(out, text, length);
+  out[length] = '\0';
 }
 
 // Buffers begin on a page: the system copies from and to any other place at half the speed.
@@ -111,14 +118,14 @@ int CFATAccess::freeIndex() const {
 bool CFATAccess::parseName(const char* name, int index) {
   constexpr char kOpen[] = "open";
   char copy[kNameRoom];
-  snprintf(copy, sizeof copy, "%s", name);
+  copyText(name, copy);
   char* rest = nullptr;
   const char* device = strtok_r(copy, ":", &rest);
   if (device == nullptr) {
     logFat(kOpen, __LINE__, tarn::kMsgNoDeviceName, name);
     return false;
   }
-  snprintf(m_deviceName, sizeof m_deviceName, "%.*s", kDeviceRoom - 1, device);
+  copyText(device, m_deviceName);
   const char* chunk = strtok_r(nullptr, ":", &rest);
   if (chunk == nullptr) {
     logFat(kOpen, __LINE__, tarn::kMsgNoChunkName, name);
