@@ -20,7 +20,7 @@ namespace {
 using namespace bench;
 
 constexpr char kBareDatabase[] = "/tmp/bare.dat";
-constexpr uint32_t kRowsBefore = 1000;
+constexpr uint32_t kRowsBefore = 200;
 constexpr uint32_t kFewRows = 10;
 constexpr uint32_t kManageBytes = 4 * 24 + 2;  // records of four journal chunks, and their checksum
 
@@ -212,9 +212,9 @@ Pair journalPair(const char* name, Medium medium, Change change, uint32_t count,
           1.25,  turns, [=] { return std::make_unique<JournalRig>(medium, change, count, turns); }};
 }
 
-const bool kInsert = add(journalPair("insert/disk", Medium::kDisk, Change::kInsert, 100, kTurns));
-const bool kUpdate = add(journalPair("update/disk", Medium::kDisk, Change::kUpdate, 100, kTurns));
-const bool kDelete = add(journalPair("delete/disk", Medium::kDisk, Change::kDelete, 100, kTurns));
+const bool kInsert = add(journalPair("insert/disk", Medium::kDisk, Change::kInsert, 50, kTurns));
+const bool kUpdate = add(journalPair("update/disk", Medium::kDisk, Change::kUpdate, 50, kTurns));
+const bool kDelete = add(journalPair("delete/disk", Medium::kDisk, Change::kDelete, 50, kTurns));
 const bool kSlowInsert = add(journalPair("insert/slow", Medium::kSlow, Change::kInsert, 20, 5));
 const bool kRamInsert = add(journalPair("insert/ram", Medium::kRam, Change::kInsert, 300, kTurns));
 const bool kRamUpdate = add(journalPair("update/ram", Medium::kRam, Change::kUpdate, 300, kTurns));
