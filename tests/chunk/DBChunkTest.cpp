@@ -31,7 +31,12 @@ __attribute__((visibility("default"))) int usleep(useconds_t us) {
 __attribute__((visibility("default"))) void sync(void) noexcept { ++g_syncs; }
 __attribute__((visibility("default"))) int fstat64(int fd, struct stat64* out) noexcept {
   using Fstat = int (*)(int, struct stat64*);
+  // The name that the header gives this function where time would else have 32 bits.
+#ifdef __USE_TIME_BITS64
+  static const auto real = reinterpret_cast<Fstat>(dlsym(RTLD_NEXT, "__fstat64_time64"));
+#else
   static const auto real = reinterpret_cast<Fstat>(dlsym(RTLD_NEXT, "fstat64"));
+#endif
   if (!g_statFails) return real(fd, out);
   errno = EIO;
   return -1;

@@ -76,7 +76,7 @@ TEST(Semaphore, SetRemovedWhileAnObjectWaitsForItFailsInsteadOfHanging) {
   ASSERT_NE(-1, id);
   CApiDb db;
   std::thread remover([&] {
-    usleep(20000);
+    usleep(200000);
     semctl(id, 0, IPC_RMID);
   });
   EXPECT_EQ(kFailed, db.createSem(key));
