@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -124,6 +125,7 @@ ServerProcess::ServerProcess() {
   if (pipe2(ready, O_CLOEXEC) != 0) give_up("no pipe");
   pid_ = fork();
   if (pid_ == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int fd = dup(ready[1]);
     const int null = open("/dev/null", O_WRONLY);
     dup2(null, STDOUT_FILENO);

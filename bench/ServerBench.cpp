@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -121,7 +122,10 @@ class EchoProcess {
       give_up("no socket for the bare loop");
     }
     pid_ = fork();
-    if (pid_ == 0) echo(listening.get());
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      echo(listening.get());
+    }
   }
   ~EchoProcess() {
     kill(pid_, SIGKILL);
