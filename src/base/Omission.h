@@ -59,7 +59,8 @@ enum class Omit {
 
 #ifdef TARN_OMISSIONS
 TARN_API bool omitted(Omit step);
-TARN_API bool omit(const char* name);  // false: there is no step of this name
+// False: there is no step of this name.
+TARN_API bool omit(const char* name, bool leftOut);
 #else
 constexpr bool omitted(Omit) { return false; }
 #endif

@@ -94,14 +94,6 @@ class Card {
   Trace* trace_ = nullptr;
 };
 
-// Flushes that a recorded life lacks, to show that the checks see it: those that come straight
-// behind a write to this part of the card.
-struct Omission {
-  uint64_t from = 0;
-  uint64_t to = 0;
-};
-void omitFlushes(const Omission& omission);
-
 // Log lines of the system log, while kept.
 void keepLog(bool keep);
 std::string takeLog();

@@ -373,7 +373,14 @@ std::string checkNewRecording(const std::vector<DB_STREAM>& before,
     if (!sameBytes(place->second, row)) return "I6: changed by a new recording: " + text(row);
   }
   const std::string pictures = checkPictures(rows, expected);
-  return pictures.empty() ? "" : "I6: after a new recording: " + pictures;
+  if (!pictures.empty()) return "I6: after a new recording: " + pictures;
+  // The card knows it all, too.
+  const tarn::RecoveryReport again = bootCard();
+  if (!again.ok()) return "I6: after a new recording: " + again.error;
+  const std::vector<DB_STREAM> restored = listStreams();
+  const bool same = std::equal(rows.begin(), rows.end(), restored.begin(), restored.end(),
+                               [](const auto& a, const auto& b) { return sameBytes(a, b); });
+  return same ? "" : "I6: after a new recording and a start the rows are others";
 }
 
 bool cardOpens() {

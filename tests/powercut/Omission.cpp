@@ -57,10 +57,10 @@ bool g_omitted[static_cast<int>(Omit::kNothing)];
 
 bool omitted(Omit step) { return g_omitted[static_cast<int>(step)]; }
 
-bool omit(const char* name) {
+bool omit(const char* name, bool leftOut) {
   for (const Named& known : kNames) {
     if (strcmp(known.name, name) != 0) continue;
-    g_omitted[static_cast<int>(known.step)] = true;
+    g_omitted[static_cast<int>(known.step)] = leftOut;
     return true;
   }
   return false;

@@ -89,9 +89,6 @@ std::vector<std::string> workloadNames(bool all);
 // Runs a workload; throws std::runtime_error when it fails.
 Recorded recordWorkload(const std::string& name);
 
-// From now on lives lack the flushes of a family of chunk files ("CKDL"). False: no such family.
-bool omitFlushesOf(const std::string& family);
-
 // Where chunk `chunk` of a family lies on the card that was formatted last.
 const tarn::CardLayout& cardLayout();
 

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 #include "base/Omission.h"
 #include "powercut/Checks.h"
@@ -63,6 +64,7 @@ struct Options {
   uint64_t seed = 1;
   bool firstFailure = false;  // ends the run
   uint64_t failures = 10;     // shown
+  std::vector<std::string> leftOut;
 };
 
 // Runs the chosen states of one life, and reports.
@@ -159,17 +161,9 @@ Options parse(int argc, char** argv) {
       options.firstFailure = true;
     } else if (arg == "--slot") {
       stayOnProcessor(strtoul(value(argc, argv, &i), nullptr, 10));
-    } else if (arg == "--omit") {
-      if (!omitFlushesOf(value(argc, argv, &i))) {
-        fprintf(stderr, "powercut: no such family\n");
-        exit(2);
-      }
 #ifdef TARN_OMISSIONS
     } else if (arg == "--omit-step") {
-      if (!tarn::omit(value(argc, argv, &i))) {
-        fprintf(stderr, "powercut: no such step\n");
-        exit(2);
-      }
+      options.leftOut.emplace_back(value(argc, argv, &i));
 #endif
     } else if (arg == "--list") {
       const bool all = i + 1 < argc && strcmp(argv[i + 1], "--all") == 0;
@@ -183,12 +177,35 @@ Options parse(int argc, char** argv) {
   return options;
 }
 
+#ifdef TARN_OMISSIONS
+void leaveOut(const std::vector<std::string>& steps, bool leftOut) {
+  for (const std::string& step : steps) {
+    if (!tarn::omit(step.c_str(), leftOut)) throw std::runtime_error("no such step: " + step);
+  }
+}
+
+// A recorder that does not even start without a step records with it.
+Recorded recordWith(const Options& options) {
+  leaveOut(options.leftOut, true);
+  try {
+    return recordWorkload(options.workload);
+  } catch (const std::exception&) {
+    leaveOut(options.leftOut, false);
+  }
+  Recorded life = recordWorkload(options.workload);
+  leaveOut(options.leftOut, true);
+  return life;
+}
+#else
+Recorded recordWith(const Options& options) { return recordWorkload(options.workload); }
+#endif
+
 int run(int argc, char** argv) {
   const Options options = parse(argc, argv);
   muteStandardOutput();
   setenv("TZ", zoneOf(options.workload), 1);
   tzset();
-  const Recorded life = recordWorkload(options.workload);
+  const Recorded life = recordWith(options);
   Run all(options.workload, life, options);
   all.all();
   if (all.ran() == 0) {
