@@ -471,6 +471,7 @@ void recordRecovery(const std::string& name, Recorded* out) {
                 out->trace.ops = std::move(writes.ops);
                 out->finalState = describeCard();
                 out->finalSum = before ^ card.changesHash();
+                out->finalCard.assign(card.bytes(), card.bytes() + card.size());
               });
 }
 

@@ -81,6 +81,7 @@ struct Recorded {
   Cut cut = {0, 0};
   std::string finalState;
   uint64_t finalSum = 0;
+  std::vector<uint8_t> finalCard;
 };
 
 // Names are a workload, or one of its variants with other sizes and lengths ("wrap.3"), or the
