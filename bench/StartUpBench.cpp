@@ -63,8 +63,8 @@ bool addSize(const char* name, uint64_t cardBytes, uint32_t eighths, int repeats
 
 const bool kAll = addSize("startup/64GiB_1_of_8", 64 * kGiB, 1, 5) &&
                   addSize("startup/64GiB_2_of_8", 64 * kGiB, 2, 5) &&
-                  addSize("startup/64GiB_4_of_8", 64 * kGiB, 4, 5) &&
-                  addSize("startup/64GiB_8_of_8", 64 * kGiB, 8, 5) &&
+                  addSize("startup/64GiB_4_of_8", 64 * kGiB, 4, 3) &&
+                  addSize("startup/64GiB_8_of_8", 64 * kGiB, 8, 3) &&
                   addSize("startup/16GiB_2_of_8", 16 * kGiB, 2, 5);
 
 }  // namespace
