@@ -25,7 +25,7 @@
 namespace {
 
 constexpr int kSkippedStatus = 77;
-constexpr unsigned kTestSeconds = 200;
+constexpr unsigned kTestSeconds = 600;
 
 void need(bool good, const char* what) {
   if (good) return;
@@ -33,7 +33,7 @@ void need(bool good, const char* what) {
   _exit(126);
 }
 
-void bind(const std::string& from, const std::string& to) {
+void bindMount(const std::string& from, const std::string& to) {
   need(mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, from.c_str());
 }
 
@@ -47,7 +47,7 @@ void newDev() {
   for (const std::string name : {"null", "zero", "full", "random", "urandom", "tty"}) {
     if (access(("/dev/" + name).c_str(), F_OK) != 0) continue;
     close(open(("/tmp/.dev/" + name).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-    bind("/dev/" + name, "/tmp/.dev/" + name);
+    bindMount("/dev/" + name, "/tmp/.dev/" + name);
   }
   need(symlink("/proc/self/fd", "/tmp/.dev/fd") == 0, "/dev/fd");
   need(mkdir("/tmp/.dev/shm", 01777) == 0, "/dev/shm");
@@ -62,7 +62,7 @@ void newTmp() {
     const std::string name = entry.path().filename();
     if (name == ".own") continue;
     need(mkdir(("/tmp/.own/" + name).c_str(), 0755) == 0, name.c_str());
-    bind("/tmp/" + name, "/tmp/.own/" + name);
+    bindMount("/tmp/" + name, "/tmp/.own/" + name);
   }
   need(mount("/tmp/.own", "/tmp", nullptr, MS_MOVE, nullptr) == 0, "/tmp");
 }
