@@ -1,4 +1,5 @@
 // The stand-ins that the tests of all folders rely on, tested themselves.
+#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <thread>
@@ -73,6 +74,22 @@ TEST(StandIns, AllocationsOfTheThreadAreCounted) {
   void* volatile block = malloc(100);
   EXPECT_EQ(allocations.count(), 2u);
   free(block);
+}
+
+TEST(StandIns, AllocationsOfAllThreadsAreCountedOnRequest) {
+  std::atomic<bool> go{false};
+  std::thread other([&] {
+    while (!go) std::this_thread::yield();
+    auto number = std::make_unique<int>(3);
+    void* volatile block = malloc(100);
+    free(block);
+  });
+  AllocationCount ours;
+  AllocationCount all(AllocationCount::Of::AllThreads);
+  go = true;
+  other.join();
+  EXPECT_EQ(ours.count(), 0u);
+  EXPECT_EQ(all.count(), 2u);
 }
 
 TEST(StandIns, CardHoldsGoodManagementFiles) {

@@ -1,4 +1,5 @@
 // The allocation half of IoFaults.h.
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 
@@ -20,6 +21,13 @@ thread_local size_t t_allocations = 0;
 thread_local int t_counting = 0;
 thread_local size_t t_faultBytes = 0;  // 0: no fault ordered
 thread_local int t_faultLeft = 0;
+std::atomic<size_t> g_allocations{0};
+std::atomic<int> g_counting{0};
+
+void countOne() {
+  if (t_counting > 0) ++t_allocations;
+  if (g_counting.load(std::memory_order_relaxed) > 0) ++g_allocations;
+}
 
 }  // namespace
 }  // namespace tarn_test
@@ -32,19 +40,15 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile
 namespace tarn_test {
 namespace {
 
-void onMalloc(const volatile void*, size_t) {
-  if (t_counting > 0) ++t_allocations;
-}
+void onMalloc(const volatile void*, size_t) { countOne(); }
 void onFree(const volatile void*) {}
 
-}  // namespace
-
-AllocationCount::AllocationCount() {
+void install() {
   static const int installed = __sanitizer_install_malloc_and_free_hooks(onMalloc, onFree);
   if (installed == 0) abort();
-  t_allocations = 0;
-  ++t_counting;
 }
+
+}  // namespace
 
 bool AllocationFault::supported() { return false; }
 
@@ -58,8 +62,10 @@ extern "C" void* __libc_calloc(size_t count, size_t size);
 namespace tarn_test {
 namespace {
 
+void install() {}
+
 bool refused(size_t size) {
-  if (t_counting > 0) ++t_allocations;
+  countOne();
   if (t_faultBytes == 0 || size < t_faultBytes) return false;
   if (t_faultLeft > 1) {
     --t_faultLeft;
@@ -69,11 +75,6 @@ bool refused(size_t size) {
 }
 
 }  // namespace
-
-AllocationCount::AllocationCount() {
-  t_allocations = 0;
-  ++t_counting;
-}
 
 bool AllocationFault::supported() { return true; }
 
@@ -99,9 +100,24 @@ extern "C" void* calloc(size_t count, size_t size) {
 
 namespace tarn_test {
 
-AllocationCount::~AllocationCount() { --t_counting; }
+AllocationCount::AllocationCount(Of of) : of_(of) {
+  install();
+  if (of_ == Of::AllThreads) {
+    g_allocations = 0;
+    ++g_counting;
+  } else {
+    t_allocations = 0;
+    ++t_counting;
+  }
+}
 
-size_t AllocationCount::count() const { return t_allocations; }
+AllocationCount::~AllocationCount() {
+  of_ == Of::AllThreads ? void(--g_counting) : void(--t_counting);
+}
+
+size_t AllocationCount::count() const {
+  return of_ == Of::AllThreads ? g_allocations.load() : t_allocations;
+}
 
 AllocationFault::AllocationFault(size_t minBytes, int n) {
   t_faultBytes = minBytes;

@@ -68,15 +68,19 @@ class IoFaults {
   std::shared_ptr<State> state_;
 };
 
-// Counts this thread's allocations (malloc and operator new) while it lives. Where a sanitizer owns
-// the allocator its hooks count instead.
+// Counts allocations (malloc and operator new) while it lives: this thread's, or those of all
+// threads of the process. Where a sanitizer owns the allocator its hooks count instead.
 class AllocationCount {
  public:
-  AllocationCount();
+  enum class Of { ThisThread, AllThreads };
+  explicit AllocationCount(Of of = Of::ThisThread);
   ~AllocationCount();
   AllocationCount(const AllocationCount&) = delete;
   AllocationCount& operator=(const AllocationCount&) = delete;
   size_t count() const;
+
+ private:
+  Of of_;
 };
 
 // While it lives, malloc and calloc of at least `minBytes` on this thread fails from the n-th such
