@@ -137,6 +137,13 @@ ImageRestore restoreDatabaseImage(std::string* error) {
   return ImageRestore::kUnusable;
 }
 
+bool dropDatabaseImage() {
+  CTARNDBChunk chunk;
+  if (omitted(Omit::kImageEmptied)) return true;
+  const long size = chunk.getDBSize(kRestored);
+  return size == 0 || size == -1 || size == kUnreadable || chunk.clearDBChunk(0) == 0;
+}
+
 bool saveDatabaseImage(std::string* error) {
   CTARNDBChunk chunk;
   if (!omitted(Omit::kImageClearedFirst) && chunk.clearDBChunk(0) != 0)

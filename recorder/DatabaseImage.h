@@ -16,6 +16,11 @@ enum class ImageRestore {
 // than the journal. *error says what was wrong with an unusable one. Not part of the interface.
 ImageRestore restoreDatabaseImage(std::string* error);
 
+// Marks an image empty that a clean stop left and no start has taken: the recorder goes on without
+// one, and the image will no longer be as new as the journal. To be called before rows can change.
+// False when there is one and it cannot be marked empty.
+bool dropDatabaseImage();
+
 // Saves the database into its image; the old one is marked empty first. Nobody may use the database
 // meanwhile. False, with the reason, when there is none to save or the chunk has no room; the next
 // start then rebuilds it from the journal.

@@ -9,6 +9,7 @@
 
 #include "manager/RequestFormat.h"
 #include "mesg/CMesgServer.h"
+#include "recorder/DatabaseImage.h"
 #include "recorder/FileLock.h"
 #include "recorder/ManagementStores.h"
 #include "recorder/ServerMessages.h"
@@ -34,6 +35,11 @@ ManagementServer::~ManagementServer() {
 
 int ManagementServer::start() {
   if (m_server != nullptr || !claimPath()) return -1;
+  if (!dropDatabaseImage()) {
+    reportServer(LOG_ERR, kMsgServerImage);
+    m_lock->unlock();
+    return -1;
+  }
   m_stores = std::make_unique<ManagementStores>();
   m_stores->open();
   return listen();

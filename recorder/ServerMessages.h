@@ -6,6 +6,7 @@ namespace tarn {
 inline constexpr char kMsgServerRuns[] = "another management server answers on %s";
 inline constexpr char kMsgServerProbe[] = "can't tell whether a server answers on %s: %s";
 inline constexpr char kMsgServerListen[] = "can't listen on %s";
+inline constexpr char kMsgServerImage[] = "the card's database image can't be marked empty";
 inline constexpr char kMsgServerReady[] = "management server listens on %s";
 inline constexpr char kMsgServerStopped[] = "management server stopped";
 inline constexpr char kMsgStoreNotOpen[] =

@@ -334,5 +334,32 @@ TEST_F(DatabaseImageTest, ACardThatDoesNotLetTheImageBeMarkedEmptyStopsTheStart)
   EXPECT_EQ(rig.boot().error, "the card's database image could not be marked empty");
 }
 
+TEST_F(DatabaseImageTest, IsDroppedWhenTheServerStartsWithoutARecovery) {
+  rig.record(0, 40);
+  stopCleanly();
+  EXPECT_GT(imageSize(), 0);
+  rig.startServer();
+  EXPECT_EQ(imageSize(), 0);
+  rig.record(100, 140);  // the row that the image knows as the newest stays in the journal
+  rig.powerOff();
+  const RecoveryReport report = rig.boot();
+  ASSERT_TRUE(report.ok()) << report.error;
+  EXPECT_FALSE(report.fromImage);
+  EXPECT_THAT(keysOf(allStreams()), ElementsAre(1u, 2u));
+}
+
+TEST_F(DatabaseImageTest, NoServerStartsThatCannotDropIt) {
+  rig.record(0, 40);
+  stopCleanly();
+  IoFaults faults(kCardPath);
+  faults.fail(Call::Write, 1, EIO, IoFaults::kForever);
+  tarn::ManagementServer server;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(server.start(), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "tarn-server: the card's database image can't be marked empty\n");
+  EXPECT_GT(imageSize(), 0);
+}
+
 }  // namespace
 }  // namespace tarn_test
