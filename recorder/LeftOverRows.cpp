@@ -1,6 +1,7 @@
 #include "recorder/LeftOverRows.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "base/Omission.h"
 #include "base/Wrap.h"
@@ -13,11 +14,22 @@ namespace {
 
 using Kind = RecoveryChange::Kind;
 
+constexpr char kWhyTooShort[] = " was interrupted before two pictures of it were on the card";
 constexpr char kSqlUnclosed[] = "SELECT * FROM STREAM WHERE recSize = 0 ORDER BY streamID";
 constexpr char kSqlOvertaken[] =
     "SELECT * FROM STREAM AS old WHERE recSize = 0 AND EXISTS( SELECT 1 FROM STREAM WHERE chunkID "
     "= old.chunkID AND streamID > old.streamID ) ORDER BY streamID";
 constexpr char kSqlEvents[] = "SELECT COUNT(*) FROM EVENT";
+// Events since a moment that no recording but one shows the beginning of; an open one may.
+constexpr char kSqlEventsOfRow[] =
+    "SELECT e.* FROM EVENT AS e, STREAM AS r WHERE r.streamID = %u AND ( e.startDate > r.startDate "
+    "OR ( e.startDate = r.startDate AND e.startMSec >= r.startMSec ) ) AND NOT EXISTS( SELECT 1 "
+    "FROM STREAM AS s WHERE s.streamID <> r.streamID AND ( s.startDate < e.startDate OR ( "
+    "s.startDate = e.startDate AND s.startMSec <= e.startMSec ) ) AND ( s.endDate = 0 OR s.endDate "
+    "> e.startDate OR ( s.endDate = e.startDate AND ( s.endMSec = 0 OR s.endMSec >= e.startMSec ) "
+    ") ) )";
+constexpr uint32_t kFrameSetAudio = 0x80;
+constexpr uint32_t kStatusNotVideo = 0x300;  // what the repair of video passes over
 
 std::string pictureText(uint32_t pictures) {
   return std::to_string(pictures) + (pictures == 1 ? " picture" : " pictures");
@@ -66,6 +78,42 @@ Confirmed confirm(const DB_STREAM& row) {
   }
 }
 
+// The repair of video deletes a row of which there are not two pictures, and with it every event
+// since the whole second in which it began: those of the recording before it and of other channels
+// too. Such rows are deleted here, where times are looked at more closely.
+bool isLost(const DB_STREAM& row) {
+  if ((row.frameSet & kFrameSetAudio) != 0 || (row.status & kStatusNotVideo) != 0) return false;
+  PictureIndex index(row);
+  StreamHeader header;
+  if (!index.isOpen() || index.header(&header) != PictureIndex::Read::kGood) return false;
+  // One behind the missing one as well: a damaged entry alone is not the end.
+  for (const uint32_t i : {1u, 2u}) {
+    PictureEntry entry;
+    if (index.entry(i, &entry) != PictureIndex::Read::kBad) return false;
+  }
+  return true;
+}
+
+// The events first: power lost in between leaves the row, and the next start goes on with it.
+bool deleteLostRow(const DB_STREAM& row) {
+  char sql[sizeof kSqlEventsOfRow + 16];
+  snprintf(sql, sizeof sql, kSqlEventsOfRow, row.streamID);
+  std::vector<DB_EVENT> events;
+  return selectEvents(sql, &events) &&
+         std::all_of(events.begin(), events.end(), deleteEventNative) && deleteStreamNative(row);
+}
+
+bool deleteLostRows(RecoveryReport* report) {
+  std::vector<DB_STREAM> rows;
+  if (!selectStreams(kSqlUnclosed, &rows)) return false;
+  for (const DB_STREAM& row : rows) {
+    if (!isLost(row)) continue;
+    if (!deleteLostRow(row)) return false;
+    noteDeleted(row, kWhyTooShort, report);
+  }
+  return true;
+}
+
 bool closeRow(const DB_STREAM& row, RecoveryReport* report) {
   const Confirmed found = confirm(row);
   if (!found.readable) {
@@ -105,8 +153,8 @@ bool repairVideoRows(RecoveryReport* report) {
   std::vector<DB_STREAM> rows;
   uint32_t eventsBefore = 0;
   uint32_t eventsAfter = 0;
-  if (!selectStreams(kSqlUnclosed, &rows) || !selectNumber(kSqlEvents, &eventsBefore) ||
-      CDbRestore().fixUpLastStream() != 0) {
+  if (!selectNumber(kSqlEvents, &eventsBefore) || !deleteLostRows(report) ||
+      !selectStreams(kSqlUnclosed, &rows) || CDbRestore().fixUpLastStream() != 0) {
     return false;
   }
   for (const DB_STREAM& row : rows) {
@@ -114,7 +162,7 @@ bool repairVideoRows(RecoveryReport* report) {
     const int found = findStream(row.streamID, &now);
     if (found < 0) return false;
     if (found == 0) {
-      noteDeleted(row, " was interrupted before two pictures of it were on the card", report);
+      noteDeleted(row, kWhyTooShort, report);
     } else if (now.recSize != 0) {
       noteClosed(now, report);
     }

@@ -62,6 +62,58 @@ TEST_F(RecoveryTest, ARecordingThatLostPowerComesBackPictureByPicture) {
   EXPECT_EQ(verifyAll(), all);
 }
 
+// A row of which nothing was safe goes, and with it what only it could show.
+TEST_F(RecoveryTest, EventsOfOtherRecordingsStayWhenARecordingIsLostInTheirSecond) {
+  Bytes cut;
+  {
+    tarn::RecordingSession session;
+    ASSERT_TRUE(openSession(session));
+    ASSERT_TRUE(writePictures(session, 0, 30));
+    const uint32_t before = session.beginEvent(1, pictureTime(27), 0);
+    ASSERT_EQ(session.endEvent(before, pictureTime(29)), 0);
+    ASSERT_EQ(session.close(), 0);
+    ASSERT_TRUE(openSession(session));
+    ASSERT_TRUE(writePictures(session, 30, 31, 800, 1));
+    const uint32_t lost = session.beginEvent(2, pictureTime(31), 0);
+    ASSERT_EQ(session.endEvent(lost, pictureTime(32)), 0);
+    cut = rig.cardBytes();  // both begin in the same second as the row
+  }
+  rig.powerOff(cut);
+  RecoveryReport report = rig.boot();
+  ASSERT_TRUE(report.ok()) << report.error;
+  EXPECT_EQ(report.count(Kind::kRecordingDeleted), 1u);
+  EXPECT_THAT(keysOf(allStreams()), ElementsAre(1u));
+  std::vector<DB_EVENT> events = allEvents();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].extTrg, 1u);
+  expectASecondRunToChangeNothing();
+}
+
+TEST_F(RecoveryTest, EventsOfAnotherChannelStayWhenARecordingIsLost) {
+  Bytes cut;
+  {
+    tarn::RecordingSession session;
+    tarn::RecordingSession other;
+    tarn::RecordingOptions options;
+    options.channel = 1;
+    ASSERT_TRUE(openSession(session));
+    ASSERT_TRUE(writePictures(session, 0, 60));
+    ASSERT_TRUE(openSession(other, options));
+    ASSERT_TRUE(writePictures(other, 50, 51));
+    const uint32_t event = session.beginEvent(1, pictureTime(55), 0);
+    ASSERT_EQ(session.endEvent(event, pictureTime(57)), 0);
+    ASSERT_EQ(session.flush(), 0);
+    cut = rig.cardBytes();
+  }
+  rig.powerOff(cut);
+  const RecoveryReport report = rig.boot();
+  ASSERT_TRUE(report.ok()) << report.error;
+  EXPECT_THAT(keysOf(allStreams()), ElementsAre(1u));
+  EXPECT_EQ(allEvents().size(), 1u);
+  EXPECT_EQ(verifyAll(), range(0, 60));
+  expectASecondRunToChangeNothing();
+}
+
 TEST_F(RecoveryTest, PowerMayGoBehindAnyPicture) {
   std::vector<Bytes> cuts;
   {
