@@ -20,6 +20,7 @@ enum class Omit {
   kSaveBeforeWrite,  // freed space is saved before it is written to
   kManageBackup,     // management data is saved in two copies
   kManageCopyFlush,  // and the first is on the card before the second is written
+  kManageFlush,      // what was saved is on the card when the call returns
   // Recording
   kFreshNumbers,           // picture numbers that no stale entry continues
   kDataBeforeEntries,      // data is flushed before the entries that point at it

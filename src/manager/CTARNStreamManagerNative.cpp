@@ -185,7 +185,9 @@ bool CTARNStreamManagerNative::saveCopy(int handle, const char* seekError, const
     syslog(LOG_ERR, "%s", writeError);
     saved = false;
   }
-  if (tarn::omitted(tarn::Omit::kManageCopyFlush) && handle == m_backupHandle) return saved;
+  const bool flushed = handle == m_backupHandle ? !tarn::omitted(tarn::Omit::kManageCopyFlush)
+                                                : !tarn::omitted(tarn::Omit::kManageFlush);
+  if (!flushed) return saved;
   return m_fat.fsync(handle) == 0 && saved;
 }
 

@@ -18,7 +18,9 @@
 #include <stdexcept>
 #include <unordered_map>
 
+#include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
+#include "dblog/CDbRestore.h"
 
 namespace powercut {
 namespace {
@@ -31,6 +33,10 @@ std::mutex& orderMutex() {
   static auto* mutex = new std::mutex;
   return *mutex;
 }
+
+std::atomic<int> g_deletesToRefusal{0};
+bool g_loseRow = false;
+bool g_rowLost = false;
 
 bool g_keepLog = false;
 std::string g_log;
@@ -148,6 +154,13 @@ void Card::flushed() {
 }
 
 std::string Card::takeStray() { return std::exchange(stray_, std::string()); }
+
+void refuseDelete(int nth) { g_deletesToRefusal = nth; }
+
+bool loseReplayedRow(bool lose) {
+  g_loseRow = lose;
+  return std::exchange(g_rowLost, false);
+}
 
 void keepLog(bool keep) { g_keepLog = keep; }
 std::string takeLog() {
@@ -377,6 +390,7 @@ bool CDbLog::updateStream(DB_STREAM_REG_BIT mask, const DB_STREAM* record) {
 
 bool CDbLog::deleteStream(unsigned long key) {
   static const auto real = next<bool (*)(CDbLog*, unsigned long)>("_ZN6CDbLog12deleteStreamEm");
+  if (g_deletesToRefusal > 0 && --g_deletesToRefusal == 0) return false;
   return marked({RowMark::kStreamDelete, static_cast<uint32_t>(key)},
                 [&] { return real(this, key); });
 }
@@ -402,4 +416,15 @@ bool CDbLog::deleteEvent(unsigned long key) {
   static const auto real = next<bool (*)(CDbLog*, unsigned long)>("_ZN6CDbLog11deleteEventEm");
   return marked({RowMark::kEventDelete, static_cast<uint32_t>(key)},
                 [&] { return real(this, key); });
+}
+
+int CDbRestore::restoreStreamDb(short chunk) {
+  static const auto real = next<int (*)(CDbRestore*, short)>("_ZN10CDbRestore15restoreStreamDbEs");
+  const int result = real(this, chunk);
+  CApiDb db;
+  if (!g_loseRow || db.setSql("SELECT streamID FROM STREAM LIMIT 1") != 0 || db.getNTuple() == 0)
+    return result;
+  db.setSqlNoResult("DELETE FROM STREAM WHERE streamID = (SELECT MIN(streamID) FROM STREAM)");
+  g_rowLost = true;
+  return result;
 }

@@ -94,6 +94,11 @@ class Card {
   Trace* trace_ = nullptr;
 };
 
+// The journal refuses the delete of a recording, the `nth` from now on (1: the next).
+void refuseDelete(int nth);
+// While `lose`, a replay of the stream journal drops a row and says nothing. True when it did.
+bool loseReplayedRow(bool lose);
+
 // Log lines of the system log, while kept.
 void keepLog(bool keep);
 std::string takeLog();

@@ -19,6 +19,7 @@ constexpr Named kNames[] = {
     {"save-before-write", Omit::kSaveBeforeWrite},
     {"manage-backup", Omit::kManageBackup},
     {"manage-copy-flush", Omit::kManageCopyFlush},
+    {"manage-flush", Omit::kManageFlush},
     {"fresh-numbers", Omit::kFreshNumbers},
     {"data-before-entries", Omit::kDataBeforeEntries},
     {"entries-flush", Omit::kEntriesFlush},

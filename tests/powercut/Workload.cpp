@@ -2,18 +2,19 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
 
-#include "dblog/CDbLog.h"
 #include "powercut/Checks.h"
+#include "powercut/FaultLives.h"
 #include "powercut/LogLife.h"
+#include "powercut/Script.h"
 #include "powercut/States.h"
 #include "recorder/CardFormatter.h"
 #include "recorder/ManagementServer.h"
-#include "recorder/RecordingSession.h"
 #include "recorder/Recovery.h"
 
 namespace powercut {
@@ -21,22 +22,12 @@ namespace {
 
 constexpr uint64_t kCardBytes = 40 * 1024 * 1024;
 constexpr uint32_t kStart = 1700000000;
-constexpr uint32_t kRate = 25;
 constexpr uint32_t kMostFlushPictures = 5;
 constexpr uint32_t kGop = 10;
 
-struct Shape {
-  uint32_t streamChunk = 256 * 1024;
-  uint32_t pictureChunk = 16 * 1024;
-  uint32_t streams = 3;
-  uint32_t journalChunk = 4096;
-};
 Shape g_shape;
 uint32_t g_variant = 0;  // 0: as described; others differ in sizes and lengths
 tarn::CardLayout g_layout;
-
-// Pictures between two flushes.
-uint32_t flushPictures() { return kMostFlushPictures - g_variant % 3; }
 
 tarn::CardRequest request() {
   tarn::CardRequest request;
@@ -53,74 +44,15 @@ tarn::CardRequest request() {
   return request;
 }
 
+}  // namespace
+
+Shape& shape() { return g_shape; }
+uint32_t variant() { return g_variant; }
+uint32_t flushPictures() { return kMostFlushPictures - g_variant % 3; }
+
 void require(bool good, const std::string& what) {
   if (!good) throw std::runtime_error(what + "\n" + takeLog());
 }
-
-// A program that records: sessions of several channels in one thread, so that the order of the
-// writes is the same in every run.
-class Recorder {
- public:
-  explicit Recorder(Recorded* out) : out_(out), firstSession_(out->sessions.size()) {
-    out_->flushPictures = flushPictures();
-  }
-  ~Recorder() {
-    sessions_.clear();
-    CDbLog::getInstance()->finish();
-  }
-
-  size_t open(int8_t channel, uint32_t segmentSeconds = 60) {
-    tarn::RecordingOptions options;
-    options.channel = channel;
-    options.segmentSeconds = segmentSeconds;
-    options.flushIntervalMs = flushPictures() * 1000 / kRate;
-    options.inTrg = 7;
-    sessions_.push_back(std::make_unique<tarn::RecordingSession>());
-    out_->sessions.emplace_back();
-    out_->channels.push_back(channel);
-    require(sessions_.back()->open(options) == 0, sessions_.back()->errorText());
-    return sessions_.size() - 1;
-  }
-  void picture(size_t session, uint32_t number) {
-    const std::vector<uint8_t> bytes = pictureBytes(number);
-    tarn::RecordingSession& to = *sessions_[session];
-    require(to.writePicture(bytes.data(), bytes.size(), pictureTime(number), 0,
-                            isKeyPicture(number)) == 0,
-            to.errorText());
-    out_->sessions[firstSession_ + session].push_back({number, to.streamID()});
-    note(session);
-  }
-  void pictures(size_t session, uint32_t from, uint32_t to) {
-    for (uint32_t number = from; number < to; ++number) picture(session, number);
-  }
-  uint32_t beginEvent(size_t session, uint16_t trigger, uint32_t number) {
-    const uint32_t key = sessions_[session]->beginEvent(trigger, pictureTime(number), 1);
-    require(key != 0, sessions_[session]->errorText());
-    return key;
-  }
-  void endEvent(size_t session, uint32_t key, uint32_t number) {
-    require(sessions_[session]->endEvent(key, pictureTime(number)) == 0, "event does not end");
-  }
-  void close(size_t session) {
-    require(sessions_[session]->close() == 0, sessions_[session]->errorText());
-    note(session);
-  }
-  const tarn::RecordingSession& at(size_t session) const { return *sessions_[session]; }
-
- private:
-  void note(size_t session) {
-    const Trace* trace = Card::get().trace();
-    if (trace == nullptr) return;
-    const tarn::RecordingStatistics now = sessions_[session]->statistics();
-    out_->safe.push_back({trace->ops.size(), static_cast<int>(firstSession_ + session),
-                          static_cast<uint32_t>(now.confirmed),
-                          static_cast<uint32_t>(now.pictures)});
-  }
-
-  Recorded* out_;
-  size_t firstSession_;
-  std::vector<std::unique_ptr<tarn::RecordingSession>> sessions_;
-};
 
 void begin(Recorded* out) {
   Card& card = Card::get();
@@ -132,6 +64,28 @@ void boot() {
   const tarn::RecoveryReport report = bootCard();
   require(report.ok(), report.error);
 }
+
+void knowRows(Recorded* out) {
+  for (const DB_STREAM& row : listStreams()) {
+    RowMark mark{RowMark::kStreamPut, row.streamID};
+    mark.stream = row;
+    mark.end = 0;
+    out->trace.rows.push_back(mark);
+  }
+  for (const DB_EVENT& row : listEvents()) {
+    RowMark mark{RowMark::kEventPut, row.eventID};
+    mark.event = row;
+    mark.end = 0;
+    out->trace.rows.push_back(mark);
+  }
+}
+
+void cleanStop() {
+  std::string error;
+  require(tarn::Recovery().saveImage(&error) == 0, error);
+}
+
+namespace {
 
 void longRecording(Recorded* out) {
   formatCard();
@@ -160,22 +114,6 @@ void chunkChange(Recorded* out) {
   const size_t session = recorder.open(0);
   recorder.pictures(session, 0, 160 + g_variant * 3);
   recorder.close(session);
-}
-
-// Rows of before are versions that nobody has to have seen come.
-void knowRows(Recorded* out) {
-  for (const DB_STREAM& row : listStreams()) {
-    RowMark mark{RowMark::kStreamPut, row.streamID};
-    mark.stream = row;
-    mark.end = 0;
-    out->trace.rows.push_back(mark);
-  }
-  for (const DB_EVENT& row : listEvents()) {
-    RowMark mark{RowMark::kEventPut, row.eventID};
-    mark.event = row;
-    mark.end = 0;
-    out->trace.rows.push_back(mark);
-  }
 }
 
 // Journals so small that they come round long before the space does: what was recorded first goes
@@ -285,11 +223,6 @@ void systemLog(Recorded* out) {
   logLife(out, g_variant);
   recorder.pictures(session, 13, 30);
   recorder.close(session);
-}
-
-void cleanStop() {
-  std::string error;
-  require(tarn::Recovery().saveImage(&error) == 0, error);
 }
 
 // Clean stops, which leave the database on the card, and starts from it, on a card whose rings are
@@ -419,8 +352,11 @@ namespace {
 
 constexpr const char* kLives[] = {"recording", "chunk", "wrap",    "two",
                                   "log",       "image", "journal", "again"};
+// Lives with faults, or of a few writes: fewer variants show all of them.
+constexpr const char* kShortLives[] = {"rows", "refused", "lost", "leftover", "resave", "stale"};
 constexpr int kVariants = 42;
 constexpr int kFewVariants = 3;
+constexpr int kShortVariants = 6;
 constexpr int kRecoveries = 60;  // moments of a life whose recovery is a life of its own
 constexpr int kSmallRecoveries = 6;
 
@@ -438,6 +374,12 @@ void recordLife(const std::string& name, Recorded* out) {
   if (kind == "journal") return smallJournal(out);
   if (kind == "again") return again(out);
   if (kind == "format") return format(out);
+  if (kind == "rows") return changedRows(out);
+  if (kind == "refused") return refusedDelete(out);
+  if (kind == "lost") return lostRow(out);
+  if (kind == "leftover") return leftOvers(out);
+  if (kind == "resave") return savedTwice(out);
+  if (kind == "stale") return staleImage(out);
   throw std::runtime_error("there is no workload " + name);
 }
 
@@ -477,17 +419,29 @@ void recordRecovery(const std::string& name, Recorded* out) {
 
 }  // namespace
 
+namespace {
+
+void addLife(const std::string& life, int variants, int recoveries,
+             std::vector<std::string>* names) {
+  names->push_back(life);
+  for (int variant = 1; variant < variants; ++variant) {
+    names->push_back(life + "." + std::to_string(variant));
+  }
+  const int step = kRecoveries / recoveries;
+  for (int moment = step / 2; moment < kRecoveries; moment += step) {
+    names->push_back("recovery." + life + "." + std::to_string(moment));
+  }
+}
+
+}  // namespace
+
 std::vector<std::string> workloadNames(bool all) {
   std::vector<std::string> names;
   for (const char* life : kLives) {
-    names.emplace_back(life);
-    for (int variant = 1; variant < (all ? kVariants : kFewVariants); ++variant) {
-      names.push_back(std::string(life) + "." + std::to_string(variant));
-    }
-    const int step = all ? 1 : kRecoveries / kSmallRecoveries;
-    for (int moment = step / 2; moment < kRecoveries; moment += step) {
-      names.push_back(std::string("recovery.") + life + "." + std::to_string(moment));
-    }
+    addLife(life, all ? kVariants : kFewVariants, all ? kRecoveries : kSmallRecoveries, &names);
+  }
+  for (const char* life : kShortLives) {
+    addLife(life, all ? kShortVariants : 1, all ? kSmallRecoveries : 1, &names);
   }
   names.emplace_back("format");
   return names;

@@ -75,6 +75,7 @@ struct Recorded {
   uint32_t flushPictures = 0;                  // most that may be handed over and not be safe
   std::vector<LogMark> log;                    // only of lives that write a system log
   bool isFormat = false;
+  bool replayLosesRow = false;  // the first start after a cut loses a row
   // Of the workload that makes a recovery's writes: where in the life it recovers, and what it ends
   // in when it is not disturbed.
   bool isRecovery = false;
