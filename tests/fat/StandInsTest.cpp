@@ -77,19 +77,28 @@ TEST(StandIns, AllocationsOfTheThreadAreCounted) {
 }
 
 TEST(StandIns, AllocationsOfAllThreadsAreCountedOnRequest) {
-  std::atomic<bool> go{false};
+  std::atomic<int> step{0};
+  const auto await = [&](int n) {
+    while (step < n) std::this_thread::yield();
+  };
   std::thread other([&] {
-    while (!go) std::this_thread::yield();
+    step = 1;
+    await(2);
     auto number = std::make_unique<int>(3);
     void* volatile block = malloc(100);
     free(block);
+    step = 3;
+    await(4);
   });
+  await(1);  // a sanitizer allocates as a thread starts
   AllocationCount ours;
   AllocationCount all(AllocationCount::Of::AllThreads);
-  go = true;
-  other.join();
+  step = 2;
+  await(3);
   EXPECT_EQ(ours.count(), 0u);
   EXPECT_EQ(all.count(), 2u);
+  step = 4;
+  other.join();
 }
 
 TEST(StandIns, CardHoldsGoodManagementFiles) {
