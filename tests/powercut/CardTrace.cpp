@@ -87,6 +87,15 @@ void Card::create(uint64_t size) {
   undo_.clear();
 }
 
+void Card::load(const std::vector<uint8_t>& bytes) {
+  settle();
+  for (uint64_t at = 0; at < size_; at += kPage) {
+    const size_t length = std::min<uint64_t>(kPage, size_ - at);
+    if (memcmp(map_ + at, bytes.data() + at, length) != 0)
+      memcpy(map_ + at, bytes.data() + at, length);
+  }
+}
+
 void Card::aboutToWrite(uint64_t offset, size_t length) {
   if (length == 0) return;
   const uint64_t last = std::min(offset + length, size_) - 1;

@@ -52,6 +52,8 @@ class Card {
   uint64_t size() const { return size_; }
   const uint8_t* bytes() const { return map_; }
 
+  // Makes the whole card these bytes, from which there is no way back.
+  void load(const std::vector<uint8_t>& bytes);
   // Writes as the rig, not as the recorder.
   void put(uint64_t offset, const void* bytes, size_t length);
 

@@ -5,7 +5,7 @@
 
 namespace powercut {
 States::States(const Recorded& life, uint64_t seed)
-    : life_(life), random_(seed), copied_(copiedExtents()), shadow_(life.base) {}
+    : life_(life), random_(seed), copied_(copiedExtents()) {}
 
 uint64_t States::random() { return mix(random_ += 0x9E3779B97F4A7C15u); }
 
@@ -25,6 +25,12 @@ uint64_t States::count(const Recorded& life, uint64_t seed) {
   return states.distinct();
 }
 
+const uint8_t* States::flushedSector(uint64_t number) const {
+  const auto place = flushedSectors_.find(number);
+  return place == flushedSectors_.end() ? life_.base.data() + number * kSector
+                                        : place->second.data();
+}
+
 void States::addWrite(const CardOp& op) {
   const uint64_t end = op.offset + op.bytes.size();
   for (uint64_t at = op.offset; at < end;) {
@@ -32,7 +38,7 @@ void States::addWrite(const CardOp& op) {
     const uint64_t stop = std::min(end, (number + 1) * kSector);
     Sector& sector = sectors_[number];
     if (sector.versions.empty()) {
-      const uint8_t* old = shadow_.data() + number * kSector;
+      const uint8_t* old = flushedSector(number);
       sector.versions.emplace_back(old, old + kSector);
       sector.hashes.push_back(sectorHash(number, old));
     }
@@ -54,7 +60,7 @@ void States::addWrite(const CardOp& op) {
 
 void States::flush() {
   for (const auto& [number, sector] : sectors_) {
-    memcpy(shadow_.data() + number * kSector, sector.versions.back().data(), kSector);
+    flushedSectors_[number] = sector.versions.back();
     Card::get().put(number * kSector, sector.versions.back().data(), kSector);
     flushedHash_ ^= sector.hashes.front() ^ sector.hashes.back();
   }
@@ -160,8 +166,7 @@ void States::walk(const Visit& visit, const Run& run) {
   visit_ = &visit;
   run_ = &run;
   Card& card = Card::get();
-  card.put(0, life_.base.data(), life_.base.size());
-  card.settle();
+  card.load(life_.base);
   visitState({});
   for (const CardOp& op : life_.trace.ops) {
     ++cut_.at;

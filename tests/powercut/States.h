@@ -59,6 +59,7 @@ class States {
 
   void addWrite(const CardOp& op);
   void flush();
+  const uint8_t* flushedSector(uint64_t number) const;
   void visitState(const Versions& versions);
   void visitSubsets();
   void visitTears();
@@ -71,7 +72,8 @@ class States {
   const Recorded& life_;
   uint64_t random_;
   const std::vector<std::pair<uint64_t, uint64_t>> copied_;  // bytes that are kept twice
-  std::vector<uint8_t> shadow_;                              // the card with everything flushed
+  // What was flushed since the beginning, by sector.
+  std::unordered_map<uint64_t, std::vector<uint8_t>> flushedSectors_;
   uint64_t flushedHash_ = 0;
   std::unordered_map<uint64_t, Sector> sectors_;
   size_t waiting_ = 0;  // unflushed writes

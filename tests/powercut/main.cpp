@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -75,8 +76,9 @@ class Run {
 
   void all() {
     const uint64_t total = States::count(life_, options_.seed);
-    const uint64_t stride =
-        options_.goal == 0 || options_.goal >= total ? 1 : total / options_.goal;
+    const uint64_t goal = options_.goal == 0 ? total : std::min(options_.goal, total);
+    // Evenly spread; which ones depends on the seed.
+    auto step = [&](uint64_t distinct) { return (distinct + options_.seed) * goal / total; };
     States states(life_, options_.seed);
     states.walk(
         [&](uint64_t number, uint64_t distinct) {
@@ -84,7 +86,7 @@ class Run {
           if (options_.firstFailure && failures_ > 0) return false;
           // The last state, in which the life ended well, is always among them.
           last_ = distinct + 1 == total;
-          return last_ || distinct % stride == options_.seed % stride;
+          return last_ || step(distinct) != step(distinct + 1);
         },
         [&](const State& state) { one(state); });
     if (!options_.one) summary(total);
