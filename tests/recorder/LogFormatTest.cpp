@@ -111,16 +111,17 @@ TEST(LogFormatTest, LinesAreReadBackWithTheClocksOwnTime) {
 
 TEST(LogLayoutTest, TheMarkHasRoomInTheSectorBehindEachLine) {
   zone("UTC");
-  for (size_t length = 1; length <= tarn::kLogTextBytes; length += 7) {
-    tarn::LogLayout layout(64 * 1024);
+  constexpr uint32_t kBytes = 4 * 4096;
+  for (size_t length = 1; length <= tarn::kLogTextBytes; length += 11) {
+    tarn::LogLayout layout(kBytes);
     std::string out;
     while (layout.add(std::string(length, 'x'), 1700000000, &out)) {
       ASSERT_EQ(out.size(), layout.position());
-      ASSERT_TRUE(tarn::LogLayout::takesMark(layout.position(), 64 * 1024)) << length;
+      ASSERT_TRUE(tarn::LogLayout::takesMark(layout.position(), kBytes)) << length;
       ASSERT_LE(layout.position() % 512, 512 - tarn::kLogMarkBytes) << length;
     }
     // Not more than one line is wasted at the end.
-    EXPECT_GT(layout.position() + length + 4096, 64u * 1024) << length;
+    EXPECT_GT(layout.position() + length + 4096, kBytes) << length;
   }
 }
 
