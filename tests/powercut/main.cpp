@@ -99,7 +99,9 @@ class Run {
     cards_.insert(state.content);
     keepLog(options_.one);
     std::string failure = checker_.check(state.cut, state.flushed);
-    const bool checkVolume = options_.one || last_ || ran_ % kBetweenVolumeChecks == 0;
+    // A format that lost power may leave no file system at all.
+    const bool whole = !life_.isFormat || last_ || state.number == 0;
+    const bool checkVolume = whole && (options_.one || last_ || ran_ % kBetweenVolumeChecks == 0);
     if (failure.empty() && checkVolume) failure = checker_.checkFileSystem();
     ++ran_;
     const std::string log = takeLog();
