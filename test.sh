@@ -48,7 +48,9 @@ for preset in "${presets[@]}"; do
   if [ "$preset" = tsan ]; then
     concurrent=(fat mesg chunk dblog recorder)
     targets=(--target tarn-server dbsetup "${concurrent[@]/#/test_}")
-    select=(-L "^($(IFS='|'; echo "${concurrent[*]}"))\$")
+    select=(-L "^($(IFS='|'; echo "${concurrent[*]}"))\$"
+      # Long ones of a single thread.
+      -E '^recorder\.(CardCheck|RecoveryCut|LogWriterPowerCut|LogLayout)|^dblog\.ReplayFaults\.APassing')
   fi
   # The tests of the libraries; the tool's own are about the tool, not about the machine.
   if [ "$preset" = armhf-asan ]; then

@@ -33,6 +33,7 @@ struct Tool {
                    "file, is the recorder's card")
         ->type_name("CARD");
     app.add_option("--inside-view", viewPipe)->group("");
+    app.set_version_flag("--version", "tarn " TARN_VERSION, "print the version and exit");
     app.require_subcommand(0, 1);
     app.footer(kFooter);
     for (const auto& command : commands) subcommands.push_back(command->addTo(app));

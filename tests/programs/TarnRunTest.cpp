@@ -52,6 +52,12 @@ class TarnRunTest : public ::testing::Test {
   }
 };
 
+TEST(TarnVersion, GoesToStandardOutput) {
+  const ShellResult result = shell(TARN_BIN_DIR "/tarn --version 2>/dev/null");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, ::testing::MatchesRegex("tarn [0-9.]+\n"));
+}
+
 TEST_F(TarnRunTest, TheViewHasTheCardTheDatabaseAndTheServer) {
   const ShellResult result = inView(
       "cmp -n 512 /dev/sdblk0p1 /tmp/.outside/card && test -s /tmp/DB.dat && "
