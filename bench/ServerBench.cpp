@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <vector>
 
@@ -97,7 +98,7 @@ class Clients {
   void send(size_t i) {
     sent_[i] = now();
     if (write(fds_[i].get(), request_.bytes(), tarn::kRequestSize) != tarn::kRequestSize) {
-      give_up("a request could not be sent");
+      give_up(std::string("a request could not be sent: ") + strerror(errno));
     }
   }
   void receive(size_t i) {
