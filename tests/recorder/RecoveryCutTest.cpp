@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "recorder/RecoveryRig.h"
+#include "support/Pace.h"
 
 namespace tarn_test {
 namespace {
@@ -111,7 +112,7 @@ TEST_F(RecoveryCutTest, ReadsThatFailNeverLoseARowSilently) {
     reads = counted.count(Call::Read);
   }
   uint32_t stopped = 0;
-  for (size_t k = 1; k <= reads; ++k) {
+  for (size_t k = 1; k <= reads; k += tarn_test::kPlaceStep) {
     for (int times : {1, 3}) {
       rig.setCard(good);
       RecoveryReport report;

@@ -1,0 +1,13 @@
+#pragma once
+
+namespace tarn_test {
+
+// Tests that repeat themselves with a fault at every place take every n-th one where a program runs
+// in an emulator, many times slower: the places are those that every host build goes through.
+#if defined(__arm__)
+inline constexpr int kPlaceStep = 4;
+#else
+inline constexpr int kPlaceStep = 1;
+#endif
+
+}  // namespace tarn_test
