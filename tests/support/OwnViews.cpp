@@ -83,7 +83,8 @@ void enterOwnView() {
 // that gets some stops in the midst of its report. (Not by mmap(), which the sanitizer watches.)
 void leaveKernelItsGigabyte() {
 #if defined(__arm__)
-  constexpr unsigned long kBegin = 0xC0000000;
+  // A megabyte more: elsewhere the stack lies there, and the sanitizer relies on that as well.
+  constexpr unsigned long kBegin = 0xC0000000 - 0x100000;
   constexpr unsigned long kEnd = 0xFFFF0000;  // where the kernel's helpers for programs lie
   need(syscall(SYS_mmap2, kBegin, kEnd - kBegin, PROT_NONE,
                MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0) != -1,
