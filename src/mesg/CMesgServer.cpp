@@ -231,9 +231,10 @@ int CMesgServer::m_accept() {
 void CMesgServer::m_addClient(int fd) {
   {
     MutexLock lock(m_mutex);
-    syslog(LOG_INFO, tarn::kMesgAcceptNotice, fd);
     m_clients.push_back(fd);
     m_setupSelect();
+    // Last: who sees the line can rely on the client's being in the set.
+    syslog(LOG_INFO, tarn::kMesgAcceptNotice, fd);
   }
   raiseEvent(m_wakeFd.get());
 }
