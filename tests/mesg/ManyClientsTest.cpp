@@ -68,6 +68,7 @@ TEST(ManyClients, SixtyFourAtOnceGetEachTheirOwnAnswers) {
 }
 
 TEST(ManyClients, ThoseThatLeaveAtAnyMomentDisturbNobody) {
+  constexpr int kExchanges = 60;
   SyslogCapture log;
   Echo echo;
   std::atomic<bool> busy{true};
@@ -83,11 +84,11 @@ TEST(ManyClients, ThoseThatLeaveAtAnyMomentDisturbNobody) {
   }
   std::atomic<int> right{0};
   std::vector<std::thread> polite;
-  for (int i = 0; i < 8; ++i) polite.emplace_back([&right, i] { right += talk(i, 200); });
+  for (int i = 0; i < 8; ++i) polite.emplace_back([&right, i] { right += talk(i, kExchanges); });
   for (std::thread& thread : polite) thread.join();
   busy = false;
   for (std::thread& thread : rude) thread.join();
-  EXPECT_EQ(right, 8 * 200);
+  EXPECT_EQ(right, 8 * kExchanges);
 }
 
 }  // namespace
