@@ -112,7 +112,9 @@ TEST_F(RecoveryCutTest, ReadsThatFailNeverLoseARowSilently) {
     reads = counted.count(Call::Read);
   }
   uint32_t stopped = 0;
-  for (size_t k = 1; k <= reads; k += tarn_test::kPlaceStep) {
+  // Four starts of a recorder at each place.
+  constexpr size_t kStep = tarn_test::kPlaceStep * tarn_test::kPlaceStep;
+  for (size_t k = 1; k <= reads; k += kStep) {
     for (int times : {1, 3}) {
       rig.setCard(good);
       RecoveryReport report;
