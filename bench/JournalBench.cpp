@@ -1,9 +1,14 @@
 // One journaled insert, update and delete of an event, the management server included, against the
-// same statements, writes and flushes alone.
+// same statements, writes and flushes alone; with the server on the same processor, and with both
+// where the system puts them.
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -103,8 +108,8 @@ enum class Change { kInsert, kUpdate, kDelete };
 
 class JournalRig : public Rig {
  public:
-  JournalRig(Medium medium, Change change, uint32_t count, int turns)
-      : card_(medium, 256 * kMiB), change_(change), count_(count) {
+  JournalRig(Medium medium, bool together, Change change, uint32_t count, int turns)
+      : processor_(together), card_(medium, 256 * kMiB), change_(change), count_(count) {
     // Every insert before the first turn costs what it costs in one.
     const uint32_t rowsBefore = medium == Medium::kSlow ? kFewRows : kRowsBefore;
     makeEmptyDatabase();
@@ -194,6 +199,7 @@ class JournalRig : public Rig {
     bare_->execute(sql);
   }
 
+  OneProcessor processor_;  // before the server, which inherits it
   Card card_;
   Change change_;
   uint32_t count_;
@@ -206,18 +212,69 @@ class JournalRig : public Rig {
 
 constexpr int kTurns = 9;
 
-Pair journalPair(const char* name, Medium medium, Change change, uint32_t count, int turns) {
+constexpr bool kTogether = true;
+constexpr bool kApart = false;
+
+Pair journalPair(const char* name, Medium medium, bool together, Change change, uint32_t count,
+                 int turns) {
   const char* group = medium == Medium::kSlow ? "slow" : "journal";
-  return {group, name,  Goal::kCost,
-          1.25,  turns, [=] { return std::make_unique<JournalRig>(medium, change, count, turns); }};
+  return {group,
+          name,
+          Goal::kCost,
+          1.25,
+          turns,
+          [=] {
+            return std::make_unique<JournalRig>(medium, together, change, count, turns); }};
 }
 
-const bool kInsert = add(journalPair("insert/disk", Medium::kDisk, Change::kInsert, 50, kTurns));
-const bool kUpdate = add(journalPair("update/disk", Medium::kDisk, Change::kUpdate, 50, kTurns));
-const bool kDelete = add(journalPair("delete/disk", Medium::kDisk, Change::kDelete, 50, kTurns));
-const bool kSlowInsert = add(journalPair("insert/slow", Medium::kSlow, Change::kInsert, 20, 5));
-const bool kRamInsert = add(journalPair("insert/ram", Medium::kRam, Change::kInsert, 300, kTurns));
-const bool kRamUpdate = add(journalPair("update/ram", Medium::kRam, Change::kUpdate, 300, kTurns));
-const bool kRamDelete = add(journalPair("delete/ram", Medium::kRam, Change::kDelete, 300, kTurns));
+void addOn(const char* insert, const char* update, const char* erase, Medium medium, bool together,
+           uint32_t count) {
+  add(journalPair(insert, medium, together, Change::kInsert, count, kTurns));
+  add(journalPair(update, medium, together, Change::kUpdate, count, kTurns));
+  add(journalPair(erase, medium, together, Change::kDelete, count, kTurns));
+}
+
+const bool kRegistered = [] {
+  addOn("insert/disk_1", "update/disk_1", "delete/disk_1", Medium::kDisk, kTogether, 50);
+  addOn("insert/disk", "update/disk", "delete/disk", Medium::kDisk, kApart, 50);
+  addOn("insert/ram_1", "update/ram_1", "delete/ram_1", Medium::kRam, kTogether, 300);
+  addOn("insert/ram", "update/ram", "delete/ram", Medium::kRam, kApart, 300);
+  return add(journalPair("insert/slow", Medium::kSlow, kApart, Change::kInsert, 20, 5));
+}();
+
+// A message of a request's size to another process and back, and nothing else.
+std::map<std::string, double> messageCost(bool together) {
+  constexpr int kMessages = 3000;
+  const OneProcessor processor(together);
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) give_up("no sockets");
+  uint8_t message[1024] = {};
+  const pid_t echo = fork();
+  if (echo == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    close(ends[0]);
+    while (read(ends[1], message, sizeof message) == sizeof message) {
+      if (write(ends[1], message, sizeof message) != sizeof message) break;
+    }
+    _exit(0);
+  }
+  close(ends[1]);
+  const double seconds = timed([&] {
+    for (int i = 0; i < kMessages; ++i) {
+      if (write(ends[0], message, sizeof message) != sizeof message ||
+          read(ends[0], message, sizeof message) != sizeof message) {
+        give_up("a message was lost");
+      }
+    }
+  });
+  close(ends[0]);
+  waitpid(echo, nullptr, 0);
+  return {{"us", seconds * 1e6 / kMessages}};
+}
+
+const bool kMessageTogether =
+    add(Figures{"journal", "message/together", 9, [] { return messageCost(kTogether); }});
+const bool kMessageApart =
+    add(Figures{"journal", "message/apart", 9, [] { return messageCost(kApart); }});
 
 }  // namespace

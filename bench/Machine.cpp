@@ -147,6 +147,21 @@ ServerProcess::~ServerProcess() {
   waitpid(pid_, nullptr, 0);
 }
 
+OneProcessor::OneProcessor(bool wanted) : wanted_(wanted) {
+  if (!wanted_) return;
+  if (sched_getaffinity(0, sizeof before_, &before_) != 0) give_up("no processors");
+  int first = 0;
+  while (!CPU_ISSET(first, &before_)) ++first;
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(first, &one);
+  if (sched_setaffinity(0, sizeof one, &one) != 0) give_up("cannot stay on one processor");
+}
+
+OneProcessor::~OneProcessor() {
+  if (wanted_) sched_setaffinity(0, sizeof before_, &before_);
+}
+
 int runProgram(const std::vector<std::string>& command, std::string* output) {
   std::vector<char*> argv;
   for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sched.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -75,6 +76,20 @@ class ServerProcess {
 
  private:
   pid_t pid_ = -1;
+};
+
+// While it lives, this thread and what it starts run on one processor, as on a recorder's board
+// that has no other. A message to another process then waits for no processor to wake up.
+class OneProcessor {
+ public:
+  explicit OneProcessor(bool wanted);
+  ~OneProcessor();
+  OneProcessor(const OneProcessor&) = delete;
+  OneProcessor& operator=(const OneProcessor&) = delete;
+
+ private:
+  bool wanted_;
+  cpu_set_t before_;
 };
 
 // Runs a program to its end and returns its exit status; its output goes to /dev/null unless

@@ -31,7 +31,7 @@ constexpr size_t kStamp = 287;
 constexpr char kSqlReopen[] = "UPDATE STREAM SET recSize = 0 WHERE streamID = 1";
 
 // The fewest calls that read what a repair must read: entries in blocks, and the head of each
-// hundredth picture, then of each picture behind the last good one.
+// hundredth picture, then of each picture behind the last one of those.
 class BareWalk {
  public:
   explicit BareWalk(const Card& card)
@@ -46,7 +46,8 @@ class BareWalk {
   uint32_t run(sqlite3* db) {
     blockAt_ = -1;
     const uint32_t good = walk(0, 100);
-    const uint32_t pictures = walk(good / 100 * 100, 1);
+    // The pictures behind the last hundredth one, each.
+    const uint32_t pictures = walk((good - 1) / 100 * 100 + 1, 1);
     sqlite3_exec(db,
                  "UPDATE STREAM SET status = 65536, recSize = 27000, chunkSize = 864032, endDate = "
                  "1700000960, endMSec = 0 WHERE streamID = 1",

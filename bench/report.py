@@ -25,6 +25,9 @@ TITLES = {
     "stream/ram_4": "4 chunks, file in memory",
     "stream/disk_1": "1 chunk, file on disk",
     "stream/disk_4": "4 chunks, file on disk",
+    "stream/ram_1_buffered": "1 chunk, file in memory, against two buffers and a thread",
+    "stream/ram_4_buffered": "4 chunks, file in memory, against two buffers and a thread each",
+    "stream/disk_1_buffered": "1 chunk, file on disk, against two buffers and a thread",
     "stream/slow_1": "1 chunk, device of 10 MB/s",
     "stream/slow_4": "4 chunks, device of 10 MB/s",
     "stream/call": "median writing call, against `memcpy`",
@@ -34,10 +37,16 @@ TITLES = {
     "open/ram_picture": "picture chunk for reading",
     "open/ram_stream": "stream chunk for writing",
     "open/disk_cold": "stream chunk, nothing of the card in memory",
+    "insert/disk_1": "insert, card on disk, one processor",
+    "update/disk_1": "update, card on disk, one processor",
+    "delete/disk_1": "delete, card on disk, one processor",
     "insert/disk": "insert, card on disk",
     "update/disk": "update, card on disk",
     "delete/disk": "delete, card on disk",
     "insert/slow": "insert, device of 10 MB/s",
+    "insert/ram_1": "insert, card in memory, one processor",
+    "update/ram_1": "update, card in memory, one processor",
+    "delete/ram_1": "delete, card in memory, one processor",
     "insert/ram": "insert, card in memory",
     "update/ram": "update, card in memory",
     "delete/ram": "delete, card in memory",
@@ -168,6 +177,30 @@ def growth_table(entries):
         growth = times[-1] / times[0]
         lines.append(f"| {title} | {' | '.join(seconds(time) for time in times)} | {growth:.2f} | "
                      f"{'yes' if growth < 1.3 else 'no, see below'} |")
+    return "\n".join(lines)
+
+
+# Requests to the server of each change; a test counts them.
+REQUESTS = {"insert": 5, "update": 4, "delete": 4}
+
+
+def message_table(entries):
+    """What the messages of a change come to, beside what it takes longer than the bare loop."""
+    lines = ["| change | bare | messages | bare and messages | ours |", "|---|---|---|---|---|"]
+    for name in ("insert/disk_1", "update/disk_1", "delete/disk_1", "insert/disk", "update/disk",
+                 "delete/disk", "insert/ram_1", "update/ram_1", "delete/ram_1", "insert/ram",
+                 "update/ram", "delete/ram"):
+        entry = entries.get(name)
+        one = entries.get("message/together" if name.endswith("_1") else "message/apart")
+        if not entry or not one or not entry.ratio or entry.error or one.error:
+            lines.append(f"| {TITLES[name]} | | | | not measured |")
+            continue
+        count = entry.figure("count")
+        ours, bare = (1e6 * statistics.median(side) / count for side in (entry.ours, entry.bare))
+        number = REQUESTS[name.split("/")[0]]
+        messages = number * one.figure("us")
+        lines.append(f"| {TITLES[name]} | {bare:.0f} µs | {number} × {one.figure('us'):.1f} µs | "
+                     f"{bare + messages:.0f} µs | {ours:.0f} µs |")
     return "\n".join(lines)
 
 
@@ -383,6 +416,8 @@ def document(entries, options):
             return table(entries, names, options.anyway)
         if words[0] == "growth":
             return growth_table(entries)
+        if words[0] == "messages":
+            return message_table(entries)
         if words[0] == "startup":
             return startup_table(entries)
         if words[0] == "cost":
