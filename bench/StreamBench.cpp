@@ -81,8 +81,8 @@ class Streams {
   std::vector<std::unique_ptr<CTARNStreamChunk>> chunks_;
 };
 
-// Two buffers and a thread that writes them, and nothing else: what a recorder must have whose data
-// comes in pieces and may not wait for the device.
+// Two buffers and a thread that writes the full one, in the plainest way: what a recorder must have
+// whose data comes in pieces and may not wait for the device.
 class TwoBuffers {
  public:
   TwoBuffers(int fd, uint64_t start)
@@ -158,17 +158,16 @@ class StreamRig : public Rig {
   StreamRig(Medium medium, int chunks, uint64_t total)
       : streams_(medium, chunks),
         total_(total),
-        data_(kBuffer + 4096, 0xA5),
+        data_(total / static_cast<uint64_t>(chunks) + 4096, 0xA5),
         fd_(open(kCardDevice, O_RDWR | O_CLOEXEC)) {}
 
   double ours() override {
     streams_.restart();
     const double cpu = cpuSeconds();
     const double seconds = timed([this] {
-      for (uint64_t done = 0; done < total_;) {
+      for (uint64_t done = 0; done < each(); done += kPiece) {
         for (size_t chunk = 0; chunk < streams_.count(); ++chunk) {
-          streams_.write(chunk, data_.data(), kPiece);
-          done += kPiece;
+          streams_.write(chunk, source() + done, kPiece);
         }
       }
       streams_.flush();
@@ -178,14 +177,13 @@ class StreamRig : public Rig {
   }
 
   double bare() override {
-    const uint64_t each = total_ / streams_.count();
-    const uint8_t* data = onPage(data_);
     return timed([&] {
-      for (uint64_t done = 0; done < each; done += kBuffer) {
-        const size_t size = std::min<uint64_t>(kBuffer, each - done);
+      for (uint64_t done = 0; done < each(); done += kBuffer) {
+        const size_t size = std::min<uint64_t>(kBuffer, each() - done);
         for (uint32_t chunk = 0; chunk < streams_.count(); ++chunk) {
           const uint64_t at = streams_.card().chunkByte(tarn::kFileStream, chunk) + done;
-          if (pwrite(fd_.get(), data, size, static_cast<off_t>(at)) != static_cast<ssize_t>(size) ||
+          if (pwrite(fd_.get(), source() + done, size, static_cast<off_t>(at)) !=
+                  static_cast<ssize_t>(size) ||
               fsync(fd_.get()) != 0) {
             give_up("the bare write failed");
           }
@@ -195,8 +193,9 @@ class StreamRig : public Rig {
   }
 
   Streams& streams() { return streams_; }
-  uint64_t total() const { return total_; }
-  const uint8_t* data() const { return data_.data(); }
+  uint64_t each() const { return total_ / streams_.count(); }  // bytes of a chunk
+  // New data all the time, as from an encoder: as many bytes as a chunk gets.
+  const uint8_t* source() { return onPage(data_); }
   int device() const { return fd_.get(); }
 
   std::map<std::string, double> figures() override {
@@ -224,11 +223,8 @@ class BufferedRig : public StreamRig {
 
   double bare() override {
     return timed([this] {
-      for (uint64_t done = 0; done < total();) {
-        for (auto& buffer : buffers_) {
-          buffer->write(data(), kPiece);
-          done += kPiece;
-        }
+      for (uint64_t done = 0; done < each(); done += kPiece) {
+        for (auto& buffer : buffers_) buffer->write(source() + done, kPiece);
       }
       for (auto& buffer : buffers_) buffer->flush();
     });
