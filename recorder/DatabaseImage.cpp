@@ -141,7 +141,10 @@ bool dropDatabaseImage() {
   CTARNDBChunk chunk;
   if (omitted(Omit::kImageEmptied)) return true;
   const long size = chunk.getDBSize(kRestored);
-  return size == 0 || size == -1 || size == kUnreadable || chunk.clearDBChunk(0) == 0;
+  if (size == 0 || size == -1) return true;
+  // One that a passing read error hides would show up again. Where this fails as well there may be
+  // no card, and what cannot be read at all is no danger.
+  return chunk.clearDBChunk(0) == 0 || size == kUnreadable;
 }
 
 bool saveDatabaseImage(std::string* error) {

@@ -351,6 +351,17 @@ TEST_F(DatabaseImageTest, IsDroppedWhenTheServerStartsWithoutARecovery) {
   EXPECT_THAT(keysOf(allStreams()), ElementsAre(1u, 2u));
 }
 
+TEST_F(DatabaseImageTest, IsDroppedAlsoWhenAReadErrorHidesIt) {
+  rig.record(0, 40);
+  stopCleanly();
+  {
+    IoFaults faults(kCardPath);
+    faults.fail(Call::Read, 1, EIO);
+    rig.startServer();
+  }
+  EXPECT_EQ(imageSize(), 0);
+}
+
 TEST_F(DatabaseImageTest, NoServerStartsThatCannotDropIt) {
   rig.record(0, 40);
   stopCleanly();
