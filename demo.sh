@@ -100,10 +100,14 @@ for number in signal.SIGSTOP, signal.SIGKILL:
 PY
 }
 
+# What records must not go on when this ends early.
+recorder=''
+trap '[ -z "$recorder" ] || kill_tree "$recorder" 2>/dev/null' EXIT
+
 # cut_power CARD START NAME DECISECONDS: records in real time, kills everything in the view after
 # that long, recovers, and compares what the interrupted recording still holds.
 cut_power() {
-  local recorder written safe id back verdict
+  local written safe id back verdict
   say "   Power goes after $(($4 / 10)).$(($4 % 10)) s"
   "$tarn" --card "$1" record "$clip" --loop 100 --realtime --progress --start "$2" \
     --event 5@1 >"$out/progress" 2>"$out/log" &
@@ -116,6 +120,7 @@ cut_power() {
   sleep "$(($4 / 10)).$(($4 % 10))"
   kill_tree "$recorder"
   while kill -0 "$recorder" 2>/dev/null; do sleep 0.1; done
+  recorder=''
   read -r written safe < <(sed -n 's/^\([0-9]*\) .* \([0-9]*\) safe$/\1 \2/p' "$out/progress" | tail -n 1)
   "$tarn" --card "$1" recover | sed 's/^/   /'
   "$tarn" check "$1" | sed 's/^/   /'

@@ -9,5 +9,5 @@ board_packages=(qemu-system-arm cpio kmod mtools)
 run_packages=(bubblewrap)
 demo_packages=(python3-imageio ffmpeg dosfstools)
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
-  file man-db dpkg-dev lintian systemd)
+  file man-db dpkg-dev lintian systemd procps)
 bench_packages=(libbenchmark-dev nbdkit libnbd-bin util-linux python3-imageio ffmpeg)

@@ -48,7 +48,8 @@ TEST_F(TarnRecoverTest, ACleanEndLeavesAnImageForTheNextStartAlone) {
 }
 
 TEST_F(TarnRecoverTest, AKilledServerLeavesNoImage) {
-  EXPECT_EQ(tarn("--card /tmp/card run -- sh -c 'kill -9 $(pidof tarn-server)'").exitCode, 1);
+  EXPECT_EQ(tarn("--card /tmp/card run -- sh -c 'kill -9 $(pgrep -P $PPID tarn-server)'").exitCode,
+            1);
   EXPECT_EQ(tarn("--card /tmp/card recover").output,
             "0 recordings and 0 events, from the journal\n");
 }

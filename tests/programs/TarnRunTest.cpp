@@ -169,7 +169,7 @@ TEST_F(TarnRunTest, AToolThatIsKilledTakesTheViewWithItAndFreesTheCard) {
 }
 
 TEST_F(TarnRunTest, AServerThatDiesIsReported) {
-  const ShellResult result = inView("kill -9 $(pidof tarn-server); sleep 0.1; echo done");
+  const ShellResult result = inView("kill -9 $(pgrep -P $PPID tarn-server); sleep 0.1; echo done");
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_EQ(result.output,
             "done\ntarn: the management server ended with code 137; what it had not saved is "

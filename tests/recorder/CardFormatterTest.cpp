@@ -397,17 +397,21 @@ TEST(CardFormatterTest, AnImageFileGetsExactlyTheSizeAskedFor) {
 }
 
 TEST(CardFormatterTest, RefusalsOfTheTarget) {
-  EXPECT_EQ(refusal(CardRequest(), "/tmp/none"),
-            "/tmp/none does not exist: give a size to create it as an image file");
-  EXPECT_EQ(refusal(smallCard(), "/tmp/none/card"),
-            "cannot write to /tmp/none/card: No such file or directory");
+  // Nobody else has put anything there.
+  char folder[] = "/tmp/target.XXXXXX";
+  ASSERT_NE(mkdtemp(folder), nullptr);
+  const std::string none = std::string(folder) + "/none";
+  EXPECT_EQ(refusal(CardRequest(), none),
+            none + " does not exist: give a size to create it as an image file");
+  EXPECT_EQ(refusal(smallCard(), none + "/card"),
+            "cannot write to " + none + "/card: No such file or directory");
   EXPECT_EQ(refusal(smallCard(), "/tmp"), "/tmp is neither a block device nor an image file");
   EXPECT_EQ(refusal(smallCard(), "/dev/null"),
             "/dev/null is neither a block device nor an image file");
   CardRequest tooSmall;
   tooSmall.sizeBytes = kMiB;
-  EXPECT_THAT(refusal(tooSmall, "/tmp/new"), HasSubstr("the card is too small"));
-  EXPECT_NE(access("/tmp/new", F_OK), 0) << "a request that cannot work leaves no file";
+  EXPECT_THAT(refusal(tooSmall, none), HasSubstr("the card is too small"));
+  EXPECT_NE(access(none.c_str(), F_OK), 0) << "a request that cannot work leaves no file";
 }
 
 TEST(CardFormatterTest, ACardThatAnotherToolUsesIsBusy) {
