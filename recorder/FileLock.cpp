@@ -7,16 +7,16 @@
 
 namespace tarn {
 
-bool FileLock::lock(const char* path, bool wait) {
-  UniqueFd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0660));
-  if (!fd.valid()) return false;
+FileLock::Outcome FileLock::take(const char* path, bool wait) {
+  UniqueFd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660));
+  if (!fd.valid()) return Outcome::kCannotOpen;
   int result = 0;
   do {
     result = flock(fd.get(), wait ? LOCK_EX : LOCK_EX | LOCK_NB);
   } while (result != 0 && errno == EINTR);
-  if (result != 0) return false;
+  if (result != 0) return errno == EWOULDBLOCK ? Outcome::kHeldByOther : Outcome::kCannotOpen;
   fd_ = static_cast<UniqueFd&&>(fd);
-  return true;
+  return Outcome::kTaken;
 }
 
 }  // namespace tarn
