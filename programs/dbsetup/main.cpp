@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/StandardStreams.h"
 #include "recorder/DatabaseSetup.h"
 
 namespace {
@@ -45,6 +46,7 @@ int usageError(const char* what, const char* arg) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (!tarn::openStandardStreams()) return kExitFailed;
   if (argc < 2) return usageError("init or start expected", "");
   if (argc > 2) return usageError("unexpected argument ", argv[2]);
   const char* arg = argv[1];

@@ -14,6 +14,7 @@
 #include <initializer_list>
 
 #include "ServiceNotice.h"
+#include "base/StandardStreams.h"
 #include "recorder/ManagementServer.h"
 
 namespace {
@@ -121,6 +122,7 @@ int serve(int readyFd) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (!tarn::openStandardStreams()) return kExitCannotStart;
   Options options;
   if (!parseOptions(argc, argv, &options)) return kExitUsage;
   if (options.help) {

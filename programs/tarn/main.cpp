@@ -12,6 +12,7 @@
 #include "Command.h"
 #include "Console.h"
 #include "ViewSession.h"
+#include "base/StandardStreams.h"
 
 namespace tarn {
 namespace {
@@ -131,6 +132,7 @@ int runTool(int argc, char** argv) {
 }  // namespace tarn
 
 int main(int argc, char** argv) {
+  if (!tarn::openStandardStreams()) return tarn::kExitFailed;
   const int exitCode = tarn::runTool(argc, argv);
   // Output that did not reach its place is a failure that nobody may overlook.
   if (fflush(stdout) != 0 && exitCode == tarn::kExitGood) {
