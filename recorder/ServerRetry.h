@@ -2,13 +2,25 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <ctime>
+
+#include "base/Export.h"
+#include "manager/CTARNManagerBase.h"
+#include "manager/RequestFormat.h"
+#include "mesg/RequestPatience.h"
 
 namespace tarn {
 
 // How long a recorder puts up with a management server that does not answer: a restart takes less.
 inline constexpr int64_t kServerPatienceMs = 5000;
+
+// From now on this process waits for its server as long as it takes, until it is to end
+// (RequestPatience::hurry()).
+TARN_API void waitForServerForever(bool forever);
+// kServerPatienceMs, or what waitForServerForever() made of it.
+TARN_API int64_t serverPatienceMs();
 
 inline int64_t monotonicMs() {
   struct timespec now = {};
@@ -16,16 +28,24 @@ inline int64_t monotonicMs() {
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-// Repeats `attempt` until it gives true or `patienceMs` have passed; it is made once in any case.
+// Repeats `attempt` until it gives true or `patienceMs` have passed since it was first made; it is
+// made once in any case. A program that is to end is not kept.
 template <class Attempt>
 bool retryFor(int64_t patienceMs, Attempt&& attempt) {
-  if (attempt()) return true;
-  const int64_t end = monotonicMs() + patienceMs;
-  while (monotonicMs() < end) {
-    usleep(50000);
+  constexpr int kPauseMs = 50;
+  RequestPatience patience(patienceMs < kServerPatienceMs ? patienceMs : serverPatienceMs());
+  for (;;) {
     if (attempt()) return true;
+    const int waitMs = patience.nextWaitMs();
+    if (waitMs == 0) return false;
+    usleep(static_cast<useconds_t>(std::min(waitMs, kPauseMs)) * 1000);
   }
-  return false;
+}
+
+// The server lives, but the card does not give it what the last request needs: not a matter of
+// patience with the server.
+inline bool cardRefused(const CTARNManagerBase& manager) {
+  return manager.lastResult() == kResultCard;
 }
 
 }  // namespace tarn

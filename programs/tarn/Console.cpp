@@ -9,6 +9,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "mesg/RequestPatience.h"
+
 namespace tarn {
 namespace {
 
@@ -19,6 +21,7 @@ volatile sig_atomic_t g_stop = 0;
 void onStopSignal(int signal) {
   if (g_stop != 0 && signal == SIGINT) _exit(128 + SIGINT);
   g_stop = 1;
+  RequestPatience::hurry();
 }
 
 // Factor of a size's unit; 0 for one that is not known.

@@ -29,7 +29,8 @@ CTARNManagerBase::CTARNManagerBase()
       m_name{},
       m_client(nullptr),
       m_pictureSize(0),
-      m_chunkSize(0) {
+      m_chunkSize(0),
+      m_lastResult(tarn::kResultUnanswered) {
   snprintf(m_name, sizeof m_name, "dummy");
 }
 
@@ -55,14 +56,17 @@ RequestRecord CTARNManagerBase::newRequest(uint32_t command, short chunk) const 
 
 // A connection whose answer did not arrive is dropped, or a late answer would be taken for the next
 // request's. One that the server has closed is dropped as well, so that the next request
-// reconnects.
+// reconnects. A server that hangs is not waited for longer than RequestPatience allows.
 CTARNManagerBase::Outcome CTARNManagerBase::exchange(RequestRecord& record) {
   constexpr long size = tarn::kRequestSize;
+  m_lastResult = tarn::kResultUnanswered;
   if (m_client == nullptr) return Outcome::WriteFailed;
   if (m_client->writeMesg(record.bytes(), size) != size) return Outcome::WriteFailed;
-  const long got = m_client->readMesg(record.bytes(), size);
+  const bool answered = m_client->awaitMesg() > 0;
+  const long got = answered ? m_client->readMesg(record.bytes(), size) : -1;
   if (got <= 0) m_client->disconnect();
   if (got < 0) return Outcome::ReadFailed;
+  m_lastResult = record.result();
   return record.result() == tarn::kResultDone ? Outcome::Done : Outcome::Refused;
 }
 
@@ -86,7 +90,9 @@ int CTARNManagerBase::request(RequestRecord& record, const char* word) {
 // ---- opening ----
 
 // Kept on purpose: a client from an earlier open is neither checked nor freed; owners close first.
+// Its connection goes: a program that forgets to close must not use up the server's.
 int CTARNManagerBase::openManageData() {
+  if (m_client != nullptr) m_client->disconnect();
   m_client = new (std::nothrow) CMesgClient(tarn::kServerSocketPath);
   RequestRecord record = newRequest(tarn::kRequestNumChunk);
   if (request(record, tarn::kWordOpenManageData) != 0) return -1;
@@ -193,6 +199,8 @@ short CTARNManagerBase::firstAvailableChunk(unsigned long needSize) {
 }
 
 signed char CTARNManagerBase::getPartitionNumber() { return m_partition; }
+
+uint32_t CTARNManagerBase::lastResult() const { return m_lastResult; }
 
 // ---- deletion ----
 

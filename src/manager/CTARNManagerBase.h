@@ -15,7 +15,8 @@ class RequestRecord;
 //
 // Used by one thread at a time; takes no lock. Nothing is retried; after a failed request the next
 // one connects again, at most once a second. Results: 0 done, -1 failed unless said otherwise; each
-// failure logs one LOG_ERR line. An operation before openManageData fails.
+// failure logs one LOG_ERR line. An operation before openManageData fails. A server that does not
+// answer is waited for as long as tarn::RequestPatience allows; then the connection is dropped.
 //
 // Owners call closeManageData before they destroy a manager: destructors do not free the client.
 class TARN_API CTARNManagerBase {
@@ -31,7 +32,7 @@ class TARN_API CTARNManagerBase {
   virtual int setUseOffset(short chunk, unsigned long offset);
 
   // Creates the client and asks for the chunk count and size. Close an open manager first: its
-  // client is neither checked nor freed.
+  // client is neither checked nor freed, but disconnected.
   int openManageData();
   // Destroys the client; always 0.
   int closeManageData();
@@ -59,6 +60,11 @@ class TARN_API CTARNManagerBase {
   // logged at LOG_WARNING and deleted all the same. Not saved. Returns the size deleted, or -1.
   int deleteData(short chunk, unsigned long start, unsigned long size);
 
+  // Operation beyond the basic ones: what the server answered to the last request, one of the
+  // results of manager/RequestFormat.h; kResultUnanswered when nothing came. It tells a server that
+  // refuses from one that is not there.
+  uint32_t lastResult() const;
+
  protected:
   // A zeroed request of this manager with its command, kind, partition and result filled in.
   tarn::RequestRecord newRequest(uint32_t command) const;
@@ -80,4 +86,6 @@ class TARN_API CTARNManagerBase {
  private:
   enum class Outcome { Done, WriteFailed, ReadFailed, Refused };
   Outcome exchange(tarn::RequestRecord& record);
+
+  uint32_t m_lastResult;
 };

@@ -31,9 +31,12 @@ enum RequestCode : uint32_t {
 inline constexpr uint8_t kAreaPicture = 0;
 inline constexpr uint8_t kAreaStream = 1;
 
-// Values of result. Any value but 0 is a refusal.
+// Values of result. Any value but 0 is a refusal; the greater ones say that nothing was decided,
+// and for which reason.
 inline constexpr uint32_t kResultDone = 0;
 inline constexpr uint32_t kResultRefused = 1;
+inline constexpr uint32_t kResultCard = 2;                  // the card could not be read or written
+inline constexpr uint32_t kResultDatabase = 3;              // the database is locked: ask again
 inline constexpr uint32_t kResultUnanswered = 0xFFFFFFFFu;  // as sent, so silence is no success
 
 //                                                              off size

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <ctime>
 
 #include "mesg/MesgMessages.h"
+#include "mesg/RequestPatience.h"
 
 using tarn::kMesgClientName;
 
@@ -20,6 +22,9 @@ namespace {
 
 constexpr int kSelectTimeoutMs = 100;
 constexpr int kReadAttempts = 10;
+// How long the system waits at a time for a server with a full queue before we look whether to go
+// on waiting.
+constexpr timeval kSendSlice{0, 100000};
 
 sockaddr_un socketAddress(const char* path) {
   sockaddr_un address;
@@ -28,6 +33,9 @@ sockaddr_un socketAddress(const char* path) {
   strncpy(address.sun_path, path, sizeof address.sun_path - 1);
   return address;
 }
+
+// A queue that is full, and a signal while waiting for it, are no failures yet.
+bool mayPass(int error) { return error == EAGAIN || error == EINTR; }
 
 }  // namespace
 
@@ -67,11 +75,16 @@ long CMesgClient::writeMesg(const void* buf, long size) {
     syslog(LOG_ERR, tarn::kMesgTooLong, __func__, __LINE__, kMesgClientName, size);
     return -1;
   }
-  // A program may have given SIGPIPE its default action again since this object was made.
-  const ssize_t sent = send(m_fd.get(), buf, static_cast<size_t>(size), MSG_NOSIGNAL);
+  tarn::RequestPatience patience;
+  ssize_t sent;
+  do {
+    // A program may have given SIGPIPE its default action again since this object was made.
+    sent = send(m_fd.get(), buf, static_cast<size_t>(size), MSG_NOSIGNAL);
+  } while (sent < 0 && mayPass(errno) && patience.nextWaitMs() > 0);
   if (sent >= 0) return sent;
   const int error = errno;
   perror(tarn::kMesgWritePerror);
+  if (mayPass(error)) m_disconnect();
   if (error == EPIPE) {
     syslog(LOG_ERR, tarn::kMesgSocketClosed, __func__, __LINE__, kMesgClientName,
            static_cast<long>(m_fd.get()));
@@ -81,6 +94,19 @@ long CMesgClient::writeMesg(const void* buf, long size) {
 }
 
 int CMesgClient::disconnect() { return m_disconnect(); }
+
+int CMesgClient::awaitMesg() {
+  if (!m_ensureConnected()) return -1;
+  pollfd entry{m_fd.get(), POLLIN, 0};
+  tarn::RequestPatience patience;
+  for (int waitMs; (waitMs = patience.nextWaitMs()) > 0;) {
+    const int ready = poll(&entry, 1, waitMs);
+    if (ready > 0) return 1;
+    if (ready < 0 && errno != EINTR) return -1;
+  }
+  syslog(LOG_ERR, tarn::kMesgNoAnswer, __func__, __LINE__, kMesgClientName);
+  return 0;
+}
 
 // One attempt a second after a failure: a process whose server is down must not spend its time on
 // connecting.
@@ -93,8 +119,7 @@ int CMesgClient::m_connect() {
     m_lastFailure = now;
     return -1;
   }
-  const sockaddr_un address = socketAddress(m_path);
-  if (connect(m_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+  if (m_tryConnect() != 0) {
     const int error = errno;
     m_disconnect();
     syslog(LOG_ERR, tarn::kMesgConnectError, __func__, __LINE__, kMesgClientName, m_path, error);
@@ -102,6 +127,18 @@ int CMesgClient::m_connect() {
     return -1;
   }
   return 0;
+}
+
+// 0, or -1 with errno. Waits where the server's queue of new clients is full.
+int CMesgClient::m_tryConnect() {
+  setsockopt(m_fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kSendSlice, sizeof kSendSlice);
+  const sockaddr_un address = socketAddress(m_path);
+  tarn::RequestPatience patience;
+  int result;
+  do {
+    result = connect(m_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  } while (result != 0 && mayPass(errno) && patience.nextWaitMs() > 0);
+  return result;
 }
 
 int CMesgClient::m_disconnect() {

@@ -9,6 +9,9 @@
 // message, reads one answer. After a failed connection attempt there is no other within the same
 // second of wall-clock time. An object belongs to one thread at a time. Failures are logged to the
 // system log at LOG_ERR.
+//
+// Connecting and sending wait for a server that takes nothing no longer than tarn::RequestPatience
+// allows.
 class TARN_API CMesgClient {
  public:
   // Longest socket path, in characters; a longer one is cut.
@@ -31,7 +34,8 @@ class TARN_API CMesgClient {
   long readMesg(void* buf, long size);
 
   // Sends one message. Bytes sent; -1 for more than 1024 bytes, without connection or on failure,
-  // with the error's text on standard error; the connection is dropped when the server has gone.
+  // with the error's text on standard error; the connection is dropped when the server has gone and
+  // when it took nothing in time.
   // Never raises SIGPIPE.
   long writeMesg(const void* buf, long size);
 
@@ -40,8 +44,14 @@ class TARN_API CMesgClient {
   // Always 0.
   int disconnect();
 
+  // Operation beyond the channel's basic ones: connects if needed and waits until there is
+  // something to read, as long as tarn::RequestPatience allows: 1, also when the server has closed;
+  // 0 when nothing came in time (connection kept); -1 error or no connection.
+  int awaitMesg();
+
  private:
   int m_connect();
+  int m_tryConnect();
   int m_disconnect();
   bool m_isConnected() const;
   bool m_ensureConnected();

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -81,6 +82,7 @@ CMesgServer::~CMesgServer() {
 // ---- The accept thread and its control ----
 
 int CMesgServer::startAcceptNewConnectionThread() {
+  m_joinFailedThread();
   if (m_joinable || m_openWakeFds() != 0) {
     syslog(LOG_ERR, tarn::kMesgThreadCreateError, __func__, __LINE__, kMesgServerName);
     return -1;
@@ -98,6 +100,15 @@ int CMesgServer::startAcceptNewConnectionThread() {
   return 0;
 }
 
+// A thread that could not make its socket has ended, or is about to.
+void CMesgServer::m_joinFailedThread() {
+  {
+    MutexLock lock(m_setupMutex);
+    if (m_setup != Setup::kFailed) return;
+  }
+  if (m_joinable && pthread_join(m_thread, nullptr) == 0) m_joinable = false;
+}
+
 int CMesgServer::stopAcceptNewConnectionThread() {
   m_running = false;
   if (m_stopFd.valid()) raiseEvent(m_stopFd.get());
@@ -113,6 +124,8 @@ void CMesgServer::setSocketMode(mode_t mode) {
   m_mode = mode;
   m_modeGiven = true;
 }
+
+void CMesgServer::setHandleReserve(int handles) { m_handleReserve = handles; }
 
 int CMesgServer::waitUntilListening() {
   MutexLock lock(m_setupMutex);
@@ -136,7 +149,11 @@ int CMesgServer::m_openWakeFds() {
   return -1;
 }
 
+// Signals are for the other threads: what they wait for must be interrupted, not this.
 void* CMesgServer::m_runThread(void* self) {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, nullptr);
   static_cast<CMesgServer*>(self)->m_acceptNewConnectionFunc();
   return nullptr;
 }
@@ -205,6 +222,15 @@ int CMesgServer::m_waitForConnection(int timeoutMs) {
   return entries[0].revents != 0 && entries[1].revents == 0 ? 1 : 0;
 }
 
+// Handles are given out from the lowest, so the number tells how many are left.
+int CMesgServer::m_handleLimit() const {
+  rlimit limit;
+  if (m_handleReserve == 0 || getrlimit(RLIMIT_NOFILE, &limit) != 0) return FD_SETSIZE;
+  const auto reserve = static_cast<rlim_t>(m_handleReserve);
+  const rlim_t usable = limit.rlim_cur > reserve ? limit.rlim_cur - reserve : 0;
+  return static_cast<int>(std::min<rlim_t>(usable, FD_SETSIZE));
+}
+
 // The new handle, or -1; errno is EAGAIN when there is no reason to pause before the next attempt.
 int CMesgServer::m_accept() {
   int fd = accept4(m_listenFd.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -221,7 +247,7 @@ int CMesgServer::m_accept() {
     fd = fcntl(0, F_DUPFD_CLOEXEC, 1);
     close(0);
   }
-  if (fd >= 0 && fd < FD_SETSIZE) return fd;
+  if (fd >= 0 && fd < m_handleLimit()) return fd;
   syslog(LOG_ERR, tarn::kMesgClientRefused, __func__, __LINE__, kMesgServerName, fd);
   if (fd >= 0) close(fd);
   errno = EAGAIN;

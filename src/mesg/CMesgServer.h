@@ -44,7 +44,7 @@ class TARN_API CMesgServer {
 
   // Starts the thread, which makes the socket (removing any file at the path) and takes clients.
   // 0, also when making the socket fails later, see waitUntilListening(); -1: no thread, or one
-  // runs already.
+  // runs already. One that could not make its socket does not run: it is started anew.
   int startAcceptNewConnectionThread();
   // Wakes the thread, waits for its end and so closes the listening socket; clients stay. 0, or -1
   // when there was no thread to wait for.
@@ -85,6 +85,10 @@ class TARN_API CMesgServer {
   // Without it the process's umask decides.
   void setSocketMode(mode_t mode);
 
+  // Keeps this many of the process's handles free for other files: a client that would take one of
+  // them is closed at once. None unless set; call it before the thread starts.
+  void setHandleReserve(int handles);
+
   // Waits until the started thread has made its socket: 0 when clients can connect, -1 when making
   // it failed or no thread was started.
   int waitUntilListening();
@@ -103,6 +107,8 @@ class TARN_API CMesgServer {
   void m_acceptNewConnectionFunc();
 
   int m_openWakeFds();
+  void m_joinFailedThread();
+  int m_handleLimit() const;
   void m_reportSetup(Setup setup);
   int m_waitForConnection(int timeoutMs);
   void m_addClient(int fd);
@@ -129,6 +135,7 @@ class TARN_API CMesgServer {
   int m_unread = 0;  // owner's: how many marked clients readReady() has still to read
   mode_t m_mode = 0;
   bool m_modeGiven = false;
+  int m_handleReserve = 0;
   tarn::UniqueFd m_wakeFd;  // eventfd in the owner's select: a client has joined, or interrupt()
   tarn::UniqueFd m_stopFd;  // eventfd that ends the accept thread's waiting
   std::atomic<bool> m_interrupted{false};

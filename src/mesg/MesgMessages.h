@@ -26,6 +26,7 @@ inline constexpr char kMesgChmodError[] = "%s line %d is %s: chmod(%s) error(%d)
 inline constexpr char kMesgConnectError[] = "%s line %d is %s: connect(%s) error(%d)";
 inline constexpr char kMesgReadError[] = "%s line %d is %s: read() error";
 inline constexpr char kMesgTooLong[] = "%s line %d is %s: message length too long (%ld)";
+inline constexpr char kMesgNoAnswer[] = "%s line %d is %s: no answer in time";
 inline constexpr char kMesgWritePerror[] = "@CMesgClient::writeMesg()";
 
 // Both.

@@ -7,7 +7,9 @@
 #include "manager/CTARNStreamManager.h"
 #include "manager/CTARNSyslogManager.h"
 #include "manager/FakeServer.h"
+#include "manager/RequestFormat.h"
 #include "mesg/CMesgClient.h"
+#include "mesg/RequestPatience.h"
 #include "support/IoFaults.h"
 #include "support/SyslogCapture.h"
 
@@ -479,16 +481,39 @@ TEST_F(RequestTest, ClosingDestroysTheClientAndIsAlwaysZero) {
   EXPECT_EQ(manager.saveManageData(), -1);
 }
 
-TEST_F(RequestTest, OpeningAgainNeitherChecksNorFreesTheClient) {
+TEST_F(RequestTest, OpeningAgainDoesNotFreeTheClientButLetsItsConnectionGo) {
   BaseManager manager;
   open(manager);
   const std::unique_ptr<CMesgClient> first(manager.m_client);
   ASSERT_EQ(manager.openManageData(), 0);
   EXPECT_NE(manager.m_client, first.get());
-  Message bytes = wire({6, 7, kUnanswered, 51, 0, 0, 0});
-  EXPECT_EQ(first->writeMesg(bytes.data(), 1024), 1024);  // still alive and connected
-  EXPECT_EQ(first->readMesg(bytes.data(), 1024), 1024);
   EXPECT_EQ(server.connections(), 2);
+  Message bytes = wire({6, 7, kUnanswered, 51, 0, 0, 0});
+  EXPECT_EQ(first->writeMesg(bytes.data(), 1024), 1024);  // still alive
+  EXPECT_EQ(first->readMesg(bytes.data(), 1024), 1024);
+  EXPECT_EQ(server.connections(), 3);  // and connected anew
+}
+
+TEST_F(RequestTest, AServerThatDoesNotAnswerInTimeIsLeftAndItsLateAnswerWithIt) {
+  server.on(8, [](Message& m) { putWord(m, 20, 8); });
+  server.on(7, [](Message& m) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    putWord(m, 32, 777);
+  });
+  BaseManager manager;
+  open(manager);
+  tarn::RequestPatience::setLimitMs(40);
+  EXPECT_EQ(manager.getFreeSizeTotal(), -1);
+  tarn::RequestPatience::setLimitMs(tarn::RequestPatience::kDefaultLimitMs);
+  EXPECT_EQ(manager.lastResult(), tarn::kResultUnanswered);
+  EXPECT_THAT(managerLines(log),
+              ElementsAre(LogLine{LOG_ERR, "CTARNManagerBase:freeSizeTotal() readMesg error"}));
+  EXPECT_EQ(manager.getNumUsedChunk(), 8);
+  EXPECT_EQ(manager.lastResult(), tarn::kResultDone);
+  EXPECT_EQ(server.connections(), 2);
+  server.misbehave(Misbehave::Refuse);
+  EXPECT_EQ(manager.saveManageData(), -1);
+  EXPECT_EQ(manager.lastResult(), tarn::kResultRefused);
 }
 
 TEST(RequestWithoutServer, EveryRequestFailsAsAFailedWrite) {

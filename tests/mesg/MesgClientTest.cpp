@@ -8,6 +8,7 @@
 
 #include "mesg/CMesgClient.h"
 #include "mesg/MesgTest.h"
+#include "mesg/RequestPatience.h"
 
 namespace {
 std::atomic<time_t> g_now{0};  // 0: the real time
@@ -279,6 +280,73 @@ TEST_F(MesgClient, DisconnectKeepsALateAnswerFromTheNextRequest) {
   peer_.reset(accept(listener_.get(), nullptr, nullptr));
   answer("answer to the second");
   EXPECT_EQ(readOne(), "answer to the second");
+}
+
+// Limits for the whole process, back to normal at the end.
+class HurriedClient : public ClientTest {
+ protected:
+  ~HurriedClient() override {
+    tarn::RequestPatience::setLimitMs(tarn::RequestPatience::kDefaultLimitMs);
+    tarn::RequestPatience::resume();
+  }
+  static int64_t sinceMs(steady_clock::time_point begin) {
+    return std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin).count();
+  }
+};
+
+TEST_F(HurriedClient, AnAnswerIsWaitedForNoLongerThanTheLimit) {
+  connectWith("hello");
+  tarn::RequestPatience::setLimitMs(30);
+  EXPECT_EQ(client_.awaitMesg(), 0);
+  const std::vector<LogLine> expected = {{LOG_ERR, "no answer in time"}};
+  EXPECT_EQ(log_.withoutPrefix(), expected);
+  answer("there");
+  EXPECT_EQ(client_.awaitMesg(), 1);
+  peer_.reset();
+  EXPECT_EQ(client_.awaitMesg(), 1);
+}
+
+TEST_F(HurriedClient, AFullSocketIsWaitedForNoLongerThanTheLimitAndThenDropped) {
+  connectWith("hello");
+  tarn::RequestPatience::setLimitMs(30);
+  testing::internal::CaptureStderr();
+  const std::string message(1024, 'm');
+  int sent = 0;
+  while (sent < 10000 && client_.writeMesg(message.data(), 1024) == 1024) ++sent;
+  testing::internal::GetCapturedStderr();
+  EXPECT_LT(sent, 10000);
+  EXPECT_EQ(client_.writeMesg("new connection", 14), 14);
+  peer_.reset(accept(listener_.get(), nullptr, nullptr));
+  EXPECT_EQ(received(), "new connection");
+}
+
+TEST_F(HurriedClient, AServerThatAcceptsNobodyIsWaitedForNoLongerThanTheLimit) {
+  listenOnPath();
+  tarn::RequestPatience::setLimitMs(30);
+  std::vector<std::unique_ptr<CMesgClient>> clients;
+  long sent = 1;
+  while (clients.size() < 20 && sent == 1) {
+    clients.push_back(std::make_unique<CMesgClient>(kSocketPath));
+    sent = clients.back()->writeMesg("x", 1);
+  }
+  EXPECT_EQ(sent, -1);
+  EXPECT_TRUE(log_.has(LOG_ERR, "connect(/tmp/mesg-test) error(" + std::to_string(EAGAIN) + ")"));
+}
+
+TEST_F(HurriedClient, AProgramThatIsToEndWaitsASecondInAllAndLooksAtWhatIsThere) {
+  connectWith("hello");
+  const auto begin = steady_clock::now();
+  std::thread signaller([] {
+    std::this_thread::sleep_for(milliseconds(20));
+    tarn::RequestPatience::hurry();
+  });
+  EXPECT_EQ(client_.awaitMesg(), 0);
+  signaller.join();
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(client_.awaitMesg(), 0);
+  EXPECT_GE(sinceMs(begin), 1000);
+  EXPECT_LT(sinceMs(begin), 1900);
+  answer("there");
+  EXPECT_EQ(client_.awaitMesg(), 1);
 }
 
 TEST_F(MesgClient, DestructionDisconnects) {

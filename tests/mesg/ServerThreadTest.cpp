@@ -137,6 +137,18 @@ TEST_F(ServerThread, SocketThatCannotListenIsReported) {
   EXPECT_EQ(log_.withoutPrefix(), errors({"listen() error", "socket setup error"}));
 }
 
+TEST_F(ServerThread, AfterAFailedSetUpAStartIsANewOne) {
+  CMesgServer server(kSocketPath, 1, 0);
+  g_listenFails = true;
+  EXPECT_EQ(server.startAcceptNewConnectionThread(), 0);
+  EXPECT_EQ(server.waitUntilListening(), -1);
+  g_listenFails = false;
+  ASSERT_EQ(server.startAcceptNewConnectionThread(), 0);
+  EXPECT_EQ(server.waitUntilListening(), 0);
+  EXPECT_TRUE(RawClient(kSocketPath).connected());
+  EXPECT_EQ(server.startAcceptNewConnectionThread(), -1);  // this one runs
+}
+
 TEST_F(ServerThread, StopNeedsNoConnectionAndKeepsClients) {
   serve();
   std::unique_ptr<RawClient> client;
@@ -195,6 +207,31 @@ TEST_F(ServerThread, DescriptorsAtTheLimitOfSelectAreRefused) {
   files.clear();
   std::unique_ptr<RawClient> next;
   EXPECT_LT(accept(next), FD_SETSIZE);
+}
+
+TEST_F(ServerThread, ClientsThatWouldTakeTheReserveAreClosedAtOnce) {
+  constexpr int kReserve = 16;
+  server_ = std::make_unique<CMesgServer>(kSocketPath, 60, 0);
+  server_->setHandleReserve(kReserve);
+  ASSERT_EQ(server_->startAcceptNewConnectionThread(), 0);
+  ASSERT_EQ(server_->waitUntilListening(), 0);
+  std::unique_ptr<RawClient> first;
+  accept(first);
+  {  // Room for one more client, whose own end is in this process too.
+    const tarn::UniqueFd end(open("/dev/null", O_RDONLY));
+    limitDescriptors(nextDescriptor() + 1 + kReserve);
+  }
+  std::unique_ptr<RawClient> last;
+  accept(last);
+  RawClient beyond(kSocketPath);
+  ASSERT_TRUE(beyond.connected());
+  EXPECT_EQ(beyond.receive(), "");
+  EXPECT_EQ(accepted(), 2u);
+  std::vector<tarn::UniqueFd> files;
+  for (int i = 0; i < kReserve / 2; ++i) {
+    files.emplace_back(open("/dev/null", O_RDONLY));
+    EXPECT_TRUE(files.back().valid()) << i;
+  }
 }
 
 TEST_F(ServerThread, AcceptErrorsAreLoggedAndBackOff) {

@@ -1,0 +1,62 @@
+#include "mesg/RequestPatience.h"
+
+#include <algorithm>
+#include <atomic>
+#include <ctime>
+
+namespace tarn {
+namespace {
+
+// A signal handler sets a flag, and a wait looks at it: a signal may come just before the wait.
+constexpr int64_t kSliceMs = 100;
+constexpr int64_t kHurriedMs = 1000;
+// A server that lives answers in less; a dozen such waits are not felt.
+constexpr int64_t kMomentMs = 20;
+
+std::atomic<uint32_t> g_limitMs{RequestPatience::kDefaultLimitMs};
+std::atomic<bool> g_hurried{false};
+std::atomic<bool> g_silent{false};  // hurried, and a wait has ended without an answer
+
+int64_t monotonicNowMs() {
+  struct timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+int64_t later(int64_t now, int64_t byMs) {
+  return byMs >= RequestPatience::kForever - now ? RequestPatience::kForever : now + byMs;
+}
+
+}  // namespace
+
+void RequestPatience::setLimitMs(uint32_t limitMs) { g_limitMs = limitMs; }
+
+uint32_t RequestPatience::limitMs() { return g_limitMs; }
+
+void RequestPatience::hurry() noexcept { g_hurried = true; }
+
+bool RequestPatience::hurried() noexcept { return g_hurried; }
+
+void RequestPatience::resume() noexcept {
+  g_hurried = false;
+  g_silent = false;
+}
+
+RequestPatience::RequestPatience(int64_t patienceMs) : end_(later(monotonicNowMs(), patienceMs)) {}
+
+// The second counts from when the wait sees that it is to hurry: it looks often enough.
+void RequestPatience::shorten(int64_t now) {
+  if (shortened_ || !g_hurried) return;
+  shortened_ = true;
+  end_ = std::min(end_, later(now, g_silent ? kMomentMs : kHurriedMs));
+}
+
+int RequestPatience::nextWaitMs() {
+  const int64_t now = monotonicNowMs();
+  shorten(now);
+  if (now < end_) return static_cast<int>(std::min(end_ - now, kSliceMs));
+  if (shortened_) g_silent = true;
+  return 0;
+}
+
+}  // namespace tarn
