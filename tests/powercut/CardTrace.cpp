@@ -162,6 +162,32 @@ void Card::flushed() {
   trace_->ops.push_back({true, 0, {}});
 }
 
+void Card::refuse(const ReadFault* fault) {
+  fault_ = fault;
+  readNumber_ = 0;
+  if (fault != nullptr) refusals_ = 0;
+}
+
+ssize_t Card::aboutToRead(uint64_t offset, size_t length) {
+  if (reads_ != nullptr && length > 0) reads_->push_back({offset, length});
+  if (fault_ == nullptr || length == 0) return static_cast<ssize_t>(length);
+  const size_t number = readNumber_++;
+  auto given = static_cast<ssize_t>(length);
+  if (fault_->kind == ReadFault::kSector) {
+    const uint64_t bad = fault_->sector * kSector;
+    if (offset < bad + kSector && offset + length > bad)
+      given = offset >= bad ? -1 : static_cast<ssize_t>(bad - offset);
+  } else if (fault_->kind == ReadFault::kShort) {
+    if (number == fault_->read) given = static_cast<ssize_t>(length / 2);
+  } else if (number >= fault_->read) {
+    const size_t more = number - fault_->read;
+    const size_t most = fault_->kind == ReadFault::kFails ? 1 : ReadFault::kBurstReads;
+    if (fault_->kind == ReadFault::kGone || more < most) given = -1;
+  }
+  if (given != static_cast<ssize_t>(length)) ++refusals_;
+  return given;
+}
+
 std::string Card::takeStray() { return std::exchange(stray_, std::string()); }
 
 void refuseDelete(int nth) { g_deletesToRefusal = nth; }
@@ -197,6 +223,14 @@ ssize_t writeCard(uint64_t offset, const void* bytes, size_t length, Do&& perfor
   const ssize_t result = perform();
   if (result > 0) card.written(offset, bytes, static_cast<size_t>(result));
   return result;
+}
+
+template <typename Do>
+ssize_t readCard(uint64_t offset, size_t length, Do&& perform) {
+  const ssize_t given = Card::get().aboutToRead(offset, length);
+  if (given >= 0) return perform(static_cast<size_t>(given));
+  errno = EIO;
+  return -1;
 }
 
 void note(const char* format, va_list args) {
@@ -281,6 +315,7 @@ extern "C" {
 int powercut_open(const char* path, int flags, ...) __asm__("open");
 int powercut_open64(const char* path, int flags, ...) __asm__("open64");
 ssize_t powercut_pwrite64(int fd, const void* buf, size_t n, off64_t at) __asm__("pwrite64");
+ssize_t powercut_pread64(int fd, void* buf, size_t n, off64_t at) __asm__("pread64");
 int powercut_fallocate64(int fd, int mode, off64_t at, off64_t n) __asm__("fallocate64");
 
 int powercut_open(const char* path, int flags, ...) {
@@ -323,7 +358,27 @@ ssize_t powercut_pwrite64(int fd, const void* buf, size_t length, off64_t at) {
                    [&] { return real(fd, buf, length, at); });
 }
 
+ssize_t read(int fd, void* buf, size_t length) {
+  static const auto real = next<ssize_t (*)(int, void*, size_t)>("read");
+  if (!isCard(fd)) return real(fd, buf, length);
+  std::lock_guard<std::mutex> lock(orderMutex());
+  const auto at = static_cast<uint64_t>(lseek64(fd, 0, SEEK_CUR));
+  return readCard(at, length, [&](size_t given) { return real(fd, buf, given); });
+}
+
+ssize_t powercut_pread64(int fd, void* buf, size_t length, off64_t at) {
+  static const auto real = next<ssize_t (*)(int, void*, size_t, off64_t)>("pread64");
+  if (!isCard(fd)) return real(fd, buf, length, at);
+  std::lock_guard<std::mutex> lock(orderMutex());
+  return readCard(static_cast<uint64_t>(at), length,
+                  [&](size_t given) { return real(fd, buf, given, at); });
+}
+
 #if __SIZEOF_LONG__ == 8
+ssize_t powercut_pread(int fd, void* buf, size_t n, off_t at) __asm__("pread");
+ssize_t powercut_pread(int fd, void* buf, size_t n, off_t at) {
+  return powercut_pread64(fd, buf, n, at);
+}
 ssize_t powercut_pwrite(int fd, const void* buf, size_t n, off_t at) __asm__("pwrite");
 ssize_t powercut_pwrite(int fd, const void* buf, size_t n, off_t at) {
   return powercut_pwrite64(fd, buf, n, at);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -37,6 +39,30 @@ struct CardOp {
 struct Trace {
   std::vector<CardOp> ops;
   std::vector<RowMark> rows;
+};
+
+// A read of the card.
+struct CardRead {
+  uint64_t offset;
+  size_t length;
+};
+
+// What the card does to the reads of one recovery.
+struct ReadFault {
+  enum Kind {
+    kNone,
+    kFails,   // the read gives an error, once
+    kShort,   // it gives half of what was asked for, once
+    kBurst,   // it and the next kBurstReads - 1 give an error
+    kGone,    // it and all that follow
+    kSector,  // reads end before a bad sector, or give an error where they begin in it
+  };
+  static constexpr size_t kBurstReads = 20;  // more than anybody asks again
+  Kind kind = kNone;
+  size_t read = 0;      // from 0
+  uint64_t sector = 0;  // only of kSector
+
+  bool isPassing() const { return kind == kFails || kind == kShort; }
 };
 
 // Of one sector's bytes at its place; a card's sum is the exclusive or of them.
@@ -77,7 +103,17 @@ class Card {
   void record(Trace* trace) { trace_ = trace; }
   Trace* trace() const { return trace_; }
 
+  // Notes every read; null ends it.
+  void recordReads(std::vector<CardRead>* reads) { reads_ = reads; }
+  // Counts reads from now on and refuses what the fault says, and nobody sleeps; null ends it.
+  void refuse(const ReadFault* fault);
+  bool isRefusing() const { return fault_ != nullptr; }
+  // How often it did since it was told to.
+  size_t refusals() const { return refusals_; }
+
   // Called by the interposed system calls, under their lock.
+  // Bytes that a read may have; -1: none, it fails.
+  ssize_t aboutToRead(uint64_t offset, size_t length);
   void aboutToWrite(uint64_t offset, size_t length);
   void written(uint64_t offset, const void* bytes, size_t length);
   void flushed();
@@ -94,6 +130,10 @@ class Card {
   std::string stray_;
   bool unflushed_ = false;
   Trace* trace_ = nullptr;
+  std::vector<CardRead>* reads_ = nullptr;
+  const ReadFault* fault_ = nullptr;
+  size_t readNumber_ = 0;
+  size_t refusals_ = 0;
 };
 
 // The journal refuses the delete of a recording, the `nth` from now on (1: the next).

@@ -15,6 +15,7 @@
 #include "dblog/CDbLog.h"
 #include "fat/CFATAccess.h"
 #include "powercut/LogLife.h"
+#include "powercut/ReadFaults.h"
 #include "recorder/CardCheck.h"
 #include "recorder/CardInfo.h"
 #include "recorder/RecordingReader.h"
@@ -499,6 +500,21 @@ bool sameButForIndexes(const std::vector<uint8_t>& wanted) {
          memcmp(bytes + behind, wanted.data() + behind, wanted.size() - behind) == 0;
 }
 
+// Of two descriptions.
+std::string linesOnlyIn(const std::string& one, const std::string& other) {
+  std::istringstream lines(one);
+  std::string out;
+  for (std::string line; std::getline(lines, line);) {
+    if (("\n" + other).find("\n" + line + "\n") == std::string::npos) out += "{" + line + "}";
+  }
+  return out.empty() ? "nothing" : out;
+}
+
+std::string firstDifference(const std::vector<uint8_t>& wanted) {
+  const auto found = std::mismatch(wanted.begin(), wanted.end(), Card::get().bytes());
+  return placeOf(static_cast<uint64_t>(found.first - wanted.begin()));
+}
+
 // A start whose replay lost a row must stop there: its recording's place would count as free.
 std::string checkLossyStart() {
   loseReplayedRow(true);
@@ -519,17 +535,37 @@ std::string checkHeaders(const tarn::RecoveryReport& report) {
 std::string Checker::checkRecovered(Cut cut, uint64_t flushed) {
   const std::string lossy = life_.replayLosesRow ? checkLossyStart() : "";
   if (!lossy.empty()) return lossy;
+  return checkResult(bootCard(), cut, flushed);
+}
+
+// A read that fails once changes nothing at all. One that fails for longer may stop the recovery,
+// or leave something for the next one, which then brings all of it back.
+std::string Checker::checkRefused(const ReadFault& fault) {
+  Card& card = Card::get();
+  card.refuse(&fault);
   const tarn::RecoveryReport report = bootCard();
+  if (!report.ok()) ++stops_;
+  std::string failure = checkUnderFault(life_, fault, report);
+  card.refuse(nullptr);
+  if (!failure.empty()) return failure;
+  if (fault.isPassing()) return checkResult(report, life_.cut, 0);
+  failure = checkResult(bootCard(), life_.cut, 0);
+  return failure.empty() ? "" : "after the fault: " + failure;
+}
+
+std::string Checker::checkResult(const tarn::RecoveryReport& report, Cut cut, uint64_t flushed) {
   if (!report.ok()) return "recovery fails: " + report.error;
   if (Card::get().unflushed()) return "I5: recovery returns with writes that are not flushed";
   const std::string state = describeCard();
   const uint64_t sum = flushed ^ Card::get().changesHash();
   if (life_.isRecovery && state != life_.finalState) {
-    return "I5: after a recovery that was interrupted:\n" + state + "instead of\n" +
-           life_.finalState;
+    return "I5: after a recovery that was disturbed: " + linesOnlyIn(state, life_.finalState) +
+           " instead of " + linesOnlyIn(life_.finalState, state);
   }
-  if (life_.isRecovery && sum != life_.finalSum && !sameButForIndexes(life_.finalCard))
-    return "I5: after a recovery that was interrupted the card has other bytes";
+  if (life_.isRecovery && sum != life_.finalSum && !sameButForIndexes(life_.finalCard)) {
+    return "I5: after a recovery that was disturbed the card has other bytes at " +
+           firstDifference(life_.finalCard);
+  }
   const Model model = modelAt(life_, cut);
   const std::vector<DB_STREAM> rows = listStreams();
   const std::vector<DB_EVENT> events = listEvents();

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "powercut/CardTrace.h"
 #include "recorder/DatabaseSetup.h"
 
 namespace powercut {
@@ -128,7 +129,9 @@ int system(const char* command) {
 int usleep(useconds_t microseconds) {
   static const auto real = next<int (*)(useconds_t)>("usleep");
   constexpr useconds_t kSettle = 500000;
-  return microseconds == kSettle ? 0 : real(microseconds);
+  // Nor does a card that refuses reads get better by being waited for.
+  const bool inVain = microseconds == kSettle || Card::get().isRefusing();
+  return inVain ? 0 : real(microseconds);
 }
 
 }  // extern "C"

@@ -85,7 +85,7 @@ void States::visitState(const Versions& versions) {
     const auto& bytes = version == kTorn ? place.torn : place.versions[version];
     card.put(sector * kSector, bytes.data(), kSector);
   }
-  (*run_)({number, cut_, flushedHash_, content});
+  (*run_)({number, cut_, flushedHash_, content, {}});
   card.rollBack(0);
 }
 

@@ -17,6 +17,7 @@ struct State {
   Cut cut;
   uint64_t flushed;  // sum of the card with everything flushed; what is changed since can be undone
   uint64_t content;  // sum of the card
+  ReadFault fault;   // of its recovery
 };
 
 // Every state that the card can have when power goes during a life: after each operation all writes

@@ -11,6 +11,7 @@
 #include "powercut/Checks.h"
 #include "powercut/FaultLives.h"
 #include "powercut/LogLife.h"
+#include "powercut/ReadFaults.h"
 #include "powercut/Script.h"
 #include "powercut/States.h"
 #include "recorder/CardFormatter.h"
@@ -358,6 +359,7 @@ constexpr int kFewVariants = 2;
 constexpr int kShortVariants = 6;
 constexpr int kRecoveries = 60;  // moments of a life whose recovery is a life of its own
 constexpr int kSmallRecoveries = 3;
+constexpr int kReadRecoveries = 20;  // of those, that are tried with refused reads
 
 void recordLife(const std::string& name, Recorded* out) {
   const size_t dot = name.find('.');
@@ -399,6 +401,7 @@ void recordRecovery(const std::string& name, Recorded* out) {
   *out = life;
   out->trace.ops.clear();
   out->isRecovery = true;
+  out->isRefusal = name.rfind("reads.", 0) == 0;
   States states(life, 1);
   states.walk([&](uint64_t, uint64_t distinct) { return distinct == chosen; },
               [&](const State& state) {
@@ -407,12 +410,17 @@ void recordRecovery(const std::string& name, Recorded* out) {
                 const uint64_t before = card.changesHash();
                 Trace writes;
                 card.record(&writes);
+                card.recordReads(&out->reads);
                 boot();
+                card.recordReads(nullptr);
                 card.record(nullptr);
                 out->trace.ops = std::move(writes.ops);
                 out->finalState = describeCard();
                 out->finalSum = before ^ card.changesHash();
                 out->finalCard.assign(card.bytes(), card.bytes() + card.size());
+                out->finalStreams = listStreams();
+                out->finalEvents = listEvents();
+                if (out->isRefusal) out->finalPlaces = picturePlaces(out->finalStreams);
               });
 }
 
@@ -420,16 +428,20 @@ void recordRecovery(const std::string& name, Recorded* out) {
 
 namespace {
 
+void addMoments(const std::string& life, int count, std::vector<std::string>* names) {
+  const int step = kRecoveries / count;
+  for (int moment = step / 2; moment < kRecoveries; moment += step) {
+    names->push_back(life + "." + std::to_string(moment));
+  }
+}
+
 void addLife(const std::string& life, int variants, int recoveries,
              std::vector<std::string>* names) {
   names->push_back(life);
   for (int variant = 1; variant < variants; ++variant) {
     names->push_back(life + "." + std::to_string(variant));
   }
-  const int step = kRecoveries / recoveries;
-  for (int moment = step / 2; moment < kRecoveries; moment += step) {
-    names->push_back("recovery." + life + "." + std::to_string(moment));
-  }
+  addMoments("recovery." + life, recoveries, names);
 }
 
 }  // namespace
@@ -446,9 +458,18 @@ std::vector<std::string> workloadNames(bool all) {
   return names;
 }
 
+std::vector<std::string> readWorkloadNames(bool all) {
+  std::vector<std::string> names;
+  for (const char* life : kLives)
+    addMoments("reads." + std::string(life), all ? kReadRecoveries : kSmallRecoveries, &names);
+  for (const char* life : kShortLives)
+    addMoments("reads." + std::string(life), all ? kShortVariants : 1, &names);
+  return names;
+}
+
 Recorded recordWorkload(const std::string& name) {
   Recorded out;
-  if (name.rfind("recovery", 0) == 0) {
+  if (name.rfind("recovery.", 0) == 0 || name.rfind("reads.", 0) == 0) {
     recordRecovery(name, &out);
   } else {
     recordLife(name, &out);

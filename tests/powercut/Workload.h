@@ -57,6 +57,13 @@ struct Picture {
   uint32_t streamID;
 };
 
+// Where a recording's header (index -1), or the entry and the data of one of its pictures lie.
+struct PicturePlace {
+  uint32_t streamID;
+  int64_t index;
+  std::vector<std::pair<uint64_t, uint64_t>> bytes;  // from and to, of the device
+};
+
 // A moment at which power goes: operations before `at` had been issued, and the last flush among
 // them is operation `flush` - 1 (0: none).
 struct Cut {
@@ -83,11 +90,21 @@ struct Recorded {
   std::string finalState;
   uint64_t finalSum = 0;
   std::vector<uint8_t> finalCard;
+  // Of the workload in which the card refuses reads of a recovery: what it reads, and what it
+  // brings back, when it is not disturbed.
+  bool isRefusal = false;
+  std::vector<CardRead> reads;
+  std::vector<DB_STREAM> finalStreams;
+  std::vector<DB_EVENT> finalEvents;
+  std::vector<PicturePlace> finalPlaces;
 };
 
 // Names are a workload, or one of its variants with other sizes and lengths ("wrap.3"), or the
-// recovery of a card that lost power in one of them ("recovery.wrap.3").
+// recovery of a card that lost power in one of them ("recovery.wrap.3"), or the same recovery on a
+// card that refuses reads ("reads.wrap.3").
 std::vector<std::string> workloadNames(bool all);
+// Those with refused reads.
+std::vector<std::string> readWorkloadNames(bool all);
 // Runs a workload; throws std::runtime_error when it fails.
 Recorded recordWorkload(const std::string& name);
 

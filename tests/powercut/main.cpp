@@ -18,6 +18,7 @@
 
 #include "base/Omission.h"
 #include "powercut/Checks.h"
+#include "powercut/ReadFaults.h"
 #include "powercut/States.h"
 #include "powercut/Workload.h"
 
@@ -75,20 +76,24 @@ class Run {
       : name_(name), life_(life), options_(options), checker_(life) {}
 
   void all() {
-    const uint64_t total = States::count(life_, options_.seed);
+    const uint64_t total =
+        life_.isRefusal ? ReadFaults::count(life_) : States::count(life_, options_.seed);
     const uint64_t goal = options_.goal == 0 ? total : std::min(options_.goal, total);
     // Evenly spread; which ones depends on the seed.
     auto step = [&](uint64_t distinct) { return (distinct + options_.seed) * goal / total; };
-    States states(life_, options_.seed);
-    states.walk(
-        [&](uint64_t number, uint64_t distinct) {
-          if (options_.one) return number == options_.state;
-          if (options_.firstFailure && failures_ > 0) return false;
-          // The last state, in which the life ended well, is always among them.
-          last_ = distinct + 1 == total;
-          return last_ || step(distinct) != step(distinct + 1);
-        },
-        [&](const State& state) { one(state); });
+    const States::Visit visit = [&](uint64_t number, uint64_t distinct) {
+      if (options_.one) return number == options_.state;
+      if (options_.firstFailure && failures_ > 0) return false;
+      // The last state, in which the life ended well, is always among them.
+      last_ = distinct + 1 == total;
+      return last_ || step(distinct) != step(distinct + 1);
+    };
+    const States::Run run = [&](const State& state) { one(state); };
+    if (life_.isRefusal) {
+      ReadFaults(life_).walk(visit, run);
+    } else {
+      States(life_, options_.seed).walk(visit, run);
+    }
     if (!options_.one) summary(total);
   }
   uint64_t ran() const { return ran_; }
@@ -98,7 +103,8 @@ class Run {
   void one(const State& state) {
     cards_.insert(state.content);
     keepLog(options_.one);
-    std::string failure = checker_.check(state.cut, state.flushed);
+    std::string failure = life_.isRefusal ? checker_.checkRefused(state.fault)
+                                          : checker_.check(state.cut, state.flushed);
     // A format that lost power may leave no file system at all.
     const bool whole = !life_.isFormat || last_ || state.number == 0;
     const bool checkVolume = whole && (options_.one || last_ || ran_ % kBetweenVolumeChecks == 0);
@@ -106,23 +112,37 @@ class Run {
     ++ran_;
     const std::string log = takeLog();
     if (options_.one) {
-      fprintf(g_report, "%s%s state %llu: operations %zu, flushed %zu: %s\n", log.c_str(),
-              name_.c_str(), static_cast<unsigned long long>(state.number), state.cut.at,
-              state.cut.flush, failure.empty() ? "good" : "FAILED");
+      fprintf(g_report, "%s%s state %llu: %s: %s\n", log.c_str(), name_.c_str(),
+              static_cast<unsigned long long>(state.number), whatHappens(state).c_str(),
+              failure.empty() ? "good" : "FAILED");
     }
-    if (!failure.empty() && ++failures_ <= options_.failures) complain(state.number, failure);
+    if (!failure.empty() && ++failures_ <= options_.failures) complain(state, failure);
   }
 
-  void complain(uint64_t number, const std::string& failure) const {
-    fprintf(g_report, "FAILED --workload %s --state %llu%s: %s\n", name_.c_str(),
-            static_cast<unsigned long long>(number),
+  std::string whatHappens(const State& state) const {
+    if (life_.isRefusal) return describe(life_, state.fault);
+    return "operations " + std::to_string(state.cut.at) + ", flushed " +
+           std::to_string(state.cut.flush);
+  }
+
+  void complain(const State& state, const std::string& failure) const {
+    const std::string fault = life_.isRefusal ? whatHappens(state) + ": " : "";
+    fprintf(g_report, "FAILED --workload %s --state %llu%s: %s%s\n", name_.c_str(),
+            static_cast<unsigned long long>(state.number),
             options_.seed == 1 ? "" : (" --seed " + std::to_string(options_.seed)).c_str(),
-            failure.c_str());
+            fault.c_str(), failure.c_str());
     fflush(g_report);
   }
 
   void summary(uint64_t total) const {
     const auto number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
+    if (life_.isRefusal) {
+      fprintf(g_report, "%s: reads %zu, states %llu, tried %llu, stopped %llu, failed %llu\n",
+              name_.c_str(), life_.reads.size(), number(total), number(ran_),
+              number(checker_.stops()), number(failures_));
+      fflush(g_report);
+      return;
+    }
     fprintf(g_report,
             "%s: operations %zu, states %llu, run %llu, contents %llu, recovered %llu, volumes "
             "%llu, failed %llu\n",
@@ -161,6 +181,8 @@ Options parse(int argc, char** argv) {
       options.goal = strtoull(value(argc, argv, &i), nullptr, 10);
     } else if (arg == "--seed") {
       options.seed = strtoull(value(argc, argv, &i), nullptr, 10);
+    } else if (arg == "--failures") {
+      options.failures = strtoull(value(argc, argv, &i), nullptr, 10);
     } else if (arg == "--first-failure") {
       options.firstFailure = true;
     } else if (arg == "--slot") {
@@ -170,8 +192,15 @@ Options parse(int argc, char** argv) {
       options.leftOut.emplace_back(value(argc, argv, &i));
 #endif
     } else if (arg == "--list") {
-      const bool all = i + 1 < argc && strcmp(argv[i + 1], "--all") == 0;
-      for (const std::string& name : workloadNames(all)) puts(name.c_str());
+      const auto has = [&](const char* wanted) {
+        return std::any_of(argv + i, argv + argc,
+                           [&](char* at) { return strcmp(at, wanted) == 0; });
+      };
+      const bool reads = has("--reads");
+      for (const std::string& name :
+           reads ? readWorkloadNames(has("--all")) : workloadNames(has("--all"))) {
+        puts(name.c_str());
+      }
       exit(0);
     } else {
       fprintf(stderr, "powercut: unknown option %s\n", arg.c_str());
