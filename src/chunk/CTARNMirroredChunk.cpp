@@ -149,6 +149,14 @@ int CTARNMirroredChunk::readAndCheck(CTARNEndlessChunk* chunk, void* buf, long s
   return plain || trailerFits(buf, crcLength) ? static_cast<int>(length) : -1;
 }
 
+bool CTARNMirroredChunk::readOriginal(void* buf, long size) {
+  return readAndCheck(original, buf, size, -1) == size32(size);
+}
+
+bool CTARNMirroredChunk::readMirror(void* buf, long size) {
+  return readAndCheck(mirror, buf, size, -1) == size32(size);
+}
+
 long CTARNMirroredChunk::read(void* buf, long size, long crcLength) {
   const long length = size32(size);
   const int result = readAndCheck(original, buf, length, crcLength);

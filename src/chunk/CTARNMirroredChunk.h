@@ -71,6 +71,11 @@ class TARN_API CTARNMirroredChunk {
 
   // Beyond the basic operations:
 
+  // One side's record at its current position, whatever it is worth: true when all `size` bytes
+  // came. Only that side moves, so seek before the next operation on both.
+  bool readOriginal(void* buf, long size);
+  bool readMirror(void* buf, long size);
+
   bool isOpen() const { return original->isOpen(); }
   // True when the free addresses of both came from the manager or from the caller.
   bool isUsageKnown() const { return original->isUsageKnown() && mirror->isUsageKnown(); }

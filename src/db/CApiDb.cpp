@@ -130,7 +130,8 @@ CApiDb::CApiDb()
       m_tableHeld(false),
       m_table(nullptr),
       m_ntuple(0),
-      m_ncol(0) {
+      m_ncol(0),
+      m_ranFull(false) {
   if (createSem(ftok(kSemaphoreFile, kSemaphoreProject)) != 0) {
     syslog(LOG_ERR, tarn::kMsgSemInitError);
   }
@@ -209,6 +210,7 @@ void CApiDb::runStatement(const char* sql, Attempt attempt) {
 
 // Logs a failed attempt; true when another one is worth while.
 bool CApiDb::reportFailure(int result, const char* sql, char* errorText) {
+  if (result == SQLITE_FULL) m_ranFull = true;
   if (getStatus() != 1) syslog(LOG_ERR, tarn::kMsgSqlError, sql);
   if (errorText != nullptr) {
     syslog(LOG_WARNING, tarn::kMsgSqlErrorText, errorText, sql);
@@ -272,6 +274,8 @@ void CApiDb::freeTable() {
 uint32_t CApiDb::begin() { return setSqlNoResult(kSqlBegin); }
 
 uint32_t CApiDb::end() { return setSqlNoResult(kSqlEnd); }
+
+bool CApiDb::inTransaction() const { return m_db != nullptr && sqlite3_get_autocommit(m_db) == 0; }
 
 uint32_t CApiDb::getCmdTuple() {
   const SemLock lock(*this);

@@ -60,6 +60,12 @@ class TARN_API CApiDb {
   // 1 when the connection's last error code means health, otherwise 0 and a log line.
   uint32_t getStatus();
 
+  // Beyond the basic operations: true between begin() and its end(), unless SQLite took the
+  // transaction back by itself, as it does when the disk is full.
+  bool inTransaction() const;
+  // True once a statement of this object failed because its disk was full.
+  bool ranFull() const { return m_ranFull; }
+
   // --- The held result: the object's own copy, read without the lock ---
 
   // Value of a cell, row and column from 0; row -1 is the header. 0 on any fault, with a log line.
@@ -153,4 +159,5 @@ class TARN_API CApiDb {
   char** m_table;  // header row first; valid while m_tableHeld
   int32_t m_ntuple;
   int32_t m_ncol;
+  bool m_ranFull;
 };

@@ -5,11 +5,13 @@
 #include <syslog.h>
 
 #include <cstdio>
+#include <cstring>
 #include <new>
 
 #include "base/Omission.h"
 #include "base/Wrap.h"
 #include "chunk/CTARNMirroredChunk.h"
+#include "chunk/ChunkMessages.h"
 #include "db/CApiDb.h"
 #include "dblog/DbLogMessages.h"
 #include "fat/ChunkFiles.h"
@@ -385,14 +387,31 @@ bool CDbLog::seekLocked(const Operation& operation, uint32_t offset) {
   return false;
 }
 
+// The mirror is asked only where the original is not a record of this place. A checksum alone is no
+// proof: an original that the card lost as zeros would be patched and written over the good mirror.
 bool CDbLog::readAtLocked(const Operation& operation, uint32_t offset, void* record) {
   if (!seekLocked(operation, offset)) return false;
   const JournalTraits& traits = journalTraits(operation.kind);
   const auto size = static_cast<long>(traits.recordSize);
   CTARNMirroredChunk& journal = *slotLocked(operation.kind);
-  if (journal.read(record, size, static_cast<long>(traits.crcLength)) == size) return true;
-  syslog(LOG_ERR, "%s", operation.readError);
-  return false;
+  uint8_t first[kStreamRecordSize];
+  uint8_t second[kStreamRecordSize];
+  const uint8_t* original = journal.readOriginal(first, size) ? first : nullptr;
+  const uint8_t* mirror = nullptr;
+  if (original == nullptr || !journalRecordInPlace(traits, original, offset)) {
+    if (journal.readMirror(second, size)) mirror = second;
+  }
+  const JournalCopy copy = judgeJournalCopies(traits, offset, original, mirror);
+  if (copy != JournalCopy::kOriginal && copy != JournalCopy::kMirror) {
+    syslog(LOG_ERR, "%s", operation.readError);
+    return false;
+  }
+  if (copy == JournalCopy::kMirror) {
+    syslog(LOG_WARNING, kMsgMirrorUsed, "read",
+           static_cast<unsigned long>(offset + traits.recordSize));
+  }
+  memcpy(record, copy == JournalCopy::kOriginal ? original : mirror, traits.recordSize);
+  return true;
 }
 
 bool CDbLog::writeAtLocked(const Operation& operation, uint32_t offset, void* record) {

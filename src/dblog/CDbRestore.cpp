@@ -6,6 +6,7 @@
 
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
+#include "dblog/CheckedSql.h"
 #include "dblog/DbLogMessages.h"
 #include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
@@ -23,16 +24,20 @@ constexpr char kSqlNewestEvent[] = "SELECT backOffset FROM EVENT ORDER BY eventI
 constexpr char kSqlNewestStream[] = "SELECT backOffset FROM STREAM ORDER BY streamID DESC LIMIT 1";
 
 // Place behind the record of the row with the greatest key; the present one where there is no row.
-uint32_t correctFree(CApiDb* db, const char* sqlNewest, const JournalTraits& traits,
-                     uint32_t chunkSize, uint32_t present) {
-  db->setSql(sqlNewest);
+// False when the database does not answer: no row and no answer look the same, and the next insert
+// would go over the record of a row.
+bool correctFree(CApiDb* db, const char* sqlNewest, const JournalTraits& traits, uint32_t chunkSize,
+                 uint32_t* free) {
+  if (!selected(db, sqlNewest)) return false;
   if (db->getNTuple() == 1) {
     const uint32_t newest = db->getValue(0, 0);
     if (isJournalPlace(traits, newest, chunkSize)) {
-      return nextJournalPlace(traits, newest, chunkSize);
+      *free = nextJournalPlace(traits, newest, chunkSize);
+      return true;
     }
   }
-  return isJournalPlace(traits, present, chunkSize) ? present : 0;
+  if (!isJournalPlace(traits, *free, chunkSize)) *free = 0;
+  return true;
 }
 
 bool recoverPair(CTARNEndlessManagerNative* store, CApiDb* db, JournalKind kind,
@@ -42,8 +47,9 @@ bool recoverPair(CTARNEndlessManagerNative* store, CApiDb* db, JournalKind kind,
   const uint32_t chunkSize = low32(store->getChunkSize(1));
   CHUNK_USAGE usage = {};
   if (store->getUsage(traits.chunk, &usage) != 0) return false;
-  const uint32_t free = correctFree(db, sqlNewest, traits, chunkSize, usage.freeAddr);
-  return store->setFree(traits.chunk, free, kNoArea) == 0 &&
+  auto free = static_cast<uint32_t>(usage.freeAddr);
+  return correctFree(db, sqlNewest, traits, chunkSize, &free) &&
+         store->setFree(traits.chunk, free, kNoArea) == 0 &&
          store->setFree(mirror, free, kNoArea) == 0;
 }
 

@@ -5,13 +5,13 @@
 #include <new>
 
 #include "base/Wrap.h"
-#include "chunk/CTARNMirroredChunk.h"
 #include "db/CApiDb.h"
 #include "db/SqlText.h"
 #include "dblog/CDbRestore.h"
 #include "dblog/DbLogMessages.h"
 #include "dblog/JournalFormat.h"
 #include "dblog/JournalReader.h"
+#include "dblog/ReplayFailure.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManagerNative.h"
 
@@ -109,12 +109,18 @@ class InsertBatch {
 };
 
 // The statement's own result never tells of a failure; the connection's state does. Going on would
-// cost a second of retries for each record and end with a database that lacks rows.
+// cost a second of retries for each record and end with a database that lacks rows. Where there is
+// no room SQLite takes the whole transaction back, and the second attempt succeeds outside of it:
+// what follows would be all that comes back.
 bool InsertBatch::statement(const char* sql) {
-  return db_->setSqlNoResult(sql) == 0 && db_->getStatus() == 1;
+  return db_->setSqlNoResult(sql) == 0 && db_->getStatus() == 1 && db_->inTransaction();
 }
 
 bool InsertBatch::runEach() {
+  if (!db_->inTransaction()) {
+    logFailure(text_);
+    return false;
+  }
   for (size_t i = 1; i < count_; ++i) text_[start_[i] - 1] = '\0';
   for (size_t i = 0; i < count_; ++i) {
     if (statement(text_ + start_[i])) continue;
@@ -133,20 +139,31 @@ void InsertBatch::logFailure(const char* sql) const {
   }
 }
 
-// Inserts every live record; false after a failed statement.
+// What a device does not give may be rows, or the end: neither is known, so nothing counts.
+bool refused(JournalKind kind, const JournalReader& reader) {
+  const char* name = kind == JournalKind::kEvent ? "event" : "stream";
+  syslog(LOG_ERR, kMsgReplayRefused, name, static_cast<unsigned long>(reader.position()));
+  return noteReplayFailure(kMsgReplayRefused, name, static_cast<unsigned long>(reader.position()));
+}
+
+// The database did not keep the rows.
+bool lost(const CApiDb& db) {
+  const bool full = db.ranFull();
+  syslog(LOG_ERR, "%s", full ? kMsgReplayFull : kMsgReplayLost);
+  return noteReplayFailure("%s", full ? kMsgReplayFull : kMsgReplayLost);
+}
+
+// Inserts every live record; false after a failed statement and where the device gives nothing.
 bool replayRecords(JournalReader* reader, InsertBatch* batch, const Replay& replay,
                    uint32_t* checked) {
   const JournalTraits& traits = journalTraits(replay.kind);
   for (*checked = 0; *checked <= replay.limit; reader->advance()) {
     const JournalReader::Result result = reader->read();
-    if (result == JournalReader::Result::kEnd) return batch->run();
-    const uint32_t marker = journalMarker(reader->record());
-    if (result == JournalReader::Result::kBad) {
-      if (marker == kMarkerErased) return batch->run();
-      continue;
-    }
+    if (result == JournalReader::Result::kRefused) return refused(replay.kind, *reader);
+    if (result == JournalReader::Result::kBad) continue;
+    if (result != JournalReader::Result::kRecord) break;
     ++*checked;
-    if (marker != traits.liveMarker) continue;
+    if (journalMarker(reader->record()) != traits.liveMarker) continue;
     if (journalBackOffset(traits, reader->record()) != reader->position()) continue;
     SqlText sql(replay.sql);
     replay.addValues(&sql, reader->record());
@@ -161,8 +178,10 @@ bool replayInTransaction(JournalReader* reader, const Replay& replay) {
   db.begin();
   InsertBatch batch(&db, replay.kind);
   const bool done = replayRecords(reader, &batch, replay, &checked);
+  if (!done && !db.inTransaction()) return lost(db);
   db.end();
   if (!done) return false;
+  if (db.getStatus() != 1 || db.inTransaction()) return lost(db);
   const auto records = static_cast<unsigned long>(checked);
   const auto offset = static_cast<unsigned long>(reader->position());
   if (replay.kind == JournalKind::kEvent) {
@@ -173,32 +192,20 @@ bool replayInTransaction(JournalReader* reader, const Replay& replay) {
   return true;
 }
 
-CHUNK_EVENT wholeChunk(int chunk, uint32_t size) {
-  return {static_cast<uint16_t>(chunk), kRecorderPartition, 0, size};
-}
-
-bool openPair(CTARNMirroredChunk* pair, CTARNEndlessManagerNative* store, short chunk) {
-  const int mirrorChunk = chunk + kJournalMirrorStep;
-  const uint32_t size = low32(store->getChunkSize(1));
-  const CHUNK_EVENT original = wholeChunk(chunk, size);
-  const CHUNK_EVENT mirror = wholeChunk(mirrorChunk, size);
-  return chunk >= 0 && mirrorChunk < store->numChunk() &&
-         pair->openChunkFile(&original, &mirror) == 0;
-}
-
 bool replayJournal(CTARNEndlessManagerNative* store, short chunk, const Replay& replay) {
-  CTARNMirroredChunk pair(kFileJournal);
-  if (!openPair(&pair, store, chunk)) {
+  const int mirrorChunk = chunk + kJournalMirrorStep;
+  if (chunk < 0 || mirrorChunk >= store->numChunk()) {
     syslog(LOG_ERR, kMsgReplayNoChunk);
     return false;
   }
-  // On the heap: the block is large for a stack.
+  // On the heap: the blocks are large for a stack.
   const std::unique_ptr<JournalReader> reader(new (std::nothrow) JournalReader(
-      &pair, journalTraits(replay.kind), chunk, low32(store->getChunkSize(1))));
+      journalTraits(replay.kind), chunk, low32(store->getChunkSize(1))));
   return reader != nullptr && replayInTransaction(reader.get(), replay);
 }
 
 int restore(short chunk, const Replay& replay) {
+  clearReplayFailure();
   CTARNEndlessManagerNative store(kFileJournal);
   if (store.openManageData(kRecorderPartition) != 0) return -1;
   if (!replayJournal(&store, chunk, replay)) return -1;

@@ -64,6 +64,11 @@ inline constexpr char kMsgReplayEventDone[] =
     "restoreEventDb : checked records = %lu offset = %lu";  // LOG_INFO
 inline constexpr char kMsgReplayStreamDone[] =
     "restoreStreamDbRec : checked records = %lu offset = %lu";  // LOG_INFO
+// Beyond the basic operations; also what a start-up reports for a person.
+inline constexpr char kMsgReplayRefused[] = "the %s journal cannot be read at byte %lu";
+inline constexpr char kMsgReplayFull[] =
+    "the database has no room for the rows of the journal: /tmp is full";
+inline constexpr char kMsgReplayLost[] = "the database did not keep the rows of the journal";
 
 // Native edits.
 inline constexpr char kMsgNativeOpen[] = " error : can't open file %s";

@@ -73,6 +73,21 @@ bool journalRecordInPlace(const JournalTraits& traits, const void* record, uint3
          journalRecordValid(record, traits.crcLength);
 }
 
+JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
+                               const uint8_t* original, const uint8_t* mirror) {
+  const auto inPlace = [&](const uint8_t* record) {
+    return record != nullptr && journalRecordInPlace(traits, record, position);
+  };
+  if (inPlace(original)) return JournalCopy::kOriginal;
+  if (inPlace(mirror)) return JournalCopy::kMirror;
+  if (original == nullptr || mirror == nullptr) return JournalCopy::kRefused;
+  if (journalRecordValid(original, traits.crcLength)) return JournalCopy::kOriginal;
+  if (journalRecordValid(mirror, traits.crcLength)) return JournalCopy::kMirror;
+  const bool erased =
+      journalMarker(original) == kMarkerErased && journalMarker(mirror) == kMarkerErased;
+  return erased ? JournalCopy::kErased : JournalCopy::kNeither;
+}
+
 void encodeEventRecord(const DB_EVENT& row, void* record) {
   setJournalMarker(record, kMarkerLiveEvent);
   encodeEvent(row, at(record, kJournalBodyOff));

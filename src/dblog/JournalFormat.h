@@ -79,6 +79,26 @@ TARN_API bool journalRecordValid(const void* record, uint32_t crcLength);
 TARN_API bool journalRecordInPlace(const JournalTraits& traits, const void* record,
                                    uint32_t position);
 
+// No journal is read further than this, whatever a card says about the size of its chunks.
+inline constexpr uint32_t kMaxJournalBytes = 12 * 1024 * 1024;
+
+// Which of the two copies of a record counts.
+enum class JournalCopy : uint8_t {
+  kOriginal,
+  kMirror,
+  kNeither,  // the device gave both, and neither is a record
+  kErased,   // the same, and both are erased: the journal's end
+  kRefused,  // the device did not give enough of them to know
+};
+
+// Judges the two copies of the record at `position`; null for one that the device did not give. A
+// copy that says what it is and lies where it says goes before one that only has a right checksum:
+// a sector that the card lost as zeros has the checksum of zeros. Of two that are alike in this the
+// original is the newer one, because it is written first. Beside a copy that was not given the
+// other one counts only when it lies in its place.
+TARN_API JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
+                                        const uint8_t* original, const uint8_t* mirror);
+
 // Live, sealed records, and the rows in records.
 TARN_API void encodeEventRecord(const DB_EVENT& row, void* record);
 TARN_API void encodeStreamRecord(const DB_STREAM& row, void* record);

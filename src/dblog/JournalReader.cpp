@@ -1,60 +1,89 @@
 #include "dblog/JournalReader.h"
 
 #include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "chunk/CTARNMirroredChunk.h"
+#include "chunk/ChunkMessages.h"
 #include "fat/ChunkFiles.h"
 
 namespace tarn {
+namespace {
 
-JournalReader::JournalReader(CTARNMirroredChunk* pair, const JournalTraits& traits, short chunk,
-                             uint32_t chunkSize)
-    : pair_(pair), traits_(traits), chunkSize_(chunkSize), record_(single_) {
-  char name[kChunkFileNameRoom];
-  chunkFileName(kRecorderPartition, fileTag(kFileJournal), chunk, name);
-  handle_ = fat_.open(name, O_RDONLY);
-  memset(single_, 0, sizeof single_);
+constexpr int kTries = 4;  // of a place that neither copy tells
+constexpr useconds_t kPauseUs = 10000;
+
+}  // namespace
+
+JournalReader::JournalReader(const JournalTraits& traits, short chunk, uint32_t chunkSize)
+    : traits_(traits), chunkSize_(chunkSize), record_(original_.single) {
+  open(&original_, chunk);
+  open(&mirror_, static_cast<short>(chunk + kJournalMirrorStep));
 }
 
 JournalReader::~JournalReader() = default;
 
-void JournalReader::advance() { position_ += traits_.recordSize; }
-
-bool JournalReader::inBlock() const {
-  return position_ >= blockStart_ && position_ - blockStart_ < blockLength_;
+void JournalReader::open(Side* side, short chunk) {
+  char name[kChunkFileNameRoom];
+  chunkFileName(kRecorderPartition, fileTag(kFileJournal), chunk, name);
+  side->handle = side->fat.open(name, O_RDONLY);
+  memset(side->single, 0, sizeof side->single);
 }
 
-void JournalReader::loadBlock() {
-  const uint32_t left = chunkSize_ - position_;
-  blockStart_ = position_;
-  blockLength_ = std::min(kBlockSize, left - left % traits_.recordSize);
-  blockGood_ = handle_ != -1 && fat_.lseek(handle_, static_cast<long>(position_), SEEK_SET) >= 0 &&
-               fat_.read(handle_, block_, blockLength_) == static_cast<long>(blockLength_);
+bool JournalReader::readSide(Side* side, uint32_t position, void* out, uint32_t length) {
+  return side->handle != -1 &&
+         side->fat.lseek(side->handle, static_cast<long>(position), SEEK_SET) >= 0 &&
+         side->fat.read(side->handle, out, length) == static_cast<long>(length);
+}
+
+// Null when the device does not give it.
+const uint8_t* JournalReader::at(Side* side) {
+  if (position_ < side->start || position_ - side->start >= side->length) {
+    const uint32_t left = chunkSize_ - position_;
+    side->start = position_;
+    side->length = std::min(kBlockSize, left - left % traits_.recordSize);
+    side->good = readSide(side, position_, side->block, side->length);
+  }
+  if (side->good) return side->block + (position_ - side->start);
+  return readSide(side, position_, side->single, traits_.recordSize) ? side->single : nullptr;
+}
+
+JournalCopy JournalReader::judge() {
+  const uint8_t* original = at(&original_);
+  const uint8_t* mirror = nullptr;
+  if (original == nullptr || !journalRecordInPlace(traits_, original, position_)) {
+    mirror = at(&mirror_);
+  }
+  const JournalCopy copy = judgeJournalCopies(traits_, position_, original, mirror);
+  if (copy != JournalCopy::kRefused) record_ = copy == JournalCopy::kMirror ? mirror : original;
+  return copy;
 }
 
 JournalReader::Result JournalReader::read() {
   if (position_ > chunkSize_ || chunkSize_ - position_ < traits_.recordSize) return Result::kEnd;
-  if (!inBlock()) loadBlock();
-  if (blockGood_) {
-    record_ = block_ + (position_ - blockStart_);
-    if (journalRecordValid(record_, traits_.crcLength)) return Result::kRecord;
+  JournalCopy copy = judge();
+  for (int tries = 1; copy == JournalCopy::kRefused && tries < kTries; ++tries) {
+    usleep(kPauseUs);
+    copy = judge();
   }
-  return readPair();
-}
-
-// A failed read leaves the two sides anywhere, so each begins with a seek; and the buffer is
-// cleared first, or the marker of an earlier record could pass for this one's.
-JournalReader::Result JournalReader::readPair() {
-  record_ = single_;
-  memset(single_, 0, sizeof single_);
-  const auto size = static_cast<long>(traits_.recordSize);
-  if (pair_->seek(static_cast<long>(position_), SEEK_SET) < 0) return Result::kBad;
-  const long result = pair_->read(single_, size, static_cast<long>(traits_.crcLength));
-  if (result == size) return Result::kRecord;
-  return result == 0 ? Result::kEnd : Result::kBad;
+  switch (copy) {
+    case JournalCopy::kRefused:
+      return Result::kRefused;
+    case JournalCopy::kErased:
+      return Result::kErased;
+    case JournalCopy::kNeither:
+      return Result::kBad;
+    case JournalCopy::kMirror:
+      syslog(LOG_WARNING, kMsgMirrorUsed, "read",
+             static_cast<unsigned long>(position_ + traits_.recordSize));
+      break;
+    case JournalCopy::kOriginal:
+      break;
+  }
+  return Result::kRecord;
 }
 
 }  // namespace tarn

@@ -5,25 +5,24 @@
 #include "dblog/JournalFormat.h"
 #include "fat/CFATAccess.h"
 
-class CTARNMirroredChunk;
-
 namespace tarn {
 
-// Reads a journal from its first record on, one record a call, each as the mirrored pair would give
-// it. The original is read in large blocks; only a record that is not valid there, or lies in a
-// block that the device did not deliver, is asked of the pair, which knows the mirror. Not part of
-// the interface. Used by one thread.
+// Reads a journal from its first record on, one record a call, as judgeJournalCopies() takes it
+// from the two copies. Both are read in large blocks, the mirror only where the original alone does
+// not tell; a record of a block that the device did not deliver is asked for by itself, a few times
+// where neither copy comes. Not part of the interface. Used by one thread.
 class JournalReader {
  public:
   enum class Result {
-    kRecord,  // record() is valid
-    kBad,     // neither copy is; record() holds what was read last, zeros where nothing was
-    kEnd,     // the chunk has no room for another record; record() is not changed
+    kRecord,   // record() is valid
+    kBad,      // neither copy is; record() holds what one of them has
+    kErased,   // both copies are erased here: the journal's end
+    kRefused,  // the device does not give it; nothing is known about this place and those behind it
+    kEnd,      // the chunk has no room for another record; record() is not changed
   };
 
-  // pair: opened for reading the whole of `chunk`, whose size is chunkSize, and of its mirror.
-  JournalReader(CTARNMirroredChunk* pair, const JournalTraits& traits, short chunk,
-                uint32_t chunkSize);
+  // `chunk` is the original's, its mirror's the next one. chunkSize in bytes, of both.
+  JournalReader(const JournalTraits& traits, short chunk, uint32_t chunkSize);
   ~JournalReader();
   JournalReader(const JournalReader&) = delete;
   JournalReader& operator=(const JournalReader&) = delete;
@@ -33,27 +32,33 @@ class JournalReader {
   const uint8_t* record() const { return record_; }
   uint32_t position() const { return position_; }
   // Goes on to the next record, whatever became of this one.
-  void advance();
+  void advance() { position_ += traits_.recordSize; }
 
  private:
   static constexpr uint32_t kBlockSize = 64 * 1024;
 
-  bool inBlock() const;
-  void loadBlock();
-  Result readPair();
+  // One copy.
+  struct Side {
+    CFATAccess fat;
+    int handle = -1;
+    uint32_t start = 0;
+    uint32_t length = 0;  // bytes that were asked for
+    bool good = false;    // and came
+    uint8_t single[kStreamRecordSize];
+    uint8_t block[kBlockSize];
+  };
 
-  CTARNMirroredChunk* pair_;
+  void open(Side* side, short chunk);
+  bool readSide(Side* side, uint32_t position, void* out, uint32_t length);
+  const uint8_t* at(Side* side);
+  JournalCopy judge();
+
   const JournalTraits& traits_;
   const uint32_t chunkSize_;
   uint32_t position_ = 0;
-  CFATAccess fat_;
-  int handle_;
-  uint32_t blockStart_ = 0;
-  uint32_t blockLength_ = 0;  // bytes that were asked for
-  bool blockGood_ = false;    // and came
   const uint8_t* record_;
-  uint8_t single_[kStreamRecordSize];
-  uint8_t block_[kBlockSize];
+  Side original_;
+  Side mirror_;
 };
 
 }  // namespace tarn

@@ -191,6 +191,31 @@ TEST_F(JournalFaults, ADeviceErrorOfTheOriginalIsReadFromTheMirror) {
   expectPair(2, 0, streamRecord(firstStream));
 }
 
+// Zeros have the checksum of zeros.
+TEST_F(JournalFaults, ACopyLostAsZerosIsNeitherPatchedNorWrittenOverTheOther) {
+  for (const int lost : {0, 1}) {
+    setJournal(lost, 0, Bytes(32, 0));
+    setJournal(2 + lost, 0, Bytes(64, 0));
+    firstEvent.endDate = 700u + static_cast<uint32_t>(lost);
+    EXPECT_TRUE(journalLog->updateEvent(0x10, &firstEvent));
+    expectPair(0, 0, eventRecord(firstEvent));
+    firstStream.endDate = 800u + static_cast<uint32_t>(lost);
+    EXPECT_TRUE(journalLog->updateStream(0x400, &firstStream));
+    expectPair(2, 0, streamRecord(firstStream));
+  }
+  setJournal(0, 0, Bytes(32, 0));
+  EXPECT_TRUE(journalLog->deleteEvent(1));
+  expectPair(0, 0, eventRecord(firstEvent, 0xFFFFFFEF));
+}
+
+TEST_F(JournalFaults, BesideARefusedOriginalZerosAreNotPatched) {
+  setJournal(1, 0, Bytes(32, 0));
+  IoFaults faults(kCardPath);
+  faults.fail(Call::Read, 1, EIO);
+  EXPECT_FALSE(journalLog->updateEvent(0x10, &firstEvent));
+  EXPECT_EQ(faults.count(Call::Write), 0u);
+}
+
 TEST_F(JournalFaults, AServerThatRefusesToSaveDoesNotFailAnInsert) {
   server.misbehave(FakeServer::Misbehave::Refuse, 5);
   DB_EVENT row = eventRow(2);

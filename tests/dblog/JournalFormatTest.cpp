@@ -97,5 +97,32 @@ TEST(JournalFormat, PlacesFollowEachOtherAndComeRound) {
   EXPECT_FALSE(tarn::isJournalPlace(events, 0, 16));
 }
 
+TEST(JournalFormat, OfTwoCopiesTheOneInItsPlaceCounts) {
+  using tarn::JournalCopy;
+  const tarn::JournalTraits& traits = tarn::journalTraits(tarn::JournalKind::kEvent);
+  const auto judge = [&](const uint8_t* original, const uint8_t* mirror) {
+    return tarn::judgeJournalCopies(traits, 0x40, original, mirror);
+  };
+  const uint8_t* good = kEventBytes.data();  // lies at 0x40
+  const Bytes zeros(32, 0);                  // with the checksum of zeros
+  const Bytes noise(32, 0x5A);
+  const Bytes erased(32, 0xFF);
+  EXPECT_EQ(judge(good, good), JournalCopy::kOriginal);
+  for (const uint8_t* other : {zeros.data(), noise.data(), erased.data()}) {
+    EXPECT_EQ(judge(good, other), JournalCopy::kOriginal);
+    EXPECT_EQ(judge(other, good), JournalCopy::kMirror);
+    EXPECT_EQ(judge(other, nullptr), JournalCopy::kRefused);
+    EXPECT_EQ(judge(nullptr, other), JournalCopy::kRefused);
+  }
+  EXPECT_EQ(judge(good, nullptr), JournalCopy::kOriginal);
+  EXPECT_EQ(judge(nullptr, good), JournalCopy::kMirror);
+  EXPECT_EQ(judge(nullptr, nullptr), JournalCopy::kRefused);
+  EXPECT_EQ(judge(zeros.data(), noise.data()), JournalCopy::kOriginal);
+  EXPECT_EQ(judge(noise.data(), zeros.data()), JournalCopy::kMirror);
+  EXPECT_EQ(judge(erased.data(), erased.data()), JournalCopy::kErased);
+  EXPECT_EQ(judge(erased.data(), noise.data()), JournalCopy::kNeither);
+  EXPECT_EQ(judge(noise.data(), noise.data()), JournalCopy::kNeither);
+}
+
 }  // namespace
 }  // namespace tarn_test

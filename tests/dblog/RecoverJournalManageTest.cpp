@@ -69,6 +69,21 @@ TEST_F(RecoverJournalManage, AFailedSaveIsReported) {
   EXPECT_EQ(restore.recoverJournalManage(), -1);
 }
 
+// No answer and no row look the same: the next insert would go over the record of a row.
+TEST_F(RecoverJournalManage, ADatabaseThatDoesNotAnswerMovesNoOffset) {
+  addEvent(3, 64);
+  for (const char* table : {"EVENT", "STREAM"}) {
+    makeDatabase();
+    {
+      CApiDb db;
+      db.setSqlNoResult((std::string("DROP TABLE ") + table).c_str());
+    }
+    const IoFaults faults(kCardPath);
+    EXPECT_EQ(restore.recoverJournalManage(), -1) << table;
+    EXPECT_EQ(faults.count(Call::Write), 0u) << table;
+  }
+}
+
 class RecoverFewChunks : public testing::Test {};
 
 TEST_F(RecoverFewChunks, ACardWithTooFewJournalChunksIsRefused) {

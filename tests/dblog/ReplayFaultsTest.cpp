@@ -2,6 +2,7 @@
 
 #include "dblog/CDbRestore.h"
 #include "dblog/JournalRig.h"
+#include "dblog/ReplayFailure.h"
 #include "support/Pace.h"
 
 namespace tarn_test {
@@ -92,11 +93,12 @@ TEST_F(ReplayFaults, ABlockThatTheDeviceDoesNotDeliverIsReadRecordByRecord) {
   EXPECT_TRUE(log.has(LOG_INFO, "restoreEventDb : checked records = 6144 offset = 196608"));
 }
 
-// From some read on nothing comes any more, in neither copy: the replay skips to the end, whatever
-// was read before, and neither hangs nor takes an old marker for the journal's end.
-TEST_F(ReplayFaults, ADeviceThatGoesSilentEndsTheReplay) {
+// From some read on nothing comes any more, in neither copy. That is neither damage nor the end:
+// the replay stops, and says where.
+TEST_F(ReplayFaults, ADeviceThatGoesSilentFailsTheReplay) {
   IoFaults faults(kCardPath);
   EXPECT_EQ(restore.restoreEventDb(), 0);
+  EXPECT_STREQ(tarn::lastReplayFailure(), "");
   int reads = 0;
   for (const IoRecord& call : faults.calls()) {
     if (call.call == Call::Read) {
@@ -107,9 +109,65 @@ TEST_F(ReplayFaults, ADeviceThatGoesSilentEndsTheReplay) {
   makeDatabase();
   faults.clear();
   faults.fail(Call::Read, reads + 1, EIO, IoFaults::kForever);
+  EXPECT_EQ(restore.restoreEventDb(), -1);
+  EXPECT_TRUE(log.has(LOG_ERR, "the event journal cannot be read at byte 65536"));
+  EXPECT_STREQ(tarn::lastReplayFailure(), "the event journal cannot be read at byte 65536");
+}
+
+// The mirror's copy of a place that is refused counts when it lies in its place, and is no proof of
+// anything when it does not: a place that is erased there may be the newest record of the original.
+TEST_F(ReplayFaults, BesideARefusedCopyTheOtherCountsOnlyInItsPlace) {
+  const auto start = static_cast<int64_t>(card.chunkStart(tarn::kFileJournal, 0));
+  IoFaults faults(kCardPath);
   EXPECT_EQ(restore.restoreEventDb(), 0);
-  EXPECT_EQ(rows(), kBlock / 32 / 64) << "the first block had come";
-  EXPECT_TRUE(log.has(LOG_INFO, "restoreEventDb : checked records = 2048 offset = 196608"));
+  int reads = 0;
+  for (const IoRecord& call : faults.calls()) {
+    if (call.call != Call::Read) continue;
+    ++reads;
+    if (call.offset == start) break;
+  }
+  for (const bool erased : {false, true}) {
+    if (erased) setJournal(1, 0, Bytes(32, 0xFF));
+    makeDatabase();
+    faults.clear();
+    faults.fail(Call::Read, reads, EIO, 2);  // the block, and the first record
+    EXPECT_EQ(restore.restoreEventDb(), 0) << "it came when it was asked for again";
+    EXPECT_EQ(rows(), kRows);
+    makeDatabase();
+    faults.clear();
+    faults.fail(Call::Read, reads, EIO, 2);
+    faults.fail(Call::Read, reads + 3, EIO, 20);  // behind the mirror's block
+    EXPECT_EQ(restore.restoreEventDb(), erased ? -1 : 0);
+  }
+}
+
+// SQLite takes a transaction back by itself when the disk is full: what the second attempt inserts
+// would be all that comes back.
+TEST_F(ReplayFaults, ATransactionThatIsTakenBackFailsTheReplay) {
+  {
+    CApiDb db;
+    db.setSqlNoResult(
+        "CREATE TRIGGER t BEFORE INSERT ON EVENT WHEN ( SELECT COUNT(*) FROM EVENT ) > 40 "
+        "BEGIN SELECT RAISE( ROLLBACK, 'no room' ); END");
+  }
+  EXPECT_EQ(restore.restoreEventDb(), -1);
+  EXPECT_EQ(rows(), 0u);
+  EXPECT_STREQ(tarn::lastReplayFailure(), "the database did not keep the rows of the journal");
+}
+
+TEST_F(ReplayFaults, AFullRamDiskFailsTheReplayAndIsNamed) {
+  IoFaults disk("/tmp/DB.dat");
+  disk.fail(Call::Pwrite, 1, ENOSPC, IoFaults::kForever);
+  EXPECT_EQ(restore.restoreEventDb(), -1);
+  EXPECT_STREQ(tarn::lastReplayFailure(),
+               "the database has no room for the rows of the journal: /tmp is full");
+  EXPECT_TRUE(log.has(LOG_ERR, tarn::lastReplayFailure()));
+}
+
+TEST_F(ReplayFaults, AnOriginalLostAsZerosIsReplayedFromTheMirror) {
+  setJournal(0, 0, Bytes(512, 0));
+  EXPECT_EQ(restore.restoreEventDb(), 0);
+  EXPECT_EQ(rows(), kRows);
 }
 
 TEST_F(ReplayFaults, ARecordErasedInTheOriginalAloneIsNotTheEnd) {
