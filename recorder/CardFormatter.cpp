@@ -270,13 +270,14 @@ class Writer {
     return zero(family.startByte(), family.bytes());
   }
 
-  // Everything in front of the FATs but the boot sector itself.
+  // Everything in front of the FATs but the boot sector itself, with the info file's second copy.
   bool writeReserved() {
     std::vector<uint8_t> sectors(size_t{layout_.reservedSectors()} * kSectorBytes);
     for (uint32_t start : {0u, kBackupSector}) {
       encodeBootSector(layout_, volumeId_, sectors.data() + start * kSectorBytes);
       encodeFsInfo(layout_, sectors.data() + (start + kFsInfoSector) * kSectorBytes);
     }
+    encodeInfoFile(layout_, sectors.data() + kInfoCopySector * kSectorBytes);
     return write(kSectorBytes, sectors.data() + kSectorBytes, sectors.size() - kSectorBytes);
   }
 
@@ -296,7 +297,7 @@ class Writer {
   }
 
   bool writeInfoHead() {
-    uint8_t file[kInfoFileBytes];
+    uint8_t file[kInfoSealedBytes];
     encodeInfoFile(layout_, file);
     return write(layout_.chunkByte(kFileInfo, 0), file, kSectorBytes);
   }

@@ -11,7 +11,8 @@ namespace {
 
 constexpr uint64_t kKiB = 1024;
 constexpr uint64_t kMiB = 1024 * kKiB;
-constexpr uint32_t kMinReservedSectors = 32;
+constexpr uint32_t kMinReservedSectors = 32;  // the info file's second copy lies in them
+constexpr uint32_t kMinInfoBytes = 1024;
 constexpr uint32_t kRootCluster = 2;
 constexpr uint32_t kMaxClusterBytes = 65536;
 // PCs disagree on the exact bounds between FAT16 and FAT32; what is chosen here stays clear of
@@ -325,6 +326,9 @@ bool CardLayout::checkFamily(int fileType, std::string* error) const {
            fail(error, what + " is not a multiple of " + std::to_string(unit) + why);
   };
   if (!multipleOf(clusterBytes_, ", the cluster size")) return false;
+  if (fileType == kFileInfo && family.chunkSize < kMinInfoBytes) {
+    return fail(error, what + " is below 1024, which the info file takes");
+  }
   if (fileType == kFileStream && !multipleOf(kAlignBytes, "")) return false;
   if (fileType == kFilePicture && !multipleOf(kPictureEntryBytes, "")) return false;
   if (fileType == kFileSyslog && !multipleOf(kSyslogBlock, "")) return false;

@@ -73,7 +73,8 @@ int LogWriter::open() {
   if (open_) return refuse(kErrLogOrder);
   error_ = "";
   if (!lock_.lock(kWriterLock, false)) return refuse(kErrLogBusy);
-  open_ = openActive();
+  geometry_ = CardGeometry::verifyRecorder();
+  open_ = geometry_.ok() ? openActive() : fail(geometry_.text.c_str());
   if (!open_) abandon();
   return open_ ? 0 : -1;
 }

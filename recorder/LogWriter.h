@@ -7,6 +7,7 @@
 #include "base/Export.h"
 #include "chunk/CTARNSyslogChunk.h"
 #include "manager/CTARNSyslogManager.h"
+#include "recorder/CardGeometry.h"
 #include "recorder/FileLock.h"
 #include "recorder/LogLayout.h"
 
@@ -68,6 +69,7 @@ class TARN_API LogWriter {
 
   bool open_ = false;
   const char* error_ = "";
+  GeometryReport geometry_;  // of the last open(), whose text error_ may be
   FileLock lock_;
   CTARNSyslogManager manager_;
   CTARNSyslogChunk chunk_;

@@ -9,6 +9,7 @@
 
 #include "manager/RequestFormat.h"
 #include "mesg/CMesgServer.h"
+#include "recorder/CardGeometry.h"
 #include "recorder/DatabaseImage.h"
 #include "recorder/FileLock.h"
 #include "recorder/ManagementStores.h"
@@ -35,6 +36,10 @@ ManagementServer::~ManagementServer() {
 
 int ManagementServer::start() {
   if (m_server != nullptr || !claimPath()) return -1;
+  if (!mayBeWritten()) {
+    m_lock->unlock();
+    return -1;
+  }
   if (!dropDatabaseImage()) {
     reportServer(LOG_ERR, kMsgServerImage);
     m_lock->unlock();
@@ -43,6 +48,15 @@ int ManagementServer::start() {
   m_stores = std::make_unique<ManagementStores>();
   m_stores->open();
   return listen();
+}
+
+// A card that is not what it says it is gets no server, nor does one that is there and cannot be
+// read. Without a card there is nothing to write to.
+bool ManagementServer::mayBeWritten() {
+  const GeometryReport geometry = CardGeometry::verifyRecorder();
+  if (geometry.ok() || !geometry.opened) return true;
+  reportServer(LOG_ERR, "%s", geometry.text.c_str());
+  return false;
 }
 
 bool ManagementServer::claimPath() {

@@ -32,9 +32,10 @@ class TARN_API ManagementServer {
   // Opens the stores and begins to listen; clients can connect when it returns 0. The socket is
   // for the process's user and group (mode 0660); one that a dead server left behind is replaced.
   // -1, reported in the system log and on standard error: another server answers on the path (it
-  // is left alone), the socket cannot be made, or a database image that no start has taken cannot be
-  // marked empty (what clients change now, it lacks). A store that cannot be opened (no card, bad CRC)
-  // is no reason to fail: it is reported and its requests are refused.
+  // is left alone), the socket cannot be made, or a database image that no start has taken cannot
+  // be marked empty (what clients change now, it lacks), or a card whose geometry contradicts
+  // itself or cannot be read. A store that cannot be opened (no card, bad CRC) is no reason to
+  // fail: it is reported and its requests are refused.
   int start();
 
   // Serves until requestStop(), then closes the socket, saves all stores, removes the socket's path
@@ -48,6 +49,7 @@ class TARN_API ManagementServer {
 
  private:
   bool claimPath();
+  static bool mayBeWritten();
   int listen();
   void serveMarked();
   void answerPacket(const void* packet, long length, long client);

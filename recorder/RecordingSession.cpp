@@ -10,6 +10,7 @@
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNStreamManager.h"
 #include "recorder/AnnexB.h"
+#include "recorder/CardGeometry.h"
 #include "recorder/ChannelLock.h"
 #include "recorder/FileLock.h"
 #include "recorder/JournalGuard.h"
@@ -62,6 +63,7 @@ class RecordingSession::Impl {
   bool fail(RecordingError error, const char* text);
   bool failAs(const RowWriter& writer) { return fail(writer.error(), writer.errorText()); }
   bool checkOptions();
+  bool checkCard();
   bool connect();
   bool closeLeftOvers();
   bool ownedByChannel(const DB_STREAM& row);
@@ -81,6 +83,7 @@ class RecordingSession::Impl {
   bool open_ = false;
   RecordingError error_ = RecordingError::kNone;
   const char* text_ = "";
+  GeometryReport geometry_;  // of the last open(), whose text text_ may be
   RecordingStatistics statistics_;
 
   FileLock channelLock_;
@@ -117,6 +120,11 @@ bool RecordingSession::Impl::checkOptions() {
   char path[64];
   snprintf(path, sizeof path, kChannelLock, options_.channel);
   return channelLock_.lock(path, false) || fail(RecordingError::kBadOption, kErrChannelBusy);
+}
+
+bool RecordingSession::Impl::checkCard() {
+  geometry_ = CardGeometry::verifyRecorder();
+  return geometry_.ok() || fail(RecordingError::kCard, geometry_.text.c_str());
 }
 
 bool RecordingSession::Impl::connect() {
@@ -162,7 +170,7 @@ bool RecordingSession::Impl::closeLeftOvers() {
 
 int RecordingSession::Impl::open(const RecordingOptions& options) {
   options_ = options;
-  open_ = checkOptions() && connect() && closeLeftOvers();
+  open_ = checkOptions() && checkCard() && connect() && closeLeftOvers();
   return open_ ? 0 : -1;
 }
 

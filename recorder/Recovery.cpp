@@ -10,6 +10,7 @@
 #include "base/Omission.h"
 #include "base/UniqueFd.h"
 #include "dblog/CDbRestore.h"
+#include "recorder/CardGeometry.h"
 #include "recorder/ChannelLock.h"
 #include "recorder/DatabaseImage.h"
 #include "recorder/DatabaseSetup.h"
@@ -65,6 +66,12 @@ bool nothingToWaitFor(std::string* error) {
   return free;
 }
 
+bool mayBeWritten(std::string* error) {
+  const GeometryReport geometry = CardGeometry::verifyRecorder();
+  if (!geometry.ok()) *error = geometry.text;
+  return geometry.ok();
+}
+
 }  // namespace
 
 Recovery::Recovery() = default;
@@ -95,6 +102,12 @@ bool Recovery::step(const char* name, const std::function<bool()>& work, const c
   report_.times.push_back(
       {name, std::chrono::duration_cast<std::chrono::microseconds>(took).count()});
   return done || fail(failure);
+}
+
+// Before anything else: all that follows goes by what the card says of itself.
+bool Recovery::geometry() {
+  const GeometryReport geometry = CardGeometry::verifyRecorder();
+  return geometry.ok() || fail(geometry.text);
 }
 
 bool Recovery::manageFiles() {
@@ -172,6 +185,8 @@ RecoveryReport Recovery::run() {
   }
   static_cast<void>(
       step(
+          "geometry", [this] { return geometry(); }, kErrGeometry) &&
+      step(
           "management files", [this] { return manageFiles(); }, kErrManageFiles) &&
       step(
           "database", [this] { return database(); }, kErrJournalManage) &&
@@ -201,7 +216,7 @@ RecoveryReport Recovery::run() {
 
 int Recovery::saveImage(std::string* error) {
   const bool saved = keepServerOut(kErrSaveServerRuns, error) && nothingToWaitFor(error) &&
-                     saveDatabaseImage(error);
+                     mayBeWritten(error) && saveDatabaseImage(error);
   lock_.reset();
   return saved ? 0 : -1;
 }

@@ -20,10 +20,11 @@ class FileLock;
 //   const tarn::RecoveryReport report = recovery.run();
 //   if (!report.ok()) return complain(report.error);
 //
-// Steps, each needed by the next: management files; database (its image after a clean stop, else an
-// empty one, both journals made equal, replayed, counted); free offsets of the journal; rows that
-// were left open; open events; stream headers; management data of stream chunks and system log;
-// flush of the card.
+// Steps, each needed by the next: the card's geometry (a card that is not what it says it is, is
+// not written to); management files; database (its image after a clean stop, else an empty one,
+// both journals made equal, replayed, counted); free offsets of the journal; rows that were left
+// open; open events; stream headers; management data of stream chunks and system log; flush of the
+// card.
 //
 // Running it again changes nothing on the card, and after a power loss during it the next run ends
 // in the same state. No management server may run: it is kept out meanwhile. The work grows with
@@ -46,6 +47,7 @@ class TARN_API Recovery {
  private:
   bool keepServerOut(const char* refusal, std::string* error);
   bool step(const char* name, const std::function<bool()>& work, const char* failure);
+  bool geometry();
   bool manageFiles();
   bool database();
   bool restoreImage();

@@ -11,6 +11,7 @@ inline constexpr char kMsgRecoveryChange[] = "recovery: %s";   // LOG_NOTICE
 inline constexpr char kErrServerRuns[] =
     "a management server runs; recovery is for the time before it starts";
 inline constexpr char kErrServerUnknown[] = "cannot find out whether a management server runs";
+inline constexpr char kErrGeometry[] = "the card's geometry could not be verified";
 inline constexpr char kErrManageFiles[] =
     "the card's management files cannot be read or written (is there a card?)";
 inline constexpr char kErrOvertaken[] = "recordings left open long ago could not be deleted";

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/Crc16.h"
 #include "base/Endian.h"
 #include "fat/FatFormat.h"
 
@@ -285,7 +286,7 @@ std::vector<DirectoryFile> decodeRootDirectory(const uint8_t* bytes, size_t leng
         const uint32_t high = getLe16(entry + kDirClusterHighOff);
         files.push_back({longName.empty() ? decodeShortName(entry) : longName,
                          (high << 16) | getLe16(entry + kDirClusterLowOff),
-                         getLe32(entry + kDirSizeOff)});
+                         getLe32(entry + kDirSizeOff), static_cast<uint32_t>(at / kDirEntryBytes)});
       }
       longName.clear();
     }
@@ -295,7 +296,7 @@ std::vector<DirectoryFile> decodeRootDirectory(const uint8_t* bytes, size_t leng
 
 void encodeInfoFile(const CardLayout& layout, uint8_t* out) {
   static_assert(kInfoFileBytes == kInfoLengthBytes + kInfoLengthMin);
-  memset(out, 0, kInfoFileBytes);
+  memset(out, 0, kInfoSealedBytes);
   putLe32(out, kInfoLengthMin);
   for (int type = 0; type < kFileTypeCount; ++type) {
     uint8_t* record = out + kInfoLengthBytes + static_cast<uint32_t>(type) * kInfoRecordBytes;
@@ -304,6 +305,25 @@ void encodeInfoFile(const CardLayout& layout, uint8_t* out) {
     memcpy(record + 4, "0000", 4);
     encodeInfoRecord({family.chunkSize, family.chunks, family.startSector}, record);
   }
+  sealInfoFile(out);
+}
+
+void sealInfoFile(uint8_t* file) {
+  memcpy(file + kInfoSealOff, kInfoSealMark, kInfoSealMarkBytes);
+  putLe16(file + kInfoSealCrcOff, crc16(file, kInfoSealCrcOff));
+}
+
+// Two bytes of the mark may be wrong and it is a seal all the same, a broken one: else damage to
+// the mark would make the file pass for one that never had a seal.
+InfoSeal judgeInfoSeal(const uint8_t* file) {
+  uint32_t same = 0;
+  for (uint32_t i = 0; i < kInfoSealMarkBytes; ++i) {
+    if (file[kInfoSealOff + i] == static_cast<uint8_t>(kInfoSealMark[i])) ++same;
+  }
+  if (same + 2 < kInfoSealMarkBytes) return InfoSeal::kNone;
+  const bool whole =
+      same == kInfoSealMarkBytes && crc16(file, kInfoSealCrcOff) == getLe16(file + kInfoSealCrcOff);
+  return whole ? InfoSeal::kGood : InfoSeal::kBad;
 }
 
 }  // namespace tarn

@@ -66,14 +66,36 @@ struct DirectoryFile {
   std::string name;  // "CKST0007"
   uint32_t cluster = 0;
   uint32_t size = 0;
+  uint32_t entry = 0;  // which of the directory's entries has its cluster and size
 };
 // All files up to the directory's end; labels, directories and deleted files are passed over.
 std::vector<DirectoryFile> decodeRootDirectory(const uint8_t* bytes, size_t length);
 
 // Bytes of the info file in use: the length and nine records.
 inline constexpr uint32_t kInfoFileBytes = 760;
-// Records begin with the name of the family's first chunk file ("CKST0000"), padded with zeros; the
-// other bytes that readers do not use are 0.
+// Behind them, where readers do not look, the seal      off size
+inline constexpr uint32_t kInfoSealOff = 760;  // 760  8  kInfoSealMark
+inline constexpr char kInfoSealMark[] = "TAIFSEAL";
+inline constexpr uint32_t kInfoSealMarkBytes = 8;
+inline constexpr uint32_t kInfoSealCrcOff = kInfoSealOff + kInfoSealMarkBytes;  // 768  2  0 to 767
+inline constexpr uint32_t kInfoSealedBytes = kInfoSealCrcOff + 2;
+static_assert(kInfoSealOff == kInfoFileBytes && kInfoSealedBytes == 770);
+// A second copy, sealed as well, in front of the FATs: behind the backup of the boot sector and its
+// two companions, where neither readers nor PCs look. Cards of others may have no room for it.
+inline constexpr uint32_t kInfoCopySector = 16;
+inline constexpr uint32_t kInfoCopySectors = 2;
+inline bool hasRoomForInfoCopy(uint32_t reservedSectors) {
+  return reservedSectors >= kInfoCopySector + kInfoCopySectors;
+}
+
+// Fills kInfoSealedBytes. Records begin with the name of the family's first chunk file
+// ("CKST0000"), padded with zeros; the other bytes that readers do not use are 0.
 void encodeInfoFile(const CardLayout& layout, uint8_t* out);
+// Puts the seal behind an info file of kInfoFileBytes.
+void sealInfoFile(uint8_t* file);
+
+// Whether a file is what was sealed. Cards of before, and those of others, have no seal.
+enum class InfoSeal : uint8_t { kNone, kGood, kBad };
+InfoSeal judgeInfoSeal(const uint8_t* file);
 
 }  // namespace tarn

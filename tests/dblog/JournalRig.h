@@ -28,6 +28,8 @@ inline constexpr uint32_t kJournalSize = 1024;  // 32 event records, 16 stream r
 inline CardLayout journalCard(uint32_t journalSize = kJournalSize) {
   CardLayout layout;
   layout.fillUndefined = false;
+  // Small journals are files of whole clusters, too.
+  if (journalSize == kJournalSize) layout.clusterSectors = kJournalSize / 512;
   layout.families[tarn::kFileJournal] = {journalSize, 4, 0};
   layout.families[tarn::kFileStream] = {64 * kKiB, 1, 0};
   layout.families[tarn::kFilePicture] = {64 * kKiB, 1, 0};

@@ -540,7 +540,8 @@ TEST_F(RecoveryTest, CardsOfZerosOnesAndNoiseAreRefusedWithAReason) {
     rig.setCard(bytes);
     const RecoveryReport report = rig.boot();
     EXPECT_EQ(report.error,
-              "the card's management files cannot be read or written (is there a card?)");
+              "/dev/sdblk0p1: no FAT32 volume, so no card of the recorder; nothing was written; "
+              "format it, or use another");
     EXPECT_TRUE(rig.cardBytes() == bytes);
   }
 }

@@ -112,16 +112,26 @@ void CardImage::writeFormat(const CardLayout& layout) {
   write(0, boot);
 
   std::vector<uint8_t> root(16384);
+  std::vector<ChunkFile> files =
+      layout.infoEntry < 0 ? std::vector<ChunkFile>() : chunkFiles(layout);
+  size_t next = 0;
   for (int i = 0; i < 512; ++i) {
     std::vector<uint8_t> entry(32, 0);
-    const std::string name = i == layout.infoEntry ? "TAIF0000   " : "OTHER      ";
+    const bool isFile = i != layout.infoEntry && next < files.size();
+    const std::string name = i == layout.infoEntry ? "TAIF0000   "
+                             : isFile              ? files[next].name + "   "
+                                                   : "OTHER      ";
     std::copy(name.begin(), name.end(), entry.begin());
-    const auto cluster = static_cast<uint32_t>(clusterOf(layout));
-    put(entry, 20, layout.infoClusterHigh.value_or(static_cast<uint16_t>(cluster >> 16)), 2);
-    put(entry, 26, layout.infoClusterLow.value_or(static_cast<uint16_t>(cluster)), 2);
+    const auto cluster = isFile ? files[next].cluster : static_cast<uint32_t>(clusterOf(layout));
+    const auto high = static_cast<uint16_t>(cluster >> 16);
+    const auto low = static_cast<uint16_t>(cluster);
+    put(entry, 20, isFile ? high : layout.infoClusterHigh.value_or(high), 2);
+    put(entry, 26, isFile ? low : layout.infoClusterLow.value_or(low), 2);
+    if (isFile) put(entry, 28, files[next++].size, 4);
     std::copy(entry.begin(), entry.end(), root.begin() + i * 32);
   }
   write(rootOffset_, root);
+  writeFats(layout, files);
 
   if (infoOffset_ == UINT64_MAX) return;
   std::vector<uint8_t> info(4 + 756, 0xEE);
@@ -132,6 +142,43 @@ void CardImage::writeFormat(const CardLayout& layout) {
     put(info, 4 + type * 84 + 80, families_[type].startSector, 4);
   }
   write(infoOffset_, info);
+}
+
+std::vector<CardImage::ChunkFile> CardImage::chunkFiles(const CardLayout& layout) const {
+  const uint64_t clusterBytes = layout.clusterSectors * kSector;
+  std::vector<ChunkFile> files;
+  for (int type = 1; type < 9 && clusterBytes != 0; ++type) {
+    const uint32_t count = std::min<uint32_t>(family(type).count, 512);
+    for (uint32_t n = 0; n < count; ++n) {
+      char name[16];
+      snprintf(name, sizeof name, "%s%04u", tarn::fileTag(type), n);
+      const uint64_t start = chunkStart(type, static_cast<int>(n));
+      if (start < rootOffset_) continue;
+      const uint64_t cluster = (start - rootOffset_) / clusterBytes + layout.rootCluster;
+      files.push_back({name, static_cast<uint32_t>(cluster), family(type).chunkSize});
+    }
+  }
+  return files;
+}
+
+// The true chain of each file in each FAT, as far as the FAT reaches.
+void CardImage::writeFats(const CardLayout& layout, const std::vector<ChunkFile>& files) {
+  const uint64_t fatBytes = layout.fat32Size * kSector;
+  if (files.empty() || fatBytes > 4 * kMiB) return;
+  std::vector<uint8_t> fat(static_cast<size_t>(fatBytes));
+  const uint64_t clusterBytes = layout.clusterSectors * kSector;
+  const auto chain = [&](uint64_t first, uint64_t bytes) {
+    const uint64_t count = (bytes + clusterBytes - 1) / clusterBytes;
+    for (uint64_t i = 0; i < count && (first + i + 1) * 4 <= fatBytes; ++i) {
+      put(fat, (first + i) * 4, i + 1 < count ? first + i + 1 : 0x0FFFFFFF, 4);
+    }
+  };
+  chain(layout.rootCluster, 16384);
+  chain(static_cast<uint32_t>(clusterOf(layout)), family(0).chunkSize);
+  for (const ChunkFile& file : files) chain(file.cluster, file.size);
+  for (uint64_t n = 0; n < layout.fatCount; ++n) {
+    write(layout.reservedSectors * kSector + n * fatBytes, fat);
+  }
 }
 
 uint64_t CardImage::chunkStart(int type, int n) const {

@@ -55,9 +55,10 @@ struct CardLayout {
   }};
 };
 
-// A small card in a plain file, made by its constructor and removed by its destructor. Reads and
-// writes bypass IoFaults, so a test that looks at its card does not disturb what it counts. Throws
-// std::runtime_error when the file cannot be made or reached.
+// A small card in a plain file, with a directory entry and a cluster chain for each chunk file (as
+// far as 511 entries and the FATs reach), made by its constructor and removed by its destructor.
+// Reads and writes bypass IoFaults, so a test that looks at its card does not disturb what it
+// counts. Throws std::runtime_error when the file cannot be made or reached.
 class CardImage {
  public:
   explicit CardImage(const CardLayout& layout = {}, const std::string& path = kCardPath);
@@ -91,8 +92,16 @@ class CardImage {
   void writeManagement(int manageType, int copy, const std::vector<uint8_t>& records);
 
  private:
+  struct ChunkFile {
+    std::string name;
+    uint32_t cluster;
+    uint32_t size;
+  };
+
   void layOut(const CardLayout& layout);
   void writeFormat(const CardLayout& layout);
+  std::vector<ChunkFile> chunkFiles(const CardLayout& layout) const;
+  void writeFats(const CardLayout& layout, const std::vector<ChunkFile>& files);
 
   std::string path_;
   int fd_ = -1;
