@@ -233,21 +233,34 @@ bool RecordingReader::readPicture(const PictureEntry& entry, std::vector<uint8_t
   return impl_ && impl_->readPicture(entry, out, withTimeStamp);
 }
 
-std::vector<DB_STREAM> streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg) {
-  std::vector<DB_STREAM> rows;
+bool streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg, std::vector<DB_STREAM>* out) {
+  out->clear();
   CApiDb db;
   DB_STREAM page[kPage];
   for (;;) {
-    const int32_t count = db.selectRipList(page, kPage, rows.size(), from, to, inTrg);
-    if (count > 0) rows.insert(rows.end(), page, page + count);
-    if (count < static_cast<int32_t>(kPage)) return rows;
+    const int32_t count = db.selectRipList(page, kPage, out->size(), from, to, inTrg);
+    if (db.getStatus() != 1) return false;  // an empty page of its own says nothing
+    if (count > 0) out->insert(out->end(), page, page + count);
+    if (count < static_cast<int32_t>(kPage)) return true;
   }
 }
 
-std::vector<DB_STREAM> streamsOfEvent(const DB_EVENT& event) {
+std::vector<DB_STREAM> streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg) {
+  std::vector<DB_STREAM> rows;
+  streamsOfPeriod(from, to, inTrg, &rows);
+  return rows;
+}
+
+bool streamsOfEvent(const DB_EVENT& event, std::vector<DB_STREAM>* out) {
   const uint32_t from = event.startDate > event.preSec ? event.startDate - event.preSec : 0;
   const uint32_t to = event.endDate != 0 ? event.endDate : 0xFFFFFFFF;
-  return streamsOfPeriod(from, to);
+  return streamsOfPeriod(from, to, 0, out);
+}
+
+std::vector<DB_STREAM> streamsOfEvent(const DB_EVENT& event) {
+  std::vector<DB_STREAM> rows;
+  streamsOfEvent(event, &rows);
+  return rows;
 }
 
 }  // namespace tarn

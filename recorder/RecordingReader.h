@@ -54,7 +54,12 @@ class TARN_API RecordingReader {
 // those that begin in it. inTrg 0: of every trigger. Copies, through a connection of its own, so
 // callers may walk them while they run statements.
 TARN_API std::vector<DB_STREAM> streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg = 0);
+// The same into *out. False when the database could not be read; *out holds what was read until
+// then.
+TARN_API bool streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg,
+                              std::vector<DB_STREAM>* out);
 // Rows of an event: from preSec seconds before its start to its end (to now, of one still open).
 TARN_API std::vector<DB_STREAM> streamsOfEvent(const DB_EVENT& event);
+TARN_API bool streamsOfEvent(const DB_EVENT& event, std::vector<DB_STREAM>* out);
 
 }  // namespace tarn

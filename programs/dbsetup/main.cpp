@@ -7,6 +7,7 @@
 #include <string>
 
 #include "base/StandardStreams.h"
+#include "programs/OutOfMemory.h"
 #include "recorder/DatabaseSetup.h"
 
 namespace {
@@ -28,7 +29,11 @@ using Action = bool (*)(const char* path, std::string* error);
 
 int run(const char* name, Action action) {
   std::string error;
-  if (action(tarn::DatabaseSetup::defaultPath(), &error)) return kExitOk;
+  const auto act = [&] {
+    return action(tarn::DatabaseSetup::defaultPath(), &error) ? kExitOk : kExitFailed;
+  };
+  const int status = tarn::endingWhenOutOfMemory("dbsetup", act);
+  if (status == kExitOk || error.empty()) return status;
   fprintf(stderr, "dbsetup %s: %s\n", name, error.c_str());
   return kExitFailed;
 }
@@ -44,6 +49,8 @@ int usageError(const char* what, const char* arg) {
 }
 
 }  // namespace
+
+TARN_ENDS_WHEN_OUT_OF_MEMORY("dbsetup")
 
 int main(int argc, char** argv) {
   if (!tarn::openStandardStreams()) return kExitFailed;

@@ -15,6 +15,7 @@
 
 #include "ServiceNotice.h"
 #include "base/StandardStreams.h"
+#include "programs/OutOfMemory.h"
 #include "recorder/ManagementServer.h"
 
 namespace {
@@ -104,6 +105,11 @@ void tellReady(int fd, bool ready) {
   if (fd > STDERR_FILENO) close(fd);
 }
 
+// What was asked for is done only when all of it was written.
+int print(const char* text) {
+  return fputs(text, stdout) >= 0 && fflush(stdout) == 0 ? kExitOk : kExitCannotStart;
+}
+
 int serve(int readyFd) {
   tarn::ManagementServer server;
   g_server = &server;
@@ -121,18 +127,14 @@ int serve(int readyFd) {
 
 }  // namespace
 
+TARN_ENDS_WHEN_OUT_OF_MEMORY("tarn-server")
+
 int main(int argc, char** argv) {
   if (!tarn::openStandardStreams()) return kExitCannotStart;
   Options options;
   if (!parseOptions(argc, argv, &options)) return kExitUsage;
-  if (options.help) {
-    fputs(kHelp, stdout);
-    return kExitOk;
-  }
-  if (options.version) {
-    puts("tarn-server " TARN_VERSION);
-    return kExitOk;
-  }
+  if (options.help) return print(kHelp);
+  if (options.version) return print("tarn-server " TARN_VERSION "\n");
   openlog("tarn-server", LOG_PID, LOG_DAEMON);
-  return serve(options.readyFd);
+  return tarn::endingWhenOutOfMemory("tarn-server", [&] { return serve(options.readyFd); });
 }

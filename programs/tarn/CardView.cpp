@@ -24,11 +24,29 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kTmp[] = "/tmp";
+constexpr char kDev[] = "/dev";
+constexpr char kTerminals[] = "/dev/pts";
 constexpr char kSetupPlace[] = "/usr/local/bin/dbsetup";
 
-bool isBelowTmp(const fs::path& path) {
-  const std::string text = path.string();
-  return text.rfind("/tmp/", 0) == 0;
+bool isBelow(const fs::path& path, const char* directory) {
+  return path.string().rfind(std::string(directory) + "/", 0) == 0;
+}
+
+bool isBelowTmp(const fs::path& path) { return isBelow(path, kTmp); }
+
+// A word that is no path, or a path too long to be one, is none that exists.
+bool isDirectory(const fs::path& path) {
+  std::error_code none;
+  return fs::is_directory(path, none);
+}
+
+// Whether the view has something else at that place. Devices are not for it to have, and terminals
+// are its own.
+bool isHidden(const fs::path& path) {
+  std::error_code none;
+  if (isBelowTmp(path)) return fs::exists(path, none);
+  return isBelow(path, kDev) && path != kTerminals && !isBelow(path, kTerminals) &&
+         (isDirectory(path) || fs::is_regular_file(path, none));
 }
 
 // Absolute, without links and dots; the last parts need not exist.
@@ -58,7 +76,7 @@ std::set<std::string> ownDirectories() {
 }
 
 bool isExecutable(const std::string& path) {
-  return access(path.c_str(), X_OK) == 0 && !fs::is_directory(path);
+  return access(path.c_str(), X_OK) == 0 && !isDirectory(path);
 }
 
 }  // namespace
@@ -77,7 +95,7 @@ std::string CardView::pathInside(const std::string& path) {
   const fs::path whole = resolved(path);
   if (whole == kTmp) return kOutsideTmp;
   if (!isBelowTmp(whole) || whole.string().rfind(kOutsideTmp, 0) == 0) return path;
-  if (whole.parent_path() != kTmp && fs::is_directory(whole.parent_path())) return path;
+  if (whole.parent_path() != kTmp && isDirectory(whole.parent_path())) return path;
   return kOutsideTmp + whole.string().substr(sizeof kTmp - 1);
 }
 
@@ -130,23 +148,23 @@ void CardView::bind(const std::string& from, const std::string& to) {
   words_.insert(words_.end(), {"--bind", from, to});
 }
 
-void CardView::showBelowTmp(const std::string& path) {
+void CardView::showHidden(const std::string& path) {
   const fs::path whole = resolved(path);
-  if (isBelowTmp(whole) && fs::exists(whole)) bind(whole.string(), whole.string());
+  if (isHidden(whole)) bind(whole.string(), whole.string());
 }
 
 void CardView::addTmp(const std::vector<std::string>& shown) {
   words_.insert(words_.end(), {"--tmpfs", kTmp});
   bind(kTmp, kOutsideTmp);
-  for (const std::string& directory : ownDirectories()) showBelowTmp(directory);
+  for (const std::string& directory : ownDirectories()) showHidden(directory);
   for (const char* program : {"tarn-server", "dbsetup"}) {
     const std::string path = findCompanion(program);
-    if (!path.empty()) showBelowTmp(fs::path(path).parent_path().string());
+    if (!path.empty()) showHidden(fs::path(path).parent_path().string());
   }
-  for (const std::string& path : shown) showBelowTmp(path);
+  for (const std::string& path : shown) showHidden(path);
   std::error_code ignored;
   const std::string directory = fs::current_path(ignored).string();
-  showBelowTmp(directory);
+  showHidden(directory);
   words_.insert(words_.end(), {"--chdir", directory == kTmp ? kOutsideTmp : directory});
 }
 
@@ -157,7 +175,7 @@ void CardView::addSetupCommand() {
   const std::string ours = findCompanion("dbsetup");
   if (ours.empty() || ours == kSetupPlace) return;
   fs::path cover = fs::path(kSetupPlace).parent_path();
-  while (!fs::exists(cover)) cover = cover.parent_path();
+  while (!isDirectory(cover)) cover = cover.parent_path();
   words_.insert(words_.end(), {"--tmpfs", cover.string()});
   std::error_code ignored;
   for (const fs::directory_entry& entry : fs::directory_iterator(cover, ignored)) {

@@ -18,8 +18,8 @@ class CardView {
  public:
   // Runs this tool again inside a view on `card`, with these arguments behind the hidden option
   // that tells it so, and returns its exit code. `shown` are paths (files, directories) that must
-  // be visible at their own place even below /tmp. The card is locked meanwhile; -1 with the
-  // reason in *error when it cannot be, or when there is no bubblewrap.
+  // be visible at their own place even below /tmp and /dev. The card is locked meanwhile; -1 with
+  // the reason in *error when it cannot be, or when there is no bubblewrap.
   int run(const std::string& card, const std::vector<std::string>& arguments,
           const std::vector<std::string>& shown, std::string* error);
 
@@ -31,7 +31,7 @@ class CardView {
   void addCard(const std::string& card);
   void addTmp(const std::vector<std::string>& shown);
   void addSetupCommand();
-  void showBelowTmp(const std::string& path);
+  void showHidden(const std::string& path);
   void bind(const std::string& from, const std::string& to);
 
   CardLock lock_;

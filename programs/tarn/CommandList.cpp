@@ -1,12 +1,11 @@
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
 #include "Command.h"
 #include "Console.h"
+#include "RecorderDatabase.h"
 #include "db/CApiDb.h"
-#include "recorder/DatabaseSetup.h"
 
 namespace tarn {
 namespace {
@@ -72,26 +71,12 @@ class CommandList : public Command {
   }
 
   int run() override {
-    const char* path = DatabaseSetup::defaultPath();
-    std::string error;
-    if (access(path, F_OK) != 0) {
-      complain(
-          fmt::format("there is no database {}: the recorder has not been started; use "
-                      "--card CARD to look at a card without one",
-                      path));
-      return kExitFailed;
+    if (databaseIsGood(&error_)) {
+      db_ = std::make_unique<CApiDb>();
+      if (what_ == "events" ? listEvents() : listStreams()) return kExitGood;
     }
-    if (!DatabaseSetup::check(path, &error)) {
-      complain(error);
-      return kExitFailed;
-    }
-    db_ = std::make_unique<CApiDb>();
-    if (what_ == "events") {
-      listEvents();
-    } else {
-      listStreams();
-    }
-    return kExitGood;
+    complain(error_);
+    return kExitFailed;
   }
 
  private:
@@ -109,7 +94,9 @@ class CommandList : public Command {
         ->type_name("TIME");
   }
 
-  void listStreams() {
+  // A list is printed as a whole or, as JSON, not at all: an array that lacks what could not be
+  // read would pass for all there is.
+  bool listStreams() {
     Json list = Json::array();
     if (!json_) {
       fmt::print("{:>8} {:>5} {:<23} {:<23} {:>8} {:>6} {:>10} {:>10}\n", "stream", "trig", "start",
@@ -119,6 +106,7 @@ class CommandList : public Command {
     const unsigned long end = to_ != 0 ? to_ : kLastSecond;
     for (unsigned long offset = 0;; offset += kPage) {
       const int32_t count = db_->selectRipList(page.data(), kPage, offset, from_, end, trigger_);
+      if (!statementWasDone(*db_, &error_)) return false;
       for (int32_t i = 0; i < count; ++i) {
         const DB_STREAM& row = page[static_cast<size_t>(i)];
         if (json_) {
@@ -130,6 +118,7 @@ class CommandList : public Command {
       if (count < static_cast<int32_t>(kPage)) break;
     }
     if (json_) fmt::print("{}\n", Json{{"schema", 1}, {"streams", list}}.dump(2));
+    return true;
   }
 
   static void printStream(const DB_STREAM& row) {
@@ -138,7 +127,7 @@ class CommandList : public Command {
                row.recSize, row.chunkID, row.chunkOffset, row.chunkSize);
   }
 
-  void listEvents() {
+  bool listEvents() {
     Json list = Json::array();
     if (!json_) {
       fmt::print("{:>8} {:>5} {:>4} {:<23} {:<23}\n", "event", "trig", "pre", "start", "end");
@@ -151,35 +140,36 @@ class CommandList : public Command {
                    timeText(row.startDate, row.startMSec), endText(row.endDate, row.endMSec));
       }
     };
-    if (from_ == 0 && to_ == 0) {
-      walkEvents(show);
-    } else {
-      walkEventsOfPeriod(show);
-    }
-    if (json_) fmt::print("{}\n", Json{{"schema", 1}, {"events", list}}.dump(2));
+    const bool all = from_ == 0 && to_ == 0 ? walkEvents(show) : walkEventsOfPeriod(show);
+    if (all && json_) fmt::print("{}\n", Json{{"schema", 1}, {"events", list}}.dump(2));
+    return all;
   }
 
   // In key order, so the last key of a page leads to the next one.
   template <typename Show>
-  void walkEvents(Show show) {
+  bool walkEvents(Show show) {
     std::vector<DB_EVENT> page(kPage);
     uint32_t after = 0;
     for (;;) {
       const uint32_t count = events(page.data(), kPage, 0, 0, after);
+      if (!statementWasDone(*db_, &error_)) return false;
       for (uint32_t i = 0; i < count; ++i) show(page[i]);
-      if (count < kPage) return;
+      if (count < kPage) return true;
       after = page[count - 1].eventID;
     }
   }
 
   // A period comes in order of time, where keys lead nowhere: the count says how much to fetch.
   template <typename Show>
-  void walkEventsOfPeriod(Show show) {
+  bool walkEventsOfPeriod(Show show) {
     const unsigned long end = to_ != 0 ? to_ : kLastSecond;
     std::vector<DB_EVENT> all(events(nullptr, 0, from_, end, 0));
-    if (all.empty()) return;
+    if (!statementWasDone(*db_, &error_)) return false;
+    if (all.empty()) return true;
     all.resize(events(all.data(), all.size(), from_, end, 0));
+    if (!statementWasDone(*db_, &error_)) return false;
     for (const DB_EVENT& row : all) show(row);
+    return true;
   }
 
   uint32_t events(DB_EVENT* out, unsigned long limit, unsigned long from, unsigned long to,
@@ -193,6 +183,7 @@ class CommandList : public Command {
   uint32_t to_ = 0;
   unsigned short trigger_ = 0;
   bool json_ = false;
+  std::string error_;
   // Made when it is needed: it joins the machine's semaphore.
   std::unique_ptr<CApiDb> db_;
 };

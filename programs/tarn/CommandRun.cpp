@@ -32,8 +32,10 @@ class CommandRun : public Command {
   // The program brings its neighbours, arguments come alone.
   std::vector<std::string> shownPaths() const override {
     std::vector<std::string> paths = words_;
-    if (words_[0].find('/') != std::string::npos) {
-      paths.push_back(std::filesystem::absolute(words_[0]).parent_path().string());
+    std::error_code error;
+    const std::filesystem::path program = std::filesystem::absolute(words_[0], error);
+    if (!error && words_[0].find('/') != std::string::npos) {
+      paths.push_back(program.parent_path().string());
     }
     return paths;
   }

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
+#include <new>
 #include <system_error>
 
 #include "CardView.h"
@@ -13,10 +15,12 @@
 #include "Console.h"
 #include "ViewSession.h"
 #include "base/StandardStreams.h"
+#include "programs/OutOfMemory.h"
 
 namespace tarn {
 namespace {
 
+constexpr char kOutputFailed[] = "standard output could not be written";
 constexpr char kFooter[] =
     "Exit codes: 0 done; 1 failed, with the reason on standard error; 2 wrong usage.\n"
     "run passes on the exit code of its command.";
@@ -50,15 +54,34 @@ struct Tool {
 
 // Libraries of the tool report some failures by exceptions. A reader that has gone, as in
 // "tarn list | head", needs no words.
-int runCommand(Command* command) {
+int guarded(const std::function<int()>& work) {
   try {
-    return command->run();
+    return work();
+  } catch (const std::bad_alloc&) {
+    complainOutOfMemory("tarn");
   } catch (const std::system_error& error) {
-    if (error.code() != std::errc::broken_pipe) complain(error.what());
+    if (error.code() != std::errc::broken_pipe) {
+      complain(ferror(stdout) != 0 ? kOutputFailed : error.what());
+    }
   } catch (const std::exception& error) {
     complain(error.what());
   }
   return kExitFailed;
+}
+
+// Output that did not reach its place is a failure that nobody may overlook.
+int withOutput(int exitCode) {
+  const bool flushed = fflush(stdout) == 0;
+  const int reason = flushed ? 0 : errno;
+  if ((flushed && ferror(stdout) == 0) || exitCode != kExitGood) return exitCode;
+  if (reason != EPIPE) complain(kOutputFailed);
+  return kExitFailed;
+}
+
+// All that a command has printed is out when this returns: what comes after it, as the end of a
+// view, has standard output muted for a while.
+int runCommand(Command* command) {
+  return withOutput(guarded([command] { return command->run(); }));
 }
 
 // Inside the view: the recorder's surroundings, then the command.
@@ -88,8 +111,9 @@ std::vector<std::string> pathsToShow(Command* command) {
   std::vector<std::string> paths = command->shownPaths();
   for (const std::string* path : command->userPaths()) {
     if (path->empty() || *path == "-") continue;
-    const std::string directory = std::filesystem::absolute(*path).parent_path().string();
-    if (directory != "/tmp") paths.push_back(directory);
+    std::error_code error;
+    const std::string directory = std::filesystem::absolute(*path, error).parent_path().string();
+    if (!error && directory != "/tmp") paths.push_back(directory);
   }
   return paths;
 }
@@ -131,13 +155,9 @@ int runTool(int argc, char** argv) {
 }  // namespace
 }  // namespace tarn
 
+TARN_ENDS_WHEN_OUT_OF_MEMORY("tarn")
+
 int main(int argc, char** argv) {
   if (!tarn::openStandardStreams()) return tarn::kExitFailed;
-  const int exitCode = tarn::runTool(argc, argv);
-  // Output that did not reach its place is a failure that nobody may overlook.
-  if (fflush(stdout) != 0 && exitCode == tarn::kExitGood) {
-    if (errno != EPIPE) tarn::complain("standard output could not be written");
-    return tarn::kExitFailed;
-  }
-  return exitCode;
+  return tarn::withOutput(tarn::guarded([argc, argv] { return tarn::runTool(argc, argv); }));
 }

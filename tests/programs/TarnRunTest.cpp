@@ -113,6 +113,33 @@ TEST_F(TarnRunTest, FilesBelowTmpAreReached) {
             "more\n");
 }
 
+TEST_F(TarnRunTest, ArgumentsTooLongToBePathsAreArguments) {
+  const std::string word(300, 'x');
+  EXPECT_EQ(tarn("--card /tmp/card run -- echo " + word).output, word + "\n");
+  EXPECT_EQ(tarn("--card /tmp/card run -- " + word).exitCode, 126);
+  const ShellResult far = tarn("--card /tmp/card run -- ./" + word + "/" + word);
+  EXPECT_EQ(far.exitCode, 126);
+  EXPECT_THAT(far.output, testing::EndsWith(": File name too long\n"));
+  const ShellResult none = tarn("--card " + word + " list");
+  EXPECT_EQ(none.exitCode, 1);
+  EXPECT_EQ(none.output, "tarn: cannot open " + word + ": File name too long\n");
+}
+
+TEST_F(TarnRunTest, WorksFromBelowDev) {
+  ASSERT_EQ(shell("mkdir -p /dev/shm/work && cp /tmp/card /dev/shm/work/card").exitCode, 0);
+  EXPECT_EQ(shell("cd /dev/shm/work && " TARN_BIN_DIR
+                  "/tarn --card card run -- sh -c 'pwd; echo new >made' && cat made")
+                .output,
+            "/dev/shm/work\nnew\n");
+  EXPECT_EQ(shell("cd /dev/shm && " TARN_BIN_DIR "/tarn --card work/card run -- ls work").output,
+            "card\nmade\n");
+  EXPECT_EQ(tarn("--card /dev/shm/work/card run -- cat /dev/shm/work/made").output, "new\n");
+  EXPECT_EQ(shell("cd /dev && " TARN_BIN_DIR "/tarn --card shm/work/card run -- sh -c "
+                  "'pwd; test -e /dev/sdblk0p1 && echo x >/dev/null'")
+                .output,
+            "/dev\n");
+}
+
 TEST_F(TarnRunTest, ChangesStayOnTheCardAndItStaysAValidVolume) {
   ASSERT_EQ(inView("printf stream | dd of=/dev/sdblk0p1 bs=512 seek=40000 conv=notrunc").exitCode,
             0);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Console.h"
+#include "RecorderDatabase.h"
 #include "db/CApiDb.h"
 #include "media/MediaOutput.h"
 #include "recorder/RecordingReader.h"
@@ -31,6 +32,8 @@ class Exporter {
   }
   bool choose();
   bool chooseEvent();
+  bool chooseStream();
+  bool done(CApiDb* database);
   bool exportRow(const DB_STREAM& row, MediaOutput* output);
   bool writePicture(RecordingReader* reader, const PictureEntry& entry, MediaOutput* output);
   uint32_t firstPicture(RecordingReader* reader) const;
@@ -49,14 +52,32 @@ class Exporter {
   PictureTime last_;
 };
 
+// Whether the last statement says anything.
+bool Exporter::done(CApiDb* database) {
+  std::string error;
+  return statementWasDone(*database, &error) || fail(error);
+}
+
+bool Exporter::chooseStream() {
+  CApiDb database;
+  DB_STREAM row{};
+  const uint32_t found = database.selectStream(*request_.streamID, &row);
+  if (!done(&database)) return false;
+  if (found != 1) return fail(fmt::format("there is no recording {}", *request_.streamID));
+  rows_.push_back(row);
+  return true;
+}
+
 bool Exporter::chooseEvent() {
   CApiDb database;
   DB_EVENT event{};
   // 0 and 0xFFFFFFFF have a meaning of their own to the look-up: the first and the last event.
   const uint32_t key = *request_.eventID;
-  if (key == 0 || key == UINT32_MAX || database.selectEvent(key, &event) != 1)
-    return fail(fmt::format("there is no event {}", key));
-  rows_ = streamsOfEvent(event);
+  const bool known = key != 0 && key != UINT32_MAX;
+  const bool found = known && database.selectEvent(key, &event) == 1;
+  if (known && !done(&database)) return false;
+  if (!found) return fail(fmt::format("there is no event {}", key));
+  if (!streamsOfEvent(event, &rows_)) return fail(kDatabaseUnread);
   from_ = PictureTime::fromMicros((int64_t{event.startDate} - event.preSec) * 1000000 +
                                   int64_t{event.startMSec} * 1000);
   if (event.endDate != 0) to_ = {event.endDate, event.endMSec * 1000u + 999u};
@@ -64,18 +85,17 @@ bool Exporter::chooseEvent() {
 }
 
 bool Exporter::choose() {
+  std::string error;
+  if (!databaseIsGood(&error)) return fail(error);
   if (request_.eventID) {
     if (!chooseEvent()) return false;
   } else if (request_.streamID) {
-    CApiDb database;
-    DB_STREAM row{};
-    if (database.selectStream(*request_.streamID, &row) != 1)
-      return fail(fmt::format("there is no recording {}", *request_.streamID));
-    rows_.push_back(row);
+    if (!chooseStream()) return false;
   } else {
     from_ = request_.from.value_or(kBeginning);
     to_ = request_.to.value_or(kForEver);
-    rows_ = streamsOfPeriod(from_.seconds, to_.seconds, request_.trigger.value_or(0));
+    if (!streamsOfPeriod(from_.seconds, to_.seconds, request_.trigger.value_or(0), &rows_))
+      return fail(kDatabaseUnread);
   }
   std::sort(rows_.begin(), rows_.end(), [](const DB_STREAM& a, const DB_STREAM& b) {
     return std::make_pair(a.startDate, a.streamID) < std::make_pair(b.startDate, b.streamID);
