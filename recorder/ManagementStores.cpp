@@ -91,7 +91,7 @@ int applyToChunk(CTARNStreamManagerNative& store, RequestRecord& record) {
 int apply(CTARNStreamManagerNative& store, RequestRecord& record) {
   switch (record.command()) {
     case kRequestSaveManageData:
-      return store.saveManageData();
+      return store.saveManageDataToEither() >= 0 ? 0 : kFailed;
     case kRequestFreeSizeTotal:
       record.setTotal(store.freeSizeTotal());
       return 0;
@@ -122,10 +122,11 @@ ManagementStores::ManagementStores()
 int ManagementStores::open() {
   int opened = 0;
   for (Entry& entry : m_entries) {
-    const int result = entry.store->openManageData(kRecorderPartition);
-    entry.isOpen = result == 0;
+    const int result = entry.store->openManageDataFromEither(kRecorderPartition);
+    entry.isOpen = result >= 0;
     if (entry.isOpen) {
       ++opened;
+      if (result != 0) reportServer(LOG_WARNING, kMsgServerFromBackup, entry.name);
     } else if (result == kBadCrc) {
       reportServer(LOG_ERR, kMsgStoreBadCrc, entry.name);
     } else {
@@ -138,7 +139,7 @@ int ManagementStores::open() {
 int ManagementStores::save() {
   int result = 0;
   for (const Entry& entry : m_entries) {
-    if (!entry.isOpen || entry.store->saveManageData() == 0) continue;
+    if (!entry.isOpen || entry.store->saveManageDataToEither() >= 0) continue;
     reportServer(LOG_ERR, kMsgStoreNotSaved, entry.name);
     result = kFailed;
   }

@@ -10,6 +10,7 @@
 #include "base/Omission.h"
 #include "base/UniqueFd.h"
 #include "dblog/CDbRestore.h"
+#include "dblog/RestoreStores.h"
 #include "recorder/CardGeometry.h"
 #include "recorder/ChannelLock.h"
 #include "recorder/DatabaseImage.h"
@@ -183,6 +184,7 @@ RecoveryReport Recovery::run() {
     report_.error = error;
     return report_;
   }
+  const EitherCopyScope eitherCopy;
   static_cast<void>(
       step(
           "geometry", [this] { return geometry(); }, kErrGeometry) &&

@@ -13,6 +13,9 @@ inline constexpr char kMsgStoreNotOpen[] =
     "management data of the %s chunks can't be read: requests for them are refused";
 inline constexpr char kMsgStoreBadCrc[] =
     "management data of the %s chunks are damaged: requests for them are refused";
+// Not to be mixed up with the store's own line, which has the suffix of the files.
+inline constexpr char kMsgServerFromBackup[] =
+    "management data of the %s chunks are not good in their main copy: taken from the backup";
 inline constexpr char kMsgStoreNotSaved[] = "management data of the %s chunks can't be saved";
 
 }  // namespace tarn

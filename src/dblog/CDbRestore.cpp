@@ -9,6 +9,7 @@
 #include "dblog/CheckedSql.h"
 #include "dblog/DbLogMessages.h"
 #include "dblog/JournalFormat.h"
+#include "dblog/RestoreStores.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManagerNative.h"
 
@@ -66,13 +67,13 @@ int CDbRestore::setupEmptyDb() {
 
 int CDbRestore::recoverJournalManage() {
   CTARNEndlessManagerNative store(kFileJournal);
-  if (store.openManageData(kRecorderPartition) != 0) return -1;
+  if (openForRestore(&store) != 0) return -1;
   CApiDb db;
   if (!recoverPair(&store, &db, JournalKind::kEvent, kSqlNewestEvent) ||
       !recoverPair(&store, &db, JournalKind::kStream, kSqlNewestStream)) {
     return -1;
   }
-  const int saved = store.saveManageData();
+  const int saved = saveForRestore(&store);
   store.closeManageData();
   return saved == 0 ? 0 : -1;
 }

@@ -11,6 +11,7 @@
 #include "dblog/CheckedSql.h"
 #include "dblog/RepairMessages.h"
 #include "dblog/SyslogScan.h"
+#include "dblog/RestoreStores.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManagerNative.h"
 #include "manager/CTARNStreamManagerNative.h"
@@ -164,7 +165,7 @@ class StreamManageRecovery {
 };
 
 int saveAndClose(CTARNStreamManagerNative* store) {
-  if (store->saveManageData() != 0) return -1;
+  if (tarn::saveForRestore(store) != 0) return -1;
   store->closeManageData();
   return 0;
 }
@@ -185,7 +186,7 @@ int CDbRestore::recoverStreamManage() { return recoverStreamManage(nullptr, 0); 
 
 int CDbRestore::recoverStreamManage(const CHUNK_MANAGE* known, int count) {
   CTARNStreamManagerNative store;
-  if (store.openManageData(tarn::kRecorderPartition) != 0) return -1;
+  if (tarn::openForRestore(&store) != 0) return -1;
   StreamManageRecovery recovery(&store);
   recovery.reset();
   for (int chunk = 0; chunk < store.numChunk(); ++chunk) {
@@ -222,7 +223,7 @@ int CDbRestore::incrementSyslogActiveID(CTARNEndlessManagerNative* store, unsign
 
 int CDbRestore::recoverSyslogManage() {
   CTARNEndlessManagerNative store(tarn::kFileSyslog);
-  if (store.openManageData(tarn::kRecorderPartition) != 0) return -1;
+  if (tarn::openForRestore(&store) != 0) return -1;
   const int active = syslogActiveID(&store, kSyslogType);
   if (active < 0) {
     syslog(LOG_ERR, tarn::kMsgSyslogActive, kSyslogType);

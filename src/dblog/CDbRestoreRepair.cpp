@@ -12,6 +12,7 @@
 #include "dblog/JournalFormat.h"
 #include "dblog/PictureWalk.h"
 #include "dblog/RepairMessages.h"
+#include "dblog/RestoreStores.h"
 #include "fat/CFATAccess.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNStreamManagerNative.h"
@@ -209,7 +210,7 @@ int CDbRestore::fixUpVideoStream(CTARNStreamManagerNative* store, CTARNStreamChu
 
 int CDbRestore::fixUpLastStream() {
   CTARNStreamManagerNative store;
-  if (store.openManageData(tarn::kRecorderPartition) != 0) return -1;
+  if (tarn::openForRestore(&store) != 0) return -1;
   CApiDb database;
   if (!tarn::selected(&database, kSqlUnclosed)) {
     syslog(LOG_ERR, tarn::kMsgRepairSelect);

@@ -12,6 +12,7 @@
 #include "dblog/JournalFormat.h"
 #include "dblog/JournalReader.h"
 #include "dblog/ReplayFailure.h"
+#include "dblog/RestoreStores.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManagerNative.h"
 
@@ -207,9 +208,9 @@ bool replayJournal(CTARNEndlessManagerNative* store, short chunk, const Replay& 
 int restore(short chunk, const Replay& replay) {
   clearReplayFailure();
   CTARNEndlessManagerNative store(kFileJournal);
-  if (store.openManageData(kRecorderPartition) != 0) return -1;
+  if (openForRestore(&store) != 0) return -1;
   if (!replayJournal(&store, chunk, replay)) return -1;
-  return store.saveManageData() == 0 ? 0 : -1;
+  return saveForRestore(&store) == 0 ? 0 : -1;
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "base/Crc16.h"
 #include "base/Omission.h"
@@ -51,7 +53,8 @@ CTARNStreamManagerNative::CTARNStreamManagerNative()
       m_streamSize(0),
       m_partition(0),
       m_suffix{},
-      m_allocated(0) {
+      m_allocated(0),
+      m_mainBad(false) {
   strcpy(m_suffix, tarn::kindSuffix(tarn::kFileStream));
 }
 
@@ -79,6 +82,7 @@ int CTARNStreamManagerNative::getChunkInfo(const char* chunkFileName) {
 int CTARNStreamManagerNative::openManageData(unsigned short partition) {
   if (isOpen()) closeManageData();
   m_numChunk = 0;
+  m_mainBad = false;
   m_partition = partition;
   char tag[8];
   char name[tarn::kChunkFileNameRoom];
@@ -171,6 +175,70 @@ int CTARNStreamManagerNative::saveManageData() {
   const bool mainSaved =
       saveCopy(m_mainHandle, tarn::kMsgStoreMainSeekError, tarn::kMsgStoreMainWriteError);
   return backupSaved && mainSaved ? 0 : -1;
+}
+
+// ---- with one copy ----
+
+bool CTARNStreamManagerNative::loadCopy(int handle) {
+  const uint32_t length = tarn::manageDataSize(m_numChunk);
+  return m_fat.lseek(handle, 0, SEEK_SET) >= 0 &&
+         m_fat.read(handle, m_records, length) == static_cast<long>(length) &&
+         tarn::manageDataIsValid(m_records, m_numChunk);
+}
+
+int CTARNStreamManagerNative::openManageDataFromEither(unsigned short partition) {
+  const int result = openManageData(partition);
+  if (result == 0 || m_records == nullptr || m_numChunk == 0 || openFiles() != 0) return result;
+  if (!loadCopy(m_backupHandle)) {
+    closeFiles();
+    return result;
+  }
+  m_mainBad = true;
+  syslog(LOG_WARNING, tarn::kMsgStoreFromBackup, m_suffix);
+  return kOneCopy;
+}
+
+// Read into memory of its own: the records are what is to be saved.
+bool CTARNStreamManagerNative::mainIsGood() {
+  const uint32_t length = tarn::manageDataSize(m_numChunk);
+  const std::unique_ptr<uint8_t[]> bytes(new (std::nothrow) uint8_t[length]);
+  return bytes == nullptr ||
+         (m_fat.lseek(m_mainHandle, 0, SEEK_SET) >= 0 &&
+          m_fat.read(m_mainHandle, bytes.get(), length) == static_cast<long>(length) &&
+          tarn::manageDataIsValid(bytes.get(), m_numChunk));
+}
+
+// Whatever a failed write or flush left is written once more.
+bool CTARNStreamManagerNative::saveMain() {
+  const auto save = [this] {
+    return saveCopy(m_mainHandle, tarn::kMsgStoreMainSeekError, tarn::kMsgStoreMainWriteError);
+  };
+  if (!save() && !save()) return false;
+  m_mainBad = false;
+  return true;
+}
+
+bool CTARNStreamManagerNative::saveBackup() {
+  const auto save = [this] {
+    return saveCopy(m_backupHandle, tarn::kMsgStoreBackupSeekError,
+                    tarn::kMsgStoreBackupWriteError);
+  };
+  return tarn::omitted(tarn::Omit::kManageBackup) || save() || save();
+}
+
+// Where one copy is not good, the other is written last. A save that the backup alone took counts
+// only where no open can find an older main copy good: that one would go before it.
+int CTARNStreamManagerNative::saveManageDataToEither() {
+  if (!isOpen()) return -1;
+  tarn::sealManageData(m_records, m_numChunk);
+  syslog(LOG_INFO, tarn::kMsgStoreSave, m_suffix);
+  const bool mainFirst = m_mainBad && saveMain();
+  const bool backupSaved = saveBackup();
+  const bool mainSaved = mainFirst || saveMain();
+  if (mainSaved && backupSaved) return 0;
+  if (!mainSaved && (!backupSaved || mainIsGood())) return -1;
+  syslog(LOG_WARNING, tarn::kMsgStoreOneCopy, m_suffix, mainSaved ? "main" : "backup");
+  return kOneCopy;
 }
 
 // Each step is tried whatever became of the one before. On a closed store each fails at its handle.

@@ -51,6 +51,17 @@ class TARN_API CTARNStreamManagerNative {
   // keep the later ones from being tried; -1 when any failed, or when the store is closed.
   int saveManageData();
 
+  // Beyond the basic operations: the same two for a recorder that must go on with one copy.
+  // Opens as openManageData does; where the main file cannot be read or is bad, the records are the
+  // backup's. 0 from the main file, kOneCopy from the backup; -1 or -2, of the main file, when the
+  // backup is no better.
+  static constexpr int kOneCopy = 1;
+  int openManageDataFromEither(unsigned short partition);
+  // Saves as saveManageData does, but a main file that was not good is the first to be written. 0
+  // when both took the records, kOneCopy when one did (logged) and the next open will find them:
+  // that is the main file, or the backup beside a main file that is not good. -1 otherwise.
+  int saveManageDataToEither();
+
   // Copies the whole record.
   int getManageData(short chunk, CHUNK_MANAGE* record);
   // Sets both type bytes; always 0.
@@ -100,6 +111,10 @@ class TARN_API CTARNStreamManagerNative {
   void closeFiles();
   bool allocateRecords();
   int loadRecords();
+  bool loadCopy(int handle);
+  bool mainIsGood();
+  bool saveMain();
+  bool saveBackup();
   bool saveCopy(int handle, const char* seekError, const char* writeError);
   bool isStreamStore() const;
   int newestStreamChunk();
@@ -107,4 +122,5 @@ class TARN_API CTARNStreamManagerNative {
   bool isUnused(int chunk) const;
 
   uint16_t m_allocated;  // chunks that m_records has room for
+  bool m_mainBad;        // the records were the backup's, and the main file was not saved since
 };

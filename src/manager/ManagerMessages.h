@@ -13,6 +13,10 @@ inline constexpr char kMsgStoreNoMemory[] = " can't alloc memory for CHUNK_MANAG
 inline constexpr char kMsgStoreSeekError[] = "lseek error ";
 inline constexpr char kMsgStoreReadError[] = "read error ";
 inline constexpr char kMsgStoreCrcError[] = " openManageData() CRC error (%s) ";
+inline constexpr char kMsgStoreFromBackup[] =
+    "management data (%s): the main copy is not good, taken from the backup";  // LOG_WARNING
+inline constexpr char kMsgStoreOneCopy[] =
+    "management data (%s): only the %s copy could be saved";  // LOG_WARNING
 inline constexpr char kMsgStoreSave[] = " saveManageData (%s) ";  // LOG_INFO
 inline constexpr char kMsgStoreBackupSeekError[] = " saveManageData: backup lseek error ";
 inline constexpr char kMsgStoreBackupWriteError[] = " saveManageData: backup write error ";

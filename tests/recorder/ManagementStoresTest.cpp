@@ -178,7 +178,7 @@ TEST_F(ManagementStores, SaveWritesBothCopies) {
 TEST_F(ManagementStores, FailedSaveIsRefused) {
   open();
   IoFaults faults(kCardPath);
-  faults.fail(Call::Write, 1, EIO);
+  faults.fail(Call::Write, 1, EIO, 4);  // both copies, both tries
   EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 7), kResultRefused);
   EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 7), kResultDone);
 }
@@ -253,7 +253,7 @@ TEST_F(ManagementStores, FieldsWithoutAnAnswerComeBackAsSent) {
 }
 
 TEST_F(ManagementStores, DamagedFilesRefuseTheirOwnRequestsOnly) {
-  card_.writeChunk(tarn::kFileJournalManage, 0, 5, {0x5A});
+  for (int copy : {0, 1}) card_.writeChunk(tarn::kFileJournalManage, copy, 5, {0x5A});
   testing::internal::CaptureStderr();
   EXPECT_EQ(stores_.open(), 2);
   const std::string text =
@@ -276,13 +276,64 @@ TEST_F(ManagementStores, FailedSaveOfAllIsReportedAndTriesTheOthers) {
   open();
   EXPECT_EQ(resultOf(tarn::kRequestSetFreeOffset, 4, 0, 64), kResultDone);
   IoFaults faults(kCardPath);
-  faults.fail(Call::Write, 1, EIO);
+  faults.fail(Call::Write, 1, EIO, 4);  // both copies, both tries
   testing::internal::CaptureStderr();
   EXPECT_EQ(stores_.save(), -1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "tarn-server: management data of the stream chunks can't be saved\n");
   EXPECT_TRUE(log_.has(LOG_ERR, "management data of the stream chunks can't be saved"));
   EXPECT_EQ(stored(tarn::kFileSyslogManage, 0, 0, 12), 64u);
+}
+
+TEST_F(ManagementStores, ABadMainCopyIsNoReasonToRefuseWhenTheBackupIsGood) {
+  card_.writeChunk(tarn::kFileJournalManage, 0, 5, {0x5A});
+  testing::internal::CaptureStderr();
+  open();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "tarn-server: management data of the journal chunks are not good in their main copy: "
+            "taken from the backup\n");
+  EXPECT_EQ(resultOf(tarn::kRequestSetFreeOffset, 2, 1, 640), kResultDone);
+  // The save makes the main copy good again, first of all.
+  IoFaults faults(kCardPath);
+  EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 2), kResultDone);
+  ASSERT_EQ(faults.writes().size(), 2u);
+  EXPECT_EQ(faults.writes()[0].offset,
+            static_cast<int64_t>(card_.chunkStart(tarn::kFileJournalManage, 0)));
+  for (int copy : {0, 1}) EXPECT_EQ(stored(tarn::kFileJournalManage, copy, 1, 12), 640u);
+}
+
+TEST_F(ManagementStores, ASaveThatOneCopyTakesIsDoneWhereTheNextOpenFindsIt) {
+  open();
+  IoFaults faults(kCardPath);
+  faults.fail(Call::Write, 1, EIO, 2);  // both tries of the backup
+  EXPECT_EQ(resultOf(tarn::kRequestSetFreeOffset, 7, 1, 64, 1), kResultDone);
+  EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 7), kResultDone);
+  EXPECT_TRUE(log_.has(LOG_WARNING, "management data (ST): only the main copy could be saved"));
+  EXPECT_EQ(stored(tarn::kFileStreamManage, 0, 1, 12), 64u);
+  EXPECT_EQ(stored(tarn::kFileStreamManage, 1, 1, 12), 0u);
+}
+
+// The older main copy would win at the next start.
+TEST_F(ManagementStores, ASaveThatOnlyTheBackupTookIsRefusedBesideAGoodMainCopy) {
+  open();
+  IoFaults faults(kCardPath);
+  faults.fail(Call::Write, 2, EIO, 2);
+  EXPECT_EQ(resultOf(tarn::kRequestSetFreeOffset, 7, 1, 64, 1), kResultDone);
+  EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 7), kResultRefused);
+}
+
+TEST_F(ManagementStores, ASaveBesideAMainCopyThatIsNotGoodGoesToTheBackup) {
+  card_.writeChunk(tarn::kFileStreamManage, 0, 5, {0x5A});
+  open();
+  IoFaults faults(kCardPath);
+  faults.fail(Call::Write, 1, EIO, 2);  // the main copy goes first, in two tries
+  faults.fail(Call::Write, 4, EIO, 2);  // and is tried again at the end
+  EXPECT_EQ(resultOf(tarn::kRequestSetFreeOffset, 7, 1, 64, 1), kResultDone);
+  EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 7), kResultDone);
+  EXPECT_TRUE(log_.has(LOG_WARNING, "management data (ST): only the backup copy could be saved"));
+  EXPECT_EQ(stored(tarn::kFileStreamManage, 1, 1, 12), 64u);
+  tarn::ManagementStores next;
+  EXPECT_EQ(next.open(), 3);
 }
 
 TEST_F(ManagementStores, RandomRecordsDoNoHarm) {
