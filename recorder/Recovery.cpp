@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <utility>
 
 #include "base/Omission.h"
 #include "base/UniqueFd.h"
@@ -26,6 +27,8 @@
 
 namespace tarn {
 namespace {
+
+constexpr useconds_t kRetryPauses[] = {20000, 100000};
 
 const char* manageName(FileType type) {
   if (type == kFileStream) return "stream chunks";
@@ -176,13 +179,36 @@ bool Recovery::flushCard() {
   return card.valid() && fsync(card.get()) == 0;
 }
 
+// A card that hiccups says no to whoever asks next, also to readers that ask once. What is done is
+// done, a recovery may be cut short anywhere, so what a start needs of such a card is the next one.
 RecoveryReport Recovery::run() {
+  attempt();
+  for (const useconds_t pause : kRetryPauses) {
+    if (report_.ok() || report_.refused) break;
+    syslog(LOG_WARNING, kMsgRecoveryAgain, report_.error.c_str());
+    usleep(pause);
+    const RecoveryReport before = std::move(report_);
+    attempt();
+    keepChanges(before);
+  }
+  return report_;
+}
+
+void Recovery::keepChanges(const RecoveryReport& before) {
+  report_.changes.insert(report_.changes.begin(), before.changes.begin(), before.changes.end());
+  for (const auto member : {&RecoveryReport::streamManage, &RecoveryReport::syslogManage,
+                            &RecoveryReport::journalManage}) {
+    if (report_.*member == ManageRepair::kGood) report_.*member = before.*member;
+  }
+}
+
+void Recovery::attempt() {
   report_ = RecoveryReport();
   std::string error;
   if (!keepServerOut(kErrServerRuns, &error)) {
     report_.refused = true;
     report_.error = error;
-    return report_;
+    return;
   }
   const EitherCopyScope eitherCopy;
   static_cast<void>(
@@ -213,7 +239,6 @@ RecoveryReport Recovery::run() {
     syslog(LOG_WARNING, kMsgRecoveryProblem, problem.c_str());
   }
   lock_.reset();
-  return report_;
 }
 
 int Recovery::saveImage(std::string* error) {

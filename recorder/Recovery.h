@@ -36,6 +36,7 @@ class TARN_API Recovery {
   Recovery(const Recovery&) = delete;
   Recovery& operator=(const Recovery&) = delete;
 
+  // An attempt that ends with an error is followed by up to two others.
   RecoveryReport run();
 
   // For a clean stop, when the server and everything else has ended: saves the database into its
@@ -45,6 +46,8 @@ class TARN_API Recovery {
   int saveImage(std::string* error);
 
  private:
+  void attempt();
+  void keepChanges(const RecoveryReport& before);
   bool keepServerOut(const char* refusal, std::string* error);
   bool step(const char* name, const std::function<bool()>& work, const char* failure);
   bool geometry();

@@ -3,9 +3,10 @@
 // Log texts of the start-up recovery.
 namespace tarn {
 
-inline constexpr char kMsgRecoveryFailed[] = "recovery: %s";   // LOG_ERR
-inline constexpr char kMsgRecoveryProblem[] = "recovery: %s";  // LOG_WARNING
-inline constexpr char kMsgRecoveryChange[] = "recovery: %s";   // LOG_NOTICE
+inline constexpr char kMsgRecoveryFailed[] = "recovery: %s";                    // LOG_ERR
+inline constexpr char kMsgRecoveryProblem[] = "recovery: %s";                   // LOG_WARNING
+inline constexpr char kMsgRecoveryChange[] = "recovery: %s";                    // LOG_NOTICE
+inline constexpr char kMsgRecoveryAgain[] = "recovery: tried again after: %s";  // LOG_WARNING
 
 // What stops a recovery, for a person.
 inline constexpr char kErrServerRuns[] =
