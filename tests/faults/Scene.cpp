@@ -1,0 +1,86 @@
+#include "Scene.h"
+
+#include <fcntl.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
+#include "Process.h"
+
+namespace faults {
+namespace {
+
+constexpr char kCard[] = "/dev/sdblk0p1";
+constexpr size_t kPage = 4096;
+
+// Files and sockets; folders are trees that the view leaves in sight.
+std::vector<std::string> filesOfRamDisk() {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+    if (!entry.is_directory()) names.push_back(entry.path());
+  }
+  return names;
+}
+
+// All sets: the namespace is the view's own.
+void removeSemaphores() {
+  seminfo info = {};
+  const int last = semctl(0, 0, SEM_INFO, &info);
+  for (int i = 0; i <= last; ++i) {
+    semid_ds set = {};
+    const int id = semctl(i, 0, SEM_STAT, &set);
+    if (id >= 0) semctl(id, 0, IPC_RMID);
+  }
+}
+
+}  // namespace
+
+void loseMemory() {
+  for (const std::string& name : filesOfRamDisk()) unlink(name.c_str());
+  removeSemaphores();
+}
+
+void Scene::take(const std::string& promises) {
+  promises_ = promises;
+  const std::string card = readFile(kCard);
+  const std::string zeros(kPage, '\0');
+  size_ = card.size();
+  pages_.clear();
+  for (size_t at = 0; at < card.size(); at += kPage) {
+    std::string page = card.substr(at, kPage);
+    if (page != zeros) pages_.emplace_back(at, std::move(page));
+  }
+  files_.clear();
+  for (const std::string& name : filesOfRamDisk()) {
+    if (std::filesystem::is_regular_file(name)) files_[name] = readFile(name);
+  }
+}
+
+void Scene::restore() const {
+  loseMemory();
+  const int fd = open(kCard, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0 || ftruncate(fd, 0) != 0 || ftruncate(fd, static_cast<off_t>(size_)) != 0) abort();
+  for (const auto& [at, page] : pages_) {
+    if (pwrite(fd, page.data(), page.size(), static_cast<off_t>(at)) < 0) abort();
+  }
+  close(fd);
+  for (const auto& [name, bytes] : files_) writeFile(name, bytes);
+}
+
+std::string Scene::cardDiffers() const {
+  const std::string card = readFile(kCard);
+  if (card.size() != size_) return "its size";
+  const std::string zeros(kPage, '\0');
+  auto page = pages_.begin();
+  for (size_t at = 0; at < card.size(); at += kPage) {
+    const bool known = page != pages_.end() && page->first == at;
+    const std::string& wanted = known ? (page++)->second : zeros;
+    if (card.compare(at, wanted.size(), wanted) != 0 && at < size_) return std::to_string(at);
+  }
+  return "";
+}
+
+}  // namespace faults
