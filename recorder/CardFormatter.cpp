@@ -19,6 +19,7 @@
 #include "base/Endian.h"
 #include "fat/FatFormat.h"
 #include "manager/ChunkRecords.h"
+#include "recorder/CardHoldings.h"
 #include "recorder/CardLock.h"
 #include "recorder/CardText.h"
 #include "recorder/VolumeFormat.h"
@@ -45,27 +46,57 @@ bool allZero(const std::vector<uint8_t>& bytes) {
   return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
 }
 
-// A card that somebody's formatter has finished: FAT32 with the info file where it is looked for.
-bool holdsInfoFile(int fd, const uint8_t* sector) {
-  const FatBoot boot = decodeFatBoot(sector);
-  if (boot.fat16Size != 0 || boot.fat32Size == 0) return false;
-  std::vector<uint8_t> entries(size_t{kDirEntriesSearched} * kDirEntryBytes);
-  const auto at = static_cast<off_t>(boot.dataSector() * kSectorBytes);
-  const ssize_t got = pread(fd, entries.data(), entries.size(), at);
-  const size_t whole = got < 0 ? 0 : static_cast<size_t>(got) / kDirEntryBytes;
-  for (size_t i = 0; i < whole; ++i) {
-    if (isInfoFileEntry(entries.data() + i * kDirEntryBytes)) return true;
+// What is on a device before it is formatted.
+enum class Before {
+  kNothing,     // zeros, or a format that was interrupted: nothing of use to anybody
+  kCard,        // a card that somebody's formatter has finished
+  kForeign,     // something else
+  kUnreadable,  // the device does not tell; errno says why
+};
+
+// As many bytes as there are, up to `size`; the rest is zeros. False when the device refuses, also
+// when it is asked again.
+bool readWhole(int fd, uint64_t offset, std::vector<uint8_t>* out, size_t size) {
+  constexpr int kTries = 3;
+  out->assign(size, 0);
+  size_t done = 0;
+  for (int failures = 0; done < size;) {
+    const ssize_t got =
+        pread(fd, out->data() + done, size - done, static_cast<off_t>(offset + done));
+    if (got == 0) break;
+    if (got < 0 && errno != EINTR && ++failures == kTries) return false;
+    if (got > 0) done += static_cast<size_t>(got);
   }
-  return false;
+  return true;
 }
 
-bool looksForeign(int fd) {
-  std::vector<uint8_t> head(kForeignBytes);
-  const ssize_t got = pread(fd, head.data(), head.size(), 0);
-  if (got < 0) return true;
-  if (allZero(head)) return false;
+// By the info file, which is looked for in the root directory. Its first sector is the last thing
+// that a format writes.
+Before finishedOrNot(int fd, const uint8_t* sector, bool ours) {
+  const Before other = ours ? Before::kCard : Before::kForeign;
+  const FatBoot boot = decodeFatBoot(sector);
+  if (boot.fat16Size != 0 || boot.fat32Size == 0) return other;
+  std::vector<uint8_t> bytes;
+  const size_t size = size_t{kDirEntriesSearched} * kDirEntryBytes;
+  if (!readWhole(fd, boot.dataSector() * kSectorBytes, &bytes, size)) return Before::kUnreadable;
+  const uint8_t* entry = bytes.data();
+  const uint8_t* const end = entry + size;
+  while (entry < end && !isInfoFileEntry(entry)) entry += kDirEntryBytes;
+  if (entry == end) return other;
+  const int64_t info = sectorOfCluster(boot, decodeFirstCluster(entry));
+  if (!ours || info < 0) return Before::kCard;
+  if (!readWhole(fd, static_cast<uint64_t>(info) * kSectorBytes, &bytes, kSectorBytes)) {
+    return Before::kUnreadable;
+  }
+  return allZero(bytes) ? Before::kNothing : Before::kCard;
+}
+
+Before whatIsOn(int fd) {
+  std::vector<uint8_t> head;
+  if (!readWhole(fd, 0, &head, kForeignBytes)) return Before::kUnreadable;
+  if (allZero(head) || isUnfinishedSector(head.data())) return Before::kNothing;
   const bool ours = memcmp(head.data() + kBootOemOff, kOemName, sizeof kOemName - 1) == 0;
-  return !ours && !isUnfinishedSector(head.data()) && !holdsInfoFile(fd, head.data());
+  return finishedOrNot(fd, head.data(), ours);
 }
 
 // Size of an open device or file; 0 when it cannot be told.
@@ -314,6 +345,28 @@ class Writer {
   std::string error_;
 };
 
+// Whether nothing is lost that anybody may still want.
+bool mayBeOverwritten(const std::string& path, const CardLock& card, uint64_t sizeBytes,
+                      const FormatOptions& options, std::string* error) {
+  if (options.force) return true;
+  const Before before = whatIsOn(card.fd());
+  if (before == Before::kUnreadable) return fail(error, errnoText("cannot read " + path, errno));
+  if (before == Before::kForeign) {
+    return fail(error, path +
+                           " holds something that is not a card of the recorder; force the format "
+                           "to overwrite it");
+  }
+  const uint64_t present = sizeOf(card.fd(), card.isBlockDevice());
+  if (!card.isBlockDevice() && sizeBytes < present) {
+    return fail(error, path + " has " + sizeText(present) + ", more than the " +
+                           sizeText(sizeBytes) + " asked for; force the format to cut it short");
+  }
+  const CardHoldings holdings = before == Before::kCard ? cardHoldings(path) : CardHoldings();
+  if (!holdings.any) return true;
+  if (!options.confirm) return fail(error, holdings.text + "; force the format to overwrite it");
+  return options.confirm(holdings.text) || fail(error, path + " was left as it is");
+}
+
 // The size to lay out, from what was asked for and what is there.
 bool chooseSize(const std::string& path, const CardLock& card, uint64_t* sizeBytes,
                 std::string* error) {
@@ -325,6 +378,22 @@ bool chooseSize(const std::string& path, const CardLock& card, uint64_t* sizeByt
   }
   return true;
 }
+
+// An image file that was made for a format, and goes with it when that fails.
+class NewFile {
+ public:
+  explicit NewFile(std::string path) : path_(std::move(path)) {}
+  ~NewFile() {
+    if (!path_.empty()) unlink(path_.c_str());
+  }
+  NewFile(const NewFile&) = delete;
+  NewFile& operator=(const NewFile&) = delete;
+
+  void keep() { path_.clear(); }
+
+ private:
+  std::string path_;
+};
 
 }  // namespace
 
@@ -341,20 +410,17 @@ int CardFormatter::format(const std::string& path, const CardRequest& request,
 
   CardLock card;
   if (card.acquire(path, true, error) != 0) return -1;
+  NewFile made(exists ? "" : path);
   if (!chooseSize(path, card, &sized.sizeBytes, error)) return -1;
   if (layout_.plan(sized, error) != 0) return -1;
-  if (!options.force && looksForeign(card.fd())) {
-    *error = path +
-             " holds something that is not a card of the recorder; force the format to "
-             "overwrite it";
-    return -1;
-  }
+  if (exists && !mayBeOverwritten(path, card, sized.sizeBytes, options, error)) return -1;
   volumeId_ = options.invariant ? kInvariantVolumeId : randomVolumeId();
   Writer writer(card.fd(), layout_, options, volumeId_, sizeOf(card.fd(), card.isBlockDevice()),
                 card.isBlockDevice());
-  if (writer.run()) return 0;
-  *error = writer.error();
-  return -1;
+  const bool written = writer.run();
+  if (written) made.keep();
+  if (!written) *error = writer.error();
+  return written ? 0 : -1;
 }
 
 }  // namespace tarn

@@ -5,6 +5,7 @@
 
 #include "fat/FatFormat.h"
 #include "recorder/CardText.h"
+#include "recorder/LogFormat.h"
 
 namespace tarn {
 namespace {
@@ -27,7 +28,6 @@ constexpr uint32_t kPictureEntryBytes = 32;
 constexpr uint64_t kMaxJournalBytes = 12 * kMiB;  // the rebuild reads no further
 constexpr uint32_t kJournalChunks = 4;            // two mirrored pairs
 constexpr uint32_t kSyslogChunks = 5;             // the system log moves through five
-constexpr uint32_t kSyslogBlock = 4096;           // it is scanned in blocks of this size
 constexpr uint32_t kShortNames = 10000;           // a tag and four digits fit 8.3
 constexpr uint32_t kFixedEntries = 1;             // the volume label
 
@@ -331,7 +331,13 @@ bool CardLayout::checkFamily(int fileType, std::string* error) const {
   }
   if (fileType == kFileStream && !multipleOf(kAlignBytes, "")) return false;
   if (fileType == kFilePicture && !multipleOf(kPictureEntryBytes, "")) return false;
-  if (fileType == kFileSyslog && !multipleOf(kSyslogBlock, "")) return false;
+  if (fileType == kFileSyslog) {
+    if (!multipleOf(kLogBlockBytes, "")) return false;
+    if (family.chunkSize < kLogLeastChunkBytes) {
+      return fail(error, what + " is too small: a log needs at least " +
+                             std::to_string(kLogLeastChunkBytes));
+    }
+  }
   if (fileType == kFileJournal) {
     if (!multipleOf(64, "")) return false;
     if (family.chunkSize > kMaxJournalBytes) return fail(error, what + " is above 12 MiB");

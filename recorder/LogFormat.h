@@ -15,6 +15,8 @@ namespace tarn {
 inline constexpr size_t kLogStampBytes = 19;  // "YYYY-MM-DDTHH:MM:SS"
 // Chunks are looked through in blocks of this size after a power loss; no line straddles two.
 inline constexpr uint32_t kLogBlockBytes = 4096;
+// A chunk must hold a few of them; smaller ones are not written to, and not laid out.
+inline constexpr uint32_t kLogLeastChunkBytes = 2 * kLogBlockBytes;
 // The smallest piece that a card writes whole or not at all.
 inline constexpr uint32_t kLogSectorBytes = 512;
 

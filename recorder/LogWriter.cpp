@@ -20,8 +20,6 @@ constexpr int kChunks = 5;
 constexpr short kFlagChunk = 0;  // its active flag counts
 // What is collected goes out as one write: the chunk's own buffer has 32 KiB.
 constexpr size_t kCollectBytes = 16 * 1024;
-// The card may have been taken over from a time before stamps; a chunk must hold a few blocks.
-constexpr uint32_t kLeastChunkBytes = 2 * kLogBlockBytes;
 
 enum class Step { kLine, kEnd, kBlockEnd, kUnknown };
 
@@ -90,7 +88,7 @@ bool LogWriter::openActive() {
   if (cardWriteFailed()) return fail(kErrLogMarker);
   if (!connect()) return fail(kErrLogServer);
   const auto chunkBytes = static_cast<uint32_t>(manager_.getChunkSize());
-  if (manager_.getNumChunk() < kChunks || chunkBytes < kLeastChunkBytes ||
+  if (manager_.getNumChunk() < kChunks || chunkBytes < kLogLeastChunkBytes ||
       chunkBytes % kLogBlockBytes != 0) {
     return fail(kErrLogChunks);
   }

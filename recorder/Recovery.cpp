@@ -14,6 +14,7 @@
 #include "dblog/RestoreStores.h"
 #include "recorder/CardGeometry.h"
 #include "recorder/ChannelLock.h"
+#include "recorder/DatabaseGate.h"
 #include "recorder/DatabaseImage.h"
 #include "recorder/DatabaseSetup.h"
 #include "recorder/FileLock.h"
@@ -53,11 +54,7 @@ const char* manageText(ManageRepair repair) {
 }
 
 // Whether the database is there and no session may still change it.
-bool nothingToWaitFor(std::string* error) {
-  if (access(DatabaseSetup::defaultPath(), F_OK) != 0) {
-    *error = kErrSaveNoDatabase;
-    return false;
-  }
+bool noRecordingRuns() {
   glob_t locks = {};
   bool free = true;
   if (glob(kAnyChannelLock, 0, nullptr, &locks) == 0) {
@@ -66,8 +63,20 @@ bool nothingToWaitFor(std::string* error) {
     }
   }
   globfree(&locks);
-  if (!free) *error = kErrSaveRecording;
   return free;
+}
+
+bool nothingToWaitFor(std::string* error) {
+  if (access(DatabaseSetup::defaultPath(), F_OK) != 0) {
+    *error = kErrSaveNoDatabase;
+  } else if (!noRecordingRuns()) {
+    *error = kErrSaveRecording;
+  } else if (DatabaseGate::look() == DatabaseGate::State::kHolderDead) {
+    *error = kErrSaveLockOfDead;  // what it was writing is known to be whole by no one
+  } else {
+    return true;
+  }
+  return false;
 }
 
 bool mayBeWritten(std::string* error) {
@@ -150,7 +159,21 @@ bool Recovery::rebuild() {
   return report_.startUp.ok() || fail(report_.startUp.error);
 }
 
+// A process that dies with the database locked keeps it locked for all others. Nobody but this
+// program can know that no one still relies on it: no server runs, none can start meanwhile, and no
+// session is open.
+bool Recovery::freeDatabase() {
+  pid_t holder = 0;
+  if (DatabaseGate::look(&holder) != DatabaseGate::State::kHolderDead) return true;
+  if (!noRecordingRuns()) return fail(kErrLockOfDead);
+  if (!DatabaseGate::releaseDead()) return true;
+  report_.problems.push_back("the database was locked by process " + std::to_string(holder) +
+                             ", which is gone; it was set free");
+  return true;
+}
+
 bool Recovery::database() {
+  if (!freeDatabase()) return false;
   if (!restoreImage()) return report_.ok() && rebuild();
   // Offsets that step 1 had to make anew are nowhere else.
   return omitted(Omit::kJournalFreeOffset) || CDbRestore().recoverJournalManage() == 0 ||

@@ -52,6 +52,7 @@ class TARN_API Recovery {
   bool step(const char* name, const std::function<bool()>& work, const char* failure);
   bool geometry();
   bool manageFiles();
+  bool freeDatabase();
   bool database();
   bool restoreImage();
   bool rebuild();

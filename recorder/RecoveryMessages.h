@@ -13,6 +13,8 @@ inline constexpr char kErrServerRuns[] =
     "a management server runs; recovery is for the time before it starts";
 inline constexpr char kErrServerUnknown[] = "cannot find out whether a management server runs";
 inline constexpr char kErrGeometry[] = "the card's geometry could not be verified";
+inline constexpr char kErrLockOfDead[] =
+    "the database is locked by a process that is gone, and a recording runs: end it first";
 inline constexpr char kErrManageFiles[] =
     "the card's management files cannot be read or written (is there a card?)";
 inline constexpr char kErrOvertaken[] = "recordings left open long ago could not be deleted";
@@ -28,6 +30,8 @@ inline constexpr char kErrSaveServerRuns[] =
     "a management server runs; the database is saved when it has stopped";
 inline constexpr char kErrSaveRecording[] =
     "a recording runs; the database is saved when it has ended";
+inline constexpr char kErrSaveLockOfDead[] =
+    "the database is locked by a process that is gone; the next start rebuilds it";
 inline constexpr char kErrSaveNoDatabase[] = "there is no database /tmp/DB.dat to save";
 
 }  // namespace tarn

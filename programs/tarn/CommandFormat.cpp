@@ -1,7 +1,9 @@
 #include <fmt/format.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cstdio>
 #include <map>
 
 #include "Command.h"
@@ -46,7 +48,9 @@ class CommandFormat : public Command {
     }
     app->add_flag("--invariant", options_.invariant,
                   "the same arguments give the same bytes; clears all old content");
-    app->add_flag("--force", options_.force, "overwrite what is not a card of the recorder");
+    app->add_flag(
+        "--force", options_.force,
+        "overwrite recordings, or what is not a card of the recorder; cut an image short");
     return app;
   }
 
@@ -59,6 +63,8 @@ class CommandFormat : public Command {
       return kExitUsage;
     }
     request_.clusterBytes = static_cast<uint32_t>(std::min<uint64_t>(clusterBytes_, 0x80000000));
+    // Where nobody can be asked, what is on the card stays.
+    if (isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0) options_.confirm = ask;
     catchStopSignals();
     std::string error;
     if (format(&error) != 0) {
@@ -70,6 +76,14 @@ class CommandFormat : public Command {
   }
 
  private:
+  static bool ask(const std::string& holdings) {
+    fprintf(stderr, "%s.\nFormat it all the same? [y/N] ", asUserSees(holdings).c_str());
+    fflush(stderr);
+    char answer[16] = "";
+    if (fgets(answer, sizeof answer, stdin) == nullptr) fputc('\n', stderr);
+    return !stopRequested() && (strcasecmp(answer, "y\n") == 0 || strcasecmp(answer, "yes\n") == 0);
+  }
+
   void addSize(CLI::App* app, const std::string& name, const std::string& help, uint64_t* out) {
     app->add_option_function<std::string>(
            name,

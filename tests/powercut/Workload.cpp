@@ -267,6 +267,7 @@ void format(Recorded* out) {
   tarn::CardFormatter formatter;
   std::string error;
   tarn::FormatOptions options;
+  options.force = true;
   require(formatter.format(kCardPath, request(), options, &error) == 0, error);
 }
 

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
+#include "recorder/CheckRig.h"
 #include "support/Shell.h"
 
 namespace {
@@ -107,6 +108,87 @@ TEST(TarnFormatTest, ForeignContentNeedsForce) {
                 "format to overwrite it");
   EXPECT_EQ(tarn("format /tmp/card --force").exitCode, 0);
   EXPECT_EQ(tarn("format /tmp/card").exitCode, 0);
+}
+
+TEST(TarnFormatTest, AnImageIsNeverCutShortUnforced) {
+  ASSERT_EQ(tarn("format /tmp/card --size 40M").exitCode, 0);
+  expectFailure("format /tmp/card --size 34M",
+                "tarn: /tmp/card has 40 MiB, more than the 34 MiB asked for; force the format to "
+                "cut it short");
+  EXPECT_EQ(sizeOf("/tmp/card"), 40 << 20);
+  EXPECT_EQ(tarn("format /tmp/card --size 34M --force").exitCode, 0);
+  EXPECT_EQ(sizeOf("/tmp/card"), 34 << 20);
+}
+
+TEST(TarnFormatTest, AFormatThatFailsLeavesNoNewFile) {
+  EXPECT_EQ(shell("ulimit -f 100; trap '' XFSZ; " TARN_BIN_DIR "/tarn format /tmp/card --size 34M")
+                .exitCode,
+            1);
+  EXPECT_EQ(sizeOf("/tmp/card"), -1);
+}
+
+TEST(TarnFormatTest, ALogThatCouldNotBeWrittenToIsNotLaidOut) {
+  expectFailure("format /tmp/card --size 34M --cluster-size 512 --syslog-chunk-size 4K",
+                "tarn: syslog chunk size 4096 is too small: a log needs at least 8192");
+  ASSERT_EQ(tarn("format /tmp/card --size 40M --cluster-size 512 --syslog-chunk-size 8K").exitCode,
+            0);
+  EXPECT_EQ(shell("echo text | " TARN_BIN_DIR "/tarn --card /tmp/card log --write").exitCode, 0);
+}
+
+// Cards that hold recordings.
+class TarnFormatRecordings : public tarn_test::CheckRig {
+ protected:
+  void SetUp() override {
+    CheckRig::SetUp();
+    const tarn_test::Bytes card = wholeCard();
+    const tarn::UniqueFd fd(open("/tmp/card", O_WRONLY | O_CREAT | O_TRUNC, 0600));
+    ASSERT_EQ(::write(fd.get(), card.data(), card.size()), static_cast<ssize_t>(card.size()));
+    ASSERT_EQ(shell("cp /tmp/card /tmp/before").exitCode, 0);
+  }
+
+  static bool isUnchanged() { return shell("cmp /tmp/card /tmp/before").exitCode == 0; }
+  static ShellResult onTerminal(const std::string& answer) {
+    return shell("echo '" + answer +
+                 "' | script -qec '" TARN_BIN_DIR "/tarn format /tmp/card' /dev/null");
+  }
+};
+
+constexpr char kHoldings[] = "/tmp/card holds 3 recordings and 2 events, from ";
+
+TEST_F(TarnFormatRecordings, AreNamedAndNotOverwrittenUnforced) {
+  const ShellResult result = tarn("format /tmp/card </dev/null");
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.output, StartsWith(std::string("tarn: ") + kHoldings));
+  EXPECT_THAT(result.output, HasSubstr("; force the format to overwrite it\n"));
+  EXPECT_TRUE(isUnchanged());
+  EXPECT_EQ(tarn("format /tmp/card --force </dev/null").exitCode, 0);
+  EXPECT_EQ(tarn("format /tmp/card </dev/null").exitCode, 0) << "nothing is left to lose";
+}
+
+TEST_F(TarnFormatRecordings, GoWhenAPersonSaysSo) {
+  for (const char* answer : {"n", "", "x"}) {
+    const ShellResult refused = onTerminal(answer);
+    EXPECT_EQ(refused.exitCode, 1) << answer;
+    EXPECT_THAT(refused.output, HasSubstr(kHoldings));
+    EXPECT_THAT(refused.output, HasSubstr("Format it all the same? [y/N]"));
+    EXPECT_THAT(refused.output, HasSubstr("tarn: /tmp/card was left as it is"));
+    EXPECT_TRUE(isUnchanged());
+  }
+  EXPECT_EQ(onTerminal("y").exitCode, 0);
+  EXPECT_FALSE(isUnchanged());
+}
+
+TEST_F(TarnFormatRecordings, MayBeThereWhereTheCardDoesNotTell) {
+  // Without its info file nobody knows.
+  const tarn_test::Bytes spoiled(512, 0xFF);
+  const tarn::UniqueFd fd(open("/tmp/card", O_WRONLY));
+  ASSERT_EQ(::pwrite(fd.get(), spoiled.data(), spoiled.size(),
+                     static_cast<off_t>(chunkByte(tarn::kFileInfo, 0))),
+            static_cast<ssize_t>(spoiled.size()));
+  const ShellResult result = tarn("format /tmp/card </dev/null");
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.output, StartsWith("tarn: it cannot be told what /tmp/card holds ("));
+  EXPECT_EQ(tarn("format /tmp/card --force </dev/null").exitCode, 0);
 }
 
 TEST(TarnFormatTest, ACardInUseIsRefused) {

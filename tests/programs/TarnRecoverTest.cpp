@@ -1,8 +1,13 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
+#include "db/CApiDb.h"
 #include "support/Shell.h"
 
 namespace {
@@ -74,6 +79,48 @@ TEST_F(TarnRecoverTest, WhatIsSavedAtACleanStopNeedsNoJournalAtTheNextStart) {
   EXPECT_EQ(tarn("recover").output, "0 recordings and 0 events, from the database image\n");
 }
 
+// A process that dies in the midst of a statement.
+pid_t dieWithTheDatabaseLocked() {
+  const pid_t process = fork();
+  if (process == 0) _exit(CApiDb().lockSem() == 0 ? 0 : 1);
+  int status = -1;
+  EXPECT_EQ(waitpid(process, &status, 0), process);
+  EXPECT_EQ(status, 0);
+  return process;
+}
+
+TEST_F(TarnRecoverTest, SetsTheDatabaseFreeOfAProcessThatIsGone) {
+  ASSERT_EQ(shell("cp /tmp/card /dev/sdblk0p1").exitCode, 0);
+  const std::string dead = std::to_string(dieWithTheDatabaseLocked());
+  const std::string recover = "timeout -s KILL 60 " TARN_BIN_DIR "/tarn recover";
+  const ShellResult json = shell(recover + " --json 2>/tmp/said");
+  EXPECT_EQ(json.exitCode, 0) << json.output;
+  const std::string text =
+      "the database was locked by process " + dead + ", which is gone; it was set free";
+  EXPECT_EQ(nlohmann::json::parse(json.output)["problems"], nlohmann::json::array({text}));
+  EXPECT_EQ(shell("cat /tmp/said").output, "tarn: " + text + "\n");
+  EXPECT_EQ(shell(recover).output, "0 recordings and 0 events, from the journal\n");
+  EXPECT_EQ(shell("timeout -s KILL 60 " TARN_BIN_DIR "/tarn list --json").exitCode, 0);
+}
+
+TEST_F(TarnRecoverTest, LeavesTheDatabaseLockedWhileARecordingRuns) {
+  ASSERT_EQ(shell("cp /tmp/card /dev/sdblk0p1; " TARN_BIN_DIR "/tarn recover").exitCode, 0);
+  const int channel = open("/tmp/tarn-channel-3.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  ASSERT_EQ(flock(channel, LOCK_EX), 0);
+  dieWithTheDatabaseLocked();
+  const ShellResult result = shell("timeout -s KILL 60 " TARN_BIN_DIR "/tarn recover");
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.output,
+            "tarn: the database is locked by a process that is gone, and a recording runs: end it "
+            "first\n");
+  close(channel);
+  const ShellResult save = shell("timeout -s KILL 60 " TARN_BIN_DIR "/tarn save");
+  EXPECT_EQ(save.exitCode, 1);
+  EXPECT_EQ(save.output,
+            "tarn: the database is locked by a process that is gone; the next start rebuilds it\n");
+  EXPECT_EQ(shell("timeout -s KILL 60 " TARN_BIN_DIR "/tarn recover").exitCode, 0);
+}
+
 TEST_F(TarnRecoverTest, NothingIsSavedBesideAServerOrWithoutADatabase) {
   const ShellResult early = tarn("--card /tmp/card run -- " TARN_BIN_DIR "/tarn save");
   EXPECT_EQ(early.exitCode, 1);
@@ -96,7 +143,8 @@ TEST_F(TarnRecoverTest, ADatabaseThatTheCardDoesNotTakeIsReported) {
 TEST_F(TarnRecoverTest, WithoutACardItFailsInWords) {
   const ShellResult result = tarn("recover");
   EXPECT_EQ(result.exitCode, 1);
-  EXPECT_THAT(result.output, HasSubstr("tarn: cannot open /dev/sdblk0p1: No such file or directory"));
+  EXPECT_THAT(result.output,
+              HasSubstr("tarn: cannot open /dev/sdblk0p1: No such file or directory"));
   EXPECT_EQ(tarn("recover --nonsense").exitCode, 2);
 }
 

@@ -391,9 +391,41 @@ TEST(CardFormatterTest, AnImageFileGetsExactlyTheSizeAskedFor) {
   larger.sizeBytes = 50 * kMiB;
   format(larger);
   EXPECT_EQ(size(), 50 * kMiB);
-  format(smallCard());
+  EXPECT_EQ(refusal(smallCard()),
+            "/dev/sdblk0p1 has 50 MiB, more than the 34 MiB asked for; force the format to cut it "
+            "short");
+  EXPECT_EQ(size(), 50 * kMiB);
+  FormatOptions force;
+  force.force = true;
+  format(smallCard(), force);
   EXPECT_EQ(size(), 34 * kMiB);
   EXPECT_EQ(familiesThatOpen(), kFileTypeCount);
+}
+
+TEST(CardFormatterTest, ADeviceThatCannotBeReadIsNotTakenForForeign) {
+  format(smallCard());
+  {
+    IoFaults faults(kCard);
+    faults.fail(Call::Pread, 1, EIO, IoFaults::kForever);
+    EXPECT_EQ(refusal(smallCard()), "cannot read /dev/sdblk0p1: Input/output error");
+  }
+  IoFaults faults(kCard);
+  faults.fail(Call::Pread, 1, EIO);
+  format(smallCard());  // asked again
+}
+
+TEST(CardFormatterTest, AFileThatWasMadeGoesWhenItsFormatFails) {
+  for (const Call call : {Call::Pwrite, Call::Fsync}) {
+    IoFaults faults(kCard);
+    faults.fail(call, 2, ENOSPC, IoFaults::kForever);
+    refusal(smallCard());
+    EXPECT_NE(access(kCard, F_OK), 0);
+  }
+  format(smallCard());
+  IoFaults faults(kCard);
+  faults.fail(Call::Pwrite, 2, ENOSPC, IoFaults::kForever);
+  refusal(smallCard());
+  EXPECT_EQ(access(kCard, F_OK), 0) << "one that was there stays";
 }
 
 TEST(CardFormatterTest, RefusalsOfTheTarget) {
