@@ -70,9 +70,10 @@ class Recorder {
   RecordingSession session_;
   std::vector<EventState> events_;
   PictureTime start_;
-  int64_t originUs_ = 0;  // where on the recording's time line the present pass begins
-  int64_t endUs_ = 0;     // end of the last picture so far
-  int64_t beganUs_ = 0;   // monotonic
+  int64_t firstDecodeUs_ = 0;  // of the present pass, may be negative
+  int64_t originUs_ = 0;       // where on the recording's time line the present pass begins
+  int64_t endUs_ = 0;          // end of the last picture so far
+  int64_t beganUs_ = 0;        // monotonic
   int64_t lastProgressUs_ = 0;
   int64_t lastToldUs_ = 0;
   uint64_t safe_ = 0;  // pictures, as last told
@@ -97,9 +98,10 @@ bool Recorder::openSession(const MediaInput& input) {
 }
 
 // Without it an endless source that produces faster than the clock would be recorded at its speed.
+// The first picture is due at once, however far ahead of its presentation it is decoded.
 void Recorder::pace(int64_t decodeUs) {
   if (!request_.realtime) return;
-  const int64_t due = beganUs_ + originUs_ + decodeUs;
+  const int64_t due = beganUs_ + originUs_ + decodeUs - firstDecodeUs_;
   for (int64_t wait = due - monotonicUs(); wait > 0 && !stopRequested(); wait = due - monotonicUs())
     usleep(static_cast<useconds_t>(std::min<int64_t>(wait, 500000)));
 }
@@ -138,12 +140,15 @@ bool Recorder::recordPicture(const MediaPicture& picture) {
 
 bool Recorder::recordOnce(MediaInput* input) {
   MediaPicture picture;
+  bool first = true;
   while (!stopRequested()) {
     const MediaInput::Result result = input->next(&picture);
     if (result == MediaInput::Result::kEnd) return true;
     // A stop interrupts the read of a live stream; that is no failure.
     if (result == MediaInput::Result::kError) return stopRequested() || fail(input->error());
     if (!session_.isOpen() && !openSession(*input)) return false;
+    if (first) firstDecodeUs_ = picture.decodeUs;
+    first = false;
     if (!recordPicture(picture)) return false;
   }
   return true;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 
 #include "Console.h"
@@ -14,7 +15,6 @@ namespace tarn::tool {
 namespace {
 
 constexpr size_t kBlockSize = 65536;
-constexpr size_t kMostReordered = 16;
 constexpr double kUsualRate = 25;
 
 }  // namespace
@@ -45,6 +45,27 @@ void StreamInput::takeFrameRate() {
   if (rate >= 1 && rate <= 1000) frameRate_ = rate;
 }
 
+void StreamInput::takeDepth(const std::vector<uint8_t>& keyPicture) {
+  NalUnit sps, pps;
+  if (!findParameterSets(keyPicture.data(), keyPicture.size(), &sps, &pps)) return;
+  depth_ = reorderDepthOf(sps.data, sps.size);
+  if (depth_.told) lead_ = std::max<int64_t>(lead_, depth_.most);
+}
+
+// Of a stream that does not tell how far decoding must run ahead: as far as its first pictures
+// need, which are all here when the first one has its place. What comes later and needs more is
+// decoded when it is presented.
+void StreamInput::observeDepth() {
+  if (lead_ >= 0) return;
+  lead_ = 0;
+  for (size_t decode = 0; decode < waiting_.size(); ++decode) {
+    const int64_t presentation =
+        std::count_if(waiting_.begin(), waiting_.end(),
+                      [&](const Waiting& other) { return other.order < waiting_[decode].order; });
+    lead_ = std::max(lead_, static_cast<int64_t>(decode) - presentation);
+  }
+}
+
 void StreamInput::add(const uint8_t* data, int size) {
   Waiting waiting;
   waiting.picture.annexB.assign(data, data + size);
@@ -54,6 +75,7 @@ void StreamInput::add(const uint8_t* data, int size) {
     settle(true);  // nothing is presented across an IDR picture
     ++sequence_;
     takeFrameRate();
+    takeDepth(waiting.picture.annexB);
   }
   waiting.order = sequence_ * (int64_t{1} << 33) + parser_->output_picture_number;
   waiting_.push_back(std::move(waiting));
@@ -69,7 +91,7 @@ void StreamInput::settle(bool all) {
       ++open;
       if (first == nullptr || waiting.order < first->order) first = &waiting;
     }
-    if (open == 0 || (!all && open <= kMostReordered)) return;
+    if (open == 0 || (!all && open <= depth_.most)) return;
     first->presentation = nextPresentation_++;
   }
 }
@@ -122,17 +144,15 @@ MediaInput::Result StreamInput::next(MediaPicture* out) {
     if (ended_ && waiting_.empty()) return Result::kEnd;
     if (!readMore()) return Result::kError;
   }
+  observeDepth();
   const double frameUs = 1e6 / frameRate_;
   const auto timeOf = [frameUs](int64_t frames) {
-    return static_cast<int64_t>(static_cast<double>(frames) * frameUs + 0.5);
+    return static_cast<int64_t>(std::llround(static_cast<double>(frames) * frameUs));
   };
   Waiting& first = waiting_.front();
   *out = std::move(first.picture);
   out->presentationUs = timeOf(first.presentation);
-  // Decoding runs ahead by as many pictures as a decoder may hold, so it never falls behind.
-  out->decodeUs = nextDecode_ >= static_cast<int64_t>(kMostReordered)
-                      ? timeOf(nextDecode_ - static_cast<int64_t>(kMostReordered))
-                      : -timeOf(static_cast<int64_t>(kMostReordered) - nextDecode_);
+  out->decodeUs = std::min(timeOf(nextDecode_ - lead_), out->presentationUs);
   out->durationUs = timeOf(1);
   ++nextDecode_;
   lengthUs_ = std::max(lengthUs_, out->presentationUs + out->durationUs);

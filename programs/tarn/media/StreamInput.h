@@ -3,12 +3,13 @@
 #include "base/UniqueFd.h"
 #include "media/Av.h"
 #include "media/MediaInput.h"
+#include "media/ReorderDepth.h"
 
 namespace tarn::tool {
 
 // Annex B byte stream without times, from a descriptor. Pictures are cut apart by the parser; their
-// place in the order of presentation follows from their picture order count. At most 16 pictures
-// are held back for it: no H.264 decoder has to hold more.
+// place in the order of presentation follows from their picture order count. As many pictures are
+// held back for it as the stream says that its order needs, or as any stream may.
 class StreamInput : public MediaInput {
  public:
   // Takes the descriptor over.
@@ -28,6 +29,8 @@ class StreamInput : public MediaInput {
   // Gives places to the pictures that no later one can precede.
   void settle(bool all);
   void takeFrameRate();
+  void takeDepth(const std::vector<uint8_t>& keyPicture);
+  void observeDepth();
 
   UniqueFd fd_;
   AvOwned<AVCodecContext> codec_;
@@ -37,6 +40,8 @@ class StreamInput : public MediaInput {
   std::deque<Waiting> waiting_;
   double givenRate_ = 0;
   bool ended_ = false;
+  ReorderDepth depth_;
+  int64_t lead_ = -1;             // pictures by which decoding runs ahead, -1 while not known
   int64_t sequence_ = 0;          // key pictures so far
   int64_t nextPresentation_ = 0;  // pictures that have a place
   int64_t nextDecode_ = 0;        // pictures handed out
