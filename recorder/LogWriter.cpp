@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 
 #include "base/Omission.h"
@@ -17,9 +18,11 @@ namespace {
 
 constexpr char kWriterLock[] = "/tmp/tarn-log.lock";
 constexpr int kChunks = 5;
+constexpr int kCardTries = 3;
 constexpr short kFlagChunk = 0;  // its active flag counts
-// What is collected goes out as one write: the chunk's own buffer has 32 KiB.
+// What is collected goes out as one write: the chunk's own buffer takes no more than 32 KiB.
 constexpr size_t kCollectBytes = 16 * 1024;
+constexpr size_t kPieceBytes = 32 * 1024;
 
 enum class Step { kLine, kEnd, kBlockEnd, kUnknown };
 
@@ -39,9 +42,10 @@ Step lookAt(const std::string& block, size_t* at, std::string* lastStamp) {
 
 }  // namespace
 
-LogWriter::LogWriter() : manager_(kRecorderPartition) {}
+LogWriter::LogWriter() : manager_(kRecorderPartition), patienceMs_(kServerPatienceMs) {}
 
 LogWriter::~LogWriter() {
+  patienceMs_ = 0;
   if (open_) close();
   chunk_.closeChunkFile();
   manager_.closeManageData();
@@ -58,19 +62,40 @@ int LogWriter::refuse(const char* text) {
   return -1;
 }
 
+bool LogWriter::failServer() {
+  return fail(cardRefused(manager_) ? kErrLogServerCard : kErrLogServer);
+}
+
+// Every request goes through here: a server that is being started again is waited for. One that
+// answers that the card failed is asked a few times, for that may pass.
+template <class Attempt>
+bool LogWriter::served(Attempt&& attempt) {
+  bool good = false;
+  int refusals = 0;
+  retryFor(patienceMs_, [&] {
+    good = attempt();
+    return good || (cardRefused(manager_) && ++refusals >= kCardTries);
+  });
+  return good || failServer();
+}
+
+// A server that has no card does not get one by being asked again.
 bool LogWriter::connect() {
-  const auto attempt = [this] {
-    if (manager_.openManageData() == 0) return true;
-    manager_.closeManageData();
-    return false;
-  };
-  return retryFor(kServerPatienceMs, attempt);
+  bool good = false;
+  retryFor(kServerPatienceMs, [&] {
+    good = manager_.openManageData() == 0;
+    if (!good) manager_.closeManageData();
+    return good || cardRefused(manager_);
+  });
+  return good || failServer();
 }
 
 int LogWriter::open() {
   if (open_) return refuse(kErrLogOrder);
   error_ = "";
-  if (!lock_.lock(kWriterLock, false)) return refuse(kErrLogBusy);
+  if (!lock_.lock(kWriterLock, false)) {
+    return refuse(errno == EWOULDBLOCK ? kErrLogBusy : kErrLogLock);
+  }
   geometry_ = CardGeometry::verifyRecorder();
   open_ = geometry_.ok() ? openActive() : fail(geometry_.text.c_str());
   if (!open_) abandon();
@@ -86,7 +111,7 @@ void LogWriter::abandon() {
 
 bool LogWriter::openActive() {
   if (cardWriteFailed()) return fail(kErrLogMarker);
-  if (!connect()) return fail(kErrLogServer);
+  if (!connect()) return false;
   const auto chunkBytes = static_cast<uint32_t>(manager_.getChunkSize());
   if (manager_.getNumChunk() < kChunks || chunkBytes < kLogLeastChunkBytes ||
       chunkBytes % kLogBlockBytes != 0) {
@@ -94,8 +119,9 @@ bool LogWriter::openActive() {
   }
   layout_ = LogLayout(chunkBytes);
   pending_.clear();
+  told_ = true;
   signed char active = -1;
-  if (manager_.getActiveFlag(kFlagChunk, &active) != 0) return fail(kErrLogServer);
+  if (!served([&] { return manager_.getActiveFlag(kFlagChunk, &active) == 0; })) return false;
   if (active < 0 || active >= kChunks) {
     chunkNumber_ = kChunks - 1;
     return moveOn();
@@ -109,7 +135,8 @@ bool LogWriter::openChunk(int number) {
   chunkNumber_ = number;
   if (chunk_.openChunkFile(&manager_, static_cast<unsigned short>(number)) != 0)
     return fail(kErrLogOpen);
-  return chunk_.isUsageKnown() || fail(kErrLogServer);
+  // The open goes on without an answer of the server; the addresses must not be guessed.
+  return chunk_.isUsageKnown() || served([&] { return chunk_.getUsageFromManager() == 0; });
 }
 
 bool LogWriter::resume(uint32_t saved) {
@@ -161,12 +188,12 @@ bool LogWriter::moveOn() {
   const int next = (chunkNumber_ + 1) % kChunks;
   if (!openChunk(next)) return false;
   const auto given = [&] { return omitted(Omit::kLogGiveUp) || giveUp(next); };
-  if (!retryFor(kServerPatienceMs, given)) return fail(kErrLogServer);
+  if (!served(given)) return false;
   if (!put(0, kLogEmpty, kLogMarkBytes)) return false;
   written_ = 0;
+  told_ = true;  // of a chunk without text
   layout_.restart(0, "");
-  if (!retryFor(kServerPatienceMs, [&] { return announce(next); })) return fail(kErrLogServer);
-  return true;
+  return served([&] { return announce(next); });
 }
 
 bool LogWriter::giveUp(int number) {
@@ -205,8 +232,8 @@ bool LogWriter::addLine(const std::string& text, int64_t seconds) {
 
 int LogWriter::flush() {
   if (!open_) return refuse(kErrLogOrder);
-  if (pending_.empty()) return 0;
-  return writeOut() && tellServer() ? 0 : -1;
+  if (!pending_.empty() && !writeOut()) return -1;
+  return told_ || tellServer() ? 0 : -1;
 }
 
 bool LogWriter::writeOut() {
@@ -221,31 +248,37 @@ bool LogWriter::writeOut() {
   }
   written_ += static_cast<uint32_t>(pending_.size());
   pending_.clear();
+  told_ = false;
   return true;
 }
 
-// Writes and waits until it has reached the card.
+// Writes and waits until it has reached the card. In pieces: after a failure more may wait than the
+// chunk takes at once.
 bool LogWriter::put(uint32_t position, const char* bytes, size_t length) {
-  std::string copy(bytes, length);  // the chunk takes no read-only bytes
-  if (chunk_.seek(static_cast<long>(position), SEEK_SET) != static_cast<long>(position) ||
-      chunk_.writeNoSeek(copy.data(), static_cast<long>(length)) != static_cast<long>(length) ||
-      chunk_.flush() != 0 || cardWriteFailed()) {
-    return fail(kErrLogWrite);
+  std::string piece;  // the chunk takes no read-only bytes
+  for (size_t done = 0; done < length; done += piece.size()) {
+    piece.assign(bytes + done, std::min(length - done, kPieceBytes));
+    const long at = static_cast<long>(position) + static_cast<long>(done);
+    const auto size = static_cast<long>(piece.size());
+    if (chunk_.seek(at, SEEK_SET) != at || chunk_.writeNoSeek(piece.data(), size) != size ||
+        chunk_.flush() != 0 || cardWriteFailed()) {
+      return fail(kErrLogWrite);
+    }
   }
   return true;
 }
 
 bool LogWriter::tellServer() {
   chunk_.setFreeAddr(written_);
-  return retryFor(kServerPatienceMs, [this] { return chunk_.fSync() == 0; }) || fail(kErrLogServer);
+  told_ = served([this] { return chunk_.fSync() == 0; });
+  return told_;
 }
 
 int LogWriter::close() {
   if (!open_) return refuse(kErrLogOrder);
   const bool flushed = flush() == 0;
   const bool closed = chunk_.closeChunkFile() == 0;
-  const bool saved = manager_.saveManageData() == 0;
-  if (!saved) fail(kErrLogServer);
+  const bool saved = told_ && served([this] { return manager_.saveManageData() == 0; });
   abandon();
   return flushed && closed && saved ? 0 : -1;
 }

@@ -20,12 +20,13 @@ namespace tarn {
 // not is there whole or not at all. For that the mark behind the text stays where it is until all
 // that follows it has reached the card, and is then overwritten, within one sector.
 //
+// A server that does not answer is waited for as long as a recorder waits (recorder/ServerRetry.h).
 // One writer on a machine: a second one is refused. Used by one thread at a time; nothing throws.
 // Results: 0, or -1 with errorText(), which also goes to syslog.
 class TARN_API LogWriter {
  public:
   LogWriter();
-  ~LogWriter();  // close()
+  ~LogWriter();  // close(), without waiting for a server that does not answer
   LogWriter(const LogWriter&) = delete;
   LogWriter& operator=(const LogWriter&) = delete;
 
@@ -37,7 +38,8 @@ class TARN_API LogWriter {
   // when the chunk is full.
   int append(const char* text, size_t size);
   int append(const char* text, size_t size, int64_t seconds);
-  // Brings everything to the card and tells the server where the text ends.
+  // Brings everything to the card and tells the server where the text ends; -1 also when only the
+  // server does not hear of it, which the next flush() tries again.
   int flush();
   // flush(), saves the management data and lets others write. -1 also when it was not open.
   int close();
@@ -52,6 +54,9 @@ class TARN_API LogWriter {
  private:
   bool fail(const char* text);   // false
   int refuse(const char* text);  // -1
+  bool failServer();
+  template <class Attempt>
+  bool served(Attempt&& attempt);
   void abandon();
   bool connect();
   bool openActive();
@@ -73,10 +78,12 @@ class TARN_API LogWriter {
   FileLock lock_;
   CTARNSyslogManager manager_;
   CTARNSyslogChunk chunk_;
+  int64_t patienceMs_;  // with a server that does not answer
   int chunkNumber_ = -1;
   uint32_t written_ = 0;  // free offset: everything before it is on the card
   LogLayout layout_;
   std::string pending_;  // what comes at written_
+  bool told_ = true;     // the server knows written_
 };
 
 }  // namespace tarn

@@ -24,13 +24,20 @@ constexpr mode_t kSocketMode = 0660;
 // Of one select(). Everything that matters wakes it, so its length does not.
 constexpr unsigned long kSelectSeconds = 60;
 constexpr useconds_t kPauseUs = 10000;
+// Files that clients must leave to the card, the database and the system log.
+constexpr int kHandleReserve = 32;
 
 }  // namespace
 
 ManagementServer::ManagementServer() = default;
 
+// Clients of a server that started and never ran would wait for their answers.
 ManagementServer::~ManagementServer() {
   m_waker = nullptr;
+  if (m_server != nullptr && m_stores != nullptr) {
+    m_server->stopAcceptNewConnectionThread();
+    m_server->closeClients();
+  }
   m_server.reset();
 }
 
@@ -45,9 +52,19 @@ int ManagementServer::start() {
     m_lock->unlock();
     return -1;
   }
-  m_stores = std::make_unique<ManagementStores>();
-  m_stores->open();
-  return listen();
+  if (openStores() && listen()) return 0;
+  m_stores.reset();
+  m_server.reset();
+  m_lock->unlock();
+  return -1;
+}
+
+// A server without any is none: who waits for it to be ready must hear that the card is not.
+bool ManagementServer::openStores() {
+  m_stores = std::make_unique<ManagementStores>(&m_stop);
+  if (m_stores->open() > 0) return true;
+  reportServer(LOG_ERR, kMsgServerCard);
+  return false;
 }
 
 // A card that is not what it says it is gets no server, nor does one that is there and cannot be
@@ -66,7 +83,7 @@ bool ManagementServer::claimPath() {
     if (errno == EWOULDBLOCK) {
       reportServer(LOG_ERR, kMsgServerRuns, kServerSocketPath);
     } else {
-      reportServer(LOG_ERR, kMsgServerProbe, kServerSocketPath, strerror(errno));
+      reportServer(LOG_ERR, kMsgServerLock, kServerLockPath, strerror(errno));
     }
     return false;
   }
@@ -80,22 +97,21 @@ bool ManagementServer::claimPath() {
   return probe == ServerProbe::kFree;
 }
 
-int ManagementServer::listen() {
+bool ManagementServer::listen() {
   m_server = std::make_unique<CMesgServer>(kServerSocketPath, kSelectSeconds, 0);
   m_server->setSocketMode(kSocketMode);
+  m_server->setHandleReserve(kHandleReserve);
   if (m_server->startAcceptNewConnectionThread() != 0 || m_server->waitUntilListening() != 0) {
     reportServer(LOG_ERR, kMsgServerListen, kServerSocketPath);
-    m_server.reset();
-    m_lock->unlock();
-    return -1;
+    return false;
   }
   m_waker = m_server.get();
   syslog(LOG_INFO, kMsgServerReady, kServerSocketPath);
-  return 0;
+  return true;
 }
 
 int ManagementServer::run() {
-  if (m_server == nullptr) return -1;
+  if (m_server == nullptr || m_stores == nullptr) return -1;
   while (!m_stop) {
     const int marked = m_server->select();
     if (marked > 0) {

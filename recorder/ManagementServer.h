@@ -24,7 +24,8 @@ class ManagementStores;
 class TARN_API ManagementServer {
  public:
   ManagementServer();
-  // Ends without saving what run() has not saved; the socket is removed if start() made it.
+  // Ends without saving what run() has not saved; the socket is removed if start() made it, and the
+  // clients are disconnected.
   ~ManagementServer();
   ManagementServer(const ManagementServer&) = delete;
   ManagementServer& operator=(const ManagementServer&) = delete;
@@ -32,15 +33,15 @@ class TARN_API ManagementServer {
   // Opens the stores and begins to listen; clients can connect when it returns 0. The socket is
   // for the process's user and group (mode 0660); one that a dead server left behind is replaced.
   // -1, reported in the system log and on standard error: another server answers on the path (it
-  // is left alone), the socket cannot be made, or a database image that no start has taken cannot
-  // be marked empty (what clients change now, it lacks), or a card whose geometry contradicts
-  // itself or cannot be read. A store that cannot be opened (no card, bad CRC) is no reason to
-  // fail: it is reported and its requests are refused.
+  // is left alone), the lock file or the socket cannot be made, a database image that no start has
+  // taken cannot be marked empty (what clients change now, it lacks), the card's geometry
+  // contradicts itself or cannot be read, or none of the stores can be opened. One store that
+  // cannot be opened (bad CRC) is no reason to fail: it is reported and its requests are refused.
   int start();
 
   // Serves until requestStop(), then closes the socket, saves all stores, removes the socket's path
-  // and disconnects the clients. 0, or -1 when a store could not be saved (reported) or start() has
-  // not succeeded.
+  // and disconnects the clients. 0, or -1 when a store could not be saved (reported), start() has
+  // not succeeded, or it was run before.
   int run();
 
   // Makes run() end, also one that has not begun yet. For any thread and for signal handlers, while
@@ -50,7 +51,8 @@ class TARN_API ManagementServer {
  private:
   bool claimPath();
   static bool mayBeWritten();
-  int listen();
+  bool openStores();
+  bool listen();
   void serveMarked();
   void answerPacket(const void* packet, long length, long client);
   int shutDown();

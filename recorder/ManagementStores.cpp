@@ -1,12 +1,14 @@
 #include "recorder/ManagementStores.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 
 #include "base/Wrap.h"
 #include "fat/ChunkFiles.h"
+#include "recorder/DatabaseGate.h"
 #include "recorder/ServerMessages.h"
 #include "recorder/ServerReport.h"
 
@@ -15,6 +17,11 @@ namespace {
 
 constexpr int kBadCrc = -2;  // of openManageData
 constexpr int kFailed = -1;
+constexpr int kOpenTries = 3;
+constexpr useconds_t kOpenPauseUs = 20000;
+// How long all clients wait because one of them needs the database, at most, and in which steps.
+constexpr int64_t kDatabaseWaitMs = 500;
+constexpr int64_t kDatabaseStepMs = 50;
 
 // Chunk numbers are signed 16-bit numbers everywhere behind this point, so the whole word is tested
 // before it is narrowed.
@@ -88,10 +95,8 @@ int applyToChunk(CTARNStreamManagerNative& store, RequestRecord& record) {
 }
 
 // 0, or anything else for a refusal.
-int apply(CTARNStreamManagerNative& store, RequestRecord& record) {
+int applyToStore(CTARNStreamManagerNative& store, RequestRecord& record) {
   switch (record.command()) {
-    case kRequestSaveManageData:
-      return store.saveManageDataToEither() >= 0 ? 0 : kFailed;
     case kRequestFreeSizeTotal:
       record.setTotal(store.freeSizeTotal());
       return 0;
@@ -110,10 +115,21 @@ int apply(CTARNStreamManagerNative& store, RequestRecord& record) {
   }
 }
 
+// A read error may pass; a wrong sum does not.
+int openPatiently(CTARNStreamManagerNative* store) {
+  int result = kFailed;
+  for (int i = 0; i < kOpenTries && result == kFailed; ++i) {
+    if (i > 0) usleep(kOpenPauseUs);
+    result = store->openManageDataFromEither(kRecorderPartition);
+  }
+  return result;
+}
+
 }  // namespace
 
-ManagementStores::ManagementStores()
-    : m_journal(kFileJournal),
+ManagementStores::ManagementStores(const std::atomic<bool>* stop)
+    : m_stop(stop),
+      m_journal(kFileJournal),
       m_syslog(kFileSyslog),
       m_entries{{"stream", &m_stream, false},
                 {"journal", &m_journal, false},
@@ -122,7 +138,7 @@ ManagementStores::ManagementStores()
 int ManagementStores::open() {
   int opened = 0;
   for (Entry& entry : m_entries) {
-    const int result = entry.store->openManageDataFromEither(kRecorderPartition);
+    const int result = openPatiently(entry.store);
     entry.isOpen = result >= 0;
     if (entry.isOpen) {
       ++opened;
@@ -149,17 +165,47 @@ int ManagementStores::save() {
 // A management file and its chunk file are one store, and so is the database image's kind, which
 // has the stream chunks' suffix. The info file and the picture chunks have no management of their
 // own. The partition does not matter: the stores are always those of the recorder's own card.
-CTARNStreamManagerNative* ManagementStores::openStore(uint32_t kind) {
+ManagementStores::Entry* ManagementStores::entryOf(uint32_t kind) {
   static constexpr int8_t kEntryOfKind[kFileTypeCount] = {-1, 1, 1, 2, 2, 0, 0, 0, -1};
   if (kind >= uint32_t{kFileTypeCount} || kEntryOfKind[kind] < 0) return nullptr;
-  const Entry& entry = m_entries[kEntryOfKind[kind]];
-  return entry.isOpen ? entry.store : nullptr;
+  return &m_entries[kEntryOfKind[kind]];
+}
+
+// Whoever holds the database's lock may be dead or hang. After one wait in vain the requests behind
+// it are not kept waiting as well.
+bool ManagementStores::databaseIsFree() {
+  using State = DatabaseGate::State;
+  State state = DatabaseGate::look();
+  for (int64_t waited = 0; state == State::kHeld && !m_databaseHeld && waited < kDatabaseWaitMs;
+       waited += kDatabaseStepMs) {
+    if (m_stop != nullptr && *m_stop) return false;
+    state = DatabaseGate::await(kDatabaseStepMs);
+  }
+  // A lock that cannot be looked at cannot be taken either: it keeps nobody waiting.
+  const bool held = state == State::kHeld || state == State::kHolderDead;
+  if (held && !m_databaseHeld) syslog(LOG_ERR, kMsgServerDatabase);
+  m_databaseHeld = held;
+  return !held;
+}
+
+uint32_t ManagementStores::apply(CTARNStreamManagerNative& store, RequestRecord& record) {
+  if (record.command() == kRequestSaveManageData) {
+    return store.saveManageDataToEither() >= 0 ? kResultDone : kResultCard;
+  }
+  // Of the stores that of the stream chunks alone asks the database.
+  if (record.command() == kRequestFirstAvailable && &store == &m_stream && !databaseIsFree()) {
+    return kResultDatabase;
+  }
+  return applyToStore(store, record) == 0 ? kResultDone : kResultRefused;
 }
 
 void ManagementStores::answer(RequestRecord& record) {
-  CTARNStreamManagerNative* store = openStore(record.kind());
-  const bool done = store != nullptr && apply(*store, record) == 0;
-  record.setResult(done ? kResultDone : kResultRefused);
+  const Entry* entry = entryOf(record.kind());
+  if (entry == nullptr) {
+    record.setResult(kResultRefused);
+  } else {
+    record.setResult(entry->isOpen ? apply(*entry->store, record) : kResultCard);
+  }
 }
 
 }  // namespace tarn

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "base/Export.h"
@@ -12,21 +13,28 @@ namespace tarn {
 // The management server's native stores, one per pair of management files: stream, journal and
 // syslog chunks. Answers requests on them. Used by one thread at a time; closed when destroyed,
 // without saving.
+//
+// Nothing is waited for without a limit but the card: the database, which a request for a chunk
+// needs, is given half a second when somebody holds its lock.
 class TARN_API ManagementStores {
  public:
-  ManagementStores();
+  // `stop` (may be null; outlives the object) ends a wait for the database early.
+  explicit ManagementStores(const std::atomic<bool>* stop = nullptr);
   ManagementStores(const ManagementStores&) = delete;
   ManagementStores& operator=(const ManagementStores&) = delete;
 
-  // Opens every store. One that cannot be opened (no card, bad CRC) is reported in the system log
-  // and on standard error and refuses its requests. Returns how many are open.
+  // Opens every store; one that cannot be read is tried a few times. One that cannot be opened (no
+  // card, bad CRC) is reported in the system log and on standard error and refuses its requests.
+  // Returns how many are open.
   int open();
   // Saves every open store: 0, or -1 when one could not be saved (reported likewise).
   int save();
 
-  // Carries out the request and turns the record into its answer. result is kResultDone, or
-  // kResultRefused for an unknown command or kind, a store that is not open, a number out of range
-  // or a failed operation. Fields without an answer stay as sent. Nothing in the record is trusted.
+  // Carries out the request and turns the record into its answer. result is kResultDone;
+  // kResultCard for a store that is not open and a save that failed; kResultDatabase for a chunk
+  // that was not chosen because the database is locked; kResultRefused for an unknown command or
+  // kind, a number out of range or an operation without a result. Fields without an answer stay as
+  // sent. Nothing in the record is trusted.
   void answer(RequestRecord& record);
 
  private:
@@ -36,7 +44,12 @@ class TARN_API ManagementStores {
     bool isOpen;
   };
 
-  CTARNStreamManagerNative* openStore(uint32_t kind);
+  Entry* entryOf(uint32_t kind);
+  uint32_t apply(CTARNStreamManagerNative& store, RequestRecord& record);
+  bool databaseIsFree();
+
+  const std::atomic<bool>* m_stop;
+  bool m_databaseHeld = false;  // it was waited for in vain, and has been held since
 
   CTARNStreamManagerNative m_stream;
   CTARNEndlessManagerNative m_journal;

@@ -17,6 +17,9 @@ inline constexpr char kErrChannelBusy[] = "another session records this channel"
 inline constexpr char kErrMarker[] =
     "the card failed before (/tmp/sd_err_mem_write exists); check it and remove the file";
 inline constexpr char kErrServer[] = "the management server does not answer";
+inline constexpr char kErrServerCard[] =
+    "the management server cannot read or write the card's management data";
+inline constexpr char kErrServerDatabase[] = "the database is locked by another program";
 inline constexpr char kErrLock[] = "the allocation lock cannot be taken";
 inline constexpr char kErrDatabase[] = "the database does not answer";
 inline constexpr char kErrRow[] = "the database did not take the row";

@@ -17,6 +17,7 @@
 #include "recorder/RecordingMessages.h"
 #include "recorder/RecordingSpace.h"
 #include "recorder/RowWriter.h"
+#include "recorder/ServerFailure.h"
 #include "recorder/ServerRetry.h"
 
 namespace tarn {
@@ -127,14 +128,16 @@ bool RecordingSession::Impl::checkCard() {
   return geometry_.ok() || fail(RecordingError::kCard, geometry_.text.c_str());
 }
 
+// A server that has no card does not get one by being asked again.
 bool RecordingSession::Impl::connect() {
-  return retryFor(kServerPatienceMs,
-                  [&] {
-                    if (manager_.openManageData() == 0) return true;
-                    manager_.closeManageData();
-                    return false;
-                  }) ||
-         fail(RecordingError::kServer, kErrServer);
+  bool good = false;
+  retryFor(kServerPatienceMs, [&] {
+    good = manager_.openManageData() == 0;
+    if (!good) manager_.closeManageData();
+    return good || cardRefused(manager_);
+  });
+  const ServerFailure failure = serverFailure(manager_);
+  return good || fail(failure.error, failure.text);
 }
 
 bool RecordingSession::Impl::ownedByChannel(const DB_STREAM& row) {

@@ -15,6 +15,7 @@
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNStreamManager.h"
 #include "recorder/RecordingMessages.h"
+#include "recorder/ServerFailure.h"
 #include "recorder/ServerRetry.h"
 
 namespace tarn {
@@ -63,6 +64,11 @@ bool RecordingSpace::fail(RecordingError error, const char* text) {
   return false;
 }
 
+bool RecordingSpace::failServer() {
+  const ServerFailure failure = serverFailure(*manager_);
+  return fail(failure.error, failure.text);
+}
+
 int RecordingSpace::take(int8_t channel, int8_t recType, const Need& need, uint32_t now) {
   error_ = RecordingError::kNone;
   int chunk = pick(channel, recType, need);
@@ -84,16 +90,16 @@ int RecordingSpace::take(int8_t channel, int8_t recType, const Need& need, uint3
   return -1;
 }
 
-// No chunk and no answer look the same, so the answer "none" counts only from a server that lives.
+// No chunk and no answer look the same, so "none" counts only when the server has decided so: what
+// follows from it is that the oldest recording goes.
 int RecordingSpace::pick(int8_t channel, int8_t recType, const Need& need) {
-  const int chunk = pickNow(channel, recType, need);
-  if (chunk >= 0) return chunk;
-  CHUNK_USAGE usage = {};
-  if (!retryFor(kServerPatienceMs, [&] { return manager_->getUsage(0, &usage, kStream) == 0; })) {
-    fail(RecordingError::kServer, kErrServer);
-    return -1;
-  }
-  return pickNow(channel, recType, need);
+  int chunk = -1;
+  const bool decided = retryFor(kServerPatienceMs, [&] {
+    chunk = pickNow(channel, recType, need);
+    return chunk >= 0 || serverDecided(*manager_);
+  });
+  if (!decided) failServer();
+  return decided ? chunk : -1;
 }
 
 // The server looks at the stream area only. A chunk whose picture area is full is passed over by
@@ -132,7 +138,7 @@ int RecordingSpace::claim(int chunk, int8_t channel, int8_t recType) {
     return emptyChunk(chunk) && manager_->setChType(asChunk(chunk), channel, recType) == 0;
   });
   if (!done) {
-    fail(RecordingError::kServer, kErrServer);
+    failServer();
     return -1;
   }
   if (owner == kUnused && foreign && !omitted(Omit::kChannelOfChunk)) {
@@ -269,8 +275,7 @@ bool RecordingSpace::moveUseToOldest(int chunk) {
   bool anyLeft = true;
   if (!chunkHasRows(chunk, &anyLeft)) return false;
   if (!anyLeft) {
-    return retryFor(kServerPatienceMs, [&] { return emptyChunk(chunk); }) ||
-           fail(RecordingError::kServer, kErrServer);
+    return retryFor(kServerPatienceMs, [&] { return emptyChunk(chunk); }) || failServer();
   }
   DB_STREAM row = {};
   if (!oldestInChunk(chunk, &row)) return fail(RecordingError::kDatabase, kErrDatabase);
@@ -283,7 +288,7 @@ bool RecordingSpace::moveUseToOldest(int chunk) {
                            (!readable || manager_->setUseOffset(asChunk(chunk), header.dataOffset,
                                                                 kStream) == 0);
                   }) ||
-         fail(RecordingError::kServer, kErrServer);
+         failServer();
 }
 
 bool RecordingSpace::emptyChunk(int chunk) {
@@ -300,13 +305,13 @@ bool RecordingSpace::giveBack(int chunk) {
                     return emptyChunk(chunk) &&
                            manager_->setChType(asChunk(chunk), kUnused, 0) == 0;
                   }) ||
-         fail(RecordingError::kServer, kErrServer);
+         failServer();
 }
 
 bool RecordingSpace::save() {
   if (omitted(Omit::kSaveBeforeWrite)) return true;
   return retryFor(kServerPatienceMs, [&] { return manager_->saveManageData() == 0; }) ||
-         fail(RecordingError::kServer, kErrServer);
+         failServer();
 }
 
 // The last resort: chunks of the channel whose rows are gone and whose space a killed process did

@@ -65,6 +65,7 @@ class RecordingSpace {
   bool oldestInChunk(int chunk, DB_STREAM* row);
   bool chunkHasRows(int chunk, bool* any);
   bool fail(RecordingError error, const char* text);
+  bool failServer();
 
   CTARNStreamManager* manager_;
   CApiDb* db_;

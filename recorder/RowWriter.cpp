@@ -16,6 +16,7 @@
 #include "recorder/JournalGuard.h"
 #include "recorder/RecordingMessages.h"
 #include "recorder/RecordingReader.h"
+#include "recorder/ServerFailure.h"
 #include "recorder/ServerRetry.h"
 
 namespace tarn {
@@ -61,9 +62,13 @@ bool RowWriter::fail(RecordingError error, const char* text) {
   return false;
 }
 
+bool RowWriter::failServer() {
+  const ServerFailure failure = serverFailure(*manager_);
+  return fail(failure.error, failure.text);
+}
+
 bool RowWriter::refreshUsage(CTARNStreamChunk* chunk) {
-  return retryFor(patienceMs_, [&] { return chunk->getUsageFromManager() == 0; }) ||
-         fail(RecordingError::kServer, kErrServer);
+  return retryFor(patienceMs_, [&] { return chunk->getUsageFromManager() == 0; }) || failServer();
 }
 
 bool RowWriter::openArea(std::unique_ptr<CTARNStreamChunk>* chunk, uint8_t area, int number) {
@@ -96,13 +101,11 @@ void RowWriter::closeChunk() {
 // What the worker could not write shows in the marker file only.
 bool RowWriter::sync(CTARNStreamChunk* chunk, const char* text) {
   if (chunk->flush() != 0 || cardWriteFailed()) return fail(RecordingError::kCard, text);
-  return retryFor(patienceMs_, [&] { return chunk->setFreeToManager() == 0; }) ||
-         fail(RecordingError::kServer, kErrServer);
+  return retryFor(patienceMs_, [&] { return chunk->setFreeToManager() == 0; }) || failServer();
 }
 
 bool RowWriter::saveManageData() {
-  return retryFor(patienceMs_, [&] { return manager_->saveManageData() == 0; }) ||
-         fail(RecordingError::kServer, kErrServer);
+  return retryFor(patienceMs_, [&] { return manager_->saveManageData() == 0; }) || failServer();
 }
 
 // Before anything of the new recording is written: deleting the recording whose record the journal

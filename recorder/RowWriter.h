@@ -65,6 +65,7 @@ class RowWriter {
   };
 
   bool fail(RecordingError error, const char* text);
+  bool failServer();
   bool openArea(std::unique_ptr<CTARNStreamChunk>* chunk, uint8_t area, int number);
   bool refreshUsage(CTARNStreamChunk* chunk);
   bool sync(CTARNStreamChunk* chunk, const char* text);

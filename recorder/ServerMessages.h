@@ -5,6 +5,11 @@ namespace tarn {
 
 inline constexpr char kMsgServerRuns[] = "another management server answers on %s";
 inline constexpr char kMsgServerProbe[] = "can't tell whether a server answers on %s: %s";
+inline constexpr char kMsgServerLock[] = "the lock file %s can't be opened: %s";
+inline constexpr char kMsgServerCard[] =
+    "no management data can be opened: the card is missing, damaged or cannot be read";
+inline constexpr char kMsgServerDatabase[] =
+    "the database is locked: requests for a chunk to record to are refused";
 inline constexpr char kMsgServerListen[] = "can't listen on %s";
 inline constexpr char kMsgServerImage[] = "the card's database image can't be marked empty";
 inline constexpr char kMsgServerReady[] = "management server listens on %s";

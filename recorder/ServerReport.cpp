@@ -1,9 +1,12 @@
 #include "recorder/ServerReport.h"
 
+#include <poll.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 namespace tarn {
 
@@ -14,7 +17,13 @@ void reportServer(int priority, const char* format, ...) {
   vsnprintf(text, sizeof text, format, args);
   va_end(args);
   syslog(priority, "%s", text);
-  fprintf(stderr, "tarn-server: %s\n", text);
+  char line[sizeof text + 16];
+  snprintf(line, sizeof line, "tarn-server: %s\n", text);
+  fflush(stderr);
+  // A full pipe that nobody reads must not stop the server: it has room for a line, or loses it.
+  pollfd error{STDERR_FILENO, POLLOUT, 0};
+  if (poll(&error, 1, 0) != 1) return;
+  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, strlen(line));
 }
 
 }  // namespace tarn

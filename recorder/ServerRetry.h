@@ -42,6 +42,12 @@ bool retryFor(int64_t patienceMs, Attempt&& attempt) {
   }
 }
 
+// The server has answered the last request with a decision: done, or no.
+inline bool serverDecided(const CTARNManagerBase& manager) {
+  const uint32_t result = manager.lastResult();
+  return result != kResultUnanswered && result != kResultCard && result != kResultDatabase;
+}
+
 // The server lives, but the card does not give it what the last request needs: not a matter of
 // patience with the server.
 inline bool cardRefused(const CTARNManagerBase& manager) {

@@ -1,9 +1,12 @@
 // tarn-server: owns the chunk management data of the card and answers the recorder's processes.
 
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -15,6 +18,7 @@
 
 #include "ServiceNotice.h"
 #include "base/StandardStreams.h"
+#include "base/UniqueFd.h"
 #include "programs/OutOfMemory.h"
 #include "recorder/ManagementServer.h"
 
@@ -110,7 +114,28 @@ int print(const char* text) {
   return fputs(text, stdout) >= 0 && fflush(stdout) == 0 ? kExitOk : kExitCannotStart;
 }
 
+// The stores print notices there, and a pipe that is full and nobody reads would stop the server.
+// The end for --ready-fd is kept. Not made non-blocking: the stream may be shared with a shell.
+int muteStandardOutput(int readyFd) {
+  fflush(stdout);
+  if (readyFd == STDOUT_FILENO) readyFd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const tarn::UniqueFd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+  if (null.valid()) dup2(null.get(), STDOUT_FILENO);
+  return readyFd;
+}
+
+// Clients take one each; select() has room for FD_SETSIZE of them, and the server has other files.
+void raiseHandleLimit() {
+  constexpr rlim_t kWanted = FD_SETSIZE + 256;
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kWanted) return;
+  limit.rlim_cur = std::min(limit.rlim_max, kWanted);
+  setrlimit(RLIMIT_NOFILE, &limit);  // with less of them there is room for fewer clients
+}
+
 int serve(int readyFd) {
+  raiseHandleLimit();
+  readyFd = muteStandardOutput(readyFd);
   tarn::ManagementServer server;
   g_server = &server;
   installStopSignals();

@@ -28,6 +28,9 @@ constexpr int64_t kFlushMs = 1000;
 constexpr char kNoServer[] =
     "the management server does not answer; use --card CARD to look at a card without one";
 
+constexpr char kNoLogData[] =
+    "the management server cannot read the card's management data of the system log";
+
 // The lines of one chunk, from where the last call ended. Lines never straddle what a call sees:
 // the free offset is moved by whole lines.
 class ChunkLines {
@@ -104,17 +107,19 @@ class CommandLog : public Command {
   int run() override { return write_ ? writeLines() : showLines(); }
 
  private:
-  // The reader complains on standard output, so it is asked only where there is a server.
-  static bool serverAnswers() {
+  // The reader complains on standard output, so it is asked only where there is a server. What is
+  // wrong otherwise, or null.
+  static const char* serverFault() {
     CTARNSyslogManager manager(kRecorderPartition);
     const bool answers = manager.openManageData() == 0;
     manager.closeManageData();
-    return answers;
+    if (answers) return nullptr;
+    return cardRefused(manager) ? kNoLogData : kNoServer;
   }
 
   int showLines() {
-    if (!serverAnswers()) {
-      complain(kNoServer);
+    if (const char* fault = serverFault()) {
+      complain(fault);
       return kExitFailed;
     }
     CApiTarnSyslogRead reader;
@@ -203,7 +208,8 @@ class CommandLog : public Command {
         if (writer_->flush() != 0) return false;
         flushed = monotonicMs();
       }
-      if (idle && poll(&input, 1, -1) < 0) continue;  // a signal
+      // The wait is short, for a signal just before it does not end it.
+      if (idle && poll(&input, 1, kFollowMs) <= 0) continue;
       const ssize_t got = read(STDIN_FILENO, block.data(), block.size());
       if (got == 0) break;
       if (got < 0 && errno != EINTR && errno != EAGAIN) return refuseInput(errno);

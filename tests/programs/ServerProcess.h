@@ -22,6 +22,17 @@ inline std::string readAll(int fd) {
   return text;
 }
 
+// Fills the pipe up whose reading end this is; nobody empties it.
+inline void fillPipe(int readingEnd) {
+  fcntl(readingEnd, F_SETPIPE_SZ, 4096);
+  const std::string path = "/proc/self/fd/" + std::to_string(readingEnd);
+  const tarn::UniqueFd end(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+  EXPECT_TRUE(end.valid());
+  const std::string block(512, 'f');
+  while (write(end.get(), block.data(), block.size()) > 0) {
+  }
+}
+
 // A real tarn-server. Killed when the object goes.
 class ServerProcess {
  public:
@@ -83,6 +94,9 @@ class ServerProcess {
   std::string out() { return readAll(out_.get()); }
   std::string err() { return readAll(err_.get()); }
   pid_t pid() const { return pid_; }
+  // The reading ends of its standard output and error.
+  int outFd() const { return out_.get(); }
+  int errFd() const { return err_.get(); }
 
  private:
   pid_t pid_ = -1;

@@ -1,6 +1,8 @@
 // The server as a process, with real clients that come, go and die.
 
 #include <dirent.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -12,12 +14,14 @@
 #include <thread>
 
 #include "base/Crc16.h"
+#include "db/CApiDb.h"
 #include "manager/CTARNEndlessManager.h"
 #include "manager/CTARNStreamManager.h"
 #include "manager/RequestFormat.h"
 #include "programs/ServerProcess.h"
 #include "support/CardImage.h"
 #include "support/RawClient.h"
+#include "support/Shell.h"
 #include "support/SyslogCapture.h"
 
 namespace tarn_test {
@@ -160,17 +164,117 @@ TEST_F(TarnServer, OfServersThatStartAtOnceOneServes) {
   EXPECT_TRUE(answers());
 }
 
-TEST_F(TarnServer, MissingCardIsSaidAndServed) {
+TEST_F(TarnServer, WithoutACardItIsNotReadyAndSaysSo) {
   ASSERT_EQ(rename(kCardPath, "/dev/away"), 0);
   ServerProcess server({}, true);
+  EXPECT_EQ(server.readiness(), "");
+  EXPECT_EQ(server.wait(), 1);
+  EXPECT_THAT(server.err(), testing::EndsWith("tarn-server: no management data can be opened: the "
+                                              "card is missing, damaged or cannot be read\n"));
+  EXPECT_EQ(access(kServerSocketPath, F_OK), -1);
+  ASSERT_EQ(rename("/dev/away", kCardPath), 0);
+}
+
+TEST_F(TarnServer, DamagedManagementDataAreToldAsTheCardsAndTheOthersAreServed) {
+  for (int copy : {0, 1}) card_.writeChunk(tarn::kFileJournalManage, copy, 5, {0x5A});
+  const auto server = launch();
+  CTARNEndlessManager journal(51, tarn::kFileJournal);
+  EXPECT_EQ(journal.openManageData(), -1);
+  EXPECT_EQ(journal.lastResult(), tarn::kResultCard);
+  journal.closeManageData();
+  EXPECT_TRUE(answers());
+  EXPECT_EQ(server->end(SIGTERM), 0);
+}
+
+// What any program may do to the server by hanging: hold the lock of the database, or not read.
+class HungServer : public TarnServerTest {
+ protected:
+  HungServer() { EXPECT_EQ(shell(TARN_BIN_DIR "/dbsetup init").exitCode, 0); }
+
+  // A request for a chunk, for which the server asks the database; its answer is not waited for.
+  static std::string chunkRequest() {
+    tarn::RequestRecord record;
+    record.setCommand(tarn::kRequestFirstAvailable);
+    record.setKind(7);
+    record.setArg0(1000);
+    return std::string(reinterpret_cast<const char*>(record.bytes()), tarn::kRequestSize);
+  }
+  // Exit status of a server that has two seconds for its end; -1 when they were not enough.
+  static int endsInTime(ServerProcess& server) {
+    const auto begin = std::chrono::steady_clock::now();
+    const int status = server.end(SIGTERM);
+    return std::chrono::steady_clock::now() - begin < std::chrono::seconds(2) ? status : -1;
+  }
+};
+
+TEST_F(HungServer, ALockedDatabaseKeepsNobodyElseWaitingAndNoSignal) {
+  const auto server = launch();
+  CApiDb holder;
+  ASSERT_EQ(holder.lockSem(), 0u);
+  RawClient first(kServerSocketPath), second(kServerSocketPath);
+  ASSERT_TRUE(first.send(chunkRequest()));
+  EXPECT_TRUE(answers());
+  const std::string answer = first.receive(2000);
+  ASSERT_EQ(answer.size(), 1024u);
+  EXPECT_EQ(tarn::getLe32(answer.data() + tarn::kRequestResultOff), tarn::kResultDatabase);
+  ASSERT_TRUE(second.send(chunkRequest()));
+  EXPECT_EQ(endsInTime(*server), 0);
+  holder.unlockSem();
+}
+
+TEST_F(HungServer, StandardStreamsThatNobodyReadsKeepNobodyWaiting) {
+  const auto server = launch();
+  fillPipe(server->outFd());
+  fillPipe(server->errFd());
+  CTARNStreamManager manager(51);
+  ASSERT_EQ(manager.openManageData(), 0);
+  // Each prints a notice: more of them than standard output collects.
+  for (int i = 0; i < 120; ++i) ASSERT_EQ(manager.firstAvailableChunk(1000, 0, 0), 1);
+  manager.closeManageData();
+  EXPECT_EQ(endsInTime(*server), 0);
+}
+
+TEST_F(HungServer, FaultsAtItsEndDoNotWaitForAReaderEither) {
+  ServerProcess server({}, true, true);
+  EXPECT_EQ(server.readiness(), "\n");
+  fillPipe(server.errFd());
+  EXPECT_EQ(endsInTime(server), 3);
+}
+
+TEST_F(TarnServer, FloodOfClientsLeavesRoomForTheCardAndForOthersWhenItIsOver) {
+  const rlimit few{96, 96};  // also the hard limit: it cannot be raised
+  ServerProcess server({}, true);
+  ASSERT_EQ(prlimit(server.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
   EXPECT_EQ(server.readiness(), "\n");
   CTARNStreamManager manager(51);
-  EXPECT_EQ(manager.openManageData(), -1);
-  EXPECT_TRUE(log_.has(LOG_ERR, "CTARNManagerBase:openManageData() result NG"));
+  ASSERT_EQ(manager.openManageData(), 0);
+  std::vector<std::unique_ptr<RawClient>> flood;
+  for (int i = 0; i < 120; ++i) flood.push_back(std::make_unique<RawClient>(kServerSocketPath));
+  EXPECT_EQ(flood.back()->receive(2000), "") << "closed at once";
+  EXPECT_EQ(shell(TARN_BIN_DIR "/dbsetup init").exitCode, 0);
+  EXPECT_EQ(manager.firstAvailableChunk(1000, 0, 0), 1);
+  EXPECT_EQ(manager.saveManageData(), 0);
+  flood.clear();
+  EXPECT_TRUE(eventually([] { return answers(); }));
   manager.closeManageData();
   EXPECT_EQ(server.end(SIGTERM), 0);
-  EXPECT_THAT(server.err(), testing::StartsWith("tarn-server: management data of the stream "));
-  ASSERT_EQ(rename("/dev/away", kCardPath), 0);
+}
+
+TEST_F(TarnServer, ItRaisesItsLimitOfOpenFilesAsFarAsItMayAndNeeds) {
+  const auto server = launch();
+  rlimit limit;
+  ASSERT_EQ(prlimit(server->pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+  EXPECT_GE(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, FD_SETSIZE + 256));
+}
+
+TEST_F(TarnServer, OpeningWithoutClosingLeaksNoConnection) {
+  const auto server = launch();
+  CTARNStreamManager manager(51);
+  ASSERT_EQ(manager.openManageData(), 0);
+  const size_t filesBefore = openFiles(server->pid());
+  for (int i = 0; i < 40; ++i) ASSERT_EQ(manager.openManageData(), 0);
+  EXPECT_TRUE(eventually([&] { return openFiles(server->pid()) <= filesBefore + 1; }));
+  manager.closeManageData();
 }
 
 TEST_F(TarnServer, KilledServerLeavesWhatWasSavedAndItsSocketIsReplaced) {

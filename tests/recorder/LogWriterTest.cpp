@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include "recorder/LogFormat.h"
 #include "recorder/LogWriter.h"
 #include "recorder/ManagementServer.h"
+#include "recorder/ServerRetry.h"
 #include "support/CardImage.h"
 #include "support/IoFaults.h"
 #include "support/SyslogCapture.h"
@@ -346,6 +348,106 @@ TEST_F(LogWriterTest, AWriteThatFailsIsTold) {
   EXPECT_STREQ(next.errorText(),
                "the card failed before (/tmp/sd_err_mem_write exists); check it and remove the "
                "file");
+}
+
+class LogWriterBigChunks : public LogWriterTest {
+ protected:
+  static tarn_test::CardLayout bigLog() {
+    tarn_test::CardLayout layout = smallLog();
+    layout.families[tarn::kFileSyslog] = {256 * 1024, 5, 0};
+    return layout;
+  }
+  LogWriterBigChunks() : LogWriterTest(bigLog()) {}
+};
+
+TEST_F(LogWriterBigChunks, HoweverMuchWaitedWhileTheCardFailedIsWrittenWhenItWorksAgain) {
+  startServer();
+  LogWriter writer;
+  ASSERT_EQ(writer.open(), 0);
+  int added = 0;
+  {
+    IoFaults faults(tarn_test::kCardPath);
+    faults.fail(Call::Write, 1, EIO, IoFaults::kForever);
+    for (; writer.collectedBytes() < 80u * 1024; ++added) {
+      add(&writer, std::to_string(added) + std::string(500, 'p'), kNow + added);
+    }
+    EXPECT_EQ(writer.flush(), -1);
+  }
+  unlink("/tmp/sd_err_mem_write");
+  EXPECT_EQ(writer.flush(), 0);
+  ASSERT_EQ(writer.close(), 0);
+  const std::vector<std::string> found = lines(savedEnd());
+  ASSERT_EQ(found.size(), static_cast<size_t>(added));
+  for (int i = 0; i < added; ++i) {
+    EXPECT_EQ(found[static_cast<size_t>(i)], std::to_string(i) + std::string(500, 'p'));
+  }
+}
+
+// A process whose server is away for a while, without waiting for real.
+class LogWriterAway : public LogWriterTest {
+ protected:
+  ~LogWriterAway() override { tarn::RequestPatience::resume(); }
+};
+
+TEST_F(LogWriterAway, AFlushThatTheServerHasNotHeardOfIsNoneUntilItHas) {
+  startServer();
+  LogWriter writer;
+  ASSERT_EQ(writer.open(), 0);
+  ASSERT_EQ(add(&writer, "written"), 0);
+  stopServer();
+  tarn::RequestPatience::hurry();  // gives up after a second
+  EXPECT_EQ(writer.flush(), -1);
+  EXPECT_STREQ(writer.errorText(), "the management server does not answer");
+  EXPECT_EQ(writer.flush(), -1) << "nothing is collected, but the server still does not know";
+  tarn::RequestPatience::resume();
+  startServer();
+  EXPECT_EQ(writer.flush(), 0);
+  ASSERT_EQ(writer.close(), 0);
+  EXPECT_THAT(lines(savedEnd()), ElementsAre("written"));
+}
+
+TEST_F(LogWriterAway, AChangeOfChunkWaitsForAServerThatIsStartedAgain) {
+  startServer();
+  LogWriter writer;
+  ASSERT_EQ(writer.open(), 0);
+  while (writer.freeOffset() < kChunkBytes - 900) {
+    ASSERT_EQ(add(&writer, std::string(300, 'x')), 0);
+    ASSERT_EQ(writer.flush(), 0);
+  }
+  // The last lines have been told; what fails first is a question of the change of chunk itself.
+  stopServer();
+  std::thread starter([this] {
+    usleep(300000);
+    startServer();
+  });
+  while (writer.chunk() == 0) {
+    const int added = add(&writer, std::string(300, 'x'));
+    EXPECT_EQ(added, 0) << writer.errorText();
+    if (added != 0) break;
+  }
+  starter.join();
+  EXPECT_EQ(writer.close(), 0);
+  EXPECT_EQ(savedEnd().active, 1);
+}
+
+TEST_F(LogWriterTest, AServerWithoutTheLogsDataIsToldFromOneThatDoesNotAnswer) {
+  for (int copy : {0, 1}) card_.writeChunk(tarn::kFileSyslogManage, copy, 5, {0x5A});
+  startServer();
+  LogWriter writer;
+  const int64_t begin = tarn::monotonicMs();
+  EXPECT_EQ(writer.open(), -1);
+  EXPECT_LT(tarn::monotonicMs() - begin, 2000) << "asking again does not mend it";
+  EXPECT_STREQ(writer.errorText(),
+               "the management server cannot read or write the card's management data");
+}
+
+TEST_F(LogWriterTest, ALockFileThatCannotBeOpenedIsNoOtherWriter) {
+  startServer();
+  ASSERT_EQ(mkdir("/tmp/tarn-log.lock", 0700), 0);
+  LogWriter writer;
+  EXPECT_EQ(writer.open(), -1);
+  EXPECT_STREQ(writer.errorText(), "the lock file /tmp/tarn-log.lock cannot be opened");
+  rmdir("/tmp/tarn-log.lock");
 }
 
 TEST_F(LogWriterTest, CallsOnAClosedWriterAreRefused) {

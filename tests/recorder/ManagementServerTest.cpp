@@ -7,9 +7,11 @@
 #include <memory>
 #include <thread>
 
+#include "manager/CTARNEndlessManager.h"
 #include "manager/CTARNStreamManager.h"
 #include "manager/RequestFormat.h"
 #include "recorder/ManagementServer.h"
+#include "recorder/ServerProbe.h"
 #include "support/CardImage.h"
 #include "support/RawClient.h"
 #include "support/SyslogCapture.h"
@@ -218,16 +220,57 @@ TEST_F(ManagementServer, PathThatCannotBeUsedIsReported) {
   EXPECT_TRUE(serves());
 }
 
-TEST_F(ManagementServer, MissingCardIsNoReasonNotToServe) {
+TEST_F(ManagementServer, WithoutACardItDoesNotStart) {
   ASSERT_EQ(rename(kCardPath, "/dev/away"), 0);
+  {
+    tarn::ManagementServer blind;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(blind.start(), -1);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::EndsWith("tarn-server: no management data can be opened: the card is "
+                                  "missing, damaged or cannot be read\n"));
+    EXPECT_EQ(blind.run(), -1);
+    EXPECT_FALSE(RawClient(kServerSocketPath).connected());
+  }
+  ASSERT_EQ(rename("/dev/away", kCardPath), 0);
   serve();
+  EXPECT_TRUE(serves());
+}
+
+TEST_F(ManagementServer, OneDamagedStoreIsRefusedAsTheCardsAndTheOthersAreServed) {
+  for (int copy : {0, 1}) card_.writeChunk(tarn::kFileJournalManage, copy, 5, {0x5A});
+  serve();
+  CTARNEndlessManager journal(51, tarn::kFileJournal);
+  EXPECT_EQ(journal.openManageData(), -1);
+  EXPECT_EQ(journal.lastResult(), tarn::kResultCard);
+  journal.closeManageData();
+  EXPECT_TRUE(serves());
+}
+
+TEST_F(ManagementServer, ALockFileThatCannotBeOpenedIsNoOtherServer) {
+  unlink(tarn::kServerLockPath);
+  ASSERT_EQ(mkdir(tarn::kServerLockPath, 0700), 0);
+  expectRefused(std::string("the lock file /tmp/unix-sock-tarn-server.lock can't be opened: ") +
+                strerror(EISDIR));
+  rmdir(tarn::kServerLockPath);
+}
+
+TEST_F(ManagementServer, RunsOnce) {
+  tarn::ManagementServer once;
+  ASSERT_EQ(once.start(), 0);
+  once.requestStop();
+  EXPECT_EQ(once.run(), 0);
+  EXPECT_EQ(once.run(), -1);
+}
+
+TEST_F(ManagementServer, ItsEndWithoutRunningDisconnectsItsClients) {
+  auto server = std::make_unique<tarn::ManagementServer>();
+  ASSERT_EQ(server->start(), 0);
   RawClient client(kServerSocketPath);
   ASSERT_TRUE(client.send(countRequest()));
-  const std::string answer = client.receive();
-  ASSERT_EQ(answer.size(), 1024u);
-  EXPECT_EQ(tarn::getLe32(answer.data() + tarn::kRequestResultOff), tarn::kResultRefused);
-  EXPECT_EQ(stop(), 0);
-  ASSERT_EQ(rename("/dev/away", kCardPath), 0);
+  EXPECT_TRUE(eventually([&] { return !log_.atPriority(LOG_INFO).empty(); }));
+  server.reset();
+  EXPECT_EQ(client.receive(2000), "<error>");  // the request was not read: a reset
 }
 
 TEST_F(ManagementServer, ManyRequestsOfOneClientDoNotKeepOthersWaiting) {

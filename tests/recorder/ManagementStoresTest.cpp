@@ -8,8 +8,10 @@
 #include <memory>
 #include <random>
 
+#include "db/CApiDb.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/ManagementStores.h"
+#include "recorder/ServerRetry.h"
 #include "support/CardImage.h"
 #include "support/IoFaults.h"
 #include "support/SyslogCapture.h"
@@ -17,6 +19,7 @@
 namespace tarn_test {
 namespace {
 
+using tarn::kResultCard;
 using tarn::kResultDone;
 using tarn::kResultRefused;
 using tarn::RequestRecord;
@@ -166,6 +169,42 @@ TEST_F(ManagementStores, ChunkForAChannelIsChosen) {
   EXPECT_EQ(answer.arg0(), 1000u);  // as sent
 }
 
+// Holds the database's lock, as a program does that hangs in a statement.
+class HeldDatabase {
+ public:
+  HeldDatabase() { EXPECT_EQ(db_.lockSem(), 0u); }
+  ~HeldDatabase() { release(); }
+  void release() {
+    if (held_) db_.unlockSem();
+    held_ = false;
+  }
+
+ private:
+  CApiDb db_;
+  bool held_ = true;
+};
+
+TEST_F(ManagementStores, ALockedDatabaseIsNotWaitedForAndIsNoAnswer) {
+  ASSERT_EQ(system("/usr/local/bin/dbsetup init"), 0);
+  open();
+  HeldDatabase held;
+  const int64_t begin = tarn::monotonicMs();
+  EXPECT_EQ(resultOf(tarn::kRequestFirstAvailable, 7, 1000, 2, 0), tarn::kResultDatabase);
+  EXPECT_EQ(resultOf(tarn::kRequestFirstAvailable, 7, 1000, 2, 0), tarn::kResultDatabase);
+  EXPECT_LT(tarn::monotonicMs() - begin, 900) << "the second one is not kept waiting";
+  EXPECT_TRUE(
+      log_.has(LOG_ERR, "the database is locked: requests for a chunk to record to are refused"));
+  EXPECT_EQ(resultOf(tarn::kRequestFirstAvailable, 2, 1000, 0, 0), kResultRefused) << "no database";
+  held.release();
+  EXPECT_EQ(resultOf(tarn::kRequestFirstAvailable, 7, 1000, 2, 0), kResultDone);
+}
+
+TEST_F(ManagementStores, AReadErrorThatPassesWhileOpeningIsNoReasonToRefuse) {
+  IoFaults faults(kCardPath);
+  faults.fail(Call::Open, 2, EIO);
+  open();
+}
+
 TEST_F(ManagementStores, SaveWritesBothCopies) {
   open();
   EXPECT_EQ(resultOf(tarn::kRequestSetFreeOffset, 7, 2, 0x1234, 1), kResultDone);
@@ -175,11 +214,11 @@ TEST_F(ManagementStores, SaveWritesBothCopies) {
   EXPECT_EQ(stored(tarn::kFileStreamManage, 1, 2, 12), 0x1234u);
 }
 
-TEST_F(ManagementStores, FailedSaveIsRefused) {
+TEST_F(ManagementStores, FailedSaveIsTheCards) {
   open();
   IoFaults faults(kCardPath);
   faults.fail(Call::Write, 1, EIO, 4);  // both copies, both tries
-  EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 7), kResultRefused);
+  EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 7), kResultCard);
   EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 7), kResultDone);
 }
 
@@ -261,9 +300,9 @@ TEST_F(ManagementStores, DamagedFilesRefuseTheirOwnRequestsOnly) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "tarn-server: " + text + "\n");
   EXPECT_TRUE(log_.has(LOG_ERR, text));
   for (const uint32_t kind : {1u, 2u}) {
-    EXPECT_EQ(resultOf(tarn::kRequestNumChunk, kind), kResultRefused);
-    EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, kind), kResultRefused);
-    EXPECT_EQ(resultOf(tarn::kRequestFreeSizeTotal, kind), kResultRefused);
+    EXPECT_EQ(resultOf(tarn::kRequestNumChunk, kind), kResultCard);
+    EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, kind), kResultCard);
+    EXPECT_EQ(resultOf(tarn::kRequestFreeSizeTotal, kind), kResultCard);
   }
   EXPECT_EQ(resultOf(tarn::kRequestNumChunk, 4), kResultDone);
   EXPECT_EQ(resultOf(tarn::kRequestNumChunk, 7), kResultDone);
@@ -319,7 +358,7 @@ TEST_F(ManagementStores, ASaveThatOnlyTheBackupTookIsRefusedBesideAGoodMainCopy)
   IoFaults faults(kCardPath);
   faults.fail(Call::Write, 2, EIO, 2);
   EXPECT_EQ(resultOf(tarn::kRequestSetFreeOffset, 7, 1, 64, 1), kResultDone);
-  EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 7), kResultRefused);
+  EXPECT_EQ(resultOf(tarn::kRequestSaveManageData, 7), kResultCard);
 }
 
 TEST_F(ManagementStores, ASaveBesideAMainCopyThatIsNotGoodGoesToTheBackup) {
@@ -378,7 +417,8 @@ TEST(ManagementStoresWithoutACard, EverythingIsRefused) {
     for (uint32_t command = 0; command < 14; ++command) {
       RequestRecord record = request(command, kind);
       stores.answer(record);
-      EXPECT_EQ(record.result(), kResultRefused) << command << " " << kind;
+      EXPECT_EQ(record.result(), kind >= 1 && kind <= 7 ? kResultCard : kResultRefused)
+          << command << " " << kind;
     }
   }
   EXPECT_EQ(stores.save(), 0);
