@@ -1,6 +1,7 @@
 #include "ServiceNotice.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include <cstddef>
@@ -19,6 +20,8 @@ void notifyServiceManager(const char* state) {
   if (path[0] == '@') address.sun_path[0] = '\0';  // a name without a file
   const tarn::UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!fd.valid()) return;
+  const timeval limit{1, 0};  // clients wait meanwhile
+  setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   sendto(fd.get(), state, strlen(state), MSG_NOSIGNAL,
          reinterpret_cast<const struct sockaddr*>(&address),
          static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + length));

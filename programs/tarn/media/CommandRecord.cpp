@@ -1,6 +1,7 @@
 #include "Command.h"
 #include "Console.h"
 #include "media/Record.h"
+#include "recorder/ServerRetry.h"
 
 namespace tarn {
 namespace {
@@ -37,6 +38,8 @@ class CommandRecord : public Command {
         ->check(CLI::Range(1u, 60000u))
         ->capture_default_str();
     app->add_flag("--realtime", request_.realtime, "No faster than the pictures' own times");
+    app->add_flag("--wait", wait_,
+                  "Wait for the management server as long as it takes, instead of five seconds");
     app->add_flag("--progress", request_.progress,
                   "Print how many pictures are written and safe, as soon as more are safe");
     return app;
@@ -63,6 +66,7 @@ class CommandRecord : public Command {
       complain("--loop: standard input can be read only once");
       return kExitUsage;
     }
+    waitForServerForever(wait_);
     return tool::recordMedia(request_);
   }
 
@@ -71,6 +75,7 @@ class CommandRecord : public Command {
  private:
   tool::RecordRequest request_;
   std::string start_;
+  bool wait_ = false;
   std::vector<std::string> events_;
 };
 
