@@ -188,7 +188,17 @@ bool Recovery::manageData() {
   return (omitted(Omit::kJournalFreeOffset) || restore.recoverJournalManage() == 0) &&
          (omitted(Omit::kStreamManage) ||
           restore.recoverStreamManage(channels_.data(), channels) == 0) &&
-         (omitted(Omit::kSyslogManage) || restore.recoverSyslogManage() == 0);
+         (omitted(Omit::kSyslogManage) || syslogManage(&restore));
+}
+
+bool Recovery::syslogManage(CDbRestore* restore) {
+  std::string unread;
+  if (restore->recoverSyslogManage(&unread) != 0) return false;
+  if (!unread.empty()) {
+    report_.problems.push_back("the system log cannot be read (" + unread +
+                               "); its end stays where it was saved");
+  }
+  return true;
 }
 
 bool Recovery::countRows() {
@@ -207,7 +217,7 @@ bool Recovery::flushCard() {
 RecoveryReport Recovery::run() {
   attempt();
   for (const useconds_t pause : kRetryPauses) {
-    if (report_.ok() || report_.refused) break;
+    if (report_.ok() || report_.refused || omitted(Omit::kReadAgain)) break;
     syslog(LOG_WARNING, kMsgRecoveryAgain, report_.error.c_str());
     usleep(pause);
     const RecoveryReport before = std::move(report_);

@@ -8,6 +8,8 @@
 #include "base/Export.h"
 #include "recorder/RecoveryReport.h"
 
+class CDbRestore;
+
 namespace tarn {
 
 class FileLock;
@@ -57,6 +59,7 @@ class TARN_API Recovery {
   bool restoreImage();
   bool rebuild();
   bool manageData();
+  bool syslogManage(CDbRestore* restore);
   bool countRows();
   bool flushCard();
   bool fail(const std::string& text);

@@ -46,6 +46,11 @@ enum class Omit {
   kSyslogManage,
   kRecoveryFlush,
   kChannels,  // the channels of the chunks are set again
+  // What the card refuses
+  kRefusedIsBad,  // what was refused does not pass for zeros
+  kReadAgain,     // it is asked for again
+  kCopyMarker,    // a journal copy in its place goes before one that only has a right checksum
+  kCopyRefused,   // nothing is believed of a journal copy that was refused
   // Database image
   kImageEmptied,       // marked empty at once after the restore
   kImageClearedFirst,  // and before a new one is saved

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "base/Export.h"
 #include "db/DbRecords.h"
 
@@ -81,6 +83,10 @@ class TARN_API CDbRestore {
   // In one save, so that power lost meanwhile cannot take the channels.
   int recoverStreamManage(const CHUNK_MANAGE* known, int count);
   int recoverSyslogManage();
+  // The same, but what the device refuses is asked for again, and when it stays refused nothing is
+  // saved and *unread says where: the saved end is older, and who writes on follows the lines that
+  // are behind it.
+  int recoverSyslogManage(std::string* unread);
   // Number of the chunk being written of a log type, and the move to the next one, which begins
   // empty. Only type 0 exists. The move is not saved.
   int syslogActiveID(CTARNEndlessManagerNative* store, unsigned char type);

@@ -1,6 +1,9 @@
 #include <syslog.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <string>
 
 #include "base/Endian.h"
 #include "base/Wrap.h"
@@ -10,8 +13,8 @@
 #include "dblog/CDbRestore.h"
 #include "dblog/CheckedSql.h"
 #include "dblog/RepairMessages.h"
-#include "dblog/SyslogScan.h"
 #include "dblog/RestoreStores.h"
+#include "dblog/SyslogScan.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManagerNative.h"
 #include "manager/CTARNStreamManagerNative.h"
@@ -32,6 +35,20 @@ constexpr char kSqlNewestInChunk[] =
 constexpr int kSyslogType = 0;  // the only one
 constexpr short kSyslogFirstChunk = 0;
 constexpr int kSyslogChunks = 5;
+
+// A device that refuses a read may give it a moment later.
+constexpr int kTries = 5;
+constexpr useconds_t kPauseUs = 10000;
+
+// Until `read` gets it, `tries` times at most.
+template <typename Read>
+bool readPatiently(int tries, Read&& read) {
+  while (!read()) {
+    if (--tries <= 0) return false;
+    usleep(kPauseUs);
+  }
+  return true;
+}
 
 // Reads the stream header at `offset` of a picture chunk. False after a message.
 bool readStreamHeader(CTARNStreamChunk* picture, short chunk, uint32_t offset, uint8_t* header) {
@@ -64,10 +81,15 @@ uint32_t ringBack(uint32_t offset, uint32_t size, uint32_t areaSize) {
 
 class StreamManageRecovery {
  public:
-  explicit StreamManageRecovery(CTARNStreamManagerNative* store)
+  // A header is asked for `tries` times.
+  StreamManageRecovery(CTARNStreamManagerNative* store, int tries)
       : store_(store),
+        tries_(tries),
         pictureSize_(tarn::low32(store->getChunkSize(kPictureArea))),
         streamSize_(tarn::low32(store->getChunkSize(kStreamArea))) {}
+
+  // False: the device did not tell the sizes, by which every place would come out wrong.
+  bool hasSizes() const { return pictureSize_ != 0 && streamSize_ != 0; }
 
   void reset() {
     for (int chunk = 0; chunk < store_->numChunk(); ++chunk) {
@@ -128,11 +150,16 @@ class StreamManageRecovery {
     return -1;
   }
 
+  bool readHeader(short chunk, uint32_t offset, uint8_t* header) {
+    return readPatiently(tries_,
+                         [&] { return readStreamHeader(&picture_, chunk, offset, header); });
+  }
+
   bool setUse(short chunk, uint32_t chunkOffset) {
     uint8_t header[tarn::kPictureRecordSize];
     store_->setChType(chunk, 0, 0);
     store_->setUsage(chunk, chunkOffset, kPictureArea);
-    if (!readStreamHeader(&picture_, chunk, chunkOffset, header)) {
+    if (!readHeader(chunk, chunkOffset, header)) {
       blind_ = true;
       return false;
     }
@@ -145,7 +172,7 @@ class StreamManageRecovery {
     uint8_t header[tarn::kPictureRecordSize];
     store_->setFree(chunk, areaEnd(chunkOffset, chunkSize, pictureSize_), kPictureArea);
     blind_ = chunkSize == 0;  // a closed row has a header and an entry at least
-    if (!readStreamHeader(&picture_, chunk, chunkOffset, header)) {
+    if (!readHeader(chunk, chunkOffset, header)) {
       blind_ = true;
       return;
     }
@@ -156,6 +183,7 @@ class StreamManageRecovery {
   }
 
   CTARNStreamManagerNative* store_;
+  const int tries_;
   uint32_t pictureSize_;
   uint32_t streamSize_;
   CTARNStreamChunk picture_{0};
@@ -168,6 +196,27 @@ int saveAndClose(CTARNStreamManagerNative* store) {
   if (tarn::saveForRestore(store) != 0) return -1;
   store->closeManageData();
   return 0;
+}
+
+// As below, but only of text that the device gave. False, with *end where it gave nothing.
+bool syslogEnd(CTARNEndlessChunk* chunk, uint32_t size, uint32_t* end) {
+  tarn::SyslogScan scan;
+  char block[tarn::SyslogScan::kBlockSize + 1];
+  for (uint32_t position = 0; position < size;) {
+    const uint32_t length =
+        std::min(static_cast<uint32_t>(tarn::SyslogScan::kBlockSize), size - position);
+    *end = position;
+    const bool given = readPatiently(kTries, [&] {
+      return chunk->seek(static_cast<long>(position), SEEK_SET) >= 0 &&
+             chunk->read(block, static_cast<long>(length)) == static_cast<long>(length) &&
+             !chunk->lastReadFailed();
+    });
+    if (!given) return false;
+    if (!scan.addBlock(block, length)) break;
+    position += length;
+  }
+  *end = scan.freeOffset();
+  return true;
 }
 
 // Scans an open syslog chunk from its start: where its newest text ends.
@@ -187,7 +236,8 @@ int CDbRestore::recoverStreamManage() { return recoverStreamManage(nullptr, 0); 
 int CDbRestore::recoverStreamManage(const CHUNK_MANAGE* known, int count) {
   CTARNStreamManagerNative store;
   if (tarn::openForRestore(&store) != 0) return -1;
-  StreamManageRecovery recovery(&store);
+  StreamManageRecovery recovery(&store, known != nullptr ? kTries : 1);
+  if (known != nullptr && !recovery.hasSizes()) return -1;
   recovery.reset();
   for (int chunk = 0; chunk < store.numChunk(); ++chunk) {
     if (recovery.recover(static_cast<short>(chunk)) != 0) return -1;
@@ -221,9 +271,13 @@ int CDbRestore::incrementSyslogActiveID(CTARNEndlessManagerNative* store, unsign
   return 0;
 }
 
-int CDbRestore::recoverSyslogManage() {
+int CDbRestore::recoverSyslogManage() { return recoverSyslogManage(nullptr); }
+
+int CDbRestore::recoverSyslogManage(std::string* unread) {
   CTARNEndlessManagerNative store(tarn::kFileSyslog);
   if (tarn::openForRestore(&store) != 0) return -1;
+  // The device did not tell it, and without it the store has no records either.
+  if (unread != nullptr && store.getChunkSize(kStreamArea) == 0) return -1;
   const int active = syslogActiveID(&store, kSyslogType);
   if (active < 0) {
     syslog(LOG_ERR, tarn::kMsgSyslogActive, kSyslogType);
@@ -237,7 +291,13 @@ int CDbRestore::recoverSyslogManage() {
     syslog(LOG_ERR, tarn::kMsgManageOpenChunk);
     return -1;
   }
-  const uint32_t end = syslogEnd(&chunk);
+  uint32_t end = 0;
+  if (unread == nullptr) {
+    end = syslogEnd(&chunk);
+  } else if (!syslogEnd(&chunk, whole.size, &end)) {
+    *unread = "syslog chunk " + std::to_string(active) + " offset " + std::to_string(end);
+    return 0;
+  }
   chunk.closeChunkFile();
   store.setFree(static_cast<short>(active), end, kStreamArea);
   return saveAndClose(&store);

@@ -4,6 +4,7 @@
 
 #include "base/Crc16.h"
 #include "base/Endian.h"
+#include "base/Omission.h"
 #include "base/Wrap.h"
 
 namespace tarn {
@@ -67,6 +68,7 @@ bool journalRecordValid(const void* record, uint32_t crcLength) {
 }
 
 bool journalRecordInPlace(const JournalTraits& traits, const void* record, uint32_t position) {
+  if (omitted(Omit::kCopyMarker)) return journalRecordValid(record, traits.crcLength);
   const uint32_t marker = journalMarker(record);
   return (marker == traits.liveMarker || marker == traits.deletedMarker) &&
          journalBackOffset(traits, record) == position &&
@@ -80,7 +82,9 @@ JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
   };
   if (inPlace(original)) return JournalCopy::kOriginal;
   if (inPlace(mirror)) return JournalCopy::kMirror;
-  if (original == nullptr || mirror == nullptr) return JournalCopy::kRefused;
+  if (original == nullptr || mirror == nullptr) {
+    return omitted(Omit::kCopyRefused) ? JournalCopy::kNeither : JournalCopy::kRefused;
+  }
   if (journalRecordValid(original, traits.crcLength)) return JournalCopy::kOriginal;
   if (journalRecordValid(mirror, traits.crcLength)) return JournalCopy::kMirror;
   const bool erased =

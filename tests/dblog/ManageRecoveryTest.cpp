@@ -157,6 +157,31 @@ TEST_F(StreamManageRecovery, ARowBehindItsChunkIsReportedAndTheNextChunkRecovere
   EXPECT_EQ(saved(1), record(0, 0, 100, 150, 0, 64));
 }
 
+// For the recorder, which knows what was saved: it would write over what lies in the chunk.
+TEST_F(StreamManageRecovery, AReadThatIsRefusedOnceChangesNoAddress) {
+  layClosed(at(5, 2, 64, 5000), 100, 64);
+  const std::vector<CHUNK_MANAGE> known(kRecordChunks);
+  const auto rebuild = [&] {
+    return restore.recoverStreamManage(known.data(), static_cast<int>(known.size()));
+  };
+  size_t reads = 0;
+  {
+    const IoFaults counted(kCardPath);
+    ASSERT_EQ(rebuild(), 0);
+    reads = counted.count(Call::Read);
+  }
+  const Bytes good = card.readChunk(tarn::kFileStreamManage, 0, 0, stale.size());
+  ASSERT_GT(reads, 5u);
+  for (size_t n = 1; n <= reads; ++n) {
+    for (int copy : {0, 1}) card.writeManagement(tarn::kFileStreamManage, copy, stale);
+    IoFaults faults(kCardPath);
+    faults.fail(Call::Read, static_cast<int>(n), EIO);
+    const int result = rebuild();
+    const Bytes now = card.readChunk(tarn::kFileStreamManage, 0, 0, stale.size());
+    EXPECT_EQ(now, result == 0 ? good : stale) << n;
+  }
+}
+
 TEST_F(StreamManageRecovery, WithoutACardOrWithABadFileItFails) {
   {
     IoFaults io(kCardPath);
@@ -351,6 +376,37 @@ TEST_F(SyslogManageRecovery, AReadErrorEndsTheScan) {
   counted.fail(Call::Read, n, EIO);
   EXPECT_EQ(restore.recoverSyslogManage(), 0);
   EXPECT_EQ(savedFree(0), 8192u);
+}
+
+// For the recorder: it would write new lines over the ones behind the refused block.
+TEST_F(SyslogManageRecovery, TextThatTheDeviceRefusesIsAskedForAgainAndNotTakenForTheEnd) {
+  setActive(0);
+  std::string text;
+  while (text.size() < 16 * kKiB) text += "2024-01-01T00:00:00 " + std::string(43, 'x') + "\n";
+  setText(0, text);
+  std::string unread;
+  size_t reads = 0;
+  {
+    const IoFaults counted(kCardPath);
+    ASSERT_EQ(restore.recoverSyslogManage(&unread), 0);
+    reads = counted.count(Call::Read);
+  }
+  ASSERT_EQ(savedFree(0), 16 * kKiB);
+  for (int times : {1, IoFaults::kForever}) {
+    for (size_t n = 1; n <= reads; ++n) {
+      setActive(0);
+      unread.clear();
+      IoFaults faults(kCardPath);
+      faults.fail(Call::Read, static_cast<int>(n), EIO, times);
+      const int result = restore.recoverSyslogManage(&unread);
+      const bool saved = result == 0 && unread.empty();
+      EXPECT_EQ(savedFree(0), saved ? 16 * kKiB : 77u) << n;
+      if (result == 0 && times != 1) {
+        EXPECT_EQ(unread.rfind("syslog chunk 0 offset ", 0), 0u) << n << unread;
+      }
+      EXPECT_TRUE(times != 1 || unread.empty()) << n << unread;
+    }
+  }
 }
 
 }  // namespace
