@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "dblog/JournalFormat.h"
 #include "fat/FatFormat.h"
 #include "recorder/CardText.h"
 #include "recorder/LogFormat.h"
@@ -25,11 +26,10 @@ constexpr uint64_t kChunkSizeLimit = 0x80000000;  // positions in a chunk are si
 constexpr uint32_t kManageRecordBytes = 24;
 constexpr uint32_t kManageCrcBytes = 2;
 constexpr uint32_t kPictureEntryBytes = 32;
-constexpr uint64_t kMaxJournalBytes = 12 * kMiB;  // the rebuild reads no further
-constexpr uint32_t kJournalChunks = 4;            // two mirrored pairs
-constexpr uint32_t kSyslogChunks = 5;             // the system log moves through five
-constexpr uint32_t kShortNames = 10000;           // a tag and four digits fit 8.3
-constexpr uint32_t kFixedEntries = 1;             // the volume label
+constexpr uint32_t kJournalChunks = 4;   // two mirrored pairs
+constexpr uint32_t kSyslogChunks = 5;    // the system log moves through five
+constexpr uint32_t kShortNames = 10000;  // a tag and four digits fit 8.3
+constexpr uint32_t kFixedEntries = 1;    // the volume label
 
 uint64_t roundUp(uint64_t value, uint64_t unit) { return (value + unit - 1) / unit * unit; }
 

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "recorder/JournalSurvey.h"
+
 namespace tarn {
 
 enum class ImageRestore {
@@ -14,7 +16,13 @@ enum class ImageRestore {
 // Puts the image that the last clean stop left on the card in the database's place. It is marked
 // empty before anything relies on it: a power loss later must not bring it back, it is then older
 // than the journal. *error says what was wrong with an unusable one. Not part of the interface.
-ImageRestore restoreDatabaseImage(std::string* error);
+//
+// What an image must prove: its bytes are those that were saved and the journals hold what they
+// held then (recorder/ImageFormat.h; images of before there were seals need not); it defines our
+// tables and nothing else; and its newest rows are the journals' newest live records. `events` and
+// `streams` are what a survey of the journals just found.
+ImageRestore restoreDatabaseImage(const JournalSurvey& events, const JournalSurvey& streams,
+                                  std::string* error);
 
 // Marks an image empty that a clean stop left and no start has taken: the recorder goes on without
 // one, and the image will no longer be as new as the journal. To be called before rows can change.
@@ -22,8 +30,9 @@ ImageRestore restoreDatabaseImage(std::string* error);
 bool dropDatabaseImage();
 
 // Saves the database into its image; the old one is marked empty first. Nobody may use the database
-// meanwhile. False, with the reason, when there is none to save or the chunk has no room; the next
-// start then rebuilds it from the journal.
+// meanwhile. What was saved is read back and compared. False, with the reason, when there is none
+// to save, the chunk has no room, or the copy is not what the database is: there is no image then,
+// and the next start rebuilds the database from the journal.
 bool saveDatabaseImage(std::string* error);
 
 }  // namespace tarn

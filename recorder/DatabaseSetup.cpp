@@ -177,6 +177,22 @@ bool holds(CApiDb& db, const char* sql) {
   return db.getNTuple() == 1 && db.getValue(0, 0) != 0;
 }
 
+// Everything that a database defines, as text; false when it does not tell.
+bool schemaText(sqlite3* db, std::string* text) {
+  constexpr char kSql[] =
+      "SELECT type || '|' || name || '|' || tbl_name || '|' || ifnull( sql, '' ) "
+      "FROM sqlite_master ORDER BY type, name";
+  sqlite3_stmt* statement = nullptr;
+  if (sqlite3_prepare_v2(db, kSql, -1, &statement, nullptr) != SQLITE_OK) return false;
+  int result = sqlite3_step(statement);
+  for (; result == SQLITE_ROW; result = sqlite3_step(statement)) {
+    const unsigned char* row = sqlite3_column_text(statement, 0);
+    if (row != nullptr) *text += std::string(reinterpret_cast<const char*>(row)) + "\n";
+  }
+  sqlite3_finalize(statement);
+  return result == SQLITE_DONE;
+}
+
 bool seedTable(CApiDb& db, const char* table, uint32_t key, std::string* error) {
   if (key == 0) return true;
   char sql[512];
@@ -218,6 +234,17 @@ bool DatabaseSetup::check(const char* path, std::string* error) {
     return failed(error, std::string("table STREAM is missing or wrong in ") + path);
   }
   return true;
+}
+
+bool DatabaseSetup::hasOurSchema(sqlite3* db) {
+  sqlite3* fresh = nullptr;
+  std::string ours;
+  std::string theirs;
+  const bool known = sqlite3_open(":memory:", &fresh) == SQLITE_OK &&
+                     sqlite3_exec(fresh, kSqlSchema, nullptr, nullptr, nullptr) == SQLITE_OK &&
+                     schemaText(fresh, &ours);
+  sqlite3_close(fresh);
+  return known && schemaText(db, &theirs) && ours == theirs;
 }
 
 bool DatabaseSetup::seedKeys(const char* path, uint32_t greatestEventID, uint32_t greatestStreamID,

@@ -5,6 +5,8 @@
 
 #include "base/Export.h"
 
+struct sqlite3;
+
 namespace tarn {
 
 // Makes the recorder's database file and judges one that is there. The library itself never
@@ -31,6 +33,11 @@ class TARN_API DatabaseSetup {
   // True when `path` is a writable database with both tables in the right shape; rows do not
   // matter.
   static bool check(const char* path, std::string* error);
+
+  // True when this database's tables, indexes and all else are those of createEmpty(), letter for
+  // letter: no trigger, view or virtual table that would be run by whoever asks for a row. Runs
+  // nothing of what the database brings along.
+  static bool hasOurSchema(sqlite3* db);
 
   // Makes sure that the next keys given out are greater than these, the greatest ever used (0:
   // never used). Keys that the tables have reached already are left. Also for empty tables.

@@ -4,11 +4,10 @@
 
 #include "dblog/JournalFormat.h"
 #include "recorder/CardContents.h"
+#include "recorder/JournalCopies.h"
 
 namespace tarn {
 namespace {
-
-constexpr uint32_t kMaxJournalBytes = 12 * 1024 * 1024;  // the rebuild reads no further
 
 class JournalCheck {
  public:
@@ -21,26 +20,18 @@ class JournalCheck {
     if (mirror >= family.chunks) {
       return say(FindingKind::kJournalRecord, "the card has too few journal chunks");
     }
-    size_ = std::min(family.chunkSize, kMaxJournalBytes);
-    BlockReader original(contents_->card, chunkByte(family, traits_.chunk), size_);
-    BlockReader copy(contents_->card, chunkByte(family, traits_.chunk + 1), size_);
-    const uint32_t end = size_ - size_ % traits_.recordSize;
-    for (uint32_t position = 0; position < end; position += traits_.recordSize) {
-      if (!look(position, original.at(position, traits_.recordSize),
-                copy.at(position, traits_.recordSize))) {
-        break;
-      }
+    CardSource original(contents_->card, kFileJournal, static_cast<uint32_t>(traits_.chunk));
+    CardSource copy(contents_->card, kFileJournal, mirror);
+    JournalCopies copies(kind_, &original, &copy);
+    for (uint32_t position = 0; position < copies.size(); position += traits_.recordSize) {
+      if (!look(copies, copies.at(position), position)) break;
       end_ = position + traits_.recordSize;
     }
-    reportLost();
+    reportGap();
     checkFree();
   }
 
  private:
-  static uint64_t chunkByte(const CardFamily& family, int chunk) {
-    return family.startByte() + static_cast<uint64_t>(chunk) * family.chunkSize;
-  }
-
   const char* what() const { return kind_ == JournalKind::kEvent ? "event" : "recording"; }
   std::string rowName(const uint8_t* record) const {
     return std::string(what()) + " " + std::to_string(journalKey(record));
@@ -58,42 +49,54 @@ class JournalCheck {
     contents_->findings.add(finding);
   }
 
-  bool erased(const uint8_t* record) const {
-    return record != nullptr && journalMarker(record) == kMarkerErased;
-  }
-  bool valid(const uint8_t* record) const {
-    return record != nullptr && journalRecordValid(record, traits_.crcLength);
-  }
-
   // False at the journal's end.
-  bool look(uint32_t position, const uint8_t* first, const uint8_t* second) {
-    const bool firstValid = valid(first);
-    const bool secondValid = valid(second);
-    if (!firstValid && !secondValid) {
-      if (erased(first) && erased(second)) return false;
-      if (lost_++ == 0) lostFrom_ = position;
+  bool look(const JournalCopies& copies, JournalCopy copy, uint32_t position) {
+    if (copy == JournalCopy::kErased) return false;
+    if (copy == JournalCopy::kNeither || copy == JournalCopy::kRefused) {
+      noteGap(copy == JournalCopy::kRefused, position);
       return true;
     }
-    reportLost();
-    const uint8_t* record = firstValid ? first : second;
-    if (!firstValid || !secondValid) {
-      say(FindingKind::kJournalCopy, record,
-          std::string(firstValid ? "the second" : "the first") + " copy of the record of " +
-              rowName(record) + placeText(position) + " is damaged");
-    } else if (memcmp(first, second, traits_.recordSize) != 0) {
-      say(FindingKind::kJournalCopy, record,
-          "the copies of the record of " + rowName(record) + placeText(position) + " differ");
-    }
-    take(record, position);
+    reportGap();
+    compare(copies, copy, position);
+    take(copies.record(), position);
     return true;
   }
 
-  void reportLost() {
-    if (lost_ == 0) return;
-    const std::string records = std::to_string(lost_) + (lost_ == 1 ? " record" : " records");
-    say(FindingKind::kJournalRecord,
-        records + placeText(lostFrom_) + " cannot be read in either copy");
-    lost_ = 0;
+  void compare(const JournalCopies& copies, JournalCopy copy, uint32_t position) {
+    const uint8_t* record = copies.record();
+    const std::string which = copy == JournalCopy::kOriginal ? "the second" : "the first";
+    const std::string ofRecord = " copy of the record of " + rowName(record) + placeText(position);
+    if (copies.other() == nullptr) {
+      return say(FindingKind::kUnreadable, record,
+                 which + ofRecord + " is not given by the device; the other one is good");
+    }
+    if (memcmp(record, copies.other(), traits_.recordSize) == 0) return;
+    // Of two that are both in their places one is older; all else is damage.
+    if (journalRecordInPlace(traits_, copies.other(), position)) {
+      return say(
+          FindingKind::kJournalCopy, record,
+          "the copies of the record of " + rowName(record) + placeText(position) + " differ");
+    }
+    say(FindingKind::kJournalCopy, record, which + ofRecord + " is damaged");
+  }
+
+  // Places in a row that nobody can tell, damaged and refused ones apart.
+  void noteGap(bool refused, uint32_t position) {
+    if (gap_ > 0 && refused != gapRefused_) reportGap();
+    gapRefused_ = refused;
+    if (gap_++ == 0) gapFrom_ = position;
+  }
+
+  void reportGap() {
+    if (gap_ == 0) return;
+    const std::string records = std::to_string(gap_) + (gap_ == 1 ? " record" : " records");
+    if (gapRefused_) {
+      say(FindingKind::kUnreadable, records + placeText(gapFrom_) + " not given by the device");
+    } else {
+      say(FindingKind::kJournalRecord,
+          records + placeText(gapFrom_) + " cannot be read in either copy");
+    }
+    gap_ = 0;
   }
 
   void take(const uint8_t* record, uint32_t position) {
@@ -164,10 +167,10 @@ class JournalCheck {
   CardContents* contents_;
   const JournalKind kind_;
   const JournalTraits& traits_;
-  uint32_t size_ = 0;
-  uint32_t end_ = 0;   // of the records
-  uint32_t lost_ = 0;  // places in a row
-  uint32_t lostFrom_ = 0;
+  uint32_t end_ = 0;  // of the records
+  uint32_t gap_ = 0;  // places in a row
+  uint32_t gapFrom_ = 0;
+  bool gapRefused_ = false;
   uint32_t before_ = 0;
   uint32_t falls_ = 0;
   uint32_t newestKey_ = 0;

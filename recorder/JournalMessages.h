@@ -15,6 +15,8 @@ inline constexpr char kErrNoEmptyDatabase[] = "the empty database could not be s
 inline constexpr char kErrEventReplay[] = "the events could not be rebuilt from the card's journal";
 inline constexpr char kErrStreamReplay[] =
     "the recordings could not be rebuilt from the card's journal";
+inline constexpr char kErrPlaceRefused[] =
+    " cannot be read; nothing was changed, and the next start tries again";  // behind the place
 inline constexpr char kErrSurvey[] = "the card's journal could not be read";
 inline constexpr char kErrRowCount[] =
     "the rebuilt database has other rows than the card's journal";

@@ -7,6 +7,7 @@
 #include "base/Wrap.h"
 #include "fat/CFATAccess.h"
 #include "manager/ManageFormat.h"
+#include "recorder/Source.h"
 
 namespace tarn {
 namespace {
@@ -15,35 +16,39 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr int8_t kSyslogChunks = 5;  // take turns in being written; chunk 0's chType tells which
 
-// One management file, open.
+FileType manageType(FileType chunkType) {
+  if (chunkType == kFileStream) return kFileStreamManage;
+  return chunkType == kFileSyslog ? kFileSyslogManage : kFileJournalManage;
+}
+
+// One management file, open: two chunks of its own family.
 class ManageFile {
  public:
   ManageFile(FileType chunkType, uint32_t chunks)
-      : chunkType_(chunkType), chunks_(chunks), length_(manageDataSize(chunks)) {}
+      : chunkType_(chunkType),
+        chunks_(chunks),
+        length_(manageDataSize(chunks)),
+        main_(manageType(chunkType), kManageMainCopy, O_RDWR),
+        backup_(manageType(chunkType), kManageBackupCopy, O_RDWR) {}
 
-  bool open() {
-    for (const int copy : {kManageMainCopy, kManageBackupCopy}) {
-      char name[kChunkFileNameRoom];
-      handle_[copy] = fat_.open(manageFileName(kindSuffix(chunkType_), copy, name), O_RDWR);
-      if (handle_[copy] == -1 || low32(fat_.getChunkSize(handle_[copy])) < length_) return false;
-    }
-    return true;
-  }
+  bool isOpen() const { return main_.size() >= length_ && backup_.size() >= length_; }
 
-  // Empty when the copy is not good.
-  Bytes read(int copy) {
-    Bytes bytes(length_);
-    const bool good =
-        fat_.lseek(handle_[copy], 0, SEEK_SET) >= 0 &&
-        fat_.read(handle_[copy], bytes.data(), length_) == static_cast<long>(length_) &&
-        manageDataIsValid(bytes.data(), chunks_);
-    return good ? bytes : Bytes();
+  // *bytes is empty unless the copy is good.
+  Delivery read(int copy, Bytes* bytes) {
+    bytes->assign(length_, 0);
+    Delivery got = source(copy).read(0, bytes->data(), length_);
+    if (got == Delivery::kGood && !manageDataIsValid(bytes->data(), chunks_)) got = Delivery::kBad;
+    if (got != Delivery::kGood) bytes->clear();
+    return got;
   }
 
   bool write(int copy, const Bytes& bytes) {
-    return fat_.lseek(handle_[copy], 0, SEEK_SET) >= 0 &&
-           fat_.write(handle_[copy], bytes.data(), length_) == static_cast<long>(length_) &&
-           fat_.fsync(handle_[copy]) == 0;
+    return source(copy).write(0, bytes.data(), length_) && source(copy).flush();
+  }
+
+  // "MGST0001"
+  std::string name(int copy) const {
+    return std::string(fileTag(manageType(chunkType_))) + "000" + std::to_string(copy);
   }
 
   Bytes defaults() const {
@@ -81,11 +86,13 @@ class ManageFile {
     encodeManageRecord(record, bytes->data() + size_t{chunk} * kManageRecordSize);
   }
 
+  ChunkSource& source(int copy) { return copy == kManageMainCopy ? main_ : backup_; }
+
   const FileType chunkType_;
   const uint32_t chunks_;
   const uint32_t length_;
-  CFATAccess fat_;
-  int handle_[2] = {-1, -1};
+  ChunkSource main_;
+  ChunkSource backup_;
 };
 
 // Chunks of a family; -1 when the card does not say.
@@ -101,31 +108,47 @@ int chunksOf(FileType chunkType) {
 // the two, and the backup is the newer one. The main copy is taken all the same: nobody has acted
 // on a save that did not return (a row is inserted behind the claim of its chunk, a line of log
 // behind the change of its chunk), and everything but claims is rebuilt from rows and text anyway.
-ManageRepair judge(const Bytes& main, const Bytes& backup) {
-  if (main.empty() && backup.empty()) return ManageRepair::kDefaults;
-  if (main.empty()) return ManageRepair::kMainCopied;
-  return main == backup ? ManageRepair::kGood : ManageRepair::kBackupCopied;
+ManageRepair judge(Delivery main, Delivery backup, bool equal) {
+  if (main == Delivery::kRefused) {
+    return backup == Delivery::kGood ? ManageRepair::kMainUnread : ManageRepair::kUnreadable;
+  }
+  if (backup == Delivery::kRefused) {
+    return main == Delivery::kGood ? ManageRepair::kBackupUnread : ManageRepair::kUnreadable;
+  }
+  if (main == Delivery::kBad) {
+    return backup == Delivery::kBad ? ManageRepair::kDefaults : ManageRepair::kMainCopied;
+  }
+  return equal ? ManageRepair::kGood : ManageRepair::kBackupCopied;
 }
 
 }  // namespace
 
-ManageRepair repairManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* records) {
+ManageRepair repairManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* records,
+                              std::string* unread) {
   const int chunks = chunksOf(chunkType);
   if (chunks < 0) return ManageRepair::kFailed;
   ManageFile file(chunkType, static_cast<uint32_t>(chunks));
-  if (!file.open()) return ManageRepair::kFailed;
-  const Bytes main = file.read(kManageMainCopy);
-  const Bytes backup = file.read(kManageBackupCopy);
-  ManageRepair result = judge(main, backup);
-  Bytes taken = !main.empty() ? main : !backup.empty() ? backup : file.defaults();
-  if (file.correct(&taken)) result = ManageRepair::kCorrected;
-  // A copy that is good is the last to be written over.
-  const int first = main.empty() ? kManageMainCopy : kManageBackupCopy;
-  for (const int copy : {first, 1 - first}) {
-    const Bytes& present = copy == kManageMainCopy ? main : backup;
-    if (present != taken && !file.write(copy, taken)) result = ManageRepair::kFailed;
+  if (!file.isOpen()) return ManageRepair::kFailed;
+  Bytes main;
+  Bytes backup;
+  const Delivery ofMain = file.read(kManageMainCopy, &main);
+  const Delivery ofBackup = file.read(kManageBackupCopy, &backup);
+  ManageRepair result = judge(ofMain, ofBackup, main == backup);
+  if (unread != nullptr && (ofMain == Delivery::kRefused || ofBackup == Delivery::kRefused)) {
+    *unread = file.name(ofMain == Delivery::kRefused ? kManageMainCopy : kManageBackupCopy);
   }
-  if (records != nullptr) *records = file.records(taken);
+  if (result == ManageRepair::kUnreadable) return result;
+  Bytes taken = !main.empty() ? main : !backup.empty() ? backup : file.defaults();
+  if (result != ManageRepair::kBackupUnread && result != ManageRepair::kMainUnread) {
+    if (file.correct(&taken)) result = ManageRepair::kCorrected;
+    // A copy that is good is the last to be written over.
+    const int first = main.empty() ? kManageMainCopy : kManageBackupCopy;
+    for (const int copy : {first, 1 - first}) {
+      const Bytes& present = copy == kManageMainCopy ? main : backup;
+      if (present != taken && !file.write(copy, taken)) result = ManageRepair::kFailed;
+    }
+  }
+  if (records != nullptr && result != ManageRepair::kFailed) *records = file.records(taken);
   return result;
 }
 

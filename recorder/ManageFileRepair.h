@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Export.h"
 #include "fat/ChunkFiles.h"
 #include "manager/ChunkRecords.h"
 
@@ -16,14 +17,21 @@ enum class ManageRepair {
   kBackupCopied,  // the backup was bad, or older or newer than the main copy, and is the main's now
   kDefaults,      // both bad: what a new card has
   kCorrected,     // both good, but with a value that no recorder writes
-  kFailed,        // the card does not give or take them
+  kMainUnread,    // the backup is good, the card does not give the main copy: nothing was done
+  kBackupUnread,  // the other way round
+  kUnreadable,    // the card does not give one, and the other is not good: nothing was done
+  kFailed,        // the card has no such file or does not take it
 };
 
-// Makes both copies of a management file good and equal, without a server: every store opens the
-// main copy only and refuses a bad one. `chunkType` is the family that the file manages
-// (kFileStream, kFileSyslog, kFileJournal). *records, when not null, becomes what they hold. After
-// kDefaults the caller rebuilds offsets and channels from elsewhere. Flushed; a power loss in it
-// leaves one good copy where there was one.
-ManageRepair repairManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* records);
+// Makes both copies of a management file good and equal, without a server. `chunkType` is the
+// family that the file manages (kFileStream, kFileSyslog, kFileJournal). *records, when not null,
+// becomes what they hold; it stays as it is after kUnreadable and kFailed. After kDefaults the
+// caller rebuilds offsets and channels from elsewhere. Flushed; a power loss in it leaves one good
+// copy where there was one.
+//
+// A copy that the device does not give, also when asked again, may be good: it is not written over,
+// and no defaults are made beside it. *unread, when not null, then becomes its file's name.
+TARN_API ManageRepair repairManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* records,
+                                       std::string* unread = nullptr);
 
 }  // namespace tarn

@@ -47,6 +47,9 @@ const char* manageText(ManageRepair repair) {
     case ManageRepair::kCorrected:
       return "named a chunk that the card does not have, corrected";
     case ManageRepair::kGood:
+    case ManageRepair::kMainUnread:
+    case ManageRepair::kBackupUnread:
+    case ManageRepair::kUnreadable:
     case ManageRepair::kFailed:
       break;
   }
@@ -123,40 +126,61 @@ bool Recovery::geometry() {
   return geometry.ok() || fail(geometry.text);
 }
 
+bool Recovery::manageFile(FileType type, ManageRepair* repair, std::vector<CHUNK_MANAGE>* records) {
+  std::string unread;
+  *repair = repairManageFile(type, records, &unread);
+  const std::string name = std::string("management file of the ") + manageName(type);
+  switch (*repair) {
+    case ManageRepair::kFailed:
+      return fail(kErrManageFiles);
+    case ManageRepair::kUnreadable:
+      return fail("the " + name + " cannot be read (" + unread + "); nothing of it was changed");
+    case ManageRepair::kMainUnread:
+    case ManageRepair::kBackupUnread:
+      report_.problems.push_back("one copy of the " + name + " cannot be read (" + unread +
+                                 "); it is left as it is, the other one is good");
+      break;
+    default:
+      break;
+  }
+  const char* text = manageText(*repair);
+  if (*text != 0) syslog(LOG_NOTICE, "recovery: %s %s", name.c_str(), text);
+  return true;
+}
+
 bool Recovery::manageFiles() {
   if (omitted(Omit::kManageFiles)) return true;
-  report_.streamManage = repairManageFile(kFileStream, &channels_);
-  report_.syslogManage = repairManageFile(kFileSyslog, nullptr);
-  report_.journalManage = repairManageFile(kFileJournal, nullptr);
-  bool good = true;
-  for (const auto& [type, repair] :
-       {std::pair{kFileStream, report_.streamManage}, std::pair{kFileSyslog, report_.syslogManage},
-        std::pair{kFileJournal, report_.journalManage}}) {
-    good = good && repair != ManageRepair::kFailed;
-    const char* text = manageText(repair);
-    if (*text == 0) continue;
-    syslog(LOG_NOTICE, "recovery: management file of the %s %s", manageName(type), text);
+  const bool stream = manageFile(kFileStream, &report_.streamManage, &channels_);
+  const bool log = manageFile(kFileSyslog, &report_.syslogManage, nullptr);
+  return manageFile(kFileJournal, &report_.journalManage, nullptr) && stream && log;
+}
+
+// The image is judged by what the journals hold, and after a start from it they are as good as
+// after any other: a damaged copy is mended as long as there is a good one.
+bool Recovery::scrub(StartUp* startUp) {
+  const bool done = startUp->scrub();
+  for (const JournalSurvey* survey : {&startUp->report().events, &startUp->report().streams}) {
+    if (survey->unread == 0) continue;
+    report_.problems.push_back("the " + survey->unreadText + " cannot be read (" +
+                               std::to_string(survey->unread) +
+                               " records); the other copy is good and is used");
   }
-  return good;
-}
-
-bool Recovery::restoreImage() {
-  std::string error;
-  const ImageRestore result = restoreDatabaseImage(&error);
-  if (result == ImageRestore::kFailed) fail(error);
-  if (result == ImageRestore::kUnusable) report_.problems.push_back(error);
-  report_.fromImage = result == ImageRestore::kRestored;
-  return report_.fromImage;
-}
-
-bool Recovery::rebuild() {
-  report_.startUp = StartUp().run();
-  const uint32_t refused = report_.startUp.events.refused + report_.startUp.streams.refused;
+  const uint32_t refused = startUp->report().events.refused + startUp->report().streams.refused;
   if (refused > 0) {
     report_.problems.push_back("the card did not take " + std::to_string(refused) +
                                " corrections of journal records");
   }
-  return report_.startUp.ok() || fail(report_.startUp.error);
+  return done;
+}
+
+bool Recovery::restoreImage(const StartUp& startUp) {
+  std::string error;
+  const ImageRestore result =
+      restoreDatabaseImage(startUp.report().events, startUp.report().streams, &error);
+  if (result == ImageRestore::kFailed) fail(error);
+  if (result == ImageRestore::kUnusable) report_.problems.push_back(error);
+  report_.fromImage = result == ImageRestore::kRestored;
+  return report_.fromImage;
 }
 
 // A process that dies with the database locked keeps it locked for all others. Nobody but this
@@ -174,7 +198,15 @@ bool Recovery::freeDatabase() {
 
 bool Recovery::database() {
   if (!freeDatabase()) return false;
-  if (!restoreImage()) return report_.ok() && rebuild();
+  StartUp startUp;
+  const bool scrubbed = scrub(&startUp);
+  report_.startUp = startUp.report();
+  if (!scrubbed) return fail(report_.startUp.error);
+  if (!restoreImage(startUp)) {
+    if (!report_.ok()) return false;
+    report_.startUp = startUp.rebuild();
+    return report_.startUp.ok() || fail(report_.startUp.error);
+  }
   // Offsets that step 1 had to make anew are nowhere else.
   return omitted(Omit::kJournalFreeOffset) || CDbRestore().recoverJournalManage() == 0 ||
          fail(kErrJournalManage);

@@ -23,10 +23,10 @@ class FileLock;
 //   if (!report.ok()) return complain(report.error);
 //
 // Steps, each needed by the next: the card's geometry (a card that is not what it says it is, is
-// not written to); management files; database (its image after a clean stop, else an empty one,
-// both journals made equal, replayed, counted); free offsets of the journal; rows that were left
-// open; open events; stream headers; management data of stream chunks and system log; flush of the
-// card.
+// not written to); management files; both journals made equal; database (its image after a clean
+// stop, else an empty one, the journals replayed, counted); free offsets of the journal; rows that
+// were left open; open events; stream headers; management data of stream chunks and system log;
+// flush of the card.
 //
 // Running it again changes nothing on the card, and after a power loss during it the next run ends
 // in the same state. No management server may run: it is kept out meanwhile. The work grows with
@@ -56,8 +56,9 @@ class TARN_API Recovery {
   bool manageFiles();
   bool freeDatabase();
   bool database();
-  bool restoreImage();
-  bool rebuild();
+  bool scrub(StartUp* startUp);
+  bool restoreImage(const StartUp& startUp);
+  bool manageFile(FileType type, ManageRepair* repair, std::vector<CHUNK_MANAGE>* records);
   bool manageData();
   bool syslogManage(CDbRestore* restore);
   bool countRows();

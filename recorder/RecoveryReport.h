@@ -43,7 +43,8 @@ struct RecoveryReport {
   ManageRepair streamManage = ManageRepair::kGood;
   ManageRepair syslogManage = ManageRepair::kGood;
   ManageRepair journalManage = ManageRepair::kGood;
-  bool fromImage = false;  // the database came from its image, `startUp` was not needed
+  // The database came from its image; of `startUp` only what the journals hold was needed.
+  bool fromImage = false;
   StartUpReport startUp;
   uint32_t eventRows = 0;  // at the end
   uint32_t streamRows = 0;

@@ -5,6 +5,7 @@
 #include "base/Omission.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbRestore.h"
+#include "dblog/ReplayFailure.h"
 #include "recorder/DatabaseSetup.h"
 #include "recorder/JournalMessages.h"
 
@@ -41,21 +42,29 @@ bool StartUp::makeDatabase() {
 }
 
 bool StartUp::scrub() {
-  if (omitted(Omit::kScrub)) {
-    return surveyJournal(JournalKind::kEvent, &report_.events) == 0 &&
-           surveyJournal(JournalKind::kStream, &report_.streams) == 0;
-  }
-  return (scrubJournal(JournalKind::kEvent, &report_.events) == 0 &&
-          scrubJournal(JournalKind::kStream, &report_.streams) == 0) ||
-         fail(StartUpReport::kSurvey, kErrSurvey);
+  scrubbed_ = true;
+  JournalSurvey& events = report_.events;
+  JournalSurvey& streams = report_.streams;
+  const bool done = omitted(Omit::kScrub) ? surveyJournal(JournalKind::kEvent, &events) == 0 &&
+                                                surveyJournal(JournalKind::kStream, &streams) == 0
+                                          : scrubJournals(&events, &streams) == 0;
+  if (done) return true;
+  const std::string& reason = events.error.empty() ? streams.error : events.error;
+  return fail(StartUpReport::kSurvey, reason.empty() ? kErrSurvey : reason);
+}
+
+// Where the replay itself knows why.
+void StartUp::replayFailed(StartUpReport::Step step, const char* text) {
+  const std::string reason = lastReplayFailure();
+  fail(step, reason.empty() ? text : text + (": " + reason));
 }
 
 bool StartUp::replay() {
   CDbRestore restore;
   if (omitted(Omit::kReplay)) return true;
-  if (restore.restoreEventDb() != 0) fail(StartUpReport::kEventReplay, kErrEventReplay);
+  if (restore.restoreEventDb() != 0) replayFailed(StartUpReport::kEventReplay, kErrEventReplay);
   if (restore.restoreStreamDb(kStreamJournalChunk) != 0) {
-    fail(StartUpReport::kStreamReplay, kErrStreamReplay);
+    replayFailed(StartUpReport::kStreamReplay, kErrStreamReplay);
   }
   report_.eventRows = count(kSqlCountEvents);
   report_.streamRows = count(kSqlCountStreams);
@@ -80,13 +89,18 @@ bool StartUp::seedKeys() {
 
 // Nothing that follows a failed rebuild is run: free offsets taken from rows that are not all there
 // would have the next insert overwrite the records of those that are missing.
-StartUpReport StartUp::run() {
-  report_ = StartUpReport();
-  if (makeDatabase() && scrub() && replay() && countRows() && seedKeys() &&
+StartUpReport StartUp::rebuild() {
+  if (makeDatabase() && (scrubbed_ || scrub()) && replay() && countRows() && seedKeys() &&
       !omitted(Omit::kJournalFreeOffset) && CDbRestore().recoverJournalManage() != 0) {
     fail(StartUpReport::kJournalManage, kErrJournalManage);
   }
   return report_;
+}
+
+StartUpReport StartUp::run() {
+  report_ = StartUpReport();
+  scrubbed_ = false;
+  return rebuild();
 }
 
 }  // namespace tarn

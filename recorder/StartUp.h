@@ -40,15 +40,22 @@ class TARN_API StartUp {
  public:
   StartUpReport run();
 
+  // run() in two parts, for whoever may have the database from elsewhere: the journals made equal
+  // and counted (report() tells what they hold), and all the rest. False when it failed.
+  bool scrub();
+  StartUpReport rebuild();
+  const StartUpReport& report() const { return report_; }
+
  private:
   bool makeDatabase();
-  bool scrub();
   bool replay();
+  void replayFailed(StartUpReport::Step step, const char* text);
   bool countRows();
   bool seedKeys();
   bool fail(StartUpReport::Step step, const std::string& text);
 
   StartUpReport report_;
+  bool scrubbed_ = false;
 };
 
 }  // namespace tarn

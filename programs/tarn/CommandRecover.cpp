@@ -41,6 +41,11 @@ const char* repairName(ManageRepair repair) {
       return "made anew";
     case ManageRepair::kCorrected:
       return "corrected";
+    case ManageRepair::kMainUnread:
+    case ManageRepair::kBackupUnread:
+      return "one copy cannot be read";
+    case ManageRepair::kUnreadable:
+      return "cannot be read";
     case ManageRepair::kFailed:
       break;
   }
@@ -51,7 +56,8 @@ Json journalJson(const JournalSurvey& journal) {
   return {{"records", journal.records},         {"rows", journal.liveKeys},
           {"greatestKey", journal.greatestKey}, {"unreadable", journal.unreadable},
           {"copied", journal.copied},           {"unlike", journal.unlike},
-          {"bridged", journal.bridged},         {"refused", journal.refused}};
+          {"bridged", journal.bridged},         {"phantoms", journal.phantoms},
+          {"unread", journal.unread},           {"refused", journal.refused}};
 }
 
 Json changeJson(const RecoveryChange& change) {

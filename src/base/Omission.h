@@ -55,6 +55,7 @@ enum class Omit {
   kImageEmptied,       // marked empty at once after the restore
   kImageClearedFirst,  // and before a new one is saved
   kImageTrust,         // only an image that is as new as the journal is taken
+  kImageSeal,          // an image proves its bytes and the journals' state
   // System log
   kLogMark,      // the mark behind the newest line
   kLogBlocks,    // no line straddles a block

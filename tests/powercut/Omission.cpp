@@ -50,6 +50,7 @@ constexpr Named kNames[] = {
     {"image-emptied", Omit::kImageEmptied},
     {"image-cleared-first", Omit::kImageClearedFirst},
     {"image-trust", Omit::kImageTrust},
+    {"image-seal", Omit::kImageSeal},
     {"log-mark", Omit::kLogMark},
     {"log-blocks", Omit::kLogBlocks},
     {"log-mark-last", Omit::kLogMarkLast},

@@ -182,15 +182,18 @@ class DatabaseImageTest : public testing::Test {
   SyslogCapture log;
 };
 
-TEST_F(DatabaseImageTest, ACleanStopIsFollowedByAStartWithoutTheJournal) {
+TEST_F(DatabaseImageTest, ACleanStopIsFollowedByAStartWithoutAReplay) {
   rig.record(0, 40);
   stopCleanly();
   EXPECT_GT(imageSize(), 0);
-  rig.card.fill(rig.card.chunkStart(tarn::kFileJournal, 3), 64, 0x5A);  // would be mended
+  const Bytes record = rig.card.readChunk(tarn::kFileJournal, 3, 0, 64);
+  rig.card.fill(rig.card.chunkStart(tarn::kFileJournal, 3), 64, 0x5A);
   const RecoveryReport report = rig.boot();
   ASSERT_TRUE(report.ok()) << report.error;
   EXPECT_TRUE(report.fromImage);
-  EXPECT_EQ(report.startUp.streams.records, 0u) << "the journal was read";
+  EXPECT_EQ(report.startUp.streamRows, 0u) << "the journal was replayed";
+  EXPECT_EQ(report.startUp.streams.copied, 1u) << "it would go on without its mirror";
+  EXPECT_EQ(rig.card.readChunk(tarn::kFileJournal, 3, 0, 64), record);
   EXPECT_EQ(report.streamRows, 1u);
   EXPECT_EQ(imageSize(), 0) << "marked empty at once";
   EXPECT_EQ(access("/tmp/DB.dat.image", F_OK), -1);
@@ -402,6 +405,136 @@ TEST_F(DatabaseImageTest, NoServerStartsThatCannotDropIt) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "tarn-server: the card's database image can't be marked empty\n");
   EXPECT_GT(imageSize(), 0);
+}
+
+// The checksum covers every byte, the size in front of them too.
+TEST_F(DatabaseImageTest, OneFlippedBitAnywhereSendsTheStartToTheJournal) {
+  rig.record(0, 40);
+  stopCleanly();
+  const Bytes good = rig.cardBytes();
+  const auto size = static_cast<uint32_t>(imageSize());
+  for (const uint32_t byte : {0u, 1u, 4u, 28u, 4u + size / 2, 4u + size / 3, 3u + size}) {
+    rig.setCard(good);
+    Bytes bytes = rig.card.readChunk(tarn::kFileDbImage, 0, byte, 1);
+    bytes[0] ^= 0x10;
+    rig.card.writeChunk(tarn::kFileDbImage, 0, byte, bytes);
+    const RecoveryReport report = rig.boot();
+    ASSERT_TRUE(report.ok()) << byte << report.error;
+    EXPECT_FALSE(report.fromImage) << byte;
+    EXPECT_EQ(report.streamRows, 1u);
+  }
+}
+
+// Rows that change without a newer one.
+TEST_F(DatabaseImageTest, AnImageFromBeforeAChangeOfARowIsNotTrusted) {
+  rig.record(0, 40);
+  stopCleanly();
+  const Bytes image = rig.card.readChunk(tarn::kFileDbImage, 0, 0, kMiB);
+  ASSERT_TRUE(rig.boot().fromImage);
+  rig.startServer();
+  {
+    CApiDb db;
+    DB_STREAM row = {};
+    ASSERT_EQ(db.selectStream(1, &row), 1u);
+    row.inTrg = 77;
+    db.updateStream(0x02, &row);
+  }
+  rig.powerOff();
+  rig.card.writeChunk(tarn::kFileDbImage, 0, 0, image);
+  const RecoveryReport report = rig.boot();
+  ASSERT_TRUE(report.ok()) << report.error;
+  EXPECT_THAT(report.problems, ElementsAre("the database image is not as new as the journal"));
+  EXPECT_EQ(allStreams()[0].inTrg, 77u);
+}
+
+TEST_F(DatabaseImageTest, AnImageWithoutASealIsTakenByItsRows) {
+  rig.record(0, 40);
+  stopCleanly();
+  const uint64_t seal = rig.card.chunkStart(tarn::kFileDbImage, 0) +
+                        rig.card.readChunk(tarn::kFileDbImage, 0, 0, kMiB).size() - 512;
+  ASSERT_EQ(rig.card.read(seal, 8), (Bytes{'T', 'A', 'R', 'N', 'S', 'E', 'A', 'L'}));
+  rig.card.fill(seal, 64, 0xFF);
+  EXPECT_TRUE(rig.boot().fromImage);
+  EXPECT_EQ(verifyAll(), range(0, 40));
+}
+
+TEST_F(DatabaseImageTest, AReadErrorOnTheDatabaseLeavesNoImage) {
+  rig.record(0, 40);
+  CDbLog::getInstance()->finish();
+  rig.stopServer();
+  const Bytes before = rig.cardBytes();
+  int reads = 0;
+  {
+    const IoFaults counted("/tmp/DB.dat");
+    std::string error;
+    ASSERT_EQ(Recovery().saveImage(&error), 0) << error;
+    reads = static_cast<int>(counted.count(Call::Read));
+  }
+  ASSERT_GT(reads, 2);
+  for (int n = 1; n <= reads; n += 3) {
+    rig.setCard(before);
+    std::string error;
+    IoFaults faults("/tmp/DB.dat");
+    faults.fail(Call::Read, n, EIO, IoFaults::kForever);
+    EXPECT_EQ(Recovery().saveImage(&error), -1) << n;
+    EXPECT_FALSE(error.empty());
+    EXPECT_EQ(imageSize(), 0) << n;
+  }
+}
+
+TEST_F(DatabaseImageTest, NothingThatAnImageDefinesIsRun) {
+  rig.record(0, 40);
+  {
+    CApiDb db;
+    db.setSqlNoResult("CREATE TRIGGER t AFTER INSERT ON STREAM BEGIN DELETE FROM EVENT; END");
+  }
+  stopCleanly();
+  const RecoveryReport report = rig.boot();
+  ASSERT_TRUE(report.ok()) << report.error;
+  EXPECT_FALSE(report.fromImage);
+  EXPECT_THAT(report.problems,
+              ElementsAre("the database image has other tables than the recorder's"));
+  EXPECT_EQ(verifyAll(), range(0, 40));
+}
+
+class ManageCopies : public DatabaseImageTest {};
+
+TEST_F(ManageCopies, OnesThatAreRefusedAreNeitherMadeAnewNorWrittenOver) {
+  rig.record(0, 40);
+  rig.powerOff();
+  ASSERT_TRUE(rig.boot().ok());
+  const Bytes before = rig.cardBytes();
+  for (const int type : {tarn::kFileStreamManage, tarn::kFileSyslogManage}) {
+    for (const int copies : {1, 2, 3}) {
+      RecoveryReport report;
+      {
+        IoFaults faults(kCardPath);
+        for (int copy = 0; copy < 2; ++copy) {
+          if ((copies & (1 << copy)) == 0) continue;
+          faults.failAt(Call::Read, rig.card.chunkStart(type, copy), 512, EIO);
+        }
+        std::vector<CHUNK_MANAGE> records;
+        std::string unread;
+        const auto chunkType =
+            type == tarn::kFileStreamManage ? tarn::kFileStream : tarn::kFileSyslog;
+        const tarn::ManageRepair expected[] = {
+            tarn::ManageRepair::kGood, tarn::ManageRepair::kMainUnread,
+            tarn::ManageRepair::kBackupUnread, tarn::ManageRepair::kUnreadable};
+        EXPECT_EQ(tarn::repairManageFile(chunkType, &records, &unread), expected[copies]);
+        EXPECT_EQ(unread, std::string(type == tarn::kFileStreamManage ? "MGST" : "MGSL") +
+                              (copies == 2 ? "0001" : "0000"));
+        EXPECT_EQ(faults.count(Call::Write), 0u);
+        if (copies == 3) {
+          report = rig.boot();
+          EXPECT_NE(report.error.find("cannot be read"), std::string::npos) << report.error;
+          EXPECT_EQ(faults.count(Call::Write), 0u);
+        }
+      }
+      EXPECT_TRUE(rig.cardBytes() == before) << type << " " << copies;
+    }
+  }
+  EXPECT_TRUE(rig.boot().ok());
+  EXPECT_EQ(verifyAll(), range(0, 40));
 }
 
 }  // namespace

@@ -37,6 +37,12 @@ struct Order {
   int error = 0;
   uint64_t bytes = 0;
   std::chrono::milliseconds time{0};
+  int64_t from = 0;  // only calls that touch a byte of these; to 0: every call
+  int64_t to = 0;
+
+  bool touches(int64_t offset, uint64_t length) const {
+    return to == 0 || (offset < to && offset + static_cast<int64_t>(length) > from);
+  }
 };
 
 // What one call has to do instead of, or besides, its work.
@@ -97,10 +103,10 @@ std::vector<std::shared_ptr<IoFaults::State>>& live() {
 }
 
 // Counts the call down in every order of its kind and returns the first one that is due.
-std::optional<Order> dueOrder(IoFaults::State& state, Call call) {
+std::optional<Order> dueOrder(IoFaults::State& state, Call call, int64_t offset, uint64_t length) {
   std::optional<Order> due;
   for (Order& order : state.orders) {
-    if (order.call != call || order.times == 0) continue;
+    if (order.call != call || order.times == 0 || !order.touches(offset, length)) continue;
     if (order.left > 1) {
       --order.left;
       continue;
@@ -152,7 +158,7 @@ class Passage {
       state->records.push_back({call, path, offset, length, -1});
     }
     for (const auto& [state, place] : places_) {
-      const std::optional<Order> order = dueOrder(*state, call);
+      const std::optional<Order> order = dueOrder(*state, call, offset, length);
       if (order) applyOrder(*state, *order, lock, verdict_);
     }
   }
@@ -266,6 +272,14 @@ IoFaults::~IoFaults() {
 void IoFaults::fail(Call call, int n, int error, int times) {
   std::lock_guard<std::mutex> lock(stateMutex());
   state_->orders.push_back({Order::Kind::Fail, call, n, times, error});
+}
+
+void IoFaults::failAt(Call call, uint64_t offset, uint64_t length, int error, int times) {
+  std::lock_guard<std::mutex> lock(stateMutex());
+  Order order = {Order::Kind::Fail, call, 1, times, error};
+  order.from = static_cast<int64_t>(offset);
+  order.to = static_cast<int64_t>(offset + length);
+  state_->orders.push_back(order);
 }
 
 void IoFaults::shorten(Call call, int n, uint64_t bytes, int error) {

@@ -42,6 +42,8 @@ class IoFaults {
   // The n-th call and the `times` - 1 after it do nothing, return -1 and set errno (ThreadCreate
   // returns it). Lseek with a position query can be failed like any other.
   void fail(Call call, int n, int error, int times = 1);
+  // The first `times` calls that touch one of these bytes: a bad sector.
+  void failAt(Call call, uint64_t offset, uint64_t length, int error, int times = kForever);
   // The n-th read or write does `bytes` only. errno is set to `error` beside the positive result
   // (0: left as it was).
   void shorten(Call call, int n, uint64_t bytes, int error = 0);
