@@ -8,6 +8,7 @@
 
 #include "base/StandardStreams.h"
 #include "programs/OutOfMemory.h"
+#include "recorder/DatabaseGate.h"
 #include "recorder/DatabaseSetup.h"
 
 namespace {
@@ -29,6 +30,12 @@ using Action = bool (*)(const char* path, std::string* error);
 
 int run(const char* name, Action action) {
   std::string error;
+  pid_t holder = 0;
+  if (tarn::DatabaseGate::look(&holder) == tarn::DatabaseGate::State::kHolderDead) {
+    fprintf(stderr, "dbsetup %s: the database is locked by process %d, which is gone\n", name,
+            static_cast<int>(holder));
+    return kExitFailed;
+  }
   const auto act = [&] {
     return action(tarn::DatabaseSetup::defaultPath(), &error) ? kExitOk : kExitFailed;
   };

@@ -11,8 +11,8 @@ namespace tarn {
 inline constexpr char kDatabaseUnread[] =
     "the database /tmp/DB.dat cannot be read; start the recorder again to rebuild it";
 
-// True when there is a database that can be read, with both tables in the right shape. Otherwise
-// *error says why not.
+// True when there is a database that can be read, with both tables in the right shape, and nobody
+// keeps it locked for ten seconds or for ever. Otherwise *error says why not.
 bool databaseIsGood(std::string* error);
 // True when the last statement was done. Otherwise its result, also an empty one, says nothing, and
 // *error is set.

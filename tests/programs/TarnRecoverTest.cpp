@@ -90,8 +90,18 @@ pid_t dieWithTheDatabaseLocked() {
 }
 
 TEST_F(TarnRecoverTest, SetsTheDatabaseFreeOfAProcessThatIsGone) {
-  ASSERT_EQ(shell("cp /tmp/card /dev/sdblk0p1").exitCode, 0);
+  ASSERT_EQ(shell("cp /tmp/card /dev/sdblk0p1; " TARN_BIN_DIR
+                  "/dbsetup init && mv /tmp/DB.dat /tmp/before.dat")
+                .exitCode,
+            0);
   const std::string dead = std::to_string(dieWithTheDatabaseLocked());
+  // Nobody else waits for it for ever.
+  const std::string locked = "the database is locked by process " + dead + ", which is gone";
+  ASSERT_EQ(shell("cp /tmp/before.dat /tmp/DB.dat").exitCode, 0);
+  EXPECT_EQ(shell("timeout -s KILL 60 " TARN_BIN_DIR "/tarn list").output,
+            "tarn: " + locked + "; tarn recover sets it free\n");
+  EXPECT_EQ(shell("timeout -s KILL 60 " TARN_BIN_DIR "/dbsetup start").output,
+            "dbsetup start: " + locked + "\n");
   const std::string recover = "timeout -s KILL 60 " TARN_BIN_DIR "/tarn recover";
   const ShellResult json = shell(recover + " --json 2>/tmp/said");
   EXPECT_EQ(json.exitCode, 0) << json.output;
