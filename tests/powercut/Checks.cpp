@@ -540,7 +540,7 @@ std::string Checker::checkRecovered(Cut cut, uint64_t flushed) {
 
 // A read that fails once changes nothing at all. One that fails for longer may stop the recovery,
 // or leave something for the next one, which then brings all of it back.
-std::string Checker::checkRefused(const ReadFault& fault) {
+std::string Checker::checkUndone(const ReadFault& fault) {
   Card& card = Card::get();
   card.refuse(&fault);
   const tarn::RecoveryReport report = bootCard();
@@ -551,6 +551,12 @@ std::string Checker::checkRefused(const ReadFault& fault) {
   if (fault.isPassing()) return checkResult(report, life_.cut, 0);
   failure = checkResult(bootCard(), life_.cut, 0);
   return failure.empty() ? "" : "after the fault: " + failure;
+}
+
+std::string Checker::checkRefused(const ReadFault& fault) {
+  const std::string failure = checkUndone(fault);
+  const std::string stray = Card::get().takeStray();
+  return failure.empty() && !stray.empty() ? "I7: written outside the chunks: " + stray : failure;
 }
 
 std::string Checker::checkResult(const tarn::RecoveryReport& report, Cut cut, uint64_t flushed) {

@@ -40,6 +40,7 @@ class Checker {
 
  private:
   std::string checkRecovered(Cut cut, uint64_t flushed);
+  std::string checkUndone(const ReadFault& fault);
   std::string checkResult(const tarn::RecoveryReport& report, Cut cut, uint64_t flushed);
   std::string checkFormat(Cut cut);
 

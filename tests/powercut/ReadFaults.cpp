@@ -79,7 +79,8 @@ std::string checkStreams(const Recorded& life, const ReadFault& fault) {
     const auto place = now.find(row.streamID);
     if (place == now.end()) return "gone: " + text(row);
     const bool same = memcmp(&place->second, &row, sizeof row) == 0;
-    if (!same && touched.count(row.streamID) == 0)
+    const bool left = fault.kind != ReadFault::kSector && place->second.recSize == 0;
+    if (!same && !left && touched.count(row.streamID) == 0)
       return text(row) + " has become " + text(place->second);
     // What else refuses reads ends with the recovery, or at the next read.
     if (fault.kind != ReadFault::kSector || place->second.recSize == 0) continue;
@@ -101,8 +102,9 @@ std::string checkEvents(const Recorded& life) {
 // The error of a start that a bad sector stops says where it is.
 std::string checkError(const ReadFault& fault, const std::string& error) {
   if (fault.kind != ReadFault::kSector || placeOf(fault.sector * kSector).empty()) return "";
-  const bool named =
-      error.find("chunk") != std::string::npos && error.find("offset") != std::string::npos;
+  const auto has = [&error](const char* text) { return error.find(text) != std::string::npos; };
+  // A management file is read as a whole.
+  const bool named = (has("chunk") && (has("offset") || has("at byte"))) || has("(MG");
   return named ? "" : "stops without the place: " + error;
 }
 
