@@ -126,6 +126,17 @@ TEST(RecordingSession, EntriesHoldKeyNumberPlaceTimeAndFlags) {
   EXPECT_EQ(second.flags, 0);
 }
 
+TEST(RecordingSession, ServerWithoutTheCardsDataIsToldFromOneThatDoesNotAnswer) {
+  RecorderRig rig;
+  rig.stopServer();
+  for (int copy : {0, 1}) rig.card.writeChunk(kFileStreamManage, copy, 5, {0x5A});
+  rig.startServer();
+  RecordingSession session;
+  EXPECT_EQ(session.open({}), -1);
+  EXPECT_EQ(session.error(), RecordingError::kCard);
+  EXPECT_STREQ(session.errorText(), kErrServerCard);
+}
+
 TEST(RecordingSession, UnusedChunkIsTakenForTheChannelAndSaved) {
   RecorderRig rig;
   RecordingSession session;
