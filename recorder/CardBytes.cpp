@@ -71,12 +71,15 @@ bool CardBytes::read(uint64_t offset, void* out, size_t length) const {
 }
 
 void CardBytes::cover(uint64_t offset, uint8_t* out, size_t length) const {
-  for (const Change& change : changes_) {
-    const uint64_t from = std::max(offset, change.offset);
-    const uint64_t to = std::min(offset + length, change.offset + change.bytes.size());
+  // The one before may reach in.
+  auto change = changes_.upper_bound(offset);
+  if (change != changes_.begin()) --change;
+  for (; change != changes_.end() && change->first < offset + length; ++change) {
+    const auto& [start, bytes] = *change;
+    const uint64_t from = std::max(offset, start);
+    const uint64_t to = std::min(offset + length, start + bytes.size());
     if (from >= to) continue;
-    memcpy(out + (from - offset), change.bytes.data() + (from - change.offset),
-           static_cast<size_t>(to - from));
+    memcpy(out + (from - offset), bytes.data() + (from - start), static_cast<size_t>(to - from));
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -14,11 +15,8 @@ namespace tarn {
 // Used by one thread.
 class CardBytes {
  public:
-  // Bytes that are to stand at a place of the card.
-  struct Change {
-    uint64_t offset = 0;
-    std::vector<uint8_t> bytes;
-  };
+  // Bytes that are to stand at places of the card, none over another.
+  using Changes = std::map<uint64_t, std::vector<uint8_t>>;
 
   // 0, or -1 with the reason in *error: it cannot be opened, or does not say how large it is.
   int open(const std::string& path, std::string* error);
@@ -31,10 +29,10 @@ class CardBytes {
   // patience (2 s in all) lasts; and for bytes behind the card's end.
   bool read(uint64_t offset, void* out, size_t length) const;
 
-  // From now on reads give these bytes. Later changes cover earlier ones.
-  void plan(Change change) { changes_.push_back(std::move(change)); }
-  const std::vector<Change>& changes() const { return changes_; }
-  void forget(size_t keep) { changes_.resize(keep); }
+  // From now on reads give these bytes where they lie.
+  void plan(uint64_t offset, std::vector<uint8_t> bytes) { changes_[offset] = std::move(bytes); }
+  const Changes& changes() const { return changes_; }
+  void setChanges(Changes changes) { changes_ = std::move(changes); }
 
  private:
   bool readOnce(uint64_t offset, void* out, size_t length) const;
@@ -43,7 +41,7 @@ class CardBytes {
   UniqueFd fd_;
   uint64_t size_ = 0;
   mutable uint32_t patienceMs_ = 2000;
-  std::vector<Change> changes_;
+  Changes changes_;
 };
 
 }  // namespace tarn

@@ -94,8 +94,15 @@ class Verifier {
   bool mismatch(const std::string& what, const std::string& advice = "") {
     report_.verdict = Delivery::kBad;
     report_.text = path_ + ": " + what + "; nothing was written; " +
-                   (advice.empty() ? "mend it with \"tarn check " + path_ + " --repair\"" : advice);
+                   (advice.empty() ? "mend it with \"" + repairCommand() + "\"" : advice);
     return false;
+  }
+
+  // Without a name it is the recorder's own card, also in a private view, where the name is
+  // another.
+  std::string repairCommand() const {
+    const bool own = path_ == deviceName(kRecorderPartition);
+    return "tarn check " + (own ? std::string() : path_ + " ") + "--repair";
   }
 
   bool judge(Delivery delivery, const std::string& unread, const std::string& wrong) {
@@ -217,8 +224,8 @@ class Verifier {
         return mismatch("the " + familyText(type) + " chunks end at byte " + text(end) +
                             ", the card at byte " + text(card_.size()),
                         "the card is damaged or only a part of it is here: copy it again, whole, "
-                        "or try \"tarn check " +
-                            path_ + " --repair\"");
+                        "or try \"" +
+                            repairCommand() + "\"");
       }
     }
     return true;

@@ -16,17 +16,14 @@ constexpr uint32_t kChainEnd = 0x0FFFFFFF;
 constexpr uint32_t kMediaEntry = 0x0FFFFFF8;
 constexpr uint8_t kMedia = 0xF8;
 
-// Directory entry, beyond fat/FatFormat.h                off size
-constexpr uint32_t kDirAttributeOff = 11;   //  11  1
+// Directory entry, beyond VolumeFormat.h                 off size
 constexpr uint32_t kDirCreateTimeOff = 14;  //  14  2
 constexpr uint32_t kDirCreateDateOff = 16;  //  16  2
 constexpr uint32_t kDirAccessDateOff = 18;  //  18  2
 constexpr uint32_t kDirWriteTimeOff = 22;   //  22  2
 constexpr uint32_t kDirWriteDateOff = 24;   //  24  2
-constexpr uint32_t kDirSizeOff = 28;        //  28  4
 constexpr uint8_t kAttributeLabel = 0x08;
 constexpr uint8_t kAttributeLongName = 0x0F;
-constexpr uint8_t kAttributeArchive = 0x20;
 constexpr uint32_t kFullNameBytes = 11;
 
 // Long-name entry                                        off size
@@ -123,7 +120,7 @@ class DirectoryWriter {
 
   void shortEntry(const char* shortName, int type, uint32_t chunk) {
     memcpy(next_, shortName, kFullNameBytes);
-    next_[kDirAttributeOff] = kAttributeArchive;
+    next_[kDirAttributeOff] = kDirArchive;
     putLe16(next_ + kDirCreateTimeOff, stamp_.time);
     putLe16(next_ + kDirCreateDateOff, stamp_.date);
     putLe16(next_ + kDirAccessDateOff, stamp_.date);

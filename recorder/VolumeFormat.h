@@ -61,6 +61,11 @@ struct FsInfo {
 };
 FsInfo decodeFsInfo(const uint8_t* sector);
 
+// Directory entry, beyond fat/FatFormat.h                 off size
+inline constexpr uint32_t kDirAttributeOff = 11;  //  11  1
+inline constexpr uint32_t kDirSizeOff = 28;       //  28  4
+inline constexpr uint8_t kDirArchive = 0x20;      // attribute of an ordinary file
+
 // A file of the root directory; by its long name where it has one.
 struct DirectoryFile {
   std::string name;  // "CKST0007"

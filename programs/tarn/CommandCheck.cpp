@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "CardView.h"
@@ -8,6 +9,8 @@
 #include "StandardOutputMuted.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/CardCheck.h"
+#include "recorder/CardGeometry.h"
+#include "recorder/CardRepair.h"
 
 namespace tarn {
 namespace {
@@ -53,7 +56,19 @@ class CommandCheck : public Command {
         "check", "Look through a card for whatever is wrong with it; changes nothing");
     app->add_option("CARD", card_, "block device or image file; default: the recorder's own");
     app->add_flag("--json", json_, "print JSON");
-    app->add_flag("--repair", repair_, "run the recovery when something was found, and look again");
+    app->add_flag("--repair", repair_,
+                  "mend what leads to the chunks, run the recovery when something was found, and "
+                  "look again");
+    app->add_flag("--dry-run", dryRun_, "with --repair: show what would be mended, change nothing")
+        ->needs("--repair");
+    app->add_option("--save-undo", undoFile_,
+                    "with --repair: where to save what it changes outside the chunks; default: "
+                    "beside an image file; a device needs it")
+        ->needs("--repair")
+        ->type_name("FILE");
+    app->add_option("--undo", takeBack_, "take back what was changed with that file")
+        ->excludes("--repair")
+        ->type_name("FILE");
     app->footer(
         "Exit codes: 0 clean; 1 corrected; 4 something is left; 8 could not run; 16 wrong usage.");
     return app;
@@ -68,8 +83,19 @@ class CommandCheck : public Command {
   int run() override {
     if (card_.empty()) card_ = deviceName(kRecorderPartition);
     catchStopSignals();
+    if (!takeBack_.empty()) return takeBack();
+    // What else is wrong with FATs and boot sector is found by the look itself.
+    const GeometryReport geometry = CardGeometry::verify(card_, GeometryDepth::kStart);
+    const bool strays = geometry.opened && geometry.verdict == Delivery::kBad;
+    if (strays && (!repair_ || dryRun_)) return tellGeometry(geometry.text);
+    if (repair_ && geometry.opened && !mendGeometry(strays)) return kExitNotRun;
+    if (dryRun_) return steps_.empty() ? kExitClean : kExitLeft;
     CardCheck before;
     if (!look(&before)) return kExitNotRun;
+    if (!steps_.empty() && before.findings().total() == 0) {
+      print(before, nullptr);
+      return kExitCorrected;
+    }
     if (before.findings().total() == 0 || !repair_) {
       print(before, nullptr);
       return before.findings().total() == 0 ? kExitClean : kExitLeft;
@@ -81,6 +107,76 @@ class CommandCheck : public Command {
   }
 
  private:
+  int takeBack() const {
+    std::string error;
+    if (CardRepair::undo(card_, takeBack_, &error) != 0) {
+      complain(error);
+      return kExitNotRun;
+    }
+    fmt::print("{}: what {} holds was taken back\n", card_, takeBack_);
+    return kExitClean;
+  }
+
+  // A card on which nothing can be looked at by the info file's word.
+  int tellGeometry(const std::string& text) {
+    std::string error;
+    CardRepair repair;
+    if (repair.plan(card_, &error) != 0) {
+      complain(error);
+      return kExitNotRun;
+    }
+    if (json_) {
+      Json json = {{"schema", 1}, {"card", card_}, {"clean", false}};
+      json["counts"] = {{findingKindName(FindingKind::kFat), 1}};
+      json["findings"] = {{{"kind", findingKindName(FindingKind::kFat)}, {"text", text}}};
+      json["repair"] = Json::array();
+      for (const CardRepair::Step& step : repair.steps()) json["repair"].push_back(step.text);
+      fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
+      return kExitLeft;
+    }
+    fmt::print("{}\n", text);
+    tellPlan(repair.steps(), "would be mended");
+    return kExitLeft;
+  }
+
+  static void tellPlan(const std::vector<CardRepair::Step>& steps, const char* what) {
+    for (const CardRepair::Step& step : steps) fmt::print("{}: {}\n", what, step.text);
+  }
+
+  // What leads to the chunks, before anything in them is looked at. Shown before it is done.
+  // Where a plan is not `needed` for the recovery to find the chunks, none is no obstacle.
+  bool mendGeometry(bool needed) {
+    std::string error;
+    CardRepair repair;
+    if (repair.plan(card_, &error) != 0) {
+      if (needed) complain(error);
+      return !needed;
+    }
+    steps_ = repair.steps();
+    if (steps_.empty()) return true;
+    if (!json_) tellPlan(steps_, dryRun_ ? "would be mended" : "mended");
+    if (dryRun_) return true;
+    if (undoFile_.empty() && !chooseUndoFile()) return false;
+    fflush(stdout);
+    if (repair.apply(undoFile_, &error) != 0) {
+      complain(error);
+      return false;
+    }
+    if (!json_) fmt::print("\"tarn check {} --undo {}\" takes that back\n", card_, undoFile_);
+    return true;
+  }
+
+  bool chooseUndoFile() {
+    if (!std::filesystem::is_regular_file(card_)) {
+      complain("give --save-undo FILE, where what stands on " + card_ + " now is saved first");
+      return false;
+    }
+    for (int i = 0; undoFile_.empty() || std::filesystem::exists(undoFile_); ++i) {
+      undoFile_ = card_ + ".undo" + (i == 0 ? "" : std::to_string(i));
+    }
+    return true;
+  }
+
   bool look(CardCheck* check) const {
     ProgressLine line;
     CardCheckOptions options;
@@ -153,6 +249,8 @@ class CommandCheck : public Command {
       json["corrected"] = {{"counts", countsJson(before.findings())},
                            {"findings", findingsJson(before.findings())}};
     }
+    for (const CardRepair::Step& step : steps_) json["mended"].push_back(step.text);
+    if (!steps_.empty()) json["undoFile"] = undoFile_;
     // Names come from the command line and need not be UTF-8.
     fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
   }
@@ -160,6 +258,10 @@ class CommandCheck : public Command {
   std::string card_;
   bool json_ = false;
   bool repair_ = false;
+  bool dryRun_ = false;
+  std::string undoFile_;
+  std::string takeBack_;
+  std::vector<CardRepair::Step> steps_;  // of what leads to the chunks
 };
 
 }  // namespace

@@ -80,13 +80,13 @@ TEST_F(TarnCheckTest, RepairRunsTheRecoveryAndGivesOne) {
 
 TEST_F(TarnCheckTest, WhatTheRecoveryCannotRepairIsLeft) {
   if (shell("bwrap --bind / / true").exitCode != 0) GTEST_SKIP() << "bwrap does not work here";
-  ASSERT_EQ(shell("printf x | dd of=/tmp/card bs=512 seek=6 conv=notrunc status=none").exitCode, 0);
+  ASSERT_EQ(shell("printf x | dd of=/tmp/card bs=512 seek=1 conv=notrunc status=none").exitCode, 0);
   const ShellResult result = tarn("check /tmp/card --repair");
   EXPECT_EQ(result.exitCode, 4);
   EXPECT_EQ(result.output,
-            "the backup of the boot sector differs from it\n"
+            "the FSInfo sector lacks its signatures\n"
             "1 finding, then the recovery ran\n"
-            "the backup of the boot sector differs from it\n"
+            "the FSInfo sector lacks its signatures\n"
             "/tmp/card: 1 finding, 0 recordings, 0 events, 0 pictures\n"
             "  fat                   1\n");
 }
@@ -118,6 +118,51 @@ TEST_F(TarnCheckTest, ACardThatIsInUseIsNotRepaired) {
   const ShellResult result =
       shell("flock /tmp/card sh -c '" TARN_BIN_DIR "/tarn check /tmp/card --repair'; echo code $?");
   EXPECT_THAT(result.output, HasSubstr("is in use by another program of the recorder\ncode 8\n"));
+}
+
+// One byte of the info file's record of the stream chunks: their first sector.
+TEST_F(TarnCheckTest, AnInfoFileThatContradictsTheCardIsShownMendedAndTakenBack) {
+  const json info = json::parse(tarn("info /tmp/card --json").output);
+  const int sector = info["families"][0]["startSector"];
+  ASSERT_EQ(info["families"][0]["tag"], "TAIF");
+  ASSERT_EQ(shell("cp /tmp/card /tmp/good; printf '\\377' | dd of=/tmp/card bs=1 seek=" +
+                  std::to_string(sector * 512 + 4 + 7 * 84 + 81) +
+                  " conv=notrunc status=none; "
+                  "cp /tmp/card /tmp/damaged")
+                .exitCode,
+            0);
+  for (const char* command : {"--card /tmp/card recover", "--card /tmp/card list"}) {
+    const ShellResult result = tarn(command);
+    EXPECT_EQ(result.exitCode, 1) << command;
+    EXPECT_THAT(result.output, HasSubstr("the info file gives its checksum as")) << command;
+    EXPECT_THAT(result.output, HasSubstr("mend it with \"tarn check --repair\"")) << command;
+  }
+  EXPECT_EQ(tarn("check /tmp/card").exitCode, 4);
+  const ShellResult plan = tarn("check /tmp/card --repair --dry-run");
+  EXPECT_EQ(plan.exitCode, 4);
+  const std::string step = "the info file TAIF0000 becomes its second copy's\n";
+  EXPECT_THAT(plan.output, HasSubstr("would be mended: " + step));
+  EXPECT_EQ(shell("cmp /tmp/card /tmp/damaged").exitCode, 0);
+  const ShellResult mended = tarn("check /tmp/card --repair");
+  EXPECT_EQ(mended.exitCode, 1);
+  EXPECT_EQ(mended.output, "mended: " + step +
+                               "\"tarn check /tmp/card --undo /tmp/card.undo\" takes that back\n"
+                               "/tmp/card: clean, 0 recordings, 0 events, 0 pictures\n");
+  EXPECT_EQ(shell("cmp /tmp/card /tmp/good").exitCode, 0);
+  EXPECT_EQ(tarn("check /tmp/card --undo /tmp/card.undo").exitCode, 0);
+  EXPECT_EQ(shell("cmp /tmp/card /tmp/damaged").exitCode, 0);
+}
+
+// Recovery made such a file longer, and said nothing.
+TEST_F(TarnCheckTest, AnImageThatWasCutShortIsRefusedByEveryCommand) {
+  ASSERT_EQ(shell("truncate -s 20M /tmp/card").exitCode, 0);
+  for (const char* command : {"--card /tmp/card recover", "--card /tmp/card list",
+                              "--card /tmp/card log", "check /tmp/card --repair"}) {
+    const ShellResult result = tarn(command);
+    EXPECT_NE(result.exitCode, 0) << command;
+    EXPECT_THAT(result.output, HasSubstr("the card at byte 20971520")) << command;
+  }
+  EXPECT_EQ(shell("stat -c %s /tmp/card").output, "20971520\n");
 }
 
 }  // namespace
