@@ -227,6 +227,40 @@ TEST_F(CardCheckTest, FindsDamagedJournalRecords) {
   }
 }
 
+// Zeros have the checksum of zeros; the other copy has the record whole.
+TEST_F(CardCheckTest, AJournalCopyLostAsZerosIsTakenFromTheOther) {
+  const uint32_t place = rows_[1].backOffset;
+  for (const uint32_t chunk : {2u, 3u}) {
+    const Undo undo(this);
+    write(chunkByte(tarn::kFileJournal, chunk, place), Bytes(64, 0));
+    expectOne(FindingKind::kJournalCopy, std::string("recording journal: the ") +
+                                             (chunk == 2 ? "first" : "second") +
+                                             " copy of the record of recording 2 at byte " +
+                                             std::to_string(place) + " is damaged");
+    EXPECT_EQ(check_.streamRows(), 3u);
+  }
+}
+
+// What the device does not give may be good.
+TEST_F(CardCheckTest, AJournalPlaceThatIsRefusedIsNeitherDamagedNorLost) {
+  {
+    IoFaults faults(kCardPath);
+    faults.failAt(Call::Pread, chunkByte(tarn::kFileJournal, 2, 0), 512, EIO);
+    expectSome(FindingKind::kUnreadable,
+               "recording journal: the first copy of the record of recording 1 at byte 0 is not "
+               "given by the device; the other one is good");
+    EXPECT_EQ(check_.findings().total(), check_.findings().count(FindingKind::kUnreadable));
+    EXPECT_EQ(check_.streamRows(), 3u);
+  }
+  IoFaults faults(kCardPath);
+  for (const uint32_t chunk : {2u, 3u}) {
+    faults.failAt(Call::Pread, chunkByte(tarn::kFileJournal, chunk, 0), 512, EIO);
+  }
+  expectSome(FindingKind::kUnreadable,
+             "recording journal: 8 records at byte 0 not given by the device");
+  EXPECT_EQ(check_.findings().count(FindingKind::kJournalRecord), 0u);
+}
+
 TEST_F(CardCheckTest, FindsJournalsOutOfOrder) {
   {
     const Undo undo(this);
