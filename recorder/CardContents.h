@@ -17,6 +17,7 @@ struct CardContents {
   std::map<uint32_t, DB_STREAM> streams;  // rows of the journal, by key
   std::map<uint32_t, DB_EVENT> events;
   uint64_t pictures = 0;
+  uint32_t patienceMs = 500;  // for reads that fail, all together
   std::function<bool(uint64_t, uint64_t)> progress;
 };
 

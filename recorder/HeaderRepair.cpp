@@ -6,13 +6,12 @@
 #include "base/Wrap.h"
 #include "dblog/CDbRestore.h"
 #include "recorder/NativeRows.h"
-#include "recorder/PictureIndex.h"
+#include "recorder/RecordingIndex.h"
 
 namespace tarn {
 namespace {
 
 using Kind = RecoveryChange::Kind;
-using Read = PictureIndex::Read;
 
 constexpr char kSqlChunks[] =
     "SELECT * FROM STREAM WHERE streamID IN ( SELECT MIN( streamID ) FROM STREAM GROUP BY chunkID "
@@ -33,9 +32,9 @@ class HeaderCheck {
 
   Verdict run() {
     if (row_.recSize == 0 || index_.isPlaceless()) return Verdict::kGood;
-    const Read read = index_.header(&present_);
-    if (!index_.isOpen() || read == Read::kUnreadable) return Verdict::kUnreadable;
-    headerGood_ = read == Read::kGood;
+    const Delivery read = index_.header(&present_);
+    if (read == Delivery::kRefused) return Verdict::kUnreadable;
+    headerGood_ = read == Delivery::kGood;
     if (headerGood_ && fitsEnds()) return Verdict::kGood;
     if (row_.recSize > index_.capacity()) return Verdict::kDelete;
     return compare();
@@ -55,8 +54,8 @@ class HeaderCheck {
     PictureEntry last;
     const uint32_t pictures = row_.recSize;
     return present_.pictures == pictures && present_.lastTime == row_.endDate &&
-           present_.gops > 0 && index_.entry(0, &first) == Read::kGood &&
-           index_.entry(pictures - 1, &last) == Read::kGood &&
+           present_.gops > 0 && index_.entry(0, &first) == Delivery::kGood &&
+           index_.entry(pictures - 1, &last) == Delivery::kGood &&
            first.number == present_.firstNumber && first.dataOffset == present_.dataOffset &&
            last.number == wrapAdd32(present_.firstNumber, pictures - 1) &&
            present_.dataSize == sizeUpTo(present_.dataOffset, last);
@@ -70,9 +69,9 @@ class HeaderCheck {
   bool scan() {
     PictureEntry entry;
     for (uint32_t i = 0; i < row_.recSize; ++i) {
-      const Read read = index_.entry(i, &entry);
-      if (read == Read::kUnreadable) return false;
-      if (read == Read::kBad) continue;
+      const Delivery read = index_.entry(i, &entry);
+      if (read == Delivery::kRefused) return false;
+      if (read == Delivery::kBad) continue;
       if (good_ == 0) {
         first_ = entry;
         firstIndex_ = i;
@@ -119,7 +118,7 @@ class HeaderCheck {
   }
 
   const DB_STREAM row_;
-  PictureIndex index_;
+  RecordingIndex index_;
   StreamHeader present_;
   StreamHeader expected_;
   bool headerGood_ = false;

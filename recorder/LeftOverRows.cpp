@@ -4,41 +4,46 @@
 #include <cstdio>
 
 #include "base/Omission.h"
-#include "base/Wrap.h"
 #include "dblog/CDbRestore.h"
+#include "recorder/InterruptedRow.h"
 #include "recorder/NativeRows.h"
-#include "recorder/PictureIndex.h"
 
 namespace tarn {
 namespace {
 
 using Kind = RecoveryChange::Kind;
+using Verdict = InterruptedRow::Verdict;
 
 constexpr char kWhyTooShort[] = " was interrupted before two pictures of it were on the card";
+constexpr char kWhyNothing[] = " was interrupted before anything of it was on the card";
+constexpr char kWhyOvertaken[] = " was left open before a newer one of its chunk began";
 constexpr char kSqlUnclosed[] = "SELECT * FROM STREAM WHERE recSize = 0 ORDER BY streamID";
 constexpr char kSqlOvertaken[] =
     "SELECT * FROM STREAM AS old WHERE recSize = 0 AND EXISTS( SELECT 1 FROM STREAM WHERE chunkID "
     "= old.chunkID AND streamID > old.streamID ) ORDER BY streamID";
-constexpr char kSqlEvents[] = "SELECT COUNT(*) FROM EVENT";
-// Events since a moment that no recording but one shows the beginning of; an open one may.
+// Events that began while a recording ran of which next to nothing is left, and of which no other
+// recording has a picture, the seconds before their beginning included. Where a recording was
+// repaired only the whole second of its end is known. An event that is still open is ended later.
 constexpr char kSqlEventsOfRow[] =
-    "SELECT e.* FROM EVENT AS e, STREAM AS r WHERE r.streamID = %u AND ( e.startDate > r.startDate "
-    "OR ( e.startDate = r.startDate AND e.startMSec >= r.startMSec ) ) AND NOT EXISTS( SELECT 1 "
-    "FROM STREAM AS s WHERE s.streamID <> r.streamID AND ( s.startDate < e.startDate OR ( "
-    "s.startDate = e.startDate AND s.startMSec <= e.startMSec ) ) AND ( s.endDate = 0 OR s.endDate "
-    "> e.startDate OR ( s.endDate = e.startDate AND ( s.endMSec = 0 OR s.endMSec >= e.startMSec ) "
-    ") ) )";
-constexpr uint32_t kFrameSetAudio = 0x80;
-constexpr uint32_t kStatusNotVideo = 0x300;  // what the repair of video passes over
+    "SELECT e.* FROM EVENT AS e, STREAM AS r WHERE r.streamID = %u AND e.endDate <> 0 AND ( "
+    "e.startDate > r.startDate OR ( e.startDate = r.startDate AND e.startMSec >= r.startMSec ) ) "
+    "AND e.startDate <= r.startDate + %u AND NOT EXISTS( SELECT 1 FROM STREAM AS s WHERE "
+    "s.streamID <> r.streamID AND ( s.startDate < e.endDate OR ( s.startDate = e.endDate AND "
+    "s.startMSec <= e.endMSec ) ) AND ( s.recSize = 0 OR s.endDate > e.startDate - e.preSec OR ( "
+    "s.endDate = e.startDate - e.preSec AND ( s.endMSec = 0 OR s.endMSec >= e.startMSec ) ) ) )";
+// How long a recording can have run before its second picture was safe.
+constexpr uint32_t kShortRowSeconds = 10;
+// One picture alone has no duration.
+constexpr uint32_t kLeastVideoPictures = 2;
 
 std::string pictureText(uint32_t pictures) {
   return std::to_string(pictures) + (pictures == 1 ? " picture" : " pictures");
 }
 
-void noteClosed(const DB_STREAM& row, RecoveryReport* report) {
-  report->changes.push_back({Kind::kRecordingClosed, row.streamID, row.recSize, row.endDate,
-                             nameOf(row) + " was interrupted: " + pictureText(row.recSize) +
-                                 " came back, up to " + momentText(row.endDate)});
+void noteClosed(const DB_STREAM& row, uint32_t pictures, uint32_t end, RecoveryReport* report) {
+  report->changes.push_back({Kind::kRecordingClosed, row.streamID, pictures, end,
+                             nameOf(row) + " was interrupted: " + pictureText(pictures) +
+                                 " came back, up to " + momentText(end)});
 }
 
 void noteDeleted(const DB_STREAM& row, const char* why, RecoveryReport* report) {
@@ -46,142 +51,111 @@ void noteDeleted(const DB_STREAM& row, const char* why, RecoveryReport* report) 
       {Kind::kRecordingDeleted, row.streamID, 0, 0, nameOf(row) + why + ", deleted"});
 }
 
-// What entries confirm of a recording: consecutive numbers of its own, data back to back, and times
-// that do not fall.
-struct Confirmed {
-  bool readable = true;
-  uint32_t pictures = 0;
-  uint32_t lastTime = 0;  // seconds, the latest presentation
-};
-
-Confirmed confirm(const DB_STREAM& row) {
-  Confirmed result;
-  PictureIndex index(row);
-  if (!index.isOpen()) {
-    result.readable = index.isPlaceless();
-    return result;
-  }
-  PictureEntry entry;
-  PictureEntry before;
-  for (;; ++result.pictures, before = entry) {
-    const PictureIndex::Read read = index.entry(result.pictures, &entry);
-    // Nothing may be concluded from a first entry that the device does not give.
-    if (read == PictureIndex::Read::kUnreadable) result.readable = result.pictures > 0;
-    if (read != PictureIndex::Read::kGood) return result;
-    const bool follows =
-        result.pictures == 0 ||
-        (entry.number == wrapAdd32(before.number, 1) &&
-         entry.dataOffset == ringAdvance(before.dataOffset, before.size, index.streamSize()) &&
-         !(entry.decodeTime() < before.decodeTime()));
-    if (!follows) return result;
-    result.lastTime = std::max(result.lastTime, entry.presentation.seconds);
-  }
+// Once, though more than one step may look at the row.
+void noteRefused(const DB_STREAM& row, RecoveryReport* report) {
+  const std::string text =
+      nameOf(row) + " was interrupted, and the card does not give its entries: it stays open";
+  auto& problems = report->problems;
+  if (std::find(problems.begin(), problems.end(), text) == problems.end()) problems.push_back(text);
 }
 
-// The repair of video deletes a row of which there are not two pictures, and with it every event
-// since the whole second in which it began: those of the recording before it and of other channels
-// too. Such rows are deleted here, where times are looked at more closely.
-bool isLost(const DB_STREAM& row) {
-  if ((row.frameSet & kFrameSetAudio) != 0 || (row.status & kStatusNotVideo) != 0) return false;
-  PictureIndex index(row);
-  StreamHeader header;
-  if (!index.isOpen() || index.header(&header) != PictureIndex::Read::kGood) return false;
-  // One behind the missing one as well: a damaged entry alone is not the end.
-  for (const uint32_t i : {1u, 2u}) {
-    PictureEntry entry;
-    if (index.entry(i, &entry) != PictureIndex::Read::kBad) return false;
-  }
+// The header first: a row that is listed as closed has one that fits, wherever in its chunk it is.
+bool closeRow(const DB_STREAM& row, const InterruptedRow& found, RecoveryReport* report) {
+  const uint32_t end = found.last().seconds;
+  if (!found.writeHeader() || !closeStreamNative(row, found.pictures(), end)) return false;
+  noteClosed(row, found.pictures(), end, report);
   return true;
 }
 
 // The events first: power lost in between leaves the row, and the next start goes on with it.
-bool deleteLostRow(const DB_STREAM& row) {
-  char sql[sizeof kSqlEventsOfRow + 16];
-  snprintf(sql, sizeof sql, kSqlEventsOfRow, row.streamID);
+bool deleteLostRow(const DB_STREAM& row, RecoveryReport* report) {
+  char sql[sizeof kSqlEventsOfRow + 24];
+  snprintf(sql, sizeof sql, kSqlEventsOfRow, row.streamID, kShortRowSeconds);
   std::vector<DB_EVENT> events;
-  return selectEvents(sql, &events) &&
-         std::all_of(events.begin(), events.end(), deleteEventNative) && deleteStreamNative(row);
+  if (!selectEvents(sql, &events)) return false;
+  for (const DB_EVENT& event : events) {
+    if (!deleteEventNative(event)) return false;
+    report->changes.push_back({Kind::kEventDeleted, event.eventID, 0, 0,
+                               nameOf(event) + " has no recording to show, deleted"});
+  }
+  if (!deleteStreamNative(row)) return false;
+  noteDeleted(row, kWhyTooShort, report);
+  return true;
 }
 
-bool deleteLostRows(RecoveryReport* report) {
-  std::vector<DB_STREAM> rows;
-  if (!selectStreams(kSqlUnclosed, &rows)) return false;
+// Rows are closed before any is deleted, because they may show the events of those.
+bool settleVideo(const std::vector<DB_STREAM>& rows, RecoveryReport* report) {
+  std::vector<DB_STREAM> lost;
   for (const DB_STREAM& row : rows) {
-    if (!isLost(row)) continue;
-    if (!deleteLostRow(row)) return false;
-    noteDeleted(row, kWhyTooShort, report);
+    if (!isVideo(row)) continue;
+    InterruptedRow found(row);
+    const Verdict verdict = found.judge();
+    if (verdict == Verdict::kRefused) {
+      noteRefused(row, report);
+    } else if (verdict == Verdict::kNothing || found.pictures() < kLeastVideoPictures) {
+      lost.push_back(row);
+    } else if (!closeRow(row, found, report)) {
+      return false;
+    }
+  }
+  return std::all_of(lost.begin(), lost.end(),
+                     [report](const DB_STREAM& row) { return deleteLostRow(row, report); });
+}
+
+// What the library's repair makes of the rows, where nothing else decides.
+bool repairAsTheLibrary(const std::vector<DB_STREAM>& rows, RecoveryReport* report) {
+  if (CDbRestore().fixUpLastStream() != 0) return false;
+  for (const DB_STREAM& row : rows) {
+    DB_STREAM now = {};
+    const int found = findStream(row.streamID, &now);
+    if (found < 0) return false;
+    if (found == 0) noteDeleted(row, kWhyTooShort, report);
+    if (found == 1 && now.recSize != 0) noteClosed(row, now.recSize, now.endDate, report);
   }
   return true;
 }
 
-bool closeRow(const DB_STREAM& row, RecoveryReport* report) {
-  const Confirmed found = confirm(row);
-  if (!found.readable) {
-    report->problems.push_back(nameOf(row) +
-                               " was interrupted, and the card does not give its "
-                               "entries: it stays open");
+bool settleRow(const DB_STREAM& row, const char* whyDeleted, uint32_t least,
+               RecoveryReport* report) {
+  InterruptedRow found(row);
+  const Verdict verdict = found.judge();
+  if (verdict == Verdict::kRefused) {
+    noteRefused(row, report);
     return true;
   }
-  if (found.pictures == 0) {
-    if (!deleteStreamNative(row)) return false;
-    noteDeleted(row, " was interrupted before anything of it was on the card", report);
-    return true;
+  if (verdict == Verdict::kPictures && found.pictures() >= least) {
+    return closeRow(row, found, report);
   }
-  if (!closeStreamNative(row, found.pictures, found.lastTime)) return false;
-  DB_STREAM closed = row;
-  closed.recSize = found.pictures;
-  closed.endDate = found.lastTime;
-  noteClosed(closed, report);
+  if (!deleteStreamNative(row)) return false;
+  noteDeleted(row, whyDeleted, report);
   return true;
 }
 
 }  // namespace
 
-bool deleteOvertakenRows(RecoveryReport* report) {
+bool settleOvertakenRows(RecoveryReport* report) {
   if (omitted(Omit::kOvertakenRows)) return true;
   std::vector<DB_STREAM> rows;
   if (!selectStreams(kSqlOvertaken, &rows)) return false;
-  for (const DB_STREAM& row : rows) {
-    if (!deleteStreamNative(row)) return false;
-    noteDeleted(row, " was left open before a newer one of its chunk began", report);
-  }
-  return true;
+  return std::all_of(rows.begin(), rows.end(), [report](const DB_STREAM& row) {
+    return settleRow(row, kWhyOvertaken, isVideo(row) ? kLeastVideoPictures : 1, report);
+  });
 }
 
-bool repairVideoRows(RecoveryReport* report) {
+bool settleVideoRows(RecoveryReport* report) {
   if (omitted(Omit::kVideoRows)) return true;
   std::vector<DB_STREAM> rows;
-  uint32_t eventsBefore = 0;
-  uint32_t eventsAfter = 0;
-  if (!selectNumber(kSqlEvents, &eventsBefore) || !deleteLostRows(report) ||
-      !selectStreams(kSqlUnclosed, &rows) || CDbRestore().fixUpLastStream() != 0) {
-    return false;
-  }
-  for (const DB_STREAM& row : rows) {
-    DB_STREAM now = {};
-    const int found = findStream(row.streamID, &now);
-    if (found < 0) return false;
-    if (found == 0) {
-      noteDeleted(row, kWhyTooShort, report);
-    } else if (now.recSize != 0) {
-      noteClosed(now, report);
-    }
-  }
-  if (!selectNumber(kSqlEvents, &eventsAfter)) return false;
-  if (eventsAfter < eventsBefore) {
-    report->changes.push_back(
-        {Kind::kEventDeleted, 0, 0, 0,
-         std::to_string(eventsBefore - eventsAfter) + " events of deleted recordings, deleted"});
-  }
-  return true;
+  if (!selectStreams(kSqlUnclosed, &rows)) return false;
+  return omitted(Omit::kOwnWalk) ? repairAsTheLibrary(rows, report) : settleVideo(rows, report);
 }
 
-bool closeRemainingRows(RecoveryReport* report) {
+bool settleRemainingRows(RecoveryReport* report) {
   if (omitted(Omit::kRemainingRows)) return true;
   std::vector<DB_STREAM> rows;
   if (!selectStreams(kSqlUnclosed, &rows)) return false;
-  return std::all_of(rows.begin(), rows.end(),
-                     [report](const DB_STREAM& row) { return closeRow(row, report); });
+  return std::all_of(rows.begin(), rows.end(), [report](const DB_STREAM& row) {
+    return settleRow(row, kWhyNothing, 1, report);
+  });
 }
 
 }  // namespace tarn

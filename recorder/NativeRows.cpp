@@ -96,11 +96,12 @@ bool closeStreamNative(const DB_STREAM& row, uint32_t pictures, uint32_t endDate
                  ", endDate = " + number(endDate) + " WHERE streamID = " + number(row.streamID));
 }
 
-bool closeEventNative(DB_EVENT row, uint32_t endDate) {
-  row.endDate = endDate;
+bool closeEventNative(DB_EVENT row, PictureTime end) {
+  row.endDate = end.seconds;
+  row.endMSec = end.milliseconds();
   return CDbRestore().updateEventDBLogNative(&row) == 0 &&
-         execute("UPDATE EVENT SET endDate = " + number(endDate) +
-                 " WHERE eventID = " + number(row.eventID));
+         execute("UPDATE EVENT SET endDate = " + number(row.endDate) +
+                 ", endMSec = " + number(row.endMSec) + " WHERE eventID = " + number(row.eventID));
 }
 
 std::string momentText(uint32_t seconds) {

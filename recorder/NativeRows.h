@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "db/DbRecords.h"
+#include "recorder/PictureTime.h"
 
 namespace tarn {
 
@@ -25,7 +26,7 @@ bool deleteStreamNative(const DB_STREAM& row);
 bool deleteEventNative(const DB_EVENT& row);
 // Closes an interrupted recording: pictures, time of the last one (seconds).
 bool closeStreamNative(const DB_STREAM& row, uint32_t pictures, uint32_t endDate);
-bool closeEventNative(DB_EVENT row, uint32_t endDate);
+bool closeEventNative(DB_EVENT row, PictureTime end);
 
 // "recording 12 of 2026-03-01 09:00:00" and "event 3 of …"; and a moment alone.
 std::string nameOf(const DB_STREAM& row);

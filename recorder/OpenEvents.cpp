@@ -1,8 +1,11 @@
 #include "recorder/OpenEvents.h"
 
+#include <algorithm>
+#include <cstdio>
+
 #include "base/Omission.h"
-#include "dblog/CDbRestore.h"
 #include "recorder/NativeRows.h"
+#include "recorder/RecordingIndex.h"
 
 namespace tarn {
 namespace {
@@ -10,8 +13,19 @@ namespace {
 using Kind = RecoveryChange::Kind;
 
 constexpr char kSqlOpen[] = "SELECT * FROM EVENT WHERE endDate = 0 ORDER BY eventID";
-// 0 without a recording.
-constexpr char kSqlNewestEnd[] = "SELECT endDate FROM STREAM ORDER BY endDate DESC LIMIT 1";
+// The newest recording that began before a moment and lasted until then, or nearly: of its last
+// seconds nothing may be safe. 0 is the end of one that is still open.
+constexpr char kSqlRunningAt[] =
+    "SELECT * FROM STREAM WHERE ( startDate < %u OR ( startDate = %u AND startMSec <= %u ) ) AND ( "
+    "recSize = 0 OR endDate + %u >= %u ) ORDER BY streamID DESC LIMIT 1";
+constexpr char kSqlFrom[] = "SELECT * FROM STREAM WHERE streamID > %u ORDER BY streamID";
+constexpr char kSqlAnyBetween[] =
+    "SELECT COUNT(*) FROM STREAM WHERE recSize <> 0 AND startDate <= %u AND endDate >= %u";
+// Recordings that follow each other within this are one stretch.
+constexpr uint32_t kGapSeconds = 10;
+// No decoder holds back more pictures.
+constexpr uint32_t kMostReordered = 16;
+constexpr size_t kSqlRoom = 256;
 
 void noteClosed(const DB_EVENT& event, uint32_t end, RecoveryReport* report) {
   report->changes.push_back({Kind::kEventClosed, event.eventID, 0, end,
@@ -23,15 +37,92 @@ void noteDeleted(const DB_EVENT& event, RecoveryReport* report) {
                              nameOf(event) + " has no recording to show, deleted"});
 }
 
-// What the library left open.
-bool endEvent(const DB_EVENT& event, uint32_t end, RecoveryReport* report) {
-  if (event.startDate >= end) {
+// When the last picture of a closed row is shown. A repaired row tells whole seconds only; its
+// entries tell the rest.
+PictureTime lastPictureTime(const DB_STREAM& row) {
+  PictureTime last = {row.endDate, row.endMSec * 1000u};
+  if (row.endMSec != 0) return last;
+  RecordingIndex index(row);
+  PictureEntry entry;
+  const uint32_t count = std::min(row.recSize, index.capacity());
+  for (uint32_t i = count - std::min(count, kMostReordered); i < count; ++i) {
+    if (index.entry(i, &entry) == Delivery::kGood && last < entry.presentation &&
+        entry.presentation.seconds == row.endDate) {
+      last = entry.presentation;
+    }
+  }
+  return last;
+}
+
+enum class Stretch { kFound, kNone, kOpen };
+
+// The stretch of recordings that was running at an event's beginning, and its last picture.
+class OpenEvent {
+ public:
+  explicit OpenEvent(const DB_EVENT& event) : event_(event) {}
+
+  // False when the database does not answer.
+  bool find() {
+    char sql[kSqlRoom];
+    snprintf(sql, sizeof sql, kSqlRunningAt, event_.startDate, event_.startDate,
+             unsigned{event_.startMSec}, kGapSeconds, event_.startDate);
+    std::vector<DB_STREAM> rows;
+    if (!selectStreams(sql, &rows)) return false;
+    if (rows.empty()) return true;
+    const uint32_t begin = rows[0].startDate;
+    DB_STREAM newest = rows[0];
+    snprintf(sql, sizeof sql, kSqlFrom, newest.streamID);
+    if (!selectStreams(sql, &rows)) return false;
+    stretch_ = newest.recSize == 0 ? Stretch::kOpen : Stretch::kFound;
+    for (const DB_STREAM& row : rows) {
+      if (row.startDate < begin || row.startDate > newest.endDate + kGapSeconds) continue;
+      if (row.recSize == 0) stretch_ = Stretch::kOpen;
+      if (row.endDate >= newest.endDate) newest = row;
+    }
+    if (stretch_ == Stretch::kFound) last_ = lastPictureTime(newest);
+    return true;
+  }
+
+  Stretch stretch() const { return stretch_; }
+
+  // Whole seconds: a picture of the same one may be what the event is about.
+  bool isShown(bool* answered) const {
+    const uint32_t from = event_.startDate - std::min<uint32_t>(event_.startDate, event_.preSec);
+    char sql[kSqlRoom];
+    snprintf(sql, sizeof sql, kSqlAnyBetween, event_.startDate + 1, from);
+    uint32_t rows = 0;
+    *answered = selectNumber(sql, &rows);
+    return rows > 0;
+  }
+
+  PictureTime end() const {
+    const PictureTime soonest = {event_.startDate + 1, event_.startMSec * 1000u};
+    return last_ < soonest ? soonest : last_;
+  }
+
+ private:
+  const DB_EVENT event_;
+  Stretch stretch_ = Stretch::kNone;
+  PictureTime last_;
+};
+
+bool endEvent(const DB_EVENT& event, RecoveryReport* report) {
+  OpenEvent open(event);
+  if (!open.find()) return false;
+  if (open.stretch() == Stretch::kOpen) {
+    report->problems.push_back(nameOf(event) + " stays open with its recording");
+    return true;
+  }
+  bool answered = false;
+  const bool shown = open.isShown(&answered);
+  if (!answered) return false;
+  if (!shown) {
     if (!deleteEventNative(event)) return false;
     noteDeleted(event, report);
     return true;
   }
-  if (!closeEventNative(event, end)) return false;
-  noteClosed(event, end, report);
+  if (!closeEventNative(event, open.end())) return false;
+  noteClosed(event, open.end().seconds, report);
   return true;
 }
 
@@ -40,24 +131,9 @@ bool endEvent(const DB_EVENT& event, uint32_t end, RecoveryReport* report) {
 bool endOpenEvents(RecoveryReport* report) {
   if (omitted(Omit::kEvents)) return true;
   std::vector<DB_EVENT> open;
-  uint32_t end = 0;
-  if (!selectEvents(kSqlOpen, &open) || CDbRestore().fixLastEventDb() != 0 ||
-      !selectNumber(kSqlNewestEnd, &end)) {
-    return false;
-  }
-  for (const DB_EVENT& event : open) {
-    DB_EVENT now = {};
-    const int found = findEvent(event.eventID, &now);
-    if (found < 0) return false;
-    if (found == 0) {
-      noteDeleted(event, report);
-    } else if (now.endDate != 0) {
-      noteClosed(now, now.endDate, report);
-    } else if (!endEvent(event, end, report)) {
-      return false;
-    }
-  }
-  return true;
+  return selectEvents(kSqlOpen, &open) &&
+         std::all_of(open.begin(), open.end(),
+                     [report](const DB_EVENT& event) { return endEvent(event, report); });
 }
 
 }  // namespace tarn

@@ -4,10 +4,12 @@
 
 namespace tarn {
 
-// Ends every event that a power loss left open: at the end of the newest recording, as the library
-// does with the newest event; one that began later, or that no recording is left to show, is
-// deleted. Several can be open at once, and one that stayed open would never leave the lists. False
-// when the database or the journal does not go along. Not part of the interface.
+// Ends every event that a power loss left open, with the recording that ran when it began and what
+// was recorded on from there: not with whatever ends last by the clock, which may have been set. An
+// event ends with the last picture that is there, but no sooner than a second after its beginning.
+// One of which, the seconds before it included, no picture is left is deleted; one whose recording
+// the device did not give stays open as it does. False when the database or the journal does not go
+// along. Not part of the interface.
 bool endOpenEvents(RecoveryReport* report);
 
 }  // namespace tarn

@@ -1,11 +1,13 @@
 #include "recorder/PictureNumbers.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 
 #include "base/Endian.h"
-#include "chunk/CTARNStreamChunk.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/RecordFormat.h"
+#include "recorder/Source.h"
 
 namespace tarn {
 namespace {
@@ -55,19 +57,14 @@ void PictureNumbers::choose(uint64_t begin, uint64_t end) {
 }
 
 int PictureNumbers::scan(int chunk, uint32_t pictureChunkSize) {
-  CHUNK_EVENT event = {};
-  event.chunkID = static_cast<uint16_t>(chunk);
-  event.partition = kRecorderPartition;
-  event.size = pictureChunkSize;
-  CTARNStreamChunk reader(0);
-  if (reader.openChunkFile(&event) != 0) return -1;
+  ChunkSource reader(kFilePicture, static_cast<uint32_t>(chunk), O_RDONLY);
+  if (!reader.isOpen() || pictureChunkSize > reader.size()) return -1;
   std::vector<uint32_t> numbers;
   numbers.reserve(pictureChunkSize / kRecordSize);
   std::vector<uint8_t> block(kBlock);
   for (uint32_t done = 0; done < pictureChunkSize;) {
     const uint32_t length = std::min(kBlock, pictureChunkSize - done);
-    const long got = reader.read(block.data(), static_cast<long>(length));
-    if (got != static_cast<long>(length) || reader.lastReadFailed()) return -1;
+    if (reader.read(done, block.data(), length) != Delivery::kGood) return -1;
     for (uint32_t off = 0; off + kRecordSize <= length; off += kRecordSize) {
       numbers.push_back(getLe32(block.data() + off + kEntryNumberOff));
     }

@@ -1,44 +1,18 @@
 // Rows against stream headers, picture entries and the pictures themselves.
 #include <algorithm>
-#include <ctime>
 
 #include "base/Wrap.h"
-#include "recorder/AnnexB.h"
 #include "recorder/CardContents.h"
 #include "recorder/NativeRows.h"
+#include "recorder/PictureStamp.h"
 #include "recorder/RecordFormat.h"
+#include "recorder/RecordingIndex.h"
 
 namespace tarn {
 namespace {
 
 constexpr uint32_t kStatusRepaired = 0x10000;
-constexpr uint32_t kBlockEntries = 1024;
 constexpr int kNamedEvents = 8;
-constexpr size_t kStampDigitsEnd = kTimeStampSeiSize - 1;
-constexpr size_t kStampDigits = 14;
-// Time zones are quarters of an hour from each other, and no more than so far from UTC.
-constexpr int64_t kZoneStep = 15 * 60;
-constexpr int64_t kZoneMost = 15 * 3600;
-
-int number(const uint8_t* digits, int count) {
-  int value = 0;
-  for (int i = 0; i < count; ++i) value = value * 10 + (digits[i] - '0');
-  return value;
-}
-
-// A stamp shows local time of some zone: minutes within the quarter and seconds are those of UTC.
-bool stampFits(const uint8_t* digits, uint32_t seconds) {
-  struct tm time = {};
-  time.tm_year = number(digits, 4) - 1900;
-  time.tm_mon = number(digits + 4, 2) - 1;
-  time.tm_mday = number(digits + 6, 2);
-  time.tm_hour = number(digits + 8, 2);
-  time.tm_min = number(digits + 10, 2);
-  time.tm_sec = number(digits + 12, 2);
-  const int64_t away = static_cast<int64_t>(timegm(&time)) - int64_t{seconds};
-  return away % kZoneStep == 0 && away >= -kZoneMost && away <= kZoneMost;
-}
-
 enum class State { kGood, kBadEntry, kBadData, kUnreadable };
 
 const char* stateText(State state) {
@@ -59,7 +33,12 @@ class RecordingCheck {
       : contents_(contents),
         card_(contents->card),
         row_(row),
-        streamSize_(card_.family(kFileStream).chunkSize) {}
+        pictures_(card_, kFilePicture, row.chunkID),
+        stream_(card_, kFileStream, row.chunkID),
+        index_(row, &pictures_, stream_.size()) {
+    pictures_.sharePatience(&contents->patienceMs);
+    stream_.sharePatience(&contents->patienceMs);
+  }
 
   void run() {
     if (!checkRow()) return;
@@ -130,13 +109,11 @@ class RecordingCheck {
   }
 
   void readHeader() {
-    uint8_t bytes[kRecordSize];
-    if (!card_.readChunk(kFilePicture, row_.chunkID, row_.chunkOffset, bytes, sizeof bytes)) {
+    const Delivery got = index_.header(&header_);
+    headerGood_ = got == Delivery::kGood;
+    if (got == Delivery::kRefused) {
       return say(FindingKind::kUnreadable, "its stream header cannot be read");
     }
-    headerGood_ = decodeStreamHeader(bytes, &header_) && header_.version == kRecordVersion &&
-                  (header_.marker == kMarkerOpen || header_.marker == kMarkerClosed) &&
-                  header_.dataOffset < streamSize_;
     if (!headerGood_) say(FindingKind::kHeader, "its stream header is damaged");
   }
 
@@ -159,22 +136,20 @@ class RecordingCheck {
   }
 
   State look(uint32_t index, PictureEntry* entry) {
-    const uint8_t* bytes = entryBytes(index);
-    if (bytes == nullptr) return lose(State::kUnreadable);
-    const bool good = decodePictureEntry(bytes, entry) && entry->key == row_.streamID &&
-                      entry->dataOffset < streamSize_ && entry->size <= streamSize_ &&
-                      follows(index, *entry);
+    const Delivery got = index_.entry(index, entry);
+    if (got == Delivery::kRefused) return lose(State::kUnreadable);
+    const bool good = got == Delivery::kGood && follows(index, *entry);
     if (!good) return lose(State::kBadEntry);
     if (!hasFirst_) {
       hasFirst_ = true;
       firstNumber_ = wrapSub32(entry->number, index);
       firstOffset_ = entry->dataOffset;
     }
-    next_ = ringAdvance(entry->dataOffset, entry->size, streamSize_);
+    next_ = ringAdvance(entry->dataOffset, entry->size, stream_.size());
     nextKnown_ = true;
     dataSize_ = wrapAdd32(dataSize_, entry->size);
     if (entry->isKey()) ++gops_;
-    return lookAtPicture(*entry);
+    return lookAtData(*entry);
   }
 
   State lose(State state) {
@@ -189,38 +164,10 @@ class RecordingCheck {
     return number && (!nextKnown_ || entry.dataOffset == next_);
   }
 
-  const uint8_t* entryBytes(uint32_t index) {
-    if (index >= blockFrom_ && index - blockFrom_ < blockCount_) {
-      return block_.data() + size_t{index - blockFrom_} * kRecordSize;
-    }
-    const uint32_t count = std::min(kBlockEntries, row_.recSize - index);
-    if (load(index, count) || load(index, 1)) return block_.data();
-    blockCount_ = 0;
-    return nullptr;
-  }
-
-  bool load(uint32_t index, uint32_t count) {
-    block_.resize(size_t{count} * kRecordSize);
-    blockFrom_ = index;
-    blockCount_ = count;
-    const uint32_t offset = ringAdvance(row_.chunkOffset, (index + 1) * kRecordSize,
-                                        card_.family(kFilePicture).chunkSize);
-    return card_.readChunk(kFilePicture, row_.chunkID, offset, block_.data(), block_.size());
-  }
-
-  // Each picture carries its own time, so another one's bytes in its place show.
-  State lookAtPicture(const PictureEntry& entry) const {
-    uint8_t bytes[kTimeStampWindow];
-    const size_t length = std::min<size_t>(entry.size, sizeof bytes);
-    if (!card_.readChunk(kFileStream, row_.chunkID, entry.dataOffset, bytes, length)) {
-      return State::kUnreadable;
-    }
-    size_t place = 0;
-    if (length < kTimeStampSeiSize || !findTimeStampSei(bytes, length, &place)) {
-      return State::kBadData;
-    }
-    const uint8_t* digits = bytes + place + kStampDigitsEnd - kStampDigits;
-    return stampFits(digits, entry.presentation.seconds) ? State::kGood : State::kBadData;
+  State lookAtData(const PictureEntry& entry) {
+    const Delivery got = lookAtPicture(&stream_, entry);
+    if (got == Delivery::kRefused) return State::kUnreadable;
+    return got == Delivery::kGood ? State::kGood : State::kBadData;
   }
 
   // Pictures from runFrom_ to in front of `index` have the same thing wrong with them.
@@ -238,6 +185,12 @@ class RecordingCheck {
     runState_ = State::kGood;
   }
 
+  // The library's repair of an interrupted recording keeps the number that it finds, where it is
+  // not 0; ours counts, and none is right where the recording began within a group and ended in it.
+  bool gopsOfRepair() const {
+    return (row_.status & kStatusRepaired) != 0 && header_.gops > 0 && gops_ > 0;
+  }
+
   void compareHeader() {
     std::string what;
     const auto compare = [&what](bool same, const char* name) {
@@ -249,9 +202,7 @@ class RecordingCheck {
     if (whole_) {
       compare(header_.dataOffset == firstOffset_, "place of the data");
       compare(header_.dataSize == dataSize_, "size of the data");
-      // The repair of an interrupted recording counts key pictures in steps.
-      const bool repaired = (row_.status & kStatusRepaired) != 0;
-      compare(repaired ? header_.gops > 0 : header_.gops == gops_, "number of key pictures");
+      compare(header_.gops == gops_ || gopsOfRepair(), "number of key pictures");
     }
     if (!what.empty()) say(FindingKind::kHeader, "its stream header tells something else: " + what);
   }
@@ -259,12 +210,11 @@ class RecordingCheck {
   CardContents* contents_;
   const CardReader& card_;
   const DB_STREAM row_;
-  const uint32_t streamSize_;
+  CardSource pictures_;
+  CardSource stream_;
+  RecordingIndex index_;
   StreamHeader header_;
   bool headerGood_ = false;
-  std::vector<uint8_t> block_;
-  uint32_t blockFrom_ = 0;
-  uint32_t blockCount_ = 0;
   bool hasFirst_ = false;
   bool whole_ = true;  // every entry so far is good
   uint32_t firstNumber_ = 0;

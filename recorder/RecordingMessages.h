@@ -6,6 +6,8 @@ namespace tarn {
 inline constexpr char kMsgSessionFailed[] = "RecordingSession: channel %d: %s";
 inline constexpr char kMsgLeftOver[] =
     "RecordingSession: recording %u was left open, %u pictures kept";
+inline constexpr char kMsgLeftOverRefused[] =
+    "RecordingSession: recording %u was left open and cannot be read, it stays open";
 inline constexpr char kMsgSpaceNoHeader[] =
     "RecordingSpace: header of recording %u in chunk %d cannot be read, going on behind it";
 inline constexpr char kMsgSpaceOrphan[] = "RecordingSpace: chunk %d holds no recording, emptied";

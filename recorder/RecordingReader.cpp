@@ -1,32 +1,19 @@
 #include "recorder/RecordingReader.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
-#include <cstdio>
 
 #include "base/Wrap.h"
-#include "chunk/CTARNStreamChunk.h"
 #include "db/CApiDb.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/AnnexB.h"
-#include "recorder/RecordingSpace.h"
+#include "recorder/RecordingIndex.h"
 
 namespace tarn {
 namespace {
 
-// Entries read at once: one block of the picture chunk's read buffer.
-constexpr uint32_t kBlockEntries = 128;
-// Ranges are checked here, against the area sizes; the event only has to be no obstacle.
-constexpr uint32_t kWholeRing = 0x7FFFFFFF;
 constexpr uint32_t kPage = 64;
-
-CHUNK_EVENT eventOf(const DB_STREAM& row, uint32_t start) {
-  CHUNK_EVENT event = {};
-  event.chunkID = static_cast<uint16_t>(row.chunkID);
-  event.partition = kRecorderPartition;
-  event.startOffset = start;
-  event.size = kWholeRing;
-  return event;
-}
 
 }  // namespace
 
@@ -44,88 +31,42 @@ class RecordingReader::Impl {
   uint32_t count() const { return count_; }
 
  private:
-  bool openChunks();
-  bool loadBlock(uint32_t firstIndex);
-  bool readAt(CTARNStreamChunk& chunk, uint32_t offset, uint8_t* out, uint32_t length);
   bool entryAt(uint32_t index, PictureEntry* out);
   uint32_t lastDecodedBy(PictureTime time);
 
   DB_STREAM row_ = {};
   StreamHeader header_;
-  CTARNStreamChunk pictures_{0};
-  CTARNStreamChunk stream_{1};
-  uint32_t pictureSize_ = 0;
-  uint32_t streamSize_ = 0;
+  std::unique_ptr<RecordingIndex> index_;
+  std::unique_ptr<ChunkSource> stream_;
   bool running_ = false;
   uint32_t count_ = 0;
-  uint32_t blockFirst_ = 0;  // index of the first entry in block_
-  uint32_t blockCount_ = 0;
-  std::vector<uint8_t> block_;
 };
 
 int RecordingReader::Impl::open(const DB_STREAM& row) {
   row_ = row;
-  if (row.chunkID > 0x7FFF ||
-      !readStreamHeader(static_cast<int>(row.chunkID), row.chunkOffset, &header_)) {
-    return -1;
-  }
-  if (!openChunks()) return -1;
-  block_.resize(size_t{kBlockEntries} * kRecordSize);
+  index_ = std::make_unique<RecordingIndex>(row);
+  if (index_->header(&header_) != Delivery::kGood) return -1;
+  stream_ = std::make_unique<ChunkSource>(kFileStream, row.chunkID, O_RDONLY);
+  if (!stream_->isOpen()) return -1;
   running_ = row.recSize == 0;
   // The header's slot is one of the ring's, so no recording has more entries than this.
-  count_ = std::min(row.recSize, pictureSize_ / kRecordSize - 1);
+  count_ = std::min(row.recSize, index_->capacity());
   if (running_) refresh();
   return 0;
 }
 
-bool RecordingReader::Impl::openChunks() {
-  CHUNK_EVENT pictures = eventOf(row_, row_.chunkOffset);
-  CHUNK_EVENT stream = eventOf(row_, header_.dataOffset);
-  if (pictures_.openChunkFile(&pictures) != 0 || stream_.openChunkFile(&stream) != 0) return false;
-  pictureSize_ = static_cast<uint32_t>(pictures_.getChunkSize());
-  streamSize_ = static_cast<uint32_t>(stream_.getChunkSize());
-  return row_.chunkOffset < pictureSize_ && header_.dataOffset < streamSize_;
-}
-
-bool RecordingReader::Impl::readAt(CTARNStreamChunk& chunk, uint32_t offset, uint8_t* out,
-                                   uint32_t length) {
-  if (chunk.seek(static_cast<long>(offset), SEEK_SET) < 0) return false;
-  return chunk.read(out, static_cast<long>(length)) == static_cast<long>(length) &&
-         !chunk.lastReadFailed();
-}
-
-// Entries from firstIndex on, as many as the block holds and the ring can have.
-bool RecordingReader::Impl::loadBlock(uint32_t firstIndex) {
-  blockCount_ = 0;
-  const uint32_t most = pictureSize_ / kRecordSize - 1;
-  if (firstIndex >= most) return false;
-  const uint32_t count = std::min(kBlockEntries, most - firstIndex);
-  const uint32_t place =
-      ringAdvance(row_.chunkOffset, (firstIndex + 1) * kRecordSize, pictureSize_);
-  if (!readAt(pictures_, place, block_.data(), count * kRecordSize)) return false;
-  blockFirst_ = firstIndex;
-  blockCount_ = count;
-  return true;
-}
-
 bool RecordingReader::Impl::entryAt(uint32_t index, PictureEntry* out) {
-  const bool held = index >= blockFirst_ && index - blockFirst_ < blockCount_;
-  if (!held && !loadBlock(index - index % kBlockEntries)) return false;
-  const uint8_t* bytes = block_.data() + size_t{index - blockFirst_} * kRecordSize;
-  return decodePictureEntry(bytes, out) && out->key == row_.streamID &&
-         out->number == wrapAdd32(header_.firstNumber, index) && out->dataOffset < streamSize_ &&
-         out->size < streamSize_;
+  return index_->entry(index, out) == Delivery::kGood &&
+         out->number == wrapAdd32(header_.firstNumber, index);
 }
 
 uint32_t RecordingReader::Impl::refresh() {
   if (!running_) return count_;
-  // What was read ahead may be older than what the writer added since; a seek elsewhere drops it.
-  pictures_.seek(static_cast<long>(ringAdvance(row_.chunkOffset, pictureSize_ / 2, pictureSize_)),
-                 SEEK_SET);
-  blockCount_ = 0;
+  // What was read ahead may be older than what the writer added since.
+  index_->forget();
   PictureEntry entry;
   while (entryAt(count_, &entry)) ++count_;
-  blockCount_ = 0;
+  index_->forget();
   return count_;
 }
 
@@ -175,9 +116,9 @@ int64_t RecordingReader::Impl::findPictureFrom(PictureTime time) {
 
 bool RecordingReader::Impl::readPicture(const PictureEntry& entry, std::vector<uint8_t>* out,
                                         bool withTimeStamp) {
-  if (entry.dataOffset >= streamSize_ || entry.size >= streamSize_) return false;
+  if (entry.dataOffset >= stream_->size() || entry.size >= stream_->size()) return false;
   out->resize(entry.size);
-  if (!readAt(stream_, entry.dataOffset, out->data(), entry.size)) return false;
+  if (stream_->read(entry.dataOffset, out->data(), entry.size) != Delivery::kGood) return false;
   if (!withTimeStamp) out->resize(removeTimeStampSei(out->data(), out->size()));
   return true;
 }

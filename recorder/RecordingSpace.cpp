@@ -9,11 +9,11 @@
 
 #include "base/Omission.h"
 #include "base/Wrap.h"
-#include "chunk/CTARNStreamChunk.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNStreamManager.h"
+#include "recorder/RecordingIndex.h"
 #include "recorder/RecordingMessages.h"
 #include "recorder/ServerFailure.h"
 #include "recorder/ServerRetry.h"
@@ -43,20 +43,6 @@ constexpr char kSqlEventsAfter[] =
 short asChunk(int chunk) { return static_cast<short>(chunk); }
 
 }  // namespace
-
-bool readStreamHeader(int chunk, uint32_t offset, StreamHeader* out) {
-  CHUNK_EVENT event = {};
-  event.chunkID = static_cast<uint16_t>(chunk);
-  event.partition = kRecorderPartition;
-  event.startOffset = offset;
-  event.size = kRecordSize;
-  CTARNStreamChunk reader(kPicture);
-  uint8_t bytes[kRecordSize] = {};
-  if (reader.openChunkFile(&event) != 0) return false;
-  if (reader.read(bytes, kRecordSize) != long{kRecordSize} || reader.lastReadFailed()) return false;
-  // Zeros have a right sum too; the version tells them.
-  return decodeStreamHeader(bytes, out) && out->version == kRecordVersion;
-}
 
 bool RecordingSpace::fail(RecordingError error, const char* text) {
   error_ = error;
@@ -262,7 +248,7 @@ bool RecordingSpace::deleteRecording(const DB_STREAM& row, uint32_t now, int kee
 bool RecordingSpace::releaseSpace(const DB_STREAM& row) {
   const int chunk = static_cast<int>(row.chunkID);
   StreamHeader header;
-  const bool whole = row.chunkSize != 0 && readStreamHeader(chunk, row.chunkOffset, &header);
+  const bool whole = row.chunkSize != 0 && RecordingIndex(row).header(&header) == Delivery::kGood;
   if (whole && manager_->deleteData(asChunk(chunk), row.chunkOffset, row.chunkSize) >= 0)
     return true;
   syslog(LOG_WARNING, kMsgSpaceNoHeader, row.streamID, chunk);
@@ -280,7 +266,7 @@ bool RecordingSpace::moveUseToOldest(int chunk) {
   DB_STREAM row = {};
   if (!oldestInChunk(chunk, &row)) return fail(RecordingError::kDatabase, kErrDatabase);
   StreamHeader header;
-  const bool readable = readStreamHeader(chunk, row.chunkOffset, &header);
+  const bool readable = RecordingIndex(row).header(&header) == Delivery::kGood;
   return retryFor(kServerPatienceMs,
                   [&] {
                     // Without its header the stream area keeps its old begin: less room, no harm.

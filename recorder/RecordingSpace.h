@@ -79,8 +79,4 @@ inline bool rowInProgress(const DB_STREAM& row) {
   return row.recSize == 0 && row.endDate == 0 && (row.status & 1) != 0;
 }
 
-// Reads the stream header at `offset` of a picture chunk. False when it cannot be read or its sum
-// is wrong.
-bool readStreamHeader(int chunk, uint32_t offset, StreamHeader* out);
-
 }  // namespace tarn

@@ -284,11 +284,11 @@ void Recovery::attempt() {
       step(
           "database", [this] { return database(); }, kErrJournalManage) &&
       step(
-          "overtaken rows", [this] { return deleteOvertakenRows(&report_); }, kErrOvertaken) &&
+          "overtaken rows", [this] { return settleOvertakenRows(&report_); }, kErrOvertaken) &&
       step(
-          "video rows", [this] { return repairVideoRows(&report_); }, kErrVideoRows) &&
+          "video rows", [this] { return settleVideoRows(&report_); }, kErrVideoRows) &&
       step(
-          "remaining rows", [this] { return closeRemainingRows(&report_); }, kErrRemaining) &&
+          "remaining rows", [this] { return settleRemainingRows(&report_); }, kErrRemaining) &&
       step(
           "events", [this] { return endOpenEvents(&report_); }, kErrEvents) &&
       step(

@@ -13,9 +13,9 @@
 #include "dblog/CDbLog.h"
 #include "manager/CTARNStreamManager.h"
 #include "recorder/AnnexB.h"
+#include "recorder/InterruptedRow.h"
 #include "recorder/JournalGuard.h"
 #include "recorder/RecordingMessages.h"
-#include "recorder/RecordingReader.h"
 #include "recorder/ServerFailure.h"
 #include "recorder/ServerRetry.h"
 
@@ -327,24 +327,26 @@ void RowWriter::abandon() {
 
 bool RowWriter::closeLeftOver(const DB_STREAM& row, bool newestOfChunk) {
   const int chunk = static_cast<int>(row.chunkID);
-  RecordingReader reader;
+  InterruptedRow found(row);
+  const InterruptedRow::Verdict verdict = found.judge();
+  if (verdict == InterruptedRow::Verdict::kRefused) {
+    syslog(LOG_WARNING, kMsgLeftOverRefused, row.streamID);
+    return true;
+  }
   row_ = row;
   queued_ = 0;
   confirmed_ = Totals();
   ownsEnd_ = false;
-  uint32_t dataEnd = 0;
-  if (reader.open(row) == 0) {
-    header_ = reader.header();
+  if (verdict == InterruptedRow::Verdict::kPictures) {
+    header_ = found.header();
     headerOffset_ = row.chunkOffset;
     ownsEnd_ = newestOfChunk;
-    dataEnd = header_.dataOffset;
-    PictureEntry entry;
-    const auto streamSize = static_cast<uint32_t>(manager_->streamChunkSize());
-    for (uint32_t i = 0; i < reader.pictureCount() && reader.picture(i, &entry); ++i) {
-      confirmed_.add(entry);
-      dataEnd = ringAdvance(entry.dataOffset, entry.size, streamSize);
-    }
+    confirmed_.pictures = found.pictures();
+    confirmed_.gops = found.gops();
+    confirmed_.dataSize = header_.dataSize;
+    confirmed_.last = found.last();
   }
+  const uint32_t dataEnd = found.dataEnd();
   syslog(LOG_WARNING, kMsgLeftOver, row.streamID, confirmed_.pictures);
   if (!openArea(&picture_, kPicture, chunk) || !openArea(&stream_, kStream, chunk)) return false;
   chunk_ = chunk;

@@ -39,8 +39,8 @@ Delivery Source::read(uint32_t offset, void* out, uint32_t length) {
   uint32_t pauseMs = kFirstPauseMs;
   const int most = omitted(Omit::kReadAgain) ? 1 : kTries;
   for (int tries = 1; got == Delivery::kRefused && isOpen() && tries < most; ++tries) {
-    const uint32_t pause = std::min(pauseMs, patienceMs_);
-    patienceMs_ -= pause;
+    const uint32_t pause = std::min(pauseMs, *patience_);
+    *patience_ -= pause;
     if (pause > 0) usleep(pause * 1000);
     pauseMs *= 2;
     got = readOnce(offset, out, length);
@@ -59,13 +59,26 @@ ChunkSource::ChunkSource(int fileType, uint32_t chunk, int flags) {
   if (placeless_) return;
   char name[kChunkFileNameRoom];
   chunkFileName(kRecorderPartition, fileTag(fileType), static_cast<int>(chunk), name);
-  handle_ = fat_.open(name, flags);
+  // With a flag of no account to it, a read-only handle reads what it is asked for: one that reads
+  // picture chunks in blocks would make a bad sector a bad block.
+  openPatiently(name, flags | O_CLOEXEC);
   if (handle_ == -1) return;
   placeless_ = chunk >= fat_.chunks(handle_);
   if (placeless_) return;
   size_ = low32(fat_.getChunkSize(handle_));
   streamSize_ = low32(fat_.streamChunkSize(handle_));
   pictureSize_ = low32(fat_.pictureChunkSize(handle_));
+}
+
+// The card's own description is read for it, which a card that hiccups may refuse like anything.
+void ChunkSource::openPatiently(const char* name, int flags) {
+  uint32_t pauseMs = kFirstPauseMs;
+  handle_ = fat_.open(name, flags);
+  for (int tries = 1; handle_ == -1 && tries < kTries; ++tries, pauseMs *= 2) {
+    if (access(deviceName(kRecorderPartition), F_OK) != 0) return;
+    usleep(pauseMs * 1000);
+    handle_ = fat_.open(name, flags);
+  }
 }
 
 bool ChunkSource::readPiece(uint32_t offset, void* out, uint32_t length) {

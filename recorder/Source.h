@@ -22,6 +22,8 @@ enum class Delivery : uint8_t {
 // the recorder's card and a card image on a desk. Not part of the interface. Used by one thread.
 class Source {
  public:
+  static constexpr uint32_t kPatienceMs = 2000;
+
   virtual ~Source() = default;
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
@@ -37,6 +39,8 @@ class Source {
   // kBad for a place or length that the chunk does not have. After anything but kGood `out` holds
   // nothing of use.
   Delivery read(uint32_t offset, void* out, uint32_t length);
+  // Waits as long as *ms lasts, in common with others that share it, and takes off what it waits.
+  void sharePatience(uint32_t* ms) { patience_ = ms; }
   // The same, asked once.
   Delivery readOnce(uint32_t offset, void* out, uint32_t length);
 
@@ -49,7 +53,8 @@ class Source {
   std::string name_;
 
  private:
-  uint32_t patienceMs_ = 2000;
+  uint32_t patienceMs_ = kPatienceMs;
+  uint32_t* patience_ = &patienceMs_;
 };
 
 // A chunk of the recorder's own card, opened by itself; no server is needed. The descriptor is this
@@ -74,6 +79,8 @@ class ChunkSource : public Source {
   bool readPiece(uint32_t offset, void* out, uint32_t length) override;
 
  private:
+  void openPatiently(const char* name, int flags);
+
   CFATAccess fat_;
   int handle_ = -1;
   bool placeless_ = false;

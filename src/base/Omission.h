@@ -39,6 +39,7 @@ enum class Omit {
   kSeedKeys,
   kOvertakenRows,
   kVideoRows,
+  kOwnWalk,  // entries decide about interrupted video, and not the library's repair
   kRemainingRows,
   kEvents,
   kHeaders,

@@ -156,7 +156,8 @@ class TARN_API CTARNChunkBase {
   CTARNManagerBase* manager = nullptr;  // not owned; null when opened for an event
   CFATAccess fat;
   bool usageKnown = false;
-  bool unflushed = false;  // something was written since the last flush that worked
+  bool unflushed = false;        // something was written since the last flush that worked
+  bool firstPartFailed = false;  // of the last read, which went across the ring's end
 
  private:
   bool refuseOpenChunk();

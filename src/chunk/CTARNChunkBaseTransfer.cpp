@@ -81,6 +81,7 @@ bool CTARNChunkBase::writePiece(const void* buf, uint32_t size) {
 
 long CTARNChunkBase::read(void* buf, long size) {
   const uint32_t asked = size32(size);
+  firstPartFailed = false;
   if (isNegative(asked)) return -1;
   long position = currentOffset();
   uint32_t length = asked;
@@ -99,6 +100,7 @@ long CTARNChunkBase::read(void* buf, long size) {
   const uint32_t toEnd = chunkSize - size32(position);
   if (toEnd >= length) return readPiece(buf, length, true) ? result : -1;
   if (!readPiece(buf, toEnd, false)) return -1;
+  firstPartFailed = toEnd > 0 && fat.lastReadFailed(handle);
   if (seekTo(0) == -1) {
     syslog(LOG_ERR, tarn::kMsgReadSeek, errno);
     return -1;
@@ -147,4 +149,4 @@ bool CTARNChunkBase::readPiece(void* buf, uint32_t size, bool reportSize) {
   return false;
 }
 
-bool CTARNChunkBase::lastReadFailed() { return fat.lastReadFailed(handle); }
+bool CTARNChunkBase::lastReadFailed() { return firstPartFailed || fat.lastReadFailed(handle); }

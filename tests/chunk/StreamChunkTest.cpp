@@ -207,6 +207,20 @@ TEST(StreamChunk, PicturesThatTheDeviceDoesNotDeliverAreZerosAndTold) {
   EXPECT_FALSE(chunk.lastReadFailed());
 }
 
+TEST(StreamChunk, AFailureInFrontOfTheRingsEndIsTold) {
+  PlainCard c;
+  CTARNStreamChunk chunk(0);
+  const auto size = static_cast<uint32_t>(c.card.family(kPicture).chunkSize);
+  const CHUNK_EVENT event = eventOf(2, size - 64, 3200);
+  ASSERT_EQ(chunk.openChunkFile(&event), 0);
+  Bytes out(128);
+  c.io.fail(Call::Read, 1, EIO);
+  EXPECT_EQ(chunk.read(out.data(), 128), 128);
+  EXPECT_TRUE(chunk.lastReadFailed());
+  EXPECT_EQ(chunk.read(out.data(), 32), 32);
+  EXPECT_FALSE(chunk.lastReadFailed());
+}
+
 TEST(StreamChunk, PicturesAreReadInBlocks) {
   PlainCard c;
   const Bytes bytes = patternBytes(3200);

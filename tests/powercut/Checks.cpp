@@ -140,12 +140,31 @@ std::string checkRows(const std::map<uint32_t, Allowed<Row>>& model, const std::
   return "";
 }
 
-// An event that was under way ends with the newest recording, or had nothing to show.
+// Seconds of the last picture of the recordings from the one that was running when an event began.
+// Keys tell the order; the clock may have been set.
+uint32_t ownEnd(const DB_EVENT& event, const std::vector<DB_STREAM>& rows) {
+  uint32_t own = 0;
+  uint32_t end = 0;
+  for (const DB_STREAM& row : rows) {
+    if (row.startDate <= event.startDate) own = std::max(own, row.streamID);
+  }
+  for (const DB_STREAM& row : rows) {
+    if (row.streamID >= own) end = std::max(end, row.endDate);
+  }
+  return end;
+}
+
+// Whether a recording has a picture of an event that nobody ended, or of the seconds before it.
+bool isShown(const DB_EVENT& event, const std::vector<DB_STREAM>& rows) {
+  return std::any_of(rows.begin(), rows.end(), [&event](const DB_STREAM& row) {
+    return row.startDate <= event.startDate + 1 && row.endDate + event.preSec >= event.startDate;
+  });
+}
+
+// An event that was under way ends with its recording and not at once, or had nothing to show.
 std::string checkOpenEvents(const std::map<uint32_t, Allowed<DB_EVENT>>& model,
                             const std::vector<DB_STREAM>& rows,
                             const std::vector<DB_EVENT>& events) {
-  uint32_t newestEnd = 0;
-  for (const DB_STREAM& row : rows) newestEnd = std::max(newestEnd, row.endDate);
   std::set<uint32_t> listed;
   for (const DB_EVENT& event : events) {
     listed.insert(event.eventID);
@@ -155,14 +174,13 @@ std::string checkOpenEvents(const std::map<uint32_t, Allowed<DB_EVENT>>& model,
     if (place == model.end() ||
         std::any_of(place->second.versions.begin(), place->second.versions.end(), known))
       continue;
-    if (event.startDate >= event.endDate || event.endDate != newestEnd) {
-      return "I1: ends at another time than the recordings: " + text(event);
-    }
+    const uint32_t end = std::max(ownEnd(event, rows), event.startDate + 1);
+    if (event.endDate != end) return "I1: ends at another time than its recording: " + text(event);
   }
   for (const auto& [key, allowed] : model) {
     bool mayBeGone = false;
     for (const auto& version : allowed.versions) {
-      mayBeGone = mayBeGone || !version.there || version.row.startDate >= newestEnd;
+      mayBeGone = mayBeGone || !version.there || !isShown(version.row, rows);
     }
     if (!mayBeGone && listed.count(key) == 0) {
       return "I1: has a recording and is gone: " + text(allowed.versions.back().row);

@@ -36,6 +36,7 @@ constexpr Named kNames[] = {
     {"seed-keys", Omit::kSeedKeys},
     {"overtaken-rows", Omit::kOvertakenRows},
     {"video-rows", Omit::kVideoRows},
+    {"own-walk", Omit::kOwnWalk},
     {"remaining-rows", Omit::kRemainingRows},
     {"events", Omit::kEvents},
     {"headers", Omit::kHeaders},

@@ -204,7 +204,7 @@ TEST_F(RecoveryTest, AnOpenEventWithoutAnyRecordingIsDeleted) {
   expectASecondRunToChangeNothing();
 }
 
-TEST_F(RecoveryTest, ALeftOverOfDaysAgoGoesWithoutLaterEvents) {
+TEST_F(RecoveryTest, ALeftOverOfDaysAgoIsClosedAndLeavesLaterEventsAlone) {
   rig.record(0, 50);
   {
     tarn::RecordingSession session;
@@ -221,9 +221,12 @@ TEST_F(RecoveryTest, ALeftOverOfDaysAgoGoesWithoutLaterEvents) {
   const RecoveryReport report = rig.boot();
   ASSERT_TRUE(report.ok()) << report.error;
   ASSERT_EQ(report.changes.size(), 1u);
-  EXPECT_EQ(report.changes[0].kind, Kind::kRecordingDeleted);
+  EXPECT_EQ(report.changes[0].kind, Kind::kRecordingClosed);
   EXPECT_EQ(report.changes[0].key, 1u);
-  EXPECT_EQ(verifyAll(), range(5000, 5050));
+  EXPECT_EQ(rig.headerOf(allStreams()[0]).pictures, 50u);
+  std::vector<uint32_t> all = range(0, 50);
+  for (uint32_t number : range(5000, 5050)) all.push_back(number);
+  EXPECT_EQ(verifyAll(), all);
   EXPECT_EQ(allEvents().size(), 1u);
   expectASecondRunToChangeNothing();
 }
@@ -248,15 +251,37 @@ TEST_F(RecoveryTest, AudioIsClosedWhereItsEntriesConfirmIt) {
   expectASecondRunToChangeNothing();
 }
 
-TEST_F(RecoveryTest, AudioEntriesCountUpToTheFirstThatDoesNotFollow) {
+TEST_F(RecoveryTest, ALeftOverOfWhichNothingIsThereGoesAloneWhenANewerOneFollows) {
+  rig.record(0, 50);
+  {
+    tarn::RecordingSession session;
+    ASSERT_TRUE(openSession(session));
+    ASSERT_TRUE(writePictures(session, 5000, 5050));
+    const uint32_t event = session.beginEvent(3, pictureTime(5010), 2);
+    ASSERT_EQ(session.endEvent(event, pictureTime(5030)), 0);
+  }
+  const std::vector<DB_STREAM> rows = allStreams();
+  rig.powerOff();
+  rig.reopenRow(rows[0]);
+  rig.setPicture(rows[0], 1, Bytes(50 * 32, 0xFF));
+  const RecoveryReport report = rig.boot();
+  ASSERT_TRUE(report.ok()) << report.error;
+  EXPECT_EQ(report.count(Kind::kRecordingDeleted), 1u);
+  EXPECT_EQ(verifyAll(), range(5000, 5050));
+  EXPECT_EQ(allEvents().size(), 1u);
+  expectASecondRunToChangeNothing();
+}
+
+// The entries of the last flush may have reached the card in any order.
+TEST_F(RecoveryTest, AudioEntriesCountUpToAHoleInTheLastFlush) {
   rig.record(0, 50);
   const DB_STREAM row = allStreams()[0];
   rig.powerOff();
   rig.reopenRow(row);
   rig.editRecord(row, tarn::kStreamInTrgOff, 0x80u << 16);
-  rig.setPicture(row, 21, Bytes(32, 0xFF));  // entry 20
+  rig.setPicture(row, 16, Bytes(16 * 32, 0xFF));  // a sector: entries 15 to 30
   ASSERT_TRUE(rig.boot().ok());
-  EXPECT_EQ(verifyAll(), range(0, 20));
+  EXPECT_EQ(verifyAll(), range(0, 15));
   expectASecondRunToChangeNothing();
 }
 
@@ -266,7 +291,7 @@ TEST_F(RecoveryTest, AudioWithoutAnyEntryIsDeletedAlone) {
   rig.powerOff();
   rig.reopenRow(row);
   rig.editRecord(row, tarn::kStreamInTrgOff, 0x80u << 16);
-  rig.setPicture(row, 1, Bytes(32, 0xFF));
+  rig.setPicture(row, 1, Bytes(50 * 32, 0xFF));
   const RecoveryReport report = rig.boot();
   ASSERT_TRUE(report.ok()) << report.error;
   EXPECT_EQ(report.count(Kind::kRecordingDeleted), 1u);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <string>
 #include <vector>
 
 #include "Console.h"
@@ -30,6 +31,12 @@ class Exporter {
     complain(text);
     return false;
   }
+  // Why there are fewer pictures than were recorded: a recording that goes on with the one before
+  // it may begin between two key pictures.
+  std::string leftOut() const {
+    return fmt::format("{} pictures need a key picture that is not among them and are left out",
+                       undecodable_);
+  }
   bool choose();
   bool chooseEvent();
   bool chooseStream();
@@ -47,6 +54,8 @@ class Exporter {
   uint64_t written_ = 0;
   uint64_t bytes_ = 0;
   uint64_t lost_ = 0;  // pictures that could not be read
+  uint64_t undecodable_ =
+      0;  // pictures left out, because the key picture that they need is not there
   bool waitForKey_ = true;
   PictureTime first_;
   PictureTime last_;
@@ -151,7 +160,10 @@ bool Exporter::exportRow(const DB_STREAM& row, MediaOutput* output) {
       continue;
     }
     if (to_ < entry.presentation && !neededLater(&reader, index)) return true;
-    if (waitForKey_ && !entry.isKey()) continue;
+    if (waitForKey_ && !entry.isKey()) {
+      if (!(entry.presentation < from_)) ++undecodable_;
+      continue;
+    }
     waitForKey_ = false;
     if (!writePicture(&reader, entry, output)) return false;
   }
@@ -170,7 +182,8 @@ int Exporter::run() {
     if (!exportRow(row, output.get())) return 1;
   }
   if (written_ == 0) {
-    fail("no picture of that time can be read");
+    fail(undecodable_ > 0 ? fmt::format("{}; no other picture of that time can be read", leftOut())
+                          : "no picture of that time can be read");
     return 1;
   }
   if (!output->finish()) {
@@ -179,6 +192,7 @@ int Exporter::run() {
   }
   fmt::print("{}: {} pictures, {} to {}, {:.1f} MB\n", asUserSees(request_.output), written_,
              clockText(first_), clockText(last_), static_cast<double>(bytes_) / 1e6);
+  if (undecodable_ > 0) complain(leftOut());
   if (lost_ > 0) {
     complain(fmt::format("{} pictures could not be read and are missing", lost_));
     return 1;
