@@ -8,7 +8,6 @@
 #include "base/Wrap.h"
 #include "dblog/CDbRestore.h"
 #include "fat/ChunkFiles.h"
-#include "recorder/PictureNumbers.h"
 #include "recorder/PictureStamp.h"
 
 namespace tarn {
@@ -48,18 +47,6 @@ Delivery InterruptedRow::at(uint32_t index, PictureEntry* entry) {
   const bool other =
       got == Delivery::kGood && entry->number != wrapAdd32(header_.firstNumber, index);
   return other ? Delivery::kBad : got;
-}
-
-// Where the header is damaged: first numbers are multiples of a step, so an entry tells it.
-void InterruptedRow::findFirstNumber() {
-  PictureEntry entry;
-  const uint32_t most = std::min(kWidestHole, index_.capacity());
-  for (uint32_t i = 0; i < most; ++i) {
-    if (index_.entry(i, &entry) != Delivery::kGood || entry.number <= i) continue;
-    header_.firstNumber = entry.number - i;
-    if (header_.firstNumber % PictureNumbers::kStep == 0) return;
-  }
-  header_.firstNumber = 0;  // nobody's
 }
 
 // Entries of the last flush reach the card in any order. Where one is missing among them, none
@@ -148,7 +135,7 @@ InterruptedRow::Verdict InterruptedRow::judge() {
   if (delivered && pictures_ == 0) {  // a good header may be the one of another recording
     headerGood_ = false;
     header_ = StreamHeader();
-    findFirstNumber();
+    header_.firstNumber = index_.firstNumber();
     delivered = walk();
   }
   if (!delivered) return Verdict::kRefused;

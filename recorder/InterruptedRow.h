@@ -40,7 +40,6 @@ class InterruptedRow {
   struct Hole;
 
   Delivery at(uint32_t index, PictureEntry* entry);
-  void findFirstNumber();
   bool walk();
   bool isTorn(const Hole& hole);
   void dropStrayPictures();

@@ -7,8 +7,15 @@
 #include "base/Endian.h"
 #include "base/Wrap.h"
 #include "fat/ChunkFiles.h"
+#include "recorder/PictureNumbers.h"
 
 namespace tarn {
+namespace {
+
+// As far as cards lose bytes at once: 64 KiB.
+constexpr uint32_t kMostBad = 64 * 1024 / kRecordSize;
+
+}  // namespace
 
 RecordingIndex::RecordingIndex(const DB_STREAM& row)
     : row_(row), own_(std::make_unique<ChunkSource>(kFilePicture, row.chunkID, O_RDONLY)) {
@@ -86,6 +93,17 @@ Delivery RecordingIndex::entry(uint32_t index, PictureEntry* out) {
   const bool good = decodePictureEntry(bytes, out) && out->key == row_.streamID &&
                     out->dataOffset < streamSize_ && out->size < streamSize_;
   return good ? Delivery::kGood : Delivery::kBad;
+}
+
+uint32_t RecordingIndex::firstNumber() {
+  PictureEntry found;
+  const uint32_t most = std::min(kMostBad, capacity());
+  for (uint32_t i = 0; i < most; ++i) {
+    if (entry(i, &found) != Delivery::kGood || found.number <= i) continue;
+    const uint32_t first = found.number - i;
+    if (first % PictureNumbers::kStep == 0) return first;
+  }
+  return 0;
 }
 
 bool RecordingIndex::isForeign(uint32_t index) {

@@ -36,6 +36,9 @@ class RecordingIndex {
   // Good: right CRC, the row's key, data inside the stream chunk. Numbers are the caller's to
   // compare: kBad is also what lies behind the last entry, and what a recording of before left.
   Delivery entry(uint32_t index, PictureEntry* out);
+  // Number of the first picture, told by the entries alone: of the first good one, as first numbers
+  // are multiples of a step. 0 without one that fits, or when the device gives none.
+  uint32_t firstNumber();
   // Whether the slot of an entry holds a whole record of another recording: nothing of this one has
   // ever been there.
   bool isForeign(uint32_t index);

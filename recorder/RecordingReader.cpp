@@ -45,7 +45,12 @@ class RecordingReader::Impl {
 int RecordingReader::Impl::open(const DB_STREAM& row) {
   row_ = row;
   index_ = std::make_unique<RecordingIndex>(row);
-  if (index_->header(&header_) != Delivery::kGood) return -1;
+  if (index_->header(&header_) != Delivery::kGood) {
+    // Its entries tell as much as is needed to read it.
+    header_ = StreamHeader();
+    header_.firstNumber = index_->firstNumber();
+    if (header_.firstNumber == 0) return -1;
+  }
   stream_ = std::make_unique<ChunkSource>(kFileStream, row.chunkID, O_RDONLY);
   if (!stream_->isOpen()) return -1;
   running_ = row.recSize == 0;

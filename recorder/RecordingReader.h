@@ -20,12 +20,14 @@ class TARN_API RecordingReader {
   RecordingReader& operator=(const RecordingReader&) = delete;
 
   // Opens a row (copied), or the row of a key through a database connection of the reader's own.
-  // 0, or -1 when the row or its header cannot be read. An open reader is closed first.
+  // 0, or -1 when the row, or both its header and its first entries, cannot be read. An open reader
+  // is closed first.
   int open(const DB_STREAM& row);
   int open(uint32_t streamID);
   void close();
   bool isOpen() const;
   const DB_STREAM& row() const;
+  // All but its first number is 0 where it is damaged or cannot be read.
   const StreamHeader& header() const;
 
   // Pictures that can be read: recSize of a closed row; of a running one what was confirmed at

@@ -212,6 +212,24 @@ TEST(RecordingReader, EntryWithAnotherKeyNumberOrCrcIsNotGiven) {
   }
 }
 
+TEST(RecordingReader, ADamagedHeaderHidesNoPicture) {
+  OneRecording one;
+  const DB_STREAM row = allStreams().at(0);
+  const int chunk = static_cast<int>(row.chunkID);
+  one.rig.card.writeChunk(kFilePicture, chunk, row.chunkOffset, Bytes(64, 0x5A));
+  std::vector<uint32_t> numbers;
+  RecordingReader reader;
+  ASSERT_EQ(0, reader.open(row));
+  for (uint32_t i = 0; i < reader.pictureCount(); ++i) {
+    PictureEntry entry;
+    Bytes bytes;
+    if (!reader.picture(i, &entry) || !reader.readPicture(entry, &bytes)) continue;
+    EXPECT_EQ(bytes, pictureBytes(i, 800));
+    numbers.push_back(i);
+  }
+  EXPECT_EQ(numbers, range(1, 100)) << "all but the one whose entry is damaged";
+}
+
 TEST(RecordingReader, RowThatLeadsNowhereIsRefused) {
   OneRecording one;
   DB_STREAM row = allStreams().at(0);
