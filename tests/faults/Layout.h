@@ -13,7 +13,7 @@ inline tarn::CardRequest smallCard() {
   const auto set = [&](int type, uint64_t size, uint64_t count) {
     request.families[static_cast<size_t>(type)] = {size, count};
   };
-  set(tarn::kFileStream, 128 * 1024, 2);
+  set(tarn::kFileStream, 192 * 1024, 2);
   set(tarn::kFilePicture, 16 * 1024, 2);
   set(tarn::kFileJournal, 4096, 4);
   set(tarn::kFileSyslog, 8192, 5);

@@ -158,7 +158,7 @@ std::string Rig::makeScenes() {
   if (failure.empty()) failure = must({tarn, "recover"});
   bool ready = false;
   pid_t server = startServer(false, &ready);
-  if (failure.empty()) failure = must({recorder, "life", "1", "90"});
+  if (failure.empty()) failure = must({recorder, "life", "1", "180"});
   if (failure.empty()) failure = must({recorder, "life", "2", "40", "stop-before-close"});
   kill(server, SIGKILL);
   await(server, kLimitMs);
