@@ -53,13 +53,21 @@ std::string interposer() {
 
 }  // namespace
 
+pid_t newGroup() {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    for (;;) pause();
+  }
+  if (pid > 0) setpgid(pid, pid);
+  return pid;
+}
+
 pid_t launch(const Launch& how, pid_t group) {
   const pid_t pid = fork();
   if (pid == 0) {
-    setpgid(0, group);
+    if (group != 0) setpgid(0, group);
     become(how);
   }
-  if (pid > 0) setpgid(pid, group == 0 ? pid : group);
   return pid;
 }
 

@@ -21,7 +21,9 @@ struct Ending {
   int code = 0;  // exit status, or the signal's number
 };
 
-// The process, a member of this process's group `group` (0: a new one, its own).
+// A process group to put processes into; ended by endGroup().
+pid_t newGroup();
+// The process, a member of this process's group `group` (0: this process's).
 pid_t launch(const Launch& how, pid_t group);
 // Waits; what does not end in time is killed and hangs.
 Ending await(pid_t pid, int limitMs);

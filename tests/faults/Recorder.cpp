@@ -1,9 +1,8 @@
 // faults_recorder: what the rig of tests/faults runs beside the product's own programs.
-//   format              lays out the small card
 //   life SESSION N [edit | stop-before-close]
 //                       records N pictures of two channels, with events; reports on descriptor 3
 //                       what has been promised. edit: also changes and deletes rows.
-//   wait                does nothing: others are members of its process group
+//   bad HOW             does what the rig must not overlook
 //   read                reads every picture of every row
 //   judge FILE A B STRICT
 //                       what became of all that: recovery, check, all that FILE promises, a new
@@ -21,10 +20,8 @@
 
 #include "Content.h"
 #include "Judge.h"
-#include "Layout.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
-#include "recorder/CardFormatter.h"
 #include "recorder/RecordingReader.h"
 #include "recorder/RecordingSession.h"
 
@@ -170,13 +167,20 @@ class Life {
   tarn::RecordingSession sessions_[kChannels];
 };
 
-int formatCard() {
-  tarn::CardFormatter formatter;
-  tarn::FormatOptions options;
-  options.force = true;
-  std::string error;
-  if (formatter.format("/dev/sdblk0p1", smallCard(), options, &error) == 0) return 0;
-  return fail("format", error.c_str());
+// Programs that the rig must not take for good ones.
+int misbehave(const std::string& how) {
+  if (how == "silent") return 3;
+  if (how == "crash") abort();
+  while (how == "hang") pause();
+  if (how == "early") promise("done, but not as it should be\n");
+  if (how == "differ") printf("something else\n");
+  if (how == "scribble") {
+    FILE* card = fopen("/dev/sdblk0p1", "r+");
+    if (card == nullptr || fseek(card, 1000, SEEK_SET) != 0 || fputs("x", card) < 0) return 0;
+    fclose(card);
+    printf("what it should print");
+  }
+  return 0;
 }
 
 // Prints what it read, a line for each row.
@@ -208,13 +212,12 @@ int main(int argc, char** argv) {
     return i < argc ? static_cast<uint32_t>(strtoul(argv[i], nullptr, 10)) : 0;
   };
   const std::string extra = argc > 4 ? argv[4] : "";
-  if (what == "format") return formatCard();
+  if (what == "bad") return misbehave(extra.empty() && argc > 2 ? argv[2] : "");
   if (what == "life") {
     Life life(number(2), number(3));
     return life.run(extra == "edit", extra == "stop-before-close");
   }
   if (what == "read") return readAll();
-  if (what == "wait") return pause();
   if (what == "judge" && argc > 5)
     return Judge({argv[2], {number(3), number(4)}, number(5) != 0}).run();
   return 2;

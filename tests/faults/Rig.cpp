@@ -15,17 +15,18 @@
 #include <set>
 #include <sstream>
 
+#include "Content.h"
+
 namespace faults {
 namespace {
 
-constexpr int kLimitMs = 8000;
+constexpr size_t kCardBytes = 40 * 1024 * 1024;
 constexpr uint32_t kSpeed = 20;
 constexpr uint32_t kLifePictures = 45;
 constexpr uint32_t kLogLines = 30;
 constexpr uint32_t kSpareRows = 60;  // pictures of two rows that a fault may cost in addition
 constexpr char kWork[] = "/dev/faults";
-
-const char* const kCardOptions[] = {"--size", "40M"};
+constexpr char kCard[] = "/dev/sdblk0p1";
 
 std::string logText(uint32_t first, uint32_t count) {
   std::string text;
@@ -112,6 +113,7 @@ void Rig::definePrograms() {
        "",
        logPromises(100, kLogLines)},
       {"save", "stopped", Kind::kChanges, false, {tarn, "save"}, "", "", {}},
+      {"format", "blank", Kind::kFormats, false, formatArguments(), "", "", {}, 0},
       {"list", "started", Kind::kReads, false, {tarn, "list", "--json"}, "", "", {}},
       {"read", "started", Kind::kReads, false, {recorder, "read"}, "", "", {}},
       {"check", "started", Kind::kReads, false, {tarn, "check"}, "", "", {}, 4},
@@ -146,6 +148,36 @@ void Rig::order(const Case& fault, uint32_t speed) {
   plan_->speed = plain_->speed = speed;
 }
 
+// A card of two channels whose rings come round within a few seconds of video.
+std::vector<std::string> Rig::formatArguments() const {
+  return {bin_ + "/faults_tarn",
+          "format",
+          kCard,
+          "--force",
+          "--cluster-size",
+          "512",
+          "--stream-chunk-size",
+          "192K",
+          "--stream-chunks",
+          "2",
+          "--picture-chunk-size",
+          "16K",
+          "--picture-chunks",
+          "2",
+          "--journal-chunk-size",
+          "4K",
+          "--journal-chunks",
+          "4",
+          "--syslog-chunk-size",
+          "8K",
+          "--syslog-chunks",
+          "5",
+          "--database-image-chunk-size",
+          "64K",
+          "--database-image-chunks",
+          "1"};
+}
+
 // Starts from an empty card: an old and an interrupted session, a whole life, a clean stop.
 std::string Rig::makeScenes() {
   const std::string recorder = bin_ + "/faults_recorder";
@@ -153,8 +185,9 @@ std::string Rig::makeScenes() {
   order({}, kSpeed);
   loseMemory();
   writeFile(path("promises"), "");
-  writeFile("/dev/sdblk0p1", "");
-  std::string failure = must({recorder, "format"});
+  writeFile(kCard, std::string(kCardBytes, '\0'));
+  scenes_["blank"].take("");
+  std::string failure = must(formatArguments());
   if (failure.empty()) failure = must({tarn, "recover"});
   bool ready = false;
   pid_t server = startServer(false, &ready);
@@ -273,7 +306,7 @@ std::string Rig::runProgram(const Program& program, const Case& fault, Ending* e
   if (!ready) return "the server beside it does not start: " + readFile(path("other-log"));
   Launch how = with(program.arguments, true);
   how.input = program.input.empty() ? "" : path("input");
-  *ending = await(launch(how, group_), kLimitMs);
+  *ending = await(launch(how, group_), limitMs_);
   if (program.findsByCode != 0 && ending->code == program.findsByCode)
     writeFile(path("findings"), readFile(path("output")));
   std::string failure = explain(program.name, *ending, fault);
@@ -297,7 +330,7 @@ std::string Rig::runServer(const Program&, const Case& fault, Ending* ending) {
       failure = "the recorder beside it fails without a word";
   }
   kill(server, SIGTERM);
-  const Ending served = await(server, kLimitMs);
+  const Ending served = await(server, limitMs_);
   const std::string serverFailure = explain("the server", served, fault);
   const bool good = !served.hung && !served.signalled && served.code == 0;
   if (!good && ending->code == 0) *ending = served;
@@ -350,7 +383,7 @@ std::string Rig::run(const Case& fault, uint32_t speed, bool* reached) {
   });
   if (program == programs_.end()) return "there is no such program";
   begin(*program, fault, speed);
-  group_ = launch(with({bin_ + "/faults_recorder", "wait"}, false), 0);
+  group_ = newGroup();
   Ending ending;
   std::string failure = program->kind == Program::Kind::kServes
                             ? runServer(*program, fault, &ending)
@@ -377,6 +410,66 @@ std::string Rig::run(const Case& fault, uint32_t speed, bool* reached) {
   return failure;
 }
 
-std::vector<std::string> Rig::prove() { return {}; }
+// An oracle that is fed with something wrong must say so.
+bool Rig::seesBrokenPromise(const std::string& promise, bool loseOldest) {
+  scenes_.at("stopped").restore();
+  writeFile(path("promises"), scenes_.at("stopped").promises() + promise + "\n");
+  strict_ = true;
+  const std::array<uint32_t, 2> mayLose = mayLose_;
+  if (loseOldest) mayLose_ = {};
+  const bool seen = !judge({}, false).empty();
+  mayLose_ = mayLose;
+  return seen;
+}
+
+// One bit of a picture that was safe.
+bool Rig::seesOtherByte() {
+  Scene scene = scenes_.at("stopped");
+  scene.restore();
+  const std::vector<uint8_t> picture = pictureBytes({2, 1, 7});
+  std::string card = readFile(kCard);
+  const size_t place = card.find(std::string(picture.begin(), picture.end()));
+  if (place == std::string::npos) return false;
+  card[place + picture.size() - 1] ^= 1;
+  writeFile(kCard, card);
+  writeFile(path("promises"), scene.promises());
+  return !judge({}, false).empty();
+}
+
+std::vector<std::string> Rig::prove() {
+  std::vector<std::string> unseen;
+  const auto expect = [&](bool seen, const std::string& what) {
+    if (!seen) unseen.push_back(what);
+    printf("%s %s\n", seen ? "seen" : "NOT SEEN", what.c_str());
+  };
+  expect(!seesBrokenPromise("", false), "that nothing is wrong where nothing is");
+  for (const char* promise : {"safe 2 0 41", "safe 3 1 46", "event 5 5 21", "updated 9 12",
+                              "deleted 9", "event-deleted 5", "line 999"})
+    expect(seesBrokenPromise(promise, false),
+           std::string("a promise that is not kept: ") + promise);
+  expect(seesBrokenPromise("begun 999 3 0 5", false), "an event that is lost");
+  expect(seesBrokenPromise("", true), "more of the oldest that is lost than room was needed");
+  expect(seesOtherByte(), "a picture with another byte");
+  using Kind = Program::Kind;
+  const std::string recorder = bin_ + "/faults_recorder";
+  for (const char* bad : {"silent", "crash", "hang", "early", "scribble", "differ"}) {
+    const bool reads = strcmp(bad, "scribble") == 0 || strcmp(bad, "differ") == 0;
+    programs_.push_back({bad,
+                         "stopped",
+                         reads ? Kind::kReads : Kind::kChanges,
+                         false,
+                         {recorder, "bad", bad},
+                         "",
+                         "done well",
+                         {}});
+    outputs_[bad] = "what it should print";
+    bool reached = false;
+    limitMs_ = 1000;
+    expect(!run({bad, kAny, 0, kNone}, kSpeed, &reached).empty(),
+           std::string("a program that is bad: ") + bad);
+    limitMs_ = kLimitMs;
+  }
+  return unseen;
+}
 
 }  // namespace faults

@@ -20,6 +20,7 @@ struct Program {
     kChanges,  // it changes the card: a judge looks at what became of it
     kReads,    // it leaves the card as it is, and prints the same each time or fails
     kServes,   // the management server, beside a recorder
+    kFormats,  // it makes a card
   };
   std::string name;
   std::string scene;
@@ -58,6 +59,9 @@ class Rig {
   Launch with(const std::vector<std::string>& arguments, bool faulty) const;
   std::string must(const std::vector<std::string>& arguments);
   std::string makeScenes();
+  std::vector<std::string> formatArguments() const;
+  bool seesBrokenPromise(const std::string& promise, bool loseOldest);
+  bool seesOtherByte();
   void definePrograms();
   void begin(const Program& program, const Case& fault, uint32_t speed);
   pid_t startServer(bool faulty, bool* ready);
@@ -71,12 +75,15 @@ class Rig {
   void order(const Case& fault, uint32_t speed);
   void show(const char* what) const;
 
+  static constexpr int kLimitMs = 8000;
+
   std::string bin_;
   std::string work_;
   Plan* plan_ = nullptr;   // of the program that faults are tried on
   Plan* plain_ = nullptr;  // of all others
   pid_t group_ = 0;
   bool verbose_ = false;
+  int limitMs_ = kLimitMs;  // of what takes longer it is said that it hangs
   bool strict_ = true;
   std::map<std::string, Scene> scenes_;
   std::vector<Program> programs_;
