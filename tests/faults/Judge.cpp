@@ -79,8 +79,9 @@ void Judge::readPromises() {
 
 bool Judge::start(const char* when) {
   const tarn::RecoveryReport report = tarn::Recovery().run();
+  const bool mayReport = options_.leftBehind && newSession_ == 0;
   for (const std::string& problem : report.problems)
-    wrong(std::string(when) + ": recovery reports: " + problem);
+    if (!mayReport) wrong(std::string(when) + ": recovery reports: " + problem);
   if (report.ok()) return true;
   wrong(std::string(when) + ": recovery fails: " + report.error);
   return false;

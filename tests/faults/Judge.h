@@ -15,6 +15,7 @@ struct JudgeOptions {
   std::string promises;             // file with what the programs said
   std::array<uint32_t, 2> mayLose;  // pictures of the oldest session, by channel, from its start
   bool strict = true;               // changes of rows were promised, too
+  bool leftBehind = false;  // the RAM disk is as a program left it: recovery may say what it met
 };
 
 // What became of a card, without faults: recovery, check, all that was promised, a new recording

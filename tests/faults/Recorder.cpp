@@ -4,7 +4,7 @@
 //                       what has been promised. edit: also changes and deletes rows.
 //   bad HOW             does what the rig must not overlook
 //   read                reads every picture of every row
-//   judge FILE A B STRICT
+//   judge FILE A B STRICT LEFT
 //                       what became of all that: recovery, check, all that FILE promises, a new
 //                       recording, a start. Of the oldest session A and B pictures may be missing.
 #include <sys/syscall.h>
@@ -219,7 +219,7 @@ int main(int argc, char** argv) {
   }
   if (what == "read") return readAll();
   if (what == "judge" && argc > 5)
-    return Judge({argv[2], {number(3), number(4)}, number(5) != 0}).run();
+    return Judge({argv[2], {number(3), number(4)}, number(5) != 0, number(6) != 0}).run();
   return 2;
 }
 

@@ -358,9 +358,10 @@ std::string Rig::judge(const Case& fault, bool present) {
     loseMemory();
   }
   writeFile(path("verdict"), "");
-  Launch how = with({bin_ + "/faults_recorder", "judge", path("promises"),
-                     std::to_string(mayLose_[0]), std::to_string(mayLose_[1]), strict_ ? "1" : "0"},
-                    false);
+  Launch how =
+      with({bin_ + "/faults_recorder", "judge", path("promises"), std::to_string(mayLose_[0]),
+            std::to_string(mayLose_[1]), strict_ ? "1" : "0", stay ? "1" : "0"},
+           false);
   how.output = path("verdict");
   how.errors = path("other-errors");
   const Ending ending = await(launch(how, group_), kLimitMs);
@@ -400,6 +401,11 @@ std::string Rig::run(const Case& fault, uint32_t speed, bool* reached) {
   show("program");
   // What a menu changes has no result of its own: the log tells.
   strict_ = complaints().empty();
+  // A card whose format failed is formatted once more.
+  if (failure.empty() && program->kind == Program::Kind::kFormats && !good) {
+    order({}, kSpeed);
+    failure = must(program->arguments);
+  }
   if (failure.empty()) {
     failure =
         program->kind == Program::Kind::kReads ? judgeOutput(*program, ending) : judge(fault, good);
