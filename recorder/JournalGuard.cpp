@@ -2,13 +2,16 @@
 
 #include <syslog.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "base/Omission.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
 #include "recorder/JournalMessages.h"
+#include "recorder/JournaledRows.h"
 
 namespace tarn {
 namespace {
@@ -23,6 +26,7 @@ constexpr char kSqlStreamAt[] =
     "FROM STREAM WHERE backOffset = %u ORDER BY streamID DESC LIMIT 1";
 constexpr char kSqlNewestEvent[] = "SELECT * FROM EVENT ORDER BY eventID DESC LIMIT 1";
 constexpr char kSqlNewestStream[] = "SELECT * FROM STREAM ORDER BY streamID DESC LIMIT 1";
+constexpr char kSqlStreamOfKey[] = "SELECT * FROM STREAM WHERE streamID = %u";
 constexpr size_t kSqlRoom = 256;
 
 const char* kindName(JournalKind kind) { return kind == JournalKind::kEvent ? "event" : "stream"; }
@@ -35,22 +39,36 @@ uint32_t nextOffset(JournalKind kind) {
 
 }  // namespace
 
-JournalGuard::JournalGuard(CApiDb* db) : db_(db) {}
+JournalGuard::JournalGuard(CApiDb* db, const DatabaseWatch* watch)
+    : db_(db), watch_(watch), queries_(db, watch) {}
+
+bool JournalGuard::mayInsert() {
+  switch (process_.enter()) {
+    case FileLock::Outcome::kTaken:
+      return true;
+    case FileLock::Outcome::kHeldByOther:
+      syslog(LOG_ERR, "%s", kMsgOtherInserts);
+      return false;
+    case FileLock::Outcome::kCannotOpen:
+      break;
+  }
+  syslog(LOG_ERR, kMsgNoInsertLock, strerror(errno));
+  return false;
+}
 
 JournalGuard::Place JournalGuard::look(JournalKind kind) {
   Place place;
   // Asked first, because a failed question for the offset looks like offset 0.
   if (CDbLog::getInstance()->getJournalChunkSize() == 0) return place;
   char sql[kSqlRoom];
-  const bool event = kind == JournalKind::kEvent;
-  if (event) {
+  if (kind == JournalKind::kEvent) {
     snprintf(sql, sizeof sql, kSqlEventAt, nextOffset(kind));
   } else {
     snprintf(sql, sizeof sql, kSqlStreamAt, nextOffset(kind));
   }
-  db_->setSql(sql);
+  if (!queries_.run(sql)) return place;
   if (db_->getNTuple() == 0) {
-    if (db_->getStatus() == 1) place.verdict = Verdict::kFree;
+    place.verdict = Verdict::kFree;
     return place;
   }
   place.key = db_->getValue(0, 0);
@@ -77,6 +95,7 @@ JournalGuard::Verdict JournalGuard::checkStream(unsigned long* key) {
 // Ends, because every round but the one of the correction takes a row away.
 bool JournalGuard::makeFree(JournalKind kind,
                             const std::function<bool(uint32_t key)>& deleteOldest) {
+  if (!mayInsert()) return false;
   if (omitted(Omit::kJournalLookUp)) return true;
   bool corrected = false;
   for (;;) {
@@ -111,36 +130,29 @@ bool JournalGuard::beforeStreamInsert() {
 bool JournalGuard::beforeStreamInsert(const DeleteOldest& deleteOldest) {
   return makeFree(JournalKind::kStream, [this, &deleteOldest](uint32_t key) {
     DB_STREAM row = {};
-    if (db_->selectStream(key, &row) != 1 || !deleteOldest(row)) return false;
-    return db_->selectStream(key, &row) == 0;  // still listed: not deleted, whatever it said
+    char sql[kSqlRoom];
+    snprintf(sql, sizeof sql, kSqlStreamOfKey, key);
+    if (queries_.stream(sql, &row) != RowQueries::Answer::kRow || !deleteOldest(row)) return false;
+    // Still listed: not deleted, whatever it said.
+    return queries_.stream(sql, &row) == RowQueries::Answer::kNone;
   });
 }
 
-// The journal is asked by itself first: the database's delete goes on when the journal refuses, and
-// a rebuilt database would list the row again.
 bool JournalGuard::deleteRow(JournalKind kind, uint32_t key) {
-  CDbLog* log = CDbLog::getInstance();
-  if (kind == JournalKind::kEvent) {
-    DB_EVENT row = {};
-    if (!log->deleteEvent(key)) return false;
-    db_->deleteEvent(key);
-    return db_->selectEvent(key, &row) == 0;
-  }
-  DB_STREAM row = {};
-  if (!log->deleteStream(key)) return false;
-  db_->deleteStream(key);
-  return db_->selectStream(key, &row) == 0;
+  JournaledRows rows(db_, watch_);
+  const JournaledRows::Outcome outcome =
+      kind == JournalKind::kEvent ? rows.removeEvent(key) : rows.removeStream(key);
+  return outcome == JournaledRows::Outcome::kDone;
 }
 
 bool JournalGuard::correctOne(JournalKind kind) {
   const JournalTraits& traits = journalTraits(kind);
   DB_EVENT event = {};
   DB_STREAM stream = {};
-  db_->setSql(kind == JournalKind::kEvent ? kSqlNewestEvent : kSqlNewestStream);
-  if (db_->getNTuple() == 0) return db_->getStatus() == 1;
-  const bool read = kind == JournalKind::kEvent ? db_->getEventValue(0, &event) == 0
-                                                : db_->getStreamValue(0, &stream) == 0;
-  if (!read) return false;
+  const RowQueries::Answer answer = kind == JournalKind::kEvent
+                                        ? queries_.event(kSqlNewestEvent, &event)
+                                        : queries_.stream(kSqlNewestStream, &stream);
+  if (answer != RowQueries::Answer::kRow) return answer == RowQueries::Answer::kNone;
   CDbLog* log = CDbLog::getInstance();
   const uint32_t newest = kind == JournalKind::kEvent ? event.backOffset : stream.backOffset;
   const uint32_t chunkSize = low32(log->getJournalChunkSize());
@@ -152,7 +164,9 @@ bool JournalGuard::correctOne(JournalKind kind) {
   if (newest != present) return log->correctFreeOffset(kind, next) == 0;
   // The record at this place may never have been written. Passing over it would leave a gap in the
   // journal, where a rebuild ends.
-  return kind == JournalKind::kEvent ? log->insertEvent(&event) : log->insertStream(&stream);
+  const bool taken =
+      kind == JournalKind::kEvent ? log->insertEvent(&event) : log->insertStream(&stream);
+  return taken && CDbLog::lastChangeOnCard();
 }
 
 int JournalGuard::correct() {

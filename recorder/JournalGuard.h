@@ -7,10 +7,14 @@
 #include "db/DbRecords.h"
 #include "db/JournalCalls.h"
 #include "dblog/JournalFormat.h"
+#include "recorder/InsertingProcess.h"
+#include "recorder/RowQueries.h"
 
 class CApiDb;
 
 namespace tarn {
+
+class DatabaseWatch;
 
 // Keeps an insert from overwriting the journal record of a row that is still listed. The journal is
 // a ring that never refuses a write, so before each insert somebody must look who lies where the
@@ -21,8 +25,9 @@ namespace tarn {
 //   db.insertStream(&row);
 //
 // While a guard lives no other thread of the process inserts, so that the place that it found free
-// stays free; destroy it after the insert. Deletes and updates go on. It runs statements on the
-// given CApiDb, whose held result is lost. One thread.
+// stays free; destroy it after the insert. Deletes and updates go on. Only one process of the
+// machine inserts: while another one does (its sessions or guards live) nothing is made free here.
+// It runs statements on the given CApiDb, whose held result is lost. One thread.
 class TARN_API JournalGuard {
  public:
   // Who lies where the next record goes.
@@ -36,7 +41,8 @@ class TARN_API JournalGuard {
   // Returns false when that failed.
   using DeleteOldest = std::function<bool(const DB_STREAM& row)>;
 
-  explicit JournalGuard(CApiDb* db);
+  // `watch` (may be null; not owned) is asked before each statement.
+  explicit JournalGuard(CApiDb* db, const DatabaseWatch* watch = nullptr);
   JournalGuard(const JournalGuard&) = delete;
   JournalGuard& operator=(const JournalGuard&) = delete;
 
@@ -68,8 +74,13 @@ class TARN_API JournalGuard {
   bool deleteRow(JournalKind kind, uint32_t key);
   bool correctOne(JournalKind kind);
 
+  bool mayInsert();
+
   journal_calls::InsertLock lock_;
+  InsertingProcess process_;
   CApiDb* db_;
+  const DatabaseWatch* watch_;
+  RowQueries queries_;
 };
 
 }  // namespace tarn

@@ -7,6 +7,10 @@ inline constexpr char kMsgJournalStale[] =
     "journal: free offset %u of the %s journal is stale, corrected to %u";  // LOG_WARNING
 inline constexpr char kMsgJournalOutOfOrder[] =
     "journal: record of %s %u lies in the way, the row is deleted";
+inline constexpr char kMsgOtherInserts[] =
+    "journal: another process of this machine inserts rows, and one only may";
+inline constexpr char kMsgNoInsertLock[] =
+    "journal: the lock of the inserting process cannot be had: %s";
 inline constexpr char kMsgJournalUnreadable[] = "journal: chunk %d cannot be opened";
 inline constexpr char kMsgStartUpFailed[] = "start-up: %s";
 

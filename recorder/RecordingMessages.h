@@ -12,10 +12,19 @@ inline constexpr char kMsgSpaceNoHeader[] =
     "RecordingSpace: header of recording %u in chunk %d cannot be read, going on behind it";
 inline constexpr char kMsgSpaceOrphan[] = "RecordingSpace: chunk %d holds no recording, emptied";
 
+inline constexpr char kMsgNoReserve[] =
+    "the RAM disk has no room for a reserve: recording ends when it is full";  // LOG_WARNING
+inline constexpr char kMsgReserveGivenUp[] =
+    "the RAM disk is full: recording goes on with its reserve; make room in /tmp";  // LOG_ERR
+
 inline constexpr char kErrAudioBit[] = "bit 7 of the frame setting marks audio and must be clear";
 inline constexpr char kErrChannel[] = "the channel must be 0 to 127";
 inline constexpr char kErrOrder[] = "the session is open already";
 inline constexpr char kErrChannelBusy[] = "another session records this channel";
+inline constexpr char kErrChannelLock[] = "the lock of the channel cannot be had in /tmp";
+inline constexpr char kErrOtherProcess[] =
+    "another process records on this machine; all channels are recorded by one process";
+inline constexpr char kErrInsertLock[] = "the lock of the recording process cannot be had in /tmp";
 inline constexpr char kErrMarker[] =
     "the card failed before (/tmp/sd_err_mem_write exists); check it and remove the file";
 inline constexpr char kErrServer[] = "the management server does not answer";
@@ -24,6 +33,14 @@ inline constexpr char kErrServerCard[] =
 inline constexpr char kErrServerDatabase[] = "the database is locked by another program";
 inline constexpr char kErrLock[] = "the allocation lock cannot be taken";
 inline constexpr char kErrDatabase[] = "the database does not answer";
+inline constexpr char kErrLockOfTheDead[] =
+    "the database is locked by a program that died; tarn recover sets it free";
+inline constexpr char kErrLockHeld[] = "the database is locked by another program for too long";
+inline constexpr char kErrDatabaseGone[] = "the database /tmp/DB.dat is gone";
+inline constexpr char kErrDatabaseReplaced[] =
+    "the database /tmp/DB.dat was replaced while it was in use";
+inline constexpr char kErrDatabaseOlder[] =
+    "the database has lost recordings that it had; the card needs recovery";
 inline constexpr char kErrRow[] = "the database did not take the row";
 inline constexpr char kErrDeleteRow[] = "the database did not delete the row";
 inline constexpr char kErrJournal[] = "the journal did not take the record";

@@ -12,10 +12,17 @@
 #include "recorder/AnnexB.h"
 #include "recorder/CardGeometry.h"
 #include "recorder/ChannelLock.h"
+#include "recorder/DatabaseWatch.h"
 #include "recorder/FileLock.h"
+#include "recorder/InsertingProcess.h"
 #include "recorder/JournalGuard.h"
+#include "recorder/JournalPlace.h"
+#include "recorder/JournaledRows.h"
+#include "recorder/NoThrow.h"
+#include "recorder/RamReserve.h"
 #include "recorder/RecordingMessages.h"
 #include "recorder/RecordingSpace.h"
+#include "recorder/RowQueries.h"
 #include "recorder/RowWriter.h"
 #include "recorder/ServerFailure.h"
 #include "recorder/ServerRetry.h"
@@ -35,6 +42,11 @@ constexpr uint32_t kFirstGopBytes = 512 * 1024;
 constexpr uint32_t kMarkRepairKinds = 0x300;  // status of rows that are not ours to close
 constexpr char kSqlLeftOpen[] =
     "SELECT * FROM STREAM WHERE recSize = 0 AND endDate = 0 ORDER BY streamID ASC";
+constexpr char kSqlGreatestKey[] =
+    "SELECT COALESCE((SELECT seq FROM sqlite_sequence WHERE name = 'STREAM'), 0)";
+constexpr char kSqlEventOfKey[] = "SELECT * FROM EVENT WHERE eventID = %u";
+// A step forward of more than this is a clock that was set, no gap.
+constexpr int64_t kClockSetUs = int64_t{3600} * 1000000;
 constexpr DB_EVENT_REG_BIT kEventEnd = 0x10 | 0x40;  // endDate, endMSec
 
 }  // namespace
@@ -54,6 +66,12 @@ class RecordingSession::Impl {
   int endEvent(uint32_t eventID, PictureTime time);
   int close();
 
+  void failForMemory() {
+    if (error_ != RecordingError::kNone) return;
+    error_ = RecordingError::kNoMemory;
+    text_ = kErrNoMemory;
+  }
+
   bool isOpen() const { return open_; }
   uint32_t streamID() const { return writer_.running() ? writer_.row().streamID : 0; }
   RecordingError error() const { return error_; }
@@ -61,10 +79,19 @@ class RecordingSession::Impl {
   const RecordingStatistics& statistics() const { return statistics_; }
 
  private:
+  struct RunningEvent {
+    DB_EVENT row;
+    bool overtaken = false;  // the clock was set since it began
+    PictureTime end;         // then: the last picture before that
+  };
+
   bool fail(RecordingError error, const char* text);
   bool failAs(const RowWriter& writer) { return fail(writer.error(), writer.errorText()); }
+  bool fail(JournaledRows::Outcome outcome);
   bool checkOptions();
   bool checkCard();
+  bool takeLocks();
+  bool watchDatabase();
   bool connect();
   bool closeLeftOvers();
   bool ownedByChannel(const DB_STREAM& row);
@@ -78,6 +105,9 @@ class RecordingSession::Impl {
   bool beginRow(const PictureEntry& entry);
   void count(size_t size, const PictureEntry& entry);
   bool jumps(PictureTime decode) const;
+  void noteClock(PictureTime decode);
+  bool makeEventPlace(JournalGuard* guard);
+  bool endRow(const RunningEvent& event, PictureTime time);
   bool flushBefore(PictureTime decode);
 
   RecordingOptions options_;
@@ -88,10 +118,14 @@ class RecordingSession::Impl {
   RecordingStatistics statistics_;
 
   FileLock channelLock_;
+  InsertingProcess process_;
   CTARNStreamManager manager_{kRecorderPartition};
   CApiDb db_;
-  RecordingSpace space_{&manager_, &db_, &statistics_};
-  RowWriter writer_{&manager_, &db_, &space_, &statistics_};
+  DatabaseWatch watch_;
+  RowQueries queries_{&db_, &watch_};
+  JournaledRows rows_{&db_, &watch_};
+  RecordingSpace space_{&manager_, &db_, &watch_, &statistics_};
+  RowWriter writer_{&manager_, &db_, &watch_, &space_, &statistics_};
 
   bool started_ = false;  // a row was begun in this session
   bool gap_ = true;       // what comes next begins a session or follows a gap
@@ -102,7 +136,7 @@ class RecordingSession::Impl {
   uint32_t gopPictures_ = 0;
   uint32_t maxGopBytes_ = 0;
   uint32_t maxGopPictures_ = 0;
-  std::vector<uint32_t> runningEvents_;
+  std::vector<RunningEvent> runningEvents_;
 };
 
 bool RecordingSession::Impl::fail(RecordingError error, const char* text) {
@@ -110,17 +144,47 @@ bool RecordingSession::Impl::fail(RecordingError error, const char* text) {
   error_ = error;
   text_ = text;
   syslog(LOG_ERR, kMsgSessionFailed, options_.channel, text);
+  writer_.rescue();
   return false;
+}
+
+bool RecordingSession::Impl::fail(JournaledRows::Outcome outcome) {
+  if (outcome == JournaledRows::Outcome::kDone) return true;
+  return fail(outcome == JournaledRows::Outcome::kJournal ? RecordingError::kJournal
+                                                          : RecordingError::kDatabase,
+              rows_.failure());
 }
 
 bool RecordingSession::Impl::checkOptions() {
   if ((options_.frameSet & kFrameSetAudio) != 0)
     return fail(RecordingError::kBadOption, kErrAudioBit);
   if (options_.channel < 0) return fail(RecordingError::kBadOption, kErrChannel);
-  if (cardWriteFailed()) return fail(RecordingError::kCard, kErrMarker);
+  return !cardWriteFailed() || fail(RecordingError::kCard, kErrMarker);
+}
+
+// The process first: what another one records is no matter of channels.
+bool RecordingSession::Impl::takeLocks() {
+  const FileLock::Outcome process = process_.enter();
+  if (process == FileLock::Outcome::kHeldByOther)
+    return fail(RecordingError::kBadOption, kErrOtherProcess);
+  if (process != FileLock::Outcome::kTaken) return fail(RecordingError::kDatabase, kErrInsertLock);
   char path[64];
   snprintf(path, sizeof path, kChannelLock, options_.channel);
-  return channelLock_.lock(path, false) || fail(RecordingError::kBadOption, kErrChannelBusy);
+  const FileLock::Outcome channel = channelLock_.take(path, false);
+  if (channel == FileLock::Outcome::kHeldByOther)
+    return fail(RecordingError::kBadOption, kErrChannelBusy);
+  if (channel != FileLock::Outcome::kTaken) return fail(RecordingError::kDatabase, kErrChannelLock);
+  RamReserve::keep();
+  return true;
+}
+
+bool RecordingSession::Impl::watchDatabase() {
+  if (!watch_.begin()) return fail(RecordingError::kDatabase, kErrDatabaseGone);
+  uint32_t greatest = 0;
+  if (!queries_.number(kSqlGreatestKey, &greatest))
+    return fail(RecordingError::kDatabase, queries_.failure());
+  space_.noteKey(greatest);
+  return true;
 }
 
 bool RecordingSession::Impl::checkCard() {
@@ -155,17 +219,14 @@ bool RecordingSession::Impl::closeLeftOvers() {
   FileLock allocation;
   if (!allocation.lock(kAllocationLock, true)) return fail(RecordingError::kServer, kErrLock);
   std::vector<DB_STREAM> rows;
-  db_.setSql(kSqlLeftOpen);
-  DB_STREAM row = {};
-  for (uint32_t i = 0; i < db_.getNTuple() && db_.getStreamValue(static_cast<long>(i), &row) == 0;
-       ++i) {
-    rows.push_back(row);
-  }
+  if (!queries_.streams(kSqlLeftOpen, &rows))
+    return fail(RecordingError::kDatabase, queries_.failure());
   for (const DB_STREAM& open : rows) {
     if (!ownedByChannel(open)) continue;
     DB_STREAM newest = {};
-    const bool isNewest = space_.newestInChunk(static_cast<int>(open.chunkID), &newest) &&
-                          newest.streamID == open.streamID;
+    const RowQueries::Answer answer = space_.newestInChunk(static_cast<int>(open.chunkID), &newest);
+    if (answer == RowQueries::Answer::kFailed) return fail(space_.error(), space_.errorText());
+    const bool isNewest = answer == RowQueries::Answer::kRow && newest.streamID == open.streamID;
     if (!writer_.closeLeftOver(open, isNewest)) return failAs(writer_);
   }
   return true;
@@ -173,7 +234,8 @@ bool RecordingSession::Impl::closeLeftOvers() {
 
 int RecordingSession::Impl::open(const RecordingOptions& options) {
   options_ = options;
-  open_ = checkOptions() && checkCard() && connect() && closeLeftOvers();
+  open_ = checkOptions() && takeLocks() && checkCard() && watchDatabase() && connect() &&
+          closeLeftOvers();
   return open_ ? 0 : -1;
 }
 
@@ -204,6 +266,19 @@ bool RecordingSession::Impl::segmentOver(const PictureEntry& entry) const {
 bool RecordingSession::Impl::jumps(PictureTime decode) const {
   const int64_t step = decode.totalMicros() - lastDecode_.totalMicros();
   return started_ && (step > kMaxGapUs || step < -kMaxStepBackUs);
+}
+
+// A clock that was set: what ran until then ends with the last picture of its own time. A gap of
+// an hour or less is one of the encoder, and an event may go on behind it.
+void RecordingSession::Impl::noteClock(PictureTime decode) {
+  const int64_t step = decode.totalMicros() - lastDecode_.totalMicros();
+  if (statistics_.pictures == 0 || (step >= -kMaxStepBackUs && step <= kClockSetUs)) return;
+  for (RunningEvent& event : runningEvents_) {
+    if (event.overtaken) continue;
+    event.overtaken = true;
+    event.end = latest_;
+  }
+  latest_ = PictureTime();
 }
 
 bool RecordingSession::Impl::takeChunk(size_t size, uint32_t now) {
@@ -256,6 +331,7 @@ void RecordingSession::Impl::count(size_t size, const PictureEntry& entry) {
   ++gopPictures_;
   maxGopBytes_ = std::max(maxGopBytes_, gopBytes_);
   maxGopPictures_ = std::max(maxGopPictures_, gopPictures_);
+  noteClock(entry.decodeTime());
   lastDecode_ = entry.decodeTime();
   if (latest_ < entry.presentation) latest_ = entry.presentation;
   ++statistics_.pictures;
@@ -295,44 +371,65 @@ int RecordingSession::Impl::flush() {
   return -1;
 }
 
+bool RecordingSession::Impl::makeEventPlace(JournalGuard* guard) {
+  const JournalPlace place = awaitJournalPlace(
+      kServerPatienceMs, [&] { return guard->beforeEventInsert(); }, [] { return false; },
+      [&] { return writer_.serverAnswers(); });
+  if (place == JournalPlace::kNoServer) return fail(RecordingError::kServer, kErrServer);
+  if (place == JournalPlace::kFree) return true;
+  const DatabaseWatch::Verdict verdict = watch_.check();
+  if (verdict == DatabaseWatch::Verdict::kGood)
+    return fail(RecordingError::kJournal, kErrJournalPlace);
+  return fail(RecordingError::kDatabase, DatabaseWatch::text(verdict));
+}
+
 uint32_t RecordingSession::Impl::beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec) {
   if (!open_ || error_ != RecordingError::kNone) return 0;
-  JournalGuard guard(&db_);
-  if (!guard.beforeEventInsert()) {
-    fail(RecordingError::kJournal, kErrJournalPlace);
-    return 0;
-  }
-  DB_EVENT event = {};
-  event.extTrg = trigger;
-  event.preSec = preSec;
-  event.startDate = time.seconds;
-  event.startMSec = time.milliseconds();
-  db_.insertEvent(&event);
-  DB_EVENT stored = {};
-  // A failed insert shows in the row alone: the key that comes back is then an older row's.
-  if (db_.selectEvent(event.eventID, &stored) != 1 || event.eventID == 0 ||
-      stored.startDate != event.startDate || stored.backOffset != event.backOffset) {
-    fail(RecordingError::kDatabase, kErrRow);
-    return 0;
-  }
-  runningEvents_.push_back(event.eventID);
-  return event.eventID;
+  JournalGuard guard(&db_, &watch_);
+  if (!makeEventPlace(&guard)) return 0;
+  RunningEvent event = {};
+  event.row.extTrg = trigger;
+  event.row.preSec = preSec;
+  event.row.startDate = time.seconds;
+  event.row.startMSec = time.milliseconds();
+  runningEvents_.reserve(runningEvents_.size() + 1);  // no row without its place here
+  if (!fail(rows_.insert(&event.row))) return 0;
+  runningEvents_.push_back(event);
+  return event.row.eventID;
+}
+
+bool RecordingSession::Impl::endRow(const RunningEvent& event, PictureTime time) {
+  DB_EVENT row = {};
+  char sql[sizeof kSqlEventOfKey + 16];
+  snprintf(sql, sizeof sql, kSqlEventOfKey, event.row.eventID);
+  const RowQueries::Answer answer = queries_.event(sql, &row);
+  if (answer == RowQueries::Answer::kFailed)
+    return fail(RecordingError::kDatabase, queries_.failure());
+  // Given up with the recordings that it covered, to make room: nothing is left to end.
+  if (answer == RowQueries::Answer::kNone) return true;
+  DB_EVENT ended = row;
+  ended.endDate = time.seconds;
+  ended.endMSec = time.milliseconds();
+  return fail(rows_.update(kEventEnd, row, ended));
 }
 
 int RecordingSession::Impl::endEvent(uint32_t eventID, PictureTime time) {
-  const auto found = std::find(runningEvents_.begin(), runningEvents_.end(), eventID);
+  const auto found =
+      std::find_if(runningEvents_.begin(), runningEvents_.end(),
+                   [&](const RunningEvent& event) { return event.row.eventID == eventID; });
   if (!open_ || found == runningEvents_.end()) return -1;
+  const RunningEvent event = *found;
   runningEvents_.erase(found);
-  DB_EVENT event = {};
-  event.eventID = eventID;
-  event.endDate = time.seconds;
-  event.endMSec = time.milliseconds();
-  return db_.updateEvent(kEventEnd, &event) == eventID ? 0 : -1;
+  return endRow(event, time) ? 0 : -1;
 }
 
 int RecordingSession::Impl::close() {
   if (!open_) return error_ == RecordingError::kNone ? 0 : -1;
-  while (!runningEvents_.empty()) endEvent(runningEvents_.back(), latest_);
+  while (!runningEvents_.empty()) {
+    const RunningEvent event = runningEvents_.back();
+    runningEvents_.pop_back();
+    endRow(event, event.overtaken ? event.end : latest_);
+  }
   FileLock allocation;
   allocation.lock(kAllocationLock, true);
   if (error_ == RecordingError::kNone && writer_.running() && !writer_.finish()) failAs(writer_);
@@ -342,7 +439,18 @@ int RecordingSession::Impl::close() {
   manager_.closeManageData();
   open_ = false;
   channelLock_.unlock();
+  process_.leave();
   return error_ == RecordingError::kNone ? 0 : -1;
+}
+
+// Runs a public function's work; when memory runs out in it the session has failed.
+template <typename Result, typename Work>
+Result RecordingSession::guarded(const char* name, Result failed, Work work) noexcept {
+  return orNoMemory(name, work, [&] {
+    noMemory_ = true;
+    if (impl_) impl_->failForMemory();
+    return failed;
+  });
 }
 
 RecordingSession::RecordingSession() = default;
@@ -350,8 +458,12 @@ RecordingSession::~RecordingSession() { close(); }
 
 int RecordingSession::open(const RecordingOptions& options) {
   if (impl_ && impl_->isOpen()) return -1;
-  impl_ = std::make_unique<Impl>();
-  return impl_->open(options);
+  noMemory_ = false;
+  return guarded("RecordingSession::open", -1, [&] {
+    impl_.reset();
+    impl_ = std::make_unique<Impl>();
+    return impl_->open(options);
+  });
 }
 
 int RecordingSession::writePicture(const void* annexB, size_t size, PictureTime presentation,
@@ -361,32 +473,51 @@ int RecordingSession::writePicture(const void* annexB, size_t size, PictureTime 
   entry.presentation = presentation;
   entry.decodeOffsetUs = decodeOffsetUs;
   entry.flags = key ? kEntryKeyPicture : uint16_t{0};
-  return impl_->write(annexB, size, entry);
+  return guarded("RecordingSession::writePicture", -1,
+                 [&] { return impl_->write(annexB, size, entry); });
 }
 
 void RecordingSession::markDiscontinuity() {
   if (impl_) impl_->markDiscontinuity();
 }
 
-int RecordingSession::flush() { return impl_ ? impl_->flush() : -1; }
+int RecordingSession::flush() {
+  if (!impl_) return -1;
+  return guarded("RecordingSession::flush", -1, [&] { return impl_->flush(); });
+}
 
 uint32_t RecordingSession::beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec) {
-  return impl_ ? impl_->beginEvent(trigger, time, preSec) : 0;
+  if (!impl_) return 0;
+  return guarded("RecordingSession::beginEvent", uint32_t{0},
+                 [&] { return impl_->beginEvent(trigger, time, preSec); });
 }
 
 int RecordingSession::endEvent(uint32_t eventID, PictureTime time) {
-  return impl_ ? impl_->endEvent(eventID, time) : -1;
+  if (!impl_) return -1;
+  return guarded("RecordingSession::endEvent", -1, [&] { return impl_->endEvent(eventID, time); });
 }
 
-int RecordingSession::close() { return impl_ ? impl_->close() : 0; }
+// What memory is missing for is left out, so that the locks are given back in any case.
+int RecordingSession::close() {
+  if (!impl_) return noMemory_ ? -1 : 0;
+  const int result = guarded("RecordingSession::close", -1, [&] { return impl_->close(); });
+  if (!impl_->isOpen()) return result;
+  guarded("RecordingSession::close", -1, [&] { return impl_->close(); });
+  return -1;
+}
+
 bool RecordingSession::isOpen() const { return impl_ && impl_->isOpen(); }
 uint32_t RecordingSession::streamID() const { return impl_ ? impl_->streamID() : 0; }
 
 RecordingError RecordingSession::error() const {
-  return impl_ ? impl_->error() : RecordingError::kNone;
+  if (impl_ && impl_->error() != RecordingError::kNone) return impl_->error();
+  return noMemory_ ? RecordingError::kNoMemory : RecordingError::kNone;
 }
 
-const char* RecordingSession::errorText() const { return impl_ ? impl_->errorText() : ""; }
+const char* RecordingSession::errorText() const {
+  if (impl_ && impl_->error() != RecordingError::kNone) return impl_->errorText();
+  return noMemory_ ? kErrNoMemory : "";
+}
 
 RecordingStatistics RecordingSession::statistics() const {
   return impl_ ? impl_->statistics() : RecordingStatistics();

@@ -29,7 +29,8 @@ enum class RecordingError {
   kJournal,    // the journal did not take a record
   kNoRoom,     // nothing left to delete
   kTooLarge,   // a picture larger than a chunk, or empty
-  kCard,       // a read or write of the card failed
+  kCard,       // a read, write or flush of the card failed
+  kNoMemory,   // memory ran out
 };
 
 struct RecordingStatistics {
@@ -50,7 +51,8 @@ struct RecordingStatistics {
 // A picture is safe once its entry is on the card: at most flushIntervalMs of picture time behind
 // writePicture(), at a change of row, and at close(). Used by one thread at a time. Sessions of
 // several channels may run in threads of one process: the journal of the database has one writing
-// process. The program calls CDbLog::finish() when its last session is closed. Nothing throws.
+// process, and only one process of the machine has sessions at a time. The program calls
+// CDbLog::finish() when its last session is closed. Nothing throws.
 class TARN_API RecordingSession {
  public:
   RecordingSession();
@@ -58,10 +60,10 @@ class TARN_API RecordingSession {
   RecordingSession(const RecordingSession&) = delete;
   RecordingSession& operator=(const RecordingSession&) = delete;
 
-  // Connects to server and database. Rows of this channel that a killed process left open are
-  // closed at what their entries confirm. 0, or -1 with error() set. Refused while
-  // /tmp/sd_err_mem_write exists: the card failed before, and a second failure could not be told
-  // from the first.
+  // Connects to server and database. Refused while another process of the machine records or
+  // inserts rows. Rows of this channel that a killed process left open are closed at what their
+  // entries confirm. 0, or -1 with error() set. Refused while /tmp/sd_err_mem_write exists: the
+  // card failed before, and a second failure could not be told from the first.
   int open(const RecordingOptions& options);
 
   // One picture (access unit) in decode order; it gets our time stamp unit. `decodeOffsetUs` is
@@ -77,13 +79,16 @@ class TARN_API RecordingSession {
   // Writes out what is collected; all pictures so far are safe after it. 0 or -1.
   int flush();
 
-  // Inserts an EVENT row that is open (endDate 0) and returns its key, 0 on failure.
+  // Inserts an EVENT row that is open (endDate 0) and returns its key; 0 with error() set when the
+  // database or the card's journal did not take it.
   uint32_t beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec);
-  // Ends the event. 0, or -1.
+  // Ends the event: 0, also when it was given up meanwhile with the recordings that it covered. -1
+  // when it is none of this session's running ones, or with error() set.
   int endEvent(uint32_t eventID, PictureTime time);
 
-  // Ends running events at the last picture, closes the row and saves. After a failure it keeps
-  // listed what was confirmed before it. 0, or -1 when the session has failed.
+  // Ends running events at the last picture (where the clock was set since an event began: at the
+  // last one before that), closes the row and saves. After a failure it keeps listed what is
+  // confirmed. 0, or -1 when the session has failed.
   int close();
 
   bool isOpen() const;
@@ -96,7 +101,11 @@ class TARN_API RecordingSession {
 
  private:
   class Impl;
+  template <typename Result, typename Work>
+  Result guarded(const char* name, Result failed, Work work) noexcept;
+
   std::unique_ptr<Impl> impl_;
+  bool noMemory_ = false;
 };
 
 }  // namespace tarn

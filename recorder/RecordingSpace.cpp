@@ -9,8 +9,6 @@
 
 #include "base/Omission.h"
 #include "base/Wrap.h"
-#include "db/CApiDb.h"
-#include "dblog/CDbLog.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNStreamManager.h"
 #include "recorder/RecordingIndex.h"
@@ -36,6 +34,7 @@ constexpr char kSqlOldestInChunk[] =
     "SELECT * FROM STREAM WHERE chunkID = %d ORDER BY streamID ASC LIMIT 1";
 constexpr char kSqlNewestInChunk[] =
     "SELECT * FROM STREAM WHERE chunkID = %d ORDER BY streamID DESC LIMIT 1";
+constexpr char kSqlOldestByTime[] = "SELECT * FROM STREAM ORDER BY startDate ASC LIMIT 1";
 constexpr char kSqlAnyInChunk[] = "SELECT EXISTS(SELECT 1 FROM STREAM WHERE chunkID = %d)";
 constexpr char kSqlEventsAfter[] =
     "SELECT * FROM EVENT WHERE eventID > %" PRIu32 " ORDER BY eventID ASC LIMIT %d";
@@ -60,7 +59,9 @@ int RecordingSpace::take(int8_t channel, int8_t recType, const Need& need, uint3
   int chunk = pick(channel, recType, need);
   while (chunk < 0 && error_ == RecordingError::kNone) {
     DB_STREAM oldest = {};
-    if (!oldestDeletable(&oldest)) {
+    const RowQueries::Answer answer = oldestDeletable(&oldest);
+    if (answer == RowQueries::Answer::kFailed) return -1;
+    if (answer == RowQueries::Answer::kNone) {
       if (!reclaimOrphans(channel)) break;
       chunk = pick(channel, recType, need);
       if (chunk < 0) break;
@@ -136,18 +137,21 @@ int RecordingSpace::claim(int chunk, int8_t channel, int8_t recType) {
   return chunk;
 }
 
-bool RecordingSpace::selectOne(const char* sql, DB_STREAM* row) {
-  db_->setSql(sql);
-  return db_->getNTuple() == 1 && db_->getStreamValue(0, row) == 0;
+RowQueries::Answer RecordingSpace::selectOne(const char* sql, DB_STREAM* row) {
+  const RowQueries::Answer answer = queries_.stream(sql, row);
+  if (answer == RowQueries::Answer::kFailed) {
+    fail(RecordingError::kDatabase, queries_.failure());
+  }
+  return answer;
 }
 
-bool RecordingSpace::oldestInChunk(int chunk, DB_STREAM* row) {
+RowQueries::Answer RecordingSpace::oldestInChunk(int chunk, DB_STREAM* row) {
   char sql[sizeof kSqlOldestInChunk + 16];
   snprintf(sql, sizeof sql, kSqlOldestInChunk, chunk);
   return selectOne(sql, row);
 }
 
-bool RecordingSpace::newestInChunk(int chunk, DB_STREAM* row) {
+RowQueries::Answer RecordingSpace::newestInChunk(int chunk, DB_STREAM* row) {
   char sql[sizeof kSqlNewestInChunk + 16];
   snprintf(sql, sizeof sql, kSqlNewestInChunk, chunk);
   return selectOne(sql, row);
@@ -157,47 +161,43 @@ bool RecordingSpace::newestInChunk(int chunk, DB_STREAM* row) {
 bool RecordingSpace::chunkHasRows(int chunk, bool* any) {
   char sql[sizeof kSqlAnyInChunk + 16];
   snprintf(sql, sizeof sql, kSqlAnyInChunk, chunk);
-  db_->setSql(sql);
-  if (db_->getNTuple() != 1) return fail(RecordingError::kDatabase, kErrDatabase);
-  *any = db_->getValue(0, 0) != 0;
-  return true;
+  uint32_t count = 0;
+  if (!queries_.number(sql, &count)) return fail(RecordingError::kDatabase, queries_.failure());
+  *any = count != 0;
+  // That there are none is believed of a database that still knows of the newest recording.
+  return *any || queries_.countsBehind(greatestKey_) ||
+         fail(RecordingError::kDatabase, queries_.failure());
 }
 
 // The oldest row of the chunks that nobody is writing to. Few chunks are, one a session, and rows
 // of a session are the newest of their chunk.
-bool RecordingSpace::oldestDeletable(DB_STREAM* row) {
+RowQueries::Answer RecordingSpace::oldestDeletable(DB_STREAM* row) {
   std::string busy = "-1";
   for (;;) {
     char sql[4096];
     const int length = snprintf(sql, sizeof sql, kSqlOldestOutside, busy.c_str());
-    if (length < 0 || static_cast<size_t>(length) >= sizeof sql || !selectOne(sql, row))
-      return false;
+    if (length < 0 || static_cast<size_t>(length) >= sizeof sql) return RowQueries::Answer::kNone;
+    const RowQueries::Answer answer = selectOne(sql, row);
+    if (answer != RowQueries::Answer::kRow) return answer;
     DB_STREAM newest = {};
-    if (!newestInChunk(static_cast<int>(row->chunkID), &newest) || !rowInProgress(newest))
-      return true;
+    const RowQueries::Answer other = newestInChunk(static_cast<int>(row->chunkID), &newest);
+    if (other == RowQueries::Answer::kFailed) return other;
+    if (other == RowQueries::Answer::kNone || !rowInProgress(newest)) return answer;
     busy += "," + std::to_string(row->chunkID);
   }
 }
 
-bool RecordingSpace::deleteRow(uint32_t streamID) {
-  // The journal is asked by itself first: the database's delete goes on when the journal refuses,
-  // and a rebuilt database would then list a recording whose data is gone.
-  if (!CDbLog::getInstance()->deleteStream(streamID)) {
-    return fail(RecordingError::kJournal, kErrJournal);
-  }
-  db_->deleteStream(streamID);
-  DB_STREAM row = {};
-  if (db_->selectStream(streamID, &row) != 0) return fail(RecordingError::kDatabase, kErrDeleteRow);
-  return true;
+bool RecordingSpace::removed(JournaledRows::Outcome outcome) {
+  if (outcome == JournaledRows::Outcome::kDone) return true;
+  return fail(outcome == JournaledRows::Outcome::kJournal ? RecordingError::kJournal
+                                                          : RecordingError::kDatabase,
+              rows_.failure());
 }
 
+bool RecordingSpace::deleteRow(uint32_t streamID) { return removed(rows_.removeStream(streamID)); }
+
 bool RecordingSpace::deleteEvent(uint32_t eventID) {
-  if (!CDbLog::getInstance()->deleteEvent(eventID)) {
-    return fail(RecordingError::kJournal, kErrJournal);
-  }
-  db_->deleteEvent(eventID);
-  DB_EVENT event = {};
-  if (db_->selectEvent(eventID, &event) != 0) return fail(RecordingError::kDatabase, kErrDeleteRow);
+  if (!removed(rows_.removeEvent(eventID))) return false;
   ++statistics_->eventsDeleted;
   return true;
 }
@@ -206,18 +206,22 @@ bool RecordingSpace::deleteEvent(uint32_t eventID) {
 // are walked from the oldest until one begins after it.
 bool RecordingSpace::deleteEventsBefore(uint32_t now) {
   DB_STREAM oldest = {};
-  const uint32_t limit = db_->selectStreamOldestTime(&oldest) == 1 ? oldest.startDate : now;
+  const RowQueries::Answer answer = selectOne(kSqlOldestByTime, &oldest);
+  if (answer == RowQueries::Answer::kFailed) return false;
+  // Without a recording all that ended goes: not because the recordings were lost.
+  if (answer == RowQueries::Answer::kNone && !queries_.countsBehind(greatestKey_)) {
+    return fail(RecordingError::kDatabase, queries_.failure());
+  }
+  const uint32_t limit = answer == RowQueries::Answer::kRow ? oldest.startDate : now;
   uint32_t last = 0;
   int passedOver = 0;
   for (;;) {
     char sql[sizeof kSqlEventsAfter + 32];
     snprintf(sql, sizeof sql, kSqlEventsAfter, last, kEventPage);
-    db_->setSql(sql);
     DB_EVENT page[kEventPage];
     int count = 0;
-    const int rows = static_cast<int>(db_->getNTuple());
-    while (count < kEventPage && count < rows && db_->getEventValue(count, &page[count]) == 0) {
-      ++count;
+    if (!queries_.events(sql, page, kEventPage, &count)) {
+      return fail(RecordingError::kDatabase, queries_.failure());
     }
     for (int i = 0; i < count; ++i) {
       if (page[i].startDate >= limit) return true;
@@ -264,7 +268,9 @@ bool RecordingSpace::moveUseToOldest(int chunk) {
     return retryFor(kServerPatienceMs, [&] { return emptyChunk(chunk); }) || failServer();
   }
   DB_STREAM row = {};
-  if (!oldestInChunk(chunk, &row)) return fail(RecordingError::kDatabase, kErrDatabase);
+  const RowQueries::Answer answer = oldestInChunk(chunk, &row);
+  if (answer == RowQueries::Answer::kFailed) return false;
+  if (answer == RowQueries::Answer::kNone) return fail(RecordingError::kDatabase, kErrDatabase);
   StreamHeader header;
   const bool readable = RecordingIndex(row).header(&header) == Delivery::kGood;
   return retryFor(kServerPatienceMs,
@@ -323,7 +329,10 @@ bool RecordingSpace::reclaimOrphans(int8_t channel) {
 bool RecordingSpace::deleteForJournal(const DB_STREAM& row, uint32_t now, int keepChunk) {
   DB_STREAM newest = {};
   const int chunk = static_cast<int>(row.chunkID);
-  if (chunk == keepChunk || !newestInChunk(chunk, &newest) || !rowInProgress(newest)) {
+  if (chunk == keepChunk) return deleteRecording(row, now, keepChunk);
+  const RowQueries::Answer answer = newestInChunk(chunk, &newest);
+  if (answer == RowQueries::Answer::kFailed) return false;
+  if (answer == RowQueries::Answer::kNone || !rowInProgress(newest)) {
     return deleteRecording(row, now, keepChunk);
   }
   if (!deleteRow(row.streamID)) return false;

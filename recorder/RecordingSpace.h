@@ -1,10 +1,13 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "db/DbRecords.h"
+#include "recorder/JournaledRows.h"
 #include "recorder/RecordFormat.h"
 #include "recorder/RecordingSession.h"
+#include "recorder/RowQueries.h"
 
 class CApiDb;
 class CTARNStreamManager;
@@ -16,7 +19,8 @@ namespace tarn {
 //
 // Several sessions may look for room at once, so every operation here is called with the allocation
 // lock held. Recordings in a chunk that a session is writing to are never deleted: that session
-// keeps its own idea of the chunk's addresses.
+// keeps its own idea of the chunk's addresses. Room is given free only because of rows that the
+// database has or surely has not: a look-up that fails ends the search with an error.
 class RecordingSpace {
  public:
   // What a new stretch of recording needs at least.
@@ -25,8 +29,9 @@ class RecordingSpace {
     uint32_t pictureBytes = 0;
   };
 
-  RecordingSpace(CTARNStreamManager* manager, CApiDb* db, RecordingStatistics* statistics)
-      : manager_(manager), db_(db), statistics_(statistics) {}
+  RecordingSpace(CTARNStreamManager* manager, CApiDb* db, const DatabaseWatch* watch,
+                 RecordingStatistics* statistics)
+      : manager_(manager), queries_(db, watch), rows_(db, watch), statistics_(statistics) {}
 
   // Chooses a chunk with that room for the channel, claims it and saves the claim; deletes for it
   // what must go. The chunk number, or -1 with *error and *text set. `now`: events that ended
@@ -41,8 +46,10 @@ class RecordingSpace {
   // Deletes a row alone, journal first; its space stays. False when either did not take it.
   bool deleteRow(uint32_t streamID);
 
-  // Newest row of a chunk. False when there is none.
-  bool newestInChunk(int chunk, DB_STREAM* row);
+  // Newest row of a chunk; kFailed sets error().
+  RowQueries::Answer newestInChunk(int chunk, DB_STREAM* row);
+  // A recording of this key was seen or made: the database must not count behind it ever again.
+  void noteKey(uint32_t streamID) { greatestKey_ = std::max(greatestKey_, streamID); }
 
   RecordingError error() const { return error_; }
   const char* errorText() const { return text_; }
@@ -53,7 +60,7 @@ class RecordingSpace {
   int claim(int chunk, int8_t channel, int8_t recType);
   bool usable(int chunk, int8_t channel, const Need& need);
   bool reclaimOrphans(int8_t channel);
-  bool oldestDeletable(DB_STREAM* row);
+  RowQueries::Answer oldestDeletable(DB_STREAM* row);
   bool deleteEventsBefore(uint32_t now);
   bool deleteEvent(uint32_t eventID);
   bool releaseSpace(const DB_STREAM& row);
@@ -61,14 +68,17 @@ class RecordingSpace {
   bool emptyChunk(int chunk);
   bool giveBack(int chunk);
   bool save();
-  bool selectOne(const char* sql, DB_STREAM* row);
-  bool oldestInChunk(int chunk, DB_STREAM* row);
+  RowQueries::Answer selectOne(const char* sql, DB_STREAM* row);
+  RowQueries::Answer oldestInChunk(int chunk, DB_STREAM* row);
   bool chunkHasRows(int chunk, bool* any);
+  bool removed(JournaledRows::Outcome outcome);
   bool fail(RecordingError error, const char* text);
   bool failServer();
 
   CTARNStreamManager* manager_;
-  CApiDb* db_;
+  RowQueries queries_;
+  JournaledRows rows_;
+  uint32_t greatestKey_ = 0;
   RecordingStatistics* statistics_;
   RecordingError error_ = RecordingError::kNone;
   const char* text_ = "";

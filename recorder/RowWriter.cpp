@@ -5,16 +5,15 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "base/Omission.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
-#include "dblog/CDbLog.h"
 #include "manager/CTARNStreamManager.h"
 #include "recorder/AnnexB.h"
 #include "recorder/InterruptedRow.h"
 #include "recorder/JournalGuard.h"
+#include "recorder/JournalPlace.h"
 #include "recorder/RecordingMessages.h"
 #include "recorder/ServerFailure.h"
 #include "recorder/ServerRetry.h"
@@ -29,6 +28,8 @@ constexpr char kMarkerFile[] = "/tmp/sd_err_mem_write";
 constexpr size_t kDataPiece = 1024 * 1024;
 constexpr uint32_t kQueueEntries = 1024;
 constexpr uint32_t kStatusRecording = 1;
+// For a user of the database who is just at it, when a session has failed already.
+constexpr int64_t kLastLookMs = 500;
 // recSize, chunkSize, status, endDate, endMSec
 constexpr DB_STREAM_REG_BIT kEndColumns = 0x0010 | 0x0080 | 0x0100 | 0x0400 | 0x1000;
 
@@ -43,10 +44,12 @@ void RowWriter::Totals::add(const PictureEntry& entry) {
   if (last < entry.presentation) last = entry.presentation;
 }
 
-RowWriter::RowWriter(CTARNStreamManager* manager, CApiDb* db, RecordingSpace* space,
-                     RecordingStatistics* statistics)
+RowWriter::RowWriter(CTARNStreamManager* manager, CApiDb* db, DatabaseWatch* watch,
+                     RecordingSpace* space, RecordingStatistics* statistics)
     : manager_(manager),
       db_(db),
+      watch_(watch),
+      rows_(db, watch),
       space_(space),
       statistics_(statistics),
       queue_(size_t{kQueueEntries} * kRecordSize),
@@ -65,6 +68,13 @@ bool RowWriter::fail(RecordingError error, const char* text) {
 bool RowWriter::failServer() {
   const ServerFailure failure = serverFailure(*manager_);
   return fail(failure.error, failure.text);
+}
+
+bool RowWriter::fail(JournaledRows::Outcome outcome) {
+  if (outcome == JournaledRows::Outcome::kDone) return true;
+  return fail(outcome == JournaledRows::Outcome::kJournal ? RecordingError::kJournal
+                                                          : RecordingError::kDatabase,
+              rows_.failure());
 }
 
 bool RowWriter::refreshUsage(CTARNStreamChunk* chunk) {
@@ -98,10 +108,20 @@ void RowWriter::closeChunk() {
   chunk_ = -1;
 }
 
-// What the worker could not write shows in the marker file only.
-bool RowWriter::sync(CTARNStreamChunk* chunk, const char* text) {
-  if (chunk->flush() != 0 || cardWriteFailed()) return fail(RecordingError::kCard, text);
+// What the worker could not bring onto the card the chunk knows for itself, and the marker file for
+// all programs. A flush that works after one that failed proves nothing: the system drops what it
+// could not write.
+bool RowWriter::toCard(CTARNStreamChunk* chunk, const char* text) {
+  if (chunk->flush() == 0 && !chunk->hasLostData() && !cardWriteFailed()) return true;
+  return fail(RecordingError::kCard, text);
+}
+
+bool RowWriter::tell(CTARNStreamChunk* chunk) {
   return retryFor(patienceMs_, [&] { return chunk->setFreeToManager() == 0; }) || failServer();
+}
+
+bool RowWriter::sync(CTARNStreamChunk* chunk, const char* text) {
+  return toCard(chunk, text) && tell(chunk);
 }
 
 bool RowWriter::saveManageData() {
@@ -112,11 +132,21 @@ bool RowWriter::saveManageData() {
 // is about to overwrite may move the addresses of this very chunk.
 bool RowWriter::makeJournalPlace(JournalGuard* guard, uint32_t now) {
   bool deleted = false;
-  const bool free = guard->beforeStreamInsert([&](const DB_STREAM& row) {
+  const auto deleteOldest = [&](const DB_STREAM& row) {
     deleted = true;
     return space_->deleteForJournal(row, now, chunk_);
-  });
-  if (!free) return fail(RecordingError::kJournal, kErrJournalPlace);
+  };
+  const JournalPlace place = awaitJournalPlace(
+      patienceMs_, [&] { return guard->beforeStreamInsert(deleteOldest); },
+      [&] { return space_->error() != RecordingError::kNone; }, [&] { return serverAnswers(); });
+  if (place == JournalPlace::kNoServer) return fail(RecordingError::kServer, kErrServer);
+  if (space_->error() != RecordingError::kNone) return fail(space_->error(), space_->errorText());
+  if (place == JournalPlace::kNone) {
+    const DatabaseWatch::Verdict verdict = watch_->check();
+    if (verdict == DatabaseWatch::Verdict::kGood)
+      return fail(RecordingError::kJournal, kErrJournalPlace);
+    return fail(RecordingError::kDatabase, DatabaseWatch::text(verdict));
+  }
   return !deleted || (refreshUsage(picture_.get()) && refreshUsage(stream_.get()));
 }
 
@@ -133,7 +163,7 @@ bool RowWriter::chooseNumber(uint32_t* number) {
 }
 
 bool RowWriter::begin(const DB_STREAM& seed) {
-  JournalGuard guard(db_);  // the place that it finds stays free until the row is in
+  JournalGuard guard(db_, watch_);  // the place that it finds stays free until the row is in
   if (!makeJournalPlace(&guard, seed.startDate)) return false;
   header_ = StreamHeader();
   if (!chooseNumber(&header_.firstNumber)) return false;
@@ -164,17 +194,10 @@ bool RowWriter::begin(const DB_STREAM& seed) {
   return true;
 }
 
-// Neither the database nor the journal reports a failed insert, so both are asked afterwards.
 bool RowWriter::insertRow() {
-  db_->insertStream(&row_);
-  DB_STREAM stored = {};
-  if (db_->selectStream(row_.streamID, &stored) != 1 ||
-      memcmp(&stored, &row_, sizeof stored) != 0) {
-    return fail(RecordingError::kDatabase, kErrRow);
-  }
-  if (CDbLog::getInstance()->getStreamLogBackOffset() != row_.backOffset) return true;
-  db_->deleteStream(row_.streamID);
-  return fail(RecordingError::kJournal, kErrJournal);
+  if (!fail(rows_.insert(&row_))) return false;
+  space_->noteKey(row_.streamID);
+  return true;
 }
 
 uint32_t RowWriter::streamRoom() const { return static_cast<uint32_t>(stream_->getFreeSize()); }
@@ -239,14 +262,20 @@ int64_t RowWriter::unsafeMicros(PictureTime decode) const {
 
 bool RowWriter::flush() {
   if (queued_ == 0) return true;
-  if (!omitted(Omit::kDataBeforeEntries) && !sync(stream_.get(), kErrWriteData)) return false;
+  return queueToCard() && tell(stream_.get()) && tell(picture_.get());
+}
+
+// The server is told behind it: it may be away, and the card must not wait for it.
+bool RowWriter::queueToCard() {
+  if (queued_ == 0) return true;
+  if (!omitted(Omit::kDataBeforeEntries) && !toCard(stream_.get(), kErrWriteData)) return false;
   const long length = static_cast<long>(queued_ * kRecordSize);
   const auto before = picture_->getFreeAddr();
   if (picture_->write(queue_.data(), length) != length) {
     return fail(RecordingError::kCard, kErrWriteEntries);
   }
   if (picture_->getFreeAddr() < before) ++statistics_->pictureWraps;
-  if (!omitted(Omit::kEntriesFlush) && !sync(picture_.get(), kErrWriteEntries)) return false;
+  if (!omitted(Omit::kEntriesFlush) && !toCard(picture_.get(), kErrWriteEntries)) return false;
   statistics_->confirmed += queued_;
   queued_ = 0;
   confirmed_ = written_;
@@ -270,21 +299,17 @@ bool RowWriter::writeHeader(uint32_t marker) {
 }
 
 bool RowWriter::updateRow() {
-  row_.recSize = confirmed_.pictures;
-  row_.chunkSize = (confirmed_.pictures + 1) * kRecordSize;
-  row_.status &= ~kStatusRecording;
-  row_.endDate = confirmed_.last.seconds;
-  row_.endMSec = confirmed_.last.milliseconds();
-  // The journal is asked by itself, because the database's update does not report its refusal: the
-  // repair deletes a recording whose header is closed while its record is not.
-  if (!CDbLog::getInstance()->updateStream(kEndColumns, &row_)) {
-    return fail(RecordingError::kJournal, kErrJournal);
-  }
-  db_->updateStream(kEndColumns, &row_);
-  DB_STREAM stored = {};
-  if (db_->selectStream(row_.streamID, &stored) != 1 || stored.recSize != row_.recSize) {
-    return fail(RecordingError::kDatabase, kErrRow);
-  }
+  DB_STREAM closed = row_;
+  closed.recSize = confirmed_.pictures;
+  closed.chunkSize = (confirmed_.pictures + 1) * kRecordSize;
+  closed.status &= ~kStatusRecording;
+  closed.endDate = confirmed_.last.seconds;
+  closed.endMSec = confirmed_.last.milliseconds();
+  // The repair deletes a recording whose header is closed while its record is not; and a row that
+  // is closed while its record is open would be taken for an interrupted one by the next start,
+  // with others behind it. So it is both or neither.
+  if (!fail(rows_.update(kEndColumns, row_, closed))) return false;
+  row_ = closed;
   return true;
 }
 
@@ -308,11 +333,22 @@ bool RowWriter::removeRow() {
   return sync(stream_.get(), kErrWriteData) && sync(picture_.get(), kErrWriteHeader);
 }
 
+void RowWriter::rescue() {
+  if (running_) queueToCard();
+}
+
+bool RowWriter::serverAnswers() {
+  CHUNK_USAGE usage = {};
+  return manager_->getUsage(0, &usage, kStream) == 0;
+}
+
 void RowWriter::abandon() {
   if (!running_) return;
+  rescue();
   running_ = false;
   queued_ = 0;
   patienceMs_ = 0;  // whatever had to be waited for has been
+  watch_->setPatience(kLastLookMs);
   if (confirmed_.pictures == 0) {
     removeRow();
   } else {
@@ -323,6 +359,7 @@ void RowWriter::abandon() {
     manager_->saveManageData();
   }
   patienceMs_ = kServerPatienceMs;
+  watch_->setPatience(kServerPatienceMs);
 }
 
 bool RowWriter::closeLeftOver(const DB_STREAM& row, bool newestOfChunk) {

@@ -7,6 +7,8 @@
 
 #include "chunk/CTARNStreamChunk.h"
 #include "db/DbRecords.h"
+#include "recorder/DatabaseWatch.h"
+#include "recorder/JournaledRows.h"
 #include "recorder/PictureNumbers.h"
 #include "recorder/RecordFormat.h"
 #include "recorder/RecordingSpace.h"
@@ -20,7 +22,7 @@ class JournalGuard;
 // session and is used by its thread.
 class RowWriter {
  public:
-  RowWriter(CTARNStreamManager* manager, CApiDb* db, RecordingSpace* space,
+  RowWriter(CTARNStreamManager* manager, CApiDb* db, DatabaseWatch* watch, RecordingSpace* space,
             RecordingStatistics* statistics);
 
   // Opens the chunk pair for writing and looks at the numbers in its slots. False with error().
@@ -39,8 +41,12 @@ class RowWriter {
   uint32_t pictureRoom() const;
   // Takes a picture; entry carries time, decode offset and flags. It must fit.
   bool append(const uint8_t* annexB, size_t size, const PictureEntry& entry);
-  // Data to the card, then the entries that point at it.
+  // Data to the card, then the entries that point at it; then the server is told how far both rings
+  // go. Without a server the pictures are safe all the same, and the result is false.
   bool flush();
+  // The same after something else failed, without the server and without a wait: what was taken
+  // shall not be lost for it.
+  void rescue();
   // Picture time between the oldest picture that is not yet safe and `decode`; 0 without one.
   int64_t unsafeMicros(PictureTime decode) const;
   // Ends the recording and lists it as closed; one without pictures is deleted.
@@ -50,6 +56,8 @@ class RowWriter {
   void abandon();
   // Ends a recording that a killed process left open, at what its entries confirm.
   bool closeLeftOver(const DB_STREAM& row, bool newestOfChunk);
+
+  bool serverAnswers();
 
   RecordingError error() const { return error_; }
   const char* errorText() const { return text_; }
@@ -68,7 +76,10 @@ class RowWriter {
   bool failServer();
   bool openArea(std::unique_ptr<CTARNStreamChunk>* chunk, uint8_t area, int number);
   bool refreshUsage(CTARNStreamChunk* chunk);
+  bool toCard(CTARNStreamChunk* chunk, const char* text);
+  bool tell(CTARNStreamChunk* chunk);
   bool sync(CTARNStreamChunk* chunk, const char* text);
+  bool queueToCard();
   bool makeJournalPlace(JournalGuard* guard, uint32_t now);
   bool chooseNumber(uint32_t* number);
   bool insertRow();
@@ -76,12 +87,15 @@ class RowWriter {
   bool writeStamped(const uint8_t* annexB, size_t size, uint32_t seconds);
   void stamp(uint32_t seconds);
   bool writeHeader(uint32_t marker);
+  bool fail(JournaledRows::Outcome outcome);
   bool updateRow();
   bool removeRow();
   bool saveManageData();
 
   CTARNStreamManager* manager_;
   CApiDb* db_;
+  DatabaseWatch* watch_;
+  JournaledRows rows_;
   RecordingSpace* space_;
   RecordingStatistics* statistics_;
 

@@ -61,6 +61,7 @@ int CTARNChunkBase::openForWrite(CTARNManagerBase* newManager) {
   freeSize = 0;
   useSize = 0;
   usageKnown = false;
+  useKnown = false;
   getUsageFromManager();
   return 0;
 }
@@ -68,6 +69,9 @@ int CTARNChunkBase::openForWrite(CTARNManagerBase* newManager) {
 int CTARNChunkBase::openWithoutManager() {
   if (openChunkLow(openMode) == -1) return -1;
   manager = nullptr;
+  // Whatever addresses an earlier chunk of this object had.
+  usageKnown = false;
+  useKnown = false;
   const bool inside = eventStart <= chunkSize;
   if (!inside) {
     syslog(LOG_WARNING, tarn::kMsgEventBeyondChunk, static_cast<unsigned long>(eventStart),
@@ -116,6 +120,7 @@ int CTARNChunkBase::closeChunkFile() {
 int CTARNChunkBase::flush() {
   if (isOpen() && !unflushed) return 0;
   const int result = fat.fsync(handle);
+  flushFailed = result != 0;
   if (result == 0) unflushed = false;
   return result;
 }
@@ -169,6 +174,7 @@ signed char CTARNChunkBase::takeUsage(int result, const CHUNK_USAGE& usage) {
   useAddr = newUse;
   freeAddr = newFree;
   usageKnown = true;
+  useKnown = true;
   calcFreeSize();
   return 0;
 }
@@ -185,7 +191,9 @@ bool CTARNChunkBase::ringAddress(unsigned long address, const char* function, ui
 }
 
 void CTARNChunkBase::setUseAddr(unsigned long address) {
-  if (ringAddress(address, "setUseAddr", &useAddr)) calcFreeSize();
+  if (!ringAddress(address, "setUseAddr", &useAddr)) return;
+  useKnown = true;
+  calcFreeSize();
 }
 
 void CTARNChunkBase::setFreeAddr(unsigned long address) {

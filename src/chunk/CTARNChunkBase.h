@@ -40,7 +40,8 @@ class TARN_API CTARNChunkBase {
   // be called as for a base chunk.
   virtual ~CTARNChunkBase();
   // Appends size bytes at the free address, across the ring's end where needed, and moves the free
-  // address. At least one byte of the ring stays free, or nothing is written. Returns size. Whether
+  // address. At least one byte of the ring stays free, or nothing is written; so both addresses
+  // must be known, from the manager or from the caller. Returns size. Whether
   // a buffered write reached the device shows later, see CFATAccess.
   virtual long write(void* buf, long size);
 
@@ -106,8 +107,8 @@ class TARN_API CTARNChunkBase {
   // Beyond the basic operations:
 
   bool isOpen() const { return handle != -1; }
-  // True when the free address came from the manager or from the caller. Until then an endless
-  // chunk refuses to be written.
+  // True when the free address came from the manager or from the caller, since the chunk was
+  // opened. Until then nothing is written at it.
   bool isUsageKnown() const { return usageKnown; }
   unsigned long getUseAddr() const { return useAddr; }
   unsigned long getUseSize() const { return useSize; }  // bytes
@@ -119,6 +120,11 @@ class TARN_API CTARNChunkBase {
   // Brings everything written to the medium and tells nobody: 0, or the device's result. Does not
   // touch the device when nothing was written since the last flush that worked.
   int flush();
+  // True when the last flush of the device failed, be it flush()'s, fSync()'s or that of a close.
+  bool lastFlushFailed() const { return flushFailed; }
+  // True when something that was written since the chunk was opened is not on the medium for all
+  // that is known, see CFATAccess. Asked after a flush it covers all writes before it.
+  bool hasLostData() const { return fat.hasLostData(handle); }
   // True when the device did not deliver all that the last read() asked for, although a buffered
   // read returned its full size.
   bool lastReadFailed();
@@ -156,7 +162,9 @@ class TARN_API CTARNChunkBase {
   CTARNManagerBase* manager = nullptr;  // not owned; null when opened for an event
   CFATAccess fat;
   bool usageKnown = false;
-  bool unflushed = false;        // something was written since the last flush that worked
+  bool useKnown = false;   // the same of the use address
+  bool unflushed = false;  // something was written since the last flush that worked
+  bool flushFailed = false;
   bool firstPartFailed = false;  // of the last read, which went across the ring's end
 
  private:

@@ -21,6 +21,11 @@ bool isNegative(uint32_t size) { return asSigned32(size) < 0; }
 
 long CTARNChunkBase::write(void* buf, long size) {
   const uint32_t length = size32(size);
+  // What is free lies between two addresses. With one of them a guess it would be written over.
+  if (!usageKnown || !useKnown) {
+    syslog(LOG_ERR, tarn::kMsgWriteUsageUnknown);
+    return -1;
+  }
   // A negative size is a huge one here and fails.
   if (freeSize <= length) {
     syslog(LOG_ERR, tarn::kMsgWriteNoSpace, static_cast<unsigned long>(freeSize),

@@ -83,6 +83,8 @@ class TARN_API CTARNMirroredChunk {
   void setFreeAddr(unsigned long address);
   // Brings both to the medium, original first, and tells no manager: 0, or the first failure.
   int flush();
+  // True when the last flush of either failed, whichever operation it belonged to.
+  bool lastFlushFailed() const { return original->lastFlushFailed() || mirror->lastFlushFailed(); }
 
  protected:
   CTARNEndlessChunk* original;  // owned

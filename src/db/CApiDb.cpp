@@ -195,6 +195,7 @@ uint32_t CApiDb::finish() {
 // is returned: callers take an empty result for the only sign of failure.
 template <typename Attempt>
 void CApiDb::runStatement(const char* sql, Attempt attempt) {
+  m_statementDone = false;
   if (!m_connected) connect(kDatabasePath);
   const SemLock lock(*this);
   if (!lock.held()) syslog(LOG_ERR, tarn::kMsgSqlNoLock, sql);
@@ -202,7 +203,8 @@ void CApiDb::runStatement(const char* sql, Attempt attempt) {
     char* errorText = nullptr;
     // Without a connection the statement fails as misuse of the interface, without a call.
     const int result = m_db == nullptr ? SQLITE_MISUSE : attempt(&errorText);
-    if (result == SQLITE_OK) return;
+    m_statementDone = result == SQLITE_OK;
+    if (m_statementDone) return;
     if (!reportFailure(result, sql, errorText)) return;
     usleep(kRetrySleepUs);
   }

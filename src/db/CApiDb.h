@@ -135,6 +135,24 @@ class TARN_API CApiDb {
   uint32_t getEventValue(long row, DB_EVENT* out);
   uint32_t getStreamValue(long row, DB_STREAM* out);
 
+  // Beyond the basic operations:
+
+  // Whether the last statement of this object was carried out, at its first or second attempt. An
+  // empty result and a failed statement look the same otherwise.
+  bool lastStatementDone() const { return m_statementDone; }
+  // Whether the last insert, update or delete above got into the journal and is on the card there,
+  // both copies.
+  bool lastChangeJournaled() const { return m_changeJournaled; }
+  // While strict, an insert or update whose statement fails is not journaled, and a delete whose
+  // record the journal does not take leaves the row; each returns 0 then. An object is not strict
+  // to begin with: a journal that failed never undoes a change and alters no result.
+  void setStrict(bool strict) { m_strict = strict; }
+  bool isStrict() const { return m_strict; }
+  // Sets the selected columns of the row alone, past the journal: takes an update back that the
+  // journal refused. False when the mask selects nothing or the statement fails.
+  bool restoreEvent(DB_EVENT_REG_BIT mask, const DB_EVENT* rec);
+  bool restoreStream(DB_STREAM_REG_BIT mask, const DB_STREAM* rec);
+
   // sqlite3_exec() row callback: stores the first column's number into the uint32_t at `arg`.
   static int m_CountCallback(void* arg, int ncol, char** values, char** names);
 
@@ -146,6 +164,8 @@ class TARN_API CApiDb {
   void runStatement(const char* sql, Attempt attempt);
   bool reportFailure(int result, const char* sql, char* errorText);
   uint32_t lastInsertKey() const;
+  uint32_t changeRow(const char* sql);
+  void noteJournal(bool taken, const char* error);
   int32_t deleteHeldEvents(bool announceFirst);
   uint32_t execCount(const char* sql);
   bool oneEvent(DB_EVENT* out);
@@ -160,4 +180,7 @@ class TARN_API CApiDb {
   int32_t m_ntuple;
   int32_t m_ncol;
   bool m_ranFull;
+  bool m_statementDone = false;
+  bool m_changeJournaled = false;
+  bool m_strict = false;
 };

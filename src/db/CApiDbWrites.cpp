@@ -1,7 +1,7 @@
 // The half of the gateway that changes rows. Kept on purpose: inserts and updates change the
 // database first and the journal after, deletes the journal first; and a journal that fails is
-// logged but never undoes the change or alters the result. The branches for a failing setSql are
-// never taken, because it reports nothing; they stand for the day when it does.
+// logged but never undoes the change or alters the result. A failing statement reports nothing
+// either; only a strict object looks at it, and takes the branches for that.
 #include <sqlite3.h>
 #include <syslog.h>
 
@@ -18,6 +18,7 @@ namespace {
 constexpr int kTracePriority = LOG_LOCAL6 | LOG_INFO;
 constexpr int kDeleteNoticePriority = LOG_EMERG;  // kept on purpose: every terminal shall show it
 constexpr size_t kInsertRoom = 1024;
+constexpr uint32_t kNotDone = 1;  // of a strict object's statement, as its log line has it
 
 constexpr char kSqlInsertEvent[] =
     "INSERT INTO EVENT( extTrg, preSec, startDate, endDate, startMSec, endMSec, backOffset ) "
@@ -95,6 +96,20 @@ void addStreamAssignments(tarn::SqlText& sql, DB_STREAM_REG_BIT mask, const DB_S
   addAssignments(sql, mask, columns);
 }
 
+tarn::SqlText updateText(DB_EVENT_REG_BIT mask, const DB_EVENT& rec) {
+  tarn::SqlText sql(kSqlUpdateEvent);
+  addEventAssignments(sql, mask, rec);
+  sql.add(kSqlWhereEvent).add(rec.eventID);
+  return sql;
+}
+
+tarn::SqlText updateText(DB_STREAM_REG_BIT mask, const DB_STREAM& rec) {
+  tarn::SqlText sql(kSqlUpdateStream);
+  addStreamAssignments(sql, mask, rec);
+  sql.add(kSqlWhereStream).add(rec.streamID);
+  return sql;
+}
+
 unsigned long asLong(uint32_t value) { return value; }
 
 void formatInsert(const DB_EVENT& rec, char (&sql)[kInsertRoom]) {
@@ -121,18 +136,31 @@ uint32_t CApiDb::lastInsertKey() const {
   return m_db == nullptr ? 0 : static_cast<uint32_t>(sqlite3_last_insert_rowid(m_db));
 }
 
+// What a write's statement comes to. Only a strict object is told of a failure: for all others a
+// statement has no result.
+uint32_t CApiDb::changeRow(const char* sql) {
+  const uint32_t result = setSqlNoResult(sql);
+  return m_strict && !m_statementDone ? kNotDone : result;
+}
+
+void CApiDb::noteJournal(bool taken, const char* error) {
+  if (!taken) syslog(LOG_ERR, "%s", error);
+  m_changeJournaled = taken && tarn::journal_calls::lastChangeOnCard();
+}
+
 uint32_t CApiDb::insertEvent(DB_EVENT* rec) {
   const tarn::journal_calls::InsertLock insertLock;
   rec->backOffset = tarn::low32(tarn::journal_calls::eventBackOffset());
   char sql[kInsertRoom];
   formatInsert(*rec, sql);
-  if (const uint32_t result = setSqlNoResult(sql); result != 0) {
+  if (const uint32_t result = changeRow(sql); result != 0) {
+    m_changeJournaled = false;
     syslog(LOG_ERR, tarn::kMsgInsertEventSqlError, shown(result));
     return 0;
   }
   rec->eventID = lastInsertKey();
   syslog(kTracePriority, tarn::kMsgInsertEventTrace, sql, asLong(rec->eventID));
-  if (!tarn::journal_calls::insertEvent(rec)) syslog(LOG_ERR, tarn::kMsgInsertEventLogError);
+  noteJournal(tarn::journal_calls::insertEvent(rec), tarn::kMsgInsertEventLogError);
   return rec->eventID;
 }
 
@@ -141,13 +169,14 @@ uint32_t CApiDb::insertStream(DB_STREAM* rec) {
   rec->backOffset = tarn::low32(tarn::journal_calls::streamBackOffset());
   char sql[kInsertRoom];
   formatInsert(*rec, sql);
-  if (const uint32_t result = setSqlNoResult(sql); result != 0) {
+  if (const uint32_t result = changeRow(sql); result != 0) {
+    m_changeJournaled = false;
     syslog(LOG_ERR, tarn::kMsgInsertStreamSqlError, shown(result));
     return 0;
   }
   rec->streamID = lastInsertKey();
   syslog(kTracePriority, tarn::kMsgInsertStreamTrace, sql, asLong(rec->streamID));
-  if (!tarn::journal_calls::insertStream(rec)) syslog(LOG_ERR, tarn::kMsgInsertStreamLogError);
+  noteJournal(tarn::journal_calls::insertStream(rec), tarn::kMsgInsertStreamLogError);
   return rec->streamID;
 }
 
@@ -157,15 +186,14 @@ uint32_t CApiDb::updateEvent(DB_EVENT_REG_BIT mask, const DB_EVENT* rec) {
     syslog(LOG_WARNING, tarn::kMsgUpdateEventNoBits);
     return 0;
   }
-  tarn::SqlText sql(kSqlUpdateEvent);
-  addEventAssignments(sql, mask, *rec);
-  sql.add(kSqlWhereEvent).add(rec->eventID);
-  if (const uint32_t result = setSqlNoResult(sql.c_str()); result != 0) {
+  const tarn::SqlText sql = updateText(mask, *rec);
+  if (const uint32_t result = changeRow(sql.c_str()); result != 0) {
+    m_changeJournaled = false;
     syslog(LOG_ERR, tarn::kMsgUpdateEventSqlError, shown(result));
     return 0;
   }
   syslog(kTracePriority, tarn::kMsgUpdateEventTrace, sql.c_str());
-  if (!tarn::journal_calls::updateEvent(mask, rec)) syslog(LOG_ERR, tarn::kMsgUpdateEventLogError);
+  noteJournal(tarn::journal_calls::updateEvent(mask, rec), tarn::kMsgUpdateEventLogError);
   return rec->eventID;
 }
 
@@ -175,26 +203,38 @@ uint32_t CApiDb::updateStream(DB_STREAM_REG_BIT mask, const DB_STREAM* rec) {
     syslog(LOG_WARNING, tarn::kMsgUpdateStreamNoBits);
     return 0;
   }
-  tarn::SqlText sql(kSqlUpdateStream);
-  addStreamAssignments(sql, mask, *rec);
-  sql.add(kSqlWhereStream).add(rec->streamID);
-  if (const uint32_t result = setSqlNoResult(sql.c_str()); result != 0) {
+  const tarn::SqlText sql = updateText(mask, *rec);
+  if (const uint32_t result = changeRow(sql.c_str()); result != 0) {
+    m_changeJournaled = false;
     syslog(LOG_ERR, tarn::kMsgUpdateStreamSqlError, shown(result));
     return 0;
   }
   syslog(kTracePriority, tarn::kMsgUpdateStreamTrace, sql.c_str());
-  if (!tarn::journal_calls::updateStream(mask, rec)) {
-    syslog(LOG_ERR, tarn::kMsgUpdateStreamLogError);
-  }
+  noteJournal(tarn::journal_calls::updateStream(mask, rec), tarn::kMsgUpdateStreamLogError);
   return rec->streamID;
+}
+
+bool CApiDb::restoreEvent(DB_EVENT_REG_BIT mask, const DB_EVENT* rec) {
+  mask &= kEventRegUpdatable;
+  if (mask == 0) return false;
+  setSqlNoResult(updateText(mask, *rec).c_str());
+  return m_statementDone;
+}
+
+bool CApiDb::restoreStream(DB_STREAM_REG_BIT mask, const DB_STREAM* rec) {
+  mask &= kStreamRegUpdatable;
+  if (mask == 0) return false;
+  setSqlNoResult(updateText(mask, *rec).c_str());
+  return m_statementDone;
 }
 
 uint32_t CApiDb::deleteEvent(unsigned long eventID) {
   const uint32_t id = tarn::low32(eventID);
   tarn::SqlText sql(kSqlDeleteEvent);
   sql.add(id);
-  if (!tarn::journal_calls::deleteEvent(id)) syslog(LOG_ERR, tarn::kMsgDeleteEventLogError);
-  if (const uint32_t result = setSqlNoResult(sql.c_str()); result != 0) {
+  noteJournal(tarn::journal_calls::deleteEvent(id), tarn::kMsgDeleteEventLogError);
+  if (m_strict && !m_changeJournaled) return 0;
+  if (const uint32_t result = changeRow(sql.c_str()); result != 0) {
     syslog(LOG_ERR, tarn::kMsgDeleteEventSqlError, shown(result));
     return 0;
   }
@@ -207,8 +247,9 @@ uint32_t CApiDb::deleteStream(unsigned long streamID) {
   const uint32_t id = tarn::low32(streamID);
   tarn::SqlText sql(kSqlDeleteStream);
   sql.add(id);
-  if (!tarn::journal_calls::deleteStream(id)) syslog(LOG_ERR, tarn::kMsgDeleteStreamLogError);
-  if (const uint32_t result = setSqlNoResult(sql.c_str()); result != 0) {
+  noteJournal(tarn::journal_calls::deleteStream(id), tarn::kMsgDeleteStreamLogError);
+  if (m_strict && !m_changeJournaled) return 0;
+  if (const uint32_t result = changeRow(sql.c_str()); result != 0) {
     syslog(LOG_ERR, tarn::kMsgDeleteStreamSqlError, shown(result));
     return 0;
   }

@@ -28,5 +28,7 @@ bool deleteEvent(unsigned long eventID);
 bool insertStream(const DB_STREAM* record);
 bool updateStream(DB_STREAM_REG_BIT mask, const DB_STREAM* record);
 bool deleteStream(unsigned long streamID);
+// Whether this thread's last change above was taken and is on the card, both copies.
+bool lastChangeOnCard();
 
 }  // namespace tarn::journal_calls

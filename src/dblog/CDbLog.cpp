@@ -41,6 +41,9 @@ constexpr uint32_t kRecmanOnly = 0x1;  // bit n: process mode n
 constexpr uint32_t kRecmanOrMenu = 0x5;
 constexpr uint32_t kAnyValid = 0x7;
 
+// Of the calling thread: one instance serves all threads, and each asks about its own change.
+thread_local bool t_lastChangeOnCard = false;
+
 // Kept on purpose: preSec is not among them. The journal keeps the pre-event seconds of the insert.
 void patchEvent(DB_EVENT_REG_BIT mask, const DB_EVENT& from, DB_EVENT* to) {
   if (mask & kEventRegExtTrg) to->extTrg = from.extTrg;
@@ -251,6 +254,17 @@ int CDbLog::writeLog() {
   return 0;
 }
 
+bool CDbLog::lastChangeOnCard() { return t_lastChangeOnCard; }
+
+// In the critical section of the write: a flush of another thread's that failed in between would
+// have taken the news with it.
+void CDbLog::settleLocked(JournalKind kind, bool save) {
+  flushLocked();
+  const auto& journal = slotLocked(kind);
+  t_lastChangeOnCard = journal != nullptr && !journal->lastFlushFailed();
+  if (save && m_manager != nullptr) m_manager->saveManageData();
+}
+
 int CDbLog::writeLogNoManage() {
   const MutexLock lock(m_lock);
   flushLocked();
@@ -361,16 +375,15 @@ bool CDbLog::insertStream(const DB_STREAM* record) {
 bool CDbLog::append(const Operation& operation, void* record) {
   const JournalTraits& traits = journalTraits(operation.kind);
   const auto size = static_cast<long>(traits.recordSize);
-  {
-    const MutexLock lock(m_lock);
-    if (!admitLocked(operation)) return false;
-    const long crcLength = static_cast<long>(traits.crcLength);
-    if (slotLocked(operation.kind)->write(record, size, crcLength) != size) {
-      syslog(LOG_ERR, "%s", operation.writeError);
-      return false;
-    }
+  t_lastChangeOnCard = false;
+  const MutexLock lock(m_lock);
+  if (!admitLocked(operation)) return false;
+  const long crcLength = static_cast<long>(traits.crcLength);
+  if (slotLocked(operation.kind)->write(record, size, crcLength) != size) {
+    syslog(LOG_ERR, "%s", operation.writeError);
+    return false;
   }
-  writeLog();
+  settleLocked(operation.kind, true);
   return true;
 }
 
@@ -433,19 +446,18 @@ bool CDbLog::rewrite(const Operation& operation, unsigned long offset, Patch pat
     return false;
   }
   uint8_t record[kStreamRecordSize];  // the greater of the two
-  {
-    const MutexLock lock(m_lock);
-    // Another thread may have finished the journal during the look-up.
-    if (!admitLocked(operation)) return false;
-    if (!readAtLocked(operation, low32(offset), record)) return false;
-    patch(record);
-    if (!writeAtLocked(operation, low32(offset), record)) return false;
-  }
-  writeLogNoManage();
+  const MutexLock lock(m_lock);
+  // Another thread may have finished the journal during the look-up.
+  if (!admitLocked(operation)) return false;
+  if (!readAtLocked(operation, low32(offset), record)) return false;
+  patch(record);
+  if (!writeAtLocked(operation, low32(offset), record)) return false;
+  settleLocked(operation.kind, false);
   return true;
 }
 
 bool CDbLog::updateEvent(DB_EVENT_REG_BIT mask, const DB_EVENT* record) {
+  t_lastChangeOnCard = false;
   if (!admit(Operation::updateEvent)) return false;
   mask &= kEventPatchable;
   if (mask == 0) {
@@ -462,6 +474,7 @@ bool CDbLog::updateEvent(DB_EVENT_REG_BIT mask, const DB_EVENT* record) {
 }
 
 bool CDbLog::updateStream(DB_STREAM_REG_BIT mask, const DB_STREAM* record) {
+  t_lastChangeOnCard = false;
   if (!admit(Operation::updateStream)) return false;
   mask &= kStreamPatchable;
   if (mask == 0) {
@@ -478,17 +491,22 @@ bool CDbLog::updateStream(DB_STREAM_REG_BIT mask, const DB_STREAM* record) {
 }
 
 bool CDbLog::deleteEvent(unsigned long eventID) {
+  t_lastChangeOnCard = false;
   return admit(Operation::deleteEvent) &&
          markDeleted(Operation::deleteEvent, searchEventBackOffset(eventID));
 }
 
 bool CDbLog::deleteStream(unsigned long streamID) {
+  t_lastChangeOnCard = false;
   return admit(Operation::deleteStream) &&
          markDeleted(Operation::deleteStream, searchStreamBackOffset(streamID));
 }
 
 bool CDbLog::markDeleted(const Operation& operation, unsigned long offset) {
-  if (tarn::omitted(tarn::Omit::kRecordDelete)) return true;
+  if (tarn::omitted(tarn::Omit::kRecordDelete)) {
+    t_lastChangeOnCard = true;
+    return true;
+  }
   const uint32_t marker = journalTraits(operation.kind).deletedMarker;
   return rewrite(operation, offset, [marker](uint8_t* bytes) { setJournalMarker(bytes, marker); });
 }

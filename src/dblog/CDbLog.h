@@ -68,6 +68,11 @@ class TARN_API CDbLog {
   int correctFreeOffset(tarn::JournalKind kind, unsigned long offset);
   // Bytes of each journal chunk; 0 on failure.
   unsigned long getJournalChunkSize();
+  // Whether the last change of the journal that this thread asked for (insert, update, delete) was
+  // taken and both its copies are on the medium: the operations above report what was written, not
+  // what became of the flush behind it. That the server could not be told or did not save is no
+  // failure here: the start finds the record by itself.
+  static bool lastChangeOnCard();
 
   // Flushes the stream journal, then the event journal, then saves their management data. Always 0.
   int writeLog();
@@ -91,6 +96,9 @@ class TARN_API CDbLog {
   bool openJournalLocked(tarn::JournalKind kind) TARN_REQUIRES(m_lock);
   void closeAllLocked() TARN_REQUIRES(m_lock);
   void flushLocked() TARN_REQUIRES(m_lock);
+  // writeLog() or writeLogNoManage() behind a change of one journal; notes whether it is on the
+  // card.
+  void settleLocked(tarn::JournalKind kind, bool save) TARN_REQUIRES(m_lock);
   std::unique_ptr<CTARNMirroredChunk>& slotLocked(tarn::JournalKind kind) TARN_REQUIRES(m_lock);
 
   // Connects and tests the process mode; logs why not.

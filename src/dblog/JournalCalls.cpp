@@ -30,5 +30,6 @@ bool updateStream(DB_STREAM_REG_BIT mask, const DB_STREAM* record) {
   return CDbLog::getInstance()->updateStream(mask, record);
 }
 bool deleteStream(unsigned long streamID) { return CDbLog::getInstance()->deleteStream(streamID); }
+bool lastChangeOnCard() { return CDbLog::lastChangeOnCard(); }
 
 }  // namespace tarn::journal_calls

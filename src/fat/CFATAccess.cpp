@@ -179,6 +179,8 @@ bool CFATAccess::locateFamily(int fd, int index) {
 
 bool CFATAccess::setUpBuffers(int index, int flags) {
   m_readFailed[index] = false;
+  m_astray[index] = false;
+  m_lostData[index] = 0;
   if (needsWriteBuffer(m_fileType[index], flags)) {
     if (!allocateWriteBuffer(index)) {
       logFat("open", __LINE__, tarn::kMsgWriteBufferAlloc);
@@ -258,6 +260,7 @@ long CFATAccess::read(int index, void* buf, unsigned long len) {
     m_writeBuf[index].aligned = 0;
     const ssize_t result = ::read(m_fd[index], buf, length);
     m_readFailed[index] = result != static_cast<ssize_t>(length);
+    m_astray[index] = m_astray[index] || m_readFailed[index];
     return result;
   }
   auto* out = static_cast<uint8_t*>(buf);
@@ -316,6 +319,7 @@ long CFATAccess::write(int index, const void* buf, unsigned long len) {
   const WriteBuffer& buffer = m_writeBuf[index];
   if (!isWriteBuffered(index)) return ::write(m_fd[index], buf, length);
   if (length > buffer.capacity) {
+    m_astray[index] = true;
     logFat(__func__, __LINE__, tarn::kMsgWriteTooLarge);
     return -1;
   }
@@ -327,7 +331,10 @@ long CFATAccess::writeBuffered(int index, const uint8_t* data, uint32_t length) 
   uint32_t taken = 0;
   if (buffer.alignMode != 0 && buffer.aligned == 0) {
     const long result = writeUpToBoundary(index, data, length);
-    if (result == -1) return -1;
+    if (result == -1) {
+      m_astray[index] = true;
+      return -1;
+    }
     taken = static_cast<uint32_t>(result);
   }
   const uint32_t room = buffer.capacity - buffer.fill;
@@ -398,8 +405,11 @@ long CFATAccess::lseek(int index, long offset, int whence) {
   return seekDevice(index, target, whence);
 }
 
+// Asking for the position never moves the device. Going to the position that was reported does
+// where a read or write fell short of it: what is written next belongs there.
 bool CFATAccess::standsAt(int index, int64_t target, int whence) const {
-  return whence == SEEK_CUR ? target == 0 : target == static_cast<int64_t>(m_position[index]);
+  if (whence == SEEK_CUR) return target == 0;
+  return !m_astray[index] && target == static_cast<int64_t>(m_position[index]);
 }
 
 int64_t CFATAccess::chunkStart(int index) const {
@@ -415,6 +425,7 @@ long CFATAccess::positionInChunk(int index) const {
 long CFATAccess::seekDevice(int index, int64_t target, int whence) {
   const int64_t position = lseek64(m_fd[index], target, whence);
   m_position[index] = static_cast<uint64_t>(position);
+  m_astray[index] = position == -1;
   WriteBuffer& buffer = m_writeBuf[index];
   if (isWriteBuffered(index) && buffer.alignMode != 0) {
     buffer.aligned = position == -1 ? isSdAligned(index) : position % kAlignment == 0;
@@ -444,7 +455,10 @@ int CFATAccess::fsync(int index) {
   }
   const bool empty = m_writeBuf[index].fill == 0;
   drain(index);
-  return empty ? ::fsync(m_fd[index]) : 0;
+  if (!empty) return 0;
+  const int result = ::fsync(m_fd[index]);
+  if (result != 0) m_lostData[index] = 1;
+  return result;
 }
 
 int CFATAccess::close(int index) {

@@ -50,8 +50,10 @@ class TARN_API CFATAccess {
   // only while both buffers of the handle are full.
   long write(int index, const void* buf, unsigned long len);
   // SEEK_SET or SEEK_CUR; the new position in the chunk as a signed 32-bit value, or -1. A seek
-  // that moves a write-buffered handle flushes it first. On a read-buffered handle SEEK_CUR with an
-  // offset other than 0 counts from the end of the last block read.
+  // that moves a write-buffered handle flushes it first; one to where it stands does nothing.
+  // After a read or write that did not do all it was asked for the handle reports a position that
+  // the device never reached, and SEEK_SET moves the device there. On a read-buffered handle
+  // SEEK_CUR with an offset other than 0 counts from the end of the last block read.
   long lseek(int index, long offset, int whence);
   // Returns when everything written has reached the medium: 0, -1, or the device's own result when
   // nothing was buffered.
@@ -64,6 +66,13 @@ class TARN_API CFATAccess {
   // True when the handle's last read() got fewer bytes from the device than were asked for, be it
   // an error or the device's end; false for an index outside the table and before the first read().
   bool lastReadFailed(int index);
+
+  // True when something of what this handle was given since its open() is not on the medium for
+  // all that is known: it could not be written or flushed, and a later flush that works proves
+  // nothing about it. The marker file says the same of all
+  // handles, unless the RAM disk has no room for it. False for an index outside the table. A
+  // drained handle's answer (after fsync()) covers all its writes.
+  bool hasLostData(int index) const { return isIndex(index) && m_lostData[index] != 0; }
 
   // True for an open picture chunk that is read in blocks.
   bool hasReadBuffer(int index) const { return isIndex(index) && m_readBuf[index].data != nullptr; }
@@ -164,4 +173,6 @@ class TARN_API CFATAccess {
   tarn::CondVar m_written;                  // the caller waits for the worker
   std::atomic<int32_t> m_threadRunning{0};  // cleared under m_mutex to stop the worker
   bool m_readFailed[kHandles] = {};
+  bool m_astray[kHandles] = {};  // the device does not stand where m_position says
+  std::atomic<uint8_t> m_lostData[kHandles] = {};
 };

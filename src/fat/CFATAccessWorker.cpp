@@ -140,12 +140,14 @@ void CFATAccess::finishPending(WriteBuffer& buffer) {
 
 void CFATAccess::flushDevice(int index) {
   if (::fsync(m_fd[index]) == 0) return;
+  m_lostData[index] = 1;
   logFat(kWorker, __LINE__, tarn::kMsgSyncError, errno);
   createMarker();
 }
 
 void CFATAccess::reportLostWrite(int index, long result, uint32_t written) {
   const uint32_t size = m_writeBuf[index].pendingSize;
+  m_lostData[index] = 1;
   logFat(kWorker, __LINE__, tarn::kMsgWriteError, result, static_cast<long>(size), errno);
   createMarker();
   // What was lost leaves a hole; what follows goes where the caller believes it goes.

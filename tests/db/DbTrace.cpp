@@ -174,6 +174,7 @@ bool updateStream(DB_STREAM_REG_BIT mask, const DB_STREAM* record) {
 bool deleteStream(unsigned long streamID) {
   return answered("deleteStream " + std::to_string(streamID));
 }
+bool lastChangeOnCard() { return tarn_test::fakeJournal().onCard; }
 
 }  // namespace tarn::journal_calls
 

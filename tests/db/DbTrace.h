@@ -16,6 +16,7 @@ struct FakeJournal {
   unsigned long eventOffset = 0;
   unsigned long streamOffset = 0;
   bool result = true;
+  bool onCard = true;  // what became of the flush behind it
   DB_EVENT event = {};
   DB_STREAM stream = {};
   // Called inside each back-offset query.

@@ -358,4 +358,67 @@ TEST_F(WritesTest, DeleteOlderTimeWritesTheKeyAsA32BitMachineDoes) {
               ElementsAre("-2147483648"));
 }
 
+TEST_F(WritesTest, TellsWhetherTheStatementWasDone) {
+  db_.setSql("SELECT * FROM EVENT");
+  EXPECT_TRUE(db_.lastStatementDone()) << "nothing found is an answer";
+  DbTrace trace;
+  db_.setSql("SELECT * FROM NOTHING");
+  EXPECT_FALSE(db_.lastStatementDone());
+  db_.setSqlNoResult("DELETE FROM EVENT");
+  EXPECT_TRUE(db_.lastStatementDone());
+}
+
+TEST_F(WritesTest, TellsWhetherTheChangeIsInTheJournalAndOnTheCard) {
+  DB_EVENT event = anEvent();
+  db_.insertEvent(&event);
+  EXPECT_TRUE(db_.lastChangeJournaled());
+  fakeJournal().onCard = false;
+  db_.insertEvent(&event);
+  EXPECT_FALSE(db_.lastChangeJournaled());
+  EXPECT_EQ(2u, db_.updateEvent(0x10, &event));
+  EXPECT_FALSE(db_.lastChangeJournaled());
+  fakeJournal().onCard = true;
+  EXPECT_EQ(2u, db_.deleteEvent(2));
+  EXPECT_TRUE(db_.lastChangeJournaled());
+  fakeJournal().result = false;
+  EXPECT_EQ(1u, db_.deleteEvent(1));
+  EXPECT_FALSE(db_.lastChangeJournaled());
+}
+
+TEST_F(WritesTest, AStrictInsertThatFailsIsNotJournaled) {
+  DB_EVENT event = anEvent();
+  EXPECT_EQ(1u, db_.insertEvent(&event));
+  rowsOf("DROP TABLE EVENT");
+  db_.setStrict(true);
+  DbTrace trace;
+  EXPECT_EQ(0u, db_.insertEvent(&event));
+  EXPECT_FALSE(db_.lastChangeJournaled());
+  const std::vector<std::string> seen = trace.take();
+  EXPECT_THAT(seen, testing::Contains("log 3: CApiDb::insertEvent() setSql error = 1"));
+  EXPECT_THAT(seen, testing::Not(testing::Contains("journal insertEvent 1")));
+}
+
+TEST_F(WritesTest, AStrictDeleteThatTheJournalRefusesLeavesTheRow) {
+  DB_STREAM stream = aStream();
+  EXPECT_EQ(1u, db_.insertStream(&stream));
+  db_.setStrict(true);
+  fakeJournal().result = false;
+  DbTrace trace;
+  EXPECT_EQ(0u, db_.deleteStream(1));
+  EXPECT_THAT(trace.take(), ElementsAre("journal deleteStream 1",
+                                        "log 3: CApiDb::deleteStream() DB log write error"));
+  EXPECT_THAT(rowsOf("SELECT COUNT(*) FROM STREAM"), ElementsAre("1"));
+}
+
+TEST_F(WritesTest, ARestoredRowIsNoMatterOfTheJournal) {
+  DB_STREAM stream = aStream();
+  EXPECT_EQ(1u, db_.insertStream(&stream));
+  stream.recSize = 1234;
+  DbTrace trace;
+  EXPECT_TRUE(db_.restoreStream(kStreamRegRecSize, &stream));
+  EXPECT_THAT(trace.take("journal"), IsEmpty());
+  EXPECT_THAT(rowsOf("SELECT recSize FROM STREAM"), ElementsAre("1234"));
+  EXPECT_FALSE(db_.restoreStream(0, &stream));
+}
+
 }  // namespace

@@ -8,6 +8,8 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+using Bytes = std::vector<uint8_t>;
+
 constexpr int kStream = tarn::kFileStream;
 constexpr int kPicture = tarn::kFilePicture;
 constexpr int kJournal = tarn::kFileJournal;
@@ -200,6 +202,60 @@ TEST(FatClose, ReusedHandleStartsWithoutTheOldOnesBuffers) {
   EXPECT_EQ(c.fat.lseek(c.handle, 0, SEEK_CUR), 0);
   EXPECT_EQ(readHandle(c.fat, c.handle, 32), std::vector<uint8_t>(32, 0xCC));
   EXPECT_THAT(fatLines(c.log), IsEmpty());
+}
+
+// The handle reports where it would be had all been done; what is written next belongs there.
+TEST(FatSeek, AfterAReadThatFailedTheReportedPositionIsReallyGoneTo) {
+  for (const bool shortened : {false, true}) {
+    OpenChunk c(kPicture, O_RDWR);
+    Bytes got(64);
+    if (shortened) {
+      c.io.shorten(Call::Read, 1, 32);
+    } else {
+      c.io.fail(Call::Read, 1, EIO);
+    }
+    EXPECT_EQ(c.fat.read(c.handle, got.data(), 64), shortened ? 32 : -1);
+    EXPECT_EQ(c.fat.lseek(c.handle, 0, SEEK_CUR), 64);
+    EXPECT_EQ(c.fat.lseek(c.handle, 64, SEEK_SET), 64);
+    const auto bytes = patternBytes(32);
+    EXPECT_EQ(c.fat.write(c.handle, bytes.data(), 32), 32);
+    EXPECT_EQ(c.fat.close(c.handle), 0);
+    EXPECT_EQ(c.card.readChunk(kPicture, 1, 64, 32), bytes) << shortened;
+    EXPECT_EQ(c.card.readChunk(kPicture, 1, 0, 64), Bytes(64, 0xCC));
+  }
+}
+
+TEST(FatSeek, AfterARefusedWriteTheReportedPositionIsReallyGoneTo) {
+  OpenChunk c(kPicture, O_RDWR);
+  const auto large = patternBytes(32 * 1024 + 1);
+  const auto bytes = patternBytes(32);
+  EXPECT_EQ(c.fat.write(c.handle, bytes.data(), 32), 32);
+  EXPECT_EQ(c.fat.write(c.handle, large.data(), large.size()), -1);
+  const long position = c.fat.lseek(c.handle, 0, SEEK_CUR);
+  EXPECT_EQ(position, 32 + static_cast<long>(large.size()));
+  EXPECT_EQ(c.fat.lseek(c.handle, position, SEEK_SET), position);
+  EXPECT_EQ(c.fat.write(c.handle, bytes.data(), 32), 32);
+  EXPECT_EQ(c.fat.close(c.handle), 0);
+  EXPECT_EQ(c.card.readChunk(kPicture, 1, 0, 32), bytes);
+  EXPECT_EQ(c.card.readChunk(kPicture, 1, static_cast<uint64_t>(position), 32), bytes);
+}
+
+TEST(FatSeek, WhatAFlushLostIsKnownOfTheHandleItself) {
+  OpenChunk c(kPicture, O_RDWR);
+  const auto bytes = patternBytes(32);
+  EXPECT_FALSE(c.fat.hasLostData(c.handle));
+  c.io.fail(Call::Fsync, 1, EIO);
+  c.fat.write(c.handle, bytes.data(), 32);
+  EXPECT_EQ(c.fat.fsync(c.handle), 0) << "as ever: the marker file tells";
+  EXPECT_TRUE(c.fat.hasLostData(c.handle));
+  c.fat.write(c.handle, bytes.data(), 32);
+  EXPECT_EQ(c.fat.fsync(c.handle), 0);
+  EXPECT_TRUE(c.fat.hasLostData(c.handle)) << "a later flush brings nothing back";
+  EXPECT_EQ(c.fat.close(c.handle), 0);
+  c.handle = c.fat.open(c.card.name(kPicture, 1).c_str(), O_RDWR);
+  EXPECT_FALSE(c.fat.hasLostData(c.handle));
+  EXPECT_FALSE(c.fat.hasLostData(-1));
+  EXPECT_FALSE(c.fat.hasLostData(50));
 }
 
 }  // namespace

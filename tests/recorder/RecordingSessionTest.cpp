@@ -425,7 +425,7 @@ TEST(RecordingSession, WrittenOrderIsDataEntriesHeaderRowClosedHeader) {
     withoutManagement += mark;
   }
   // Claim, open header, row; first picture at once; the rest at close; totals, row, closed header.
-  EXPECT_EQ(withoutManagement, "M.M.P.J.J.S.P.S.P.P.J.J.J.J.P.M.M.") << order;
+  EXPECT_EQ(withoutManagement, "M.M.P.J.J.S.P.S.P.P.J.J.P.M.M.") << order;
 }
 
 TEST(RecordingSession, UnflushedPicturesNeverSpanMoreThanTheInterval) {
