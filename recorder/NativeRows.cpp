@@ -1,12 +1,17 @@
 #include "recorder/NativeRows.h"
 
+#include <fcntl.h>
+
+#include <algorithm>
 #include <ctime>
 
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbRestore.h"
 #include "dblog/JournalFormat.h"
+#include "fat/ChunkFiles.h"
 #include "recorder/RecordFormat.h"
+#include "recorder/Source.h"
 
 namespace tarn {
 namespace {
@@ -26,6 +31,30 @@ bool execute(const std::string& sql) {
   CApiDb db;
   db.setSqlNoResult(sql.c_str());
   return db.getStatus() == 1;
+}
+
+// Whether both copies of an event's record say what the row says.
+bool isRecorded(const DB_EVENT& row) {
+  uint8_t record[kEventRecordSize];
+  encodeEventRecord(row, record);
+  for (const int chunk : {int{kEventJournalChunk}, kEventJournalChunk + kJournalMirrorStep}) {
+    uint8_t bytes[kEventRecordSize];
+    ChunkSource copy(kFileJournal, static_cast<uint32_t>(chunk), O_RDONLY);
+    if (copy.read(row.backOffset, bytes, sizeof bytes) != Delivery::kGood ||
+        !std::equal(record, record + sizeof record, bytes)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The library's update does not tell of failures, and one copy alone would be as good as none.
+bool updateEventRecord(const DB_EVENT& row) {
+  constexpr int kTries = 3;
+  for (int i = 0; i < kTries; ++i) {
+    if (CDbRestore().updateEventDBLogNative(&row) == 0 && isRecorded(row)) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -99,7 +128,7 @@ bool closeStreamNative(const DB_STREAM& row, uint32_t pictures, uint32_t endDate
 bool closeEventNative(DB_EVENT row, PictureTime end) {
   row.endDate = end.seconds;
   row.endMSec = end.milliseconds();
-  return CDbRestore().updateEventDBLogNative(&row) == 0 &&
+  return updateEventRecord(row) &&
          execute("UPDATE EVENT SET endDate = " + number(row.endDate) +
                  ", endMSec = " + number(row.endMSec) + " WHERE eventID = " + number(row.eventID));
 }
