@@ -59,10 +59,17 @@ void noteRefused(const DB_STREAM& row, RecoveryReport* report) {
   if (std::find(problems.begin(), problems.end(), text) == problems.end()) problems.push_back(text);
 }
 
+template <typename Row>
+bool stop(const Row& row, RecoveryReport* report) {
+  report->error = cannotChange(row);
+  return false;
+}
+
 // The header first: a row that is listed as closed has one that fits, wherever in its chunk it is.
 bool closeRow(const DB_STREAM& row, const InterruptedRow& found, RecoveryReport* report) {
   const uint32_t end = found.last().seconds;
-  if (!found.writeHeader() || !closeStreamNative(row, found.pictures(), end)) return false;
+  if (!found.writeHeader() || !closeStreamNative(row, found.pictures(), end))
+    return stop(row, report);
   noteClosed(row, found.pictures(), end, report);
   return true;
 }
@@ -74,11 +81,11 @@ bool deleteLostRow(const DB_STREAM& row, RecoveryReport* report) {
   std::vector<DB_EVENT> events;
   if (!selectEvents(sql, &events)) return false;
   for (const DB_EVENT& event : events) {
-    if (!deleteEventNative(event)) return false;
+    if (!deleteEventNative(event)) return stop(event, report);
     report->changes.push_back({Kind::kEventDeleted, event.eventID, 0, 0,
                                nameOf(event) + " has no recording to show, deleted"});
   }
-  if (!deleteStreamNative(row)) return false;
+  if (!deleteStreamNative(row)) return stop(row, report);
   noteDeleted(row, kWhyTooShort, report);
   return true;
 }
@@ -126,7 +133,7 @@ bool settleRow(const DB_STREAM& row, const char* whyDeleted, uint32_t least,
   if (verdict == Verdict::kPictures && found.pictures() >= least) {
     return closeRow(row, found, report);
   }
-  if (!deleteStreamNative(row)) return false;
+  if (!deleteStreamNative(row)) return stop(row, report);
   noteDeleted(row, whyDeleted, report);
   return true;
 }

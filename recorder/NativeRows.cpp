@@ -1,6 +1,7 @@
 #include "recorder/NativeRows.h"
 
 #include <fcntl.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <ctime>
@@ -11,6 +12,7 @@
 #include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/RecordFormat.h"
+#include "recorder/RecoveryMessages.h"
 #include "recorder/Source.h"
 
 namespace tarn {
@@ -55,6 +57,13 @@ bool updateEventRecord(const DB_EVENT& row) {
     if (CDbRestore().updateEventDBLogNative(&row) == 0 && isRecorded(row)) return true;
   }
   return false;
+}
+
+std::string said(const std::string& name, int chunk, uint32_t offset) {
+  std::string text = name + " cannot be changed: its record in journal chunk " +
+                     std::to_string(chunk) + " at offset " + number(offset) + ", or in the mirror";
+  syslog(LOG_ERR, kMsgRecoveryFailed, text.c_str());
+  return text;
 }
 
 }  // namespace
@@ -149,6 +158,14 @@ std::string nameOf(const DB_STREAM& row) {
 
 std::string nameOf(const DB_EVENT& row) {
   return "event " + number(row.eventID) + " of " + momentText(row.startDate);
+}
+
+std::string cannotChange(const DB_STREAM& row) {
+  return said(nameOf(row), kStreamJournalChunk, row.backOffset);
+}
+
+std::string cannotChange(const DB_EVENT& row) {
+  return said(nameOf(row), kEventJournalChunk, row.backOffset);
 }
 
 }  // namespace tarn

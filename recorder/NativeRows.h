@@ -28,6 +28,10 @@ bool deleteEventNative(const DB_EVENT& row);
 bool closeStreamNative(const DB_STREAM& row, uint32_t pictures, uint32_t endDate);
 bool closeEventNative(DB_EVENT row, PictureTime end);
 
+// Why a recovery ends that could not change a row: for its error, logged.
+std::string cannotChange(const DB_STREAM& row);
+std::string cannotChange(const DB_EVENT& row);
+
 // "recording 12 of 2026-03-01 09:00:00" and "event 3 of …"; and a moment alone.
 std::string nameOf(const DB_STREAM& row);
 std::string nameOf(const DB_EVENT& row);

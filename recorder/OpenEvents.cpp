@@ -106,6 +106,11 @@ class OpenEvent {
   PictureTime last_;
 };
 
+bool stop(const DB_EVENT& event, RecoveryReport* report) {
+  report->error = cannotChange(event);
+  return false;
+}
+
 bool endEvent(const DB_EVENT& event, RecoveryReport* report) {
   OpenEvent open(event);
   if (!open.find()) return false;
@@ -117,11 +122,11 @@ bool endEvent(const DB_EVENT& event, RecoveryReport* report) {
   const bool shown = open.isShown(&answered);
   if (!answered) return false;
   if (!shown) {
-    if (!deleteEventNative(event)) return false;
+    if (!deleteEventNative(event)) return stop(event, report);
     noteDeleted(event, report);
     return true;
   }
-  if (!closeEventNative(event, open.end())) return false;
+  if (!closeEventNative(event, open.end())) return stop(event, report);
   noteClosed(event, open.end().seconds, report);
   return true;
 }
