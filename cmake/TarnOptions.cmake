@@ -1,5 +1,6 @@
 option(TARN_BUILD_TESTS "Build the tests (needs GoogleTest and bubblewrap)" OFF)
 option(TARN_BUILD_BENCH "Build the benchmarks (needs Google Benchmark)" OFF)
+option(TARN_BUILD_FUZZ "Build the fuzz targets (needs clang and its libFuzzer)" OFF)
 option(TARN_WERROR "Treat warnings as errors" ON)
 set(TARN_MEDIA AUTO CACHE STRING "Media commands of the tool, which need libavformat: AUTO, ON or OFF")
 set(TARN_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")

@@ -1,0 +1,25 @@
+// The check of a card that is damaged anywhere: it ends, and it writes nothing.
+#include <cstdlib>
+#include <string>
+
+#include "fuzz/FuzzCard.h"
+#include "fuzz/Muted.h"
+#include "recorder/CardCheck.h"
+
+using namespace tarn_fuzz;
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  muteStandardOutput();
+  FuzzCard::get();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FuzzCard& card = FuzzCard::get();
+  const bool changed = card.damage(data, size, kEverything) > 0;
+  std::string error;
+  tarn::CardCheck().run(kCardPath, {}, &error);
+  if (!changed && !card.isGood()) abort();
+  card.restore();
+  return 0;
+}

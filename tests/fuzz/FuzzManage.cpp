@@ -1,0 +1,35 @@
+// Management files, both copies: opened, repaired and served.
+#include "fuzz/FuzzCard.h"
+#include "fuzz/Muted.h"
+#include "recorder/ManageFileRepair.h"
+#include "recorder/ManagementStores.h"
+
+using namespace tarn_fuzz;
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  muteStandardOutput();
+  FuzzCard::get();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FuzzCard& card = FuzzCard::get();
+  card.damage(data, size, kManage);
+  for (const tarn::FileType type : {tarn::kFileStream, tarn::kFileSyslog, tarn::kFileJournal}) {
+    std::vector<CHUNK_MANAGE> found;
+    tarn::repairManageFile(type, type == tarn::kFileStream ? &found : nullptr);
+  }
+  tarn::ManagementStores stores;
+  stores.open();
+  for (uint32_t command = 2; command <= 12; ++command) {
+    for (const uint32_t kind : {tarn::kFileStream, tarn::kFileSyslog, tarn::kFileJournal}) {
+      tarn::RequestRecord record;
+      record.setCommand(command);
+      record.setKind(kind);
+      record.setPartition(51);
+      stores.answer(record);
+    }
+  }
+  card.restore();
+  return 0;
+}

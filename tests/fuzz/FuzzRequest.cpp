@@ -1,0 +1,34 @@
+// What any client may send to the management server, one packet after the other.
+#include <algorithm>
+#include <cstring>
+
+#include "fuzz/FuzzCard.h"
+#include "fuzz/Muted.h"
+#include "recorder/DatabaseSetup.h"
+#include "recorder/ManagementStores.h"
+
+using namespace tarn_fuzz;
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  muteStandardOutput();
+  FuzzCard::get();
+  return 0;
+}
+
+// 32 bytes of the input are the words of a request; the rest of a packet is not used.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FuzzCard& card = FuzzCard::get();
+  std::string error;
+  tarn::DatabaseSetup::createEmpty(tarn::DatabaseSetup::defaultPath(), &error);
+  {
+    tarn::ManagementStores stores;
+    stores.open();
+    for (size_t done = 0; done < size; done += 32) {
+      tarn::RequestRecord record;
+      memcpy(record.bytes(), data + done, std::min<size_t>(32, size - done));
+      stores.answer(record);
+    }
+  }
+  card.restore();
+  return 0;
+}
