@@ -23,9 +23,13 @@ class JournalCheck {
     CardSource original(contents_->card, kFileJournal, static_cast<uint32_t>(traits_.chunk));
     CardSource copy(contents_->card, kFileJournal, mirror);
     JournalCopies copies(kind_, &original, &copy);
-    for (uint32_t position = 0; position < copies.size(); position += traits_.recordSize) {
-      if (!look(copies, copies.at(position), position)) break;
-      end_ = position + traits_.recordSize;
+    for (uint32_t position = 0; position < copies.size();) {
+      if (look(copies, copies.at(position), position)) {
+        position += traits_.recordSize;
+        end_ = position;
+      } else {
+        position = passHole(&copies, position);
+      }
     }
     reportGap();
     checkFree();
@@ -60,6 +64,20 @@ class JournalCheck {
     compare(copies, copy, position);
     take(copies.record(), position);
     return true;
+  }
+
+  // The erased pair in front of records hides them from a start, until it is bridged.
+  uint32_t passHole(JournalCopies* copies, uint32_t position) {
+    const uint32_t next = copies->nextAfterHole(position, savedFree());
+    if (next == copies->size()) return next;
+    for (; position < next; position += traits_.recordSize) noteGap(false, position);
+    return next;
+  }
+
+  uint32_t savedFree() const {
+    const auto& records = contents_->card.info().management(kFileJournalManage).records;
+    const auto chunk = static_cast<size_t>(traits_.chunk);
+    return chunk < records.size() ? records[chunk].streamFreeOffset : 0;
   }
 
   void compare(const JournalCopies& copies, JournalCopy copy, uint32_t position) {

@@ -29,6 +29,25 @@ JournalCopy JournalCopies::at(uint32_t position) {
   return copy_;
 }
 
+bool JournalCopies::inPlaceAt(uint32_t position) {
+  const JournalCopy copy = at(position);
+  return (copy == JournalCopy::kOriginal || copy == JournalCopy::kMirror) &&
+         journalRecordInPlace(traits_, record(), position);
+}
+
+uint32_t JournalCopies::firstInPlace(uint32_t position, uint32_t end) {
+  while (position < end && !inPlaceAt(position)) position += traits_.recordSize;
+  return position < end ? position : size_;
+}
+
+uint32_t JournalCopies::nextAfterHole(uint32_t position, uint32_t savedFree) {
+  const uint32_t block = std::min(kBlockBytes, size_ - position);
+  const uint32_t near = std::max(position + block, std::min(savedFree, size_));
+  const uint32_t next = firstInPlace(position, near);
+  if (next < size_ || near == size_ || !inPlaceAt(size_ - traits_.recordSize)) return next;
+  return firstInPlace(near, size_);
+}
+
 const uint8_t* JournalCopies::look(Window* window, uint32_t position) const {
   if (position < window->start || position - window->start >= window->length) {
     load(window, position);

@@ -22,6 +22,13 @@ class JournalCopies {
   // Judges a place below size(). What is below is of this place until the next call.
   JournalCopy at(uint32_t position);
 
+  // Behind an erased place: the next record that lies where it says, or size() when the journal
+  // ends there. An erased pair is the journal's end, unless the medium lost a stretch of both
+  // copies: then records lie behind it, in front of `savedFree`, where the journal would go on, or
+  // in the same block; or the ring has come round, and its last place is in use. What is refused
+  // there proves nothing either way.
+  uint32_t nextAfterHole(uint32_t position, uint32_t savedFree);
+
   // What the device gave; null where it gave nothing.
   const uint8_t* original() const { return first_; }
   const uint8_t* mirror() const { return second_; }
@@ -42,6 +49,8 @@ class JournalCopies {
     bool good = false;
   };
 
+  bool inPlaceAt(uint32_t position);
+  uint32_t firstInPlace(uint32_t position, uint32_t end);
   const uint8_t* look(Window* window, uint32_t position) const;
   void load(Window* window, uint32_t position) const;
 

@@ -44,6 +44,7 @@ class Scrub {
  private:
   bool open(const ChunkSource& source, int chunk);
   bool lookAt(JournalCopies* copies, uint32_t position);
+  uint32_t passHole(JournalCopies* copies, uint32_t position, uint32_t savedFree);
   void take(const JournalCopies& copies, JournalCopy copy, uint32_t position);
   void noteKey(const uint8_t* record, uint32_t position);
   void noteUnequal(const JournalCopies& copies, JournalCopy copy, uint32_t position);
@@ -91,10 +92,16 @@ bool Scrub::look() {
     return false;
   }
   JournalCopies copies(kind_, &original_, &mirror_);
-  for (uint32_t position = 0; position < copies.size(); position += traits_.recordSize) {
-    if (!lookAt(&copies, position)) break;
+  const uint32_t savedFree = savedFreeOffset(traits_.chunk);
+  for (uint32_t position = 0; position < copies.size();) {
+    if (lookAt(&copies, position)) {
+      position += traits_.recordSize;
+    } else if (survey_->error.empty()) {
+      position = passHole(&copies, position, savedFree);
+    } else {
+      return false;
+    }
   }
-  if (!survey_->error.empty()) return false;
   count();
   return true;
 }
@@ -118,6 +125,18 @@ bool Scrub::lookAt(JournalCopies* copies, uint32_t position) {
   gap_.clear();
   take(*copies, copy, position);
   return true;
+}
+
+// The rebuild ends at the first erased pair: a hole in front of records would hide them all.
+uint32_t Scrub::passHole(JournalCopies* copies, uint32_t position, uint32_t savedFree) {
+  const uint32_t next = copies->nextAfterHole(position, savedFree);
+  if (next == copies->size()) return next;
+  for (; position < next; position += traits_.recordSize) {
+    ++survey_->records;
+    ++survey_->unreadable;
+    gap_.push_back(position);
+  }
+  return next;
 }
 
 void Scrub::take(const JournalCopies& copies, JournalCopy copy, uint32_t position) {

@@ -79,6 +79,43 @@ TEST_F(JournalSurveyTest, ReadsThatAreRefusedForAWhileChangeNothing) {
   }
 }
 
+TEST_F(JournalSurveyTest, AHoleThatReadsAsErasedInBothCopiesHidesNothingBehindIt) {
+  for (const int chunk : {0, 1, 2, 3}) setJournal(chunk, 64, Bytes(64, 0xFF));
+  const tarn::StartUpReport report = tarn::StartUp().run();
+  EXPECT_TRUE(report.ok()) << report.error;
+  EXPECT_EQ(streamKeys(), (std::vector<uint32_t>{1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
+  EXPECT_EQ(report.streams.bridged, 1u);
+  EXPECT_EQ(report.events.bridged, 2u);
+  EXPECT_EQ(report.eventRows, kRows - 2);
+  const Bytes before = all();
+  const tarn::StartUpReport again = tarn::StartUp().run();
+  EXPECT_EQ(again.streams.bridged + again.events.bridged, 0u);
+  EXPECT_EQ(all(), before);
+}
+
+// The ring has come round, its free offset lies in front, and only its last place tells of it.
+TEST_F(JournalSurveyTest, AHoleInARingThatHasComeRoundIsBridgedToItsEnd) {
+  for (uint32_t offset = kRows * 64; offset < kJournalSize; offset += 64) {
+    setPair(2, offset, streamRecord(rowAt(offset / 64 + 1, offset)));
+  }
+  setManagement({0, 0, 64, 64});
+  setPair(2, 0, streamRecord(rowAt(kJournalSize / 64 + 1, 0)));
+  for (const int chunk : {2, 3}) setJournal(chunk, 128, Bytes(512, 0xFF));
+  JournalSurvey survey;
+  ASSERT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), 0) << survey.error;
+  EXPECT_EQ(survey.bridged, 512u / 64);
+  EXPECT_EQ(survey.liveKeys, kJournalSize / 64 - 512 / 64);
+}
+
+TEST_F(JournalSurveyTest, WhatIsErasedBehindTheNewestRecordStaysErased) {
+  const Bytes before = journal(2, kRows * 64, 1024);
+  JournalSurvey survey;
+  ASSERT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), 0) << survey.error;
+  EXPECT_EQ(survey.bridged, 0u);
+  EXPECT_EQ(survey.records, kRows);
+  EXPECT_EQ(journal(2, kRows * 64, 1024), before);
+}
+
 TEST_F(JournalSurveyTest, ACopyThatStaysRefusedIsNotWrittenOver) {
   for (const int chunk : {2, 3}) {
     const Bytes before = all();

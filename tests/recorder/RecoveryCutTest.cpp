@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include <gmock/gmock.h>
 
 #include "recorder/RecoveryRig.h"
@@ -112,9 +114,11 @@ TEST_F(RecoveryCutTest, ReadsThatFailNeverLoseARowSilently) {
     ASSERT_TRUE(rig.boot().ok());
     reads = counted.count(Call::Read);
   }
-  // Four starts of a recorder at each place.
-  constexpr size_t kStep = tarn_test::kPlaceStep * tarn_test::kPlaceStep;
-  for (size_t k = 1; k <= reads; k += kStep) {
+  // Four starts of a recorder at each place, so a few places here, with a real server; the rig of the
+  // power cuts refuses each read of many more recoveries.
+  constexpr size_t kPlaces = 24 / tarn_test::kPlaceStep;
+  const size_t step = std::max<size_t>(1, reads / kPlaces);
+  for (size_t k = 1; k <= reads; k += step) {
     for (int times : {1, 3}) {
       rig.setCard(good);
       RecoveryReport report;

@@ -182,7 +182,7 @@ TEST_F(StartUpTest, TheSurveyGoesOnBehindABlockThatCannotBeRead) {
 TEST_F(StartUpTest, TheSurveySaysWhenAChunkCannotBeOpened) {
   for (int open : {1, 2}) {
     IoFaults faults(kCardPath);
-    faults.fail(Call::Open, open, EIO);
+    faults.fail(Call::Open, open, EIO, IoFaults::kForever);
     JournalSurvey survey;
     EXPECT_EQ(tarn::surveyJournal(JournalKind::kStream, &survey), -1);
     EXPECT_TRUE(log.has(LOG_ERR, open == 1 ? "journal: chunk 2 cannot be opened"
