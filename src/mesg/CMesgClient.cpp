@@ -101,9 +101,13 @@ int CMesgClient::awaitMesg() {
   tarn::RequestPatience patience;
   for (int waitMs; (waitMs = patience.nextWaitMs()) > 0;) {
     const int ready = poll(&entry, 1, waitMs);
-    if (ready > 0) return 1;
+    if (ready > 0) {
+      tarn::RequestPatience::answered(true);
+      return 1;
+    }
     if (ready < 0 && errno != EINTR) return -1;
   }
+  tarn::RequestPatience::answered(false);
   syslog(LOG_ERR, tarn::kMesgNoAnswer, __func__, __LINE__, kMesgClientName);
   return 0;
 }

@@ -10,12 +10,14 @@ namespace {
 // A signal handler sets a flag, and a wait looks at it: a signal may come just before the wait.
 constexpr int64_t kSliceMs = 100;
 constexpr int64_t kHurriedMs = 1000;
+constexpr uint32_t kUnansweredPart = 10;  // of the limit
 // A server that lives answers in less; a dozen such waits are not felt.
 constexpr int64_t kMomentMs = 20;
 
 std::atomic<uint32_t> g_limitMs{RequestPatience::kDefaultLimitMs};
 std::atomic<bool> g_hurried{false};
-std::atomic<bool> g_silent{false};  // hurried, and a wait has ended without an answer
+std::atomic<bool> g_unanswered{false};  // the last request had no answer in time
+std::atomic<bool> g_silent{false};      // hurried, and a wait has ended without an answer
 
 int64_t monotonicNowMs() {
   struct timespec now = {};
@@ -40,7 +42,13 @@ bool RequestPatience::hurried() noexcept { return g_hurried; }
 void RequestPatience::resume() noexcept {
   g_hurried = false;
   g_silent = false;
+  g_unanswered = false;
 }
+
+void RequestPatience::answered(bool was) noexcept { g_unanswered = !was; }
+
+RequestPatience::RequestPatience()
+    : RequestPatience(g_unanswered ? limitMs() / kUnansweredPart : limitMs()) {}
 
 RequestPatience::RequestPatience(int64_t patienceMs) : end_(later(monotonicNowMs(), patienceMs)) {}
 

@@ -31,7 +31,12 @@ class TARN_API RequestPatience {
   // Takes hurry() back, for a program that goes on.
   static void resume() noexcept;
 
-  RequestPatience() : RequestPatience(limitMs()) {}
+  // What became of a request. One that had no answer in its time shortens the waits of those after
+  // it to a tenth of the limit, until one is answered: what a recorder brings to the card before it
+  // gives up is a dozen requests, and a server that hangs must not hold up each of them.
+  static void answered(bool was) noexcept;
+
+  RequestPatience();
   explicit RequestPatience(int64_t patienceMs);
 
   // How long to wait until the next call of this, 1 to 100 milliseconds; 0: no longer.

@@ -323,11 +323,13 @@ std::string Rig::runServer(const Program&, const Case& fault, Ending* ending) {
     const Launch life = with(
         {bin_ + "/faults_recorder", "life", "3", std::to_string(kLifePictures), "edit"}, false);
     *ending = await(launch(life, group_), kLimitMs);
-    if (ending->signalled)
+    if (ending->hung) {
+      failure = "the recorder beside it hangs";
+    } else if (ending->signalled) {
       failure = "the recorder beside it ends by signal " + std::to_string(ending->code);
-    if (ending->hung) failure = "the recorder beside it hangs";
-    if (ending->code != 0 && readFile(path("other-errors")).empty())
+    } else if (ending->code != 0 && readFile(path("other-errors")).empty()) {
       failure = "the recorder beside it fails without a word";
+    }
   }
   kill(server, SIGTERM);
   const Ending served = await(server, limitMs_);

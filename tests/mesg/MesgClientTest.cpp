@@ -306,6 +306,25 @@ TEST_F(HurriedClient, AnAnswerIsWaitedForNoLongerThanTheLimit) {
   EXPECT_EQ(client_.awaitMesg(), 1);
 }
 
+TEST_F(HurriedClient, AServerThatHangsIsWaitedForATenthOfTheLimitUntilItAnswers) {
+  connectWith("hello");
+  tarn::RequestPatience::setLimitMs(200);
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(client_.awaitMesg(), 0);
+  EXPECT_GE(sinceMs(begin), 200);
+  const auto second = steady_clock::now();
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(client_.awaitMesg(), 0);
+  EXPECT_LT(sinceMs(second), 190);
+  answer("there");
+  EXPECT_EQ(client_.awaitMesg(), 1);
+  EXPECT_EQ(received(), "hello");
+  char text[8];
+  EXPECT_EQ(client_.readMesg(text, sizeof text), 5);
+  const auto third = steady_clock::now();
+  EXPECT_EQ(client_.awaitMesg(), 0);
+  EXPECT_GE(sinceMs(third), 200);
+}
+
 TEST_F(HurriedClient, AFullSocketIsWaitedForNoLongerThanTheLimitAndThenDropped) {
   connectWith("hello");
   tarn::RequestPatience::setLimitMs(30);
