@@ -160,9 +160,11 @@ bool settleRemainingRows(RecoveryReport* report) {
   if (omitted(Omit::kRemainingRows)) return true;
   std::vector<DB_STREAM> rows;
   if (!selectStreams(kSqlUnclosed, &rows)) return false;
-  return std::all_of(rows.begin(), rows.end(), [report](const DB_STREAM& row) {
-    return settleRow(row, kWhyNothing, 1, report);
-  });
+  // Video is only still open where the card did not give it a moment ago. It may now.
+  return settleVideo(rows, report) &&
+         std::all_of(rows.begin(), rows.end(), [report](const DB_STREAM& row) {
+           return isVideo(row) || settleRow(row, kWhyNothing, 1, report);
+         });
 }
 
 }  // namespace tarn

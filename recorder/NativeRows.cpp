@@ -3,12 +3,12 @@
 #include <fcntl.h>
 #include <syslog.h>
 
-#include <algorithm>
 #include <ctime>
 
+#include "base/Endian.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
-#include "dblog/CDbRestore.h"
+#include "db/DbRecordFormat.h"
 #include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/RecordFormat.h"
@@ -33,30 +33,6 @@ bool execute(const std::string& sql) {
   CApiDb db;
   db.setSqlNoResult(sql.c_str());
   return db.getStatus() == 1;
-}
-
-// Whether both copies of an event's record say what the row says.
-bool isRecorded(const DB_EVENT& row) {
-  uint8_t record[kEventRecordSize];
-  encodeEventRecord(row, record);
-  for (const int chunk : {int{kEventJournalChunk}, kEventJournalChunk + kJournalMirrorStep}) {
-    uint8_t bytes[kEventRecordSize];
-    ChunkSource copy(kFileJournal, static_cast<uint32_t>(chunk), O_RDONLY);
-    if (copy.read(row.backOffset, bytes, sizeof bytes) != Delivery::kGood ||
-        !std::equal(record, record + sizeof record, bytes)) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// The library's update does not tell of failures, and one copy alone would be as good as none.
-bool updateEventRecord(const DB_EVENT& row) {
-  constexpr int kTries = 3;
-  for (int i = 0; i < kTries; ++i) {
-    if (CDbRestore().updateEventDBLogNative(&row) == 0 && isRecorded(row)) return true;
-  }
-  return false;
 }
 
 std::string said(const std::string& name, int chunk, uint32_t offset) {
@@ -113,13 +89,47 @@ int findEvent(uint32_t eventID, DB_EVENT* row) {
   return 1;
 }
 
+namespace {
+
+// Lets `change` edit the record at `offset` of a journal in both copies, the original first, from
+// whichever copy of it is good. False: the device gave neither, or did not take one of them.
+template <typename Change>
+bool editRecord(JournalKind kind, uint32_t offset, Change change) {
+  const JournalTraits& traits = journalTraits(kind);
+  ChunkSource original(kFileJournal, static_cast<uint32_t>(traits.chunk), O_RDWR);
+  ChunkSource mirror(kFileJournal, static_cast<uint32_t>(traits.chunk) + kJournalMirrorStep,
+                     O_RDWR);
+  uint8_t first[kStreamRecordSize] = {};
+  uint8_t second[kStreamRecordSize] = {};
+  const uint32_t size = traits.recordSize;
+  if (offset > original.size() || size > original.size() - offset) return false;
+  const bool gotFirst = original.read(offset, first, size) == Delivery::kGood;
+  const bool gotSecond = mirror.read(offset, second, size) == Delivery::kGood;
+  const JournalCopy copy =
+      judgeJournalCopies(traits, offset, gotFirst ? first : nullptr, gotSecond ? second : nullptr);
+  if (copy != JournalCopy::kOriginal && copy != JournalCopy::kMirror) return false;
+  uint8_t* record = copy == JournalCopy::kOriginal ? first : second;
+  change(record);
+  sealJournalRecord(record, traits.crcLength);
+  // Flushed in between, so that one power loss never tears both copies.
+  return original.write(offset, record, size) && original.flush() &&
+         mirror.write(offset, record, size) && mirror.flush();
+}
+
+bool deleteRecord(JournalKind kind, uint32_t offset) {
+  const uint32_t marker = journalTraits(kind).deletedMarker;
+  return editRecord(kind, offset, [marker](uint8_t* record) { setJournalMarker(record, marker); });
+}
+
+}  // namespace
+
 bool deleteStreamNative(const DB_STREAM& row) {
-  return CDbRestore().deleteDBLogNative(kStreamJournalChunk, row.backOffset) == 0 &&
+  return deleteRecord(JournalKind::kStream, row.backOffset) &&
          execute("DELETE FROM STREAM WHERE streamID = " + number(row.streamID));
 }
 
 bool deleteEventNative(const DB_EVENT& row) {
-  return CDbRestore().deleteDBLogNative(kEventJournalChunk, row.backOffset) == 0 &&
+  return deleteRecord(JournalKind::kEvent, row.backOffset) &&
          execute("DELETE FROM EVENT WHERE eventID = " + number(row.eventID));
 }
 
@@ -127,8 +137,14 @@ bool deleteEventNative(const DB_EVENT& row) {
 bool closeStreamNative(const DB_STREAM& row, uint32_t pictures, uint32_t endDate) {
   const uint32_t status = (row.status & ~kStatusRecording) | kStatusRepaired;
   const uint32_t size = wrapMul32(pictures + 1, kRecordSize);
-  return CDbRestore().updateStreamDBLogNative(kStreamJournalChunk, status, pictures, size, endDate,
-                                              row.backOffset) == 0 &&
+  return editRecord(JournalKind::kStream, row.backOffset,
+                    [=](uint8_t* record) {
+                      uint8_t* body = record + kJournalBodyOff;
+                      putLe32(body + kStreamStatusOff, status);
+                      putLe32(body + kStreamRecSizeOff, pictures);
+                      putLe32(body + kStreamChunkSizeOff, size);
+                      putLe32(body + kStreamEndDateOff, endDate);
+                    }) &&
          execute("UPDATE STREAM SET status = " + number(status) +
                  ", recSize = " + number(pictures) + ", chunkSize = " + number(size) +
                  ", endDate = " + number(endDate) + " WHERE streamID = " + number(row.streamID));
@@ -137,7 +153,8 @@ bool closeStreamNative(const DB_STREAM& row, uint32_t pictures, uint32_t endDate
 bool closeEventNative(DB_EVENT row, PictureTime end) {
   row.endDate = end.seconds;
   row.endMSec = end.milliseconds();
-  return updateEventRecord(row) &&
+  return editRecord(JournalKind::kEvent, row.backOffset,
+                    [&row](uint8_t* record) { encodeEventRecord(row, record); }) &&
          execute("UPDATE EVENT SET endDate = " + number(row.endDate) +
                  ", endMSec = " + number(row.endMSec) + " WHERE eventID = " + number(row.eventID));
 }
