@@ -71,9 +71,11 @@ bool InterruptedRow::walk() {
   hole.before = {row_.startDate, row_.startMSec * 1000u};
   bool endRefused = false;
   pictures_ = 0;
+  refused_.clear();
   for (uint32_t i = 0; i < index_.capacity() && i - pictures_ <= kWidestHole; ++i) {
     PictureEntry entry;
     const Delivery got = at(i, &entry);
+    if (got == Delivery::kRefused) refused_.push_back(i);
     if (got != Delivery::kGood) {
       if (i == pictures_) endRefused = got == Delivery::kRefused;
       hole.refused = hole.refused || got == Delivery::kRefused;
@@ -106,12 +108,16 @@ void InterruptedRow::dropStrayPictures() {
   }
 }
 
-void InterruptedRow::total() {
+// False when an entry is refused that was there a moment ago: the sums would lack it.
+bool InterruptedRow::total() {
   PictureEntry entry;
   const uint32_t ring = index_.streamSize();
   bool first = true;
   for (uint32_t i = 0; i < pictures_; ++i) {
-    if (at(i, &entry) != Delivery::kGood) continue;
+    const Delivery got = at(i, &entry);
+    const bool known = std::binary_search(refused_.begin(), refused_.end(), i);
+    if (got == Delivery::kRefused && !known) return false;
+    if (got != Delivery::kGood) continue;
     // What a bad first entry does not tell, a good header does.
     if (first && (i == 0 || !headerGood_)) header_.dataOffset = entry.dataOffset;
     first = false;
@@ -123,6 +129,7 @@ void InterruptedRow::total() {
   header_.pictures = pictures_;
   header_.gops = gops_;
   header_.lastTime = last_.seconds;
+  return true;
 }
 
 InterruptedRow::Verdict InterruptedRow::judge() {
@@ -141,8 +148,7 @@ InterruptedRow::Verdict InterruptedRow::judge() {
   if (!delivered) return Verdict::kRefused;
   if (isVideo(row_)) dropStrayPictures();
   if (pictures_ == 0) return Verdict::kNothing;
-  total();
-  return Verdict::kPictures;
+  return total() ? Verdict::kPictures : Verdict::kRefused;
 }
 
 bool InterruptedRow::writeHeader() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "db/DbRecords.h"
 #include "recorder/RecordFormat.h"
@@ -43,7 +44,7 @@ class InterruptedRow {
   bool walk();
   bool isTorn(const Hole& hole);
   void dropStrayPictures();
-  void total();
+  bool total();
 
   const DB_STREAM row_;
   RecordingIndex index_;
@@ -54,6 +55,7 @@ class InterruptedRow {
   uint32_t gops_ = 0;
   PictureTime last_;
   uint32_t dataEnd_ = 0;
+  std::vector<uint32_t> refused_;  // indexes of entries that the device did not give, in order
 };
 
 // Whether pictures of the row carry a stamp with their time.
