@@ -8,6 +8,7 @@ int CardCheck::run(const std::string& path, const CardCheckOptions& options, std
   *this = CardCheck();
   CardContents contents;
   contents.progress = options.progress;
+  contents.wholePictures = options.wholePictures;
   if (contents.card.open(path, error) != 0) return -1;
   checkVolume(&contents);
   checkManagement(&contents);

@@ -10,6 +10,9 @@
 namespace tarn {
 
 struct CardCheckOptions {
+  // Reads every byte of every picture, at the device's speed, and compares it with the checksum of
+  // its entry. Else only what pictures begin with, which tells whether they are there.
+  bool wholePictures = true;
   // Called now and then with what is done and what there is; false stops the check.
   std::function<bool(uint64_t done, uint64_t total)> progress;
 };

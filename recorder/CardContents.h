@@ -18,7 +18,13 @@ struct CardContents {
   std::map<uint32_t, DB_EVENT> events;
   uint64_t pictures = 0;
   uint32_t patienceMs = 500;  // for reads that fail, all together
+  uint64_t recordings = 0;    // looked at
+  bool wholePictures = true;  // not only their time stamps
+  bool stopped = false;
   std::function<bool(uint64_t, uint64_t)> progress;
+
+  // Tells how far it is, and learns whether to go on.
+  void step() { stopped = stopped || (progress && !progress(recordings, streams.size())); }
 };
 
 // The parts, in their order. False when the check was stopped.

@@ -2,13 +2,17 @@
 
 #include <algorithm>
 #include <ctime>
+#include <vector>
 
+#include "base/Crc16.h"
 #include "base/Wrap.h"
 #include "recorder/AnnexB.h"
 
 namespace tarn {
 namespace {
 
+// As devices like to be read; larger pieces gain nothing.
+constexpr uint32_t kPiece = 128 * 1024;
 constexpr size_t kDigits = 14;
 constexpr size_t kDigitsEnd = kTimeStampSeiSize - 1;
 constexpr int32_t kZoneStep = 15 * 60;
@@ -45,6 +49,21 @@ Delivery lookAtPicture(Source* stream, const PictureEntry& entry) {
   const int32_t away = distance(bytes + place + kDigitsEnd - kDigits, entry.presentation.seconds);
   const bool fits = away % kZoneStep == 0 && away >= -kZoneMost && away <= kZoneMost;
   return fits ? Delivery::kGood : Delivery::kBad;
+}
+
+Delivery proveBytes(Source* stream, const PictureEntry& entry) {
+  if (entry.checksum == 0) return Delivery::kGood;
+  std::vector<uint8_t> bytes(std::min(entry.size, kPiece));
+  uint16_t crc = 0;
+  for (uint32_t done = 0; done < entry.size;) {
+    const uint32_t length = std::min(entry.size - done, kPiece);
+    const uint32_t place = ringAdvance(entry.dataOffset, done, stream->size());
+    const Delivery got = stream->read(place, bytes.data(), length);
+    if (got != Delivery::kGood) return got;
+    crc = crc16(bytes.data(), length, crc);
+    done += length;
+  }
+  return pictureChecksum(crc) == entry.checksum ? Delivery::kGood : Delivery::kBad;
 }
 
 }  // namespace tarn

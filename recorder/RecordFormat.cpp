@@ -4,6 +4,20 @@
 #include "base/Endian.h"
 
 namespace tarn {
+namespace {
+
+constexpr uint32_t kChecksumBits = 14;
+constexpr uint16_t kChecksumMask = (1u << kChecksumBits) - 1;
+
+}  // namespace
+
+// The CRC's polynomial has the factor x + 1, so an odd number of turned bits changes the parity of
+// the CRC. Folding keeps the parity, and so does the value that stands for 0: all ones, which are
+// an even number, too.
+uint16_t pictureChecksum(uint16_t crc) {
+  const auto folded = static_cast<uint16_t>((crc & kChecksumMask) ^ (crc >> kChecksumBits));
+  return folded != 0 ? folded : kChecksumMask;
+}
 
 void encodeStreamHeader(const StreamHeader& header, uint8_t* out) {
   putLe32(out + kHeaderMarkerOff, header.marker);
@@ -38,7 +52,8 @@ void encodePictureEntry(const PictureEntry& entry, uint8_t* out) {
   putLe16(out + kEntryMillisOff, entry.presentation.milliseconds());
   putLe16(out + kEntryMicrosOff, static_cast<uint16_t>(entry.presentation.micros % 1000));
   putLe32(out + kEntryDecodeOff, static_cast<uint32_t>(entry.decodeOffsetUs));
-  putLe16(out + kEntryFlagsOff, entry.flags);
+  const unsigned checksum = unsigned{entry.checksum} << kEntryChecksumShift;
+  putLe16(out + kEntryFlagsOff, static_cast<uint16_t>((entry.flags & kEntryFlagMask) | checksum));
   putLe16(out + kEntryCrcOff, crc16(out, kEntryCrcOff));
 }
 
@@ -51,7 +66,9 @@ bool decodePictureEntry(const uint8_t* bytes, PictureEntry* out) {
   out->size = getLe32(bytes + kEntrySizeOff);
   out->presentation = {getLe32(bytes + kEntrySecondsOff), millis * 1000 + micros};
   out->decodeOffsetUs = static_cast<int32_t>(getLe32(bytes + kEntryDecodeOff));
-  out->flags = getLe16(bytes + kEntryFlagsOff);
+  const uint16_t flags = getLe16(bytes + kEntryFlagsOff);
+  out->flags = flags & kEntryFlagMask;
+  out->checksum = static_cast<uint16_t>(flags >> kEntryChecksumShift);
   return millis < 1000 && micros < 1000 &&
          getLe16(bytes + kEntryCrcOff) == crc16(bytes, kEntryCrcOff);
 }

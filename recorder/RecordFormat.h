@@ -35,11 +35,13 @@ inline constexpr uint32_t kEntryFlagsOff = 28;    // 28  2
 inline constexpr uint32_t kEntryCrcOff = 30;      // 30  2  CRC-16 of bytes 0-29
 static_assert(kEntryCrcOff + 2 == kRecordSize);
 
-// Flags of an entry; the others are 0.
+// Flags of an entry. The bits above them hold the checksum of the picture's bytes.
 inline constexpr uint16_t kEntryKeyPicture = 0x0001;
 // First picture of a session, or of what follows a gap. A recording whose first picture lacks it
 // continues the session's recording before it without a loss.
 inline constexpr uint16_t kEntryDiscontinuity = 0x0002;
+inline constexpr uint16_t kEntryFlagMask = kEntryKeyPicture | kEntryDiscontinuity;
+inline constexpr uint32_t kEntryChecksumShift = 2;
 
 struct StreamHeader {
   uint32_t marker = kMarkerOpen;
@@ -60,6 +62,7 @@ struct PictureEntry {
   PictureTime presentation;
   int32_t decodeOffsetUs = 0;
   uint16_t flags = 0;
+  uint16_t checksum = 0;  // as pictureChecksum() makes it; 0: none, as on cards written before
 
   bool isKey() const { return (flags & kEntryKeyPicture) != 0; }
   bool isDiscontinuity() const { return (flags & kEntryDiscontinuity) != 0; }
@@ -68,6 +71,10 @@ struct PictureEntry {
   }
 };
 
+// What an entry keeps of the bytes of its picture as they lie in the stream chunk, time stamp unit
+// included: `crc` is their crc16(). 1 to 0x3FFF, never 0. Two different pictures of one size have
+// the same one once in 16,384 times; every odd number of turned bits shows for certain.
+TARN_API uint16_t pictureChecksum(uint16_t crc);
 // Both encoders fill kRecordSize bytes, sum and CRC included.
 TARN_API void encodeStreamHeader(const StreamHeader& header, uint8_t* out);
 TARN_API void encodePictureEntry(const PictureEntry& entry, uint8_t* out);

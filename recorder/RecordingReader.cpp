@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "base/Crc16.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "fat/ChunkFiles.h"
@@ -29,6 +30,7 @@ class RecordingReader::Impl {
   const DB_STREAM& row() const { return row_; }
   const StreamHeader& header() const { return header_; }
   uint32_t count() const { return count_; }
+  bool isDamaged() const { return damaged_; }
 
  private:
   bool entryAt(uint32_t index, PictureEntry* out);
@@ -40,6 +42,7 @@ class RecordingReader::Impl {
   std::unique_ptr<ChunkSource> stream_;
   bool running_ = false;
   uint32_t count_ = 0;
+  bool damaged_ = false;
 };
 
 int RecordingReader::Impl::open(const DB_STREAM& row) {
@@ -121,9 +124,12 @@ int64_t RecordingReader::Impl::findPictureFrom(PictureTime time) {
 
 bool RecordingReader::Impl::readPicture(const PictureEntry& entry, std::vector<uint8_t>* out,
                                         bool withTimeStamp) {
+  damaged_ = false;
   if (entry.dataOffset >= stream_->size() || entry.size >= stream_->size()) return false;
   out->resize(entry.size);
   if (stream_->read(entry.dataOffset, out->data(), entry.size) != Delivery::kGood) return false;
+  damaged_ =
+      entry.checksum != 0 && entry.checksum != pictureChecksum(crc16(out->data(), out->size()));
   if (!withTimeStamp) out->resize(removeTimeStampSei(out->data(), out->size()));
   return true;
 }
@@ -178,6 +184,8 @@ bool RecordingReader::readPicture(const PictureEntry& entry, std::vector<uint8_t
                                   bool withTimeStamp) {
   return impl_ && impl_->readPicture(entry, out, withTimeStamp);
 }
+
+bool RecordingReader::isDamaged() const { return impl_ && impl_->isDamaged(); }
 
 bool streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg, std::vector<DB_STREAM>* out) {
   out->clear();

@@ -46,6 +46,10 @@ class TARN_API RecordingReader {
   // `withTimeStamp`. False when they cannot be read.
   bool readPicture(const PictureEntry& entry, std::vector<uint8_t>* out,
                    bool withTimeStamp = false);
+  // Whether the bytes that the last readPicture() gave are not the ones that were recorded, by the
+  // entry's checksum. False without a checksum: nothing can be told of cards written before there
+  // was one.
+  bool isDamaged() const;
 
  private:
   class Impl;

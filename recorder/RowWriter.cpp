@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "base/Crc16.h"
 #include "base/Omission.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
@@ -214,6 +215,7 @@ bool RowWriter::fits(size_t size) const {
 
 bool RowWriter::writeData(const uint8_t* data, size_t size) {
   const auto before = static_cast<uint32_t>(stream_->getFreeAddr());
+  dataCrc_ = crc16(data, size, dataCrc_);
   for (size_t done = 0; done < size;) {
     const size_t piece = std::min(size - done, kDataPiece);
     // The chunk only copies from the buffer; its interface has no const.
@@ -246,9 +248,11 @@ bool RowWriter::append(const uint8_t* annexB, size_t size, const PictureEntry& g
   entry.number = wrapAdd32(header_.firstNumber, written_.pictures);
   entry.dataOffset = static_cast<uint32_t>(stream_->getFreeAddr());
   entry.size = static_cast<uint32_t>(size + kTimeStampSeiSize);
+  dataCrc_ = 0;
   if (!writeStamped(annexB, size, entry.presentation.seconds)) {
     return fail(RecordingError::kCard, kErrWriteData);
   }
+  entry.checksum = pictureChecksum(dataCrc_);
   encodePictureEntry(entry, queue_.data() + size_t{queued_} * kRecordSize);
   if (queued_++ == 0) firstQueued_ = entry.decodeTime();
   written_.add(entry);

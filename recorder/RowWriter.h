@@ -115,6 +115,7 @@ class RowWriter {
   std::vector<uint8_t> queue_;  // encoded entries that wait for their data; sized once
   uint32_t queued_ = 0;
   PictureTime firstQueued_;  // decode time
+  uint16_t dataCrc_ = 0;     // of the picture's bytes that were written so far
   uint8_t sei_[64];
   uint32_t seiSeconds_ = 0;
   bool seiValid_ = false;

@@ -56,6 +56,9 @@ class CommandCheck : public Command {
         "check", "Look through a card for whatever is wrong with it; changes nothing");
     app->add_option("CARD", card_, "block device or image file; default: the recorder's own");
     app->add_flag("--json", json_, "print JSON");
+    app->add_flag("--quick", quick_,
+                  "read only what pictures begin with, not all their bytes: damage in them stays "
+                  "unseen");
     app->add_flag("--repair", repair_,
                   "mend what leads to the chunks, run the recovery when something was found, and "
                   "look again");
@@ -180,6 +183,7 @@ class CommandCheck : public Command {
   bool look(CardCheck* check) const {
     ProgressLine line;
     CardCheckOptions options;
+    options.wholePictures = !quick_;
     options.progress = [&line](uint64_t done, uint64_t total) {
       line.show(fmt::format("recording {} of {}", done, total));
       return !stopRequested();
@@ -257,6 +261,7 @@ class CommandCheck : public Command {
 
   std::string card_;
   bool json_ = false;
+  bool quick_ = false;
   bool repair_ = false;
   bool dryRun_ = false;
   std::string undoFile_;

@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <nlohmann/json.hpp>
+
 #include "recorder/RecorderRig.h"
 #include "support/Shell.h"
 
@@ -43,6 +45,32 @@ TEST_F(TarnExport, SaysNothingWhereTheRecordingBeforeHasTheKeyPicture) {
   EXPECT_EQ(result.exitCode, 0) << result.output;
   EXPECT_THAT(result.output, HasSubstr("120 pictures"));
   EXPECT_THAT(result.output, testing::Not(HasSubstr("key picture")));
+}
+
+TEST_F(TarnExport, WritesDamagedPicturesAndNamesThem) {
+  const DB_STREAM row = allStreams()[0];
+  tarn::RecordingReader reader;
+  tarn::PictureEntry entry;
+  ASSERT_EQ(reader.open(row), 0);
+  ASSERT_TRUE(reader.picture(30, &entry));
+  // The end of picture 30 and the begin of 31.
+  rig.card.writeChunk(tarn::kFileStream, static_cast<int>(row.chunkID), entry.dataOffset + 400,
+                      Bytes(900, 0x5A));
+  const ShellResult json =
+      shell("timeout 60 " TARN_BIN_DIR "/tarn export --force --json --stream " +
+            std::to_string(row.streamID) + " -o /tmp/out.h264 2>/tmp/err");
+  EXPECT_EQ(json.exitCode, 0) << json.output;
+  const nlohmann::json report = nlohmann::json::parse(json.output);
+  EXPECT_EQ(report["damaged"], 2);
+  EXPECT_EQ(report["missing"], 0);
+  EXPECT_EQ(report["pictures"], row.recSize);
+  ASSERT_EQ(report["damages"].size(), 1u);
+  EXPECT_EQ(report["damages"][0]["pictures"], 2);
+  EXPECT_EQ(report["damages"][0]["from"], "2023-11-15T00:13:21.200+02:00");
+  const std::string told = shell("cat /tmp/err").output;
+  EXPECT_THAT(told,
+              HasSubstr("recording 1: 2 pictures are damaged between 2023-11-15 00:13:21.200"));
+  EXPECT_THAT(told, HasSubstr("2 of " + std::to_string(row.recSize) + " pictures are damaged"));
 }
 
 }  // namespace

@@ -403,6 +403,50 @@ TEST_F(CardCheckTest, FindsPicturesThatAreNotTheirOwn) {
   }
 }
 
+TEST_F(CardCheckTest, FindsOneTurnedBitAnywhereInAPicture) {
+  const tarn::PictureEntry entry = entryOf(rows_[0], 40);
+  ASSERT_EQ(entry.size, 850u);
+  for (const uint32_t place : {0u, 60u, 300u, 511u, 849u}) {
+    const Undo undo(this);
+    flip(chunkByte(tarn::kFileStream, rows_[0].chunkID, entry.dataOffset + place));
+    expectOne(FindingKind::kData,
+              name(0) +
+                  ": picture 41 of 50, between 2023-11-15 00:13:21 and 2023-11-15 00:13:21: "
+                  "pictures are damaged or overwritten; concerns event 1");
+  }
+}
+
+TEST_F(CardCheckTest, AQuickLookReadsOnlyWhatPicturesBeginWith) {
+  flip(chunkByte(tarn::kFileStream, rows_[0].chunkID, entryOf(rows_[0], 40).dataOffset + 500));
+  tarn::CardCheckOptions options;
+  options.wholePictures = false;
+  std::string error;
+  EXPECT_EQ(check_.run(kCardPath, options, &error), 0) << error;
+  EXPECT_EQ(check_.findings().total(), 0u) << texts();
+}
+
+// As cards have it that were written before entries had a checksum.
+TEST_F(CardCheckTest, OfAPictureWithoutAChecksumOnlyTheTimeIsLookedAt) {
+  tarn::PictureEntry entry = entryOf(rows_[0], 40);
+  EXPECT_NE(entry.checksum, 0);
+  entry.checksum = 0;
+  Bytes bytes(tarn::kRecordSize);
+  tarn::encodePictureEntry(entry, bytes.data());
+  write(entryByte(rows_[0], 40), bytes);
+  flip(chunkByte(tarn::kFileStream, rows_[0].chunkID, entry.dataOffset + 500));
+  EXPECT_EQ(findings().total(), 0u) << texts();
+}
+
+TEST_F(CardCheckTest, ASectorThatIsRefusedInAPictureIsNotCalledDamage) {
+  const uint64_t at =
+      chunkByte(tarn::kFileStream, rows_[0].chunkID, entryOf(rows_[0], 40).dataOffset);
+  IoFaults calls(kCardPath);
+  calls.failAt(Call::Pread, (at + 600) / 512 * 512, 512, EIO);
+  findings();
+  EXPECT_EQ(check_.findings().count(FindingKind::kData), 0u) << texts();
+  EXPECT_EQ(check_.findings().count(FindingKind::kUnreadable), 1u) << texts();
+}
+
 TEST_F(CardCheckTest, FindsRecordingsOutsideOfWhatIsUsed) {
   const uint32_t chunk = rows_[2].chunkID;
   ASSERT_EQ(rows_[0].chunkID, chunk);

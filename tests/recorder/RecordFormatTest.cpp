@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <vector>
 
+#include "base/Crc16.h"
 #include "recorder/RecordFormat.h"
 
 namespace tarn {
@@ -132,6 +135,44 @@ TEST(RecordFormat, EntryComesBackFromItsBytes) {
   EXPECT_EQ(entry.decodeTime(), (PictureTime{0x6A5B4C3D, 947654}));
   EXPECT_TRUE(entry.isKey());
   EXPECT_TRUE(entry.isDiscontinuity());
+}
+
+TEST(RecordFormat, ThePicturesChecksumStandsAboveTheFlagsOfItsEntry) {
+  PictureEntry entry = someEntry();
+  entry.checksum = 0x2A5C;
+  Bytes bytes;
+  encodePictureEntry(entry, bytes.data());
+  EXPECT_EQ(bytes[28], 0x73);  // 0x2A5C << 2 | 3
+  EXPECT_EQ(bytes[29], 0xA9);
+  PictureEntry back;
+  ASSERT_TRUE(decodePictureEntry(bytes.data(), &back));
+  EXPECT_EQ(back.checksum, 0x2A5C);
+  EXPECT_EQ(back.flags, kEntryKeyPicture | kEntryDiscontinuity);
+}
+
+TEST(RecordFormat, APicturesChecksumIsNeverNone) {
+  EXPECT_EQ(pictureChecksum(0), 0x3FFF);
+  EXPECT_EQ(pictureChecksum(0x4001), 0x3FFF);
+  EXPECT_EQ(pictureChecksum(0x1234), 0x1234);
+  EXPECT_EQ(pictureChecksum(0xF000), 0x3003);
+  for (uint32_t crc = 0; crc <= 0xFFFF; ++crc) {
+    const uint16_t checksum = pictureChecksum(static_cast<uint16_t>(crc));
+    ASSERT_TRUE(checksum >= 1 && checksum <= 0x3FFF) << crc;
+  }
+}
+
+// Also of pictures whose checksum would be 0, and whatever the place.
+TEST(RecordFormat, APicturesChecksumChangesWithEveryBitOfThePicture) {
+  std::vector<uint8_t> picture(700);
+  for (const uint8_t fill : {0x00, 0x5A}) {
+    std::fill(picture.begin(), picture.end(), fill);
+    const uint16_t good = pictureChecksum(crc16(picture.data(), picture.size()));
+    for (size_t bit = 0; bit < picture.size() * 8; ++bit) {
+      picture[bit / 8] = static_cast<uint8_t>(picture[bit / 8] ^ (1u << (bit % 8)));
+      ASSERT_NE(pictureChecksum(crc16(picture.data(), picture.size())), good) << bit;
+      picture[bit / 8] = static_cast<uint8_t>(picture[bit / 8] ^ (1u << (bit % 8)));
+    }
+  }
 }
 
 TEST(RecordFormat, EntryWithAnyChangedBitIsRefused) {

@@ -230,6 +230,33 @@ TEST(RecordingReader, ADamagedHeaderHidesNoPicture) {
   EXPECT_EQ(numbers, range(1, 100)) << "all but the one whose entry is damaged";
 }
 
+TEST(RecordingReader, TellsWhetherAPicturesBytesAreTheOnesRecorded) {
+  OneRecording one;
+  RecordingReader reader;
+  ASSERT_EQ(0, reader.open(allStreams().at(0)));
+  EXPECT_FALSE(reader.isDamaged());
+  PictureEntry entry;
+  Bytes bytes;
+  ASSERT_TRUE(reader.picture(60, &entry));
+  EXPECT_NE(entry.checksum, 0);
+  const int chunk = static_cast<int>(reader.row().chunkID);
+  Bytes byte = one.rig.card.readChunk(kFileStream, chunk, entry.dataOffset + 700, 1);
+  byte[0] ^= 0x04;
+  one.rig.card.writeChunk(kFileStream, chunk, entry.dataOffset + 700, byte);
+  for (const bool withTimeStamp : {false, true}) {
+    ASSERT_TRUE(reader.readPicture(entry, &bytes, withTimeStamp));
+    EXPECT_TRUE(reader.isDamaged());
+    EXPECT_EQ(bytes.size(), withTimeStamp ? 850u : 800u);
+  }
+  ASSERT_TRUE(reader.picture(61, &entry));
+  ASSERT_TRUE(reader.readPicture(entry, &bytes));
+  EXPECT_FALSE(reader.isDamaged());
+  ASSERT_TRUE(reader.picture(60, &entry));
+  entry.checksum = 0;  // of a card written before there was one
+  ASSERT_TRUE(reader.readPicture(entry, &bytes));
+  EXPECT_FALSE(reader.isDamaged());
+}
+
 TEST(RecordingReader, RowThatLeadsNowhereIsRefused) {
   OneRecording one;
   DB_STREAM row = allStreams().at(0);

@@ -38,6 +38,7 @@ class CommandExport : public Command {
     app->add_option("-o,--output", request_.output,
                     "File to write: .mp4 with each picture's time, or .h264 bare")
         ->required();
+    app->add_flag("--json", request_.json, "Print as JSON what the file holds");
     app->add_flag("--force", request_.overwrite, "Replace the file when it exists");
     return app;
   }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -16,10 +17,21 @@
 namespace tarn::tool {
 namespace {
 
+constexpr size_t kDamagesNamed = 20;
+
 constexpr PictureTime kBeginning{0, 0};
 constexpr PictureTime kForEver{UINT32_MAX, 999999};
 
 std::string clockText(PictureTime time) { return timeText(time.seconds, time.milliseconds()); }
+
+// Pictures of one recording, back to back, whose bytes are not the ones that were recorded.
+struct DamagedRun {
+  uint32_t streamID;
+  uint32_t firstIndex;
+  uint32_t lastIndex;
+  PictureTime from;
+  PictureTime to;
+};
 
 class Exporter {
  public:
@@ -42,7 +54,11 @@ class Exporter {
   bool chooseStream();
   bool done(CApiDb* database);
   bool exportRow(const DB_STREAM& row, MediaOutput* output);
-  bool writePicture(RecordingReader* reader, const PictureEntry& entry, MediaOutput* output);
+  bool writePicture(RecordingReader* reader, uint32_t index, const PictureEntry& entry,
+                    MediaOutput* output);
+  void noteDamage(const RecordingReader& reader, uint32_t index, const PictureEntry& entry);
+  void tellDamage() const;
+  void tell() const;
   uint32_t firstPicture(RecordingReader* reader) const;
   bool neededLater(RecordingReader* reader, uint32_t index) const;
 
@@ -53,7 +69,9 @@ class Exporter {
   OutputPicture picture_;
   uint64_t written_ = 0;
   uint64_t bytes_ = 0;
-  uint64_t lost_ = 0;  // pictures that could not be read
+  uint64_t lost_ = 0;     // pictures that could not be read
+  uint64_t damaged_ = 0;  // of those written
+  std::vector<DamagedRun> damages_;
   uint64_t undecodable_ =
       0;  // pictures left out, because the key picture that they need is not there
   bool waitForKey_ = true;
@@ -131,13 +149,31 @@ bool Exporter::neededLater(RecordingReader* reader, uint32_t index) const {
   return false;
 }
 
-bool Exporter::writePicture(RecordingReader* reader, const PictureEntry& entry,
+void Exporter::noteDamage(const RecordingReader& reader, uint32_t index,
+                          const PictureEntry& entry) {
+  ++damaged_;
+  const uint32_t key = reader.row().streamID;
+  const PictureTime at = entry.presentation;
+  if (damages_.empty() || damages_.back().streamID != key ||
+      damages_.back().lastIndex + 1 != index) {
+    damages_.push_back({key, index, index, at, at});
+    return;
+  }
+  DamagedRun& run = damages_.back();
+  run.lastIndex = index;
+  run.from = std::min(run.from, at);
+  run.to = std::max(run.to, at);
+}
+
+bool Exporter::writePicture(RecordingReader* reader, uint32_t index, const PictureEntry& entry,
                             MediaOutput* output) {
   if (!reader->readPicture(entry, &picture_.annexB)) {
     ++lost_;
     waitForKey_ = true;  // what follows cannot be decoded without it
     return true;
   }
+  // Most of a damaged picture is still to be seen, and what follows is decoded with it.
+  if (reader->isDamaged()) noteDamage(*reader, index, entry);
   picture_.presentation = entry.presentation;
   picture_.decodeOffsetUs = entry.decodeOffsetUs;
   picture_.key = entry.isKey();
@@ -165,9 +201,51 @@ bool Exporter::exportRow(const DB_STREAM& row, MediaOutput* output) {
       continue;
     }
     waitForKey_ = false;
-    if (!writePicture(&reader, entry, output)) return false;
+    if (!writePicture(&reader, index, entry, output)) return false;
   }
   return true;
+}
+
+void Exporter::tellDamage() const {
+  if (damaged_ == 0) return;
+  for (size_t i = 0; i < std::min(damages_.size(), kDamagesNamed); ++i) {
+    const DamagedRun& run = damages_[i];
+    const uint32_t count = run.lastIndex - run.firstIndex + 1;
+    complain(fmt::format("recording {}: {} damaged between {} and {}", run.streamID,
+                         count == 1 ? "1 picture is" : fmt::format("{} pictures are", count),
+                         clockText(run.from), clockText(run.to)));
+  }
+  if (damages_.size() > kDamagesNamed) {
+    complain(fmt::format("and {} more places", damages_.size() - kDamagesNamed));
+  }
+  complain(fmt::format("{} of {} pictures are damaged on the card and were written as they are",
+                       damaged_, written_));
+}
+
+void Exporter::tell() const {
+  const std::string output = asUserSees(request_.output);
+  if (!request_.json) {
+    fmt::print("{}: {} pictures, {} to {}, {:.1f} MB\n", output, written_, clockText(first_),
+               clockText(last_), static_cast<double>(bytes_) / 1e6);
+    return;
+  }
+  nlohmann::ordered_json json = {{"schema", 1},
+                                 {"output", output},
+                                 {"pictures", written_},
+                                 {"from", isoTime(first_.seconds, first_.milliseconds())},
+                                 {"to", isoTime(last_.seconds, last_.milliseconds())},
+                                 {"bytes", bytes_},
+                                 {"damaged", damaged_},
+                                 {"missing", lost_},
+                                 {"leftOut", undecodable_},
+                                 {"damages", nlohmann::ordered_json::array()}};
+  for (const DamagedRun& run : damages_) {
+    json["damages"].push_back({{"streamID", run.streamID},
+                               {"pictures", run.lastIndex - run.firstIndex + 1},
+                               {"from", isoTime(run.from.seconds, run.from.milliseconds())},
+                               {"to", isoTime(run.to.seconds, run.to.milliseconds())}});
+  }
+  fmt::print("{}\n", json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 int Exporter::run() {
@@ -190,8 +268,8 @@ int Exporter::run() {
     fail(output->error());
     return 1;
   }
-  fmt::print("{}: {} pictures, {} to {}, {:.1f} MB\n", asUserSees(request_.output), written_,
-             clockText(first_), clockText(last_), static_cast<double>(bytes_) / 1e6);
+  tell();
+  tellDamage();
   if (undecodable_ > 0) complain(leftOut());
   if (lost_ > 0) {
     complain(fmt::format("{} pictures could not be read and are missing", lost_));

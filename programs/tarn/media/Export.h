@@ -18,6 +18,7 @@ struct ExportRequest {
       trigger;         // only recordings of this trigger; others of a period are left out
   std::string output;  // .mp4 or .h264
   bool overwrite = false;
+  bool json = false;  // says what the file holds as JSON
 };
 
 // Writes the pictures to a file and says on standard output what it holds. The exit status: 0, or 1
