@@ -61,7 +61,10 @@ CTARNManagerBase::Outcome CTARNManagerBase::exchange(RequestRecord& record) {
   constexpr long size = tarn::kRequestSize;
   m_lastResult = tarn::kResultUnanswered;
   if (m_client == nullptr) return Outcome::WriteFailed;
-  if (m_client->writeMesg(record.bytes(), size) != size) return Outcome::WriteFailed;
+  if (const long sent = m_client->writeMesg(record.bytes(), size); sent != size) {
+    if (sent >= 0) m_client->disconnect();  // the server answers a part of a request, too
+    return Outcome::WriteFailed;
+  }
   const bool answered = m_client->awaitMesg() > 0;
   const long got = answered ? m_client->readMesg(record.bytes(), size) : -1;
   if (got <= 0) m_client->disconnect();
