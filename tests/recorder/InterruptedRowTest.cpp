@@ -161,6 +161,40 @@ TEST_F(InterruptedRowTest, ItStaysOpenWhileItsHeaderOrItsLastEntriesAreRefused) 
   }
 }
 
+// Its sums would lack them, and it would end in 1970.
+TEST_F(InterruptedRowTest, ItStaysOpenWhenEntriesAreRefusedThatWereThereAMomentAgo) {
+  interrupt(260);
+  rig.setCard(cut_);
+  const int64_t place = entryByte(0);
+  int second = 0;  // read of the first entries
+  {
+    const IoFaults counted(kCardPath);
+    ASSERT_TRUE(rig.boot().ok());
+    int reads = 0;
+    int ofEntries = 0;
+    for (const IoRecord& call : counted.calls()) {
+      if (call.call != Call::Read) continue;
+      ++reads;
+      const bool there = call.offset <= place && call.offset > headerByte() - 4096 &&
+                         place < call.offset + static_cast<int64_t>(call.length);
+      if (there && ++ofEntries == 2) second = reads;
+    }
+  }
+  ASSERT_GT(second, 0);
+  rig.setCard(cut_);
+  {
+    IoFaults faults(kCardPath);
+    faults.fail(Call::Read, second, EIO, 12);
+    const RecoveryReport report = rig.boot();
+    ASSERT_TRUE(report.ok()) << report.error;
+    EXPECT_GT(faults.count(Call::Read), 0u);
+  }
+  const DB_STREAM row = allStreams().at(0);
+  if (row.recSize != 0) expectAll(260, "closed");
+  ASSERT_TRUE(rig.boot().ok());
+  expectAll(260, "readable again");
+}
+
 TEST_F(InterruptedRowTest, NothingIsWrittenOverOneThatStaysOpen) {
   interrupt(260);
   ASSERT_TRUE(bootWithBadSector(headerByte(), IoFaults::kForever).ok());
