@@ -22,6 +22,7 @@
 #include "recorder/CardHoldings.h"
 #include "recorder/CardLock.h"
 #include "recorder/CardText.h"
+#include "recorder/NoThrow.h"
 #include "recorder/VolumeFormat.h"
 
 namespace tarn {
@@ -399,28 +400,33 @@ class NewFile {
 
 int CardFormatter::format(const std::string& path, const CardRequest& request,
                           const FormatOptions& options, std::string* error) {
-  CardRequest sized = request;
-  // A request that cannot work must not leave a new file behind.
-  const bool exists = access(path.c_str(), F_OK) == 0;
-  if (!exists && sized.sizeBytes == 0) {
-    *error = path + " does not exist: give a size to create it as an image file";
-    return -1;
-  }
-  if (sized.sizeBytes != 0 && layout_.plan(sized, error) != 0) return -1;
+  return orNoMemory(
+      "CardFormatter",
+      [&]() -> int {
+        CardRequest sized = request;
+        // A request that cannot work must not leave a new file behind.
+        const bool exists = access(path.c_str(), F_OK) == 0;
+        if (!exists && sized.sizeBytes == 0) {
+          *error = path + " does not exist: give a size to create it as an image file";
+          return -1;
+        }
+        if (sized.sizeBytes != 0 && layout_.plan(sized, error) != 0) return -1;
 
-  CardLock card;
-  if (card.acquire(path, true, error) != 0) return -1;
-  NewFile made(exists ? "" : path);
-  if (!chooseSize(path, card, &sized.sizeBytes, error)) return -1;
-  if (layout_.plan(sized, error) != 0) return -1;
-  if (exists && !mayBeOverwritten(path, card, sized.sizeBytes, options, error)) return -1;
-  volumeId_ = options.invariant ? kInvariantVolumeId : randomVolumeId();
-  Writer writer(card.fd(), layout_, options, volumeId_, sizeOf(card.fd(), card.isBlockDevice()),
-                card.isBlockDevice());
-  const bool written = writer.run();
-  if (written) made.keep();
-  if (!written) *error = writer.error();
-  return written ? 0 : -1;
+        CardLock card;
+        if (card.acquire(path, true, error) != 0) return -1;
+        NewFile made(exists ? "" : path);
+        if (!chooseSize(path, card, &sized.sizeBytes, error)) return -1;
+        if (layout_.plan(sized, error) != 0) return -1;
+        if (exists && !mayBeOverwritten(path, card, sized.sizeBytes, options, error)) return -1;
+        volumeId_ = options.invariant ? kInvariantVolumeId : randomVolumeId();
+        Writer writer(card.fd(), layout_, options, volumeId_,
+                      sizeOf(card.fd(), card.isBlockDevice()), card.isBlockDevice());
+        const bool written = writer.run();
+        if (written) made.keep();
+        if (!written) *error = writer.error();
+        return written ? 0 : -1;
+      },
+      [&]() -> int { return memoryOut(error); });
 }
 
 }  // namespace tarn

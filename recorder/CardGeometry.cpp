@@ -9,6 +9,7 @@
 #include "fat/ChunkFiles.h"
 #include "recorder/CardMap.h"
 #include "recorder/FatTables.h"
+#include "recorder/NoThrow.h"
 #include "recorder/RootDirectory.h"
 #include "recorder/VolumeFormat.h"
 
@@ -378,20 +379,47 @@ GeometryReport guarded(Work work) {
 
 GeometryReport CardGeometry::verify(const CardBytes& card, const std::string& path,
                                     GeometryDepth depth) {
-  return guarded([&] { return Verifier(card, path, depth).run(); });
+  return orNoMemory(
+      "CardGeometry",
+      [&]() -> GeometryReport {
+        return guarded([&] { return Verifier(card, path, depth).run(); });
+      },
+      [&]() -> GeometryReport {
+        GeometryReport report;
+        report.text = kErrMemoryOut;
+        return report;
+      });
 }
 
 GeometryReport CardGeometry::verify(const std::string& path, GeometryDepth depth) {
-  return guarded([&] {
-    GeometryReport report;
-    CardBytes card;
-    if (card.open(path, &report.text) != 0) return report;
-    return Verifier(card, path, depth).run();
-  });
+  return orNoMemory(
+      "CardGeometry",
+      [&]() -> GeometryReport {
+        return guarded([&] {
+          GeometryReport report;
+          CardBytes card;
+          if (card.open(path, &report.text) != 0) return report;
+          return Verifier(card, path, depth).run();
+        });
+      },
+      [&]() -> GeometryReport {
+        GeometryReport report;
+        report.text = kErrMemoryOut;
+        return report;
+      });
 }
 
 GeometryReport CardGeometry::verifyRecorder() {
-  return verify(deviceName(kRecorderPartition), GeometryDepth::kStart);
+  return orNoMemory(
+      "CardGeometry",
+      [&]() -> GeometryReport {
+        return verify(deviceName(kRecorderPartition), GeometryDepth::kStart);
+      },
+      [&]() -> GeometryReport {
+        GeometryReport report;
+        report.text = kErrMemoryOut;
+        return report;
+      });
 }
 
 }  // namespace tarn

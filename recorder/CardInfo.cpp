@@ -17,6 +17,7 @@
 #include "base/Wrap.h"
 #include "fat/FatFormat.h"
 #include "recorder/CardText.h"
+#include "recorder/NoThrow.h"
 #include "recorder/VolumeFormat.h"
 
 namespace tarn {
@@ -109,18 +110,24 @@ int64_t findInfoFile(int fd, const FatBoot& boot) {
 }  // namespace
 
 int CardInfo::read(const std::string& path, std::string* error) {
-  *this = CardInfo();
-  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!fd.valid()) {
-    *error = errnoText("cannot open " + path, errno);
-    return -1;
-  }
-  std::string reason;
-  FatBoot boot;
-  const bool good = readVolume(fd.get(), &boot, &reason) && readInfoFile(fd.get(), boot, &reason) &&
-                    checkFamilies(&reason) && readManagement(fd.get(), &reason);
-  if (!good) *error = path + ": " + reason;
-  return good ? 0 : -1;
+  return orNoMemory(
+      "CardInfo",
+      [&]() -> int {
+        *this = CardInfo();
+        UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        if (!fd.valid()) {
+          *error = errnoText("cannot open " + path, errno);
+          return -1;
+        }
+        std::string reason;
+        FatBoot boot;
+        const bool good = readVolume(fd.get(), &boot, &reason) &&
+                          readInfoFile(fd.get(), boot, &reason) && checkFamilies(&reason) &&
+                          readManagement(fd.get(), &reason);
+        if (!good) *error = path + ": " + reason;
+        return good ? 0 : -1;
+      },
+      [&]() -> int { return memoryOut(error); });
 }
 
 bool CardInfo::readVolume(int fd, FatBoot* boot, std::string* error) {

@@ -7,6 +7,7 @@
 #include "fat/FatFormat.h"
 #include "recorder/CardText.h"
 #include "recorder/LogFormat.h"
+#include "recorder/NoThrow.h"
 
 namespace tarn {
 namespace {
@@ -139,11 +140,16 @@ const char* CardLayout::familyName(int fileType) {
 }
 
 int CardLayout::plan(const CardRequest& request, std::string* error) {
-  *this = CardLayout();
-  const bool good = checkRequest(request, error) && planVolume(request, error) &&
-                    planSmallFamilies(request, error) && planStreams(request, error) &&
-                    check(error);
-  return good ? 0 : -1;
+  return orNoMemory(
+      "CardLayout",
+      [&]() -> int {
+        *this = CardLayout();
+        const bool good = checkRequest(request, error) && planVolume(request, error) &&
+                          planSmallFamilies(request, error) && planStreams(request, error) &&
+                          check(error);
+        return good ? 0 : -1;
+      },
+      [&]() -> int { return memoryOut(error); });
 }
 
 // Sectors, cluster size and FATs.

@@ -15,6 +15,7 @@
 #include "recorder/CardMap.h"
 #include "recorder/CardText.h"
 #include "recorder/FatTables.h"
+#include "recorder/NoThrow.h"
 #include "recorder/RootDirectory.h"
 #include "recorder/UndoFile.h"
 
@@ -496,73 +497,88 @@ int guarded(std::string* error, Work work) {
 }  // namespace
 
 int CardRepair::plan(const std::string& path, std::string* error) {
-  return guarded(error, [&] {
-    path_ = path;
-    steps_.clear();
-    CardBytes card;
-    if (card.open(path, error) != 0) return -1;
-    Planner planner(&card, path_);
-    const int result = planner.run(error);
-    if (result == 0) {
-      steps_ = planner.takeSteps();
-      error->clear();
-    }
-    return result;
-  });
+  return orNoMemory(
+      "CardRepair",
+      [&]() -> int {
+        return guarded(error, [&] {
+          path_ = path;
+          steps_.clear();
+          CardBytes card;
+          if (card.open(path, error) != 0) return -1;
+          Planner planner(&card, path_);
+          const int result = planner.run(error);
+          if (result == 0) {
+            steps_ = planner.takeSteps();
+            error->clear();
+          }
+          return result;
+        });
+      },
+      [&]() -> int { return memoryOut(error); });
 }
 
 int CardRepair::apply(const std::string& undoFile, std::string* error) {
-  return guarded(error, [&] {
-    CardLock card;
-    if (steps_.empty()) return 0;
-    if (card.acquire(path_, false, error) != 0) return -1;
-    UndoFile undo;
-    undo.cardBytes = sizeOfCard(path_);
-    for (const Step& step : steps_) {
-      for (const auto& [offset, bytes] : step.changes) {
-        UndoFile::Piece piece{offset, Bytes(bytes.size()), bytes};
-        if (!readAll(card.fd(), offset, piece.before.data(), piece.before.size())) {
-          *error = errnoText(path_ + " cannot be read", errno);
-          return -1;
-        }
-        undo.pieces.push_back(std::move(piece));
-      }
-    }
-    if (undo.save(undoFile, error) != 0) return -1;
-    for (const UndoFile::Piece& piece : undo.pieces) {
-      if (!writeAll(card.fd(), piece.offset, piece.after, error)) return -1;
-    }
-    return flushCard(card.fd(), error) ? 0 : -1;
-  });
+  return orNoMemory(
+      "CardRepair",
+      [&]() -> int {
+        return guarded(error, [&] {
+          CardLock card;
+          if (steps_.empty()) return 0;
+          if (card.acquire(path_, false, error) != 0) return -1;
+          UndoFile undo;
+          undo.cardBytes = sizeOfCard(path_);
+          for (const Step& step : steps_) {
+            for (const auto& [offset, bytes] : step.changes) {
+              UndoFile::Piece piece{offset, Bytes(bytes.size()), bytes};
+              if (!readAll(card.fd(), offset, piece.before.data(), piece.before.size())) {
+                *error = errnoText(path_ + " cannot be read", errno);
+                return -1;
+              }
+              undo.pieces.push_back(std::move(piece));
+            }
+          }
+          if (undo.save(undoFile, error) != 0) return -1;
+          for (const UndoFile::Piece& piece : undo.pieces) {
+            if (!writeAll(card.fd(), piece.offset, piece.after, error)) return -1;
+          }
+          return flushCard(card.fd(), error) ? 0 : -1;
+        });
+      },
+      [&]() -> int { return memoryOut(error); });
 }
 
 int CardRepair::undo(const std::string& path, const std::string& undoFile, std::string* error) {
-  return guarded(error, [&] {
-    UndoFile undo;
-    CardLock card;
-    if (undo.load(undoFile, error) != 0 || card.acquire(path, false, error) != 0) return -1;
-    if (undo.cardBytes != sizeOfCard(path)) {
-      *error = undoFile + " belongs to a card of " + std::to_string(undo.cardBytes) + " bytes, " +
-               path + " has " + std::to_string(sizeOfCard(path));
-      return -1;
-    }
-    for (const UndoFile::Piece& piece : undo.pieces) {
-      Bytes present(piece.before.size());
-      if (!readAll(card.fd(), piece.offset, present.data(), present.size())) {
-        *error = errnoText(path + " cannot be read", errno);
-        return -1;
-      }
-      if (present == piece.after || present == piece.before) continue;
-      *error = path + " was changed since at byte " + std::to_string(piece.offset) +
-               "; nothing was written";
-      return -1;
-    }
-    // A place may have been changed twice: what was there first comes back last.
-    for (auto piece = undo.pieces.rbegin(); piece != undo.pieces.rend(); ++piece) {
-      if (!writeAll(card.fd(), piece->offset, piece->before, error)) return -1;
-    }
-    return flushCard(card.fd(), error) ? 0 : -1;
-  });
+  return orNoMemory(
+      "CardRepair",
+      [&]() -> int {
+        return guarded(error, [&] {
+          UndoFile undo;
+          CardLock card;
+          if (undo.load(undoFile, error) != 0 || card.acquire(path, false, error) != 0) return -1;
+          if (undo.cardBytes != sizeOfCard(path)) {
+            *error = undoFile + " belongs to a card of " + std::to_string(undo.cardBytes) +
+                     " bytes, " + path + " has " + std::to_string(sizeOfCard(path));
+            return -1;
+          }
+          for (const UndoFile::Piece& piece : undo.pieces) {
+            Bytes present(piece.before.size());
+            if (!readAll(card.fd(), piece.offset, present.data(), present.size())) {
+              *error = errnoText(path + " cannot be read", errno);
+              return -1;
+            }
+            if (present == piece.after || present == piece.before) continue;
+            *error = path + " was changed since at byte " + std::to_string(piece.offset) +
+                     "; nothing was written";
+            return -1;
+          }
+          // A place may have been changed twice: what was there first comes back last.
+          for (auto piece = undo.pieces.rbegin(); piece != undo.pieces.rend(); ++piece) {
+            if (!writeAll(card.fd(), piece->offset, piece->before, error)) return -1;
+          }
+          return flushCard(card.fd(), error) ? 0 : -1;
+        });
+      },
+      [&]() -> int { return memoryOut(error); });
 }
 
 }  // namespace tarn

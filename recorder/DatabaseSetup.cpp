@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "db/CApiDb.h"
+#include "recorder/NoThrow.h"
 
 namespace tarn {
 namespace {
@@ -208,32 +209,45 @@ bool seedTable(CApiDb& db, const char* table, uint32_t key, std::string* error) 
 const char* DatabaseSetup::defaultPath() { return kDefaultPath; }
 
 bool DatabaseSetup::createEmpty(const char* path, std::string* error) {
-  // The old file goes first: whatever fails below, or a power loss, leaves none that could pass for
-  // a fresh one.
-  if (!pathFits(path, error) || !removeOld(path, error)) return false;
-  const std::string file = makeTemporary(path, error);
-  if (file.empty()) return false;
-  if (fillSchema(file, error) && putInPlace(file, path, error)) return true;
-  return discard(file);
+  return orNoMemory(
+      "DatabaseSetup",
+      [&]() -> bool {
+        // The old file goes first: whatever fails below, or a power loss, leaves none that could
+        // pass for a fresh one.
+        if (!pathFits(path, error) || !removeOld(path, error)) return false;
+        const std::string file = makeTemporary(path, error);
+        if (file.empty()) return false;
+        if (fillSchema(file, error) && putInPlace(file, path, error)) return true;
+        return discard(file);
+      },
+      [&]() -> bool { return memoryOut(error) == 0; });
 }
 
 bool DatabaseSetup::replace(const char* file, const char* path, std::string* error) {
-  return pathFits(path, error) && putInPlace(file, path, error);
+  return orNoMemory(
+      "DatabaseSetup",
+      [&]() -> bool { return pathFits(path, error) && putInPlace(file, path, error); },
+      [&]() -> bool { return memoryOut(error) == 0; });
 }
 
 bool DatabaseSetup::check(const char* path, std::string* error) {
-  // Asked first, because connecting would create what is missing.
-  if (!pathFits(path, error) || !isWritableFile(path, error)) return false;
-  CApiDb db;
-  db.connect(path);
-  if (!db.isConnected()) return failed(error, std::string("cannot open ") + path);
-  if (!holds(db, kSqlEventShape)) {
-    return failed(error, std::string("table EVENT is missing or wrong in ") + path);
-  }
-  if (!holds(db, kSqlStreamShape)) {
-    return failed(error, std::string("table STREAM is missing or wrong in ") + path);
-  }
-  return true;
+  return orNoMemory(
+      "DatabaseSetup",
+      [&]() -> bool {
+        // Asked first, because connecting would create what is missing.
+        if (!pathFits(path, error) || !isWritableFile(path, error)) return false;
+        CApiDb db;
+        db.connect(path);
+        if (!db.isConnected()) return failed(error, std::string("cannot open ") + path);
+        if (!holds(db, kSqlEventShape)) {
+          return failed(error, std::string("table EVENT is missing or wrong in ") + path);
+        }
+        if (!holds(db, kSqlStreamShape)) {
+          return failed(error, std::string("table STREAM is missing or wrong in ") + path);
+        }
+        return true;
+      },
+      [&]() -> bool { return memoryOut(error) == 0; });
 }
 
 bool DatabaseSetup::hasOurSchema(sqlite3* db) {
@@ -249,12 +263,17 @@ bool DatabaseSetup::hasOurSchema(sqlite3* db) {
 
 bool DatabaseSetup::seedKeys(const char* path, uint32_t greatestEventID, uint32_t greatestStreamID,
                              std::string* error) {
-  if (!pathFits(path, error) || !isWritableFile(path, error)) return false;
-  CApiDb db;
-  db.connect(path);
-  if (!db.isConnected()) return failed(error, std::string("cannot open ") + path);
-  return seedTable(db, "EVENT", greatestEventID, error) &&
-         seedTable(db, "STREAM", greatestStreamID, error);
+  return orNoMemory(
+      "DatabaseSetup",
+      [&]() -> bool {
+        if (!pathFits(path, error) || !isWritableFile(path, error)) return false;
+        CApiDb db;
+        db.connect(path);
+        if (!db.isConnected()) return failed(error, std::string("cannot open ") + path);
+        return seedTable(db, "EVENT", greatestEventID, error) &&
+               seedTable(db, "STREAM", greatestStreamID, error);
+      },
+      [&]() -> bool { return memoryOut(error) == 0; });
 }
 
 }  // namespace tarn

@@ -10,6 +10,7 @@
 #include "fat/ChunkFiles.h"
 #include "recorder/LogFormat.h"
 #include "recorder/LogMessages.h"
+#include "recorder/NoThrow.h"
 #include "recorder/RowWriter.h"
 #include "recorder/ServerRetry.h"
 
@@ -91,15 +92,24 @@ bool LogWriter::connect() {
 }
 
 int LogWriter::open() {
-  if (open_) return refuse(kErrLogOrder);
-  error_ = "";
-  if (!lock_.lock(kWriterLock, false)) {
-    return refuse(errno == EWOULDBLOCK ? kErrLogBusy : kErrLogLock);
-  }
-  geometry_ = CardGeometry::verifyRecorder();
-  open_ = geometry_.ok() ? openActive() : fail(geometry_.text.c_str());
-  if (!open_) abandon();
-  return open_ ? 0 : -1;
+  return orNoMemory(
+      "LogWriter",
+      [&]() -> int {
+        if (open_) return refuse(kErrLogOrder);
+        error_ = "";
+        if (!lock_.lock(kWriterLock, false)) {
+          return refuse(errno == EWOULDBLOCK ? kErrLogBusy : kErrLogLock);
+        }
+        geometry_ = CardGeometry::verifyRecorder();
+        open_ = geometry_.ok() ? openActive() : fail(geometry_.text.c_str());
+        if (!open_) abandon();
+        return open_ ? 0 : -1;
+      },
+      [&]() -> int {
+        open_ = false;
+        abandon();
+        return refuse(kErrNoMemory);
+      });
 }
 
 void LogWriter::abandon() {
@@ -212,12 +222,17 @@ bool LogWriter::announce(int number) {
 int LogWriter::append(const char* text, size_t size) { return append(text, size, time(nullptr)); }
 
 int LogWriter::append(const char* text, size_t size, int64_t seconds) {
-  if (!open_) return refuse(kErrLogOrder);
-  for (const std::string& piece : logSplitText(logCleanText({text, size}))) {
-    if (!addLine(piece, seconds)) return -1;
-    if (pending_.size() >= kCollectBytes && flush() != 0) return -1;
-  }
-  return 0;
+  return orNoMemory(
+      "LogWriter",
+      [&]() -> int {
+        if (!open_) return refuse(kErrLogOrder);
+        for (const std::string& piece : logSplitText(logCleanText({text, size}))) {
+          if (!addLine(piece, seconds)) return -1;
+          if (pending_.size() >= kCollectBytes && flush() != 0) return -1;
+        }
+        return 0;
+      },
+      [&]() -> int { return refuse(kErrNoMemory); });
 }
 
 bool LogWriter::addLine(const std::string& text, int64_t seconds) {
@@ -231,9 +246,14 @@ bool LogWriter::addLine(const std::string& text, int64_t seconds) {
 }
 
 int LogWriter::flush() {
-  if (!open_) return refuse(kErrLogOrder);
-  if (!pending_.empty() && !writeOut()) return -1;
-  return told_ || tellServer() ? 0 : -1;
+  return orNoMemory(
+      "LogWriter",
+      [&]() -> int {
+        if (!open_) return refuse(kErrLogOrder);
+        if (!pending_.empty() && !writeOut()) return -1;
+        return told_ || tellServer() ? 0 : -1;
+      },
+      [&]() -> int { return refuse(kErrNoMemory); });
 }
 
 bool LogWriter::writeOut() {
@@ -275,12 +295,20 @@ bool LogWriter::tellServer() {
 }
 
 int LogWriter::close() {
-  if (!open_) return refuse(kErrLogOrder);
-  const bool flushed = flush() == 0;
-  const bool closed = chunk_.closeChunkFile() == 0;
-  const bool saved = told_ && served([this] { return manager_.saveManageData() == 0; });
-  abandon();
-  return flushed && closed && saved ? 0 : -1;
+  return orNoMemory(
+      "LogWriter",
+      [&]() -> int {
+        if (!open_) return refuse(kErrLogOrder);
+        const bool flushed = flush() == 0;
+        const bool closed = chunk_.closeChunkFile() == 0;
+        const bool saved = told_ && served([this] { return manager_.saveManageData() == 0; });
+        abandon();
+        return flushed && closed && saved ? 0 : -1;
+      },
+      [&]() -> int {
+        abandon();
+        return refuse(kErrNoMemory);
+      });
 }
 
 }  // namespace tarn

@@ -13,6 +13,7 @@
 #include "recorder/DatabaseImage.h"
 #include "recorder/FileLock.h"
 #include "recorder/ManagementStores.h"
+#include "recorder/NoThrow.h"
 #include "recorder/ServerMessages.h"
 #include "recorder/ServerProbe.h"
 #include "recorder/ServerReport.h"
@@ -42,21 +43,26 @@ ManagementServer::~ManagementServer() {
 }
 
 int ManagementServer::start() {
-  if (m_server != nullptr || !claimPath()) return -1;
-  if (!mayBeWritten()) {
-    m_lock->unlock();
-    return -1;
-  }
-  if (!dropDatabaseImage()) {
-    reportServer(LOG_ERR, kMsgServerImage);
-    m_lock->unlock();
-    return -1;
-  }
-  if (openStores() && listen()) return 0;
-  m_stores.reset();
-  m_server.reset();
-  m_lock->unlock();
-  return -1;
+  return orNoMemory(
+      "ManagementServer",
+      [&]() -> int {
+        if (m_server != nullptr || !claimPath()) return -1;
+        if (!mayBeWritten()) {
+          m_lock->unlock();
+          return -1;
+        }
+        if (!dropDatabaseImage()) {
+          reportServer(LOG_ERR, kMsgServerImage);
+          m_lock->unlock();
+          return -1;
+        }
+        if (openStores() && listen()) return 0;
+        m_stores.reset();
+        m_server.reset();
+        m_lock->unlock();
+        return -1;
+      },
+      [&]() -> int { return -1; });
 }
 
 // A server without any is none: who waits for it to be ready must hear that the card is not.
@@ -111,18 +117,23 @@ bool ManagementServer::listen() {
 }
 
 int ManagementServer::run() {
-  if (m_server == nullptr || m_stores == nullptr) return -1;
-  while (!m_stop) {
-    const int marked = m_server->select();
-    if (marked > 0) {
-      serveMarked();
-    } else if (marked < 0 && errno == ENOTCONN) {
-      m_server->waitForClient(-1);
-    } else if (marked < 0 && errno != EINTR) {
-      usleep(kPauseUs);  // out of memory, say: not the moment to spin
-    }
-  }
-  return shutDown();
+  return orNoMemory(
+      "ManagementServer",
+      [&]() -> int {
+        if (m_server == nullptr || m_stores == nullptr) return -1;
+        while (!m_stop) {
+          const int marked = m_server->select();
+          if (marked > 0) {
+            serveMarked();
+          } else if (marked < 0 && errno == ENOTCONN) {
+            m_server->waitForClient(-1);
+          } else if (marked < 0 && errno != EINTR) {
+            usleep(kPauseUs);  // out of memory, say: not the moment to spin
+          }
+        }
+        return shutDown();
+      },
+      [&]() -> int { return -1; });
 }
 
 void ManagementServer::serveMarked() {

@@ -9,6 +9,7 @@
 #include "db/CApiDb.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/AnnexB.h"
+#include "recorder/NoThrow.h"
 #include "recorder/RecordingIndex.h"
 
 namespace tarn {
@@ -138,18 +139,34 @@ RecordingReader::RecordingReader() = default;
 RecordingReader::~RecordingReader() = default;
 
 int RecordingReader::open(const DB_STREAM& row) {
-  impl_ = std::make_unique<Impl>();
-  if (impl_->open(row) == 0) return 0;
-  impl_.reset();
-  return -1;
+  return orNoMemory(
+      "RecordingReader",
+      [&]() -> int {
+        impl_ = std::make_unique<Impl>();
+        if (impl_->open(row) == 0) return 0;
+        impl_.reset();
+        return -1;
+      },
+      [&]() -> int {
+        impl_.reset();
+        return -1;
+      });
 }
 
 int RecordingReader::open(uint32_t streamID) {
-  CApiDb db;
-  DB_STREAM row = {};
-  if (db.selectStream(streamID, &row) == 1) return open(row);
-  impl_.reset();
-  return -1;
+  return orNoMemory(
+      "RecordingReader",
+      [&]() -> int {
+        CApiDb db;
+        DB_STREAM row = {};
+        if (db.selectStream(streamID, &row) == 1) return open(row);
+        impl_.reset();
+        return -1;
+      },
+      [&]() -> int {
+        impl_.reset();
+        return -1;
+      });
 }
 
 void RecordingReader::close() { impl_.reset(); }
@@ -166,37 +183,56 @@ const StreamHeader& RecordingReader::header() const {
 }
 
 uint32_t RecordingReader::pictureCount() const { return impl_ ? impl_->count() : 0; }
-uint32_t RecordingReader::refresh() { return impl_ ? impl_->refresh() : 0; }
+uint32_t RecordingReader::refresh() {
+  return orNoMemory(
+      "RecordingReader", [&]() -> uint32_t { return impl_ ? impl_->refresh() : 0; },
+      [&]() -> uint32_t { return pictureCount(); });
+}
 
 bool RecordingReader::picture(uint32_t index, PictureEntry* out) {
-  return impl_ && impl_->picture(index, out);
+  return orNoMemory(
+      "RecordingReader", [&]() -> bool { return impl_ && impl_->picture(index, out); },
+      [&]() -> bool { return false; });
 }
 
 int64_t RecordingReader::findKeyPictureBefore(PictureTime time) {
-  return impl_ ? impl_->findKeyPictureBefore(time) : -1;
+  return orNoMemory(
+      "RecordingReader",
+      [&]() -> int64_t { return impl_ ? impl_->findKeyPictureBefore(time) : -1; },
+      [&]() -> int64_t { return -1; });
 }
 
 int64_t RecordingReader::findPictureFrom(PictureTime time) {
-  return impl_ ? impl_->findPictureFrom(time) : -1;
+  return orNoMemory(
+      "RecordingReader", [&]() -> int64_t { return impl_ ? impl_->findPictureFrom(time) : -1; },
+      [&]() -> int64_t { return -1; });
 }
 
 bool RecordingReader::readPicture(const PictureEntry& entry, std::vector<uint8_t>* out,
                                   bool withTimeStamp) {
-  return impl_ && impl_->readPicture(entry, out, withTimeStamp);
+  return orNoMemory(
+      "RecordingReader",
+      [&]() -> bool { return impl_ && impl_->readPicture(entry, out, withTimeStamp); },
+      [&]() -> bool { return false; });
 }
 
 bool RecordingReader::isDamaged() const { return impl_ && impl_->isDamaged(); }
 
 bool streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg, std::vector<DB_STREAM>* out) {
-  out->clear();
-  CApiDb db;
-  DB_STREAM page[kPage];
-  for (;;) {
-    const int32_t count = db.selectRipList(page, kPage, out->size(), from, to, inTrg);
-    if (db.getStatus() != 1) return false;  // an empty page of its own says nothing
-    if (count > 0) out->insert(out->end(), page, page + count);
-    if (count < static_cast<int32_t>(kPage)) return true;
-  }
+  return orNoMemory(
+      "RecordingReader",
+      [&]() -> bool {
+        out->clear();
+        CApiDb db;
+        DB_STREAM page[kPage];
+        for (;;) {
+          const int32_t count = db.selectRipList(page, kPage, out->size(), from, to, inTrg);
+          if (db.getStatus() != 1) return false;  // an empty page of its own says nothing
+          if (count > 0) out->insert(out->end(), page, page + count);
+          if (count < static_cast<int32_t>(kPage)) return true;
+        }
+      },
+      [&]() -> bool { return false; });
 }
 
 std::vector<DB_STREAM> streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg) {
@@ -206,9 +242,14 @@ std::vector<DB_STREAM> streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTr
 }
 
 bool streamsOfEvent(const DB_EVENT& event, std::vector<DB_STREAM>* out) {
-  const uint32_t from = event.startDate > event.preSec ? event.startDate - event.preSec : 0;
-  const uint32_t to = event.endDate != 0 ? event.endDate : 0xFFFFFFFF;
-  return streamsOfPeriod(from, to, 0, out);
+  return orNoMemory(
+      "RecordingReader",
+      [&]() -> bool {
+        const uint32_t from = event.startDate > event.preSec ? event.startDate - event.preSec : 0;
+        const uint32_t to = event.endDate != 0 ? event.endDate : 0xFFFFFFFF;
+        return streamsOfPeriod(from, to, 0, out);
+      },
+      [&]() -> bool { return false; });
 }
 
 std::vector<DB_STREAM> streamsOfEvent(const DB_EVENT& event) {

@@ -22,6 +22,7 @@
 #include "recorder/JournalMessages.h"
 #include "recorder/LeftOverRows.h"
 #include "recorder/NativeRows.h"
+#include "recorder/NoThrow.h"
 #include "recorder/OpenEvents.h"
 #include "recorder/RecoveryMessages.h"
 #include "recorder/ServerProbe.h"
@@ -247,16 +248,26 @@ bool Recovery::flushCard() {
 // A card that hiccups says no to whoever asks next, also to readers that ask once. What is done is
 // done, a recovery may be cut short anywhere, so what a start needs of such a card is the next one.
 RecoveryReport Recovery::run() {
-  attempt();
-  for (const useconds_t pause : kRetryPauses) {
-    if (report_.ok() || report_.refused || omitted(Omit::kReadAgain)) break;
-    syslog(LOG_WARNING, kMsgRecoveryAgain, report_.error.c_str());
-    usleep(pause);
-    const RecoveryReport before = std::move(report_);
-    attempt();
-    keepChanges(before);
-  }
-  return report_;
+  return orNoMemory(
+      "Recovery",
+      [&]() -> RecoveryReport {
+        attempt();
+        for (const useconds_t pause : kRetryPauses) {
+          if (report_.ok() || report_.refused || omitted(Omit::kReadAgain)) break;
+          syslog(LOG_WARNING, kMsgRecoveryAgain, report_.error.c_str());
+          usleep(pause);
+          const RecoveryReport before = std::move(report_);
+          attempt();
+          keepChanges(before);
+        }
+        return report_;
+      },
+      [&]() -> RecoveryReport {
+        lock_.reset();
+        RecoveryReport report;
+        report.error = kErrMemoryOut;
+        return report;
+      });
 }
 
 void Recovery::keepChanges(const RecoveryReport& before) {
@@ -307,10 +318,18 @@ void Recovery::attempt() {
 }
 
 int Recovery::saveImage(std::string* error) {
-  const bool saved = keepServerOut(kErrSaveServerRuns, error) && nothingToWaitFor(error) &&
-                     mayBeWritten(error) && saveDatabaseImage(error);
-  lock_.reset();
-  return saved ? 0 : -1;
+  return orNoMemory(
+      "Recovery",
+      [&]() -> int {
+        const bool saved = keepServerOut(kErrSaveServerRuns, error) && nothingToWaitFor(error) &&
+                           mayBeWritten(error) && saveDatabaseImage(error);
+        lock_.reset();
+        return saved ? 0 : -1;
+      },
+      [&]() -> int {
+        lock_.reset();
+        return memoryOut(error);
+      });
 }
 
 }  // namespace tarn

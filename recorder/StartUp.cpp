@@ -8,6 +8,7 @@
 #include "dblog/ReplayFailure.h"
 #include "recorder/DatabaseSetup.h"
 #include "recorder/JournalMessages.h"
+#include "recorder/NoThrow.h"
 
 namespace tarn {
 namespace {
@@ -98,9 +99,19 @@ StartUpReport StartUp::rebuild() {
 }
 
 StartUpReport StartUp::run() {
-  report_ = StartUpReport();
-  scrubbed_ = false;
-  return rebuild();
+  return orNoMemory(
+      "StartUp",
+      [&]() -> StartUpReport {
+        report_ = StartUpReport();
+        scrubbed_ = false;
+        return rebuild();
+      },
+      [&]() -> StartUpReport {
+        StartUpReport report;
+        report.failed = StartUpReport::kEmptyDatabase;
+        report.error = kErrMemoryOut;
+        return report;
+      });
 }
 
 }  // namespace tarn
