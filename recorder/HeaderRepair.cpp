@@ -5,6 +5,7 @@
 #include "base/Omission.h"
 #include "base/Wrap.h"
 #include "dblog/CDbRestore.h"
+#include "manager/ManageFormat.h"
 #include "recorder/NativeRows.h"
 #include "recorder/RecordingIndex.h"
 
@@ -143,57 +144,84 @@ void noteUnreadable(const DB_STREAM& row, RecoveryReport* report) {
   if (report->problems.empty() || report->problems.back() != text) report->problems.push_back(text);
 }
 
-// What became of one row.
-enum class Outcome { kStays, kGone, kFailed };
-
-Outcome repairRow(const DB_STREAM& row, RecoveryReport* report) {
-  HeaderCheck check(row);
-  switch (check.run()) {
-    case Verdict::kGood:
-      return Outcome::kStays;
+// False: the row is to go, so the next one of its chunk is looked at.
+bool planRow(const DB_STREAM& row, HeaderPlan* plan, RecoveryReport* report) {
+  switch (HeaderCheck(row).run()) {
+    case Verdict::kDelete:
+      plan->deletions.push_back(row);
+      return false;
+    case Verdict::kRewrite:
+      plan->rewrites.push_back(row);
+      break;
     case Verdict::kUnreadable:
       noteUnreadable(row, report);
-      return Outcome::kStays;
-    case Verdict::kDelete:
-      if (!deleteStreamNative(row)) return Outcome::kFailed;
-      report->changes.push_back({Kind::kRecordingDeleted, row.streamID, 0, 0,
-                                 nameOf(row) + ": nothing of its entries is left, deleted"});
-      return Outcome::kGone;
-    case Verdict::kRewrite:
+      break;
+    case Verdict::kGood:
       break;
   }
-  if (!check.rewrite()) return Outcome::kFailed;
-  if (wasClosedNow(row.streamID, *report)) return Outcome::kStays;
-  report->changes.push_back({Kind::kHeaderRewritten, row.streamID, row.recSize, row.endDate,
-                             nameOf(row) + ": stream header rewritten from its entries"});
-  return Outcome::kStays;
+  return true;
+}
+
+bool isToGo(const DB_STREAM& row, const HeaderPlan& plan) {
+  return std::any_of(plan.deletions.begin(), plan.deletions.end(),
+                     [&row](const DB_STREAM& gone) { return gone.streamID == row.streamID; });
 }
 
 // The oldest (or newest) row of a chunk, and the next one as long as rows must go.
-bool repairEnd(uint32_t chunk, const char* order, RecoveryReport* report) {
-  const std::string sql = "SELECT * FROM STREAM WHERE chunkID = " + std::to_string(chunk) +
-                          " ORDER BY streamID " + order + " LIMIT 1";
+bool planEnd(uint32_t chunk, bool oldest, HeaderPlan* plan, RecoveryReport* report) {
+  const std::string head = "SELECT * FROM STREAM WHERE chunkID = " + std::to_string(chunk);
+  const std::string order =
+      oldest ? " ORDER BY streamID ASC LIMIT 1" : " ORDER BY streamID DESC LIMIT 1";
+  std::string behind;
   for (;;) {
     std::vector<DB_STREAM> rows;
-    if (!selectStreams(sql, &rows)) return false;
-    if (rows.empty()) return true;
-    const Outcome outcome = repairRow(rows[0], report);
-    if (outcome != Outcome::kGone) return outcome == Outcome::kStays;
+    if (!selectStreams(head + behind + order, &rows)) return false;
+    if (rows.empty() || isToGo(rows[0], *plan) || planRow(rows[0], plan, report)) return true;
+    behind = (oldest ? " AND streamID > " : " AND streamID < ") + std::to_string(rows[0].streamID);
   }
+}
+
+// Tested once more: the oldest row of a chunk may be its newest, and is mended then.
+bool rewriteRow(const DB_STREAM& row, RecoveryReport* report) {
+  HeaderCheck check(row);
+  const Verdict verdict = check.run();
+  if (verdict == Verdict::kUnreadable) noteUnreadable(row, report);
+  if (verdict != Verdict::kRewrite) return true;
+  if (!check.rewrite()) return false;
+  if (wasClosedNow(row.streamID, *report)) return true;
+  report->changes.push_back({Kind::kHeaderRewritten, row.streamID, row.recSize, row.endDate,
+                             nameOf(row) + ": stream header rewritten from its entries"});
+  return true;
+}
+
+bool deleteRow(const DB_STREAM& row, RecoveryReport* report) {
+  if (!deleteStreamNative(row)) return false;
+  report->changes.push_back({Kind::kRecordingDeleted, row.streamID, 0, 0,
+                             nameOf(row) + ": nothing of its entries is left, deleted"});
+  return true;
 }
 
 }  // namespace
 
-bool repairHeaders(RecoveryReport* report) {
+bool planHeaders(const std::vector<CHUNK_MANAGE>& chunks, HeaderPlan* plan,
+                 RecoveryReport* report) {
   if (omitted(Omit::kHeaders)) return true;
-  std::vector<DB_STREAM> chunks;
-  if (!selectStreams(kSqlChunks, &chunks)) return false;
-  for (const DB_STREAM& row : chunks) {
-    if (!repairEnd(row.chunkID, "ASC", report) || !repairEnd(row.chunkID, "DESC", report)) {
+  std::vector<DB_STREAM> oldest;
+  if (!selectStreams(kSqlChunks, &oldest)) return false;
+  for (const DB_STREAM& row : oldest) {
+    if (row.chunkID < chunks.size() && isGuarded(chunks[row.chunkID].chType)) continue;
+    if (!planEnd(row.chunkID, true, plan, report) || !planEnd(row.chunkID, false, plan, report)) {
       return false;
     }
   }
   return true;
+}
+
+bool applyHeaders(const HeaderPlan& plan, RecoveryReport* report) {
+  return std::all_of(plan.deletions.begin(), plan.deletions.end(),
+                     [report](const DB_STREAM& row) { return deleteRow(row, report); }) &&
+         std::all_of(plan.rewrites.begin(), plan.rewrites.end(),
+                     [report](const DB_STREAM& row) { return rewriteRow(row, report); });
 }
 
 }  // namespace tarn

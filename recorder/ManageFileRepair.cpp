@@ -51,11 +51,14 @@ class ManageFile {
     return std::string(fileTag(manageType(chunkType_))) + "000" + std::to_string(copy);
   }
 
-  Bytes defaults() const {
+  // As on a new card, or `anew` where that is not null.
+  Bytes defaults(const std::vector<CHUNK_MANAGE>* anew) const {
     Bytes bytes(length_);
     CHUNK_MANAGE record = {};
     if (chunkType_ == kFileStream) record.chType = kChannelUnused;
-    for (uint32_t chunk = 0; chunk < chunks_; ++chunk) encode(record, chunk, &bytes);
+    for (uint32_t chunk = 0; chunk < chunks_; ++chunk) {
+      encode(anew != nullptr && chunk < anew->size() ? (*anew)[chunk] : record, chunk, &bytes);
+    }
     sealManageData(bytes.data(), chunks_);
     return bytes;
   }
@@ -123,8 +126,23 @@ ManageRepair judge(Delivery main, Delivery backup, bool equal) {
 
 }  // namespace
 
+ManageRepair judgeManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* records) {
+  const int chunks = chunksOf(chunkType);
+  if (chunks < 0) return ManageRepair::kFailed;
+  ManageFile file(chunkType, static_cast<uint32_t>(chunks));
+  if (!file.isOpen()) return ManageRepair::kFailed;
+  Bytes main;
+  Bytes backup;
+  const Delivery ofMain = file.read(kManageMainCopy, &main);
+  const Delivery ofBackup = file.read(kManageBackupCopy, &backup);
+  const ManageRepair result = judge(ofMain, ofBackup, main == backup);
+  if (result == ManageRepair::kUnreadable) return result;
+  *records = file.records(!main.empty() ? main : !backup.empty() ? backup : file.defaults(nullptr));
+  return result;
+}
+
 ManageRepair repairManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* records,
-                              std::string* unread) {
+                              std::string* unread, const std::vector<CHUNK_MANAGE>* anew) {
   const int chunks = chunksOf(chunkType);
   if (chunks < 0) return ManageRepair::kFailed;
   ManageFile file(chunkType, static_cast<uint32_t>(chunks));
@@ -138,7 +156,7 @@ ManageRepair repairManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* rec
     *unread = file.name(ofMain == Delivery::kRefused ? kManageMainCopy : kManageBackupCopy);
   }
   if (result == ManageRepair::kUnreadable) return result;
-  Bytes taken = !main.empty() ? main : !backup.empty() ? backup : file.defaults();
+  Bytes taken = !main.empty() ? main : !backup.empty() ? backup : file.defaults(anew);
   if (result != ManageRepair::kBackupUnread && result != ManageRepair::kMainUnread) {
     if (file.correct(&taken)) result = ManageRepair::kCorrected;
     // A copy that is good is the last to be written over.

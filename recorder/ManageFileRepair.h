@@ -31,7 +31,13 @@ enum class ManageRepair {
 //
 // A copy that the device does not give, also when asked again, may be good: it is not written over,
 // and no defaults are made beside it. *unread, when not null, then becomes its file's name.
+//
+// `anew`, when not null, is what the file gets after kDefaults instead of what a new card has.
 TARN_API ManageRepair repairManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* records,
-                                       std::string* unread = nullptr);
+                                       std::string* unread = nullptr,
+                                       const std::vector<CHUNK_MANAGE>* anew = nullptr);
+
+// What repairManageFile() would find, kCorrected aside; nothing is written.
+TARN_API ManageRepair judgeManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* records);
 
 }  // namespace tarn

@@ -11,6 +11,7 @@
 #include "base/Wrap.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNStreamManager.h"
+#include "manager/ManageFormat.h"
 #include "recorder/RecordingIndex.h"
 #include "recorder/RecordingMessages.h"
 #include "recorder/ServerFailure.h"
@@ -169,6 +170,17 @@ bool RecordingSpace::chunkHasRows(int chunk, bool* any) {
          fail(RecordingError::kDatabase, queries_.failure());
 }
 
+// What start-up recovery guards is not given up for new recordings, nor is what the server does not
+// tell about.
+bool RecordingSpace::isGuardedChunk(int chunk) {
+  if (chunk >= manager_->getNumChunk()) return false;
+  signed char owner = kUnused;
+  signed char type = 0;
+  const bool known = retryFor(
+      kServerPatienceMs, [&] { return manager_->getChType(asChunk(chunk), &owner, &type) == 0; });
+  return !known || isGuarded(owner);
+}
+
 // The oldest row of the chunks that nobody is writing to. Few chunks are, one a session, and rows
 // of a session are the newest of their chunk.
 RowQueries::Answer RecordingSpace::oldestDeletable(DB_STREAM* row) {
@@ -180,9 +192,11 @@ RowQueries::Answer RecordingSpace::oldestDeletable(DB_STREAM* row) {
     const RowQueries::Answer answer = selectOne(sql, row);
     if (answer != RowQueries::Answer::kRow) return answer;
     DB_STREAM newest = {};
-    const RowQueries::Answer other = newestInChunk(static_cast<int>(row->chunkID), &newest);
+    const int chunk = static_cast<int>(row->chunkID);
+    const RowQueries::Answer other = newestInChunk(chunk, &newest);
     if (other == RowQueries::Answer::kFailed) return other;
-    if (other == RowQueries::Answer::kNone || !rowInProgress(newest)) return answer;
+    const bool written = other == RowQueries::Answer::kRow && rowInProgress(newest);
+    if (!written && !isGuardedChunk(chunk)) return answer;
     busy += "," + std::to_string(row->chunkID);
   }
 }
@@ -324,15 +338,17 @@ bool RecordingSpace::reclaimOrphans(int8_t channel) {
   return found && save();
 }
 
-// Where another session writes, its own idea of the addresses must stay true: there the row goes
-// alone, and its space with the next recording that is deleted from that chunk.
+// In a guarded chunk the row goes alone, because its record's place is needed. Where another
+// session writes, its own idea of the addresses must stay true: there it goes alone, too, and its
+// space with the next recording that is deleted from that chunk.
 bool RecordingSpace::deleteForJournal(const DB_STREAM& row, uint32_t now, int keepChunk) {
   DB_STREAM newest = {};
   const int chunk = static_cast<int>(row.chunkID);
   if (chunk == keepChunk) return deleteRecording(row, now, keepChunk);
   const RowQueries::Answer answer = newestInChunk(chunk, &newest);
   if (answer == RowQueries::Answer::kFailed) return false;
-  if (answer == RowQueries::Answer::kNone || !rowInProgress(newest)) {
+  const bool written = answer == RowQueries::Answer::kRow && rowInProgress(newest);
+  if (!written && !isGuardedChunk(chunk)) {
     return deleteRecording(row, now, keepChunk);
   }
   if (!deleteRow(row.streamID)) return false;

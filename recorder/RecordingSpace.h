@@ -60,6 +60,7 @@ class RecordingSpace {
   int claim(int chunk, int8_t channel, int8_t recType);
   bool usable(int chunk, int8_t channel, const Need& need);
   bool reclaimOrphans(int8_t channel);
+  bool isGuardedChunk(int chunk);
   RowQueries::Answer oldestDeletable(DB_STREAM* row);
   bool deleteEventsBefore(uint32_t now);
   bool deleteEvent(uint32_t eventID);

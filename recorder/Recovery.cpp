@@ -5,6 +5,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -12,6 +13,7 @@
 #include "base/UniqueFd.h"
 #include "dblog/CDbRestore.h"
 #include "dblog/RestoreStores.h"
+#include "manager/ManageFormat.h"
 #include "recorder/CardGeometry.h"
 #include "recorder/ChannelLock.h"
 #include "recorder/DatabaseGate.h"
@@ -24,6 +26,7 @@
 #include "recorder/NativeRows.h"
 #include "recorder/NoThrow.h"
 #include "recorder/OpenEvents.h"
+#include "recorder/RecoveryFuse.h"
 #include "recorder/RecoveryMessages.h"
 #include "recorder/ServerProbe.h"
 
@@ -91,7 +94,7 @@ bool mayBeWritten(std::string* error) {
 
 }  // namespace
 
-Recovery::Recovery() = default;
+Recovery::Recovery(FusePolicy policy) : policy_(policy) {}
 Recovery::~Recovery() = default;
 
 bool Recovery::fail(const std::string& text) {
@@ -129,7 +132,9 @@ bool Recovery::geometry() {
 
 bool Recovery::manageFile(FileType type, ManageRepair* repair, std::vector<CHUNK_MANAGE>* records) {
   std::string unread;
-  *repair = repairManageFile(type, records, &unread);
+  std::vector<CHUNK_MANAGE> anew;
+  if (type == kFileStream && !fuseManageFiles(&anew)) return false;
+  *repair = repairManageFile(type, records, &unread, anew.empty() ? nullptr : &anew);
   const std::string name = std::string("management file of the ") + manageName(type);
   switch (*repair) {
     case ManageRepair::kFailed:
@@ -147,6 +152,87 @@ bool Recovery::manageFile(FileType type, ManageRepair* repair, std::vector<CHUNK
   const char* text = manageText(*repair);
   if (*text != 0) syslog(LOG_NOTICE, "recovery: %s %s", name.c_str(), text);
   return true;
+}
+
+// False where the fuse stops it. Else what the policy makes of it is logged and reported.
+bool Recovery::blow(const FuseFinding& finding) {
+  if (!finding.blown()) return true;
+  const char* end = policy_ == FusePolicy::kStop    ? kFuseStop
+                    : policy_ == FusePolicy::kGuard ? kFuseGuard
+                                                    : kFuseAccepted;
+  report_.fuse.push_back(finding.text + end);
+  if (policy_ == FusePolicy::kStop) return fail(report_.fuse.back());
+  report_.problems.push_back(report_.fuse.back());
+  return true;
+}
+
+// In memory; the rebuild of the management data saves the marks. Power lost before that leaves all
+// as it was found, and the next start comes to the same end.
+void Recovery::guardChunks(const std::vector<uint32_t>& chunks,
+                           std::vector<CHUNK_MANAGE>* records) const {
+  if (policy_ != FusePolicy::kGuard) return;
+  for (const uint32_t chunk : chunks) {
+    if (chunk >= records->size() || isGuarded((*records)[chunk].chType)) continue;
+    (*records)[chunk].chType = guardMark((*records)[chunk].chType);
+  }
+}
+
+// Before a bad management file is made anew. The marks go into the new one, in one write with it,
+// so that power lost behind it does not free the chunks.
+bool Recovery::fuseManageFiles(std::vector<CHUNK_MANAGE>* anew) {
+  std::vector<CHUNK_MANAGE> records;
+  if (judgeManageFile(kFileStream, &records) != ManageRepair::kDefaults) return true;
+  FuseFinding finding;
+  std::string error;
+  if (!fuseWithoutManagement(static_cast<uint32_t>(records.size()), &finding, &error)) {
+    return fail(error);
+  }
+  if (!blow(finding)) return false;
+  guardChunks(finding.chunks, &records);
+  *anew = records;
+  return true;
+}
+
+// What an earlier start guards is given free only when a person says so.
+bool Recovery::fuseChunks() {
+  if (policy_ == FusePolicy::kAccept) {
+    for (CHUNK_MANAGE& record : channels_) {
+      if (isGuarded(record.chType)) record.chType = guardedChannel(record.chType);
+    }
+  }
+  FuseFinding finding;
+  std::string error;
+  if (!fuseLostChunks(channels_, report_.startUp.streams, &finding, &error)) return fail(error);
+  if (!blow(finding)) return false;
+  guardChunks(finding.chunks, &channels_);
+  return true;
+}
+
+bool Recovery::headers() {
+  HeaderPlan plan;
+  uint32_t rows = 0;
+  if (!planHeaders(channels_, &plan, &report_)) return false;
+  if (!plan.deletions.empty() && !selectNumber("SELECT COUNT(*) FROM STREAM", &rows)) return false;
+  const FuseFinding finding = fuseDeletions(plan.deletions, rows);
+  if (!blow(finding)) return false;
+  guardChunks(finding.chunks, &channels_);
+  const auto guarded = [this](const DB_STREAM& row) {
+    return row.chunkID < channels_.size() && isGuarded(channels_[row.chunkID].chType);
+  };
+  for (auto* list : {&plan.rewrites, &plan.deletions}) {
+    list->erase(std::remove_if(list->begin(), list->end(), guarded), list->end());
+  }
+  return applyHeaders(plan, &report_);
+}
+
+void Recovery::noteGuarded() {
+  std::string numbers;
+  for (uint32_t chunk = 0; chunk < channels_.size(); ++chunk) {
+    if (!isGuarded(channels_[chunk].chType)) continue;
+    report_.guarded.push_back(chunk);
+    numbers += (numbers.empty() ? "" : ", ") + std::to_string(chunk);
+  }
+  if (!report_.guarded.empty()) report_.problems.push_back(kProblemGuarded + numbers);
 }
 
 bool Recovery::manageFiles() {
@@ -253,7 +339,8 @@ RecoveryReport Recovery::run() {
       [&]() -> RecoveryReport {
         attempt();
         for (const useconds_t pause : kRetryPauses) {
-          if (report_.ok() || report_.refused || omitted(Omit::kReadAgain)) break;
+          const bool stopped = policy_ == FusePolicy::kStop && !report_.fuse.empty();
+          if (report_.ok() || report_.refused || stopped || omitted(Omit::kReadAgain)) break;
           syslog(LOG_WARNING, kMsgRecoveryAgain, report_.error.c_str());
           usleep(pause);
           const RecoveryReport before = std::move(report_);
@@ -272,6 +359,7 @@ RecoveryReport Recovery::run() {
 
 void Recovery::keepChanges(const RecoveryReport& before) {
   report_.changes.insert(report_.changes.begin(), before.changes.begin(), before.changes.end());
+  if (report_.fuse.empty()) report_.fuse = before.fuse;
   for (const auto member : {&RecoveryReport::streamManage, &RecoveryReport::syslogManage,
                             &RecoveryReport::journalManage}) {
     if (report_.*member == ManageRepair::kGood) report_.*member = before.*member;
@@ -293,7 +381,7 @@ void Recovery::attempt() {
       step(
           "management files", [this] { return manageFiles(); }, kErrManageFiles) &&
       step(
-          "database", [this] { return database(); }, kErrJournalManage) &&
+          "database", [this] { return database() && fuseChunks(); }, kErrJournalManage) &&
       step(
           "overtaken rows", [this] { return settleOvertakenRows(&report_); }, kErrOvertaken) &&
       step(
@@ -303,11 +391,12 @@ void Recovery::attempt() {
       step(
           "events", [this] { return endOpenEvents(&report_); }, kErrEvents) &&
       step(
-          "stream headers", [this] { return repairHeaders(&report_); }, kErrHeaders) &&
+          "stream headers", [this] { return headers(); }, kErrHeaders) &&
       step(
           "management data", [this] { return manageData() && countRows(); }, kErrManageData) &&
       step(
           "flush", [this] { return flushCard(); }, kErrFlush));
+  noteGuarded();
   for (const RecoveryChange& change : report_.changes) {
     syslog(LOG_NOTICE, kMsgRecoveryChange, change.text.c_str());
   }

@@ -13,6 +13,7 @@ class CDbRestore;
 namespace tarn {
 
 class FileLock;
+struct FuseFinding;
 
 // What a recorder runs first when it starts, before its management server: whatever happened to the
 // power before, the card and the database are consistent afterwards, with everything that had
@@ -28,12 +29,15 @@ class FileLock;
 // were left open; open events; stream headers; management data of stream chunks and system log;
 // flush of the card.
 //
+// Where it would give up recordings in bulk a fuse (recorder/RecoveryFuse.h) stops it, unless the
+// policy says otherwise.
+//
 // Running it again changes nothing on the card, and after a power loss during it the next run ends
 // in the same state. No management server may run: it is kept out meanwhile. The work grows with
 // the rows, not with the size of the card. Used by one thread; nothing throws.
 class TARN_API Recovery {
  public:
-  Recovery();
+  explicit Recovery(FusePolicy policy = FusePolicy::kStop);
   ~Recovery();
   Recovery(const Recovery&) = delete;
   Recovery& operator=(const Recovery&) = delete;
@@ -54,6 +58,12 @@ class TARN_API Recovery {
   bool step(const char* name, const std::function<bool()>& work, const char* failure);
   bool geometry();
   bool manageFiles();
+  bool fuseManageFiles(std::vector<CHUNK_MANAGE>* anew);
+  bool fuseChunks();
+  bool headers();
+  bool blow(const FuseFinding& finding);
+  void guardChunks(const std::vector<uint32_t>& chunks, std::vector<CHUNK_MANAGE>* records) const;
+  void noteGuarded();
   bool freeDatabase();
   bool database();
   bool scrub(StartUp* startUp);
@@ -65,9 +75,11 @@ class TARN_API Recovery {
   bool flushCard();
   bool fail(const std::string& text);
 
+  const FusePolicy policy_;
   std::unique_ptr<FileLock> lock_;
   RecoveryReport report_;
-  std::vector<CHUNK_MANAGE> channels_;  // of the stream chunks, as they were found
+  // Of the stream chunks, as they were found, but for the marks of guarded ones.
+  std::vector<CHUNK_MANAGE> channels_;
 };
 
 }  // namespace tarn

@@ -24,6 +24,19 @@ inline constexpr char kErrEvents[] = "events left open could not be ended";
 inline constexpr char kErrHeaders[] = "the recordings' stream headers could not be repaired";
 inline constexpr char kErrManageData[] = "the management data could not be rebuilt";
 inline constexpr char kErrFlush[] = "the card could not be flushed";
+inline constexpr char kErrFuseRows[] = "the recordings of each chunk could not be listed";
+inline constexpr char kErrFuseJournal[] = "the journals could not be looked through once more";
+// Behind what would be done.
+inline constexpr char kFuseStop[] =
+    "; nothing of it was done. Look at the card first (tarn check), or copy it; \"recover "
+    "--accept\" "
+    "goes on and does it, \"recover --unattended\" goes on and guards those chunks";
+inline constexpr char kFuseGuard[] =
+    "; it was not done, the chunks are guarded until \"tarn recover --accept\"";
+// Before the numbers.
+inline constexpr char kProblemGuarded[] =
+    "guarded until \"tarn recover --accept\", nothing is recorded into them: stream chunks ";
+inline constexpr char kFuseAccepted[] = "; it was accepted";
 
 // What keeps the database from being saved at a clean stop.
 inline constexpr char kErrSaveServerRuns[] =

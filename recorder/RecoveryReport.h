@@ -30,6 +30,15 @@ struct RecoveryStepTime {
   int64_t micros;
 };
 
+// What a recovery does where it would give up recordings in a way that no power cut explains:
+// delete closed ones in bulk, make management data anew while the journals hold nothing, or free
+// most of a card that held recordings.
+enum class FusePolicy {
+  kStop,    // ends with an error, before it did any of it
+  kGuard,   // goes on without it: those chunks stay as they are, and nothing records into them
+  kAccept,  // does it, and gives free what is guarded since an earlier start
+};
+
 // What a recovery did.
 struct RecoveryReport {
   // What stopped it, in a person's words; empty when it went through. The recorder must not start
@@ -39,6 +48,10 @@ struct RecoveryReport {
   // What could not be done or read but does not keep the recorder from starting.
   std::vector<std::string> problems;
   std::vector<RecoveryChange> changes;
+
+  // Why the fuse blew, one sentence each; then what the policy made of it. kStop has an error too.
+  std::vector<std::string> fuse;
+  std::vector<uint32_t> guarded;  // stream chunks, at the end
 
   ManageRepair streamManage = ManageRepair::kGood;
   ManageRepair syslogManage = ManageRepair::kGood;

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "base/Wrap.h"
+#include "manager/ManageFormat.h"
 #include "recorder/CardContents.h"
 #include "recorder/NativeRows.h"
 #include "recorder/RecordFormat.h"
@@ -92,8 +93,20 @@ void checkEmpty(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& reco
   contents->findings.add(finding);
 }
 
+// Its addresses are those of a moment at which something else was wrong.
+void noteGuarded(CardContents* contents, uint32_t chunk) {
+  CardFinding finding;
+  finding.kind = FindingKind::kRing;
+  finding.chunk = static_cast<int32_t>(chunk);
+  finding.text = "chunk " + std::to_string(chunk) +
+                 " is guarded: a start would have given up its recordings for no good reason; "
+                 "\"recover --accept\" does";
+  contents->findings.add(finding);
+}
+
 void checkChunk(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& record,
                 const std::vector<const DB_STREAM*>& rows) {
+  if (isGuarded(record.chType)) return noteGuarded(contents, chunk);
   if (rows.empty()) return checkEmpty(contents, chunk, record);
   if (record.chType == -1) {
     CardFinding finding;

@@ -75,6 +75,8 @@ Json reportJson(const RecoveryReport& report) {
   Json json = {{"schema", 1},
                {"ok", report.ok()},
                {"error", report.error},
+               {"fuse", report.fuse},
+               {"guarded", report.guarded},
                {"fromImage", report.fromImage},
                {"streamRows", report.streamRows},
                {"eventRows", report.eventRows},
@@ -122,6 +124,10 @@ class CommandRecover : public Command {
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand(
         "recover", "Make card and database consistent, as a recorder does before it starts");
+    CLI::Option* accept = app->add_flag(
+        "--accept", accept_, "give up recordings in bulk where the card's damage leads to it");
+    app->add_flag("--unattended", unattended_, "go on with what is intact, and guard the rest")
+        ->excludes(accept);
     app->add_flag("--json", json_, "print JSON");
     return app;
   }
@@ -132,7 +138,7 @@ class CommandRecover : public Command {
     RecoveryReport report;
     {
       const StandardOutputMuted muted;
-      report = Recovery().run();
+      report = Recovery(policy()).run();
     }
     if (json_) {
       fmt::print("{}\n", reportJson(report).dump(2, ' ', false, Json::error_handler_t::replace));
@@ -146,6 +152,13 @@ class CommandRecover : public Command {
   }
 
  private:
+  FusePolicy policy() const {
+    if (accept_) return FusePolicy::kAccept;
+    return unattended_ ? FusePolicy::kGuard : FusePolicy::kStop;
+  }
+
+  bool accept_ = false;
+  bool unattended_ = false;
   bool json_ = false;
 };
 

@@ -79,7 +79,7 @@ class TARN_API CDbRestore {
   // the system log from the text of its active chunk.
   int recoverStreamManage();
   // The same, but a chunk with rows gets the channel and type of known[chunk], where that has a
-  // channel, and one of which a header cannot be read or whose newest row is open counts as full.
+  // channel, and one of which a header cannot be read or whose newest row is open counts as full. A guarded one (manager/ManageFormat.h) becomes what known[chunk] says.
   // In one save, so that power lost meanwhile cannot take the channels.
   int recoverStreamManage(const CHUNK_MANAGE* known, int count);
   int recoverSyslogManage();

@@ -18,6 +18,7 @@
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManagerNative.h"
 #include "manager/CTARNStreamManagerNative.h"
+#include "manager/ManageFormat.h"
 
 // The rebuild of the management data: of the stream chunks from the repaired rows, of the system
 // log from its text.
@@ -131,6 +132,15 @@ class StreamManageRecovery {
     store_->setFree(chunk, ringBack(present.streamUseOffset, 1, streamSize_), kStreamArea);
   }
 
+  // A guarded chunk stays as it was saved, whatever the rows say.
+  void keep(short chunk, const CHUNK_MANAGE& known) {
+    store_->setUsage(chunk, known.pictureUseOffset, kPictureArea);
+    store_->setFree(chunk, known.pictureFreeOffset, kPictureArea);
+    store_->setUsage(chunk, known.streamUseOffset, kStreamArea);
+    store_->setFree(chunk, known.streamFreeOffset, kStreamArea);
+    store_->setChType(chunk, known.chType, known.recType);
+  }
+
   // Of a chunk that rows use; a free one is nobody's.
   void setChannel(short chunk, const CHUNK_MANAGE& known) {
     CHUNK_MANAGE present{};
@@ -240,6 +250,10 @@ int CDbRestore::recoverStreamManage(const CHUNK_MANAGE* known, int count) {
   if (known != nullptr && !recovery.hasSizes()) return -1;
   recovery.reset();
   for (int chunk = 0; chunk < store.numChunk(); ++chunk) {
+    if (known != nullptr && chunk < count && tarn::isGuarded(known[chunk].chType)) {
+      recovery.keep(static_cast<short>(chunk), known[chunk]);
+      continue;
+    }
     if (recovery.recover(static_cast<short>(chunk)) != 0) return -1;
     if (known != nullptr && chunk < count) recovery.guard(static_cast<short>(chunk), known[chunk]);
   }

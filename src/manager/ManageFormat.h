@@ -24,6 +24,23 @@ static_assert(kManageRecordSize == sizeof(CHUNK_MANAGE));
 
 // chType of a stream chunk that no channel owns.
 inline constexpr int8_t kChannelUnused = -1;
+
+// A guarded chunk: it counts as used, but no channel has it, so nobody records into it, not even
+// who knows nothing of the mark. -2 stands for channel 0, -3 for 1 and so on; 127 shares the mark
+// of 126, because 127 channels are all that a byte has left.
+inline constexpr int8_t kFirstGuardMark = -2;
+inline constexpr int8_t kLastGuardedChannel = 126;
+
+inline constexpr bool isGuarded(int8_t chType) { return chType <= kFirstGuardMark; }
+// Of a chunk that no channel owns: the mark of channel 0.
+inline constexpr int8_t guardMark(int8_t channel) {
+  const int kept = channel < 0 ? 0 : channel > kLastGuardedChannel ? kLastGuardedChannel : channel;
+  return static_cast<int8_t>(kFirstGuardMark - kept);
+}
+// The channel of a mark.
+inline constexpr int8_t guardedChannel(int8_t mark) {
+  return static_cast<int8_t>(kFirstGuardMark - mark);
+}
 // Number in the file name of the two copies.
 inline constexpr int kManageMainCopy = 0;
 inline constexpr int kManageBackupCopy = 1;
