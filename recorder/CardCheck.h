@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "base/Export.h"
 #include "recorder/CardFinding.h"
@@ -31,10 +32,16 @@ class TARN_API CardCheck {
   const CardFindings& findings() const { return findings_; }
   uint32_t streamRows() const { return streamRows_; }
   uint32_t eventRows() const { return eventRows_; }
+  // Events in whose time no recording leads to a picture, by key. They may be all that is left
+  // after the oldest recordings went, so they are no findings.
+  const std::vector<uint32_t>& eventsWithoutVideo() const { return eventsWithoutVideo_; }
+  // The sum for a person: "nothing lost".
+  std::string meaning() const { return meaningOfAll(findings_, eventsWithoutVideo_.size()); }
   uint64_t pictures() const { return pictures_; }  // looked at
 
  private:
   CardFindings findings_;
+  std::vector<uint32_t> eventsWithoutVideo_;
   uint32_t streamRows_ = 0;
   uint32_t eventRows_ = 0;
   uint64_t pictures_ = 0;

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
+#include <vector>
 
 #include "db/DbRecords.h"
 #include "recorder/CardFinding.h"
@@ -17,7 +19,10 @@ struct CardContents {
   std::map<uint32_t, DB_STREAM> streams;  // rows of the journal, by key
   std::map<uint32_t, DB_EVENT> events;
   uint64_t pictures = 0;
-  uint32_t patienceMs = 500;  // for reads that fail, all together
+  uint32_t patienceMs = 500;       // for reads that fail, all together
+  std::set<uint32_t> lostStreams;  // keys of rows that lead to no picture
+  bool rowsRefused = false;  // the device kept records of recordings back: there may be more rows
+  std::vector<uint32_t> eventsWithoutVideo;
   uint64_t recordings = 0;    // looked at
   bool wholePictures = true;  // not only their time stamps
   bool stopped = false;

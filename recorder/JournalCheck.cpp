@@ -109,6 +109,7 @@ class JournalCheck {
     if (gap_ == 0) return;
     const std::string records = std::to_string(gap_) + (gap_ == 1 ? " record" : " records");
     if (gapRefused_) {
+      contents_->rowsRefused = contents_->rowsRefused || kind_ == JournalKind::kStream;
       say(FindingKind::kUnreadable, records + placeText(gapFrom_) + " not given by the device");
     } else {
       say(FindingKind::kJournalRecord,

@@ -43,6 +43,8 @@ void checkOffsets(CardContents* contents, const Managed& managed) {
     if (!pictures && record.streamUseOffset < size && record.streamFreeOffset < size) continue;
     CardFinding finding;
     finding.kind = FindingKind::kManagement;
+    finding.consequence = Consequence::kUnknown;
+    finding.meaning = "where it is in use has to be told by the rows of the journals";
     finding.chunk = static_cast<int32_t>(chunk);
     finding.text = std::string(managed.files) + ": the addresses of chunk " +
                    std::to_string(chunk) + " lie behind its end";
@@ -58,15 +60,23 @@ void checkImage(CardContents* contents) {
                                                   std::to_string(bytes) + " bytes");
 }
 
+void addCopies(CardContents* contents, const Managed& managed, Copies copies) {
+  CardFinding finding;
+  finding.kind = FindingKind::kManagement;
+  finding.text = std::string(managed.files) + ": " + copiesText(copies);
+  if (copies != Copies::kMainBad && copies != Copies::kBackupBad) {
+    finding.consequence = Consequence::kUnknown;
+    finding.meaning = "where chunks are in use has to be told by the rows of the journals";
+  }
+  contents->findings.add(finding);
+}
+
 }  // namespace
 
 void checkManagement(CardContents* contents) {
   for (const Managed& managed : kManaged) {
     const Copies copies = contents->card.info().management(managed.manageType).copies;
-    if (copies != Copies::kBothGood) {
-      contents->findings.add(FindingKind::kManagement,
-                             std::string(managed.files) + ": " + copiesText(copies));
-    }
+    if (copies != Copies::kBothGood) addCopies(contents, managed, copies);
     checkOffsets(contents, managed);
   }
   checkImage(contents);

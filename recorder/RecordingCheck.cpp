@@ -57,7 +57,11 @@ class RecordingCheck {
     say(kind, text, row_.startDate, row_.endDate);
   }
   void say(FindingKind kind, const std::string& text, uint32_t from, uint32_t to) {
-    CardFinding finding;
+    say(CardFinding(), kind, text, from, to);
+  }
+  void say(CardFinding finding, FindingKind kind, const std::string& text, uint32_t from,
+           uint32_t to) {
+    finding.channel = channel();
     finding.kind = kind;
     finding.text = nameOf(row_) + ": " + text;
     finding.streamID = row_.streamID;
@@ -66,6 +70,39 @@ class RecordingCheck {
     finding.to = to;
     if (!contents_->findings.isFull(kind)) nameEvents(&finding);
     contents_->findings.add(finding);
+  }
+
+  // Of the chunk, which belongs to one.
+  int32_t channel() const {
+    const auto& records = card_.info().management(kFileStreamManage).records;
+    return row_.chunkID < records.size() ? records[row_.chunkID].chType : -1;
+  }
+
+  // What it means that this much video from there on is concerned so.
+  CardFinding meaning(Consequence consequence, int64_t from, int64_t to) const {
+    CardFinding finding;
+    finding.consequence = consequence;
+    finding.videoMicros = std::max<int64_t>(to - from, 1);
+    const std::string camera = channel() < 0 ? "video" : "camera " + std::to_string(channel());
+    const char* what = consequence == Consequence::kDamaged ? " are damaged"
+                       : consequence == Consequence::kLost  ? " are lost"
+                                                            : " were not given by the card";
+    finding.meaning = videoText(finding.videoMicros) + " of " + camera + " at " +
+                      momentText(static_cast<uint32_t>(from / 1000000)) + what;
+    return finding;
+  }
+  int64_t rowStart() const { return micros(row_.startDate, row_.startMSec); }
+  int64_t rowEnd() const { return micros(row_.endDate, row_.endMSec); }
+  static int64_t micros(uint32_t seconds, uint32_t milliseconds) {
+    return int64_t{seconds} * 1000000 + int64_t{milliseconds} * 1000;
+  }
+
+  // Nothing leads to any of its pictures.
+  bool lost(const std::string& text) {
+    contents_->lostStreams.insert(row_.streamID);
+    say(meaning(Consequence::kLost, rowStart(), rowEnd()), FindingKind::kRow, text, row_.startDate,
+        row_.endDate);
+    return false;
   }
 
   // The first events that show what is concerned.
@@ -91,15 +128,13 @@ class RecordingCheck {
     const CardFamily& pictures = card_.family(kFilePicture);
     const CardFamily& streams = card_.family(kFileStream);
     if (row_.chunkID >= pictures.chunks || row_.chunkID >= streams.chunks) {
-      say(FindingKind::kRow, "the card has no chunk " + std::to_string(row_.chunkID));
-      return false;
+      return lost("the card has no chunk " + std::to_string(row_.chunkID));
     }
     const bool place = row_.chunkOffset % kRecordSize == 0 &&
                        row_.chunkOffset < pictures.chunkSize &&
                        row_.recSize < pictures.chunkSize / kRecordSize;
     if (!place) {
-      say(FindingKind::kRow, "its place in chunk " + std::to_string(row_.chunkID) + " cannot be");
-      return false;
+      return lost("its place in chunk " + std::to_string(row_.chunkID) + " cannot be");
     }
     if (row_.recSize == 0) return true;
     if (row_.chunkSize != (row_.recSize + 1) * kRecordSize) {
@@ -121,21 +156,29 @@ class RecordingCheck {
 
   void checkEntries() {
     lastGood_ = row_.startDate;
+    lastGoodMicros_ = rowStart();
+    bool any = row_.recSize == 0;
     for (uint32_t index = 0; index < row_.recSize && !contents_->stopped; ++index) {
       if (index % kPicturesOfAStep == kPicturesOfAStep - 1) contents_->step();
       PictureEntry entry;
       const State state = look(index, &entry);
       ++contents_->pictures;
+      any = any || (state != State::kBadEntry);
+      const int64_t at = entry.presentation.totalMicros();
       if (state == State::kGood) {
-        endRun(index, entry.presentation.seconds);
+        endRun(index, entry.presentation.seconds, at);
         lastGood_ = entry.presentation.seconds;
+        lastGoodMicros_ = std::max(lastGoodMicros_, at);
       } else if (state != runState_) {
-        endRun(index, lastGood_);
+        const int64_t from = state == State::kBadData ? at : lastGoodMicros_;
+        endRun(index, lastGood_, from);
         runState_ = state;
+        runMicros_ = from;
         runFrom_ = index;
       }
     }
-    endRun(row_.recSize, row_.endDate);
+    endRun(row_.recSize, row_.endDate, rowEnd());
+    if (!any) contents_->lostStreams.insert(row_.streamID);
   }
 
   State look(uint32_t index, PictureEntry* entry) {
@@ -175,14 +218,17 @@ class RecordingCheck {
   }
 
   // Pictures from runFrom_ to in front of `index` have the same thing wrong with them.
-  void endRun(uint32_t index, uint32_t until) {
+  void endRun(uint32_t index, uint32_t until, int64_t untilMicros) {
     if (runState_ == State::kGood) return;
     const uint32_t to = std::max(lastGood_, until);
     const std::string pictures =
         index - runFrom_ == 1
             ? "picture " + std::to_string(runFrom_ + 1)
             : "pictures " + std::to_string(runFrom_ + 1) + " to " + std::to_string(index);
-    say(stateKind(runState_),
+    const Consequence consequence = runState_ == State::kBadEntry  ? Consequence::kLost
+                                    : runState_ == State::kBadData ? Consequence::kDamaged
+                                                                   : Consequence::kUnread;
+    say(meaning(consequence, runMicros_, untilMicros), stateKind(runState_),
         pictures + " of " + std::to_string(row_.recSize) + ", between " + momentText(lastGood_) +
             " and " + momentText(to) + ": " + stateText(runState_),
         lastGood_, to);
@@ -228,6 +274,8 @@ class RecordingCheck {
   uint32_t dataSize_ = 0;
   uint32_t gops_ = 0;
   uint32_t lastGood_ = 0;  // seconds of the last good picture
+  int64_t lastGoodMicros_ = 0;
+  int64_t runMicros_ = 0;  // where the video concerned begins
   State runState_ = State::kGood;
   uint32_t runFrom_ = 0;
 };
@@ -249,6 +297,26 @@ void checkEvent(CardContents* contents, const DB_EVENT& event) {
   contents->findings.add(finding);
 }
 
+// Rows in the order of their begin, each with the latest end so far: a card holds very many.
+void findEventsWithoutVideo(CardContents* contents) {
+  std::vector<std::pair<uint32_t, uint32_t>> rows;
+  for (const auto& [key, row] : contents->streams) {
+    if (contents->lostStreams.count(key) != 0) continue;
+    rows.emplace_back(row.startDate, row.recSize == 0 ? UINT32_MAX : row.endDate);
+  }
+  std::sort(rows.begin(), rows.end());
+  uint32_t latest = 0;
+  for (auto& row : rows) latest = row.second = std::max(latest, row.second);
+  for (const auto& [key, event] : contents->events) {
+    const uint32_t end = event.endDate != 0 ? event.endDate : UINT32_MAX;
+    const uint32_t begin = event.startDate - std::min<uint32_t>(event.startDate, event.preSec);
+    const auto behind = std::upper_bound(rows.begin(), rows.end(), std::make_pair(end, UINT32_MAX));
+    if (behind == rows.begin() || (behind - 1)->second < begin) {
+      contents->eventsWithoutVideo.push_back(key);
+    }
+  }
+}
+
 }  // namespace
 
 bool checkRecordings(CardContents* contents) {
@@ -259,6 +327,7 @@ bool checkRecordings(CardContents* contents) {
     if (contents->stopped) return false;
   }
   for (const auto& [key, event] : contents->events) checkEvent(contents, event);
+  if (!contents->rowsRefused) findEventsWithoutVideo(contents);
   return true;
 }
 

@@ -88,6 +88,8 @@ void checkEmpty(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& reco
   }
   CardFinding finding;
   finding.kind = FindingKind::kRing;
+  finding.consequence = Consequence::kNone;
+  finding.meaning = "nothing is lost: only its room is not used";
   finding.chunk = static_cast<int32_t>(chunk);
   finding.text = "chunk " + std::to_string(chunk) + " counts as used, but no recording lies in it";
   contents->findings.add(finding);

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
@@ -24,8 +25,16 @@ constexpr int kExitLeft = 4;
 constexpr int kExitNotRun = 8;
 constexpr int kExitCheckUsage = 16;
 
+constexpr char kNotLookedAt[] =
+    "nothing behind it was looked at: whether something is lost cannot be told before it is mended";
+
 Json findingJson(const CardFinding& finding) {
-  Json json = {{"kind", findingKindName(finding.kind)}, {"text", finding.text}};
+  Json json = {{"kind", findingKindName(finding.kind)},
+               {"text", finding.text},
+               {"consequence", consequenceName(finding.consequence)},
+               {"meaning", finding.meaning}};
+  if (finding.channel >= 0) json["channel"] = finding.channel;
+  if (finding.videoMicros > 0) json["seconds"] = static_cast<double>(finding.videoMicros) / 1e6;
   if (finding.streamID != 0) json["streamID"] = finding.streamID;
   if (finding.eventID != 0) json["eventID"] = finding.eventID;
   if (finding.chunk >= 0) json["chunk"] = finding.chunk;
@@ -92,9 +101,9 @@ class CommandCheck : public Command {
     const bool strays = geometry.opened && geometry.verdict == Delivery::kBad;
     if (strays && (!repair_ || dryRun_)) return tellGeometry(geometry.text);
     if (repair_ && geometry.opened && !mendGeometry(strays)) return kExitNotRun;
-    if (dryRun_) return steps_.empty() ? kExitClean : kExitLeft;
     CardCheck before;
     if (!look(&before)) return kExitNotRun;
+    if (dryRun_) return tellDryRun(before);
     if (!steps_.empty() && before.findings().total() == 0) {
       print(before, nullptr);
       return kExitCorrected;
@@ -131,15 +140,32 @@ class CommandCheck : public Command {
     if (json_) {
       Json json = {{"schema", 1}, {"card", card_}, {"clean", false}};
       json["counts"] = {{findingKindName(FindingKind::kFat), 1}};
-      json["findings"] = {{{"kind", findingKindName(FindingKind::kFat)}, {"text", text}}};
+      json["findings"] = {{{"kind", findingKindName(FindingKind::kFat)},
+                           {"text", text},
+                           {"consequence", consequenceName(Consequence::kUnknown)},
+                           {"meaning", kNotLookedAt}}};
       json["repair"] = Json::array();
       for (const CardRepair::Step& step : repair.steps()) json["repair"].push_back(step.text);
       fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
       return kExitLeft;
     }
-    fmt::print("{}\n", text);
+    fmt::print("{}\n  {}\n", text, kNotLookedAt);
     tellPlan(repair.steps(), "would be mended");
     return kExitLeft;
+  }
+
+  // Recovery decides on what it finds when it runs; the check cannot run it without writing.
+  int tellDryRun(const CardCheck& found) const {
+    print(found, nullptr);
+    const bool clean = found.findings().total() == 0;
+    if (!clean && !json_) {
+      const size_t open = found.findings().count(FindingKind::kOpenRow);
+      fmt::print(
+          "then the recovery would run: {}what else it would change is not known before it "
+          "runs\n",
+          open == 0 ? "" : fmt::format("it would end or drop what was left open ({}); ", open));
+    }
+    return clean && steps_.empty() ? kExitClean : kExitLeft;
   }
 
   static void tellPlan(const std::vector<CardRepair::Step>& steps, const char* what) {
@@ -218,6 +244,7 @@ class CommandCheck : public Command {
       printFindings(after->findings());
     }
     const CardCheck& last = after != nullptr ? *after : before;
+    if (last.findings().total() != 0 || !last.eventsWithoutVideo().empty()) tellMeaning(last);
     fmt::print("{}: {}, {} recordings, {} events, {} pictures\n", card_,
                last.findings().total() == 0 ? "clean" : countText(last.findings().total()),
                last.streamRows(), last.eventRows(), last.pictures());
@@ -226,6 +253,18 @@ class CommandCheck : public Command {
       const size_t count = last.findings().count(kind);
       if (count != 0) fmt::print("  {:<14} {:>8}\n", findingKindName(kind), count);
     }
+    if (last.findings().total() != 0 || !last.eventsWithoutVideo().empty()) {
+      fmt::print("{}\n", last.meaning());
+    }
+  }
+
+  static void tellMeaning(const CardCheck& check) {
+    constexpr size_t kNamed = 20;
+    const std::vector<uint32_t>& events = check.eventsWithoutVideo();
+    for (size_t i = 0; i < std::min(events.size(), kNamed); ++i) {
+      fmt::print("event {} has no video\n", events[i]);
+    }
+    if (events.size() > kNamed) fmt::print("nor have {} more\n", events.size() - kNamed);
   }
 
   static std::string countText(size_t count) {
@@ -233,7 +272,8 @@ class CommandCheck : public Command {
   }
 
   static void printFindings(const CardFindings& findings) {
-    for (const CardFinding& finding : findings.list()) fmt::print("{}\n", finding.text);
+    for (const CardFinding& finding : findings.list())
+      fmt::print("{}\n  {}\n", finding.text, finding.meaning);
     if (findings.list().size() < findings.total()) {
       fmt::print("and {} more\n", findings.total() - findings.list().size());
     }
@@ -247,14 +287,21 @@ class CommandCheck : public Command {
                  {"recordings", last.streamRows()},
                  {"events", last.eventRows()},
                  {"pictures", last.pictures()},
+                 {"meaning", last.meaning()},
+                 {"eventsWithoutVideo", last.eventsWithoutVideo()},
                  {"counts", countsJson(last.findings())},
                  {"findings", findingsJson(last.findings())}};
     if (after != nullptr) {
       json["corrected"] = {{"counts", countsJson(before.findings())},
                            {"findings", findingsJson(before.findings())}};
     }
-    for (const CardRepair::Step& step : steps_) json["mended"].push_back(step.text);
-    if (!steps_.empty()) json["undoFile"] = undoFile_;
+    if (dryRun_) {
+      json["recovery"] = {{"wouldRun", last.findings().total() != 0},
+                          {"leftOpen", last.findings().count(FindingKind::kOpenRow)}};
+    }
+    const char* const plan = dryRun_ ? "repair" : "mended";
+    for (const CardRepair::Step& step : steps_) json[plan].push_back(step.text);
+    if (!steps_.empty() && !dryRun_) json["undoFile"] = undoFile_;
     // Names come from the command line and need not be UTF-8.
     fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
   }

@@ -52,8 +52,10 @@ TEST_F(TarnCheckTest, FindingsGiveFourAndAreCountedByKind) {
   EXPECT_EQ(result.exitCode, 4);
   EXPECT_EQ(result.output,
             "MGST: the main copy is damaged, the backup is good\n"
+            "  nothing is lost: the other copy has the same\n"
             "/tmp/card: 1 finding, 0 recordings, 0 events, 0 pictures\n"
-            "  management            1\n");
+            "  management            1\n"
+            "nothing lost\n");
 }
 
 TEST_F(TarnCheckTest, JsonHasKindsTextsAndCounts) {
@@ -61,9 +63,30 @@ TEST_F(TarnCheckTest, JsonHasKindsTextsAndCounts) {
   const ShellResult result = tarn("check /tmp/card --json");
   EXPECT_EQ(result.exitCode, 4);
   EXPECT_EQ(json::parse(result.output), json::parse(R"({"schema": 1, "card": "/tmp/card",
-      "clean": false, "recordings": 0, "events": 0, "pictures": 0, "counts": {"management": 1},
+      "clean": false, "recordings": 0, "events": 0, "pictures": 0, "meaning": "nothing lost",
+      "eventsWithoutVideo": [], "counts": {"management": 1},
       "findings": [{"kind": "management",
-                    "text": "MGST: the main copy is damaged, the backup is good"}]})"));
+                    "text": "MGST: the main copy is damaged, the backup is good",
+                    "consequence": "none",
+                    "meaning": "nothing is lost: the other copy has the same"}]})"));
+}
+
+TEST_F(TarnCheckTest, ADryRunSaysThatTheRecoveryWouldRunAndChangesNothing) {
+  damageManagement();
+  const std::string before = shell("sha256sum /tmp/card").output;
+  const ShellResult result = tarn("check /tmp/card --repair --dry-run");
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_THAT(result.output, HasSubstr("MGST: the main copy is damaged"));
+  EXPECT_THAT(result.output, HasSubstr("nothing lost\nthen the recovery would run: "));
+  const json report = json::parse(tarn("check /tmp/card --repair --dry-run --json").output);
+  EXPECT_EQ(report["recovery"], json::parse(R"({"wouldRun": true, "leftOpen": 0})"));
+  EXPECT_EQ(shell("sha256sum /tmp/card").output, before);
+}
+
+TEST_F(TarnCheckTest, ADryRunOnACleanCardGivesZero) {
+  const ShellResult result = tarn("check /tmp/card --repair --dry-run");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.output, "/tmp/card: clean, 0 recordings, 0 events, 0 pictures\n");
 }
 
 TEST_F(TarnCheckTest, RepairRunsTheRecoveryAndGivesOne) {
@@ -85,10 +108,13 @@ TEST_F(TarnCheckTest, WhatTheRecoveryCannotRepairIsLeft) {
   EXPECT_EQ(result.exitCode, 4);
   EXPECT_EQ(result.output,
             "the FSInfo sector lacks its signatures\n"
+            "  nothing is lost: the recorder finds its chunks without it\n"
             "1 finding, then the recovery ran\n"
             "the FSInfo sector lacks its signatures\n"
+            "  nothing is lost: the recorder finds its chunks without it\n"
             "/tmp/card: 1 finding, 0 recordings, 0 events, 0 pictures\n"
-            "  fat                   1\n");
+            "  fat                   1\n"
+            "nothing lost\n");
 }
 
 TEST_F(TarnCheckTest, WhatIsNoCardGivesEight) {

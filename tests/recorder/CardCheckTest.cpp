@@ -258,6 +258,7 @@ TEST_F(CardCheckTest, AJournalPlaceThatIsRefusedIsNeitherDamagedNorLost) {
   }
   expectSome(FindingKind::kUnreadable,
              "recording journal: 8 records at byte 0 not given by the device");
+  EXPECT_TRUE(check_.eventsWithoutVideo().empty()) << "their recordings may be among those";
   EXPECT_EQ(check_.findings().count(FindingKind::kJournalRecord), 0u);
 }
 
@@ -414,6 +415,50 @@ TEST_F(CardCheckTest, FindsOneTurnedBitAnywhereInAPicture) {
                   ": picture 41 of 50, between 2023-11-15 00:13:21 and 2023-11-15 00:13:21: "
                   "pictures are damaged or overwritten; concerns event 1");
   }
+}
+
+TEST_F(CardCheckTest, SaysHowManySecondsOfWhichCameraAreDamagedOrLost) {
+  EXPECT_EQ(findings().total(), 0u);
+  EXPECT_EQ(check_.meaning(), "nothing lost");
+  {
+    const Undo undo(this);
+    for (uint32_t picture = 10; picture < 20; ++picture) {
+      const uint32_t offset = entryOf(rows_[0], picture).dataOffset + 500;
+      flip(chunkByte(tarn::kFileStream, rows_[0].chunkID, offset));
+    }
+    ASSERT_EQ(findings().list().size(), 1u) << texts();
+    const tarn::CardFinding& finding = check_.findings().list()[0];
+    EXPECT_EQ(finding.consequence, tarn::Consequence::kDamaged);
+    EXPECT_EQ(finding.meaning, "0.4 s of camera 0 at 2023-11-15 00:13:20 are damaged");
+    EXPECT_EQ(finding.videoMicros, 400000);
+    EXPECT_EQ(finding.channel, 0);
+    EXPECT_EQ(check_.meaning(), "0.4 s of video damaged");
+  }
+  flip(entryByte(rows_[1], 30));
+  ASSERT_EQ(findings().list().size(), 1u) << texts();
+  const tarn::CardFinding& finding = check_.findings().list()[0];
+  EXPECT_EQ(finding.consequence, tarn::Consequence::kLost);
+  EXPECT_EQ(finding.meaning, "0.1 s of camera 0 at 2023-11-15 00:13:23 are lost");
+}
+
+// The second event lies in the third recording, the first one in the first two.
+TEST_F(CardCheckTest, NamesEventsThatHaveNoVideo) {
+  findings();
+  EXPECT_TRUE(check_.eventsWithoutVideo().empty());
+  for (uint32_t picture = 0; picture < kPictures; ++picture) flip(entryByte(rows_[2], picture));
+  findings();
+  EXPECT_EQ(check_.eventsWithoutVideo(), (std::vector<uint32_t>{2}));
+  EXPECT_EQ(check_.meaning(), "2.0 s of video lost, 1 event without video");
+}
+
+TEST_F(CardCheckTest, WhatIsThereTwiceLosesNothing) {
+  flip(chunkByte(tarn::kFileJournal, 2, 8));
+  flip(chunkByte(tarn::kFilePicture, rows_[0].chunkID, rows_[0].chunkOffset + 12));
+  EXPECT_EQ(findings().total(), 2u) << texts();
+  for (const tarn::CardFinding& finding : check_.findings().list()) {
+    EXPECT_EQ(finding.consequence, tarn::Consequence::kNone) << finding.text;
+  }
+  EXPECT_EQ(check_.meaning(), "nothing lost");
 }
 
 TEST_F(CardCheckTest, AQuickLookReadsOnlyWhatPicturesBeginWith) {
