@@ -124,6 +124,15 @@ ManageRepair judge(Delivery main, Delivery backup, bool equal) {
   return equal ? ManageRepair::kGood : ManageRepair::kBackupCopied;
 }
 
+// A sector that the card lost as zeros has the checksum of zeros. Beside a backup that says
+// something it is no main copy.
+bool isLostAsZeros(const Bytes& main, const Bytes& backup) {
+  const auto empty = [](const Bytes& bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
+  };
+  return !main.empty() && !backup.empty() && empty(main) && !empty(backup);
+}
+
 }  // namespace
 
 ManageRepair judgeManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* records) {
@@ -149,8 +158,12 @@ ManageRepair repairManageFile(FileType chunkType, std::vector<CHUNK_MANAGE>* rec
   if (!file.isOpen()) return ManageRepair::kFailed;
   Bytes main;
   Bytes backup;
-  const Delivery ofMain = file.read(kManageMainCopy, &main);
+  Delivery ofMain = file.read(kManageMainCopy, &main);
   const Delivery ofBackup = file.read(kManageBackupCopy, &backup);
+  if (isLostAsZeros(main, backup)) {
+    ofMain = Delivery::kBad;
+    main.clear();
+  }
   ManageRepair result = judge(ofMain, ofBackup, main == backup);
   if (unread != nullptr && (ofMain == Delivery::kRefused || ofBackup == Delivery::kRefused)) {
     *unread = file.name(ofMain == Delivery::kRefused ? kManageMainCopy : kManageBackupCopy);

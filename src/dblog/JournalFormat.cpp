@@ -75,6 +75,16 @@ bool journalRecordInPlace(const JournalTraits& traits, const void* record, uint3
          journalRecordValid(record, traits.crcLength);
 }
 
+namespace {
+
+bool isErased(const uint8_t* record) { return journalMarker(record) == kMarkerErased; }
+
+bool isErasedOrLost(const uint8_t* record) {
+  return isErased(record) || journalMarker(record) == 0;
+}
+
+}  // namespace
+
 JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
                                const uint8_t* original, const uint8_t* mirror) {
   const auto inPlace = [&](const uint8_t* record) {
@@ -82,14 +92,16 @@ JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
   };
   if (inPlace(original)) return JournalCopy::kOriginal;
   if (inPlace(mirror)) return JournalCopy::kMirror;
-  if (original == nullptr || mirror == nullptr) {
-    return omitted(Omit::kCopyRefused) ? JournalCopy::kNeither : JournalCopy::kRefused;
+  if (omitted(Omit::kCopyRefused) && (original == nullptr) != (mirror == nullptr)) {
+    return original != nullptr ? JournalCopy::kOriginal : JournalCopy::kMirror;
   }
+  if (original == nullptr || mirror == nullptr) return JournalCopy::kRefused;
+  // Zeros beside an erased copy are what a card made of the other one, and no record.
+  const bool erased = isErased(original) || isErased(mirror);
+  if (erased && isErasedOrLost(original) && isErasedOrLost(mirror)) return JournalCopy::kErased;
   if (journalRecordValid(original, traits.crcLength)) return JournalCopy::kOriginal;
   if (journalRecordValid(mirror, traits.crcLength)) return JournalCopy::kMirror;
-  const bool erased =
-      journalMarker(original) == kMarkerErased && journalMarker(mirror) == kMarkerErased;
-  return erased ? JournalCopy::kErased : JournalCopy::kNeither;
+  return JournalCopy::kNeither;
 }
 
 void encodeEventRecord(const DB_EVENT& row, void* record) {

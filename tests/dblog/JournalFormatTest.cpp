@@ -120,6 +120,8 @@ TEST(JournalFormat, OfTwoCopiesTheOneInItsPlaceCounts) {
   EXPECT_EQ(judge(zeros.data(), noise.data()), JournalCopy::kOriginal);
   EXPECT_EQ(judge(noise.data(), zeros.data()), JournalCopy::kMirror);
   EXPECT_EQ(judge(erased.data(), erased.data()), JournalCopy::kErased);
+  EXPECT_EQ(judge(erased.data(), zeros.data()), JournalCopy::kErased);
+  EXPECT_EQ(judge(zeros.data(), erased.data()), JournalCopy::kErased);
   EXPECT_EQ(judge(erased.data(), noise.data()), JournalCopy::kNeither);
   EXPECT_EQ(judge(noise.data(), noise.data()), JournalCopy::kNeither);
 }

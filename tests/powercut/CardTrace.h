@@ -56,11 +56,12 @@ struct ReadFault {
     kBurst,   // it and the next kBurstReads - 1 give an error
     kGone,    // it and all that follow
     kSector,  // reads end before a bad sector, or give an error where they begin in it
+    kZeros,   // a sector reads as zeros
   };
   static constexpr size_t kBurstReads = 20;  // more than anybody asks again
   Kind kind = kNone;
   size_t read = 0;      // from 0
-  uint64_t sector = 0;  // only of kSector
+  uint64_t sector = 0;  // of the last two
 
   bool isPassing() const { return kind == kFails || kind == kShort; }
 };
@@ -114,6 +115,7 @@ class Card {
   // Called by the interposed system calls, under their lock.
   // Bytes that a read may have; -1: none, it fails.
   ssize_t aboutToRead(uint64_t offset, size_t length);
+  void haveRead(uint64_t offset, void* bytes, size_t length);
   void aboutToWrite(uint64_t offset, size_t length);
   void written(uint64_t offset, const void* bytes, size_t length);
   void flushed();

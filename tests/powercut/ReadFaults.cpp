@@ -15,6 +15,7 @@ namespace {
 
 constexpr uint32_t kSlots = 16;  // states of a read
 constexpr uint32_t kFirstSectorSlot = 4;
+constexpr uint32_t kFirstZerosSlot = 12;
 constexpr uint64_t kSmallRead = 8;  // sectors; of larger ones so many are tried
 
 bool touches(const PicturePlace& place, const ReadFault& fault) {
@@ -152,8 +153,9 @@ std::string describe(const Recorded& life, const ReadFault& fault) {
                                    "is short once",
                                    "and the next ones fail",
                                    "and all that follow fail",
-                                   "is bad"};
-  const bool sector = fault.kind == ReadFault::kSector;
+                                   "is bad",
+                                   "reads as zeros"};
+  const bool sector = fault.kind == ReadFault::kSector || fault.kind == ReadFault::kZeros;
   const CardRead& read = life.reads.at(fault.read);
   const uint64_t byte = sector ? fault.sector * kSector : read.offset;
   const std::string place = placeOf(byte);
@@ -166,7 +168,10 @@ std::string describe(const Recorded& life, const ReadFault& fault) {
 std::string checkUnderFault(const Recorded& life, const ReadFault& fault,
                             const tarn::RecoveryReport& report) {
   if (Card::get().refusals() == 0) return "nothing was refused";
+  if (!report.ok() && fault.kind == ReadFault::kZeros)
+    return "stops, with one good copy: " + report.error;
   if (!report.ok()) return checkError(fault, report.error);
+  if (fault.kind == ReadFault::kZeros) return "";
   std::string failure = checkStreams(life, fault);
   if (failure.empty()) failure = checkEvents(life);
   return failure.empty() ? "" : "under the fault: " + failure;
@@ -188,6 +193,12 @@ void ReadFaults::visitSectors(size_t read) {
     const uint64_t sector = first + (tried == 1 ? 0 : i * (count - 1) / (tried - 1));
     if (!badSectors_.insert(sector).second) continue;
     visitFault(kFirstSectorSlot + static_cast<uint32_t>(i), {ReadFault::kSector, read, sector});
+    const auto isOf = [sector](const auto& extent) {
+      return sector * kSector >= extent.first && sector * kSector < extent.second;
+    };
+    if (i < kSlots - kFirstZerosSlot && std::any_of(copied_.begin(), copied_.end(), isOf)) {
+      visitFault(kFirstZerosSlot + static_cast<uint32_t>(i), {ReadFault::kZeros, read, sector});
+    }
   }
 }
 

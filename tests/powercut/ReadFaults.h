@@ -14,9 +14,10 @@ namespace powercut {
 // Every way in which one read of a recovery is refused: each read of the undisturbed recovery fails
 // once, comes short once, fails with the next ones, and with all that follow; and the sectors that
 // it asks for are bad from the beginning to the end, each of a small read, some of a large one.
+// What the card has twice also reads as zeros.
 class ReadFaults {
  public:
-  explicit ReadFaults(const Recorded& life) : life_(life) {}
+  explicit ReadFaults(const Recorded& life) : life_(life), copied_(copiedExtents()) {}
 
   // As States::walk. A state's number is that of its read and, below, of what befalls it.
   void walk(const States::Visit& visit, const States::Run& run);
@@ -28,7 +29,8 @@ class ReadFaults {
   void visitSectors(size_t read);
 
   const Recorded& life_;
-  uint64_t number_ = 0;  // of the read's first state
+  const std::vector<std::pair<uint64_t, uint64_t>> copied_;  // bytes that are kept twice
+  uint64_t number_ = 0;                                      // of the read's first state
   uint64_t distinct_ = 0;
   std::unordered_set<uint64_t> badSectors_;
   const States::Visit* visit_ = nullptr;

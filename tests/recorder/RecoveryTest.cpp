@@ -403,6 +403,19 @@ TEST_F(RecoveryTest, EachManagementFileComesBackFromEitherCopyAndFromNone) {
   }
 }
 
+// Zeros have the checksum of zeros.
+TEST_F(RecoveryTest, AManagementFileThatTheCardLostAsZerosComesBackFromItsBackup) {
+  tarn::RecordingOptions options;
+  options.channel = 7;
+  rig.record(0, 40, options);
+  rig.powerOff();
+  ASSERT_TRUE(rig.boot().ok());
+  const Bytes good = rig.cardBytes();
+  rig.card.writeChunk(tarn::kFileStreamManage, 0, 0, Bytes(kManageBytes, 0));
+  EXPECT_EQ(rig.boot().streamManage, ManageRepair::kMainCopied);
+  EXPECT_TRUE(rig.cardBytes() == good);
+}
+
 TEST_F(RecoveryTest, OfTwoDifferentGoodManagementCopiesTheMainOneStays) {
   rig.record(0, 40);
   rig.powerOff();
