@@ -23,7 +23,8 @@ constexpr char kUndoFile[] = "/tmp/damage.undo";
 
 std::string text(const DB_STREAM& row) {
   return "recording " + std::to_string(row.streamID) + " (" + std::to_string(row.recSize) +
-         " pictures)";
+         " pictures at " + std::to_string(row.chunkOffset) + " of index " +
+         std::to_string(row.chunkID) + ")";
 }
 
 // The first line of one that the other lacks.
@@ -138,7 +139,7 @@ std::string Judge::checkPictures(const DB_STREAM& row, const DB_STREAM& now) {
                bytes != pictureBytes(numbers[i])) {
       if (!mayBeLost) return which + " is not what was recorded";
       lost_ = true;
-      unseen_ = "damaged " + which + " is given out as if it were good";
+      if (!reader.isDamaged()) unseen_ = "damaged " + which + " is given out as if it were good";
     }
   }
   return "";
