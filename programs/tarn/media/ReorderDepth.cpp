@@ -23,7 +23,7 @@ class Bits {
       good_ = false;
       return 0;
     }
-    const uint32_t value = bytes_[at_ / 8] >> (7 - at_ % 8) & 1u;
+    const uint32_t value = uint32_t{bytes_[at_ / 8]} >> (7 - at_ % 8) & 1u;
     ++at_;
     return value;
   }
