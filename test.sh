@@ -2,20 +2,20 @@
 # Installs what is missing, builds everything and runs all tests: a release build, one with the
 # address and undefined-behaviour sanitizers, the concurrent tests with the thread sanitizer, and a
 # build for 32-bit ARM, whose tests run through QEMU, under sanitizers too; what the two machines
-# make of a card is compared.
+# make of a card is compared; and the fuzz targets, some seconds each.
 #   ./test.sh            all of it
-#   ./test.sh PRESET...  only these of: release asan tsan armhf-asan
+#   ./test.sh PRESET...  only these of: release asan tsan armhf-asan fuzz
 set -euo pipefail
 cd "$(dirname "$0")"
 . scripts/packages.sh
 
 jobs=$(nproc)
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(release asan tsan armhf-asan)
+[ ${#presets[@]} -gt 0 ] || presets=(release asan tsan armhf-asan fuzz)
 for preset in "${presets[@]}"; do
   case "$preset" in
-    release | asan | tsan | armhf-asan) ;;
-    *) echo "usage: ./test.sh [release] [asan] [tsan] [armhf-asan]" >&2; exit 2 ;;
+    release | asan | tsan | armhf-asan | fuzz) ;;
+    *) echo "usage: ./test.sh [release] [asan] [tsan] [armhf-asan] [fuzz]" >&2; exit 2 ;;
   esac
 done
 
@@ -23,7 +23,7 @@ step() { printf '\n== %s (%d s)\n' "$*" "$SECONDS"; }
 
 step "Packages"
 scripts/install-packages "${build_packages[@]}" "${run_packages[@]}" "${test_packages[@]}" \
-  "${arm_packages[@]}"
+  "${arm_packages[@]}" "${fuzz_packages[@]}"
 
 # Most tests start processes of their own and wait for them; on a busy machine one may lose patience
 # with another. What fails beside the others is run once more alone, and named.
@@ -61,6 +61,10 @@ for preset in "${presets[@]}"; do
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
   step "Test $preset"
+  if [ "$preset" = fuzz ]; then
+    tests/fuzz/run --seconds 8
+    continue
+  fi
   TZ=${zones[$preset]} run_tests "build/$preset" "${select[@]}"
   if [ "$preset" = armhf-asan ]; then
     echo "Skipped under the emulator, with the reason (its leak checker cannot run at all):"

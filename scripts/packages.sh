@@ -11,3 +11,4 @@ demo_packages=(python3-imageio ffmpeg dosfstools)
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
   file man-db dpkg-dev lintian systemd procps)
 bench_packages=(libbenchmark-dev nbdkit libnbd-bin util-linux python3-imageio ffmpeg)
+fuzz_packages=(clang-14 libclang-rt-14-dev)
