@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "fat/ChunkFiles.h"
+#include "manager/CTARNSyslogManager.h"
 #include "programs/ServerProcess.h"
 #include "support/CardImage.h"
 #include "support/RawClient.h"
@@ -124,6 +125,12 @@ TEST_F(TarnWait, TheLogIsWrittenWhenItsServerStopsWhileItWaitsForInput) {
     const std::vector<uint8_t> bytes = card_.readChunk(tarn::kFileSyslog, 0, 20, 3);
     return std::string(bytes.begin(), bytes.end()) == "one";
   }));
+  // The server knows of it: what stops now is not in the middle of a request.
+  CTARNSyslogManager manager(tarn::kRecorderPartition);
+  CHUNK_USAGE usage = {};
+  ASSERT_EQ(manager.openManageData(), 0);
+  EXPECT_TRUE(eventually([&] { return manager.getUsage(0, &usage) == 0 && usage.freeAddr == 24; }));
+  manager.closeManageData();
   kill(server->pid(), SIGSTOP);
   log.feed("two\n");
   EXPECT_TRUE(eventually([&] {
