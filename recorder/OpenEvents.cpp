@@ -38,23 +38,27 @@ void noteDeleted(const DB_EVENT& event, RecoveryReport* report) {
 }
 
 // When the last picture of a closed row is shown. A repaired row tells whole seconds only; its
-// entries tell the rest.
-PictureTime lastPictureTime(const DB_STREAM& row) {
+// entries tell the rest. False when the card does not give them.
+bool lastPictureTime(const DB_STREAM& row, PictureTime* out) {
   PictureTime last = {row.endDate, row.endMSec * 1000u};
-  if (row.endMSec != 0) return last;
+  *out = last;
+  if (row.endMSec != 0) return true;
   RecordingIndex index(row);
   PictureEntry entry;
   const uint32_t count = std::min(row.recSize, index.capacity());
   for (uint32_t i = count - std::min(count, kMostReordered); i < count; ++i) {
-    if (index.entry(i, &entry) == Delivery::kGood && last < entry.presentation &&
+    const Delivery got = index.entry(i, &entry);
+    if (got == Delivery::kRefused) return false;
+    if (got == Delivery::kGood && last < entry.presentation &&
         entry.presentation.seconds == row.endDate) {
       last = entry.presentation;
     }
   }
-  return last;
+  *out = last;
+  return true;
 }
 
-enum class Stretch { kFound, kNone, kOpen };
+enum class Stretch { kFound, kNone, kOpen, kRefused };
 
 // The stretch of recordings that was running at an event's beginning, and its last picture.
 class OpenEvent {
@@ -79,7 +83,8 @@ class OpenEvent {
       if (row.recSize == 0) stretch_ = Stretch::kOpen;
       if (row.endDate >= newest.endDate) newest = row;
     }
-    if (stretch_ == Stretch::kFound) last_ = lastPictureTime(newest);
+    if (stretch_ == Stretch::kFound && !lastPictureTime(newest, &last_))
+      stretch_ = Stretch::kRefused;
     return true;
   }
 
@@ -116,6 +121,11 @@ bool endEvent(const DB_EVENT& event, RecoveryReport* report) {
   if (!open.find()) return false;
   if (open.stretch() == Stretch::kOpen) {
     report->problems.push_back(nameOf(event) + " stays open with its recording");
+    return true;
+  }
+  if (open.stretch() == Stretch::kRefused) {
+    report->problems.push_back(nameOf(event) +
+                               " stays open: the card does not give where its recording ends");
     return true;
   }
   bool answered = false;

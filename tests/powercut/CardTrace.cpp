@@ -188,15 +188,6 @@ ssize_t Card::aboutToRead(uint64_t offset, size_t length) {
   return given;
 }
 
-void Card::haveRead(uint64_t offset, void* bytes, size_t length) {
-  if (fault_ == nullptr || fault_->kind != ReadFault::kZeros) return;
-  const uint64_t from = std::max(offset, fault_->sector * kSector);
-  const uint64_t to = std::min(offset + length, (fault_->sector + 1) * kSector);
-  if (from >= to) return;
-  memset(static_cast<uint8_t*>(bytes) + (from - offset), 0, to - from);
-  ++refusals_;
-}
-
 std::string Card::takeStray() { return std::exchange(stray_, std::string()); }
 
 void refuseDelete(int nth) { g_deletesToRefusal = nth; }
@@ -235,13 +226,9 @@ ssize_t writeCard(uint64_t offset, const void* bytes, size_t length, Do&& perfor
 }
 
 template <typename Do>
-ssize_t readCard(uint64_t offset, void* bytes, size_t length, Do&& perform) {
+ssize_t readCard(uint64_t offset, size_t length, Do&& perform) {
   const ssize_t given = Card::get().aboutToRead(offset, length);
-  if (given >= 0) {
-    const ssize_t got = perform(static_cast<size_t>(given));
-    if (got > 0) Card::get().haveRead(offset, bytes, static_cast<size_t>(got));
-    return got;
-  }
+  if (given >= 0) return perform(static_cast<size_t>(given));
   errno = EIO;
   return -1;
 }
@@ -376,14 +363,14 @@ ssize_t read(int fd, void* buf, size_t length) {
   if (!isCard(fd)) return real(fd, buf, length);
   std::lock_guard<std::mutex> lock(orderMutex());
   const auto at = static_cast<uint64_t>(lseek64(fd, 0, SEEK_CUR));
-  return readCard(at, buf, length, [&](size_t given) { return real(fd, buf, given); });
+  return readCard(at, length, [&](size_t given) { return real(fd, buf, given); });
 }
 
 ssize_t powercut_pread64(int fd, void* buf, size_t length, off64_t at) {
   static const auto real = next<ssize_t (*)(int, void*, size_t, off64_t)>("pread64");
   if (!isCard(fd)) return real(fd, buf, length, at);
   std::lock_guard<std::mutex> lock(orderMutex());
-  return readCard(static_cast<uint64_t>(at), buf, length,
+  return readCard(static_cast<uint64_t>(at), length,
                   [&](size_t given) { return real(fd, buf, given, at); });
 }
 

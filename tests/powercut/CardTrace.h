@@ -56,7 +56,7 @@ struct ReadFault {
     kBurst,   // it and the next kBurstReads - 1 give an error
     kGone,    // it and all that follow
     kSector,  // reads end before a bad sector, or give an error where they begin in it
-    kZeros,   // a sector reads as zeros
+    kZeros,   // no read is refused, but the card has lost a sector as zeros
   };
   static constexpr size_t kBurstReads = 20;  // more than anybody asks again
   Kind kind = kNone;
@@ -115,7 +115,6 @@ class Card {
   // Called by the interposed system calls, under their lock.
   // Bytes that a read may have; -1: none, it fails.
   ssize_t aboutToRead(uint64_t offset, size_t length);
-  void haveRead(uint64_t offset, void* bytes, size_t length);
   void aboutToWrite(uint64_t offset, size_t length);
   void written(uint64_t offset, const void* bytes, size_t length);
   void flushed();

@@ -41,9 +41,9 @@ class Checker {
  private:
   std::string checkRecovered(Cut cut, uint64_t flushed);
   std::string checkUndone(const ReadFault& fault);
-  // `exact`: it ends as the life's recovery does that nothing disturbed.
-  std::string checkResult(const tarn::RecoveryReport& report, Cut cut, uint64_t flushed,
-                          bool exact);
+  // How far it ends as the life's recovery does that nothing disturbed.
+  enum class Same { kNothing, kButJournalPlace, kAll };
+  std::string checkResult(const tarn::RecoveryReport& report, Cut cut, uint64_t flushed, Same same);
   std::string checkFormat(Cut cut);
 
   const Recorded& life_;

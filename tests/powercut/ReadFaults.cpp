@@ -131,6 +131,11 @@ std::vector<PicturePlace> picturePlaces(const std::vector<DB_STREAM>& rows) {
       }
       places.push_back({row.streamID, i, bytes});
     }
+    // Where the next one would be: whoever cannot read it does not know that there is none.
+    const uint32_t behind =
+        tarn::ringAdvance(row.chunkOffset, (row.recSize + 1) * tarn::kRecordSize, ring);
+    places.push_back({row.streamID, row.recSize,
+                      ringBytes(tarn::kFilePicture, row.chunkID, behind, tarn::kRecordSize)});
   }
   return places;
 }
@@ -154,7 +159,7 @@ std::string describe(const Recorded& life, const ReadFault& fault) {
                                    "and the next ones fail",
                                    "and all that follow fail",
                                    "is bad",
-                                   "reads as zeros"};
+                                   "is lost as zeros"};
   const bool sector = fault.kind == ReadFault::kSector || fault.kind == ReadFault::kZeros;
   const CardRead& read = life.reads.at(fault.read);
   const uint64_t byte = sector ? fault.sector * kSector : read.offset;
@@ -167,11 +172,10 @@ std::string describe(const Recorded& life, const ReadFault& fault) {
 
 std::string checkUnderFault(const Recorded& life, const ReadFault& fault,
                             const tarn::RecoveryReport& report) {
+  if (fault.kind == ReadFault::kZeros)
+    return report.ok() ? "" : "stops, with one good copy: " + report.error;
   if (Card::get().refusals() == 0) return "nothing was refused";
-  if (!report.ok() && fault.kind == ReadFault::kZeros)
-    return "stops, with one good copy: " + report.error;
   if (!report.ok()) return checkError(fault, report.error);
-  if (fault.kind == ReadFault::kZeros) return "";
   std::string failure = checkStreams(life, fault);
   if (failure.empty()) failure = checkEvents(life);
   return failure.empty() ? "" : "under the fault: " + failure;
