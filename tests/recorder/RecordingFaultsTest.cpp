@@ -265,7 +265,9 @@ TEST(RecordingFaults, NoFlushOfARecordingFailsInSilence) {
     good = good && event != 0 && session.endEvent(event, pictureTime(first + 29)) == 0;
     good = session.close() == 0 && good;
     if (n == 0) flushes = io.count(Call::Fsync);
-    if (flushOfARecording(rig, io, n)) EXPECT_FALSE(good) << "flush " << n << " of " << flushes;
+    if (flushOfARecording(rig, io, n)) {
+      EXPECT_FALSE(good) << "flush " << n << " of " << flushes;
+    }
     reported += good ? 0 : 1;
     const DB_STREAM row = allStreams().back();
     const bool own = row.startDate == pictureTime(first).seconds;
