@@ -18,6 +18,7 @@
 #include "manager/CTARNEndlessManager.h"
 #include "manager/CTARNStreamManager.h"
 #include "manager/RequestFormat.h"
+#include "mesg/CMesgClient.h"
 #include "programs/ServerProcess.h"
 #include "support/CardImage.h"
 #include "support/RawClient.h"
@@ -267,12 +268,25 @@ TEST_F(TarnServer, ItRaisesItsLimitOfOpenFilesAsFarAsItMayAndNeeds) {
   EXPECT_GE(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, FD_SETSIZE + 256));
 }
 
+// Opening again leaves the client before to whoever holds it.
+class OpenedAgain : public CTARNStreamManager {
+ public:
+  OpenedAgain() : CTARNStreamManager(51) {}
+  int open() {
+    before_.emplace_back(m_client);
+    return openManageData();
+  }
+
+ private:
+  std::vector<std::unique_ptr<CMesgClient>> before_;
+};
+
 TEST_F(TarnServer, OpeningWithoutClosingLeaksNoConnection) {
   const auto server = launch();
-  CTARNStreamManager manager(51);
-  ASSERT_EQ(manager.openManageData(), 0);
+  OpenedAgain manager;
+  ASSERT_EQ(manager.open(), 0);
   const size_t filesBefore = openFiles(server->pid());
-  for (int i = 0; i < 40; ++i) ASSERT_EQ(manager.openManageData(), 0);
+  for (int i = 0; i < 40; ++i) ASSERT_EQ(manager.open(), 0);
   EXPECT_TRUE(eventually([&] { return openFiles(server->pid()) <= filesBefore + 1; }));
   manager.closeManageData();
 }
