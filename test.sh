@@ -2,16 +2,17 @@
 # Installs what is missing, builds everything and runs all tests: a release build, one with the
 # address and undefined-behaviour sanitizers, the concurrent tests with the thread sanitizer, and a
 # build for 32-bit ARM, whose tests run through QEMU, under sanitizers too; what the two machines
-# make of a card is compared; and the fuzz targets, some seconds each.
+# make of a card is compared.
 #   ./test.sh            all of it
-#   ./test.sh PRESET...  only these of: release asan tsan armhf-asan fuzz
+#   ./test.sh PRESET...  only these of: release asan tsan armhf-asan, and fuzz, which is only run when
+#                        it is named: the fuzz targets, some seconds each
 set -euo pipefail
 cd "$(dirname "$0")"
 . scripts/packages.sh
 
 jobs=$(nproc)
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(release asan tsan armhf-asan fuzz)
+[ ${#presets[@]} -gt 0 ] || presets=(release asan tsan armhf-asan)
 for preset in "${presets[@]}"; do
   case "$preset" in
     release | asan | tsan | armhf-asan | fuzz) ;;
@@ -22,8 +23,9 @@ done
 step() { printf '\n== %s (%d s)\n' "$*" "$SECONDS"; }
 
 step "Packages"
-scripts/install-packages "${build_packages[@]}" "${run_packages[@]}" "${test_packages[@]}" \
-  "${arm_packages[@]}" "${fuzz_packages[@]}"
+packages=("${build_packages[@]}" "${run_packages[@]}" "${test_packages[@]}" "${arm_packages[@]}")
+[[ " ${presets[*]} " != *" fuzz "* ]] || packages+=("${fuzz_packages[@]}")
+scripts/install-packages "${packages[@]}"
 
 # Most tests start processes of their own and wait for them; on a busy machine one may lose patience
 # with another. What fails beside the others is run once more alone, and named.
