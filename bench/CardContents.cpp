@@ -7,7 +7,7 @@
 
 #include "Pair.h"
 #include "dblog/JournalFormat.h"
-#include "recorder/RecordFormat.h"
+#include "recorder/recording/RecordFormat.h"
 
 namespace bench {
 namespace {

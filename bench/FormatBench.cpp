@@ -9,7 +9,7 @@
 
 #include "Machine.h"
 #include "Pair.h"
-#include "recorder/CardFormatter.h"
+#include "recorder/card/CardFormatter.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
 #include "dblog/JournalFormat.h"
-#include "recorder/DatabaseSetup.h"
+#include "recorder/rows/DatabaseSetup.h"
 
 namespace {
 

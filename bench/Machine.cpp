@@ -13,8 +13,8 @@
 #include <cstring>
 
 #include "Pair.h"
-#include "recorder/CardFormatter.h"
-#include "recorder/DatabaseSetup.h"
+#include "recorder/card/CardFormatter.h"
+#include "recorder/rows/DatabaseSetup.h"
 
 namespace bench {
 namespace {

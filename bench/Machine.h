@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "base/UniqueFd.h"
-#include "recorder/CardLayout.h"
+#include "recorder/card/CardLayout.h"
 
 // What benchmarks need around them: cards on media of different speed, the database, the server.
 namespace bench {

@@ -9,7 +9,7 @@
 #include "Machine.h"
 #include "Pair.h"
 #include "db/CApiDb.h"
-#include "recorder/DatabaseSetup.h"
+#include "recorder/rows/DatabaseSetup.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include "dblog/CDbRestore.h"
 #include "dblog/JournalFormat.h"
 #include "manager/CTARNStreamManagerNative.h"
-#include "recorder/RecordFormat.h"
+#include "recorder/recording/RecordFormat.h"
 
 namespace {
 

@@ -13,8 +13,8 @@
 #include "Pair.h"
 #include "dblog/CDbRestore.h"
 #include "dblog/JournalFormat.h"
-#include "recorder/DatabaseSetup.h"
-#include "recorder/JournalSurvey.h"
+#include "recorder/recovery/JournalSurvey.h"
+#include "recorder/rows/DatabaseSetup.h"
 
 namespace {
 

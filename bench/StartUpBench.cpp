@@ -6,7 +6,7 @@
 #include "Machine.h"
 #include "Pair.h"
 #include "db/CApiDb.h"
-#include "recorder/Recovery.h"
+#include "recorder/recovery/Recovery.h"
 
 namespace {
 

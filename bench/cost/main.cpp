@@ -20,10 +20,10 @@
 #include "chunk/CTARNStreamChunk.h"
 #include "dblog/CDbLog.h"
 #include "manager/CTARNStreamManager.h"
-#include "recorder/CardFormatter.h"
-#include "recorder/DatabaseSetup.h"
-#include "recorder/ManagementServer.h"
-#include "recorder/RecordingSession.h"
+#include "recorder/card/CardFormatter.h"
+#include "recorder/rows/DatabaseSetup.h"
+#include "recorder/server/ManagementServer.h"
+#include "recorder/session/RecordingSession.h"
 
 namespace {
 

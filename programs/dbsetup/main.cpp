@@ -8,8 +8,8 @@
 
 #include "base/StandardStreams.h"
 #include "programs/OutOfMemory.h"
-#include "recorder/DatabaseGate.h"
-#include "recorder/DatabaseSetup.h"
+#include "recorder/rows/DatabaseGate.h"
+#include "recorder/rows/DatabaseSetup.h"
 
 namespace {
 

@@ -20,7 +20,7 @@
 #include "base/StandardStreams.h"
 #include "base/UniqueFd.h"
 #include "programs/OutOfMemory.h"
-#include "recorder/ManagementServer.h"
+#include "recorder/server/ManagementServer.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "recorder/CardLock.h"
+#include "recorder/card/CardLock.h"
 
 namespace tarn {
 

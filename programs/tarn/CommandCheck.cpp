@@ -9,9 +9,9 @@
 #include "Console.h"
 #include "StandardOutputMuted.h"
 #include "fat/ChunkFiles.h"
-#include "recorder/CardCheck.h"
-#include "recorder/CardGeometry.h"
-#include "recorder/CardRepair.h"
+#include "recorder/card/CardGeometry.h"
+#include "recorder/card/CardRepair.h"
+#include "recorder/check/CardCheck.h"
 
 namespace tarn {
 namespace {

@@ -8,8 +8,9 @@
 
 #include "Command.h"
 #include "Console.h"
-#include "recorder/CardFormatter.h"
-#include "recorder/CardText.h"
+#include "recorder/card/CardFormatter.h"
+#include "recorder/card/CardText.h"
+#include "recorder/check/CardHoldings.h"
 
 namespace tarn {
 namespace {
@@ -65,6 +66,7 @@ class CommandFormat : public Command {
     request_.clusterBytes = static_cast<uint32_t>(std::min<uint64_t>(clusterBytes_, 0x80000000));
     // Where nobody can be asked, what is on the card stays.
     if (isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0) options_.confirm = ask;
+    options_.look = cardHoldings;
     catchStopSignals();
     std::string error;
     if (format(&error) != 0) {

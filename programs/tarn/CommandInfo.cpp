@@ -4,8 +4,8 @@
 
 #include "Command.h"
 #include "Console.h"
-#include "recorder/CardInfo.h"
-#include "recorder/CardText.h"
+#include "recorder/card/CardInfo.h"
+#include "recorder/card/CardText.h"
 
 namespace tarn {
 namespace {

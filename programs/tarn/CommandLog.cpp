@@ -11,9 +11,9 @@
 #include "api/CApiTarnSyslogRead.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNSyslogManager.h"
-#include "recorder/LogFormat.h"
-#include "recorder/LogWriter.h"
-#include "recorder/ServerRetry.h"
+#include "recorder/log/LogFormat.h"
+#include "recorder/log/LogWriter.h"
+#include "recorder/rows/ServerRetry.h"
 
 namespace tarn {
 namespace {

@@ -1,7 +1,7 @@
 #include "Command.h"
 #include "Console.h"
 #include "StandardOutputMuted.h"
-#include "recorder/Recovery.h"
+#include "recorder/recovery/Recovery.h"
 
 namespace tarn {
 namespace {

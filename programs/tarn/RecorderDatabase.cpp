@@ -4,8 +4,8 @@
 
 #include "Console.h"
 #include "db/CApiDb.h"
-#include "recorder/DatabaseGate.h"
-#include "recorder/DatabaseSetup.h"
+#include "recorder/rows/DatabaseGate.h"
+#include "recorder/rows/DatabaseSetup.h"
 
 namespace tarn {
 namespace {

@@ -11,7 +11,7 @@
 #include "Console.h"
 #include "StandardOutputMuted.h"
 #include "base/UniqueFd.h"
-#include "recorder/Recovery.h"
+#include "recorder/recovery/Recovery.h"
 
 namespace tarn {
 namespace {

@@ -63,7 +63,7 @@ class TARN_API CDbLog {
   bool clearDbLogFreeAddr();
 
   // Moves the free offset of one journal, on both its chunks, and saves: for an owner who found it
-  // stale, see recorder/JournalGuard.h. 0, or -1 when the offset is not the place of a record, when
+  // stale, see recorder/rows/JournalGuard.h. 0, or -1 when the offset is not the place of a record, when
   // the operation is refused, or when the server did not take it.
   int correctFreeOffset(tarn::JournalKind kind, unsigned long offset);
   // Bytes of each journal chunk; 0 on failure.

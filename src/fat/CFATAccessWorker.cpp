@@ -7,6 +7,7 @@
 
 #include "base/UniqueFd.h"
 #include "fat/CFATAccess.h"
+#include "fat/FailureMarker.h"
 #include "fat/FatLog.h"
 #include "fat/FatMessages.h"
 
@@ -15,12 +16,13 @@ using tarn::logFat;
 namespace {
 
 // Its existence tells the rest of the recorder that buffered data was lost. Only ever created here.
-constexpr char kMarkerFile[] = "/tmp/sd_err_mem_write";
 constexpr mode_t kMarkerMode = 0777;
 // The worker's lines carry its own operation's name, whichever thread does the work.
 constexpr char kWorker[] = "m_bufferWriteFunc";
 
-void createMarker() { tarn::UniqueFd marker(open64(kMarkerFile, O_WRONLY | O_CREAT, kMarkerMode)); }
+void createMarker() {
+  tarn::UniqueFd marker(open64(tarn::kFailureMarkerPath, O_WRONLY | O_CREAT, kMarkerMode));
+}
 
 }  // namespace
 

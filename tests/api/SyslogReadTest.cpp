@@ -5,7 +5,7 @@
 
 #include "api/CApiTarnSyslogRead.h"
 #include "manager/CTARNEndlessManagerNative.h"
-#include "recorder/ManagementServer.h"
+#include "recorder/server/ManagementServer.h"
 #include "support/CardImage.h"
 #include "support/SyslogCapture.h"
 

@@ -20,8 +20,8 @@
 
 #include "base/Endian.h"
 #include "dblog/CDbLog.h"
-#include "recorder/RecordingReader.h"
-#include "recorder/RecordingSession.h"
+#include "recorder/recording/RecordingReader.h"
+#include "recorder/session/RecordingSession.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "manager/CTARNEndlessManager.h"
 #include "manager/CTARNStreamManager.h"
 #include "manager/CTARNSyslogManager.h"
-#include "recorder/ManagementServer.h"
+#include "recorder/server/ManagementServer.h"
 #include "support/CardImage.h"
 #include "support/IoFaults.h"
 #include "support/SyslogCapture.h"

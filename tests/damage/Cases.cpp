@@ -4,7 +4,7 @@
 
 #include "powercut/CardTrace.h"
 #include "powercut/Workload.h"
-#include "recorder/CardLayout.h"
+#include "recorder/card/CardLayout.h"
 
 namespace damage {
 namespace {

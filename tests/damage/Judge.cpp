@@ -9,9 +9,9 @@
 #include "fat/ChunkFiles.h"
 #include "powercut/Checks.h"
 #include "powercut/ReadFaults.h"
-#include "recorder/CardInfo.h"
-#include "recorder/CardRepair.h"
-#include "recorder/RecordingReader.h"
+#include "recorder/card/CardInfo.h"
+#include "recorder/card/CardRepair.h"
+#include "recorder/recording/RecordingReader.h"
 
 namespace damage {
 namespace {

@@ -7,7 +7,7 @@
 #include "powercut/LogLife.h"
 #include "powercut/ReadFaults.h"
 #include "powercut/Script.h"
-#include "recorder/CardInfo.h"
+#include "recorder/card/CardInfo.h"
 
 namespace damage {
 namespace {

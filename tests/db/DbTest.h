@@ -8,7 +8,7 @@
 
 #include "db/CApiDb.h"
 #include "db/DbTrace.h"
-#include "recorder/DatabaseSetup.h"
+#include "recorder/rows/DatabaseSetup.h"
 #include "support/SyslogCapture.h"
 
 namespace tarn_test {

@@ -8,7 +8,7 @@
 #include "dblog/CDbRestore.h"
 #include "dblog/JournalRig.h"
 #include "manager/CTARNStreamManagerNative.h"
-#include "recorder/AnnexB.h"
+#include "recorder/recording/AnnexB.h"
 
 namespace tarn_test {
 

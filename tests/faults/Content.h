@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "recorder/PictureTime.h"
+#include "recorder/card/PictureTime.h"
 
 // What the rig records: every picture tells what it is, so that each one that comes back shows
 // where it belongs, and no two are alike.

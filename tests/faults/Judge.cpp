@@ -12,12 +12,12 @@
 #include "api/CApiTarnSyslogRead.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
-#include "recorder/CardCheck.h"
-#include "recorder/DatabaseSetup.h"
-#include "recorder/ManagementServer.h"
-#include "recorder/RecordingReader.h"
-#include "recorder/RecordingSession.h"
-#include "recorder/Recovery.h"
+#include "recorder/check/CardCheck.h"
+#include "recorder/recording/RecordingReader.h"
+#include "recorder/recovery/Recovery.h"
+#include "recorder/rows/DatabaseSetup.h"
+#include "recorder/server/ManagementServer.h"
+#include "recorder/session/RecordingSession.h"
 
 namespace faults {
 namespace {

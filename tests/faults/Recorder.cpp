@@ -22,8 +22,8 @@
 #include "Judge.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
-#include "recorder/RecordingReader.h"
-#include "recorder/RecordingSession.h"
+#include "recorder/recording/RecordingReader.h"
+#include "recorder/session/RecordingSession.h"
 
 namespace faults {
 namespace {

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "recorder/AnnexB.h"
+#include "recorder/recording/AnnexB.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   tarn::NalScanner scanner(data, size);

@@ -17,14 +17,14 @@
 #include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
 #include "manager/ManageFormat.h"
-#include "recorder/CardFormatter.h"
-#include "recorder/CardInfo.h"
-#include "recorder/DatabaseSetup.h"
-#include "recorder/LogWriter.h"
-#include "recorder/ManagementServer.h"
-#include "recorder/RecordFormat.h"
-#include "recorder/RecordingSession.h"
-#include "recorder/Recovery.h"
+#include "recorder/card/CardFormatter.h"
+#include "recorder/card/CardInfo.h"
+#include "recorder/log/LogWriter.h"
+#include "recorder/recording/RecordFormat.h"
+#include "recorder/recovery/Recovery.h"
+#include "recorder/rows/DatabaseSetup.h"
+#include "recorder/server/ManagementServer.h"
+#include "recorder/session/RecordingSession.h"
 
 namespace tarn_fuzz {
 namespace {

@@ -4,7 +4,7 @@
 
 #include "fuzz/FuzzCard.h"
 #include "fuzz/Muted.h"
-#include "recorder/CardCheck.h"
+#include "recorder/check/CardCheck.h"
 
 using namespace tarn_fuzz;
 

@@ -4,8 +4,8 @@
 
 #include "fuzz/FuzzCard.h"
 #include "fuzz/Muted.h"
-#include "recorder/DatabaseImage.h"
-#include "recorder/Recovery.h"
+#include "recorder/recovery/DatabaseImage.h"
+#include "recorder/recovery/Recovery.h"
 
 using namespace tarn_fuzz;
 

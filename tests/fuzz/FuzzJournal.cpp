@@ -3,7 +3,7 @@
 
 #include "fuzz/FuzzCard.h"
 #include "fuzz/Muted.h"
-#include "recorder/StartUp.h"
+#include "recorder/recovery/StartUp.h"
 
 using namespace tarn_fuzz;
 

@@ -4,8 +4,8 @@
 #include "dblog/CDbRestore.h"
 #include "fuzz/FuzzCard.h"
 #include "fuzz/Muted.h"
-#include "recorder/CardCheck.h"
-#include "recorder/LogFormat.h"
+#include "recorder/check/CardCheck.h"
+#include "recorder/log/LogFormat.h"
 
 using namespace tarn_fuzz;
 

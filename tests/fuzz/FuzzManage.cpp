@@ -1,8 +1,8 @@
 // Management files, both copies: opened, repaired and served.
 #include "fuzz/FuzzCard.h"
 #include "fuzz/Muted.h"
-#include "recorder/ManageFileRepair.h"
-#include "recorder/ManagementStores.h"
+#include "recorder/recovery/ManageFileRepair.h"
+#include "recorder/server/ManagementStores.h"
 
 using namespace tarn_fuzz;
 

@@ -4,7 +4,7 @@
 
 #include "fuzz/FuzzCard.h"
 #include "fuzz/Muted.h"
-#include "recorder/Recovery.h"
+#include "recorder/recovery/Recovery.h"
 
 using namespace tarn_fuzz;
 

@@ -4,8 +4,8 @@
 
 #include "fuzz/FuzzCard.h"
 #include "fuzz/Muted.h"
-#include "recorder/DatabaseSetup.h"
-#include "recorder/ManagementStores.h"
+#include "recorder/rows/DatabaseSetup.h"
+#include "recorder/server/ManagementStores.h"
 
 using namespace tarn_fuzz;
 

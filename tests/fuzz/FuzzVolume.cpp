@@ -6,8 +6,8 @@
 #include "fat/ChunkFiles.h"
 #include "fuzz/FuzzCard.h"
 #include "fuzz/Muted.h"
-#include "recorder/CardCheck.h"
-#include "recorder/CardInfo.h"
+#include "recorder/card/CardInfo.h"
+#include "recorder/check/CardCheck.h"
 
 using namespace tarn_fuzz;
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "recorder/DatabaseSetup.h"
+#include "recorder/rows/DatabaseSetup.h"
 
 extern "C" {
 

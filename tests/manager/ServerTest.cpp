@@ -4,7 +4,7 @@
 #include "manager/CTARNStreamManager.h"
 #include "manager/CTARNSyslogManager.h"
 #include "manager/StoreTest.h"
-#include "recorder/ManagementServer.h"
+#include "recorder/server/ManagementServer.h"
 
 namespace tarn_test {
 namespace {

@@ -16,10 +16,10 @@
 #include "fat/CFATAccess.h"
 #include "powercut/LogLife.h"
 #include "powercut/ReadFaults.h"
-#include "recorder/CardCheck.h"
-#include "recorder/CardInfo.h"
-#include "recorder/RecordingReader.h"
-#include "recorder/RecordingSession.h"
+#include "recorder/card/CardInfo.h"
+#include "recorder/check/CardCheck.h"
+#include "recorder/recording/RecordingReader.h"
+#include "recorder/session/RecordingSession.h"
 
 namespace powercut {
 namespace {

@@ -8,7 +8,7 @@
 
 #include "db/DbRecords.h"
 #include "powercut/Workload.h"
-#include "recorder/Recovery.h"
+#include "recorder/recovery/Recovery.h"
 
 namespace powercut {
 

@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "recorder/CardInfo.h"
-#include "recorder/LogFormat.h"
-#include "recorder/LogWriter.h"
+#include "recorder/card/CardInfo.h"
+#include "recorder/log/LogFormat.h"
+#include "recorder/log/LogWriter.h"
 
 namespace powercut {
 namespace {

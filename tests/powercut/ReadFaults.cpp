@@ -7,8 +7,8 @@
 #include "base/Wrap.h"
 #include "fat/ChunkFiles.h"
 #include "powercut/Checks.h"
-#include "recorder/RecordFormat.h"
-#include "recorder/RecordingReader.h"
+#include "recorder/recording/RecordFormat.h"
+#include "recorder/recording/RecordingReader.h"
 
 namespace powercut {
 namespace {

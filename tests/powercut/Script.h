@@ -7,7 +7,7 @@
 
 #include "dblog/CDbLog.h"
 #include "powercut/Workload.h"
-#include "recorder/RecordingSession.h"
+#include "recorder/session/RecordingSession.h"
 
 // What lives are written with.
 namespace powercut {

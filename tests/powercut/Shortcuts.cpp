@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "powercut/CardTrace.h"
-#include "recorder/DatabaseSetup.h"
+#include "recorder/rows/DatabaseSetup.h"
 
 namespace powercut {
 namespace {

@@ -14,9 +14,9 @@
 #include "powercut/ReadFaults.h"
 #include "powercut/Script.h"
 #include "powercut/States.h"
-#include "recorder/CardFormatter.h"
-#include "recorder/ManagementServer.h"
-#include "recorder/Recovery.h"
+#include "recorder/card/CardFormatter.h"
+#include "recorder/recovery/Recovery.h"
+#include "recorder/server/ManagementServer.h"
 
 namespace powercut {
 namespace {

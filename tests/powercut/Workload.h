@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "powercut/CardTrace.h"
-#include "recorder/CardLayout.h"
-#include "recorder/PictureTime.h"
+#include "recorder/card/CardLayout.h"
+#include "recorder/card/PictureTime.h"
 
 namespace tarn {
 class ManagementServer;

@@ -12,11 +12,11 @@
 #include "base/UniqueFd.h"
 #include "dblog/JournalFormat.h"
 #include "manager/ManageFormat.h"
-#include "recorder/CardCheck.h"
-#include "recorder/CardFormatter.h"
-#include "recorder/CardInfo.h"
-#include "recorder/LogWriter.h"
 #include "recorder/RecorderRig.h"
+#include "recorder/card/CardFormatter.h"
+#include "recorder/card/CardInfo.h"
+#include "recorder/check/CardCheck.h"
+#include "recorder/log/LogWriter.h"
 
 namespace tarn_test {
 

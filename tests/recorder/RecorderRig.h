@@ -15,9 +15,9 @@
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
 #include "manager/CTARNStreamManager.h"
-#include "recorder/ManagementServer.h"
-#include "recorder/RecordingReader.h"
-#include "recorder/RecordingSession.h"
+#include "recorder/recording/RecordingReader.h"
+#include "recorder/server/ManagementServer.h"
+#include "recorder/session/RecordingSession.h"
 #include "support/CardImage.h"
 #include "support/SyslogCapture.h"
 

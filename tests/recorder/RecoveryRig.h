@@ -9,9 +9,9 @@
 #include "base/Crc16.h"
 #include "base/Endian.h"
 #include "dblog/JournalFormat.h"
-#include "recorder/RecordFormat.h"
 #include "recorder/RecorderRig.h"
-#include "recorder/Recovery.h"
+#include "recorder/recording/RecordFormat.h"
+#include "recorder/recovery/Recovery.h"
 #include "support/IoFaults.h"
 
 namespace tarn_test {

@@ -16,9 +16,9 @@
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
 #include "fat/ChunkFiles.h"
-#include "recorder/DatabaseSetup.h"
-#include "recorder/LogWriter.h"
-#include "recorder/RecordingSession.h"
+#include "recorder/log/LogWriter.h"
+#include "recorder/rows/DatabaseSetup.h"
+#include "recorder/session/RecordingSession.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include "base/UniqueFd.h"
 #include "media/StreamInput.h"
-#include "recorder/AnnexB.h"
+#include "recorder/recording/AnnexB.h"
 
 namespace tarn::tool {
 

@@ -12,7 +12,7 @@
 #include "RecorderDatabase.h"
 #include "db/CApiDb.h"
 #include "media/MediaOutput.h"
-#include "recorder/RecordingReader.h"
+#include "recorder/recording/RecordingReader.h"
 
 namespace tarn::tool {
 namespace {

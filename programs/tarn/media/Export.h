@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "recorder/PictureTime.h"
+#include "recorder/card/PictureTime.h"
 
 namespace tarn::tool {
 

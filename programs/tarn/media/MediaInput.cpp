@@ -2,7 +2,7 @@
 
 #include "media/ContainerInput.h"
 #include "media/StreamInput.h"
-#include "recorder/AnnexB.h"
+#include "recorder/recording/AnnexB.h"
 
 namespace tarn::tool {
 namespace {

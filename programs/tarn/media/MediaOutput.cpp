@@ -10,7 +10,7 @@
 
 #include "base/UniqueFd.h"
 #include "media/Av.h"
-#include "recorder/AnnexB.h"
+#include "recorder/recording/AnnexB.h"
 
 namespace tarn::tool {
 namespace {

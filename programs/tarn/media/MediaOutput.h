@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "recorder/PictureTime.h"
+#include "recorder/card/PictureTime.h"
 
 namespace tarn::tool {
 

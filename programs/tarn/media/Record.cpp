@@ -13,7 +13,7 @@
 #include "Console.h"
 #include "dblog/CDbLog.h"
 #include "media/MediaInput.h"
-#include "recorder/RecordingSession.h"
+#include "recorder/session/RecordingSession.h"
 
 namespace tarn::tool {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "recorder/PictureTime.h"
+#include "recorder/card/PictureTime.h"
 
 namespace tarn::tool {
 

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "Console.h"
-#include "recorder/AnnexB.h"
+#include "recorder/recording/AnnexB.h"
 
 namespace tarn::tool {
 namespace {

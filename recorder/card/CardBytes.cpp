@@ -1,0 +1,86 @@
+#include "recorder/card/CardBytes.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// Behind sys/stat.h, which it needs.
+#include <linux/fs.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "recorder/card/CardText.h"
+
+namespace tarn {
+namespace {
+
+constexpr uint32_t kFirstPauseMs = 5;
+constexpr int kTries = 6;  // pauses of 5, 10, … 80 ms between them
+
+uint64_t sizeOfDevice(int fd) {
+  struct stat file;
+  if (fstat(fd, &file) != 0) return 0;
+  uint64_t bytes = 0;
+  if (S_ISBLK(file.st_mode)) return ioctl(fd, BLKGETSIZE64, &bytes) == 0 ? bytes : 0;
+  return static_cast<uint64_t>(file.st_size);
+}
+
+}  // namespace
+
+int CardBytes::open(const std::string& path, std::string* error) {
+  fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!fd_.valid()) {
+    *error = errnoText("cannot open " + path, errno);
+    return -1;
+  }
+  size_ = sizeOfDevice(fd_.get());
+  if (size_ != 0) return 0;
+  *error = path + " has no size: it is empty, or no card";
+  return -1;
+}
+
+bool CardBytes::readOnce(uint64_t offset, void* out, size_t length) const {
+  auto* bytes = static_cast<uint8_t*>(out);
+  while (length > 0) {
+    const ssize_t got = pread(fd_.get(), bytes, length, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    bytes += got;
+    offset += static_cast<uint64_t>(got);
+    length -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+bool CardBytes::read(uint64_t offset, void* out, size_t length) const {
+  if (!holds(offset, length)) return false;
+  bool given = readOnce(offset, out, length);
+  uint32_t pauseMs = kFirstPauseMs;
+  for (int tries = 1; !given && tries < kTries; ++tries) {
+    const uint32_t pause = std::min(pauseMs, patienceMs_);
+    patienceMs_ -= pause;
+    if (pause > 0) usleep(pause * 1000);
+    pauseMs *= 2;
+    given = readOnce(offset, out, length);
+  }
+  if (given) cover(offset, static_cast<uint8_t*>(out), length);
+  return given;
+}
+
+void CardBytes::cover(uint64_t offset, uint8_t* out, size_t length) const {
+  // The one before may reach in.
+  auto change = changes_.upper_bound(offset);
+  if (change != changes_.begin()) --change;
+  for (; change != changes_.end() && change->first < offset + length; ++change) {
+    const auto& [start, bytes] = *change;
+    const uint64_t from = std::max(offset, start);
+    const uint64_t to = std::min(offset + length, start + bytes.size());
+    if (from >= to) continue;
+    memcpy(out + (from - offset), bytes.data() + (from - start), static_cast<size_t>(to - from));
+  }
+}
+
+}  // namespace tarn

@@ -1,0 +1,127 @@
+#include "recorder/card/CardLock.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "base/UniqueFd.h"
+#include "recorder/card/CardText.h"
+
+namespace tarn {
+namespace {
+
+constexpr int kLockTries = 10;
+constexpr unsigned kLockPauseUs = 50000;
+
+int fail(std::string* error, std::string text) {
+  *error = std::move(text);
+  return -1;
+}
+
+// Where a device is mounted, or "".
+std::string mountPointOf(dev_t device) {
+  char wanted[32];
+  snprintf(wanted, sizeof wanted, "%u:%u", major(device), minor(device));
+  std::ifstream mounts("/proc/self/mountinfo");
+  std::string id, parent, number, root, point, rest;
+  while (mounts >> id >> parent >> number >> root >> point && std::getline(mounts, rest)) {
+    if (number == wanted) return point;
+  }
+  return "";
+}
+
+// The loop device that a file is attached to, or "".
+std::string loopDeviceOf(const struct stat& file) {
+  DIR* dir = opendir("/sys/block");
+  if (dir == nullptr) return "";
+  std::string found;
+  while (const struct dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name.rfind("loop", 0) != 0) continue;
+    std::ifstream in("/sys/block/" + name + "/loop/backing_file");
+    std::string backing;
+    struct stat other;
+    if (std::getline(in, backing) && stat(backing.c_str(), &other) == 0 &&
+        other.st_dev == file.st_dev && other.st_ino == file.st_ino) {
+      found = "/dev/" + name;
+      break;
+    }
+  }
+  closedir(dir);
+  return found;
+}
+
+// The machine's device manager takes short locks of its own on devices that have just changed.
+bool lockSoon(int fd) {
+  for (int i = 0; i < kLockTries; ++i) {
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0) return true;
+    if (errno != EWOULDBLOCK && errno != EINTR) return false;
+    usleep(kLockPauseUs);
+  }
+  return false;
+}
+
+}  // namespace
+
+int CardLock::acquire(const std::string& path, bool create, std::string* error) {
+  release();
+  struct stat before;
+  const bool exists = stat(path.c_str(), &before) == 0;
+  if (!exists && (errno != ENOENT || !create)) {
+    return fail(error, errnoText("cannot open " + path, errno));
+  }
+  if (exists && !S_ISBLK(before.st_mode) && !S_ISREG(before.st_mode)) {
+    return fail(error, path + " is neither a block device nor an image file");
+  }
+  isBlockDevice_ = exists && S_ISBLK(before.st_mode);
+  if (isBlockDevice_) {
+    const std::string point = mountPointOf(before.st_rdev);
+    if (!point.empty()) return fail(error, path + " is mounted on " + point);
+  }
+  // Exclusive opening of a device meets every mount, swap area and volume manager on it.
+  const int flags = O_RDWR | O_CLOEXEC | (isBlockDevice_ ? O_EXCL : (exists ? 0 : O_CREAT));
+  UniqueFd fd(::open(path.c_str(), flags, 0644));
+  if (!fd.valid()) {
+    if (errno == EBUSY) return fail(error, path + " is busy: something else is using it");
+    return fail(error, errnoText("cannot write to " + path, errno));
+  }
+  if (!lockSoon(fd.get())) {
+    return fail(error, path + " is in use by another program of the recorder");
+  }
+  fd_ = fd.get();
+  if (!checkIdle(path, error)) {
+    fd_ = -1;
+    return -1;
+  }
+  fd.release();
+  return 0;
+}
+
+bool CardLock::checkIdle(const std::string& path, std::string* error) const {
+  if (isBlockDevice_) return true;
+  struct stat file;
+  if (fstat(fd_, &file) != 0) {
+    *error = errnoText("cannot read " + path, errno);
+    return false;
+  }
+  const std::string loop = loopDeviceOf(file);
+  if (!loop.empty()) {
+    *error = path + " is busy: it is attached to " + loop;
+    return false;
+  }
+  return true;
+}
+
+void CardLock::release() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
+}  // namespace tarn

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "base/Export.h"
+#include "recorder/check/CardFinding.h"
+
+namespace tarn {
+
+struct CardCheckOptions {
+  // Reads every byte of every picture, at the device's speed, and compares it with the checksum of
+  // its entry. Else only what pictures begin with, which tells whether they are there.
+  bool wholePictures = true;
+  // Called now and then with what is done and what there is; false stops the check.
+  std::function<bool(uint64_t done, uint64_t total)> progress;
+};
+
+// Looks through a card, from its FAT to each picture, and changes no byte of it. Needs no server
+// and no database: the rows are those of the journal. The card must be at rest; what a running
+// server has not saved shows as findings.
+//
+// A card straight after its format and one after a clean stop are clean; a card that lost power has
+// findings, which the recovery corrects. One thread at a time.
+class TARN_API CardCheck {
+ public:
+  // 0, or -1 with the reason in *error when there is no card to look at, or when it was stopped.
+  int run(const std::string& path, const CardCheckOptions& options, std::string* error);
+
+  const CardFindings& findings() const { return findings_; }
+  uint32_t streamRows() const { return streamRows_; }
+  uint32_t eventRows() const { return eventRows_; }
+  // Events in whose time no recording leads to a picture, by key. They may be all that is left
+  // after the oldest recordings went, so they are no findings.
+  const std::vector<uint32_t>& eventsWithoutVideo() const { return eventsWithoutVideo_; }
+  // The sum for a person: "nothing lost".
+  std::string meaning() const { return meaningOfAll(findings_, eventsWithoutVideo_.size()); }
+  uint64_t pictures() const { return pictures_; }  // looked at
+
+ private:
+  CardFindings findings_;
+  std::vector<uint32_t> eventsWithoutVideo_;
+  uint32_t streamRows_ = 0;
+  uint32_t eventRows_ = 0;
+  uint64_t pictures_ = 0;
+};
+
+}  // namespace tarn

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "db/DbRecords.h"
+#include "recorder/card/CardReader.h"
+#include "recorder/check/CardFinding.h"
+
+namespace tarn {
+
+// What the parts of a card check share. Not part of the interface.
+struct CardContents {
+  CardReader card;
+  CardFindings findings;
+  std::map<uint32_t, DB_STREAM> streams;  // rows of the journal, by key
+  std::map<uint32_t, DB_EVENT> events;
+  uint64_t pictures = 0;
+  uint32_t patienceMs = 500;       // for reads that fail, all together
+  std::set<uint32_t> lostStreams;  // keys of rows that lead to no picture
+  bool rowsRefused = false;  // the device kept records of recordings back: there may be more rows
+  std::vector<uint32_t> eventsWithoutVideo;
+  uint64_t recordings = 0;    // looked at
+  bool wholePictures = true;  // not only their time stamps
+  bool stopped = false;
+  std::function<bool(uint64_t, uint64_t)> progress;
+
+  // Tells how far it is, and learns whether to go on.
+  void step() { stopped = stopped || (progress && !progress(recordings, streams.size())); }
+};
+
+// The parts, in their order. False when the check was stopped.
+void checkVolume(CardContents* contents);
+void checkManagement(CardContents* contents);
+void checkJournals(CardContents* contents);  // fills in the rows
+bool checkRecordings(CardContents* contents);
+void checkRings(CardContents* contents);
+void checkLog(CardContents* contents);
+
+}  // namespace tarn

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+
+#include "recorder/card/Source.h"
+#include "recorder/recording/RecordFormat.h"
+
+namespace tarn {
+
+// Looks whether the data of a picture is the one that its entry tells of: each picture carries its
+// own time, so another one's bytes in its place show. The stamp is local time in whatever zone the
+// recording was made, which need not be the one of now: all real ones are whole quarters of an hour
+// from UTC and at most 15 hours. `stream` is the stream chunk. kRefused when the device does not
+// give the bytes. Not part of the interface.
+Delivery lookAtPicture(Source* stream, const PictureEntry& entry);
+
+// The same for all bytes of the picture, by the entry's checksum: kBad is damage anywhere in them.
+// kGood without a checksum, and without reading. They are read a piece at a time.
+Delivery proveBytes(Source* stream, const PictureEntry& entry);
+
+}  // namespace tarn

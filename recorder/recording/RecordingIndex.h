@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "db/DbRecords.h"
+#include "recorder/card/Source.h"
+#include "recorder/recording/RecordFormat.h"
+
+namespace tarn {
+
+// Header and entries of one recording as they lie in its picture chunk: the one judge of both, for
+// readers, for the repair and for the check. Reads ahead in blocks; where the device refuses one,
+// sector by sector, so that only what a bad sector holds is refused. Needs no server. Not part of
+// the interface. Used by one thread.
+class RecordingIndex {
+ public:
+  // Of the recorder's own card: opens the row's picture chunk.
+  explicit RecordingIndex(const DB_STREAM& row);
+  // In a chunk that the caller has opened and that outlives this; `streamSize` bytes are in its
+  // stream chunk.
+  RecordingIndex(const DB_STREAM& row, Source* pictures, uint32_t streamSize);
+
+  // False of a chunk that cannot be opened, and of a row that the card has no place for: the latter
+  // is `placeless`, and no retry will help.
+  bool isOpen() const { return pictures_ != nullptr; }
+  bool isPlaceless() const { return placeless_; }
+  uint32_t streamSize() const { return streamSize_; }
+  // Entries that a recording can have at most.
+  uint32_t capacity() const;
+
+  // Good: right sum, known version and marker, data inside the stream chunk. The fields are filled
+  // in unless it is refused.
+  Delivery header(StreamHeader* out);
+  // Good: right CRC, the row's key, data inside the stream chunk. Numbers are the caller's to
+  // compare: kBad is also what lies behind the last entry, and what a recording of before left.
+  Delivery entry(uint32_t index, PictureEntry* out);
+  // Number of the first picture, told by the entries alone: of the first good one, as first numbers
+  // are multiples of a step. 0 without one that fits, or when the device gives none.
+  uint32_t firstNumber();
+  // Whether the slot of an entry holds a whole record of another recording: nothing of this one has
+  // ever been there.
+  bool isForeign(uint32_t index);
+  // Whether the slot of an entry is the first one of a sector: those in front of it in the same
+  // sector reach the card with it or not at all.
+  bool beginsSector(uint32_t index) const { return isOpen() && slotOf(index) % kSector == 0; }
+  // Forgets what was read ahead and what was refused, because a writer goes on meanwhile.
+  void forget();
+
+ private:
+  static constexpr uint32_t kBlock = 4096;
+  static constexpr uint32_t kSector = 512;
+
+  void place();
+  uint32_t slotOf(uint32_t index) const;
+  Delivery load(uint32_t offset);
+  Delivery record(uint32_t offset, const uint8_t** bytes);
+
+  const DB_STREAM row_;
+  std::unique_ptr<ChunkSource> own_;
+  Source* pictures_ = nullptr;
+  uint32_t streamSize_ = 0;
+  bool placeless_ = false;
+  uint32_t blockAt_ = 0;  // offset in the chunk
+  bool loaded_ = false;
+  Delivery sectors_[kBlock / kSector] = {};
+  std::vector<uint8_t> block_;
+};
+
+}  // namespace tarn

@@ -1,0 +1,227 @@
+#include "recorder/recovery/HeaderRepair.h"
+
+#include <algorithm>
+
+#include "base/Omission.h"
+#include "base/Wrap.h"
+#include "dblog/CDbRestore.h"
+#include "manager/ManageFormat.h"
+#include "recorder/recording/RecordingIndex.h"
+#include "recorder/recovery/NativeRows.h"
+
+namespace tarn {
+namespace {
+
+using Kind = RecoveryChange::Kind;
+
+constexpr char kSqlChunks[] =
+    "SELECT * FROM STREAM WHERE streamID IN ( SELECT MIN( streamID ) FROM STREAM GROUP BY chunkID "
+    ")";
+constexpr uint32_t kStatusRepaired = 0x10000;
+
+enum class Verdict { kGood, kRewrite, kDelete, kUnreadable };
+
+// Bytes of a ring from one place to another.
+uint32_t distance(uint32_t from, uint32_t to, uint32_t ringSize) {
+  return to >= from ? to - from : ringSize - from + to;
+}
+
+// One row's header against its entries.
+class HeaderCheck {
+ public:
+  explicit HeaderCheck(const DB_STREAM& row) : row_(row), index_(row) {}
+
+  Verdict run() {
+    if (row_.recSize == 0 || index_.isPlaceless()) return Verdict::kGood;
+    const Delivery read = index_.header(&present_);
+    if (read == Delivery::kRefused) return Verdict::kUnreadable;
+    headerGood_ = read == Delivery::kGood;
+    if (headerGood_ && fitsEnds()) return Verdict::kGood;
+    if (row_.recSize > index_.capacity()) return Verdict::kDelete;
+    return compare();
+  }
+
+  bool rewrite() const {
+    uint8_t bytes[kRecordSize];
+    encodeStreamHeader(expected_, bytes);
+    return CDbRestore().writePictureChunk(static_cast<short>(row_.chunkID), row_.chunkOffset, bytes,
+                                          kRecordSize) == 0;
+  }
+
+ private:
+  // The usual case, decided from the first and last entry: pictures lie back to back.
+  bool fitsEnds() {
+    PictureEntry first;
+    PictureEntry last;
+    const uint32_t pictures = row_.recSize;
+    return present_.pictures == pictures && present_.lastTime == row_.endDate &&
+           present_.gops > 0 && index_.entry(0, &first) == Delivery::kGood &&
+           index_.entry(pictures - 1, &last) == Delivery::kGood &&
+           first.number == present_.firstNumber && first.dataOffset == present_.dataOffset &&
+           last.number == wrapAdd32(present_.firstNumber, pictures - 1) &&
+           present_.dataSize == sizeUpTo(present_.dataOffset, last);
+  }
+
+  uint32_t sizeUpTo(uint32_t start, const PictureEntry& last) const {
+    return wrapAdd32(distance(start, last.dataOffset, index_.streamSize()), last.size);
+  }
+
+  // Reads all entries. False when the device does not give them.
+  bool scan() {
+    PictureEntry entry;
+    for (uint32_t i = 0; i < row_.recSize; ++i) {
+      const Delivery read = index_.entry(i, &entry);
+      if (read == Delivery::kRefused) return false;
+      if (read == Delivery::kBad) continue;
+      if (good_ == 0) {
+        first_ = entry;
+        firstIndex_ = i;
+      } else if (entry.number != wrapAdd32(first_.number, i - firstIndex_)) {
+        continue;
+      }
+      ++good_;
+      if (entry.isKey()) ++gops_;
+      last_ = entry;
+      lastIndex_ = i;
+    }
+    return true;
+  }
+
+  Verdict compare() {
+    if (!scan()) return Verdict::kUnreadable;
+    if (good_ == 0) return Verdict::kDelete;
+    expect();
+    const bool same = headerGood_ && expected_.marker == present_.marker &&
+                      expected_.firstNumber == present_.firstNumber &&
+                      expected_.dataOffset == present_.dataOffset &&
+                      expected_.dataSize == present_.dataSize &&
+                      expected_.lastTime == present_.lastTime &&
+                      expected_.pictures == present_.pictures && expected_.gops == present_.gops;
+    return same ? Verdict::kGood : Verdict::kRewrite;
+  }
+
+  // Of what bad entries do not tell, a header that fits the others is believed.
+  void expect() {
+    const uint32_t firstNumber = wrapSub32(first_.number, firstIndex_);
+    const bool believed = headerGood_ && present_.firstNumber == firstNumber;
+    const bool totalsBelieved = believed && present_.pictures == row_.recSize;
+    expected_.marker = headerGood_                            ? present_.marker
+                       : (row_.status & kStatusRepaired) != 0 ? kMarkerOpen
+                                                              : kMarkerClosed;
+    expected_.firstNumber = firstNumber;
+    expected_.dataOffset = firstIndex_ != 0 && believed ? present_.dataOffset : first_.dataOffset;
+    expected_.dataSize = lastIndex_ != row_.recSize - 1 && totalsBelieved
+                             ? present_.dataSize
+                             : sizeUpTo(expected_.dataOffset, last_);
+    expected_.gops = good_ != row_.recSize && totalsBelieved ? present_.gops : gops_;
+    expected_.lastTime = row_.endDate;
+    expected_.pictures = row_.recSize;
+  }
+
+  const DB_STREAM row_;
+  RecordingIndex index_;
+  StreamHeader present_;
+  StreamHeader expected_;
+  bool headerGood_ = false;
+  uint32_t good_ = 0;
+  uint32_t gops_ = 0;
+  PictureEntry first_;
+  uint32_t firstIndex_ = 0;
+  PictureEntry last_;
+  uint32_t lastIndex_ = 0;
+};
+
+// The repair of an interrupted recording leaves its header to this step; that is no news.
+bool wasClosedNow(uint32_t streamID, const RecoveryReport& report) {
+  return std::any_of(report.changes.begin(), report.changes.end(), [streamID](const auto& change) {
+    return change.kind == Kind::kRecordingClosed && change.key == streamID;
+  });
+}
+
+// Once: the oldest row of a chunk may be its newest.
+void noteUnreadable(const DB_STREAM& row, RecoveryReport* report) {
+  const std::string text = nameOf(row) + ": the card does not give its header and entries";
+  if (report->problems.empty() || report->problems.back() != text) report->problems.push_back(text);
+}
+
+// False: the row is to go, so the next one of its chunk is looked at.
+bool planRow(const DB_STREAM& row, HeaderPlan* plan, RecoveryReport* report) {
+  switch (HeaderCheck(row).run()) {
+    case Verdict::kDelete:
+      plan->deletions.push_back(row);
+      return false;
+    case Verdict::kRewrite:
+      plan->rewrites.push_back(row);
+      break;
+    case Verdict::kUnreadable:
+      noteUnreadable(row, report);
+      break;
+    case Verdict::kGood:
+      break;
+  }
+  return true;
+}
+
+bool isToGo(const DB_STREAM& row, const HeaderPlan& plan) {
+  return std::any_of(plan.deletions.begin(), plan.deletions.end(),
+                     [&row](const DB_STREAM& gone) { return gone.streamID == row.streamID; });
+}
+
+// The oldest (or newest) row of a chunk, and the next one as long as rows must go.
+bool planEnd(uint32_t chunk, bool oldest, HeaderPlan* plan, RecoveryReport* report) {
+  const std::string head = "SELECT * FROM STREAM WHERE chunkID = " + std::to_string(chunk);
+  const std::string order =
+      oldest ? " ORDER BY streamID ASC LIMIT 1" : " ORDER BY streamID DESC LIMIT 1";
+  std::string behind;
+  for (;;) {
+    std::vector<DB_STREAM> rows;
+    if (!selectStreams(head + behind + order, &rows)) return false;
+    if (rows.empty() || isToGo(rows[0], *plan) || planRow(rows[0], plan, report)) return true;
+    behind = (oldest ? " AND streamID > " : " AND streamID < ") + std::to_string(rows[0].streamID);
+  }
+}
+
+// Tested once more: the oldest row of a chunk may be its newest, and is mended then.
+bool rewriteRow(const DB_STREAM& row, RecoveryReport* report) {
+  HeaderCheck check(row);
+  const Verdict verdict = check.run();
+  if (verdict == Verdict::kUnreadable) noteUnreadable(row, report);
+  if (verdict != Verdict::kRewrite) return true;
+  if (!check.rewrite()) return false;
+  if (wasClosedNow(row.streamID, *report)) return true;
+  report->changes.push_back({Kind::kHeaderRewritten, row.streamID, row.recSize, row.endDate,
+                             nameOf(row) + ": stream header rewritten from its entries"});
+  return true;
+}
+
+bool deleteRow(const DB_STREAM& row, RecoveryReport* report) {
+  if (!deleteStreamNative(row)) return false;
+  report->changes.push_back({Kind::kRecordingDeleted, row.streamID, 0, 0,
+                             nameOf(row) + ": nothing of its entries is left, deleted"});
+  return true;
+}
+
+}  // namespace
+
+bool planHeaders(const std::vector<CHUNK_MANAGE>& chunks, HeaderPlan* plan,
+                 RecoveryReport* report) {
+  if (omitted(Omit::kHeaders)) return true;
+  std::vector<DB_STREAM> oldest;
+  if (!selectStreams(kSqlChunks, &oldest)) return false;
+  for (const DB_STREAM& row : oldest) {
+    if (row.chunkID < chunks.size() && isGuarded(chunks[row.chunkID].chType)) continue;
+    if (!planEnd(row.chunkID, true, plan, report) || !planEnd(row.chunkID, false, plan, report)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool applyHeaders(const HeaderPlan& plan, RecoveryReport* report) {
+  return std::all_of(plan.deletions.begin(), plan.deletions.end(),
+                     [report](const DB_STREAM& row) { return deleteRow(row, report); }) &&
+         std::all_of(plan.rewrites.begin(), plan.rewrites.end(),
+                     [report](const DB_STREAM& row) { return rewriteRow(row, report); });
+}
+
+}  // namespace tarn

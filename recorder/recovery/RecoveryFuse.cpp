@@ -1,0 +1,184 @@
+#include "recorder/recovery/RecoveryFuse.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <set>
+
+#include "db/CApiDb.h"
+#include "dblog/JournalFormat.h"
+#include "fat/ChunkFiles.h"
+#include "manager/ManageFormat.h"
+#include "recorder/card/Source.h"
+#include "recorder/recording/RecordFormat.h"
+#include "recorder/recovery/RecoveryMessages.h"
+#include "recorder/rows/JournalCopies.h"
+
+namespace tarn {
+namespace {
+
+constexpr char kSqlChunksWithRows[] = "SELECT DISTINCT chunkID FROM STREAM";
+// Read of a picture chunk where a recording would begin: 127 entries.
+constexpr uint32_t kProofBytes = 4096;
+
+bool entryAt(const uint8_t* bytes, uint32_t streamSize, PictureEntry* entry) {
+  return decodePictureEntry(bytes, entry) && entry->key != 0 && entry->size != 0 &&
+         entry->dataOffset < streamSize && entry->size < streamSize;
+}
+
+// Key of a recording that entries behind `offset` of a picture chunk prove; 0 without one, and
+// where the device gives nothing. Two that follow each other, as a checksum alone fits noise at
+// times. An entry is written behind its row's record, so there was one.
+uint32_t provenKey(ChunkSource* pictures, uint32_t offset) {
+  const uint32_t length = std::min(kProofBytes, pictures->size());
+  std::vector<uint8_t> bytes(length);
+  if (!pictures->isOpen() || offset >= pictures->size() ||
+      pictures->read(offset, bytes.data(), length) != Delivery::kGood) {
+    return 0;
+  }
+  for (uint32_t at = 0; at + 2 * kRecordSize <= length; at += kRecordSize) {
+    PictureEntry first;
+    PictureEntry second;
+    if (entryAt(bytes.data() + at, pictures->streamSize(), &first) &&
+        entryAt(bytes.data() + at + kRecordSize, pictures->streamSize(), &second) &&
+        first.key == second.key && second.number == first.number + 1) {
+      return first.key;
+    }
+  }
+  return 0;
+}
+
+// Where the oldest data is by the management data, else at the chunk's start.
+uint32_t provenKey(uint32_t chunk, uint32_t useOffset) {
+  ChunkSource pictures(kFilePicture, chunk, O_RDONLY);
+  const uint32_t key = provenKey(&pictures, useOffset);
+  return key != 0 || useOffset == 0 ? key : provenKey(&pictures, 0);
+}
+
+bool chunksWithRows(std::set<uint32_t>* chunks) {
+  CApiDb db;
+  if (db.setSql(kSqlChunksWithRows) != 0) return false;
+  const auto count = static_cast<int>(db.getNTuple());
+  for (int i = 0; i < count; ++i) chunks->insert(static_cast<uint32_t>(db.getValue(i, 0)));
+  return true;
+}
+
+// Keys of all records of the stream journal, the deleted ones too.
+bool keysOfJournal(std::set<uint32_t>* keys, std::string* error) {
+  const JournalTraits& traits = journalTraits(JournalKind::kStream);
+  const auto number = static_cast<uint32_t>(traits.chunk);
+  ChunkSource original(kFileJournal, number, O_RDONLY);
+  ChunkSource mirror(kFileJournal, number + kJournalMirrorStep, O_RDONLY);
+  if (!original.isOpen() || !mirror.isOpen()) {
+    *error = kErrFuseJournal;
+    return false;
+  }
+  JournalCopies copies(JournalKind::kStream, &original, &mirror);
+  for (uint32_t at = 0; at < copies.size(); at += traits.recordSize) {
+    const JournalCopy copy = copies.at(at);
+    if (copy == JournalCopy::kErased) break;
+    if (copy == JournalCopy::kRefused) {
+      *error = "the " + copies.refusedText() + " cannot be read";
+      return false;
+    }
+    if (copy == JournalCopy::kNeither) continue;
+    for (const uint8_t* record : {copies.original(), copies.mirror()}) {
+      if (record != nullptr && journalRecordInPlace(traits, record, at)) {
+        keys->insert(journalKey(record));
+      }
+    }
+  }
+  return true;
+}
+
+std::string plural(size_t count, const char* word) {
+  return std::to_string(count) + " " + word + (count == 1 ? "" : "s");
+}
+
+// "chunks 0, 1 and 8 more"
+std::string chunkText(const std::vector<uint32_t>& chunks) {
+  constexpr size_t kNamed = 8;
+  std::string text = chunks.size() == 1 ? "chunk " : "chunks ";
+  for (size_t i = 0; i < chunks.size() && i < kNamed; ++i) {
+    text += (i == 0 ? "" : ", ") + std::to_string(chunks[i]);
+  }
+  if (chunks.size() > kNamed) text += " and " + std::to_string(chunks.size() - kNamed) + " more";
+  return text;
+}
+
+struct LostChunk {
+  uint32_t chunk;
+  uint32_t key;
+};
+
+// In use, without a row, but with entries.
+std::vector<LostChunk> candidates(const std::vector<CHUNK_MANAGE>& known,
+                                  const std::set<uint32_t>& withRows) {
+  std::vector<LostChunk> found;
+  for (uint32_t chunk = 0; chunk < known.size(); ++chunk) {
+    if (known[chunk].chType < 0 || withRows.count(chunk) != 0) continue;
+    const uint32_t key = provenKey(chunk, known[chunk].pictureUseOffset);
+    if (key != 0) found.push_back({chunk, key});
+  }
+  return found;
+}
+
+bool isMuch(size_t lost, size_t kept) { return lost > kept || isBulk(lost, lost + kept); }
+
+}  // namespace
+
+bool fuseWithoutManagement(uint32_t chunks, FuseFinding* finding, std::string* error) {
+  JournalSurvey streams;
+  if (surveyJournal(JournalKind::kStream, &streams) != 0) {
+    *error = streams.error;
+    return false;
+  }
+  if (streams.greatestKey != 0) return true;
+  for (uint32_t chunk = 0; chunk < chunks; ++chunk) {
+    if (provenKey(chunk, 0) != 0) finding->chunks.push_back(chunk);
+  }
+  if (finding->chunks.empty()) return true;
+  finding->text = "the management data of all " + plural(chunks, "stream chunk") +
+                  " would be made anew and " + chunkText(finding->chunks) +
+                  " become free, because both copies of it are bad and the journals hold no "
+                  "recording; but pictures are recorded there";
+  return true;
+}
+
+bool fuseLostChunks(const std::vector<CHUNK_MANAGE>& known, const JournalSurvey& streams,
+                    FuseFinding* finding, std::string* error) {
+  std::set<uint32_t> withRows;
+  if (!chunksWithRows(&withRows)) {
+    *error = kErrFuseRows;
+    return false;
+  }
+  std::vector<LostChunk> lost = candidates(known, withRows);
+  if (lost.empty() || !isMuch(lost.size(), withRows.size())) return true;
+  std::set<uint32_t> keys;
+  if (!keysOfJournal(&keys, error)) return false;
+  const auto explained = [&keys](const LostChunk& one) { return keys.count(one.key) != 0; };
+  lost.erase(std::remove_if(lost.begin(), lost.end(), explained), lost.end());
+  if (lost.empty() || !isMuch(lost.size(), withRows.size())) return true;
+  for (const LostChunk& one : lost) finding->chunks.push_back(one.chunk);
+  finding->text =
+      chunkText(finding->chunks) + ", of " + std::to_string(lost.size() + withRows.size()) +
+      " with recordings, would become free, because the journals list none in them (" +
+      plural(streams.liveKeys, "recording") + " in all, " + plural(streams.unreadable, "place") +
+      " unreadable); but the management data count them as used, and pictures of "
+      "recordings that were never deleted are there";
+  return true;
+}
+
+FuseFinding fuseDeletions(const std::vector<DB_STREAM>& deletions, uint32_t rows) {
+  FuseFinding finding;
+  if (!isBulk(deletions.size(), rows)) return finding;
+  std::set<uint32_t> chunks;
+  for (const DB_STREAM& row : deletions) chunks.insert(row.chunkID);
+  finding.chunks.assign(chunks.begin(), chunks.end());
+  finding.text = plural(deletions.size(), "closed recording") + " of " + std::to_string(rows) +
+                 " would be deleted, because nothing of their entries is left in " +
+                 chunkText(finding.chunks);
+  return finding;
+}
+
+}  // namespace tarn

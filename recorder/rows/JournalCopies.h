@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "dblog/JournalFormat.h"
+#include "recorder/card/Source.h"
+
+namespace tarn {
+
+// Both copies of a journal, walked from its first record on: which of them counts at each place.
+// Read in large blocks; around what the device does not deliver, sector by sector, asked for again
+// a few times. Not part of the interface. Used by one thread; the sources stay the caller's and
+// outlive this.
+class JournalCopies {
+ public:
+  JournalCopies(JournalKind kind, Source* original, Source* mirror);
+
+  // Bytes up to the last whole place, as far as a journal is read.
+  uint32_t size() const { return size_; }
+  // Judges a place below size(). What is below is of this place until the next call.
+  JournalCopy at(uint32_t position);
+
+  // Behind an erased place: the next record that lies where it says, or size() when the journal
+  // ends there. An erased pair is the journal's end, unless the medium lost a stretch of both
+  // copies: then records lie behind it, in front of `savedFree`, where the journal would go on, or
+  // in the same block; or the ring has come round, and its last place is in use. What is refused
+  // there proves nothing either way.
+  uint32_t nextAfterHole(uint32_t position, uint32_t savedFree);
+
+  // What the device gave; null where it gave nothing.
+  const uint8_t* original() const { return first_; }
+  const uint8_t* mirror() const { return second_; }
+  // The copy that counts, after kOriginal and kMirror only, and the other one.
+  const uint8_t* record() const { return copy_ == JournalCopy::kMirror ? second_ : first_; }
+  const uint8_t* other() const { return copy_ == JournalCopy::kMirror ? first_ : second_; }
+  // "stream journal chunk 2 at byte 4096": what the device did not give; "" when it gave both.
+  std::string refusedText() const;
+
+ private:
+  // What was read last of one copy.
+  struct Window {
+    Source* source;
+    std::vector<uint8_t> block;
+    uint32_t start = 0;
+    uint32_t length = 0;
+    uint32_t carefulUntil = 0;  // sector by sector up to here
+    bool good = false;
+  };
+
+  bool inPlaceAt(uint32_t position);
+  uint32_t firstInPlace(uint32_t position, uint32_t end);
+  const uint8_t* look(Window* window, uint32_t position) const;
+  void load(Window* window, uint32_t position) const;
+
+  const JournalKind kind_;
+  const JournalTraits& traits_;
+  uint32_t size_ = 0;
+  uint32_t position_ = 0;
+  Window originals_;
+  Window mirrors_;
+  const uint8_t* first_ = nullptr;
+  const uint8_t* second_ = nullptr;
+  JournalCopy copy_ = JournalCopy::kRefused;
+};
+
+// "event" or "stream", for messages.
+const char* journalName(JournalKind kind);
+
+}  // namespace tarn

@@ -1,0 +1,24 @@
+#pragma once
+
+// What keeping the rows of the database says to syslog and to a person.
+namespace tarn {
+
+inline constexpr char kMsgNoReserve[] =
+    "the RAM disk has no room for a reserve: recording ends when it is full";  // LOG_WARNING
+inline constexpr char kMsgReserveGivenUp[] =
+    "the RAM disk is full: recording goes on with its reserve; make room in /tmp";  // LOG_ERR
+
+inline constexpr char kErrLockOfTheDead[] =
+    "the database is locked by a program that died; tarn recover sets it free";
+inline constexpr char kErrLockHeld[] = "the database is locked by another program for too long";
+inline constexpr char kErrDatabaseGone[] = "the database /tmp/DB.dat is gone";
+inline constexpr char kErrDatabaseReplaced[] =
+    "the database /tmp/DB.dat was replaced while it was in use";
+inline constexpr char kErrDatabaseOlder[] =
+    "the database has lost recordings that it had; the card needs recovery";
+inline constexpr char kErrDatabase[] = "the database does not answer";
+inline constexpr char kErrRow[] = "the database did not take the row";
+inline constexpr char kErrDeleteRow[] = "the database did not delete the row";
+inline constexpr char kErrJournal[] = "the journal did not take the record";
+
+}  // namespace tarn

@@ -1,0 +1,42 @@
+#pragma once
+
+// What recording says to syslog and, through errorText(), to a person.
+namespace tarn {
+
+inline constexpr char kMsgSessionFailed[] = "RecordingSession: channel %d: %s";
+inline constexpr char kMsgLeftOver[] =
+    "RecordingSession: recording %u was left open, %u pictures kept";
+inline constexpr char kMsgLeftOverRefused[] =
+    "RecordingSession: recording %u was left open and cannot be read, it stays open";
+inline constexpr char kMsgSpaceNoHeader[] =
+    "RecordingSpace: header of recording %u in chunk %d cannot be read, going on behind it";
+inline constexpr char kMsgSpaceOrphan[] = "RecordingSpace: chunk %d holds no recording, emptied";
+
+inline constexpr char kErrAudioBit[] = "bit 7 of the frame setting marks audio and must be clear";
+inline constexpr char kErrChannel[] = "the channel must be 0 to 127";
+inline constexpr char kErrOrder[] = "the session is open already";
+inline constexpr char kErrChannelBusy[] = "another session records this channel";
+inline constexpr char kErrChannelLock[] = "the lock of the channel cannot be had in /tmp";
+inline constexpr char kErrOtherProcess[] =
+    "another process records on this machine; all channels are recorded by one process";
+inline constexpr char kErrInsertLock[] = "the lock of the recording process cannot be had in /tmp";
+inline constexpr char kErrMarker[] =
+    "the card failed before (/tmp/sd_err_mem_write exists); check it and remove the file";
+inline constexpr char kErrServer[] = "the management server does not answer";
+inline constexpr char kErrServerCard[] =
+    "the management server cannot read or write the card's management data";
+inline constexpr char kErrServerDatabase[] = "the database is locked by another program";
+inline constexpr char kErrLock[] = "the allocation lock cannot be taken";
+inline constexpr char kErrJournalPlace[] = "the journal has no safe place for a record";
+inline constexpr char kErrNoRoom[] = "no chunk has room and nothing is left to delete";
+inline constexpr char kErrForeignRows[] =
+    "a chunk that counts as unused has recordings; the card needs recovery";
+inline constexpr char kErrPictureSize[] = "the picture is empty or larger than a chunk";
+inline constexpr char kErrOpenChunk[] = "a chunk cannot be opened";
+inline constexpr char kErrReadChunk[] = "a picture chunk cannot be read";
+inline constexpr char kErrNumbers[] = "the picture numbers of a chunk leave no gap";
+inline constexpr char kErrWriteData[] = "writing stream data failed";
+inline constexpr char kErrWriteEntries[] = "writing picture entries failed";
+inline constexpr char kErrWriteHeader[] = "writing a stream header failed";
+
+}  // namespace tarn

@@ -1,0 +1,360 @@
+#include "recorder/session/RecordingSpace.h"
+
+#include <syslog.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <initializer_list>
+#include <string>
+
+#include "base/Omission.h"
+#include "base/Wrap.h"
+#include "fat/ChunkFiles.h"
+#include "manager/CTARNStreamManager.h"
+#include "manager/ManageFormat.h"
+#include "recorder/recording/RecordingIndex.h"
+#include "recorder/rows/RowMessages.h"
+#include "recorder/rows/ServerRetry.h"
+#include "recorder/session/RecordingMessages.h"
+#include "recorder/session/ServerFailure.h"
+
+namespace tarn {
+namespace {
+
+constexpr unsigned char kPicture = 0;
+constexpr unsigned char kStream = 1;
+constexpr signed char kUnused = -1;
+// Chunks of the channel that have stream room and no room for entries are passed over this often.
+constexpr int kPickTries = 4;
+constexpr int kEventPage = 16;
+// Running or long events that are passed over before the search for ended ones stops.
+constexpr int kEventsPassedOver = 64;
+
+constexpr char kSqlOldestOutside[] =
+    "SELECT * FROM STREAM WHERE chunkID NOT IN (%s) ORDER BY streamID ASC LIMIT 1";
+constexpr char kSqlOldestInChunk[] =
+    "SELECT * FROM STREAM WHERE chunkID = %d ORDER BY streamID ASC LIMIT 1";
+constexpr char kSqlNewestInChunk[] =
+    "SELECT * FROM STREAM WHERE chunkID = %d ORDER BY streamID DESC LIMIT 1";
+constexpr char kSqlOldestByTime[] = "SELECT * FROM STREAM ORDER BY startDate ASC LIMIT 1";
+constexpr char kSqlAnyInChunk[] = "SELECT EXISTS(SELECT 1 FROM STREAM WHERE chunkID = %d)";
+constexpr char kSqlEventsAfter[] =
+    "SELECT * FROM EVENT WHERE eventID > %" PRIu32 " ORDER BY eventID ASC LIMIT %d";
+
+short asChunk(int chunk) { return static_cast<short>(chunk); }
+
+}  // namespace
+
+bool RecordingSpace::fail(RecordingError error, const char* text) {
+  error_ = error;
+  text_ = text;
+  return false;
+}
+
+bool RecordingSpace::failServer() {
+  const ServerFailure failure = serverFailure(*manager_);
+  return fail(failure.error, failure.text);
+}
+
+int RecordingSpace::take(int8_t channel, int8_t recType, const Need& need, uint32_t now) {
+  error_ = RecordingError::kNone;
+  int chunk = pick(channel, recType, need);
+  while (chunk < 0 && error_ == RecordingError::kNone) {
+    DB_STREAM oldest = {};
+    const RowQueries::Answer answer = oldestDeletable(&oldest);
+    if (answer == RowQueries::Answer::kFailed) return -1;
+    if (answer == RowQueries::Answer::kNone) {
+      if (!reclaimOrphans(channel)) break;
+      chunk = pick(channel, recType, need);
+      if (chunk < 0) break;
+    } else {
+      // Every round deletes a row, so the rounds end.
+      if (!deleteRecording(oldest, now, -1)) return -1;
+      const int freed = static_cast<int>(oldest.chunkID);
+      if (oldest.chunkID < manager_->getNumChunk() && usable(freed, channel, need)) chunk = freed;
+    }
+  }
+  if (chunk >= 0) return claim(chunk, channel, recType);
+  if (error_ == RecordingError::kNone) fail(RecordingError::kNoRoom, kErrNoRoom);
+  return -1;
+}
+
+// No chunk and no answer look the same, so "none" counts only when the server has decided so: what
+// follows from it is that the oldest recording goes.
+int RecordingSpace::pick(int8_t channel, int8_t recType, const Need& need) {
+  int chunk = -1;
+  const bool decided = retryFor(kServerPatienceMs, [&] {
+    chunk = pickNow(channel, recType, need);
+    return chunk >= 0 || serverDecided(*manager_);
+  });
+  if (!decided) failServer();
+  return decided ? chunk : -1;
+}
+
+// The server looks at the stream area only. A chunk whose picture area is full is passed over by
+// asking for more than it has.
+int RecordingSpace::pickNow(int8_t channel, int8_t recType, const Need& need) {
+  unsigned long bytes = need.streamBytes + 1ul;  // a ring keeps one byte free
+  for (int i = 0; i < kPickTries; ++i) {
+    const int chunk = manager_->firstAvailableChunk(bytes, channel, recType);
+    if (chunk < 0) return -1;
+    if (usable(chunk, channel, need)) return chunk;
+    bytes = manager_->freeSize(asChunk(chunk)) + 1ul;
+  }
+  return -1;
+}
+
+bool RecordingSpace::usable(int chunk, int8_t channel, const Need& need) {
+  signed char owner = 0;
+  signed char type = 0;
+  if (manager_->getChType(asChunk(chunk), &owner, &type) != 0) return false;
+  if (owner == kUnused) return true;
+  CHUNK_USAGE picture = {};
+  if (owner != channel || manager_->getUsage(asChunk(chunk), &picture, kPicture) != 0) return false;
+  const auto pictureSize = static_cast<uint32_t>(manager_->pictureChunkSize());
+  return manager_->freeSize(asChunk(chunk)) > need.streamBytes &&
+         ringFree(picture.useAddr, picture.freeAddr, pictureSize) > need.pictureBytes;
+}
+
+int RecordingSpace::claim(int chunk, int8_t channel, int8_t recType) {
+  signed char owner = 0;
+  signed char type = 0;
+  bool foreign = false;
+  if (!chunkHasRows(chunk, &foreign)) return -1;
+  const bool done = retryFor(kServerPatienceMs, [&] {
+    if (manager_->getChType(asChunk(chunk), &owner, &type) != 0) return false;
+    if (owner != kUnused || foreign || omitted(Omit::kChannelOfChunk)) return true;
+    return emptyChunk(chunk) && manager_->setChType(asChunk(chunk), channel, recType) == 0;
+  });
+  if (!done) {
+    failServer();
+    return -1;
+  }
+  if (owner == kUnused && foreign && !omitted(Omit::kChannelOfChunk)) {
+    fail(RecordingError::kDatabase, kErrForeignRows);
+    return -1;
+  }
+  if (!save()) return -1;
+  ++statistics_->chunks;
+  return chunk;
+}
+
+RowQueries::Answer RecordingSpace::selectOne(const char* sql, DB_STREAM* row) {
+  const RowQueries::Answer answer = queries_.stream(sql, row);
+  if (answer == RowQueries::Answer::kFailed) {
+    fail(RecordingError::kDatabase, queries_.failure());
+  }
+  return answer;
+}
+
+RowQueries::Answer RecordingSpace::oldestInChunk(int chunk, DB_STREAM* row) {
+  char sql[sizeof kSqlOldestInChunk + 16];
+  snprintf(sql, sizeof sql, kSqlOldestInChunk, chunk);
+  return selectOne(sql, row);
+}
+
+RowQueries::Answer RecordingSpace::newestInChunk(int chunk, DB_STREAM* row) {
+  char sql[sizeof kSqlNewestInChunk + 16];
+  snprintf(sql, sizeof sql, kSqlNewestInChunk, chunk);
+  return selectOne(sql, row);
+}
+
+// Always one row when the statement works: a chunk must not be emptied because a look-up failed.
+bool RecordingSpace::chunkHasRows(int chunk, bool* any) {
+  char sql[sizeof kSqlAnyInChunk + 16];
+  snprintf(sql, sizeof sql, kSqlAnyInChunk, chunk);
+  uint32_t count = 0;
+  if (!queries_.number(sql, &count)) return fail(RecordingError::kDatabase, queries_.failure());
+  *any = count != 0;
+  // That there are none is believed of a database that still knows of the newest recording.
+  return *any || queries_.countsBehind(greatestKey_) ||
+         fail(RecordingError::kDatabase, queries_.failure());
+}
+
+// What start-up recovery guards is not given up for new recordings, nor is what the server does not
+// tell about.
+bool RecordingSpace::isGuardedChunk(int chunk) {
+  if (chunk >= manager_->getNumChunk()) return false;
+  signed char owner = kUnused;
+  signed char type = 0;
+  const bool known = retryFor(
+      kServerPatienceMs, [&] { return manager_->getChType(asChunk(chunk), &owner, &type) == 0; });
+  return !known || isGuarded(owner);
+}
+
+// The oldest row of the chunks that nobody is writing to. Few chunks are, one a session, and rows
+// of a session are the newest of their chunk.
+RowQueries::Answer RecordingSpace::oldestDeletable(DB_STREAM* row) {
+  std::string busy = "-1";
+  for (;;) {
+    char sql[4096];
+    const int length = snprintf(sql, sizeof sql, kSqlOldestOutside, busy.c_str());
+    if (length < 0 || static_cast<size_t>(length) >= sizeof sql) return RowQueries::Answer::kNone;
+    const RowQueries::Answer answer = selectOne(sql, row);
+    if (answer != RowQueries::Answer::kRow) return answer;
+    DB_STREAM newest = {};
+    const int chunk = static_cast<int>(row->chunkID);
+    const RowQueries::Answer other = newestInChunk(chunk, &newest);
+    if (other == RowQueries::Answer::kFailed) return other;
+    const bool written = other == RowQueries::Answer::kRow && rowInProgress(newest);
+    if (!written && !isGuardedChunk(chunk)) return answer;
+    busy += "," + std::to_string(row->chunkID);
+  }
+}
+
+bool RecordingSpace::removed(JournaledRows::Outcome outcome) {
+  if (outcome == JournaledRows::Outcome::kDone) return true;
+  return fail(outcome == JournaledRows::Outcome::kJournal ? RecordingError::kJournal
+                                                          : RecordingError::kDatabase,
+              rows_.failure());
+}
+
+bool RecordingSpace::deleteRow(uint32_t streamID) { return removed(rows_.removeStream(streamID)); }
+
+bool RecordingSpace::deleteEvent(uint32_t eventID) {
+  if (!removed(rows_.removeEvent(eventID))) return false;
+  ++statistics_->eventsDeleted;
+  return true;
+}
+
+// Events that ended before the oldest recording that is left have nothing to show any more. They
+// are walked from the oldest until one begins after it.
+bool RecordingSpace::deleteEventsBefore(uint32_t now) {
+  DB_STREAM oldest = {};
+  const RowQueries::Answer answer = selectOne(kSqlOldestByTime, &oldest);
+  if (answer == RowQueries::Answer::kFailed) return false;
+  // Without a recording all that ended goes: not because the recordings were lost.
+  if (answer == RowQueries::Answer::kNone && !queries_.countsBehind(greatestKey_)) {
+    return fail(RecordingError::kDatabase, queries_.failure());
+  }
+  const uint32_t limit = answer == RowQueries::Answer::kRow ? oldest.startDate : now;
+  uint32_t last = 0;
+  int passedOver = 0;
+  for (;;) {
+    char sql[sizeof kSqlEventsAfter + 32];
+    snprintf(sql, sizeof sql, kSqlEventsAfter, last, kEventPage);
+    DB_EVENT page[kEventPage];
+    int count = 0;
+    if (!queries_.events(sql, page, kEventPage, &count)) {
+      return fail(RecordingError::kDatabase, queries_.failure());
+    }
+    for (int i = 0; i < count; ++i) {
+      if (page[i].startDate >= limit) return true;
+      const bool over = page[i].endDate != 0 && page[i].endDate < limit;
+      if (over && !deleteEvent(page[i].eventID)) return false;
+      if (!over && ++passedOver > kEventsPassedOver) return true;
+      last = page[i].eventID;
+    }
+    if (count < kEventPage) return true;
+  }
+}
+
+bool RecordingSpace::deleteRecording(const DB_STREAM& row, uint32_t now, int keepChunk) {
+  if (omitted(Omit::kRowBeforeSpace) && (!releaseSpace(row) || !save())) return false;
+  if (!deleteRow(row.streamID)) return false;
+  ++statistics_->recordingsDeleted;
+  if (!deleteEventsBefore(now)) return false;
+  // A chunk number that this card does not have is nobody's space.
+  if (row.chunkID >= manager_->getNumChunk()) return true;
+  if (!releaseSpace(row)) return false;
+  const int chunk = static_cast<int>(row.chunkID);
+  bool anyLeft = true;
+  if (chunk != keepChunk && !chunkHasRows(chunk, &anyLeft)) return false;
+  if (!anyLeft && !giveBack(chunk)) return false;
+  return save();
+}
+
+bool RecordingSpace::releaseSpace(const DB_STREAM& row) {
+  const int chunk = static_cast<int>(row.chunkID);
+  StreamHeader header;
+  const bool whole = row.chunkSize != 0 && RecordingIndex(row).header(&header) == Delivery::kGood;
+  if (whole && manager_->deleteData(asChunk(chunk), row.chunkOffset, row.chunkSize) >= 0)
+    return true;
+  syslog(LOG_WARNING, kMsgSpaceNoHeader, row.streamID, chunk);
+  return moveUseToOldest(chunk);
+}
+
+// Where the deleted recording does not tell what it covered, the oldest one behind it tells where
+// the data in use begins.
+bool RecordingSpace::moveUseToOldest(int chunk) {
+  bool anyLeft = true;
+  if (!chunkHasRows(chunk, &anyLeft)) return false;
+  if (!anyLeft) {
+    return retryFor(kServerPatienceMs, [&] { return emptyChunk(chunk); }) || failServer();
+  }
+  DB_STREAM row = {};
+  const RowQueries::Answer answer = oldestInChunk(chunk, &row);
+  if (answer == RowQueries::Answer::kFailed) return false;
+  if (answer == RowQueries::Answer::kNone) return fail(RecordingError::kDatabase, kErrDatabase);
+  StreamHeader header;
+  const bool readable = RecordingIndex(row).header(&header) == Delivery::kGood;
+  return retryFor(kServerPatienceMs,
+                  [&] {
+                    // Without its header the stream area keeps its old begin: less room, no harm.
+                    return manager_->setUseOffset(asChunk(chunk), row.chunkOffset, kPicture) == 0 &&
+                           (!readable || manager_->setUseOffset(asChunk(chunk), header.dataOffset,
+                                                                kStream) == 0);
+                  }) ||
+         failServer();
+}
+
+bool RecordingSpace::emptyChunk(int chunk) {
+  for (const unsigned char area : {kPicture, kStream}) {
+    if (manager_->setFreeOffset(asChunk(chunk), 0, area) != 0) return false;
+    if (manager_->setUseOffset(asChunk(chunk), 0, area) != 0) return false;
+  }
+  return true;
+}
+
+bool RecordingSpace::giveBack(int chunk) {
+  return retryFor(kServerPatienceMs,
+                  [&] {
+                    return emptyChunk(chunk) &&
+                           manager_->setChType(asChunk(chunk), kUnused, 0) == 0;
+                  }) ||
+         failServer();
+}
+
+bool RecordingSpace::save() {
+  if (omitted(Omit::kSaveBeforeWrite)) return true;
+  return retryFor(kServerPatienceMs, [&] { return manager_->saveManageData() == 0; }) ||
+         failServer();
+}
+
+// The last resort: chunks of the channel whose rows are gone and whose space a killed process did
+// not give back. True when there were any.
+bool RecordingSpace::reclaimOrphans(int8_t channel) {
+  bool found = false;
+  for (int chunk = 0; chunk < manager_->getNumChunk(); ++chunk) {
+    signed char owner = 0;
+    signed char type = 0;
+    bool any = true;
+    if (manager_->getChType(asChunk(chunk), &owner, &type) != 0 || owner != channel) continue;
+    if (!chunkHasRows(chunk, &any)) return false;
+    if (any) continue;
+    syslog(LOG_WARNING, kMsgSpaceOrphan, chunk);
+    if (!giveBack(chunk)) return false;
+    found = true;
+  }
+  return found && save();
+}
+
+// In a guarded chunk the row goes alone, because its record's place is needed. Where another
+// session writes, its own idea of the addresses must stay true: there it goes alone, too, and its
+// space with the next recording that is deleted from that chunk.
+bool RecordingSpace::deleteForJournal(const DB_STREAM& row, uint32_t now, int keepChunk) {
+  DB_STREAM newest = {};
+  const int chunk = static_cast<int>(row.chunkID);
+  if (chunk == keepChunk) return deleteRecording(row, now, keepChunk);
+  const RowQueries::Answer answer = newestInChunk(chunk, &newest);
+  if (answer == RowQueries::Answer::kFailed) return false;
+  const bool written = answer == RowQueries::Answer::kRow && rowInProgress(newest);
+  if (!written && !isGuardedChunk(chunk)) {
+    return deleteRecording(row, now, keepChunk);
+  }
+  if (!deleteRow(row.streamID)) return false;
+  ++statistics_->recordingsDeleted;
+  return deleteEventsBefore(now);
+}
+
+}  // namespace tarn

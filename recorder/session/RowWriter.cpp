@@ -1,0 +1,405 @@
+#include "recorder/session/RowWriter.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "base/Crc16.h"
+#include "base/Omission.h"
+#include "base/Wrap.h"
+#include "db/CApiDb.h"
+#include "fat/FailureMarker.h"
+#include "manager/CTARNStreamManager.h"
+#include "recorder/recording/AnnexB.h"
+#include "recorder/recording/InterruptedRow.h"
+#include "recorder/rows/JournalGuard.h"
+#include "recorder/rows/JournalPlace.h"
+#include "recorder/rows/ServerRetry.h"
+#include "recorder/session/RecordingMessages.h"
+#include "recorder/session/ServerFailure.h"
+
+namespace tarn {
+namespace {
+
+constexpr uint8_t kPicture = 0;
+constexpr uint8_t kStream = 1;
+// Largest write that a stream chunk takes at once, and the entries of one write of a picture chunk.
+constexpr size_t kDataPiece = 1024 * 1024;
+constexpr uint32_t kQueueEntries = 1024;
+constexpr uint32_t kStatusRecording = 1;
+// For a user of the database who is just at it, when a session has failed already.
+constexpr int64_t kLastLookMs = 500;
+// recSize, chunkSize, status, endDate, endMSec
+constexpr DB_STREAM_REG_BIT kEndColumns = 0x0010 | 0x0080 | 0x0100 | 0x0400 | 0x1000;
+
+}  // namespace
+
+void RowWriter::Totals::add(const PictureEntry& entry) {
+  ++pictures;
+  if (entry.isKey()) ++gops;
+  dataSize = wrapAdd32(dataSize, entry.size);
+  if (last < entry.presentation) last = entry.presentation;
+}
+
+RowWriter::RowWriter(CTARNStreamManager* manager, CApiDb* db, DatabaseWatch* watch,
+                     RecordingSpace* space, RecordingStatistics* statistics)
+    : manager_(manager),
+      db_(db),
+      watch_(watch),
+      rows_(db, watch),
+      space_(space),
+      statistics_(statistics),
+      queue_(size_t{kQueueEntries} * kRecordSize),
+      patienceMs_(kServerPatienceMs) {
+  static_assert(sizeof sei_ >= kTimeStampSeiSize);
+}
+
+bool RowWriter::fail(RecordingError error, const char* text) {
+  if (error_ == RecordingError::kNone) {
+    error_ = error;
+    text_ = text;
+  }
+  return false;
+}
+
+bool RowWriter::failServer() {
+  const ServerFailure failure = serverFailure(*manager_);
+  return fail(failure.error, failure.text);
+}
+
+bool RowWriter::fail(JournaledRows::Outcome outcome) {
+  if (outcome == JournaledRows::Outcome::kDone) return true;
+  return fail(outcome == JournaledRows::Outcome::kJournal ? RecordingError::kJournal
+                                                          : RecordingError::kDatabase,
+              rows_.failure());
+}
+
+bool RowWriter::refreshUsage(CTARNStreamChunk* chunk) {
+  return retryFor(patienceMs_, [&] { return chunk->getUsageFromManager() == 0; }) || failServer();
+}
+
+bool RowWriter::openArea(std::unique_ptr<CTARNStreamChunk>* chunk, uint8_t area, int number) {
+  *chunk = std::make_unique<CTARNStreamChunk>(area);
+  if ((*chunk)->openChunkFile(manager_, static_cast<unsigned short>(number)) != 0) {
+    return fail(RecordingError::kCard, kErrOpenChunk);
+  }
+  // The open goes on without an answer of the server; the addresses must not be guessed.
+  return refreshUsage(chunk->get());
+}
+
+bool RowWriter::openChunk(int chunk) {
+  closeChunk();
+  if (!openArea(&picture_, kPicture, chunk) || !openArea(&stream_, kStream, chunk)) {
+    picture_.reset();
+    stream_.reset();
+    return false;
+  }
+  chunk_ = chunk;
+  if (numbers_.scan(chunk, static_cast<uint32_t>(picture_->getChunkSize())) == 0) return true;
+  return fail(RecordingError::kCard, kErrReadChunk);
+}
+
+void RowWriter::closeChunk() {
+  picture_.reset();
+  stream_.reset();
+  chunk_ = -1;
+}
+
+// What the worker could not bring onto the card the chunk knows for itself, and the marker file for
+// all programs. A flush that works after one that failed proves nothing: the system drops what it
+// could not write.
+bool RowWriter::toCard(CTARNStreamChunk* chunk, const char* text) {
+  if (chunk->flush() == 0 && !chunk->hasLostData() && !cardWriteFailed()) return true;
+  return fail(RecordingError::kCard, text);
+}
+
+bool RowWriter::tell(CTARNStreamChunk* chunk) {
+  return retryFor(patienceMs_, [&] { return chunk->setFreeToManager() == 0; }) || failServer();
+}
+
+bool RowWriter::sync(CTARNStreamChunk* chunk, const char* text) {
+  return toCard(chunk, text) && tell(chunk);
+}
+
+bool RowWriter::saveManageData() {
+  return retryFor(patienceMs_, [&] { return manager_->saveManageData() == 0; }) || failServer();
+}
+
+// Before anything of the new recording is written: deleting the recording whose record the journal
+// is about to overwrite may move the addresses of this very chunk.
+bool RowWriter::makeJournalPlace(JournalGuard* guard, uint32_t now) {
+  bool deleted = false;
+  const auto deleteOldest = [&](const DB_STREAM& row) {
+    deleted = true;
+    return space_->deleteForJournal(row, now, chunk_);
+  };
+  const JournalPlace place = awaitJournalPlace(
+      patienceMs_, [&] { return guard->beforeStreamInsert(deleteOldest); },
+      [&] { return space_->error() != RecordingError::kNone; }, [&] { return serverAnswers(); });
+  if (place == JournalPlace::kNoServer) return fail(RecordingError::kServer, kErrServer);
+  if (space_->error() != RecordingError::kNone) return fail(space_->error(), space_->errorText());
+  if (place == JournalPlace::kNone) {
+    const DatabaseWatch::Verdict verdict = watch_->check();
+    if (verdict == DatabaseWatch::Verdict::kGood)
+      return fail(RecordingError::kJournal, kErrJournalPlace);
+    return fail(RecordingError::kDatabase, DatabaseWatch::text(verdict));
+  }
+  return !deleted || (refreshUsage(picture_.get()) && refreshUsage(stream_.get()));
+}
+
+bool RowWriter::chooseNumber(uint32_t* number) {
+  if (omitted(Omit::kFreshNumbers)) {
+    *number = PictureNumbers::kStep;
+    return true;
+  }
+  if (numbers_.first(number)) return true;
+  if (numbers_.scan(chunk_, static_cast<uint32_t>(picture_->getChunkSize())) != 0) {
+    return fail(RecordingError::kCard, kErrReadChunk);
+  }
+  return numbers_.first(number) || fail(RecordingError::kNoRoom, kErrNumbers);
+}
+
+bool RowWriter::begin(const DB_STREAM& seed) {
+  JournalGuard guard(db_, watch_);  // the place that it finds stays free until the row is in
+  if (!makeJournalPlace(&guard, seed.startDate)) return false;
+  header_ = StreamHeader();
+  if (!chooseNumber(&header_.firstNumber)) return false;
+  header_.dataOffset = static_cast<uint32_t>(stream_->getFreeAddr());
+  headerOffset_ = static_cast<uint32_t>(picture_->getFreeAddr());
+  written_ = confirmed_ = Totals();
+  queued_ = 0;
+  uint8_t bytes[kRecordSize];
+  encodeStreamHeader(header_, bytes);
+  if (picture_->write(bytes, kRecordSize) != long{kRecordSize}) {
+    return fail(RecordingError::kCard, kErrWriteHeader);
+  }
+  if (headerOffset_ + kRecordSize >= picture_->getChunkSize()) ++statistics_->pictureWraps;
+  if (!omitted(Omit::kHeaderBeforeRow) && !sync(picture_.get(), kErrWriteHeader)) return false;
+  numbers_.used(header_.firstNumber);
+  row_ = seed;
+  row_.recSize = omitted(Omit::kRowClosedLast) ? 2 : 0;
+  row_.chunkID = static_cast<uint32_t>(chunk_);
+  row_.chunkOffset = headerOffset_;
+  row_.chunkSize = 0;
+  row_.status = kStatusRecording;
+  row_.endDate = 0;
+  row_.endMSec = 0;
+  if (!insertRow()) return false;
+  running_ = true;
+  ownsEnd_ = true;
+  ++statistics_->segments;
+  return true;
+}
+
+bool RowWriter::insertRow() {
+  if (!fail(rows_.insert(&row_))) return false;
+  space_->noteKey(row_.streamID);
+  return true;
+}
+
+uint32_t RowWriter::streamRoom() const { return static_cast<uint32_t>(stream_->getFreeSize()); }
+
+uint32_t RowWriter::pictureRoom() const {
+  const auto room = static_cast<uint32_t>(picture_->getFreeSize());
+  const uint32_t queued = queued_ * kRecordSize;
+  return room > queued ? room - queued : 0;
+}
+
+bool RowWriter::fits(size_t size) const {
+  return streamRoom() > size + kTimeStampSeiSize && pictureRoom() > kRecordSize;
+}
+
+bool RowWriter::writeData(const uint8_t* data, size_t size) {
+  const auto before = static_cast<uint32_t>(stream_->getFreeAddr());
+  dataCrc_ = crc16(data, size, dataCrc_);
+  for (size_t done = 0; done < size;) {
+    const size_t piece = std::min(size - done, kDataPiece);
+    // The chunk only copies from the buffer; its interface has no const.
+    auto* bytes = const_cast<uint8_t*>(data + done);
+    if (stream_->write(bytes, static_cast<long>(piece)) != static_cast<long>(piece)) return false;
+    done += piece;
+  }
+  if (stream_->getFreeAddr() < before) ++statistics_->streamWraps;
+  return true;
+}
+
+// Calendar work is done once a second of picture time.
+void RowWriter::stamp(uint32_t seconds) {
+  if (seiValid_ && seiSeconds_ == seconds) return;
+  makeTimeStampSei(seconds, sei_);
+  seiSeconds_ = seconds;
+  seiValid_ = true;
+}
+
+bool RowWriter::writeStamped(const uint8_t* annexB, size_t size, uint32_t seconds) {
+  stamp(seconds);
+  const size_t place = timeStampSeiPlace(annexB, size);
+  return (place == 0 || writeData(annexB, place)) && writeData(sei_, kTimeStampSeiSize) &&
+         writeData(annexB + place, size - place);
+}
+
+bool RowWriter::append(const uint8_t* annexB, size_t size, const PictureEntry& given) {
+  PictureEntry entry = given;
+  entry.key = row_.streamID;
+  entry.number = wrapAdd32(header_.firstNumber, written_.pictures);
+  entry.dataOffset = static_cast<uint32_t>(stream_->getFreeAddr());
+  entry.size = static_cast<uint32_t>(size + kTimeStampSeiSize);
+  dataCrc_ = 0;
+  if (!writeStamped(annexB, size, entry.presentation.seconds)) {
+    return fail(RecordingError::kCard, kErrWriteData);
+  }
+  entry.checksum = pictureChecksum(dataCrc_);
+  encodePictureEntry(entry, queue_.data() + size_t{queued_} * kRecordSize);
+  if (queued_++ == 0) firstQueued_ = entry.decodeTime();
+  written_.add(entry);
+  numbers_.used(entry.number);
+  return queued_ < kQueueEntries || flush();
+}
+
+int64_t RowWriter::unsafeMicros(PictureTime decode) const {
+  return queued_ == 0 ? 0 : decode.totalMicros() - firstQueued_.totalMicros();
+}
+
+bool RowWriter::flush() {
+  if (queued_ == 0) return true;
+  return queueToCard() && tell(stream_.get()) && tell(picture_.get());
+}
+
+// The server is told behind it: it may be away, and the card must not wait for it.
+bool RowWriter::queueToCard() {
+  if (queued_ == 0) return true;
+  if (!omitted(Omit::kDataBeforeEntries) && !toCard(stream_.get(), kErrWriteData)) return false;
+  const long length = static_cast<long>(queued_ * kRecordSize);
+  const auto before = picture_->getFreeAddr();
+  if (picture_->write(queue_.data(), length) != length) {
+    return fail(RecordingError::kCard, kErrWriteEntries);
+  }
+  if (picture_->getFreeAddr() < before) ++statistics_->pictureWraps;
+  if (!omitted(Omit::kEntriesFlush) && !toCard(picture_.get(), kErrWriteEntries)) return false;
+  statistics_->confirmed += queued_;
+  queued_ = 0;
+  confirmed_ = written_;
+  return true;
+}
+
+// In place: the free address stays behind the entries, where the next write seeks to.
+bool RowWriter::writeHeader(uint32_t marker) {
+  header_.marker = marker;
+  header_.dataSize = confirmed_.dataSize;
+  header_.lastTime = confirmed_.last.seconds;
+  header_.pictures = confirmed_.pictures;
+  header_.gops = confirmed_.gops;
+  uint8_t bytes[kRecordSize];
+  encodeStreamHeader(header_, bytes);
+  if (picture_->seek(static_cast<long>(headerOffset_), SEEK_SET) < 0 ||
+      picture_->writeNoSeek(bytes, kRecordSize) != long{kRecordSize}) {
+    return fail(RecordingError::kCard, kErrWriteHeader);
+  }
+  return sync(picture_.get(), kErrWriteHeader);
+}
+
+bool RowWriter::updateRow() {
+  DB_STREAM closed = row_;
+  closed.recSize = confirmed_.pictures;
+  closed.chunkSize = (confirmed_.pictures + 1) * kRecordSize;
+  closed.status &= ~kStatusRecording;
+  closed.endDate = confirmed_.last.seconds;
+  closed.endMSec = confirmed_.last.milliseconds();
+  // The repair deletes a recording whose header is closed while its record is not; and a row that
+  // is closed while its record is open would be taken for an interrupted one by the next start,
+  // with others behind it. So it is both or neither.
+  if (!fail(rows_.update(kEndColumns, row_, closed))) return false;
+  row_ = closed;
+  return true;
+}
+
+bool RowWriter::finish() {
+  if (!flush()) return false;
+  const bool early = omitted(Omit::kRowBeforeClosedHeader);
+  const bool done = confirmed_.pictures == 0 ? removeRow()
+                                             : (omitted(Omit::kTotalsBeforeRow) ||
+                                                writeHeader(early ? kMarkerClosed : kMarkerOpen)) &&
+                                                   updateRow() && writeHeader(kMarkerClosed);
+  running_ = !done;
+  return done && saveManageData();
+}
+
+// Row first, so that no row ever points at space that is free.
+bool RowWriter::removeRow() {
+  if (!space_->deleteRow(row_.streamID)) return fail(space_->error(), space_->errorText());
+  if (!ownsEnd_) return true;
+  stream_->setFreeAddr(header_.dataOffset);
+  picture_->setFreeAddr(headerOffset_);
+  return sync(stream_.get(), kErrWriteData) && sync(picture_.get(), kErrWriteHeader);
+}
+
+void RowWriter::rescue() {
+  if (running_) queueToCard();
+}
+
+bool RowWriter::serverAnswers() {
+  CHUNK_USAGE usage = {};
+  return manager_->getUsage(0, &usage, kStream) == 0;
+}
+
+void RowWriter::abandon() {
+  if (!running_) return;
+  rescue();
+  running_ = false;
+  queued_ = 0;
+  patienceMs_ = 0;  // whatever had to be waited for has been
+  watch_->setPatience(kLastLookMs);
+  if (confirmed_.pictures == 0) {
+    removeRow();
+  } else {
+    // A header that cannot be written any more is no reason to lose the row: readers of a closed
+    // row go by its number of pictures.
+    writeHeader(kMarkerOpen);
+    if (updateRow()) writeHeader(kMarkerClosed);
+    manager_->saveManageData();
+  }
+  patienceMs_ = kServerPatienceMs;
+  watch_->setPatience(kServerPatienceMs);
+}
+
+bool RowWriter::closeLeftOver(const DB_STREAM& row, bool newestOfChunk) {
+  const int chunk = static_cast<int>(row.chunkID);
+  InterruptedRow found(row);
+  const InterruptedRow::Verdict verdict = found.judge();
+  if (verdict == InterruptedRow::Verdict::kRefused) {
+    syslog(LOG_WARNING, kMsgLeftOverRefused, row.streamID);
+    return true;
+  }
+  row_ = row;
+  queued_ = 0;
+  confirmed_ = Totals();
+  ownsEnd_ = false;
+  if (verdict == InterruptedRow::Verdict::kPictures) {
+    header_ = found.header();
+    headerOffset_ = row.chunkOffset;
+    ownsEnd_ = newestOfChunk;
+    confirmed_.pictures = found.pictures();
+    confirmed_.gops = found.gops();
+    confirmed_.dataSize = header_.dataSize;
+    confirmed_.last = found.last();
+  }
+  const uint32_t dataEnd = found.dataEnd();
+  syslog(LOG_WARNING, kMsgLeftOver, row.streamID, confirmed_.pictures);
+  if (!openArea(&picture_, kPicture, chunk) || !openArea(&stream_, kStream, chunk)) return false;
+  chunk_ = chunk;
+  if (ownsEnd_) {
+    const auto pictureSize = static_cast<uint32_t>(picture_->getChunkSize());
+    picture_->setFreeAddr(
+        ringAdvance(headerOffset_, (confirmed_.pictures + 1) * kRecordSize, pictureSize));
+    stream_->setFreeAddr(dataEnd);
+  }
+  written_ = confirmed_;
+  running_ = true;
+  const bool done = finish();
+  closeChunk();
+  return done;
+}
+
+}  // namespace tarn

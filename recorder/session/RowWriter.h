@@ -1,0 +1,128 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "chunk/CTARNStreamChunk.h"
+#include "db/DbRecords.h"
+#include "recorder/recording/PictureNumbers.h"
+#include "recorder/recording/RecordFormat.h"
+#include "recorder/rows/DatabaseWatch.h"
+#include "recorder/rows/JournaledRows.h"
+#include "recorder/session/RecordingSpace.h"
+
+namespace tarn {
+
+class JournalGuard;
+
+// Writes one recording at a time into one chunk pair: header, row, data, entries, and the end, each
+// step flushed before the next one that relies on it. Not part of the interface; belongs to one
+// session and is used by its thread.
+class RowWriter {
+ public:
+  RowWriter(CTARNStreamManager* manager, CApiDb* db, DatabaseWatch* watch, RecordingSpace* space,
+            RecordingStatistics* statistics);
+
+  // Opens the chunk pair for writing and looks at the numbers in its slots. False with error().
+  bool openChunk(int chunk);
+  // Leaves the chunk; what was written is flushed first. No recording may be running.
+  void closeChunk();
+  int chunk() const { return chunk_; }  // -1 when none is open
+
+  // Begins a recording: header, journal place, row. `seed` has the settings and the start time.
+  bool begin(const DB_STREAM& seed);
+  bool running() const { return running_; }
+  const DB_STREAM& row() const { return row_; }
+  // True when the next picture fits into both rings.
+  bool fits(size_t size) const;
+  uint32_t streamRoom() const;
+  uint32_t pictureRoom() const;
+  // Takes a picture; entry carries time, decode offset and flags. It must fit.
+  bool append(const uint8_t* annexB, size_t size, const PictureEntry& entry);
+  // Data to the card, then the entries that point at it; then the server is told how far both rings
+  // go. Without a server the pictures are safe all the same, and the result is false.
+  bool flush();
+  // The same after something else failed, without the server and without a wait: what was taken
+  // shall not be lost for it.
+  void rescue();
+  // Picture time between the oldest picture that is not yet safe and `decode`; 0 without one.
+  int64_t unsafeMicros(PictureTime decode) const;
+  // Ends the recording and lists it as closed; one without pictures is deleted.
+  bool finish();
+  // Ends it after a failure, as far as the card and the server still go along: what was confirmed
+  // stays listed, what was not is given up.
+  void abandon();
+  // Ends a recording that a killed process left open, at what its entries confirm.
+  bool closeLeftOver(const DB_STREAM& row, bool newestOfChunk);
+
+  bool serverAnswers();
+
+  RecordingError error() const { return error_; }
+  const char* errorText() const { return text_; }
+  void clearError() { error_ = RecordingError::kNone; }
+
+ private:
+  struct Totals {
+    uint32_t pictures = 0;
+    uint32_t gops = 0;
+    uint32_t dataSize = 0;  // mod 2^32
+    PictureTime last;
+    void add(const PictureEntry& entry);
+  };
+
+  bool fail(RecordingError error, const char* text);
+  bool failServer();
+  bool openArea(std::unique_ptr<CTARNStreamChunk>* chunk, uint8_t area, int number);
+  bool refreshUsage(CTARNStreamChunk* chunk);
+  bool toCard(CTARNStreamChunk* chunk, const char* text);
+  bool tell(CTARNStreamChunk* chunk);
+  bool sync(CTARNStreamChunk* chunk, const char* text);
+  bool queueToCard();
+  bool makeJournalPlace(JournalGuard* guard, uint32_t now);
+  bool chooseNumber(uint32_t* number);
+  bool insertRow();
+  bool writeData(const uint8_t* data, size_t size);
+  bool writeStamped(const uint8_t* annexB, size_t size, uint32_t seconds);
+  void stamp(uint32_t seconds);
+  bool writeHeader(uint32_t marker);
+  bool fail(JournaledRows::Outcome outcome);
+  bool updateRow();
+  bool removeRow();
+  bool saveManageData();
+
+  CTARNStreamManager* manager_;
+  CApiDb* db_;
+  DatabaseWatch* watch_;
+  JournaledRows rows_;
+  RecordingSpace* space_;
+  RecordingStatistics* statistics_;
+
+  int chunk_ = -1;
+  std::unique_ptr<CTARNStreamChunk> stream_;
+  std::unique_ptr<CTARNStreamChunk> picture_;
+  PictureNumbers numbers_;
+
+  bool running_ = false;
+  bool ownsEnd_ = false;  // the recording is the last thing in both rings
+  DB_STREAM row_ = {};
+  StreamHeader header_;
+  uint32_t headerOffset_ = 0;
+  Totals written_;
+  Totals confirmed_;
+
+  std::vector<uint8_t> queue_;  // encoded entries that wait for their data; sized once
+  uint32_t queued_ = 0;
+  PictureTime firstQueued_;  // decode time
+  uint16_t dataCrc_ = 0;     // of the picture's bytes that were written so far
+  uint8_t sei_[64];
+  uint32_t seiSeconds_ = 0;
+  bool seiValid_ = false;
+
+  int64_t patienceMs_;
+  RecordingError error_ = RecordingError::kNone;
+  const char* text_ = "";
+};
+
+}  // namespace tarn
