@@ -42,7 +42,7 @@ class Checker {
   std::string checkRecovered(Cut cut, uint64_t flushed);
   std::string checkUndone(const ReadFault& fault);
   // How far it ends as the life's recovery does that nothing disturbed.
-  enum class Same { kNothing, kButJournalPlace, kAll };
+  enum class Same { kNothing, kRows, kButJournalPlace, kAll };
   std::string checkResult(const tarn::RecoveryReport& report, Cut cut, uint64_t flushed, Same same);
   std::string checkFormat(Cut cut);
 

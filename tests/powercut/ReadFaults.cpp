@@ -100,6 +100,12 @@ std::string checkEvents(const Recorded& life) {
   return "";
 }
 
+// Where the cut left them unlike, each may say something of its own, and it is lost with it.
+bool copiesAreAlike(const Recorded& life, uint64_t sector) {
+  const uint64_t byte = sector * kSector;
+  return memcmp(&life.base[byte], &life.base[otherCopy(byte)], kSector) == 0;
+}
+
 // The error of a start that a bad sector stops says where it is.
 std::string checkError(const ReadFault& fault, const std::string& error) {
   if (fault.kind != ReadFault::kSector || placeOf(fault.sector * kSector).empty()) return "";
@@ -200,7 +206,8 @@ void ReadFaults::visitSectors(size_t read) {
     const auto isOf = [sector](const auto& extent) {
       return sector * kSector >= extent.first && sector * kSector < extent.second;
     };
-    if (i < kSlots - kFirstZerosSlot && std::any_of(copied_.begin(), copied_.end(), isOf)) {
+    if (i < kSlots - kFirstZerosSlot && std::any_of(copied_.begin(), copied_.end(), isOf) &&
+        copiesAreAlike(life_, sector)) {
       visitFault(kFirstZerosSlot + static_cast<uint32_t>(i), {ReadFault::kZeros, read, sector});
     }
   }

@@ -328,14 +328,31 @@ void formatCard() {
 
 const tarn::CardLayout& cardLayout() { return g_layout; }
 
+namespace {
+
+constexpr int kCopiedFamilies[] = {tarn::kFileJournal, tarn::kFileStreamManage,
+                                   tarn::kFileSyslogManage, tarn::kFileJournalManage};
+
+}  // namespace
+
 std::vector<std::pair<uint64_t, uint64_t>> copiedExtents() {
   std::vector<std::pair<uint64_t, uint64_t>> extents;
-  for (int type : {tarn::kFileJournal, tarn::kFileStreamManage, tarn::kFileSyslogManage,
-                   tarn::kFileJournalManage}) {
+  for (int type : kCopiedFamilies) {
     const tarn::CardFamily& family = g_layout.family(type);
     extents.emplace_back(family.startByte(), family.startByte() + family.bytes());
   }
   return extents;
+}
+
+// The copies are neighbours: an even chunk and the odd one behind it.
+uint64_t otherCopy(uint64_t byte) {
+  for (int type : kCopiedFamilies) {
+    const tarn::CardFamily& family = g_layout.family(type);
+    if (byte < family.startByte() || byte >= family.startByte() + family.bytes()) continue;
+    const uint64_t chunk = (byte - family.startByte()) / family.chunkSize;
+    return chunk % 2 == 0 ? byte + family.chunkSize : byte - family.chunkSize;
+  }
+  throw std::logic_error("a byte that the card has once");
 }
 
 std::vector<std::pair<uint64_t, uint64_t>> chunkExtents() {

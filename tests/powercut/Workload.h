@@ -115,6 +115,8 @@ const tarn::CardLayout& cardLayout();
 std::vector<std::pair<uint64_t, uint64_t>> chunkExtents();
 // Those of journals and management data.
 std::vector<std::pair<uint64_t, uint64_t>> copiedExtents();
+// Where the other copy of a byte of them lies.
+uint64_t otherCopy(uint64_t byte);
 void formatCard();
 
 }  // namespace powercut
