@@ -25,6 +25,10 @@ using tarn::MutexLock;
 namespace {
 
 constexpr int kBacklog = 5;
+// Whichever operation reads or listens, its lines carry the name that programs which read the log
+// know.
+constexpr char kReading[] = "readMesg";
+constexpr char kListening[] = "m_listen";
 // Pauses of the accept thread after a failed accept (no free handles, say), doubled up to the
 // limit.
 constexpr int kFirstPauseMs = 10;
@@ -69,7 +73,8 @@ CMesgServer::CMesgServer(const char* path, unsigned long timeoutSec, unsigned lo
   FD_ZERO(&m_resultSet);
   m_position = m_clients.begin();
   signal(SIGPIPE, SIG_IGN);
-  m_openWakeFds();  // early, so that interrupt() works from the start; tried again by the start
+  // Early, so that interrupt() works from the beginning; tried again by the start.
+  m_openWakeFds(__func__);
 }
 
 // Kept on purpose: the clients' handles stay open, for they may outlive the server; an owner who
@@ -83,7 +88,7 @@ CMesgServer::~CMesgServer() {
 
 int CMesgServer::startAcceptNewConnectionThread() {
   m_joinFailedThread();
-  if (m_joinable || m_openWakeFds() != 0) {
+  if (m_joinable || m_openWakeFds(__func__) != 0) {
     syslog(LOG_ERR, tarn::kMesgThreadCreateError, __func__, __LINE__, kMesgServerName);
     return -1;
   }
@@ -140,12 +145,12 @@ void CMesgServer::m_reportSetup(Setup setup) {
 }
 
 // The event handle takes part in select(), so its number is bounded like a client's.
-int CMesgServer::m_openWakeFds() {
+int CMesgServer::m_openWakeFds(const char* operation) {
   if (!m_wakeFd.valid()) m_wakeFd.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (!m_stopFd.valid()) m_stopFd.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (m_wakeFd.get() >= FD_SETSIZE) m_wakeFd.reset();
   if (m_wakeFd.valid() && m_stopFd.valid()) return 0;
-  syslog(LOG_ERR, tarn::kMesgWakeError, __func__, __LINE__, kMesgServerName);
+  syslog(LOG_ERR, tarn::kMesgWakeError, operation, __LINE__, kMesgServerName);
   return -1;
 }
 
@@ -204,12 +209,12 @@ int CMesgServer::m_listen() {
 int CMesgServer::m_bind() {
   const auto* address = reinterpret_cast<const sockaddr*>(&m_address);
   if (bind(m_listenFd.get(), address, sizeof m_address) != 0) {
-    syslog(LOG_ERR, tarn::kMesgBindError, __func__, __LINE__, kMesgServerName);
+    syslog(LOG_ERR, tarn::kMesgBindError, kListening, __LINE__, kMesgServerName);
     return -1;
   }
   if (m_modeGiven && chmod(m_path, m_mode) != 0) {
     const int error = errno;
-    syslog(LOG_ERR, tarn::kMesgChmodError, __func__, __LINE__, kMesgServerName, m_path, error);
+    syslog(LOG_ERR, tarn::kMesgChmodError, kListening, __LINE__, kMesgServerName, m_path, error);
     return -1;
   }
   return 0;
@@ -374,11 +379,11 @@ long CMesgServer::m_readAtPosition(void* buf, long size, long* clientFd) {
   long got = read(static_cast<int>(fd), buf, static_cast<size_t>(size));
   const int error = errno;
   if (got == 0 || (got < 0 && error == EAGAIN)) {
-    syslog(LOG_ERR, tarn::kMesgSocketClosed, __func__, __LINE__, kMesgServerName, fd);
+    syslog(LOG_ERR, tarn::kMesgSocketClosed, kReading, __LINE__, kMesgServerName, fd);
     m_dropAtPosition();
     got = -1;
   } else if (got < 0) {
-    syslog(LOG_ERR, tarn::kMesgReadErrno, __func__, __LINE__, kMesgServerName, error);
+    syslog(LOG_ERR, tarn::kMesgReadErrno, kReading, __LINE__, kMesgServerName, error);
     got = -1;
   }
   const bool atEnd = m_position == m_clients.end();

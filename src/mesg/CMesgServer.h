@@ -27,7 +27,8 @@
 //       if (got > 0) server.writeMesg(buffer, got, client);
 //   }
 //
-// Operations log to the system log at LOG_ERR; a new client at LOG_INFO.
+// Operations log to the system log at LOG_ERR; a new client at LOG_INFO. The lines of readReady()
+// carry the name readMesg.
 class TARN_API CMesgServer {
  public:
   // Longest socket path, in characters; a longer one is cut.
@@ -106,7 +107,7 @@ class TARN_API CMesgServer {
   static void* m_runThread(void* self);
   void m_acceptNewConnectionFunc();
 
-  int m_openWakeFds();
+  int m_openWakeFds(const char* operation);
   void m_joinFailedThread();
   int m_handleLimit() const;
   void m_reportSetup(Setup setup);

@@ -6,7 +6,9 @@
 #include <atomic>
 #include <cstdio>
 #include <memory>
+#include <regex>
 #include <string>
+#include <vector>
 
 #include "mesg/CMesgServer.h"
 #include "support/RawClient.h"
@@ -43,6 +45,13 @@ class ServerTest : public testing::Test {
   std::string outcome(long got) {
     if (got <= 0) return "<" + std::to_string(got) + ">";
     return std::string(buffer_, static_cast<size_t>(got));
+  }
+  // What was logged, prefixes and all; only the line numbers, which are free, stand as N.
+  std::vector<LogLine> linesAsN() const {
+    static const std::regex number("^([A-Za-z_]+ line )[0-9]+( is )");
+    std::vector<LogLine> lines = log_.lines();
+    for (LogLine& line : lines) line.text = std::regex_replace(line.text, number, "$1N$2");
+    return lines;
   }
   std::string closedText(int fd) const { return "socket " + std::to_string(fd) + " closed"; }
 

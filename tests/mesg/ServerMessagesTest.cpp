@@ -122,20 +122,38 @@ TEST_F(ServerMessages, DisconnectedClientIsDroppedByTheReadThatReachesIt) {
   EXPECT_EQ(readNext(), "<0>");
 }
 
-TEST_F(ServerMessages, LogLinesNameOperationLineAndClass) {
+// Programs that read the log know these operations, not our helpers.
+TEST_F(ServerMessages, DropsAreLoggedUnderReadMesgWhicheverOperationReads) {
+  serve();
+  for (const bool ready : {false, true}) {
+    std::unique_ptr<RawClient> client;
+    const std::string fd = std::to_string(accept(client));
+    client->close();
+    log_.clear();
+    server_->select();
+    EXPECT_EQ(ready ? readReady() : readNext(), "<-1>");
+    const std::vector<LogLine> expected = {
+        {LOG_ERR, "readMesg line N is CMesgServer: socket " + fd + " closed"},
+        {LOG_ERR, "m_setupSelect line N is CMesgServer: not conneted"}};
+    EXPECT_EQ(linesAsN(), expected) << ready;
+  }
+}
+
+TEST_F(ServerMessages, ReadAndWriteErrorsAreLoggedUnderTheOperationAsked) {
   serve();
   std::unique_ptr<RawClient> client;
-  accept(client);
-  client->close();
+  const int fd = accept(client);
+  ASSERT_EQ(server_->writeMesg("unread", 6, fd), 6);
+  client->close();  // with an unread message: the server's end is reset
+  log_.clear();
   server_->select();
-  readNext();
-  const std::vector<LogLine> lines = log_.lines();
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_THAT(lines[0].text, testing::MatchesRegex("accept new client fd is [0-9]+"));
-  EXPECT_THAT(lines[1].text,
-              testing::MatchesRegex("[A-Za-z_]+ line [0-9]+ is CMesgServer: socket [0-9]+ closed"));
-  EXPECT_THAT(lines[2].text,
-              testing::MatchesRegex("m_setupSelect line [0-9]+ is CMesgServer: not conneted"));
+  EXPECT_EQ(readNext(), "<-1>");
+  EXPECT_EQ(server_->writeMesg("late", 4, fd), -1);
+  const std::vector<LogLine> expected = {
+      {LOG_ERR, "readMesg line N is CMesgServer: errorNumber = " + std::to_string(ECONNRESET)},
+      {LOG_ERR, "writeMesg line N is CMesgServer: write(fd=" + std::to_string(fd) +
+                    ", mesg, size=4) error(" + std::to_string(EPIPE) + ")"}};
+  EXPECT_EQ(linesAsN(), expected);
 }
 
 TEST_F(ServerMessages, AfterADropTheNextRoundStartsOneFurtherOn) {

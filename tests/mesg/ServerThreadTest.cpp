@@ -12,7 +12,8 @@
 
 namespace {
 std::atomic<bool> g_listenFails{false};
-}
+std::atomic<bool> g_modeFails{false};
+}  // namespace
 
 // The library's call resolves to this one.
 extern "C" __attribute__((visibility("default"))) int listen(int fd, int backlog) noexcept {
@@ -21,6 +22,15 @@ extern "C" __attribute__((visibility("default"))) int listen(int fd, int backlog
     return -1;
   }
   return static_cast<int>(syscall(SYS_listen, fd, backlog));
+}
+
+extern "C" __attribute__((visibility("default"))) int chmod(const char* path,
+                                                            mode_t mode) noexcept {
+  if (g_modeFails) {
+    errno = EROFS;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fchmodat, AT_FDCWD, path, mode));
 }
 
 namespace tarn_test {
@@ -117,6 +127,32 @@ TEST_F(ServerThread, SocketThatCannotBeBoundIsReported) {
   EXPECT_EQ(server.waitUntilListening(), -1);
   EXPECT_EQ(log_.withoutPrefix(), errors({"bind() error", "socket setup error"}));
   EXPECT_EQ(server.stopAcceptNewConnectionThread(), 0);
+}
+
+TEST_F(ServerThread, BindAndModeErrorsAreLoggedUnderTheOperationThatListens) {
+  const std::vector<LogLine> failed = {
+      {LOG_ERR, "m_acceptNewConnectionFunc line N is CMesgServer: socket setup error"}};
+  std::vector<LogLine> expected = failed;
+  {
+    CMesgServer server("/tmp/missing/socket", 1, 0);
+    EXPECT_EQ(server.startAcceptNewConnectionThread(), 0);
+    EXPECT_EQ(server.waitUntilListening(), -1);
+    expected.insert(expected.begin(), {LOG_ERR, "m_listen line N is CMesgServer: bind() error"});
+    EXPECT_EQ(linesAsN(), expected);
+  }
+  log_.clear();
+  g_modeFails = true;
+  CMesgServer server(kSocketPath, 1, 0);
+  server.setSocketMode(0660);
+  EXPECT_EQ(server.startAcceptNewConnectionThread(), 0);
+  EXPECT_EQ(server.waitUntilListening(), -1);
+  g_modeFails = false;
+  expected = failed;
+  expected.insert(expected.begin(), {LOG_ERR,
+                                     "m_listen line N is CMesgServer: chmod(/tmp/mesg-test) "
+                                     "error(" +
+                                         std::to_string(EROFS) + ")"});
+  EXPECT_EQ(linesAsN(), expected);
 }
 
 TEST_F(ServerThread, SocketThatCannotBeMadeIsReported) {
