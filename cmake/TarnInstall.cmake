@@ -8,6 +8,16 @@ install(TARGETS Tarn EXPORT TarnTargets
 set_target_properties(TarnRecorder PROPERTIES EXPORT_NAME Recorder)
 install(TARGETS TarnRecorder EXPORT TarnTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT recorder NAMELINK_COMPONENT development)
+if(TARGET TarnMedia)
+  # A file of its own: whoever does without video files installs none of this.
+  set_target_properties(TarnMedia PROPERTIES EXPORT_NAME Media)
+  install(TARGETS TarnMedia EXPORT TarnMediaTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT media NAMELINK_COMPONENT mediadevelopment)
+  install(EXPORT TarnMediaTargets NAMESPACE Tarn:: DESTINATION ${tarn_package_dir}
+    COMPONENT mediadevelopment)
+  install(FILES media/MediaInput.h media/MediaOutput.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn/media COMPONENT mediadevelopment)
+endif()
 install(EXPORT TarnTargets NAMESPACE Tarn:: DESTINATION ${tarn_package_dir} COMPONENT development)
 
 foreach(folder base fat chunk manager mesg db dblog api)
@@ -25,11 +35,19 @@ install(FILES ${PROJECT_BINARY_DIR}/TarnConfig.cmake ${PROJECT_BINARY_DIR}/TarnC
   DESTINATION ${tarn_package_dir} COMPONENT development)
 # pkg-config files name the prefix that is chosen only when the tree is installed.
 set(at "@")
-foreach(module tarn tarn-recorder)
+set(modules tarn tarn-recorder)
+if(TARGET TarnMedia)
+  list(APPEND modules tarn-media)
+endif()
+foreach(module ${modules})
+  set(component development)
+  if(module STREQUAL "tarn-media")
+    set(component mediadevelopment)
+  endif()
   configure_file(cmake/${module}.pc.in ${PROJECT_BINARY_DIR}/${module}.pc.in @ONLY)
   set(place "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/${module}.pc")
   install(CODE "configure_file(\"${PROJECT_BINARY_DIR}/${module}.pc.in\" \"\$ENV{DESTDIR}${place}\" @ONLY)
-list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"${place}\")" COMPONENT development)
+list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"${place}\")" COMPONENT ${component})
 endforeach()
 
 # The library calls dbsetup by its fixed path, /usr/local/bin/dbsetup: with the default prefix it

@@ -18,6 +18,9 @@ set(CPACK_TARN_PACKAGING_DIR ${CMAKE_CURRENT_LIST_DIR})
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL library recorder development tools server)
+if(TARGET TarnMedia)
+  list(APPEND CPACK_COMPONENTS_ALL media mediadevelopment)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SOURCE tarn)
@@ -44,8 +47,7 @@ endif()
 # The units of a recorder. They are installed and not enabled: which of them a recorder needs is
 # decided in its firmware. They start the tool, which records only where it was built with media.
 set(without_media PATTERN tarn-record.service EXCLUDE)
-get_target_property(tool_definitions tarn COMPILE_DEFINITIONS)
-if("TARN_WITH_MEDIA" IN_LIST tool_definitions)
+if(TARGET TarnMedia)
   set(without_media "")
 endif()
 foreach(kind systemd:systemd/system tmpfiles.d:tmpfiles.d)
@@ -79,8 +81,21 @@ server, recovery, recording sessions and readers.")
 tarn_package(development libtarn-dev libdevel "libtarn1 ${same}, libtarnrecorder1 ${same}"
   "storage library of a video recorder (development files)"
   "Headers, link names and the files for find_package(Tarn) and pkg-config.")
+set(media_depends "")
+if(TARGET TarnMedia)
+  tarn_package(media libtarnmedia1 libs
+    "${runtime_depends}libtarn1 ${same}, libtarnrecorder1 ${same}"
+    "storage library of a video recorder (video files and streams)"
+    "Reads H.264 video of files and streams for a recording, and writes recorded
+pictures to video files. Separate because of the libraries that it needs.")
+  tarn_package(mediadevelopment libtarnmedia-dev libdevel
+    "libtarnmedia1 ${same}, libtarn-dev ${same}"
+    "storage library of a video recorder (development files for video files and streams)"
+    "Headers, link name and the files for find_package(Tarn) and pkg-config.")
+  set(media_depends "libtarnmedia1 ${same}, ")
+endif()
 tarn_package(tools tarn-tools utils
-  "${runtime_depends}${tools_depends}libtarn1 ${same}, libtarnrecorder1 ${same}, tarn-server ${same}"
+  "${runtime_depends}${tools_depends}${media_depends}libtarn1 ${same}, libtarnrecorder1 ${same}, tarn-server ${same}"
   "cards, recordings and exports of a video recorder"
   "The command tarn formats, checks and recovers cards, records and exports video
 and lists what is recorded, on a recorder or in a private view of a card image.
@@ -101,5 +116,6 @@ set(CPACK_DEBIAN_SERVER_PACKAGE_CONTROL_EXTRA ${control}/server/postinst ${contr
 configure_file(${CMAKE_CURRENT_LIST_DIR}/libraries.triggers ${control}/libraries/triggers COPYONLY)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${control}/libraries/triggers)
 set(CPACK_DEBIAN_RECORDER_PACKAGE_CONTROL_EXTRA ${control}/libraries/triggers)
+set(CPACK_DEBIAN_MEDIA_PACKAGE_CONTROL_EXTRA ${control}/libraries/triggers)
 
 include(CPack)

@@ -50,7 +50,7 @@ std::unique_ptr<Command> makeRecoverCommand();
 std::unique_ptr<Command> makeLogCommand();
 std::unique_ptr<Command> makeRunCommand();
 std::unique_ptr<Command> makeSaveCommand();
-// In media/, where the build has libavformat.
+// In video/, where the build has libavformat.
 std::unique_ptr<Command> makeRecordCommand();
 std::unique_ptr<Command> makeExportCommand();
 

@@ -6,10 +6,6 @@
 #include "media/Av.h"
 #include "media/MediaInput.h"
 
-namespace tarn {
-bool stopRequested() { return false; }
-}  // namespace tarn
-
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   av_log_set_level(AV_LOG_QUIET);
   return 0;
@@ -21,10 +17,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (fd < 0 || write(fd, data, size) != static_cast<ssize_t>(size)) __builtin_trap();
   close(fd);
   std::string error;
-  const auto input = tarn::tool::MediaInput::open(kPath, 0, &error);
-  tarn::tool::MediaPicture picture;
+  const auto input = tarn::MediaInput::open(
+      kPath, 0, [] { return false; }, &error);
+  tarn::MediaPicture picture;
   for (int i = 0; i < 1000 && input != nullptr; ++i) {
-    if (input->next(&picture) != tarn::tool::MediaInput::Result::kPicture) break;
+    if (input->next(&picture) != tarn::MediaInput::Result::kPicture) break;
     if (picture.annexB.empty()) __builtin_trap();
   }
   return 0;

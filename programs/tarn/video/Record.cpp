@@ -1,4 +1,4 @@
-#include "media/Record.h"
+#include "video/Record.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -193,7 +193,7 @@ int Recorder::run() {
   bool good = true;
   progress_.emplace();
   for (uint32_t pass = 0; pass < request_.loop && good && !stopRequested(); ++pass) {
-    const auto input = MediaInput::open(request_.input, request_.frameRate, &error);
+    const auto input = MediaInput::open(request_.input, request_.frameRate, stopRequested, &error);
     if (input == nullptr) {
       good = fail(error);
       break;

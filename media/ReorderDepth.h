@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace tarn::tool {
+namespace tarn {
 
 // How far apart the orders of decoding and presentation of an H.264 stream can be, as its sequence
 // parameter set says. Encoders that do not reorder say 0 or choose an order type that means it.
@@ -18,4 +18,4 @@ struct ReorderDepth {
 // Of the unit's bytes behind the start code. What cannot be read tells nothing.
 ReorderDepth reorderDepthOf(const uint8_t* sps, size_t size);
 
-}  // namespace tarn::tool
+}  // namespace tarn

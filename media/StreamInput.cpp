@@ -8,10 +8,9 @@
 #include <cmath>
 #include <cstring>
 
-#include "Console.h"
 #include "recorder/recording/AnnexB.h"
 
-namespace tarn::tool {
+namespace tarn {
 namespace {
 
 constexpr size_t kBlockSize = 65536;
@@ -19,10 +18,12 @@ constexpr double kUsualRate = 25;
 
 }  // namespace
 
-std::unique_ptr<MediaInput> StreamInput::open(int fd, double frameRate, std::string* error) {
+std::unique_ptr<MediaInput> StreamInput::open(int fd, double frameRate, StopAsked stopAsked,
+                                              std::string* error) {
   av_log_set_level(AV_LOG_FATAL);
   auto input = std::make_unique<StreamInput>();
   input->fd_.reset(fd);
+  input->stopAsked_ = stopAsked;
   input->givenRate_ = frameRate;
   input->frameRate_ = frameRate > 0 ? frameRate : kUsualRate;
   input->block_.resize(kBlockSize + AV_INPUT_BUFFER_PADDING_SIZE);
@@ -103,7 +104,7 @@ ssize_t StreamInput::readBlock() {
   for (;;) {
     struct pollfd input = {fd_.get(), POLLIN, 0};
     const int ready = poll(&input, 1, kWaitMs);
-    if (stopRequested()) {
+    if (stopAsked_()) {
       errno = EINTR;
       return -1;
     }
@@ -160,4 +161,4 @@ MediaInput::Result StreamInput::next(MediaPicture* out) {
   return Result::kPicture;
 }
 
-}  // namespace tarn::tool
+}  // namespace tarn

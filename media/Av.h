@@ -10,7 +10,7 @@ extern "C" {
 #include <string>
 
 // Owners of libav objects, and its error codes in words.
-namespace tarn::tool {
+namespace tarn {
 
 struct AvDeleter {
   void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
@@ -30,4 +30,4 @@ inline std::string avErrorText(int code) {
 
 inline constexpr AVRational kMicroseconds = {1, 1000000};
 
-}  // namespace tarn::tool
+}  // namespace tarn

@@ -1,4 +1,4 @@
-#include "media/Export.h"
+#include "video/Export.h"
 
 #include <fmt/format.h>
 #include <unistd.h>

@@ -6,9 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "base/Export.h"
 #include "recorder/card/PictureTime.h"
 
-namespace tarn::tool {
+namespace tarn {
 
 // One picture to be written, in decode order.
 struct OutputPicture {
@@ -21,7 +22,7 @@ struct OutputPicture {
 // File that exported pictures go to: an .mp4 with each picture's time, or a bare .h264 stream. The
 // file appears under its name only when finish() succeeds; until then, and after a failure, it is
 // NAME.part, which the destructor removes. Used by one thread.
-class MediaOutput {
+class TARN_API MediaOutput {
  public:
   virtual ~MediaOutput();
 
@@ -45,4 +46,4 @@ class MediaOutput {
   std::string error_;
 };
 
-}  // namespace tarn::tool
+}  // namespace tarn

@@ -1,10 +1,8 @@
-#include "media/MediaInput.h"
+#include "media/StreamPreamble.h"
 
-#include "media/ContainerInput.h"
-#include "media/StreamInput.h"
 #include "recorder/recording/AnnexB.h"
 
-namespace tarn::tool {
+namespace tarn {
 namespace {
 
 void appendUnit(std::vector<uint8_t>* out, const NalUnit& unit) {
@@ -46,10 +44,4 @@ void StreamPreamble::complete(std::vector<uint8_t>* annexB, bool key) {
                  missing.end());
 }
 
-std::unique_ptr<MediaInput> MediaInput::open(const std::string& path, double frameRate,
-                                             std::string* error) {
-  if (path == "-") return StreamInput::open(0, frameRate, error);
-  return ContainerInput::open(path, frameRate, error);
-}
-
-}  // namespace tarn::tool
+}  // namespace tarn

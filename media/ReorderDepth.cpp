@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-namespace tarn::tool {
+namespace tarn {
 namespace {
 
 // Bits of a unit without the bytes that keep start codes out of it.
@@ -161,4 +161,4 @@ ReorderDepth reorderDepthOf(const uint8_t* sps, size_t size) {
   return depth;
 }
 
-}  // namespace tarn::tool
+}  // namespace tarn

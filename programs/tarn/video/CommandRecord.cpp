@@ -1,7 +1,7 @@
 #include "Command.h"
 #include "Console.h"
-#include "media/Record.h"
 #include "recorder/rows/ServerRetry.h"
+#include "video/Record.h"
 
 namespace tarn {
 namespace {

@@ -4,8 +4,9 @@
 #include "media/Av.h"
 #include "media/MediaInput.h"
 #include "media/ReorderDepth.h"
+#include "media/StreamPreamble.h"
 
-namespace tarn::tool {
+namespace tarn {
 
 // Annex B byte stream without times, from a descriptor. Pictures are cut apart by the parser; their
 // place in the order of presentation follows from their picture order count. As many pictures are
@@ -13,7 +14,8 @@ namespace tarn::tool {
 class StreamInput : public MediaInput {
  public:
   // Takes the descriptor over.
-  static std::unique_ptr<MediaInput> open(int fd, double frameRate, std::string* error);
+  static std::unique_ptr<MediaInput> open(int fd, double frameRate, StopAsked stopAsked,
+                                          std::string* error);
   Result next(MediaPicture* out) override;
 
  private:
@@ -33,6 +35,7 @@ class StreamInput : public MediaInput {
   void observeDepth();
 
   UniqueFd fd_;
+  StopAsked stopAsked_ = nullptr;
   AvOwned<AVCodecContext> codec_;
   AvOwned<AVCodecParserContext> parser_;
   StreamPreamble preamble_;
@@ -47,4 +50,4 @@ class StreamInput : public MediaInput {
   int64_t nextDecode_ = 0;        // pictures handed out
 };
 
-}  // namespace tarn::tool
+}  // namespace tarn

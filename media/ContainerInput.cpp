@@ -8,10 +8,10 @@
 #include "media/StreamInput.h"
 #include "recorder/recording/AnnexB.h"
 
-namespace tarn::tool {
+namespace tarn {
 
 std::unique_ptr<MediaInput> ContainerInput::open(const std::string& path, double frameRate,
-                                                 std::string* error) {
+                                                 StopAsked stopAsked, std::string* error) {
   av_log_set_level(AV_LOG_FATAL);
   AVFormatContext* raw = nullptr;
   // The name is taken as a file, never as an address.
@@ -42,7 +42,7 @@ std::unique_ptr<MediaInput> ContainerInput::open(const std::string& path, double
       *error = "cannot open " + path;
       return nullptr;
     }
-    return StreamInput::open(::dup(file.get()), frameRate, error);
+    return StreamInput::open(::dup(file.get()), frameRate, stopAsked, error);
   }
   input->frameRate_ = rate.num > 0 ? av_q2d(rate) : frameRate;
   input->bitRate_ = std::max(input->stream_->codecpar->bit_rate, int64_t{0});
@@ -150,4 +150,4 @@ MediaInput::Result ContainerInput::next(MediaPicture* out) {
   return Result::kPicture;
 }
 
-}  // namespace tarn::tool
+}  // namespace tarn

@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
-namespace tarn::tool {
+#include "base/Export.h"
+
+namespace tarn {
 
 // One coded picture as it came from the input, in decode order.
 struct MediaPicture {
@@ -17,9 +19,13 @@ struct MediaPicture {
   bool key = false;             // decoding can begin here (IDR)
 };
 
+// Whether the program was asked to stop. Asked a few times a second while an input is waited for,
+// in the thread that reads it.
+using StopAsked = bool (*)();
+
 // Video of any file that libavformat reads and whose video is H.264, or an Annex B stream.
 // Pictures are passed on as they are, never re-encoded. Used by one thread.
-class MediaInput {
+class TARN_API MediaInput {
  public:
   virtual ~MediaInput() = default;
 
@@ -35,8 +41,9 @@ class MediaInput {
 
   // Opens `path`; "-" is an Annex B stream on standard input. `frameRate` above 0 is used for
   // streams that carry no times (25 when the stream does not tell either). Null with *error set.
+  // Where the input is a stream, a read ends as an error once `stopAsked` says so.
   static std::unique_ptr<MediaInput> open(const std::string& path, double frameRate,
-                                          std::string* error);
+                                          StopAsked stopAsked, std::string* error);
 
  protected:
   std::string error_;
@@ -45,18 +52,4 @@ class MediaInput {
   int64_t lengthUs_ = 0;
 };
 
-// Remembers what a decoder has to know of a stream before its first picture and gives it to key
-// pictures that come without, so that every key picture can begin a recording: the parameter sets,
-// and the encoder's note about itself, by which decoders allow for the faults of old encoders.
-// Encoders may send either only once, and the ring deletes a stream's beginning first.
-class StreamPreamble {
- public:
-  // Looks at a picture, and completes it when it is a key picture.
-  void complete(std::vector<uint8_t>* annexB, bool key);
-
- private:
-  std::vector<uint8_t> parameterSets_;  // start codes included, as everywhere here
-  std::vector<uint8_t> encoderNotes_;
-};
-
-}  // namespace tarn::tool
+}  // namespace tarn

@@ -12,7 +12,7 @@
 #include "media/Av.h"
 #include "recorder/recording/AnnexB.h"
 
-namespace tarn::tool {
+namespace tarn {
 namespace {
 
 bool endsWith(const std::string& text, const std::string& ending) {
@@ -226,4 +226,4 @@ bool MediaOutput::finish() {
   return true;
 }
 
-}  // namespace tarn::tool
+}  // namespace tarn

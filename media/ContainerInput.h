@@ -2,14 +2,15 @@
 
 #include "media/Av.h"
 #include "media/MediaInput.h"
+#include "media/StreamPreamble.h"
 
-namespace tarn::tool {
+namespace tarn {
 
 // H.264 video of a container file with times of its own.
 class ContainerInput : public MediaInput {
  public:
   static std::unique_ptr<MediaInput> open(const std::string& path, double frameRate,
-                                          std::string* error);
+                                          StopAsked stopAsked, std::string* error);
   Result next(MediaPicture* out) override;
 
  private:
@@ -38,4 +39,4 @@ class ContainerInput : public MediaInput {
   int64_t lastPresentationUs_ = 0;
 };
 
-}  // namespace tarn::tool
+}  // namespace tarn

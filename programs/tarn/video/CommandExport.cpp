@@ -1,6 +1,6 @@
 #include "Command.h"
 #include "Console.h"
-#include "media/Export.h"
+#include "video/Export.h"
 
 namespace tarn {
 namespace {
