@@ -3,7 +3,7 @@
 # address and undefined-behaviour sanitizers, the concurrent tests with the thread sanitizer, and a
 # build for 32-bit ARM, whose tests run through QEMU, under sanitizers too; what the two machines
 # make of a card is compared.
-#   ./test.sh            all of it
+#   ./test.sh            all of it, scripts/lint first
 #   ./test.sh PRESET...  only these of: release asan tsan armhf-asan, and fuzz, which is only run when
 #                        it is named: the fuzz targets, some seconds each
 set -euo pipefail
@@ -25,7 +25,10 @@ step() { printf '\n== %s (%d s)\n' "$*" "$SECONDS"; }
 step "Packages"
 packages=("${build_packages[@]}" "${run_packages[@]}" "${test_packages[@]}" "${arm_packages[@]}")
 [[ " ${presets[*]} " != *" fuzz "* ]] || packages+=("${fuzz_packages[@]}")
+[ $# -gt 0 ] || packages+=("${lint_packages[@]}")
 scripts/install-packages "${packages[@]}"
+
+[ $# -gt 0 ] || { step "Lint"; scripts/lint; }
 
 # Most tests start processes of their own and wait for them; on a busy machine one may lose patience
 # with another. What fails beside the others is run once more alone, and named.

@@ -58,3 +58,5 @@ install(TARGETS tarn-server dbsetup DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONEN
 install(FILES docs/man/tarn.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 install(FILES docs/man/tarn-server.8 docs/man/dbsetup.8
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT server)
+# What of other people's work is compiled in, as its licences ask for: most of it in the tool.
+install(FILES NOTICES.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tarn-tools COMPONENT tools)

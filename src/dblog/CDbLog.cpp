@@ -421,7 +421,7 @@ bool CDbLog::readAtLocked(const Operation& operation, uint32_t offset, void* rec
   }
   if (copy == JournalCopy::kMirror) {
     syslog(LOG_WARNING, kMsgMirrorUsed, "read",
-           static_cast<unsigned long>(offset + traits.recordSize));
+           static_cast<unsigned long>(offset) + traits.recordSize);
   }
   memcpy(record, copy == JournalCopy::kOriginal ? original : mirror, traits.recordSize);
   return true;

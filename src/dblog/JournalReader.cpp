@@ -78,7 +78,7 @@ JournalReader::Result JournalReader::read() {
       return Result::kBad;
     case JournalCopy::kMirror:
       syslog(LOG_WARNING, kMsgMirrorUsed, "read",
-             static_cast<unsigned long>(position_ + traits_.recordSize));
+             static_cast<unsigned long>(position_) + traits_.recordSize);
       break;
     case JournalCopy::kOriginal:
       break;

@@ -1,5 +1,5 @@
 # The README's example, as a consumer of the installed library would take it. Sourced.
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034
 expected_of_example='50 pictures, the last one of 8 bytes'
 
 # write_consumer SOURCE_DIR FOLDER
