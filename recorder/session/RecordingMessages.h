@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cinttypes>
+
 // What recording says to syslog and, through errorText(), to a person.
 namespace tarn {
 
@@ -8,6 +10,8 @@ inline constexpr char kMsgLeftOver[] =
     "RecordingSession: recording %u was left open, %u pictures kept";
 inline constexpr char kMsgLeftOverRefused[] =
     "RecordingSession: recording %u was left open and cannot be read, it stays open";
+inline constexpr char kMsgClockStepped[] =
+    "RecordingSession: channel %d: the clock was set by %" PRId64 " us, a new recording begins";
 inline constexpr char kMsgSpaceNoHeader[] =
     "RecordingSpace: header of recording %u in chunk %d cannot be read, going on behind it";
 inline constexpr char kMsgSpaceOrphan[] = "RecordingSpace: chunk %d holds no recording, emptied";

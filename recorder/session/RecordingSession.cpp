@@ -64,6 +64,8 @@ class RecordingSession::Impl {
   int write(const void* annexB, size_t size, const PictureEntry& entry);
   void markDiscontinuity() { gap_ = true; }
   int flush();
+  int tick();
+  int clockStepped(int64_t deltaUs);
   uint32_t beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec);
   int endEvent(uint32_t eventID, PictureTime time);
   int close();
@@ -108,6 +110,7 @@ class RecordingSession::Impl {
   void count(size_t size, const PictureEntry& entry);
   bool jumps(PictureTime decode) const;
   void noteClock(PictureTime decode);
+  void endOldTimes();
   bool makeEventPlace(JournalGuard* guard);
   bool endRow(const RunningEvent& event, PictureTime time);
   bool flushBefore(PictureTime decode);
@@ -129,8 +132,10 @@ class RecordingSession::Impl {
   RecordingSpace space_{&manager_, &db_, &watch_, &statistics_};
   RowWriter writer_{&manager_, &db_, &watch_, &space_, &statistics_};
 
-  bool started_ = false;  // a row was begun in this session
-  bool gap_ = true;       // what comes next begins a session or follows a gap
+  bool started_ = false;       // a row was begun in this session
+  bool gap_ = true;            // what comes next begins a session or follows a gap
+  bool stepped_ = false;       // what comes next has the times of a clock that was set
+  int64_t unsafeSinceMs_ = 0;  // monotonic; when the oldest picture that is not safe was written
   PictureTime rowStart_;
   PictureTime lastDecode_;
   PictureTime latest_;  // greatest presentation time
@@ -275,6 +280,10 @@ bool RecordingSession::Impl::jumps(PictureTime decode) const {
 void RecordingSession::Impl::noteClock(PictureTime decode) {
   const int64_t step = decode.totalMicros() - lastDecode_.totalMicros();
   if (statistics_.pictures == 0 || (step >= -kMaxStepBackUs && step <= kClockSetUs)) return;
+  endOldTimes();
+}
+
+void RecordingSession::Impl::endOldTimes() {
   for (RunningEvent& event : runningEvents_) {
     if (event.overtaken) continue;
     event.overtaken = true;
@@ -314,7 +323,7 @@ bool RecordingSession::Impl::changeRow(size_t size, const PictureEntry& entry, b
 
 // Sees to it that a row runs that has room for the picture.
 bool RecordingSession::Impl::prepareRow(size_t size, PictureEntry* entry) {
-  const bool gap = gap_ || jumps(entry->decodeTime());
+  const bool gap = gap_ || stepped_ || jumps(entry->decodeTime());
   if (gap) entry->flags |= kEntryDiscontinuity;
   bool change = !writer_.running() || gap;
   bool newChunk = false;
@@ -323,7 +332,7 @@ bool RecordingSession::Impl::prepareRow(size_t size, PictureEntry* entry) {
     newChunk = !writer_.fits(size) || ((entry->isKey() || change) && roomIsLow());
   }
   if ((change || newChunk) && !changeRow(size, *entry, newChunk)) return false;
-  gap_ = false;
+  gap_ = stepped_ = false;
   return true;
 }
 
@@ -349,6 +358,7 @@ int RecordingSession::Impl::write(const void* annexB, size_t size, const Picture
   if (gap_ && !given.isKey()) return 0;
   PictureEntry entry = given;
   if (!flushBefore(entry.decodeTime()) || !prepareRow(size, &entry)) return -1;
+  if (!writer_.hasUnsafe()) unsafeSinceMs_ = monotonicMs();
   if (!writer_.append(static_cast<const uint8_t*>(annexB), size, entry)) {
     failAs(writer_);
     return -1;
@@ -371,6 +381,30 @@ int RecordingSession::Impl::flush() {
   if (!writer_.running() || writer_.flush()) return 0;
   failAs(writer_);
   return -1;
+}
+
+int RecordingSession::Impl::tick() {
+  if (!open_ || error_ != RecordingError::kNone) return -1;
+  if (!writer_.hasUnsafe() || monotonicMs() - unsafeSinceMs_ < options_.flushIntervalMs) return 0;
+  return flush();
+}
+
+int RecordingSession::Impl::clockStepped(int64_t deltaUs) {
+  if (!open_ || error_ != RecordingError::kNone) return -1;
+  if (deltaUs == 0 || !started_) return 0;
+  syslog(LOG_NOTICE, kMsgClockStepped, options_.channel, deltaUs);
+  stepped_ = true;
+  endOldTimes();
+  if (!writer_.running()) return 0;
+  FileLock allocation;
+  if (!allocation.lock(kAllocationLock, true)) {
+    fail(RecordingError::kServer, kErrLock);
+    return -1;
+  }
+  if (!writer_.finish() && !failAs(writer_)) return -1;
+  // Without a row in progress others may take the chunk; the next row asks for one again.
+  writer_.closeChunk();
+  return 0;
 }
 
 bool RecordingSession::Impl::makeEventPlace(JournalGuard* guard) {
@@ -486,6 +520,17 @@ void RecordingSession::markDiscontinuity() {
 int RecordingSession::flush() {
   if (!impl_) return -1;
   return guarded("RecordingSession::flush", -1, [&] { return impl_->flush(); });
+}
+
+int RecordingSession::tick() {
+  if (!impl_) return -1;
+  return guarded("RecordingSession::tick", -1, [&] { return impl_->tick(); });
+}
+
+int RecordingSession::clockStepped(int64_t deltaUs) {
+  if (!impl_) return -1;
+  return guarded("RecordingSession::clockStepped", -1,
+                 [&] { return impl_->clockStepped(deltaUs); });
 }
 
 uint32_t RecordingSession::beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec) {

@@ -55,6 +55,16 @@ class TARN_API RecordingSession {
   void markDiscontinuity();
   // Writes out what is collected; all pictures so far are safe after it. 0 or -1.
   int flush();
+  // The flush interval by the clock on the wall instead of by the pictures' times: makes safe what
+  // was written longer than flushIntervalMs ago. writePicture() sees to it as long as pictures
+  // come; whoever waits for one calls this several times an interval, so that an encoder that
+  // stalls leaves nothing unsafe. Costs nothing while there is nothing to do. 0 or -1.
+  int tick();
+  // The clock that the times of the pictures come from was set by `deltaUs`: the running row ends
+  // with what it has, safe, and the next picture, of which kind ever, begins a new one that is
+  // marked as a discontinuity. Events that run are the old clock's: close() ends them with its last
+  // picture. 0 or -1.
+  int clockStepped(int64_t deltaUs);
 
   // Inserts an EVENT row that is open (endDate 0) and returns its key; 0 with error() set when the
   // database or the card's journal did not take it.

@@ -49,6 +49,7 @@ class RowWriter {
   void rescue();
   // Picture time between the oldest picture that is not yet safe and `decode`; 0 without one.
   int64_t unsafeMicros(PictureTime decode) const;
+  bool hasUnsafe() const { return queued_ > 0; }
   // Ends the recording and lists it as closed; one without pictures is deleted.
   bool finish();
   // Ends it after a failure, as far as the card and the server still go along: what was confirmed

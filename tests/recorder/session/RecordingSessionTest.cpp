@@ -457,6 +457,88 @@ TEST(RecordingSession, SlowPicturesDoNotWaitForTheNextOne) {
   EXPECT_EQ(allStreams().size(), 1u);
 }
 
+TEST(RecordingSession, EncoderThatStallsLeavesNothingUnsafe) {
+  RecorderRig rig;
+  RecordingSession session;
+  RecordingOptions options;
+  options.flushIntervalMs = 50;
+  ASSERT_TRUE(openSession(session, options));
+  EXPECT_EQ(0, session.tick());  // nothing is there yet
+  ASSERT_TRUE(writePictures(session, 0, 2));
+  ASSERT_EQ(session.statistics().confirmed, 1u);  // the first one is safe at once
+  for (int i = 0; i < 2000 && session.statistics().confirmed < 2; ++i) {
+    ASSERT_EQ(0, session.tick());
+    usleep(1000);
+  }
+  EXPECT_EQ(session.statistics().confirmed, 2u);
+  ASSERT_EQ(0, session.close());
+}
+
+TEST(RecordingSession, TickMakesNothingSafeBeforeTheInterval) {
+  RecorderRig rig;
+  RecordingSession session;
+  RecordingOptions options;
+  options.flushIntervalMs = 60000;
+  EXPECT_EQ(-1, session.tick());  // it is not open
+  ASSERT_TRUE(openSession(session, options));
+  ASSERT_TRUE(writePictures(session, 0, 3));
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(0, session.tick());
+  EXPECT_EQ(session.statistics().confirmed, 1u);
+  ASSERT_EQ(0, session.close());
+}
+
+TEST(RecordingSession, ClockThatWasSetEndsTheRowAndBeginsOne) {
+  RecorderRig rig;
+  RecordingSession session;
+  ASSERT_TRUE(openSession(session));
+  EXPECT_EQ(0, session.clockStepped(1000000));  // before the first picture: nothing to end
+  ASSERT_TRUE(writePictures(session, 100, 130));
+  const uint32_t event = session.beginEvent(5, pictureTime(110), 0);
+  ASSERT_NE(event, 0u);
+  // Half a second back, which by itself would pass for the order of the pictures.
+  ASSERT_EQ(0, session.clockStepped(-500000));
+  EXPECT_EQ(session.statistics().confirmed, 30u);
+  EXPECT_EQ(session.streamID(), 0u);
+  ASSERT_EQ(allStreams().size(), 1u);
+  EXPECT_EQ(allStreams()[0].recSize, 30u);
+  ASSERT_EQ(0, session.clockStepped(-500000));    // once more, before anything came
+  ASSERT_TRUE(writePictures(session, 118, 140));  // no key picture is waited for
+  ASSERT_EQ(0, session.close());
+  const auto rows = allStreams();
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(verifyRow(rows[0]), range(100, 130));
+  EXPECT_EQ(verifyRow(rows[1]), range(118, 140));
+  RecordingReader reader;
+  PictureEntry entry;
+  ASSERT_EQ(0, reader.open(rows[1]));
+  ASSERT_TRUE(reader.picture(0, &entry));
+  EXPECT_TRUE(entry.isDiscontinuity());
+  const auto events = allEvents();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].endDate, pictureTime(129).seconds);
+  EXPECT_EQ(events[0].endMSec, pictureTime(129).milliseconds());
+}
+
+// Without a row in progress the chunk is anybody's: another channel may make room in it.
+TEST(RecordingSession, ChunkBetweenTwoClocksMayGoToAnotherChannel) {
+  RecorderRig::Shape shape;
+  shape.chunks = 2;
+  RecorderRig rig(shape);
+  RecordingSession first, second;
+  RecordingOptions options;
+  ASSERT_TRUE(openSession(first, options));
+  ASSERT_TRUE(writePictures(first, 0, 50));
+  ASSERT_EQ(0, first.clockStepped(7000000));
+  options.channel = 1;
+  ASSERT_TRUE(openSession(second, options));
+  ASSERT_TRUE(writePictures(second, 0, 700));  // more than a chunk holds
+  ASSERT_TRUE(writePictures(first, 225, 300));
+  ASSERT_TRUE(writePictures(second, 700, 750));
+  ASSERT_EQ(0, first.close());
+  ASSERT_EQ(0, second.close());
+  for (const DB_STREAM& row : allStreams()) EXPECT_FALSE(verifyRow(row).empty()) << row.streamID;
+}
+
 TEST(RecordingSession, PicturesBetweenFlushesAllocateNothing) {
   RecorderRig rig;
   RecordingSession session;
