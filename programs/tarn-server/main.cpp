@@ -1,6 +1,7 @@
 // tarn-server: owns the chunk management data of the card and answers the recorder's processes.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <syslog.h>
@@ -100,10 +101,14 @@ bool parseOptions(int argc, char** argv, Options* options) {
 }
 
 // The descriptor is closed either way, so that a launcher that waits sees an end. Standard streams
-// stay open.
+// stay open. A pipe that nobody empties must not keep the clients waiting.
 void tellReady(int fd, bool ready) {
+  constexpr int kPatienceMs = 200;
   if (fd < 0) return;
-  if (ready) {
+  pollfd room = {fd, POLLOUT, 0};
+  if (ready && poll(&room, 1, kPatienceMs) <= 0) {
+    syslog(LOG_WARNING, "nobody takes the mark of --ready-fd from descriptor %d", fd);
+  } else if (ready) {
     [[maybe_unused]] const ssize_t written = write(fd, "\n", 1);  // a launcher that left is its own
   }
   if (fd > STDERR_FILENO) close(fd);

@@ -4,6 +4,7 @@
 
 #include "Command.h"
 #include "Console.h"
+#include "manager/ManageFormat.h"
 #include "recorder/card/CardInfo.h"
 #include "recorder/card/CardText.h"
 
@@ -24,6 +25,11 @@ const char* copiesText(CardManagement::Copies copies) {
       break;
   }
   return "both copies bad";
+}
+
+// A guarded chunk has a mark in place of its channel.
+int channelOf(const CHUNK_MANAGE& record) {
+  return isGuarded(record.chType) ? guardedChannel(record.chType) : record.chType;
 }
 
 class CommandInfo : public Command {
@@ -102,9 +108,11 @@ class CommandInfo : public Command {
     for (uint32_t chunk = 0; chunk < records.size(); ++chunk) {
       const CHUNK_MANAGE& record = records[chunk];
       if (record.chType == -1) continue;
-      fmt::print("  {:>6} {:>8} {:>12} {:>12} {:>12} {:>12} {:>12}\n", chunk, int{record.chType},
+      const bool guarded = isGuarded(record.chType);
+      fmt::print("  {:>6} {:>8} {:>12} {:>12} {:>12} {:>12} {:>12}{}\n", chunk, channelOf(record),
                  record.streamUseOffset, record.streamFreeOffset, record.pictureUseOffset,
-                 record.pictureFreeOffset, info_.usedBytes(kFileStream, chunk));
+                 record.pictureFreeOffset, info_.usedBytes(kFileStream, chunk),
+                 guarded ? "  guarded" : "");
     }
   }
 
@@ -145,7 +153,8 @@ class CommandInfo : public Command {
   nlohmann::ordered_json recordsJson() const {
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
     for (const CHUNK_MANAGE& record : info_.management(kFileStreamManage).records) {
-      list.push_back({{"chType", int{record.chType}},
+      list.push_back({{"chType", channelOf(record)},
+                      {"guarded", isGuarded(record.chType)},
                       {"recType", int{record.recType}},
                       {"streamUseOffset", record.streamUseOffset},
                       {"streamFreeOffset", record.streamFreeOffset},

@@ -18,6 +18,7 @@ namespace {
 
 constexpr int kServerStartMs = 20000;
 constexpr int kServerStopMs = 60000;  // its last flush waits for a slow card
+constexpr int kContinueMs = 500;
 
 // In the child: nothing of the terminal reaches the server, and it stops in order when we die.
 void prepareServer(int readyFd, int parent) {
@@ -73,12 +74,22 @@ int ViewSession::startServer(std::string* error) {
   return -1;
 }
 
+// One that somebody stopped (SIGSTOP, a debugger) takes no SIGTERM until it is told to go on.
+bool ViewSession::waitForServer(int* exitCode) {
+  const pid_t pid = server_.pid();
+  for (int waited = 0; waited < kServerStopMs; waited += kContinueMs) {
+    kill(pid, SIGCONT);
+    if (server_.waitFor(kContinueMs, exitCode)) return true;
+  }
+  return false;
+}
+
 int ViewSession::close(std::string* error) {
   const pid_t pid = server_.pid();
   int exitCode = 0;
   if (!server_.waitFor(0, &exitCode)) {
     kill(pid, SIGTERM);
-    if (!server_.waitFor(kServerStopMs, &exitCode)) {
+    if (!waitForServer(&exitCode)) {
       kill(pid, SIGKILL);
       server_.waitFor(kServerStopMs, &exitCode);
       *error = "the management server did not stop and was killed";

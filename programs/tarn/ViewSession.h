@@ -18,6 +18,7 @@ class ViewSession {
 
  private:
   int startServer(std::string* error);
+  bool waitForServer(int* exitCode);
   static void saveImage();
 
   ChildProcess server_;

@@ -60,29 +60,28 @@ const char* manageText(ManageRepair repair) {
   return "";
 }
 
-// Whether the database is there and no session may still change it.
-bool noRecordingRuns() {
+// No session may still change the database. A lock that cannot be had says nothing of sessions.
+bool noRecordingRuns(std::string* error) {
   glob_t locks = {};
-  bool free = true;
+  FileLock::Outcome outcome = FileLock::Outcome::kTaken;
   if (glob(kAnyChannelLock, 0, nullptr, &locks) == 0) {
-    for (size_t i = 0; i < locks.gl_pathc; ++i) {
-      free = free && FileLock().lock(locks.gl_pathv[i], false);
+    for (size_t i = 0; i < locks.gl_pathc && outcome == FileLock::Outcome::kTaken; ++i) {
+      outcome = FileLock().take(locks.gl_pathv[i], false);
     }
   }
   globfree(&locks);
-  return free;
+  *error = outcome == FileLock::Outcome::kHeldByOther ? kErrSaveRecording : kErrSaveRecordingLock;
+  return outcome == FileLock::Outcome::kTaken;
 }
 
 bool nothingToWaitFor(std::string* error) {
   if (access(DatabaseSetup::defaultPath(), F_OK) != 0) {
     *error = kErrSaveNoDatabase;
-  } else if (!noRecordingRuns()) {
-    *error = kErrSaveRecording;
-  } else if (DatabaseGate::look() == DatabaseGate::State::kHolderDead) {
-    *error = kErrSaveLockOfDead;  // what it was writing is known to be whole by no one
-  } else {
-    return true;
+    return false;
   }
+  if (!noRecordingRuns(error)) return false;
+  if (DatabaseGate::look() != DatabaseGate::State::kHolderDead) return true;
+  *error = kErrSaveLockOfDead;  // what it was writing is known to be whole by no one
   return false;
 }
 
@@ -108,7 +107,9 @@ bool Recovery::fail(const std::string& text) {
 bool Recovery::keepServerOut(const char* refusal, std::string* error) {
   lock_ = std::make_unique<FileLock>();
   *error = refusal;
-  if (!lock_->lock(kServerLockPath, false)) return false;
+  const FileLock::Outcome outcome = lock_->take(kServerLockPath, false);
+  if (outcome == FileLock::Outcome::kCannotOpen) *error = kErrServerLock;
+  if (outcome != FileLock::Outcome::kTaken) return false;
   const ServerProbe probe = probeServer();
   if (probe == ServerProbe::kUnknown) *error = kErrServerUnknown;
   return probe == ServerProbe::kFree;
@@ -276,7 +277,8 @@ bool Recovery::restoreImage(const StartUp& startUp) {
 bool Recovery::freeDatabase() {
   pid_t holder = 0;
   if (DatabaseGate::look(&holder) != DatabaseGate::State::kHolderDead) return true;
-  if (!noRecordingRuns()) return fail(kErrLockOfDead);
+  std::string ignored;
+  if (!noRecordingRuns(&ignored)) return fail(kErrLockOfDead);
   if (!DatabaseGate::releaseDead()) return true;
   report_.problems.push_back("the database was locked by process " + std::to_string(holder) +
                              ", which is gone; it was set free");

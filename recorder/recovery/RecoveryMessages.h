@@ -12,6 +12,7 @@ inline constexpr char kMsgRecoveryAgain[] = "recovery: tried again after: %s";  
 inline constexpr char kErrServerRuns[] =
     "a management server runs; recovery is for the time before it starts";
 inline constexpr char kErrServerUnknown[] = "cannot find out whether a management server runs";
+inline constexpr char kErrServerLock[] = "the lock of the management server cannot be had in /tmp";
 inline constexpr char kErrGeometry[] = "the card's geometry could not be verified";
 inline constexpr char kErrLockOfDead[] =
     "the database is locked by a process that is gone, and a recording runs: end it first";
@@ -43,6 +44,8 @@ inline constexpr char kErrSaveServerRuns[] =
     "a management server runs; the database is saved when it has stopped";
 inline constexpr char kErrSaveRecording[] =
     "a recording runs; the database is saved when it has ended";
+inline constexpr char kErrSaveRecordingLock[] =
+    "the lock of a recording cannot be had in /tmp; nobody knows whether it runs";
 inline constexpr char kErrSaveLockOfDead[] =
     "the database is locked by a process that is gone; the next start rebuilds it";
 inline constexpr char kErrSaveNoDatabase[] = "there is no database /tmp/DB.dat to save";

@@ -3,20 +3,21 @@
 #include <algorithm>
 
 namespace tarn {
-namespace {
 
-constexpr uint32_t kBlockBytes = 64 * 1024;
-constexpr uint32_t kSectorBytes = 512;
-static_assert(kSectorBytes % kEventRecordSize == 0 && kSectorBytes % kStreamRecordSize == 0);
-
-}  // namespace
+static_assert(JournalCopies::kSectorBytes % kEventRecordSize == 0 &&
+              JournalCopies::kSectorBytes % kStreamRecordSize == 0);
 
 const char* journalName(JournalKind kind) {
   return kind == JournalKind::kEvent ? "event" : "stream";
 }
 
-JournalCopies::JournalCopies(JournalKind kind, Source* original, Source* mirror)
-    : kind_(kind), traits_(journalTraits(kind)), originals_{original, {}}, mirrors_{mirror, {}} {
+JournalCopies::JournalCopies(JournalKind kind, Source* original, Source* mirror,
+                             uint32_t blockBytes)
+    : kind_(kind),
+      traits_(journalTraits(kind)),
+      blockBytes_(blockBytes),
+      originals_{original, {}},
+      mirrors_{mirror, {}} {
   size_ = std::min({original->size(), mirror->size(), kMaxJournalBytes});
   size_ -= size_ % traits_.recordSize;
 }
@@ -56,10 +57,10 @@ const uint8_t* JournalCopies::look(Window* window, uint32_t position) const {
 }
 
 void JournalCopies::load(Window* window, uint32_t position) const {
-  if (window->block.empty()) window->block.resize(std::min(kBlockBytes, size_));
+  if (window->block.empty()) window->block.resize(std::min(blockBytes_, size_));
   window->start = position;
   if (position >= window->carefulUntil) {
-    window->length = std::min(kBlockBytes, size_ - position);
+    window->length = std::min(blockBytes_, size_ - position);
     window->good =
         window->source->readOnce(position, window->block.data(), window->length) == Delivery::kGood;
     if (window->good) return;

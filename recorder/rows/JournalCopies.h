@@ -15,7 +15,11 @@ namespace tarn {
 // outlive this.
 class JournalCopies {
  public:
-  JournalCopies(JournalKind kind, Source* original, Source* mirror);
+  JournalCopies(JournalKind kind, Source* original, Source* mirror,
+                uint32_t blockBytes = kBlockBytes);
+
+  static constexpr uint32_t kBlockBytes = 64 * 1024;
+  static constexpr uint32_t kSectorBytes = 512;  // for who asks for one place only
 
   // Bytes up to the last whole place, as far as a journal is read.
   uint32_t size() const { return size_; }
@@ -56,6 +60,7 @@ class JournalCopies {
 
   const JournalKind kind_;
   const JournalTraits& traits_;
+  const uint32_t blockBytes_;  // read at once
   uint32_t size_ = 0;
   uint32_t position_ = 0;
   Window originals_;

@@ -5,11 +5,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "base/Omission.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
+#include "recorder/card/Source.h"
+#include "recorder/rows/JournalCopies.h"
 #include "recorder/rows/JournalMessages.h"
 #include "recorder/rows/JournaledRows.h"
 
@@ -27,15 +30,36 @@ constexpr char kSqlStreamAt[] =
 constexpr char kSqlNewestEvent[] = "SELECT * FROM EVENT ORDER BY eventID DESC LIMIT 1";
 constexpr char kSqlNewestStream[] = "SELECT * FROM STREAM ORDER BY streamID DESC LIMIT 1";
 constexpr char kSqlStreamOfKey[] = "SELECT * FROM STREAM WHERE streamID = %u";
+constexpr char kSqlEventCounter[] =
+    "SELECT COALESCE((SELECT seq FROM sqlite_sequence WHERE name = 'EVENT'), 0)";
+constexpr char kSqlStreamCounter[] =
+    "SELECT COALESCE((SELECT seq FROM sqlite_sequence WHERE name = 'STREAM'), 0)";
 constexpr size_t kSqlRoom = 256;
-
-const char* kindName(JournalKind kind) { return kind == JournalKind::kEvent ? "event" : "stream"; }
 
 uint32_t nextOffset(JournalKind kind) {
   CDbLog* log = CDbLog::getInstance();
   return low32(kind == JournalKind::kEvent ? log->getEventLogBackOffset()
                                            : log->getStreamLogBackOffset());
 }
+
+// A journal's copy, through the handles that the records are written with.
+class OpenJournal : public Source {
+ public:
+  OpenJournal(JournalKind kind, bool mirror, uint32_t bytes) : kind_(kind), mirror_(mirror) {
+    size_ = bytes;
+    const int chunk = journalTraits(kind).chunk + (mirror ? kJournalMirrorStep : 0);
+    name_ = "chunk " + std::to_string(chunk);
+  }
+
+ protected:
+  bool readPiece(uint32_t offset, void* out, uint32_t length) override {
+    return CDbLog::getInstance()->readCopy(kind_, mirror_, offset, out, static_cast<long>(length));
+  }
+
+ private:
+  const JournalKind kind_;
+  const bool mirror_;
+};
 
 }  // namespace
 
@@ -61,14 +85,15 @@ JournalGuard::Place JournalGuard::look(JournalKind kind) {
   // Asked first, because a failed question for the offset looks like offset 0.
   if (CDbLog::getInstance()->getJournalChunkSize() == 0) return place;
   char sql[kSqlRoom];
+  const uint32_t offset = nextOffset(kind);
   if (kind == JournalKind::kEvent) {
-    snprintf(sql, sizeof sql, kSqlEventAt, nextOffset(kind));
+    snprintf(sql, sizeof sql, kSqlEventAt, offset);
   } else {
-    snprintf(sql, sizeof sql, kSqlStreamAt, nextOffset(kind));
+    snprintf(sql, sizeof sql, kSqlStreamAt, offset);
   }
   if (!queries_.run(sql)) return place;
   if (db_->getNTuple() == 0) {
-    place.verdict = Verdict::kFree;
+    place.verdict = lookAtCard(kind, offset);
     return place;
   }
   place.key = db_->getValue(0, 0);
@@ -78,6 +103,35 @@ JournalGuard::Place JournalGuard::look(JournalKind kind) {
   const bool newest = place.key == db_->getValue(0, 2);
   place.verdict = place.oldest && !newest ? Verdict::kOldestRow : Verdict::kStale;
   return place;
+}
+
+// The database lists nobody there. A live record of a key that it has given is of a row that is
+// gone, or of an insert that was taken back. One of a key behind its counter it cannot know: then
+// its file is older than the card, and what it does not list is not free.
+JournalGuard::Verdict JournalGuard::lookAtCard(JournalKind kind, uint32_t offset) {
+  const uint32_t bytes = low32(CDbLog::getInstance()->getJournalChunkSize());
+  if (bytes == 0) return Verdict::kFailed;
+  OpenJournal original(kind, false, bytes);
+  OpenJournal mirror(kind, true, bytes);
+  JournalCopies copies(kind, &original, &mirror, JournalCopies::kSectorBytes);
+  const JournalCopy copy = copies.at(offset);
+  if (copy == JournalCopy::kRefused) {
+    syslog(LOG_ERR, kMsgNextPlaceRefused, copies.refusedText().c_str());
+    return Verdict::kFailed;
+  }
+  const JournalTraits& traits = journalTraits(kind);
+  if ((copy != JournalCopy::kOriginal && copy != JournalCopy::kMirror) ||
+      journalMarker(copies.record()) != traits.liveMarker ||
+      !journalRecordInPlace(traits, copies.record(), offset)) {
+    return Verdict::kFree;
+  }
+  uint32_t given = 0;
+  const char* sql = kind == JournalKind::kEvent ? kSqlEventCounter : kSqlStreamCounter;
+  if (!queries_.number(sql, &given)) return Verdict::kFailed;
+  const uint32_t key = journalKey(copies.record());
+  if (key <= given) return Verdict::kFree;
+  syslog(LOG_ERR, kMsgRecordOfLostRow, journalName(kind), key);
+  return Verdict::kFailed;
 }
 
 JournalGuard::Verdict JournalGuard::checkEvent(unsigned long* key) {
@@ -112,7 +166,7 @@ bool JournalGuard::makeFree(JournalKind kind,
       if (!deleteOldest(place.key)) return false;
       continue;
     }
-    syslog(LOG_ERR, kMsgJournalOutOfOrder, kindName(kind), place.key);
+    syslog(LOG_ERR, kMsgJournalOutOfOrder, journalName(kind), place.key);
     if (!deleteRow(kind, place.key)) return false;
   }
 }
@@ -160,7 +214,7 @@ bool JournalGuard::correctOne(JournalKind kind) {
   const uint32_t next = nextJournalPlace(traits, newest, chunkSize);
   const uint32_t present = nextOffset(kind);
   if (next == present) return true;
-  syslog(LOG_WARNING, kMsgJournalStale, present, kindName(kind), next);
+  syslog(LOG_WARNING, kMsgJournalStale, present, journalName(kind), next);
   if (newest != present) return log->correctFreeOffset(kind, next) == 0;
   // The record at this place may never have been written. Passing over it would leave a gap in the
   // journal, where a rebuild ends.

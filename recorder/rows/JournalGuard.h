@@ -16,9 +16,10 @@ namespace tarn {
 
 class DatabaseWatch;
 
-// Keeps an insert from overwriting the journal record of a row that is still listed. The journal is
-// a ring that never refuses a write, so before each insert somebody must look who lies where the
-// next record goes:
+// Keeps an insert from overwriting the journal record of a row that is still listed, or that only a
+// database that was copied over this one's file lacks. The journal is a ring that never refuses a
+// write, so before each insert somebody must look who lies where the next record goes, in the
+// database and on the card:
 //
 //   tarn::JournalGuard guard(&db);
 //   if (!guard.beforeStreamInsert(deleteRecording)) return fail();
@@ -35,7 +36,7 @@ class TARN_API JournalGuard {
     kFree,       // nobody
     kOldestRow,  // the row with the smallest key: the ring has come round to it
     kStale,      // another row: the journal's free offset is behind what was written
-    kFailed,     // the journal or the database cannot be asked
+    kFailed,     // the journal or the database cannot be asked, or they are no pair
   };
   // Deletes the oldest recording: its row (database and journal) and whatever belongs to it.
   // Returns false when that failed.
@@ -70,6 +71,7 @@ class TARN_API JournalGuard {
   };
 
   Place look(JournalKind kind);
+  Verdict lookAtCard(JournalKind kind, uint32_t offset);
   bool makeFree(JournalKind kind, const std::function<bool(uint32_t key)>& deleteOldest);
   bool deleteRow(JournalKind kind, uint32_t key);
   bool correctOne(JournalKind kind);

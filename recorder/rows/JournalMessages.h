@@ -7,6 +7,12 @@ inline constexpr char kMsgJournalStale[] =
     "journal: free offset %u of the %s journal is stale, corrected to %u";  // LOG_WARNING
 inline constexpr char kMsgJournalOutOfOrder[] =
     "journal: record of %s %u lies in the way, the row is deleted";
+inline constexpr char kMsgNextPlaceRefused[] =
+    "journal: %s cannot be read, nothing is written there";
+inline constexpr char kMsgRecordOfLostRow[] =
+    "journal: the next place holds %s %u, whose key the database has not given yet: it is older "
+    "than "
+    "the card, a start makes it anew";
 inline constexpr char kMsgOtherInserts[] =
     "journal: another process of this machine inserts rows, and one only may";
 inline constexpr char kMsgNoInsertLock[] =

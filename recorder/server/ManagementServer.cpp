@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -25,6 +26,9 @@ constexpr mode_t kSocketMode = 0660;
 // Of one select(). Everything that matters wakes it, so its length does not.
 constexpr unsigned long kSelectSeconds = 60;
 constexpr useconds_t kPauseUs = 10000;
+// Rounds in which nothing could be read: clients that left are a few, and take no pause.
+constexpr uint32_t kVainRounds = 8;
+constexpr uint32_t kMostDoublings = 5;
 // Files that clients must leave to the card, the database and the system log.
 constexpr int kHandleReserve = 32;
 
@@ -140,9 +144,15 @@ void ManagementServer::serveMarked() {
   uint8_t packet[kRequestSize + 1];  // one more, so that a longer packet shows
   long client = -1;
   long length;
+  ++m_vainRounds;
   while ((length = m_server->readReady(packet, sizeof packet, &client)) != 0) {
-    if (length > 0) answerPacket(packet, length, client);
+    if (length < 0) continue;
+    m_vainRounds = 0;
+    answerPacket(packet, length, client);
   }
+  // A client whose reads the system refuses stays marked, and would be asked without an end.
+  if (m_vainRounds < kVainRounds) return;
+  usleep(kPauseUs << std::min(m_vainRounds - kVainRounds, kMostDoublings));
 }
 
 // A packet of the wrong length is no request: its sender gets an empty refusal, so that it does not

@@ -62,6 +62,7 @@ class TARN_API ManagementServer {
   std::unique_ptr<CMesgServer> m_server;
   std::atomic<CMesgServer*> m_waker{nullptr};  // m_server, for requestStop()
   std::atomic<bool> m_stop{false};
+  uint32_t m_vainRounds = 0;  // in which no client said anything
 };
 
 }  // namespace tarn

@@ -323,6 +323,14 @@ unsigned long CDbLog::getJournalChunkSize() {
   return admitLocked(Operation::correct) ? m_eventJournal->getChunkSize() : 0;
 }
 
+bool CDbLog::readCopy(JournalKind kind, bool mirror, unsigned long offset, void* out, long length) {
+  const MutexLock lock(m_lock);
+  if (!admitLocked(Operation::correct)) return false;
+  CTARNMirroredChunk& journal = *slotLocked(kind);
+  if (journal.seek(static_cast<long>(low32(offset)), SEEK_SET) < 0) return false;
+  return mirror ? journal.readMirror(out, length) : journal.readOriginal(out, length);
+}
+
 unsigned long CDbLog::searchEventBackOffset(unsigned long eventID) {
   char sql[kSqlRoom];
   snprintf(sql, sizeof sql, kSqlSearchEvent, static_cast<unsigned long>(low32(eventID)));

@@ -63,11 +63,14 @@ class TARN_API CDbLog {
   bool clearDbLogFreeAddr();
 
   // Moves the free offset of one journal, on both its chunks, and saves: for an owner who found it
-  // stale, see recorder/rows/JournalGuard.h. 0, or -1 when the offset is not the place of a record, when
-  // the operation is refused, or when the server did not take it.
+  // stale, see recorder/rows/JournalGuard.h. 0, or -1 when the offset is not the place of a record,
+  // when the operation is refused, or when the server did not take it.
   int correctFreeOffset(tarn::JournalKind kind, unsigned long offset);
   // Bytes of each journal chunk; 0 on failure.
   unsigned long getJournalChunkSize();
+  // `length` bytes of one copy of a journal, whatever they are worth: for an owner who judges them.
+  // False when the device did not give all of them, or when the operation is refused.
+  bool readCopy(tarn::JournalKind kind, bool mirror, unsigned long offset, void* out, long length);
   // Whether the last change of the journal that this thread asked for (insert, update, delete) was
   // taken and both its copies are on the medium: the operations above report what was written, not
   // what became of the flush behind it. That the server could not be told or did not save is no

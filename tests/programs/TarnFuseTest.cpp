@@ -11,6 +11,7 @@ namespace tarn_test {
 namespace {
 
 using nlohmann::json;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
 ShellResult tarn(const std::string& arguments) {
@@ -57,6 +58,14 @@ TEST_F(TarnFuseTest, UnattendedItStartsAndGuardsUntilAPersonAccepts) {
   EXPECT_THAT(result.output,
               HasSubstr("nothing is recorded into them: stream chunks " + std::to_string(chunk)));
   EXPECT_THAT(tarn("check").output, HasSubstr("chunk " + std::to_string(chunk) + " is guarded"));
+  EXPECT_THAT(tarn("info --chunks").output,
+              ContainsRegex("\n +" + std::to_string(chunk) + " +0 .* guarded\n"));
+  const json info = json::parse(tarn("info --json").output, nullptr, false);
+  for (const json& family : info["families"]) {
+    if (!family.contains("records")) continue;
+    EXPECT_EQ(family["records"][chunk]["chType"], 0);
+    EXPECT_EQ(family["records"][chunk]["guarded"], true);
+  }
   EXPECT_EQ(tarn("recover --accept").exitCode, 0);
   result = tarn("recover --json");
   EXPECT_EQ(result.exitCode, 0) << result.output;

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -201,6 +202,14 @@ TEST_F(TarnRunTest, AServerThatDiesIsReported) {
   EXPECT_EQ(result.output,
             "done\ntarn: the management server ended with code 137; what it had not saved is "
             "rebuilt from the card at the next start\n");
+}
+
+TEST_F(TarnRunTest, AServerThatSomebodyStoppedGoesOnToItsEnd) {
+  const auto begin = std::chrono::steady_clock::now();
+  const ShellResult result = inView("kill -STOP $(pgrep -P $PPID tarn-server); echo done");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.output, "done\n");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30)) << "of a minute";
 }
 
 TEST_F(TarnRunTest, WithoutACardTheCommandRunsOnTheMachineItself) {

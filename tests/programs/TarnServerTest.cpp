@@ -75,6 +75,18 @@ bool answers() {
   return good;
 }
 
+TEST_F(TarnServer, ALauncherWhosePipeIsFullDoesNotKeepTheClientsWaiting) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  fillPipe(ends[0]);
+  const tarn::UniqueFd reading(ends[0]);
+  const tarn::UniqueFd writing(ends[1]);
+  ServerProcess server({"--ready-fd", std::to_string(writing.get())});
+  ASSERT_TRUE(eventually([] { return RawClient(kServerSocketPath).connected(); }));
+  EXPECT_TRUE(answers());
+  EXPECT_EQ(server.end(SIGTERM), 0);
+}
+
 TEST_F(TarnServer, HelpAndVersionGoToStandardOutput) {
   ServerProcess help({"--help"});
   const std::string text = help.out();

@@ -1,10 +1,12 @@
 #include <gmock/gmock.h>
 
 #include "recorder/RecoveryRig.h"
+#include "recorder/rows/ServerProbe.h"
 
 namespace tarn_test {
 namespace {
 
+using tarn::kServerLockPath;
 using tarn::ManageRepair;
 using tarn::Recovery;
 using tarn::RecoveryReport;
@@ -569,6 +571,23 @@ TEST_F(RecoveryTest, ARunningServerIsLeftAlone) {
   std::string error;
   EXPECT_EQ(Recovery().saveImage(&error), -1);
   EXPECT_EQ(card.sequence(), "");
+}
+
+TEST_F(RecoveryTest, ALockThatCannotBeHadIsNoServerAndNoRecording) {
+  rig.powerOff();
+  ASSERT_TRUE(Recovery().run().ok());
+  ASSERT_EQ(symlink("/tmp/elsewhere", "/tmp/tarn-channel-7.lock"), 0);
+  std::string error;
+  EXPECT_EQ(Recovery().saveImage(&error), -1);
+  EXPECT_EQ(error, "the lock of a recording cannot be had in /tmp; nobody knows whether it runs");
+  unlink("/tmp/tarn-channel-7.lock");
+  unlink(kServerLockPath);
+  ASSERT_EQ(symlink("/tmp/elsewhere", kServerLockPath), 0);
+  EXPECT_EQ(Recovery().run().error, "the lock of the management server cannot be had in /tmp");
+  EXPECT_EQ(Recovery().saveImage(&error), -1);
+  EXPECT_EQ(error, "the lock of the management server cannot be had in /tmp");
+  unlink(kServerLockPath);
+  EXPECT_EQ(Recovery().saveImage(&error), 0) << error;
 }
 
 TEST_F(RecoveryTest, CardsOfZerosOnesAndNoiseAreRefusedWithAReason) {

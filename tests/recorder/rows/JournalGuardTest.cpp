@@ -230,6 +230,63 @@ TEST_F(JournalGuardTest, ARowThatLiesInTheWayGoesAlone) {
   EXPECT_TRUE(hasEvent(3));
 }
 
+// An older database was copied over the file: what it does not list was promised all the same.
+TEST_F(JournalGuardTest, ALiveRecordThatTheDatabaseCannotKnowIsNotOverwritten) {
+  insertEvent();
+  insertStream();
+  DB_EVENT event = eventRow(9);
+  event.backOffset = 32;
+  DB_STREAM stream = streamRow(8);
+  stream.backOffset = 64;
+  setPair(0, 32, eventRecord(event));
+  setPair(2, 64, streamRecord(stream));
+  JournalGuard guard(&db);
+  EXPECT_EQ(guard.checkEvent(), Verdict::kFailed);
+  EXPECT_FALSE(guard.beforeEventInsert());
+  EXPECT_FALSE(guard.beforeStreamInsert());
+  EXPECT_TRUE(log.has(LOG_ERR,
+                      "journal: the next place holds event 9, whose key the database has not given "
+                      "yet: it is older than the card, a start makes it anew"));
+  expectPair(0, 32, eventRecord(event));
+  expectPair(2, 64, streamRecord(stream));
+}
+
+TEST_F(JournalGuardTest, OneGoodCopyOfSuchARecordIsEnough) {
+  insertStream();
+  DB_STREAM stream = streamRow(8);
+  stream.backOffset = 64;
+  setPair(2, 64, streamRecord(stream));
+  setJournal(2, 64, Bytes(64, 0));
+  EXPECT_EQ(JournalGuard(&db).checkStream(), Verdict::kFailed);
+}
+
+// The record of an insert that was taken back, while the card took nothing more.
+TEST_F(JournalGuardTest, TheRecordOfAnInsertThatFailedIsOverwritten) {
+  insertEvent();
+  DB_EVENT event = eventRow(1);
+  event.backOffset = 32;
+  setPair(0, 32, eventRecord(event));
+  JournalGuard guard(&db);
+  EXPECT_TRUE(guard.beforeEventInsert());
+  EXPECT_EQ(insertEvent(), 2u);
+  expectEveryRowInTheJournal();
+}
+
+TEST_F(JournalGuardTest, APlaceThatTheCardRefusesIsNotWrittenTo) {
+  insertStream();
+  JournalGuard guard(&db);
+  {
+    IoFaults faults(kCardPath);
+    faults.fail(Call::Read, 1, EIO);
+    EXPECT_TRUE(guard.beforeStreamInsert()) << "it is asked again";
+    faults.fail(Call::Read, 1, EIO, 1000);
+    EXPECT_FALSE(guard.beforeStreamInsert());
+  }
+  EXPECT_TRUE(log.has(
+      LOG_ERR, "journal: stream chunk 2 at byte 64 cannot be read, nothing is written there"));
+  EXPECT_TRUE(guard.beforeStreamInsert());
+}
+
 TEST_F(JournalGuardTest, NothingIsAllowedWithoutAServer) {
   insertEvent();
   journalLog->finish();

@@ -13,6 +13,7 @@
 #include "recorder/rows/ServerProbe.h"
 #include "recorder/server/ManagementServer.h"
 #include "support/CardImage.h"
+#include "support/IoFaults.h"
 #include "support/RawClient.h"
 #include "support/SyslogCapture.h"
 
@@ -271,6 +272,22 @@ TEST_F(ManagementServer, ItsEndWithoutRunningDisconnectsItsClients) {
   EXPECT_TRUE(eventually([&] { return !log_.atPriority(LOG_INFO).empty(); }));
   server.reset();
   EXPECT_EQ(client.receive(2000), "<error>");  // the request was not read: a reset
+}
+
+// A client whose reads fail stays marked: the server would ask it without an end.
+TEST_F(ManagementServer, ClientsThatCannotBeReadAreAskedNowAndThen) {
+  serve();
+  RawClient client(kServerSocketPath);
+  ASSERT_TRUE(client.send(countRequest()));
+  ASSERT_EQ(client.receive().size(), 1024u);
+  {
+    IoFaults refused;
+    refused.fail(Call::Read, 1, EIO, IoFaults::kForever);
+    ASSERT_TRUE(client.send(countRequest()));
+    usleep(100000);
+    EXPECT_LT(refused.count(Call::Read), 30u);
+  }
+  EXPECT_EQ(client.receive().size(), 1024u);
 }
 
 TEST_F(ManagementServer, ManyRequestsOfOneClientDoNotKeepOthersWaiting) {

@@ -116,6 +116,24 @@ TEST(RecordingFaults, ASecondRecordingProcessIsRefusedByName) {
   for (const int end : {ready[0], ready[1], go[0], go[1]}) close(end);
 }
 
+// A link in the place of a lock file is not followed; it says nothing of other sessions either.
+TEST(RecordingFaults, ALockThatCannotBeHadIsNoOtherSession) {
+  RecorderRig rig;
+  RecordingSession session;
+  ASSERT_EQ(symlink("/tmp/elsewhere", "/tmp/tarn-channel-0.lock"), 0);
+  EXPECT_EQ(-1, session.open({}));
+  EXPECT_EQ(session.error(), RecordingError::kDatabase);
+  EXPECT_STREQ(session.errorText(), kErrChannelLock);
+  unlink("/tmp/tarn-channel-0.lock");
+  unlink("/tmp/tarn-inserting.lock");
+  ASSERT_EQ(symlink("/tmp/elsewhere", "/tmp/tarn-inserting.lock"), 0);
+  EXPECT_EQ(-1, session.open({}));
+  EXPECT_STREQ(session.errorText(), kErrInsertLock);
+  unlink("/tmp/tarn-inserting.lock");
+  EXPECT_TRUE(openSession(session));
+  EXPECT_EQ(0, session.close());
+}
+
 TEST(RecordingFaults, SessionsAndGuardsOfOneProcessShareIt) {
   RecorderRig rig;
   RecordingSession first;
