@@ -290,7 +290,7 @@ bool LogWriter::put(uint32_t position, const char* bytes, size_t length) {
 
 bool LogWriter::tellServer() {
   chunk_.setFreeAddr(written_);
-  told_ = served([this] { return chunk_.fSync() == 0; });
+  told_ = served([this] { return chunk_.settle() == 0; });
   return told_;
 }
 

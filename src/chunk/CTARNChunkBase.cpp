@@ -96,7 +96,7 @@ int CTARNChunkBase::openChunkLow(long mode) {
     return -1;
   }
   chunkSize = low32(fat.getChunkSize(handle));
-  unflushed = false;
+  unflushed = true;
   return handle;
 }
 
@@ -117,16 +117,26 @@ int CTARNChunkBase::closeChunkFile() {
   return 0;
 }
 
-int CTARNChunkBase::flush() {
-  if (isOpen() && !unflushed) return 0;
+int CTARNChunkBase::flushDevice() {
   const int result = fat.fsync(handle);
   flushFailed = result != 0;
   if (result == 0) unflushed = false;
   return result;
 }
 
+int CTARNChunkBase::flush() { return isOpen() && !unflushed ? 0 : flushDevice(); }
+
 int CTARNChunkBase::fSync() {
+  flushDevice();
+  return tellFreeAddr();
+}
+
+int CTARNChunkBase::settle() {
   flush();
+  return tellFreeAddr();
+}
+
+int CTARNChunkBase::tellFreeAddr() {
   // A chunk whose free address is a guess would make the manager forget the true one.
   if (!isOpen() || (manager != nullptr && !usageKnown)) return -1;
   return setFreeToManager();
@@ -164,7 +174,12 @@ signed char CTARNChunkBase::getUsageFromManager() {
 }
 
 signed char CTARNChunkBase::takeUsage(int result, const CHUNK_USAGE& usage) {
-  if (result != 0) return -1;
+  if (static_cast<signed char>(result) == -1) return -1;
+  if (result != 0) {
+    // The manager has an answer, but no addresses for what it was asked: those known stay.
+    calcFreeSize();
+    return 0;
+  }
   uint32_t newUse = 0;
   uint32_t newFree = 0;
   if (!ringAddress(usage.useAddr, "getUsageFromManager", &newUse) ||

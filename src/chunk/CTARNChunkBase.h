@@ -31,7 +31,8 @@ class TARN_API CTARNChunkBase {
   // Tells the manager the free address. The manager's result; -1 without a manager.
   virtual signed char setFreeToManager();
   // Takes both addresses from the manager: 0; -1 without a manager, when it has no answer, or when
-  // an answered address lies beyond the chunk.
+  // an answered address lies beyond the chunk. Also 0, with the addresses as they were, when the
+  // manager answers without any (see CTARNStreamManager::getUsage()).
   virtual signed char getUsageFromManager();
   // Fills in the name under which the chunk is opened, and returns it. The base's version, the
   // picture tag and the number, opens nothing.
@@ -64,8 +65,9 @@ class TARN_API CTARNChunkBase {
   // not close.
   int closeChunkFile();
   // Brings everything written to the medium, then tells the manager the free address: the manager's
-  // result, -1 without a manager. The device is left alone when nothing was written since its last
-  // flush. While the free address is not known the manager is told nothing: -1.
+  // result, -1 without a manager. The device is flushed whether or not this object has written.
+  // While the free address is not known, and of a chunk that is closed, the manager is told
+  // nothing: -1.
   int fSync();
 
   // Writes size bytes at the current position, across the ring's end where needed, and returns
@@ -118,8 +120,14 @@ class TARN_API CTARNChunkBase {
   // up or the event or the chunk ends.
   long readAhead(void* buf, long size, long unit);
   // Brings everything written to the medium and tells nobody: 0, or the device's result. Does not
-  // touch the device when nothing was written since the last flush that worked.
+  // touch the device when nothing was written since the last flush that worked. The first flush of
+  // an open chunk is always the device's: a process that was killed may have left something.
   int flush();
+  // flush(), then tells the manager as fSync() does, with its result: for those who flush after
+  // each write of their own.
+  int settle();
+  // Tells the manager the free address where it is known: the manager's result, else -1.
+  int tellFreeAddr();
   // True when the last flush of the device failed, be it flush()'s, fSync()'s or that of a close.
   bool lastFlushFailed() const { return flushFailed; }
   // True when something that was written since the chunk was opened is not on the medium for all
@@ -162,12 +170,13 @@ class TARN_API CTARNChunkBase {
   CTARNManagerBase* manager = nullptr;  // not owned; null when opened for an event
   CFATAccess fat;
   bool usageKnown = false;
-  bool useKnown = false;   // the same of the use address
-  bool unflushed = false;  // something was written since the last flush that worked
+  bool useKnown = false;  // the same of the use address
+  bool unflushed = true;  // something may have been written since the last flush that worked
   bool flushFailed = false;
   bool firstPartFailed = false;  // of the last read, which went across the ring's end
 
  private:
+  int flushDevice();
   bool refuseOpenChunk();
   int openForWrite(CTARNManagerBase* newManager);
   int openWithoutManager();

@@ -74,23 +74,21 @@ int CTARNMirroredChunk::openChunkFile(CTARNManagerBase* newManager, unsigned sho
   return 0;
 }
 
-int CTARNMirroredChunk::closeChunkFile() {
-  const int originalResult = original->closeChunkFile();
-  const int mirrorResult = mirror->closeChunkFile();
+int CTARNMirroredChunk::both(int (CTARNChunkBase::*operation)()) {
+  const int originalResult = (original->*operation)();
+  const int mirrorResult = (mirror->*operation)();
   return originalResult != 0 ? originalResult : mirrorResult;
 }
 
-int CTARNMirroredChunk::fSync() {
-  const int originalResult = original->fSync();
-  const int mirrorResult = mirror->fSync();
-  return originalResult != 0 ? originalResult : mirrorResult;
-}
+int CTARNMirroredChunk::closeChunkFile() { return both(&CTARNChunkBase::closeChunkFile); }
 
-int CTARNMirroredChunk::flush() {
-  const int originalResult = original->flush();
-  const int mirrorResult = mirror->flush();
-  return originalResult != 0 ? originalResult : mirrorResult;
-}
+int CTARNMirroredChunk::fSync() { return both(&CTARNChunkBase::fSync); }
+
+int CTARNMirroredChunk::flush() { return both(&CTARNChunkBase::flush); }
+
+int CTARNMirroredChunk::settle() { return both(&CTARNChunkBase::settle); }
+
+int CTARNMirroredChunk::tellFreeAddr() { return both(&CTARNChunkBase::tellFreeAddr); }
 
 // The record reaches the original's medium before the mirror is touched: power lost in the middle
 // of a write may tear that copy, never both.

@@ -81,8 +81,13 @@ class TARN_API CTARNMirroredChunk {
   bool isUsageKnown() const { return original->isUsageKnown() && mirror->isUsageKnown(); }
   // Correct the free address of both, for instance from the newest record found.
   void setFreeAddr(unsigned long address);
-  // Brings both to the medium, original first, and tells no manager: 0, or the first failure.
+  // Brings both to the medium, original first, and tells no manager: 0, or the first failure. A
+  // copy that has nothing new is left out, see CTARNChunkBase::flush().
   int flush();
+  // As fSync(), but leaves out the flush of a copy that has nothing new.
+  int settle();
+  // Tells the manager the free address of both and touches no device; results as of fSync().
+  int tellFreeAddr();
   // True when the last flush of either failed, whichever operation it belonged to.
   bool lastFlushFailed() const { return original->lastFlushFailed() || mirror->lastFlushFailed(); }
 
@@ -96,4 +101,5 @@ class TARN_API CTARNMirroredChunk {
 
  private:
   long mirrorFailed(long result, long size);
+  int both(int (CTARNChunkBase::*operation)());
 };

@@ -257,12 +257,26 @@ int CDbLog::writeLog() {
 bool CDbLog::lastChangeOnCard() { return t_lastChangeOnCard; }
 
 // In the critical section of the write: a flush of another thread's that failed in between would
-// have taken the news with it.
+// have taken the news with it. The original was flushed before the mirror was touched, and the
+// other journal has nothing new unless its last flush failed: their devices are left alone.
 void CDbLog::settleLocked(JournalKind kind, bool save) {
-  flushLocked();
+  if (!tarn::omitted(tarn::Omit::kMirrorFlush)) {
+    settleJournalLocked(JournalKind::kStream, kind);
+    settleJournalLocked(JournalKind::kEvent, kind);
+  }
   const auto& journal = slotLocked(kind);
   t_lastChangeOnCard = journal != nullptr && !journal->lastFlushFailed();
   if (save && m_manager != nullptr) m_manager->saveManageData();
+}
+
+void CDbLog::settleJournalLocked(JournalKind kind, JournalKind changed) {
+  const auto& journal = slotLocked(kind);
+  if (journal == nullptr) return;
+  if (kind == changed || journal->lastFlushFailed()) {
+    journal->settle();
+  } else {
+    journal->tellFreeAddr();
+  }
 }
 
 int CDbLog::writeLogNoManage() {
@@ -346,7 +360,8 @@ unsigned long CDbLog::searchStreamBackOffset(unsigned long streamID) {
 unsigned long CDbLog::searchBackOffset(const char* sql) {
   const MutexLock lock(m_searchLock);
   CApiDb* db = searchDbLocked();
-  if (db == nullptr || db->setSql(sql) != 0) {
+  if (db != nullptr) db->setSql(sql);
+  if (db == nullptr || !db->lastStatementDone()) {
     syslog(LOG_ERR, kMsgJournalSelectError);
     return kNoRecord;
   }

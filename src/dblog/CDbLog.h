@@ -77,7 +77,8 @@ class TARN_API CDbLog {
   // failure here: the start finds the record by itself.
   static bool lastChangeOnCard();
 
-  // Flushes the stream journal, then the event journal, then saves their management data. Always 0.
+  // Flushes the stream journal, then the event journal, whoever has written to them, then saves
+  // their management data, all of it under the mutex. Always 0.
   int writeLog();
   // The two flushes only. Always 0.
   int writeLogNoManage();
@@ -99,9 +100,10 @@ class TARN_API CDbLog {
   bool openJournalLocked(tarn::JournalKind kind) TARN_REQUIRES(m_lock);
   void closeAllLocked() TARN_REQUIRES(m_lock);
   void flushLocked() TARN_REQUIRES(m_lock);
-  // writeLog() or writeLogNoManage() behind a change of one journal; notes whether it is on the
-  // card.
+  // What writeLog() or writeLogNoManage() do, behind a change of one journal and for no more than
+  // it; notes whether it is on the card.
   void settleLocked(tarn::JournalKind kind, bool save) TARN_REQUIRES(m_lock);
+  void settleJournalLocked(tarn::JournalKind kind, tarn::JournalKind changed) TARN_REQUIRES(m_lock);
   std::unique_ptr<CTARNMirroredChunk>& slotLocked(tarn::JournalKind kind) TARN_REQUIRES(m_lock);
 
   // Connects and tests the process mode; logs why not.

@@ -84,8 +84,19 @@ TEST(MirroredChunk, TheOriginalIsOnTheMediumBeforeTheMirrorIsTouched) {
   const auto mirror = static_cast<int64_t>(p.card.chunkStart(kJournal, 1));
   EXPECT_THAT(p.io.writes(), ElementsAre(WriteRecord{original, 32}, WriteRecord{mirror, 32}));
   p.io.clear();
-  EXPECT_EQ(p.pair.fSync(), 0);
+  EXPECT_EQ(p.pair.settle(), 0);
   EXPECT_EQ(p.io.sequence(), "f");  // the original is there already
+}
+
+TEST(MirroredChunk, SynchronisingFlushesBothWhetherOrNotAnythingIsNew) {
+  OpenPair p;
+  Bytes bytes = record(1);
+  EXPECT_EQ(p.pair.write(bytes.data(), 32, 28), 32);
+  p.io.clear();
+  EXPECT_EQ(p.pair.fSync(), 0);
+  EXPECT_EQ(p.io.sequence(), "ff");
+  EXPECT_EQ(p.pair.fSync(), 0);
+  EXPECT_EQ(p.io.sequence(), "ffff");
 }
 
 TEST(MirroredChunk, TheMirrorIsWrittenOnlyWhenTheOriginalsFlushHasReturned) {

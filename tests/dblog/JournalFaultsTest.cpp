@@ -71,6 +71,48 @@ TEST_F(JournalFaults, ADeleteDoesTheSame) {
   expectPair(2, 0, streamRecord(firstStream, 0xFFFFFFEE));
 }
 
+// What a process before this one wrote and never flushed may lie in any of them.
+TEST_F(JournalFaults, FlushingTheJournalsFlushesAllFourChunks) {
+  const IoFaults faults(kCardPath);
+  EXPECT_EQ(journalLog->writeLogNoManage(), 0);
+  EXPECT_EQ(faults.sequence(), "ffff");
+  EXPECT_EQ(commands(), (std::vector<uint32_t>{kSetFree, kSetFree, kSetFree, kSetFree}));
+  server.forget();
+  EXPECT_EQ(journalLog->writeLog(), 0);
+  EXPECT_EQ(faults.sequence(), "ffffffff");
+  EXPECT_EQ(commands(), (std::vector<uint32_t>{kSetFree, kSetFree, kSetFree, kSetFree, kSave}));
+}
+
+TEST_F(JournalFaults, FinishingFlushesAllFourChunksAndEachAgainAsItCloses) {
+  const IoFaults faults(kCardPath);
+  EXPECT_EQ(journalLog->finish(), 0);
+  EXPECT_EQ(faults.sequence(), "fffffcfcfcfc");
+  EXPECT_EQ(commands(), (std::vector<uint32_t>{kSetFree, kSetFree, kSetFree, kSetFree, kSave,
+                                               kSetFree, kSetFree, kSetFree, kSetFree}));
+}
+
+TEST_F(JournalFaults, TheFirstChangeBehindAConnectFlushesItsTwoCopiesToo) {
+  EXPECT_EQ(journalLog->finish(), 0);
+  EXPECT_EQ(journalLog->connect(), 0);
+  const IoFaults faults(kCardPath);
+  EXPECT_TRUE(journalLog->deleteStream(1));
+  EXPECT_EQ(faults.count(Call::Fsync), 2u);
+}
+
+TEST_F(JournalFaults, AFlushThatFailedIsTriedAgainWithTheNextChangeOfEitherJournal) {
+  IoFaults faults(kCardPath);
+  faults.fail(Call::Fsync, 2, EIO);
+  EXPECT_TRUE(journalLog->deleteStream(1));
+  EXPECT_FALSE(CDbLog::lastChangeOnCard());
+  faults.clear();
+  EXPECT_TRUE(journalLog->deleteEvent(1));
+  EXPECT_TRUE(CDbLog::lastChangeOnCard());
+  EXPECT_EQ(faults.count(Call::Fsync), 3u);
+  faults.clear();
+  EXPECT_TRUE(journalLog->deleteEvent(1));
+  EXPECT_EQ(faults.count(Call::Fsync), 2u);
+}
+
 TEST_F(JournalFaults, AnInsertThatFailsOnEitherChunkIsNotCounted) {
   for (int n = 1; n <= 2; ++n) {
     log.clear();

@@ -363,6 +363,23 @@ TEST_F(Journal, LooksRowsUpInTheDatabase) {
       << "keys have 32 bits";
 }
 
+TEST_F(Journal, ALookUpThatFailsSaysSoAndOneThatFindsNothingDoesNot) {
+  insertEvent(1);
+  log.clear();
+  EXPECT_EQ(journalLog->searchEventBackOffset(3), 0xFFFFFFFFu);
+  EXPECT_THAT(log.lines(), testing::IsEmpty());
+  db.setSqlNoResult("DROP TABLE STREAM");
+  EXPECT_EQ(journalLog->searchStreamBackOffset(1), 0xFFFFFFFFu);
+  const std::string sql = "SELECT backOffset FROM STREAM WHERE streamID = 1";
+  const std::vector<LogLine> attempt = {{LOG_ERR, "SQLite Err no such table: STREAM"},
+                                        {LOG_ERR, "setSql() errorSQL = (" + sql + ")"},
+                                        {LOG_WARNING, " error [no such table: STREAM] SQL=" + sql}};
+  std::vector<LogLine> expected = attempt;
+  expected.insert(expected.end(), attempt.begin(), attempt.end());
+  expected.push_back({LOG_ERR, " DB LOG select error"});
+  EXPECT_EQ(log.lines(), expected);
+}
+
 TEST_F(Journal, LookUpsFollowTheDatabaseFile) {
   insertEvent(1);
   EXPECT_EQ(journalLog->searchEventBackOffset(1), 0u);
