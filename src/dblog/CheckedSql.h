@@ -3,15 +3,17 @@
 #include "db/CApiDb.h"
 
 // Statements whose failure must not pass for an empty table. The results of the database's
-// operations never tell of one, the connection's state afterwards does.
+// operations never tell of one.
 namespace tarn {
 
 inline bool selected(CApiDb* database, const char* sql) {
-  return database->setSql(sql) == 0 && database->getStatus() == 1;
+  database->setSql(sql);
+  return database->lastStatementDone();
 }
 
 inline bool executed(CApiDb* database, const char* sql) {
-  return database->setSqlNoResult(sql) == 0 && database->getStatus() == 1;
+  database->setSqlNoResult(sql);
+  return database->lastStatementDone();
 }
 
 }  // namespace tarn

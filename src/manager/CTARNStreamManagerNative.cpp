@@ -406,7 +406,8 @@ bool CTARNStreamManagerNative::isStreamStore() const {
 // connection of its own: the database file is replaced when it is rebuilt.
 int CTARNStreamManagerNative::newestStreamChunk() {
   CApiDb db;
-  if (db.setSql(kSqlNewestChunk) != 0) {
+  db.setSql(kSqlNewestChunk);
+  if (!db.lastStatementDone()) {
     syslog(LOG_ERR, tarn::kMsgStoreSelectError);
     return -1;
   }

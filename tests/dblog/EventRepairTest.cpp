@@ -161,8 +161,17 @@ TEST_F(EventRepair, AnEventThatCannotBeDeletedDoesNotKeepTheOthers) {
 
 TEST_F(EventRepair, ACleanUpWithoutATableIsReported) {
   run("DROP TABLE EVENT");
+  log.clear();
   EXPECT_EQ(restore.cleanupEventDb(kNoon), -1);
-  EXPECT_EQ(log.count(LOG_ERR, "DataBase access error."), 1u);
+  const std::string sql =
+      "SELECT eventID, backOffset FROM EVENT WHERE startDate >= " + std::to_string(kNoon);
+  const std::vector<LogLine> attempt = {{LOG_ERR, "SQLite Err no such table: EVENT"},
+                                        {LOG_ERR, "setSql() errorSQL = (" + sql + ")"},
+                                        {LOG_WARNING, " error [no such table: EVENT] SQL=" + sql}};
+  std::vector<LogLine> expected = attempt;
+  expected.insert(expected.end(), attempt.begin(), attempt.end());
+  expected.push_back({LOG_ERR, "DataBase access error."});
+  EXPECT_EQ(log.lines(), expected);
 }
 
 }  // namespace

@@ -178,9 +178,15 @@ TEST_F(ChunkChoiceTest, FailedQueryStartsAfterChunkZero) {
   rows.drop();
   occupy(2, 2);
   EXPECT_EQ(choose(1, 2), 1);
-  EXPECT_TRUE(log.has(LOG_ERR,
-                      "setSql() errorSQL = (SELECT chunkID FROM STREAM ORDER BY streamID "
-                      "DESC LIMIT 1)"));
+  EXPECT_EQ(printed, "Found nonused chunk = 1 for ch(2) type(6)---");
+  const std::string sql = "SELECT chunkID FROM STREAM ORDER BY streamID DESC LIMIT 1";
+  const std::vector<LogLine> attempt = {{LOG_ERR, "SQLite Err no such table: STREAM"},
+                                        {LOG_ERR, "setSql() errorSQL = (" + sql + ")"},
+                                        {LOG_WARNING, " error [no such table: STREAM] SQL=" + sql}};
+  std::vector<LogLine> expected = attempt;
+  expected.insert(expected.end(), attempt.begin(), attempt.end());
+  expected.push_back({LOG_ERR, " firstAvailableChunk DB select error"});
+  EXPECT_EQ(log.lines(), expected);
 }
 
 TEST_F(ChunkChoiceTest, NeedIsCutTo32Bits) {
