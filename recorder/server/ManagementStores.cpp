@@ -164,8 +164,9 @@ int ManagementStores::save() {
 
 // A management file and its chunk file are one store, and so is the database image's kind, which
 // has the stream chunks' suffix. The info file and the picture chunks have no management of their
-// own. The partition does not matter: the stores are always those of the recorder's own card.
-ManagementStores::Entry* ManagementStores::entryOf(uint32_t kind) {
+// own. All stores are those of the recorder's own card, so another partition has none.
+ManagementStores::Entry* ManagementStores::entryOf(uint32_t kind, uint32_t partition) {
+  if (partition != RequestRecord::fromSigned(kRecorderPartition)) return nullptr;
   static constexpr int8_t kEntryOfKind[kFileTypeCount] = {-1, 1, 1, 2, 2, 0, 0, 0, -1};
   if (kind >= uint32_t{kFileTypeCount} || kEntryOfKind[kind] < 0) return nullptr;
   return &m_entries[kEntryOfKind[kind]];
@@ -200,7 +201,7 @@ uint32_t ManagementStores::apply(CTARNStreamManagerNative& store, RequestRecord&
 }
 
 void ManagementStores::answer(RequestRecord& record) {
-  const Entry* entry = entryOf(record.kind());
+  const Entry* entry = entryOf(record.kind(), record.partition());
   if (entry == nullptr) {
     record.setResult(kResultRefused);
   } else {

@@ -33,8 +33,8 @@ class TARN_API ManagementStores {
   // Carries out the request and turns the record into its answer. result is kResultDone;
   // kResultCard for a store that is not open and a save that failed; kResultDatabase for a chunk
   // that was not chosen because the database is locked; kResultRefused for an unknown command or
-  // kind, a number out of range or an operation without a result. Fields without an answer stay as
-  // sent. Nothing in the record is trusted.
+  // kind, a partition that is not the recorder's, a number out of range or an operation without a
+  // result. Fields without an answer stay as sent. Nothing in the record is trusted.
   void answer(RequestRecord& record);
 
  private:
@@ -44,7 +44,7 @@ class TARN_API ManagementStores {
     bool isOpen;
   };
 
-  Entry* entryOf(uint32_t kind);
+  Entry* entryOf(uint32_t kind, uint32_t partition);
   uint32_t apply(CTARNStreamManagerNative& store, RequestRecord& record);
   bool databaseIsFree();
 

@@ -209,6 +209,7 @@ class HungServer : public TarnServerTest {
     tarn::RequestRecord record;
     record.setCommand(tarn::kRequestFirstAvailable);
     record.setKind(7);
+    record.setPartition(51);
     record.setArg0(1000);
     return std::string(reinterpret_cast<const char*>(record.bytes()), tarn::kRequestSize);
   }
@@ -379,6 +380,7 @@ TEST_F(TarnServer, ClientsKilledAtAnyMomentDisturbNobody) {
         tarn::RequestRecord record;
         record.setCommand(tarn::kRequestGetUsage);
         record.setKind(7);
+        record.setPartition(51);
         const std::string packet(reinterpret_cast<const char*>(record.bytes()), 1024);
         for (int i = 0; i < 50 && client.send(packet); ++i) {
           if (i % 3 != 0) client.receive(10);

@@ -33,6 +33,7 @@ std::string countRequest() {
   RequestRecord record;
   record.setCommand(tarn::kRequestNumChunk);
   record.setKind(7);
+  record.setPartition(51);
   record.setResult(tarn::kResultUnanswered);
   return asPacket(record);
 }

@@ -237,16 +237,27 @@ TEST_F(ManagementStores, KindsOfOneSuffixShareAStore) {
   }
 }
 
-TEST_F(ManagementStores, AnyPartitionMeansTheRecordersCard) {
+// They would be answered with another card's records, and change those.
+TEST_F(ManagementStores, APartitionThatIsNotTheRecordersIsRefused) {
   open();
-  for (const uint32_t partition : {0u, 1u, 51u, 0xFFFFFFFFu}) {
-    RequestRecord record = request(tarn::kRequestNumChunk, 7);
-    record.setPartition(partition);
-    stores_.answer(record);
-    EXPECT_EQ(record.result(), kResultDone);
-    EXPECT_EQ(record.arg1(), kStreams);
-    EXPECT_EQ(record.partition(), partition);
+  EXPECT_EQ(resultOf(tarn::kRequestSetFreeOffset, 7, 1, 640, 1), kResultDone);
+  for (const uint32_t partition : {0u, 1u, 3u, 50u, 52u, 0x133u, 0x33000000u, 0xFFFFFFFFu}) {
+    for (uint32_t command = 0; command <= 13; ++command) {
+      for (const uint32_t kind : {2u, 4u, 7u}) {
+        RequestRecord record = request(command, kind, 1, 1, 1);
+        record.setPartition(partition);
+        RequestRecord expected = record;
+        expected.setResult(kResultRefused);
+        stores_.answer(record);
+        EXPECT_EQ(memcmp(record.bytes(), expected.bytes(), tarn::kRequestSize), 0)
+            << partition << " " << command << " " << kind;
+      }
+    }
   }
+  const RequestRecord answer = ask(tarn::kRequestGetUsage, 7, 1);
+  EXPECT_EQ(answer.result(), kResultDone);
+  EXPECT_EQ(answer.usage().streamFreeAddr, 640u);
+  EXPECT_EQ(answer.usage().streamUseAddr, 0u);
 }
 
 TEST_F(ManagementStores, KindsWithoutAStoreAreRefused) {
