@@ -90,9 +90,10 @@ signed char CApiTarnSyslogRead::getActiveChunk(unsigned char type) {
 }
 
 int CApiTarnSyslogRead::openRange(short chunk, const char* noManager, const char* noChunk) {
-  // A number below 0 (a card whose active flag is -1) is no chunk; narrowed it would be a high one.
+  // A number below 0 (a card whose active flag is -7, say) is no chunk, whatever the manager
+  // answers; narrowed it would be a high one.
   CHUNK_USAGE usage{};
-  if (chunk < 0 || getUsage(chunk, &usage) != 0) return failWith(noManager);
+  if (getUsage(chunk, &usage) != 0 || chunk < 0) return failWith(noManager);
   if (m_chunk == nullptr) return failWith(noChunk);
   if (m_chunk->isOpen()) m_chunk->closeChunkFile();
   const CHUNK_EVENT event = {static_cast<uint16_t>(chunk), m_partition, 0, usage.freeAddr};

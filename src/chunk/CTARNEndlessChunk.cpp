@@ -40,8 +40,13 @@ long CTARNEndlessChunk::write(void* buf, long size) {
 
 int CTARNEndlessChunk::writeRollback(long size) {
   const uint32_t length = low32(static_cast<unsigned long>(size));
-  if (asSigned32(length) < 0 || length > chunkSize || !usageKnown) {
+  if (asSigned32(length) < 0 || length > chunkSize) {
     syslog(LOG_ERR, tarn::kMsgRollbackTooLarge, size);
+    return -1;
+  }
+  // Back from a place that nobody knows there is nowhere to go.
+  if (!usageKnown) {
+    syslog(LOG_ERR, tarn::kMsgWriteSeekErrno, EINVAL);
     return -1;
   }
   // A write that ended at the chunk's end, or behind it, left an address below its own size.

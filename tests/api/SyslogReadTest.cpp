@@ -138,11 +138,14 @@ TEST_F(SyslogRead, SeeksLikeAFileOfTheReadableSize) {
   EXPECT_EQ(reader.seek(size + 1, SEEK_SET), -1);
 }
 
-TEST_F(SyslogRead, ActiveFlagBelowZeroIsNoChunk) {
-  setActive(-100);
-  CApiTarnSyslogRead reader(51);
-  EXPECT_EQ(printed([&] { EXPECT_EQ(reader.open(0, 0), -1); }),
-            "CApiTarnSyslogRead::open() manager not available");
+TEST_F(SyslogRead, ActiveFlagBelowZeroHasNoUsage) {
+  for (const signed char active : {-7, -100}) {
+    setActive(active);
+    CApiTarnSyslogRead reader(51);
+    EXPECT_EQ(printed([&] { EXPECT_EQ(reader.open(0, 0), -1); }),
+              "CApiTarnSyslogRead::getUsage() manager not available"
+              "CApiTarnSyslogRead::open() manager not available");
+  }
 }
 
 TEST_F(SyslogRead, ActiveChunkBeyondTheFamilyHasNoUsage) {

@@ -165,6 +165,17 @@ TEST(EndlessChunk, ARollbackOfNoPossibleWriteIsRefused) {
                                            err("writeRollback: size 4097 is not that of a write")));
 }
 
+TEST(EndlessChunk, ARollbackFromAnUnknownAddressFailsLikeItsSeek) {
+  PlainCard c;
+  CTARNEndlessChunk chunk(kJournal);
+  const CHUNK_EVENT event = eventOf(1, 0, 100);
+  ASSERT_EQ(chunk.openChunkFile(&event), 0);
+  EXPECT_EQ(chunk.writeRollback(32), -1);
+  EXPECT_EQ(chunk.getFreeAddr(), 0u);
+  EXPECT_EQ(chunk.currentOffset(), 0);
+  EXPECT_THAT(problems(c.log), ElementsAre(err("write: seek error. errno[22]")));
+}
+
 TEST(EndlessChunk, SettingTheFreeAddressLeavesTheSizes) {
   OpenJournal j(0, 1000);
   const unsigned long freeSize = j.chunk.getFreeSize();

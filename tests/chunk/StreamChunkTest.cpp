@@ -99,6 +99,21 @@ TEST(StreamChunk, AManagerThatDoesNotAnswerLeavesTheUsageUnknown) {
   EXPECT_EQ(chunk.getFreeAddr(), 100u);  // what is known stays
 }
 
+// Another kind than the two names a stream chunk, but neither pair of addresses: the manager's
+// answer is no failure, and nothing is written at a place that nobody told.
+TEST(StreamChunk, AnotherKindHasNoAddresses) {
+  ManagedCard c;
+  EXPECT_EQ(c.stream.setFreeOffset(1, 2200, 1), 0);
+  CTARNStreamChunk chunk(2);
+  ASSERT_EQ(chunk.openChunkFile(&c.stream, 1), 0);
+  EXPECT_EQ(chunk.getUsageFromManager(), 0);
+  EXPECT_FALSE(chunk.isUsageKnown());
+  EXPECT_EQ(chunk.getFreeAddr(), 0u);
+  EXPECT_EQ(chunk.getFreeSize(), chunk.getChunkSize());
+  EXPECT_EQ(writeBytes(chunk, Bytes(100, 'x')), -1);
+  EXPECT_THAT(problems(c.log), ElementsAre(err("write: free address is not known")));
+}
+
 TEST(StreamChunk, WrittenSizeIsAlwaysZero) {
   ManagedCard c;
   CTARNStreamChunk chunk(1);
