@@ -30,7 +30,8 @@ class TARN_API CTARNDBChunk {
   int copyOut(const char* path);
   // Size of the image in bytes as stored (0 or -1: none), or -2. The argument is not used.
   long getDBSize(const char* path);
-  // Marks the image empty with size, which is 0 or -1: 0 or -1. The data stays.
+  // Marks the image empty with size, which is 0 or -1: 0 or -1, flushed like the size of a save:
+  // power lost behind it must not bring the old image back. The data stays.
   int clearDBChunk(long size);
 
  protected:

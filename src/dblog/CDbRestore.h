@@ -71,7 +71,9 @@ class TARN_API CDbRestore {
   int writePictureChunk(short chunk, unsigned long offset, const void* data, long length);
   // Closes the newest event at the end of the newest recording, or deletes it when it began later.
   int fixLastEventDb();
-  // Deletes every event that began at startDate (seconds) or later, with its journal record.
+  // Deletes every event that began at startDate (seconds) or later, with its journal record. A
+  // recording that goes loses its events before its own record: power lost in between leaves it to
+  // the next start, which begins again.
   int cleanupEventDb(unsigned long startDate);
 
   // Rebuild of the management files, after the repair: of the stream chunks from their rows and
@@ -79,8 +81,9 @@ class TARN_API CDbRestore {
   // the system log from the text of its active chunk.
   int recoverStreamManage();
   // The same, but a chunk with rows gets the channel and type of known[chunk], where that has a
-  // channel, and one of which a header cannot be read or whose newest row is open counts as full. A guarded one (manager/ManageFormat.h) becomes what known[chunk] says.
-  // In one save, so that power lost meanwhile cannot take the channels.
+  // channel, and one of which a header cannot be read or whose newest row is open counts as full. A
+  // guarded one (manager/ManageFormat.h) becomes what known[chunk] says. In one save, so that power
+  // lost meanwhile cannot take the channels.
   int recoverStreamManage(const CHUNK_MANAGE* known, int count);
   int recoverSyslogManage();
   // The same, but what the device refuses is asked for again, and when it stays refused nothing is

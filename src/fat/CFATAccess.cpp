@@ -26,8 +26,6 @@ constexpr size_t kNameRoom = 128;
 constexpr uint32_t kReadBlock = 4096;
 constexpr uint32_t kStreamCapacity = 1024 * 1024;
 constexpr uint32_t kSmallCapacity = 32 * 1024;
-// For a device name that is to be created: what the umask leaves of it.
-constexpr mode_t kCreateMode = 0666;
 // Erase blocks of cards and disks are multiples of this.
 constexpr int64_t kAlignment = 64 * 1024;
 
@@ -88,7 +86,9 @@ int CFATAccess::open(const char* name, int flags) {
     return -1;
   }
   if (!parseName(name, index)) return -1;
-  tarn::UniqueFd device(open64(m_deviceName, flags, kCreateMode));
+  // Without O_CREAT, which does nothing for a device that is there: a plain file made under the
+  // name of one that is away would keep the card from coming back.
+  tarn::UniqueFd device(open64(m_deviceName, flags & ~O_CREAT));
   if (!device.valid()) {
     logFat(__func__, __LINE__, tarn::kMsgOpenError, m_deviceName);
     return -1;
@@ -158,14 +158,17 @@ bool CFATAccess::locateFamily(int fd, int index) {
       logFat(kOpen, __LINE__, tarn::kMsgLseekError);
       return false;
     case VolumeFault::kInfoSeek:
+      m_chunkCount[index] = 0;
       logFat(kOpen, __LINE__, tarn::kMsgSeekToFatError);
       return false;
     case VolumeFault::kInfoRead:
+      m_chunkCount[index] = 0;
       logFat(kOpen, __LINE__, tarn::kMsgChunkInfoError, m_deviceName);
       return false;
     case VolumeFault::kNoInfoFile:
-      family.own.chunkCount = 0;  // reported below, as a card without chunks of the family is
-      break;
+      m_chunkCount[index] = 0;
+      logFat(kOpen, __LINE__, tarn::kMsgNotTarn, m_deviceName);
+      return false;
   }
   m_chunkSize[index] = family.own.chunkSize;
   m_chunkCount[index] = static_cast<uint16_t>(family.own.chunkCount);

@@ -30,11 +30,13 @@ class TARN_API CFATAccess {
   CFATAccess& operator=(const CFATAccess&) = delete;
 
   // Opens the chunk "device:TAGnnnn" (for example "/dev/sdblk0p1:CKST0007") and returns its handle,
-  // the lowest free one, or -1. flags go to the device's open unchanged and select the buffering.
-  // The volume is read afresh each time. The chunk number is not checked against chunks().
+  // the lowest free one, or -1. flags go to the device's open and select the buffering; a device
+  // that is missing is never created. The volume is read afresh each time. The chunk number is not
+  // checked against chunks(). Nothing is flushed: there is nothing yet.
   int open(const char* name, int flags);
 
-  // Geometry of an open handle's family, as read at open(); 0 for an index outside the table.
+  // Geometry of an open handle's family, as read at open(); 0 for an index outside the table. An
+  // open() that found the volume and failed behind its directory leaves chunks() at 0.
   unsigned short chunks(int index);
   unsigned long getChunkSize(int index);  // bytes
   // Size in bytes of a CKST or CKPC chunk, whatever the handle's own family.
@@ -50,7 +52,8 @@ class TARN_API CFATAccess {
   // only while both buffers of the handle are full.
   long write(int index, const void* buf, unsigned long len);
   // SEEK_SET or SEEK_CUR; the new position in the chunk as a signed 32-bit value, or -1. A seek
-  // that moves a write-buffered handle flushes it first; one to where it stands does nothing.
+  // that moves a write-buffered handle writes and flushes first what is in its buffers, and leaves
+  // the device's flush out when there is nothing; one to where it stands does nothing.
   // After a read or write that did not do all it was asked for the handle reports a position that
   // the device never reached, and SEEK_SET moves the device there. On a read-buffered handle
   // SEEK_CUR with an offset other than 0 counts from the end of the last block read.
@@ -94,8 +97,9 @@ class TARN_API CFATAccess {
 
   // The caller's thread owns front and fill, unless queued is set; the worker owns back and
   // pendingSize while pending is set. The two flags change under m_mutex, so that no wake-up is
-  // lost. A full front that finds back still pending is queued, and the worker itself exchanges the
-  // two when it is done: it need not wait for the caller to wake up first.
+  // lost; who waits for them waits on m_written, for asking again and again costs the processor
+  // that the encoder needs. A full front that finds back still pending is queued, and the worker
+  // itself exchanges the two when it is done: it need not wait for the caller to wake up first.
   struct WriteBuffer {
     uint8_t* front = nullptr;  // write() fills it; null when the handle is unbuffered for writing
     uint8_t* back = nullptr;   // the worker writes it out

@@ -16,7 +16,8 @@ class RequestRecord;
 // Used by one thread at a time; takes no lock. Nothing is retried; after a failed request the next
 // one connects again, at most once a second. Results: 0 done, -1 failed unless said otherwise; each
 // failure logs one LOG_ERR line. An operation before openManageData fails. A server that does not
-// answer is waited for as long as tarn::RequestPatience allows; then the connection is dropped.
+// answer is waited for as long as tarn::RequestPatience allows; then the connection is dropped, as
+// it is at once when the server has closed it.
 //
 // Owners call closeManageData before they destroy a manager: destructors do not free the client.
 class TARN_API CTARNManagerBase {

@@ -42,6 +42,32 @@ TEST(FatOpenFaults, EveryFailingDeviceCallIsReportedAndLeavesTheHandleFree) {
   }
 }
 
+// The count is what open() itself goes by, so it is no longer the old one once the directory is
+// looked through; the sizes stay those of the last open that worked.
+TEST(FatOpenFaults, FromTheDirectoryOnAFailedOpenLeavesACountOfZero) {
+  struct Fault {
+    Call call;
+    int n;
+    int count;
+  };
+  CardImage card;
+  for (const Fault& fault :
+       {Fault{Call::Open, 1, 4}, Fault{Call::Read, 1, 4}, Fault{Call::Lseek, 1, 4},
+        Fault{Call::Read, 2, 0}, Fault{Call::Lseek, 2, 0}, Fault{Call::Read, 3, 0}}) {
+    SyslogCapture log;
+    CFATAccess fat;
+    ASSERT_EQ(fat.open(card.name(tarn::kFileJournal, 0).c_str(), O_RDWR), 0);
+    ASSERT_EQ(fat.close(0), 0);
+    IoFaults io(kCardPath);
+    io.fail(fault.call, fault.n, EIO);
+    EXPECT_EQ(fat.open(card.name(tarn::kFileStream, 0).c_str(), O_RDWR), -1);
+    EXPECT_EQ(fat.chunks(0), fault.count);
+    EXPECT_EQ(fat.getChunkSize(0), 64 * kKiB);
+    EXPECT_EQ(fat.streamChunkSize(0), 4 * kMiB);
+    EXPECT_EQ(fat.pictureChunkSize(0), 256 * kKiB);
+  }
+}
+
 TEST(FatOpenFaults, ShortReadsAreReportedAsMissingData) {
   CardImage card;
   const std::pair<int, const char*> cases[] = {
