@@ -199,6 +199,12 @@ void CApiDb::runStatement(const char* sql, Attempt attempt) {
   if (!m_connected) connect(kDatabasePath);
   const SemLock lock(*this);
   if (!lock.held()) syslog(LOG_ERR, tarn::kMsgSqlNoLock, sql);
+  runLocked(sql, attempt);
+}
+
+template <typename Attempt>
+void CApiDb::runLocked(const char* sql, Attempt attempt) {
+  m_statementDone = false;
   for (int i = 0; i < kAttempts; ++i) {
     char* errorText = nullptr;
     // Without a connection the statement fails as misuse of the interface, without a call.
@@ -240,6 +246,21 @@ uint32_t CApiDb::setSqlNoResult(const char* sql) {
   runStatement(
       sql, [&](char** errorText) { return sqlite3_exec(m_db, sql, nullptr, nullptr, errorText); });
   return 0;
+}
+
+size_t CApiDb::setSqlEach(const char* const* sql, size_t count) {
+  m_statementDone = false;
+  if (count == 0) return 0;
+  if (!m_connected) connect(kDatabasePath);
+  const SemLock lock(*this);
+  for (size_t i = 0; i < count; ++i) {
+    if (!lock.held()) syslog(LOG_ERR, tarn::kMsgSqlNoLock, sql[i]);
+    runLocked(sql[i], [&](char** errorText) {
+      return sqlite3_exec(m_db, sql[i], nullptr, nullptr, errorText);
+    });
+    if (!m_statementDone || !inTransaction()) return i;
+  }
+  return count;
 }
 
 // Runs a count once, without a retry; the held result stays. 0 when it fails.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "base/Export.h"
@@ -59,6 +60,11 @@ class TARN_API CApiDb {
   uint32_t getCmdTuple();
   // 1 when the connection's last error code means health, otherwise 0 and a log line.
   uint32_t getStatus();
+
+  // Beyond the basic operations, between begin() and end(): runs `count` statements one after the
+  // other, each as setSqlNoResult() would, but under one lock, and stops at the first that is not
+  // carried out or is outside of a transaction when it is. How many there were before that one.
+  size_t setSqlEach(const char* const* sql, size_t count);
 
   // Beyond the basic operations: true between begin() and its end(), unless SQLite took the
   // transaction back by itself, as it does when the disk is full.
@@ -162,6 +168,8 @@ class TARN_API CApiDb {
   const char* heldCell(long row, long col, int nullPriority);
   template <typename Attempt>
   void runStatement(const char* sql, Attempt attempt);
+  template <typename Attempt>
+  void runLocked(const char* sql, Attempt attempt);
   bool reportFailure(int result, const char* sql, char* errorText);
   uint32_t lastInsertKey() const;
   uint32_t changeRow(const char* sql);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
@@ -67,69 +68,42 @@ constexpr Replay kReplayEvents = {JournalKind::kEvent, kEventRecordLimit, kSqlRe
 constexpr Replay kReplayStreams = {JournalKind::kStream, kStreamRecordLimit, kSqlReplayStream,
                                    addStreamValues};
 
-// Runs the statements of several records in one call: the machine's database lock costs about a
-// fifth of what a statement does. A call that fails is taken apart, so that what is logged and what
-// stays is as if each had been run alone; running one again replaces its row by itself.
+// Gathers the statements of several records, which then take the machine's database lock once: it
+// costs about a fifth of what a statement does. Each is run as if it were alone.
 class InsertBatch {
  public:
   InsertBatch(CApiDb* db, JournalKind kind) : db_(db), kind_(kind) {}
 
+  // False when a statement failed, this one or one before it; the rest is dropped then.
   bool add(const SqlText& sql) {
-    if (count_ > 0) text_[length_ - 1] = kSeparator;
-    start_[count_++] = length_;
-    memcpy(text_ + length_, sql.c_str(), sql.length() + 1);
-    length_ += sql.length() + 1;
+    memcpy(text_[count_++], sql.c_str(), sql.length() + 1);
     return count_ < kStatements || run();
   }
 
+  // Where there is no room SQLite takes the whole transaction back, and the second attempt succeeds
+  // outside of it: what follows would be all that comes back.
   bool run() {
-    const bool done = count_ == 0 || statement(text_) || (count_ > 1 && runEach());
-    if (!done && count_ == 1) logFailure(text_);
-    count_ = 0;
-    length_ = 0;
-    return done;
+    const char* statements[kStatements];
+    for (size_t i = 0; i < count_; ++i) statements[i] = text_[i];
+    const size_t count = std::exchange(count_, 0);
+    const size_t done = db_->setSqlEach(statements, count);
+    if (done < count) logFailure(statements[done]);
+    return done == count;
   }
 
  private:
   static constexpr size_t kStatements = 16;
   static constexpr size_t kStatementRoom = 512;  // the longest has about 400 characters
-  static constexpr char kSeparator = ';';
   // 14 numbers of ten digits with what stands between them.
   static_assert(sizeof kSqlReplayStream + 14 * (10 + sizeof kSqlNextValue) <= kStatementRoom);
 
-  bool runEach();
-  bool statement(const char* sql);
   void logFailure(const char* sql) const;
 
   CApiDb* db_;
   JournalKind kind_;
   size_t count_ = 0;
-  size_t length_ = 0;
-  size_t start_[kStatements];
-  char text_[kStatements * kStatementRoom];
+  char text_[kStatements][kStatementRoom];
 };
-
-// The statement's own result never tells of a failure; the connection's state does. Going on would
-// cost a second of retries for each record and end with a database that lacks rows. Where there is
-// no room SQLite takes the whole transaction back, and the second attempt succeeds outside of it:
-// what follows would be all that comes back.
-bool InsertBatch::statement(const char* sql) {
-  return db_->setSqlNoResult(sql) == 0 && db_->getStatus() == 1 && db_->inTransaction();
-}
-
-bool InsertBatch::runEach() {
-  if (!db_->inTransaction()) {
-    logFailure(text_);
-    return false;
-  }
-  for (size_t i = 1; i < count_; ++i) text_[start_[i] - 1] = '\0';
-  for (size_t i = 0; i < count_; ++i) {
-    if (statement(text_ + start_[i])) continue;
-    logFailure(text_ + start_[i]);
-    return false;
-  }
-  return true;
-}
 
 void InsertBatch::logFailure(const char* sql) const {
   constexpr long kFailed = -1;
@@ -160,7 +134,9 @@ bool replayRecords(JournalReader* reader, InsertBatch* batch, const Replay& repl
   const JournalTraits& traits = journalTraits(replay.kind);
   for (*checked = 0; *checked <= replay.limit; reader->advance()) {
     const JournalReader::Result result = reader->read();
-    if (result == JournalReader::Result::kRefused) return refused(replay.kind, *reader);
+    if (result == JournalReader::Result::kRefused) {
+      return batch->run() && refused(replay.kind, *reader);
+    }
     if (result == JournalReader::Result::kBad) continue;
     if (result != JournalReader::Result::kRecord) break;
     ++*checked;

@@ -66,6 +66,35 @@ TEST_F(StatementTest, FailingStatementWithoutResultIsTriedTwiceWithTheSameLines)
                   "unlock"));
 }
 
+TEST_F(StatementTest, SeveralStatementsTakeTheLockOnceAndEndWithTheFirstThatFails) {
+  const char* const sql[] = {"DELETE FROM EVENT", "DELETE FROM NONE", "DELETE FROM STREAM"};
+  db_.begin();
+  DbTrace trace;
+  EXPECT_EQ(1u, db_.setSqlEach(sql, 3));
+  EXPECT_FALSE(db_.lastStatementDone());
+  EXPECT_THAT(trace.take(), ElementsAre("lock", "exec DELETE FROM EVENT", "exec DELETE FROM NONE",
+                                        "log 3: SQLite Err no such table: NONE",
+                                        "log 3: setSql() errorSQL = (DELETE FROM NONE)",
+                                        "log 4:  error [no such table: NONE] SQL=DELETE FROM NONE",
+                                        "sleep 500000", "exec DELETE FROM NONE",
+                                        "log 3: SQLite Err no such table: NONE",
+                                        "log 3: setSql() errorSQL = (DELETE FROM NONE)",
+                                        "log 4:  error [no such table: NONE] SQL=DELETE FROM NONE",
+                                        "sleep 500000", "unlock"));
+  EXPECT_EQ(1u, db_.setSqlEach(sql, 1));
+  EXPECT_TRUE(db_.lastStatementDone());
+  EXPECT_EQ(0u, db_.setSqlEach(sql, 0));
+}
+
+TEST_F(StatementTest, OfSeveralStatementsTheOneThatIsOutsideOfATransactionIsTheLast) {
+  const char* const sql[] = {"DELETE FROM EVENT", "END", "DELETE FROM STREAM"};
+  EXPECT_EQ(0u, db_.setSqlEach(sql, 1));
+  db_.begin();
+  DbTrace trace;
+  EXPECT_EQ(1u, db_.setSqlEach(sql, 3));
+  EXPECT_THAT(trace.take(), ElementsAre("lock", "exec DELETE FROM EVENT", "exec END", "unlock"));
+}
+
 TEST_F(StatementTest, ConstraintViolationIsTriedOnce) {
   addEvent(1, 1, 1, 1);
   const std::string sql = "INSERT INTO EVENT( eventID ) VALUES( 1 )";

@@ -269,7 +269,43 @@ TEST_F(Replay, AStreamStatementThatFailsEndsTheReplayAndKeepsTheRowsBefore) {
   EXPECT_EQ(streamKeys(), (std::vector<uint32_t>{1}));
 }
 
-// Statements go to the database several at a time; that must not show.
+// Statements go to the database several at a time; that must not show: not in what is logged, not
+// in how often one is tried, not in the rows that stay.
+TEST_F(Replay, AStatementThatFailsAmongOthersIsTriedTwiceAndLoggedAlone) {
+  writeEvents(5);
+  // No constraint, so that it is tried again.
+  db.setSqlNoResult(
+      "CREATE TRIGGER no_third BEFORE INSERT ON EVENT WHEN NEW.eventID = 3 BEGIN SELECT "
+      "abs( -9223372036854775805 - NEW.eventID ); END");
+  log.clear();
+  EXPECT_EQ(restore.restoreEventDb(), -1);
+  const std::string sql =
+      "INSERT OR REPLACE INTO EVENT( eventID, extTrg, preSec, startDate, startMSec, endDate, "
+      "endMSec, backOffset ) VALUES( '3', '103', '203', '1700000003', '303', '1700000503', '403', "
+      "'64' )";
+  const std::vector<LogLine> attempt = {{LOG_ERR, "SQLite Err integer overflow"},
+                                        {LOG_ERR, "setSql() errorSQL = (" + sql + ")"},
+                                        {LOG_WARNING, " error [integer overflow] SQL=" + sql}};
+  std::vector<LogLine> expected = attempt;
+  expected.insert(expected.end(), attempt.begin(), attempt.end());
+  expected.push_back({LOG_ERR, "restoreEventDb setSqlNoResult (" + sql + ") error = -1"});
+  EXPECT_EQ(log.lines(), expected);
+  EXPECT_EQ(eventKeys(), (std::vector<uint32_t>{1, 2}));
+}
+
+TEST_F(Replay, RowsInFrontOfAPlaceThatTheDeviceRefusesStay) {
+  writeEvents(5);
+  IoFaults faults(kCardPath);
+  for (int chunk : {0, 1}) {
+    faults.failAt(Call::Read, card.chunkStart(tarn::kFileJournal, chunk) + 64, 32, EIO);
+  }
+  log.clear();
+  EXPECT_EQ(restore.restoreEventDb(), -1);
+  const std::vector<LogLine> expected = {{LOG_ERR, "the event journal cannot be read at byte 64"}};
+  EXPECT_EQ(log.lines(), expected);
+  EXPECT_EQ(eventKeys(), (std::vector<uint32_t>{1, 2}));
+}
+
 TEST_F(Replay, AFailureDeepInAFullJournalNamesItsOwnStatement) {
   writeEvents(32);
   db.setSqlNoResult(
