@@ -12,7 +12,9 @@
 #include <fstream>
 
 #include "base/UniqueFd.h"
+#include "fat/ChunkFiles.h"
 #include "recorder/card/CardText.h"
+#include "recorder/card/ServerLock.h"
 
 namespace tarn {
 namespace {
@@ -58,6 +60,16 @@ std::string loopDeviceOf(const struct stat& file) {
   return found;
 }
 
+// Whether this is the card that a recorder on this machine uses, under whatever name.
+bool isOwnCard(const struct stat& card) {
+  struct stat own;
+  if (stat(deviceName(kRecorderPartition), &own) != 0) return false;
+  if (S_ISBLK(card.st_mode) || S_ISBLK(own.st_mode)) {
+    return S_ISBLK(card.st_mode) && S_ISBLK(own.st_mode) && card.st_rdev == own.st_rdev;
+  }
+  return card.st_dev == own.st_dev && card.st_ino == own.st_ino;
+}
+
 // The machine's device manager takes short locks of its own on devices that have just changed.
 bool lockSoon(int fd) {
   for (int i = 0; i < kLockTries; ++i) {
@@ -96,12 +108,30 @@ int CardLock::acquire(const std::string& path, bool create, std::string* error) 
     return fail(error, path + " is in use by another program of the recorder");
   }
   fd_ = fd.get();
-  if (!checkIdle(path, error)) {
+  if (!checkIdle(path, error) || (exists && !keepServerOut(path, before, error))) {
     fd_ = -1;
     return -1;
   }
   fd.release();
   return 0;
+}
+
+// The server opens the card as everybody does and does not lock it; its own lock tells of it. A
+// private view has a /tmp of its own: whoever starts one asks here, before.
+bool CardLock::keepServerOut(const std::string& path, const struct stat& card, std::string* error) {
+  if (!isOwnCard(card)) return true;
+  UniqueFd lock(::open(kServerLockPath, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  if (!lock.valid() && errno == ENOENT) return true;  // no server since the machine's start
+  if (!lock.valid()) {
+    *error = errnoText(std::string("cannot open ") + kServerLockPath, errno);
+    return false;
+  }
+  if (!lockSoon(lock.get())) {
+    *error = path + " is in use: the recorder's management server runs";
+    return false;
+  }
+  serverLock_ = lock.release();
+  return true;
 }
 
 bool CardLock::checkIdle(const std::string& path, std::string* error) const {
@@ -120,8 +150,10 @@ bool CardLock::checkIdle(const std::string& path, std::string* error) const {
 }
 
 void CardLock::release() {
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
+  for (int* fd : {&fd_, &serverLock_}) {
+    if (*fd >= 0) ::close(*fd);
+    *fd = -1;
+  }
 }
 
 }  // namespace tarn

@@ -1,13 +1,17 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 
 #include "base/Export.h"
 
 namespace tarn {
 
-// Keeps a card, a block device or image file, to one user at a time: formatting, and a private view
-// on it. Other tools of ours meet the lock, and on a block device nobody can mount it meanwhile.
+// Keeps a card, a block device or image file, to one user at a time: formatting, mending, and a
+// private view on it. Other tools of ours meet the lock, and on a block device nobody can mount it
+// meanwhile. The recorder's own card is not to be had while its management server runs, and the
+// server does not start meanwhile.
 // Released by release(), by the destructor, and when the last process that inherited fd() ends.
 class TARN_API CardLock {
  public:
@@ -18,7 +22,7 @@ class TARN_API CardLock {
 
   // Opens `path` for reading and writing and locks it; with `create` a missing file is made.
   // 0, or -1 with the reason in *error: missing, not writable, neither file nor block device,
-  // mounted, attached to a loop device, or in use by another of our tools.
+  // mounted, attached to a loop device, or in use by the recorder or another of our tools.
   int acquire(const std::string& path, bool create, std::string* error);
   void release();
   int fd() const { return fd_; }
@@ -26,8 +30,10 @@ class TARN_API CardLock {
 
  private:
   bool checkIdle(const std::string& path, std::string* error) const;
+  bool keepServerOut(const std::string& path, const struct stat& card, std::string* error);
 
   int fd_ = -1;
+  int serverLock_ = -1;  // of the recorder's own card, where a server has run
   bool isBlockDevice_ = false;
 };
 

@@ -99,6 +99,8 @@ void checkEmpty(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& reco
 void noteGuarded(CardContents* contents, uint32_t chunk) {
   CardFinding finding;
   finding.kind = FindingKind::kRing;
+  finding.consequence = Consequence::kUnknown;
+  finding.meaning = "what it holds is kept: nothing is recorded into it";
   finding.chunk = static_cast<int32_t>(chunk);
   finding.text = "chunk " + std::to_string(chunk) +
                  " is guarded: a start would have given up its recordings for no good reason; "

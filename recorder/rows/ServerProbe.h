@@ -1,11 +1,9 @@
 #pragma once
 
 #include "base/Export.h"
+#include "recorder/card/ServerLock.h"
 
 namespace tarn {
-
-// Held by the management server from its start to its end, and by whatever must not run beside it.
-inline constexpr char kServerLockPath[] = "/tmp/unix-sock-tarn-server.lock";
 
 enum class ServerProbe { kFree, kAnswered, kUnknown };
 

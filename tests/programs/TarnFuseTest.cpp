@@ -13,6 +13,7 @@ namespace {
 using nlohmann::json;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 ShellResult tarn(const std::string& arguments) {
   return shell(std::string(TARN_BIN_DIR "/tarn ") + arguments);
@@ -57,7 +58,10 @@ TEST_F(TarnFuseTest, UnattendedItStartsAndGuardsUntilAPersonAccepts) {
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_THAT(result.output,
               HasSubstr("nothing is recorded into them: stream chunks " + std::to_string(chunk)));
-  EXPECT_THAT(tarn("check").output, HasSubstr("chunk " + std::to_string(chunk) + " is guarded"));
+  const std::string found = tarn("check").output;
+  EXPECT_THAT(found, HasSubstr("chunk " + std::to_string(chunk) + " is guarded"));
+  EXPECT_THAT(found, HasSubstr("what it holds is kept: nothing is recorded into it"));
+  EXPECT_THAT(found, Not(HasSubstr("overwritten")));
   EXPECT_THAT(tarn("info --chunks").output,
               ContainsRegex("\n +" + std::to_string(chunk) + " +0 .* guarded\n"));
   const json info = json::parse(tarn("info --json").output, nullptr, false);
