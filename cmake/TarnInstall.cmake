@@ -15,17 +15,24 @@ if(TARGET TarnMedia)
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT media NAMELINK_COMPONENT mediadevelopment)
   install(EXPORT TarnMediaTargets NAMESPACE Tarn:: DESTINATION ${tarn_package_dir}
     COMPONENT mediadevelopment)
-  install(FILES media/MediaInput.h media/MediaOutput.h
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn/media COMPONENT mediadevelopment)
 endif()
 install(EXPORT TarnTargets NAMESPACE Tarn:: DESTINATION ${tarn_package_dir} COMPONENT development)
 
-foreach(folder base fat chunk manager mesg db dblog api)
-  install(DIRECTORY src/${folder} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn COMPONENT development
-    FILES_MATCHING PATTERN "*.h")
-endforeach()
-install(DIRECTORY recorder DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn COMPONENT development
-  FILES_MATCHING PATTERN "*.h")
+include(cmake/TarnPublicHeaders.cmake)
+# Headers lie below include/tarn as they lie below the folder from which the tree includes them, so
+# that the same words include them in both.
+function(tarn_install_headers component root)
+  foreach(header ${ARGN})
+    get_filename_component(folder ${header} DIRECTORY)
+    install(FILES ${root}${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn/${folder}
+      COMPONENT ${component})
+  endforeach()
+endfunction()
+tarn_install_headers(development src/ ${TARN_PUBLIC_HEADERS})
+tarn_install_headers(development "" ${TARN_RECORDER_PUBLIC_HEADERS})
+if(TARGET TarnMedia)
+  tarn_install_headers(mediadevelopment "" ${TARN_MEDIA_PUBLIC_HEADERS})
+endif()
 
 configure_package_config_file(cmake/TarnConfig.cmake.in ${PROJECT_BINARY_DIR}/TarnConfig.cmake
   INSTALL_DESTINATION ${tarn_package_dir})

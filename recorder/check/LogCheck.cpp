@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "dblog/SyslogScan.h"
+#include "recorder/card/LogBlock.h"
 #include "recorder/check/CardContents.h"
 #include "recorder/log/LogFormat.h"
 

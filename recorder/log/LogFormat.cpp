@@ -7,6 +7,8 @@
 #include <ctime>
 #include <limits>
 
+#include "recorder/card/LogBlock.h"
+
 namespace tarn {
 namespace {
 

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "base/Export.h"
-#include "recorder/card/LogBlock.h"
 
 // A line of the system log on the card: "YYYY-MM-DDTHH:MM:SS text\n", local time. Pure functions of
 // text and time; where lines lie in a chunk is LogLayout's matter.

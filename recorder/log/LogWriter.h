@@ -2,16 +2,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <memory>
 
 #include "base/Export.h"
-#include "chunk/CTARNSyslogChunk.h"
-#include "manager/CTARNSyslogManager.h"
-#include "recorder/card/CardGeometry.h"
-#include "recorder/log/LogLayout.h"
-#include "recorder/rows/FileLock.h"
 
 namespace tarn {
+
+class LogAppender;
 
 // Appends lines to the system log on the card, through the management server: to the active syslog
 // chunk, and when that is full to the next of the five, whose old text goes.
@@ -21,7 +18,7 @@ namespace tarn {
 // that follows it has reached the card, and is then overwritten, within one sector.
 //
 // A server that does not answer is waited for as long as a recorder waits
-// (recorder/rows/ServerRetry.h). One writer on a machine: a second one is refused. Used by one
+// (recorder/rows/ServerPatience.h). One writer on a machine: a second one is refused. Used by one
 // thread at a time; nothing throws. Results: 0, or -1 with errorText(), which also goes to syslog.
 class TARN_API LogWriter {
  public:
@@ -44,46 +41,15 @@ class TARN_API LogWriter {
   // flush(), saves the management data and lets others write. -1 also when it was not open.
   int close();
 
-  bool isOpen() const { return open_; }
+  bool isOpen() const;
   // Bytes that are collected and not written.
-  size_t collectedBytes() const { return pending_.size(); }
-  int chunk() const { return chunkNumber_; }
-  uint32_t freeOffset() const { return written_; }  // end of what was written, in bytes
-  const char* errorText() const { return error_; }
+  size_t collectedBytes() const;
+  int chunk() const;            // the one that is written to; -1 before the first open()
+  uint32_t freeOffset() const;  // end of what was written, in bytes
+  const char* errorText() const;
 
  private:
-  bool fail(const char* text);   // false
-  int refuse(const char* text);  // -1
-  bool failServer();
-  template <class Attempt>
-  bool served(Attempt&& attempt);
-  void abandon();
-  bool connect();
-  bool openActive();
-  bool openChunk(int number);
-  bool resume(uint32_t saved);
-  bool findEnd(uint32_t saved, uint32_t* end, std::string* lastStamp, bool* marked);
-  bool readBlock(uint32_t position, std::string* block);
-  bool moveOn();
-  bool giveUp(int number);
-  bool announce(int number);
-  bool addLine(const std::string& text, int64_t seconds);
-  bool writeOut();
-  bool put(uint32_t position, const char* bytes, size_t length);
-  bool tellServer();
-
-  bool open_ = false;
-  const char* error_ = "";
-  GeometryReport geometry_;  // of the last open(), whose text error_ may be
-  FileLock lock_;
-  CTARNSyslogManager manager_;
-  CTARNSyslogChunk chunk_;
-  int64_t patienceMs_;  // with a server that does not answer
-  int chunkNumber_ = -1;
-  uint32_t written_ = 0;  // free offset: everything before it is on the card
-  LogLayout layout_;
-  std::string pending_;  // what comes at written_
-  bool told_ = true;     // the server knows written_
+  std::unique_ptr<LogAppender> appender_;  // null when there was no memory for it
 };
 
 }  // namespace tarn

@@ -4,7 +4,7 @@
 
 #include "base/Export.h"
 #include "chunk/StreamHeaderFormat.h"
-#include "recorder/card/PictureTime.h"
+#include "recorder/recording/PictureEntry.h"
 
 // The two 32-byte records of a picture chunk, whole. A recording is one stream header followed by
 // one entry per picture, back to back in the ring; its pictures lie back to back in the stream
@@ -18,12 +18,7 @@ inline constexpr uint32_t kRecordSize = kPictureRecordSize;  // of the header an
 inline constexpr uint32_t kHeaderFirstNumberOff = 4;  //  4  4  number of the first picture
 inline constexpr uint32_t kHeaderVersionOff = 28;     // 28  2  1
 
-// A recording that is not closed; the repair after a power loss looks at these only and keeps the
-// marker, so a repaired recording has it too.
-inline constexpr uint32_t kMarkerOpen = kHeaderOpenMarker;
-// Written last of all, when the row says the same as the header ("STRM" on the card).
-inline constexpr uint32_t kMarkerClosed = 0x4D525453;
-inline constexpr uint16_t kRecordVersion = 1;
+static_assert(kMarkerOpen == kHeaderOpenMarker);
 
 // Picture entry                                              off size
 inline constexpr uint32_t kEntryKeyOff = 0;       //  0  4  streamID of the recording's row
@@ -35,41 +30,8 @@ inline constexpr uint32_t kEntryFlagsOff = 28;    // 28  2
 inline constexpr uint32_t kEntryCrcOff = 30;      // 30  2  CRC-16 of bytes 0-29
 static_assert(kEntryCrcOff + 2 == kRecordSize);
 
-// Flags of an entry. The bits above them hold the checksum of the picture's bytes.
-inline constexpr uint16_t kEntryKeyPicture = 0x0001;
-// First picture of a session, or of what follows a gap. A recording whose first picture lacks it
-// continues the session's recording before it without a loss.
-inline constexpr uint16_t kEntryDiscontinuity = 0x0002;
 inline constexpr uint16_t kEntryFlagMask = kEntryKeyPicture | kEntryDiscontinuity;
 inline constexpr uint32_t kEntryChecksumShift = 2;
-
-struct StreamHeader {
-  uint32_t marker = kMarkerOpen;
-  uint32_t firstNumber = 0;
-  uint32_t dataOffset = 0;
-  uint32_t dataSize = 0;
-  uint32_t lastTime = 0;
-  uint32_t pictures = 0;
-  uint32_t gops = 0;
-  uint16_t version = kRecordVersion;
-};
-
-struct PictureEntry {
-  uint32_t key = 0;
-  uint32_t number = 0;
-  uint32_t dataOffset = 0;
-  uint32_t size = 0;
-  PictureTime presentation;
-  int32_t decodeOffsetUs = 0;
-  uint16_t flags = 0;
-  uint16_t checksum = 0;  // as pictureChecksum() makes it; 0: none, as on cards written before
-
-  bool isKey() const { return (flags & kEntryKeyPicture) != 0; }
-  bool isDiscontinuity() const { return (flags & kEntryDiscontinuity) != 0; }
-  PictureTime decodeTime() const {
-    return PictureTime::fromMicros(presentation.totalMicros() + decodeOffsetUs);
-  }
-};
 
 // What an entry keeps of the bytes of its picture as they lie in the stream chunk, time stamp unit
 // included: `crc` is their crc16(). 1 to 0x3FFF, never 0. Two different pictures of one size have

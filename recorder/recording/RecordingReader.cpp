@@ -10,6 +10,7 @@
 #include "fat/ChunkFiles.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/recording/AnnexB.h"
+#include "recorder/recording/RecordFormat.h"
 #include "recorder/recording/RecordingIndex.h"
 
 namespace tarn {

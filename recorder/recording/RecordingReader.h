@@ -6,7 +6,7 @@
 
 #include "base/Export.h"
 #include "db/DbRecords.h"
-#include "recorder/recording/RecordFormat.h"
+#include "recorder/recording/PictureEntry.h"
 
 namespace tarn {
 

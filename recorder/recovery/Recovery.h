@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "base/Export.h"
+#include "fat/ChunkFiles.h"
+#include "manager/ChunkRecords.h"
 #include "recorder/recovery/RecoveryReport.h"
 
 class CDbRestore;
@@ -13,6 +15,7 @@ class CDbRestore;
 namespace tarn {
 
 class FileLock;
+class StartUp;
 struct FuseFinding;
 
 // What a recorder runs first when it starts, before its management server: whatever happened to the

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "recorder/recovery/ManageFileRepair.h"
-#include "recorder/recovery/StartUp.h"
+#include "recorder/recovery/ManageRepair.h"
+#include "recorder/recovery/StartUpReport.h"
 
 namespace tarn {
 

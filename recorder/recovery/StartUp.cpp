@@ -5,8 +5,10 @@
 #include "base/Omission.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbRestore.h"
+#include "dblog/JournalFormat.h"
 #include "dblog/ReplayFailure.h"
 #include "recorder/card/NoThrow.h"
+#include "recorder/recovery/JournalSurvey.h"
 #include "recorder/rows/DatabaseSetup.h"
 #include "recorder/rows/JournalMessages.h"
 

@@ -1,35 +1,11 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "base/Export.h"
-#include "recorder/recovery/JournalSurvey.h"
+#include "recorder/recovery/StartUpReport.h"
 
 namespace tarn {
-
-// What a start-up did.
-struct StartUpReport {
-  // Steps in their order; a bit of `failed` for each that failed. Steps that rely on a failed one
-  // are not run and have no bit.
-  enum Step : uint32_t {
-    kEmptyDatabase = 0x01,
-    kEventReplay = 0x02,
-    kStreamReplay = 0x04,
-    kSurvey = 0x08,
-    kSeedKeys = 0x10,
-    kJournalManage = 0x20,
-    kRowCount = 0x40,
-  };
-  uint32_t failed = 0;
-  std::string error;  // what failed first, for a person; empty when all is well
-  JournalSurvey events;
-  JournalSurvey streams;
-  uint32_t eventRows = 0;  // rows that the rebuild brought back
-  uint32_t streamRows = 0;
-
-  bool ok() const { return failed == 0; }
-};
 
 // Brings the database back from the card's journal: an empty database, two equal copies of each
 // journal, their replay, as many rows as the journal has live keys, keys that go on behind the

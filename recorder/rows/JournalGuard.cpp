@@ -11,6 +11,7 @@
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
+#include "dblog/JournalFormat.h"
 #include "recorder/card/Source.h"
 #include "recorder/rows/JournalCopies.h"
 #include "recorder/rows/JournalMessages.h"

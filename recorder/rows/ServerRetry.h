@@ -6,21 +6,12 @@
 #include <cstdint>
 #include <ctime>
 
-#include "base/Export.h"
 #include "manager/CTARNManagerBase.h"
 #include "manager/RequestFormat.h"
 #include "mesg/RequestPatience.h"
+#include "recorder/rows/ServerPatience.h"
 
 namespace tarn {
-
-// How long a recorder puts up with a management server that does not answer: a restart takes less.
-inline constexpr int64_t kServerPatienceMs = 5000;
-
-// From now on this process waits for its server as long as it takes, until it is to end
-// (RequestPatience::hurry()).
-TARN_API void waitForServerForever(bool forever);
-// kServerPatienceMs, or what waitForServerForever() made of it.
-TARN_API int64_t serverPatienceMs();
 
 inline int64_t monotonicMs() {
   struct timespec now = {};

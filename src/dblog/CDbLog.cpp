@@ -14,6 +14,7 @@
 #include "chunk/ChunkMessages.h"
 #include "db/CApiDb.h"
 #include "dblog/DbLogMessages.h"
+#include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManager.h"
 

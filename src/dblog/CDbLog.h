@@ -6,8 +6,10 @@
 #include "base/Export.h"
 #include "base/Mutex.h"
 #include "db/DbRecords.h"
-#include "dblog/JournalFormat.h"
 
+namespace tarn {
+enum class JournalKind : uint8_t;
+}
 class CApiDb;
 class CTARNEndlessManager;
 class CTARNMirroredChunk;
@@ -16,7 +18,7 @@ class CTARNMirroredChunk;
 // EVENT and STREAM, patched in place by every later change of the row, so that the database (which
 // lives in memory) can be rebuilt after a power loss. Event records lie in journal chunks 0 and 1,
 // stream records in chunks 2 and 3, the second chunk of each pair being the mirror of the first.
-// dblog/JournalFormat.h has the records' bytes.
+// docs/format.md has the records' bytes.
 //
 // One instance per process. Every operation connects by itself, through the management server.
 // Failures return false (0) and log one line at LOG_ERR; nothing is retried. Operations may be

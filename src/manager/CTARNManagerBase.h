@@ -62,7 +62,7 @@ class TARN_API CTARNManagerBase {
   int deleteData(short chunk, unsigned long start, unsigned long size);
 
   // Operation beyond the basic ones: what the server answered to the last request, one of the
-  // results of manager/RequestFormat.h; kResultUnanswered when nothing came. It tells a server that
+  // results of manager/RequestResult.h; kResultUnanswered when nothing came. It tells a server that
   // refuses from one that is not there.
   uint32_t lastResult() const;
 

@@ -4,6 +4,7 @@
 
 #include "base/Endian.h"
 #include "manager/ChunkRecords.h"
+#include "manager/RequestResult.h"
 
 // The one message that travels between managers and the management server, in both directions:
 // 1024 bytes, 32-bit little-endian words. The answer is read over the request, so fields that the
@@ -30,14 +31,6 @@ enum RequestCode : uint32_t {
 // Area selector in arg1 or arg2.
 inline constexpr uint8_t kAreaPicture = 0;
 inline constexpr uint8_t kAreaStream = 1;
-
-// Values of result. Any value but 0 is a refusal; the greater ones say that nothing was decided,
-// and for which reason.
-inline constexpr uint32_t kResultDone = 0;
-inline constexpr uint32_t kResultRefused = 1;
-inline constexpr uint32_t kResultCard = 2;                  // the card could not be read or written
-inline constexpr uint32_t kResultDatabase = 3;              // the database is locked: ask again
-inline constexpr uint32_t kResultUnanswered = 0xFFFFFFFFu;  // as sent, so silence is no success
 
 //                                                              off size
 inline constexpr uint32_t kRequestCommandOff = 0;     //   0    4  RequestCode

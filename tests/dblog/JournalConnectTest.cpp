@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdarg>
 
+#include "dblog/JournalFormat.h"
 #include "dblog/JournalRig.h"
 
 namespace tarn_test {

@@ -1,3 +1,4 @@
+#include "dblog/JournalFormat.h"
 #include "dblog/JournalRig.h"
 
 namespace tarn_test {

@@ -1,5 +1,6 @@
 #include <functional>
 
+#include "dblog/JournalFormat.h"
 #include "dblog/JournalRig.h"
 
 namespace tarn_test {

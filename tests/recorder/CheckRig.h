@@ -17,6 +17,7 @@
 #include "recorder/card/CardInfo.h"
 #include "recorder/check/CardCheck.h"
 #include "recorder/log/LogWriter.h"
+#include "recorder/recording/RecordFormat.h"
 
 namespace tarn_test {
 

@@ -3,10 +3,12 @@
 
 #include <cstring>
 
+#include "dblog/JournalFormat.h"
 #include "fat/FatFormat.h"
 #include "recorder/CheckRig.h"
 #include "recorder/card/VolumeFormat.h"
 #include "recorder/check/CardCheck.h"
+#include "recorder/recording/RecordFormat.h"
 #include "recorder/recovery/Recovery.h"
 #include "support/IoFaults.h"
 #include "support/Pace.h"

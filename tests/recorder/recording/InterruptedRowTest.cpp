@@ -2,6 +2,7 @@
 
 #include "recorder/RecoveryRig.h"
 #include "recorder/check/CardCheck.h"
+#include "recorder/recording/RecordFormat.h"
 
 // What recovery makes of recordings that lost power, on cards that do not give everything or give
 // something else.

@@ -3,6 +3,7 @@
 #include "base/Endian.h"
 #include "recorder/RecorderRig.h"
 #include "recorder/recording/AnnexB.h"
+#include "recorder/recording/RecordFormat.h"
 #include "recorder/recording/RecordingReader.h"
 
 using namespace tarn_test;

@@ -1,3 +1,4 @@
+#include "dblog/JournalFormat.h"
 #include "dblog/JournalRig.h"
 #include "recorder/recovery/JournalSurvey.h"
 #include "recorder/recovery/StartUp.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "recorder/RecoveryRig.h"
+#include "recorder/recovery/ManageFileRepair.h"
 #include "support/Pace.h"
 
 namespace tarn_test {

@@ -1,4 +1,6 @@
+#include "dblog/JournalFormat.h"
 #include "dblog/JournalRig.h"
+#include "recorder/recovery/JournalSurvey.h"
 #include "recorder/recovery/StartUp.h"
 #include "recorder/rows/JournalGuard.h"
 

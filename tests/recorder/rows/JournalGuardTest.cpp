@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "dblog/CDbRestore.h"
+#include "dblog/JournalFormat.h"
 #include "dblog/JournalRig.h"
 #include "recorder/recovery/JournalSurvey.h"
 #include "recorder/rows/JournalGuard.h"

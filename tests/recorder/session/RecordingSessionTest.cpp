@@ -10,6 +10,7 @@
 #include "base/Wrap.h"
 #include "manager/CTARNStreamManager.h"
 #include "recorder/RecorderRig.h"
+#include "recorder/recording/RecordFormat.h"
 #include "recorder/session/RecordingMessages.h"
 #include "recorder/session/RecordingSession.h"
 #include "support/IoFaults.h"

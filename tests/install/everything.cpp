@@ -1,0 +1,59 @@
+// A program against all of the interface: it includes what is installed, and needs from the
+// libraries what an object of each public class needs. It has no card, so it only says who it is.
+#include "everything.h"
+
+#include <cstdio>
+
+template <class T>
+void make() {
+  T object{};
+  static_cast<void>(object);
+}
+
+// Never called: what matters is that it links.
+void makeAll() {
+  make<CFATAccess>();
+  make<CTARNChunkBase>();
+  make<CTARNStreamChunk>();
+  make<CTARNEndlessChunk>();
+  make<CTARNSyslogChunk>();
+  make<CTARNMirroredChunk>();
+  make<CTARNDBChunk>();
+  make<CTARNManagerBase>();
+  make<CTARNStreamManager>();
+  make<CTARNSyslogManager>();
+  CTARNEndlessManager journal(0, 0);
+  make<CTARNStreamManagerNative>();
+  CTARNEndlessManagerNative log(0);
+  make<CApiDb>();
+  make<CDbRestore>();
+  make<CApiTarnSyslogRead>();
+  make<tarn::RequestPatience>();
+  make<tarn::CardFormatter>();
+  make<tarn::CardInfo>();
+  make<tarn::CardLayout>();
+  make<tarn::CardRepair>();
+  make<tarn::CardCheck>();
+  make<tarn::RecordingSession>();
+  make<tarn::RecordingReader>();
+  make<tarn::LogWriter>();
+  make<tarn::Recovery>();
+  make<tarn::ManagementServer>();
+  CMesgServer server("", 0, 0);
+  CMesgClient client("", 0, 0);
+  CDbLog::getInstance()->finish();
+  tarn::waitForServerForever(true);
+  tarn::cardHoldings("");
+  tarn::parseLogLine("");
+#ifdef WITH_MEDIA
+  std::string error;
+  tarn::MediaInput::open(
+      "", 0, [] { return false; }, &error);
+  tarn::MediaOutput::create("", false, &error);
+#endif
+}
+
+int main(int argc, char**) {
+  if (argc > 1) makeAll();
+  std::puts(tarn_version());
+}
