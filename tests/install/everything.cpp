@@ -14,20 +14,20 @@ void make() {
 void makeAll() {
   make<CFATAccess>();
   make<CTARNChunkBase>();
-  make<CTARNStreamChunk>();
-  make<CTARNEndlessChunk>();
+  CTARNStreamChunk stream(0);
+  CTARNEndlessChunk ring(0);
   make<CTARNSyslogChunk>();
-  make<CTARNMirroredChunk>();
+  CTARNMirroredChunk mirrored(0);
   make<CTARNDBChunk>();
   make<CTARNManagerBase>();
-  make<CTARNStreamManager>();
-  make<CTARNSyslogManager>();
+  CTARNStreamManager streams(0);
+  CTARNSyslogManager logs(0);
   CTARNEndlessManager journal(0, 0);
   make<CTARNStreamManagerNative>();
   CTARNEndlessManagerNative log(0);
   make<CApiDb>();
   make<CDbRestore>();
-  make<CApiTarnSyslogRead>();
+  CApiTarnSyslogRead reader(0);
   make<tarn::RequestPatience>();
   make<tarn::CardFormatter>();
   make<tarn::CardInfo>();
@@ -40,7 +40,7 @@ void makeAll() {
   make<tarn::Recovery>();
   make<tarn::ManagementServer>();
   CMesgServer server("", 0, 0);
-  CMesgClient client("", 0, 0);
+  CMesgClient client("");
   CDbLog::getInstance()->finish();
   tarn::waitForServerForever(true);
   tarn::cardHoldings("");
