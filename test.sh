@@ -2,7 +2,8 @@
 # Installs what is missing, builds everything and runs all tests: a release build, one with the
 # address and undefined-behaviour sanitizers, the concurrent tests with the thread sanitizer, and a
 # build for 32-bit ARM, whose tests run through QEMU, under sanitizers too; what the two machines
-# make of a card is compared.
+# make of a card is compared. While the tests of one build run, the next is built: they wait more
+# than they work. The end says where the time went.
 #   ./test.sh            all of it, scripts/lint first
 #   ./test.sh PRESET...  only these of: release asan tsan armhf-asan, and fuzz, which is only run when
 #                        it is named: the fuzz targets, some seconds each
@@ -28,58 +29,123 @@ packages=("${build_packages[@]}" "${run_packages[@]}" "${test_packages[@]}" "${a
 [ $# -gt 0 ] || packages+=("${lint_packages[@]}")
 scripts/install-packages "${packages[@]}"
 
-[ $# -gt 0 ] || { step "Lint"; scripts/lint; }
-
-# Most tests start processes of their own and wait for them; on a busy machine one may lose patience
-# with another. What fails beside the others is run once more alone, and named.
-run_tests() {
-  local dir=$1
-  shift
-  ctest --test-dir "$dir" -j "$jobs" --output-on-failure --no-tests=error "$@" && return
-  echo "These failed beside the others and must pass alone:"
-  cat "$dir/Testing/Temporary/LastTestsFailed.log"
-  ctest --test-dir "$dir" --rerun-failed --output-on-failure --no-tests=error
+work=$(mktemp -d)
+testing=''  # process of the tests that run beside the next build
+finish() {
+  [ -z "$testing" ] || { kill -- "-$testing" && wait "$testing"; } 2>/dev/null || true
+  rm -rf "$work"
 }
+trap finish EXIT
+
+# timed NAME COMMAND...: notes the seconds it took, and the processors', in $work/NAME.
+timed() {
+  local TIMEFORMAT='%R %U %S' file=$work/$1 code=0
+  shift
+  { time { "$@" 2>&3 || code=$?; } } 3>&2 2>"$file"
+  return $code
+}
+
+[ $# -gt 0 ] || { step "Lint"; timed lint scripts/lint; }
 
 # Each build is tested in another time zone, one of them with half an hour of summer time.
 declare -A zones=([release]='LHST-10:30LHDT-11,M10.1.0,M4.1.0' [asan]='NST3:30NDT,M3.2.0,M11.1.0'
   [tsan]='UTC0' [armhf-asan]='XYZ-02:00')
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1
 export TSAN_OPTIONS=halt_on_error=1
+
+# Only what uses threads or several processes gains from the thread sanitizer.
+concurrent=(fat mesg chunk dblog recorder)
+# The tests of the libraries; the tool's own are about the tool, not about the machine.
+emulated=(base fat mesg db chunk manager dblog api recorder)
+
+build() {
+  local preset=$1 targets=() options=(-DTARN_TEST_OBJECTS=)
+  case "$preset" in
+    tsan) targets=(--target tarn-server dbsetup "${concurrent[@]/#/test_}") ;;
+    armhf-asan) targets=(--target tarn tarn-server dbsetup target_life "${emulated[@]/#/test_}") ;;
+  esac
+  # The tests' own code is compiled once for this machine.
+  if [[ $preset = [at]san && " ${presets[*]} " == *" release "* ]]; then
+    options=(-DTARN_TEST_OBJECTS="$PWD/build/release")
+  fi
+  cmake --preset "$preset" "${options[@]}" >/dev/null &&
+    nice cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
+}
+
+# More at a time than there are processors.
+run_tests() {
+  local preset=$1 select=()
+  case "$preset" in
+    fuzz) tests/fuzz/run --seconds 8; return ;;
+    tsan) select=(-L "^($(IFS='|'; echo "${concurrent[*]}"))\$") ;;
+    armhf-asan) select=(-LE '^programs$') ;;
+  esac
+  TZ=${zones[$preset]} ctest --test-dir "build/$preset" -j "$((3 * jobs))" --output-on-failure \
+    --no-tests=error "${select[@]}"
+}
+
+begin_tests() {
+  tested=$1
+  set -m
+  { timed "$tested.test" run_tests "$tested"; } >"$work/$tested.out" 2>&1 &
+  testing=$!
+  set +m
+}
+
+end_tests() {
+  [ -n "$testing" ] || return 0
+  step "Test $tested"
+  local code=0
+  wait "$testing" || code=$?
+  testing=''
+  cat "$work/$tested.out"
+  if [ "$tested" != fuzz ]; then
+    echo "Skipped of $tested, with the reason:"
+    grep -h '^SKIPPED ' "build/$tested/Testing/Temporary/LastTest.log" || echo "none"
+    [ "$tested" != armhf-asan ] || echo "The leak checker cannot run at all under the emulator."
+  fi
+  return $code
+}
+
+# A row of the table, of what one preset cost: wall and processor seconds.
+row() {
+  local preset=$1 log=build/$1/Testing/Temporary/LastTest.log cases='' build test
+  read -r -a build <"$work/$preset.build"
+  read -r -a test <"$work/$preset.test"
+  [ ! -e "$log" ] || cases=$(awk '/^[0-9]+ passed, [0-9]+ failed, [0-9]+ skipped$/ { passed += $1; skipped += $5 }
+    END { printf "%d, %d skipped", passed, skipped }' "$log")
+  printf '%-12s %6.0f %10.0f %8.0f %10.0f   %s\n' "$preset" "${build[0]}" \
+    "$(awk "BEGIN { print ${build[1]} + ${build[2]} }")" "${test[0]}" \
+    "$(awk "BEGIN { print ${test[1]} + ${test[2]} }")" "$cases"
+}
+
+where_the_time_went() {
+  local preset
+  printf '%-12s %6s %10s %8s %10s   %s\n' '' build processor tests processor 'test cases'
+  [ ! -e "$work/lint" ] || awk '{ printf "%-12s %6.0f %10.0f\n", "lint", $1, $2 + $3 }' "$work/lint"
+  for preset in "${presets[@]}"; do row "$preset"; done
+  echo "The longest test cases:"
+  for preset in "${presets[@]}"; do
+    sed -n "s/^passed \([^ ]*\) (\([0-9.]*\) s, processor \([0-9.]*\) s)\$/\2 s, processor \3 s: $preset \1/p" \
+      "build/$preset/Testing/Temporary/LastTest.log" 2>/dev/null || true
+  done | sort -rn | head -n 12
+}
+
 for preset in "${presets[@]}"; do
   step "Build $preset"
-  targets=() select=()
-  # Only what uses threads or several processes gains from the thread sanitizer.
-  if [ "$preset" = tsan ]; then
-    concurrent=(fat mesg chunk dblog recorder)
-    targets=(--target tarn-server dbsetup "${concurrent[@]/#/test_}")
-    select=(-L "^($(IFS='|'; echo "${concurrent[*]}"))\$"
-      # Long ones of a single thread.
-      -E '^recorder\.(CardCheck|RecoveryCut|LogWriterPowerCut|LogLayout)|^dblog\.ReplayFaults\.APassing')
-  fi
-  # The tests of the libraries; the tool's own are about the tool, not about the machine.
-  if [ "$preset" = armhf-asan ]; then
-    folders=(base fat mesg db chunk manager dblog api recorder)
-    targets=(--target tarn tarn-server dbsetup target_life "${folders[@]/#/test_}")
-    select=(-LE '^programs$')
-  fi
-  cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
-  step "Test $preset"
-  if [ "$preset" = fuzz ]; then
-    tests/fuzz/run --seconds 8
-    continue
-  fi
-  TZ=${zones[$preset]} run_tests "build/$preset" "${select[@]}"
-  if [ "$preset" = armhf-asan ]; then
-    echo "Skipped under the emulator, with the reason (its leak checker cannot run at all):"
-    grep -h '^SKIPPED ' build/armhf-asan/Testing/Temporary/LastTest.log || echo "none"
-    step "The same card on both machines"
-    if [ -x build/release/bin/target_life ]; then
-      tests/target/run "$PWD" build/release build/armhf-asan
-    else
-      echo "skipped: no release build to compare with"
-    fi
-  fi
+  timed "$preset.build" build "$preset"
+  end_tests
+  begin_tests "$preset"
 done
+end_tests
+if [[ " ${presets[*]} " == *" armhf-asan "* ]]; then
+  step "The same card on both machines"
+  if [ -x build/release/bin/target_life ]; then
+    tests/target/run "$PWD" build/release build/armhf-asan
+  else
+    echo "skipped: no release build to compare with"
+  fi
+fi
+step "Where the time went, in seconds (tests run beside the build below them)"
+where_the_time_went
 step "All passed"

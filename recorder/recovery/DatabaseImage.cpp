@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 #include "base/Crc32.h"
@@ -208,14 +209,10 @@ bool writeSeal(const ImageSeal& seal, std::string* error) {
          unusable(error, kNoRoomForImage);
 }
 
-// The bytes on the card are those of the seal.
-bool isSaved(const ImageSeal& seal) {
+// The image's bytes on the card are those of the seal.
+bool holdsBytesOf(const ImageSeal& seal) {
   forgetCachedCard();
   ChunkSource chunk(kFileDbImage, 0, O_RDONLY);
-  uint8_t size[kImageDataOff];
-  if (chunk.read(0, size, sizeof size) != Delivery::kGood || getLe32(size) != seal.length) {
-    return false;
-  }
   std::vector<uint8_t> block(kBlockBytes);
   uint32_t checksum = 0;
   for (uint32_t done = 0; done < seal.length;) {
@@ -227,9 +224,37 @@ bool isSaved(const ImageSeal& seal) {
   return checksum == seal.checksum;
 }
 
+bool isSaved(const ImageSeal& seal) {
+  if (!holdsBytesOf(seal)) return false;
+  ChunkSource chunk(kFileDbImage, 0, O_RDONLY);
+  uint8_t size[kImageDataOff];
+  return chunk.read(0, size, sizeof size) == Delivery::kGood && getLe32(size) == seal.length;
+}
+
+bool isSealOnCard(const ImageSeal& seal) {
+  ChunkSource chunk(kFileDbImage, 0, O_RDONLY);
+  if (chunk.size() < kImageSealRoom + kImageDataOff) return false;
+  uint8_t expected[kImageSealSize];
+  uint8_t found[kImageSealSize];
+  encodeImageSeal(seal, expected);
+  return chunk.read(sealPlace(chunk), found, sizeof found) == Delivery::kGood &&
+         memcmp(found, expected, sizeof found) == 0;
+}
+
+// After a run that changed nothing, the image that it started from still lies there, marked empty:
+// its size is all there is to write, and where no data was written none needs time to settle.
+bool announceAgain(const ImageSeal& seal) {
+  if (!isSealOnCard(seal) || !holdsBytesOf(seal)) return false;
+  ChunkSource chunk(kFileDbImage, 0, O_RDWR);
+  uint8_t size[kImageDataOff];
+  putLe32(size, seal.length);
+  return chunk.write(0, size, sizeof size) && chunk.flush() && isSaved(seal);
+}
+
 bool save(CTARNDBChunk* chunk, std::string* error) {
   ImageSeal seal;
   if (!makeSeal(&seal, error)) return false;
+  if (announceAgain(seal)) return true;
   if (!omitted(Omit::kImageSeal) && !writeSeal(seal, error)) return false;
   if (chunk->copyIn(DatabaseSetup::defaultPath()) != 0) return unusable(error, kNoRoomForImage);
   return isSaved(seal) || unusable(error, "the saved database image is not what was saved");

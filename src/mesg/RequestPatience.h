@@ -45,7 +45,7 @@ class TARN_API RequestPatience {
  private:
   void shorten(int64_t now);
 
-  int64_t end_;  // monotonic, milliseconds
+  int64_t end_;  // monotonic, microseconds
   bool shortened_ = false;
 };
 

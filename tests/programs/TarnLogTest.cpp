@@ -69,7 +69,7 @@ TEST_F(TarnLogTest, SinceLeavesOutWhatIsOlder) {
 
 TEST_F(TarnLogTest, FollowShowsWhatIsAddedUntilItIsStopped) {
   const ShellResult shown = inView(
-      "echo first | $T log --write; $T log -f >/tmp/seen & pid=$!; "
+      ": >/tmp/seen; echo first | $T log --write; $T log -f >/tmp/seen & pid=$!; "
       "while ! grep -q first /tmp/seen; do sleep 0.02; done; "
       "echo second | $T log --write; "
       "while ! grep -q second /tmp/seen; do sleep 0.02; done; "
@@ -79,7 +79,7 @@ TEST_F(TarnLogTest, FollowShowsWhatIsAddedUntilItIsStopped) {
 
 TEST_F(TarnLogTest, FollowGoesOnAcrossAChangeOfChunk) {
   const ShellResult shown = inView(
-      "echo first | $T log --write; $T log -f >/tmp/seen & pid=$!; "
+      ": >/tmp/seen; echo first | $T log --write; $T log -f >/tmp/seen & pid=$!; "
       "seq 1 1400 | sed s/$/-----------------------------------------------/ | $T log --write; "
       "while ! grep -q 1400- /tmp/seen; do sleep 0.02; done; kill $pid; wait $pid; "
       "wc -l </tmp/seen");

@@ -45,7 +45,8 @@ TEST_F(TarnRecoverTest, TellsInJsonWhatItFoundAndDid) {
 TEST_F(TarnRecoverTest, ACleanEndLeavesAnImageForTheNextStartAlone) {
   EXPECT_EQ(tarn("--card /tmp/card recover").output,
             "0 recordings and 0 events, from the journal\n");
-  ASSERT_EQ(tarn("--card /tmp/card run -- true").exitCode, 0);
+  const ShellResult run = tarn("--card /tmp/card run -- true");
+  ASSERT_EQ(run.exitCode, 0) << run.output;
   EXPECT_EQ(tarn("--card /tmp/card recover").output,
             "0 recordings and 0 events, from the database image\n");
   EXPECT_EQ(tarn("--card /tmp/card recover").output,

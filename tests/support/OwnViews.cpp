@@ -1,35 +1,43 @@
-// main() of the test programs where starting a program costs much, as it does under an emulator:
-// one process runs all tests, each in a child of its own with a recorder's view of its own, made
-// anew inside the view that the program was started in: empty /tmp, a /dev without a card, and
-// System V IPC. Needs root there, as in a user namespace.
-//   test_FOLDER [--part N/OF] [--not-here FILE] [--gtest_filter=…]
-// FILE names tests that cannot run here, "Suite.Test reason" a line.
+// main() of the test programs: one process runs many tests, each in a child of its own with a
+// recorder's view of its own, made anew inside the view that the program was started in: its own
+// processes, empty /tmp, a /dev without a card, /usr/local/bin as it was, and System V IPC.
+// Starting a program for each test would cost more than most tests do, most of all under an
+// emulator. Needs root there, as in a user namespace.
+//   test_FOLDER --own-views [--file FooTest.cpp] [--not-here FILE] [--warm-up TEST]
+//               [--gtest_filter=…]
+// Takes the tests that the file defines. FILE names tests that cannot run here, a pattern and the
+// reason a line. TEST is run once before them, in the process that forks the others. Without
+// --own-views it is an ordinary test program, for the debugger.
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
+
+#include "support/Shortcuts.h"
 
 namespace {
 
 constexpr int kSkippedStatus = 77;
 constexpr unsigned kTestSeconds = 300;
-constexpr long kSlowSeconds = 10;  // tests that take longer are named with their time
 
 void need(bool good, const char* what) {
   if (good) return;
@@ -54,28 +62,40 @@ void newDev() {
     bindMount("/dev/" + name, "/tmp/.dev/" + name);
   }
   need(symlink("/proc/self/fd", "/tmp/.dev/fd") == 0, "/dev/fd");
+  need(mkdir("/tmp/.dev/pts", 0755) == 0, "/dev/pts");
+  if (access("/dev/pts/ptmx", F_OK) == 0) bindMount("/dev/pts", "/tmp/.dev/pts");
+  need(symlink("pts/ptmx", "/tmp/.dev/ptmx") == 0, "/dev/ptmx");
   need(mkdir("/tmp/.dev/shm", 01777) == 0, "/dev/shm");
   need(mount("/tmp/.dev", "/dev", nullptr, MS_MOVE, nullptr) == 0, "/dev");
   need(rmdir("/tmp/.dev") == 0, "/tmp/.dev");
 }
 
-// What the outer view shows below /tmp is a tree that lies there, and stays in sight.
-void newTmp() {
-  newTmpfs("/tmp/.own");
-  for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+// A new folder in an old one's place, with what the outer view shows there: a tree that lies below
+// /tmp, programs in /usr/local/bin.
+void renew(const std::string& place) {
+  const std::string fresh = place + "/.own";
+  newTmpfs(fresh.c_str());
+  for (const auto& entry : std::filesystem::directory_iterator(place)) {
     const std::string name = entry.path().filename();
     if (name == ".own") continue;
-    need(mkdir(("/tmp/.own/" + name).c_str(), 0755) == 0, name.c_str());
-    bindMount("/tmp/" + name, "/tmp/.own/" + name);
+    const std::string end = fresh + "/" + name;
+    if (entry.is_directory()) {
+      need(mkdir(end.c_str(), 0755) == 0, end.c_str());
+    } else {
+      close(open(end.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0755));
+    }
+    bindMount(entry.path(), end);
   }
-  need(mount("/tmp/.own", "/tmp", nullptr, MS_MOVE, nullptr) == 0, "/tmp");
+  need(mount(fresh.c_str(), place.c_str(), nullptr, MS_MOVE, nullptr) == 0, place.c_str());
 }
 
 void enterOwnView() {
   need(unshare(CLONE_NEWNS | CLONE_NEWIPC) == 0, "unshare");
   need(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "/");
+  need(mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0, "/proc");
   newDev();
-  newTmp();
+  renew("/tmp");
+  if (access("/usr/local/bin/dbsetup", F_OK) == 0) renew("/usr/local/bin");
 }
 
 // As on a board, the last gigabyte of the addresses is not the program's. The emulator gives it
@@ -92,13 +112,33 @@ void leaveKernelItsGigabyte() {
 #endif
 }
 
-int runOne(const std::string& name) {
-  enterOwnView();
+// The test's own process. It ends by exit(), which is when leaks are looked for.
+[[noreturn]] void runOne(const std::string& name) {
   alarm(kTestSeconds);
   GTEST_FLAG_SET(filter, name);
   const int failed = RUN_ALL_TESTS();
-  if (failed != 0) return 1;
-  return testing::UnitTest::GetInstance()->skipped_test_count() > 0 ? kSkippedStatus : 0;
+  const bool skipped = testing::UnitTest::GetInstance()->skipped_test_count() > 0;
+  exit(failed != 0 ? 1 : skipped ? kSkippedStatus : 0);
+}
+
+// The first of a test's processes, with whose end all others are ended, however the test ended.
+[[noreturn]] void keepView(const std::string& name) {
+  enterOwnView();
+  const pid_t test = fork();
+  if (test == 0) runOne(name);
+  int status = 0;
+  for (pid_t ended = 0; ended != test;) ended = wait(&status);
+  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+}
+
+// A fork whose child is the first process of a world of its own.
+pid_t forkApart() {
+  const int ownWorld = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
+  need(ownWorld >= 0 && unshare(CLONE_NEWPID) == 0, "unshare of processes");
+  const pid_t child = fork();
+  if (child != 0) need(setns(ownWorld, CLONE_NEWPID) == 0, "setns");
+  close(ownWorld);
+  return child;
 }
 
 struct Totals {
@@ -124,86 +164,138 @@ std::string skipReason(const std::string& output) {
   return reason;
 }
 
-long secondsNow() {
-  struct timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec;
+double seconds(const struct timeval& time) {
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+// What became of a test, with the seconds it took and the processor's among them.
+void report(const std::string& name, const std::string& output, int status, Totals* totals) {
+  if (status == 0) {
+    ++totals->passed;
+    printf("passed %s", name.c_str());
+  } else if (status == kSkippedStatus) {
+    ++totals->skipped;
+    printf("SKIPPED %s: %s", name.c_str(), skipReason(output).c_str());
+  } else {
+    ++totals->failed;
+    printf("%s\nFAILED %s (status %d)", output.c_str(), name.c_str(), status);
+  }
 }
 
 void runInChild(const std::string& name, Totals* totals) {
   FILE* output = tmpfile();
   fflush(nullptr);
-  const long begin = secondsNow();
-  const pid_t child = fork();
+  const auto begin = std::chrono::steady_clock::now();
+  const pid_t child = forkApart();
   if (child == 0) {
     dup2(fileno(output), STDOUT_FILENO);
     dup2(fileno(output), STDERR_FILENO);
-    const int result = runOne(name);
-    fflush(nullptr);
-    _exit(result);
+    keepView(name);
   }
   int status = 0;
-  waitpid(child, &status, 0);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-    ++totals->passed;
-  } else if (WIFEXITED(status) && WEXITSTATUS(status) == kSkippedStatus) {
-    ++totals->skipped;
-    printf("SKIPPED %s: %s\n", name.c_str(), skipReason(textOf(output)).c_str());
-  } else {
-    ++totals->failed;
-    printf("%s\nFAILED %s (status %d)\n", textOf(output).c_str(), name.c_str(), status);
-  }
+  struct rusage used = {};
+  wait4(child, &status, 0, &used);
+  report(name, textOf(output), WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+         totals);
   fclose(output);
-  if (const long took = secondsNow() - begin; took >= kSlowSeconds) {
-    printf("%ld s: %s\n", took, name.c_str());
-  }
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+  printf(" (%.2f s, processor %.2f s)\n", took.count(),
+         seconds(used.ru_utime) + seconds(used.ru_stime));
 }
 
-std::map<std::string, std::string> readList(const char* path) {
-  std::map<std::string, std::string> list;
+// Patterns of names, each with a reason.
+using Reasons = std::vector<std::pair<std::string, std::string>>;
+
+Reasons readReasons(const char* path) {
+  Reasons reasons;
   std::ifstream in(path);
   for (std::string line; std::getline(in, line);) {
     const size_t blank = line.find(' ');
     if (!line.empty() && line[0] != '#' && blank != std::string::npos) {
-      list[line.substr(0, blank)] = line.substr(blank + 1);
+      reasons.emplace_back(line.substr(0, blank), line.substr(blank + 1));
     }
   }
-  return list;
+  return reasons;
 }
 
-std::vector<std::string> testNames() {
+const std::string* reasonFor(const std::string& name, const Reasons& reasons) {
+  for (const auto& [pattern, reason] : reasons) {
+    if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0) return &reason;
+  }
+  return nullptr;
+}
+
+bool matchesOneOf(const std::string& name, const std::string& patterns) {
+  for (size_t begin = 0, end; begin <= patterns.size(); begin = end + 1) {
+    end = std::min(patterns.find(':', begin), patterns.size());
+    if (fnmatch(patterns.substr(begin, end - begin).c_str(), name.c_str(), 0) == 0) return true;
+  }
+  return false;
+}
+
+// As GoogleTest reads its filter: patterns to take, and behind a "-" those to leave out.
+bool isAskedFor(const std::string& name, const std::string& filter) {
+  const size_t dash = filter.find('-');
+  const std::string take = filter.substr(0, dash);
+  return (take.empty() || matchesOneOf(name, take)) &&
+         (dash == std::string::npos || !matchesOneOf(name, filter.substr(dash + 1)));
+}
+
+std::string fileName(const char* path) { return std::filesystem::path(path).filename(); }
+
+// A test that a header defines would belong to no file that is asked for.
+void needSourceOf(const testing::TestInfo& test) {
+  const std::string file = fileName(test.file());
+  if (file.size() > 8 && file.compare(file.size() - 8, 8, "Test.cpp") == 0) return;
+  printf("%s is defined in %s, not in a …Test.cpp\n", test.name(), file.c_str());
+  exit(1);
+}
+
+// Those of the file, or all for an empty one.
+std::vector<std::string> testNames(const std::string& file) {
   std::vector<std::string> names;
+  const std::string filter = GTEST_FLAG_GET(filter);
   const testing::UnitTest& all = *testing::UnitTest::GetInstance();
   for (int s = 0; s < all.total_test_suite_count(); ++s) {
     const testing::TestSuite& suite = *all.GetTestSuite(s);
     for (int t = 0; t < suite.total_test_count(); ++t) {
-      names.push_back(std::string(suite.name()) + "." + suite.GetTestInfo(t)->name());
+      const testing::TestInfo& test = *suite.GetTestInfo(t);
+      needSourceOf(test);
+      const std::string name = std::string(suite.name()) + "." + test.name();
+      if (!file.empty() && fileName(test.file()) != file) continue;
+      if (isAskedFor(name, filter)) names.push_back(name);
     }
   }
   return names;
 }
 
-}  // namespace
+// An emulator keeps the code that it has translated, and hands it on to the children: half of a
+// short test's time is translation. The first thread makes it forget all of it once. What the test
+// says does not count, it has its turn in a view of its own later.
+void warmUp(const std::string& name) {
+  std::thread([] {}).join();
+  const int outside = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
+  const int sameIpc = open("/proc/self/ns/ipc", O_RDONLY | O_CLOEXEC);
+  enterOwnView();
+  const int output = dup(STDOUT_FILENO);
+  const int none = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  dup2(none, STDOUT_FILENO);
+  const std::string filter = GTEST_FLAG_GET(filter);
+  GTEST_FLAG_SET(filter, name);
+  static_cast<void>(RUN_ALL_TESTS());
+  GTEST_FLAG_SET(filter, filter);
+  fflush(stdout);
+  dup2(output, STDOUT_FILENO);
+  need(setns(outside, CLONE_NEWNS) == 0 && setns(sameIpc, CLONE_NEWIPC) == 0, "setns back");
+  for (const int fd : {outside, sameIpc, output, none}) close(fd);
+}
 
-int main(int argc, char** argv) {
-  leaveKernelItsGigabyte();
-  testing::InitGoogleTest(&argc, argv);
-  unsigned part = 0;
-  unsigned parts = 1;
-  std::map<std::string, std::string> notHere;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    if (strcmp(argv[i], "--part") == 0 && sscanf(argv[i + 1], "%u/%u", &part, &parts) != 2)
-      return 2;
-    if (strcmp(argv[i], "--not-here") == 0) notHere = readList(argv[i + 1]);
-  }
-  // A chosen test, or the list for CTest.
-  if (argc == 1) return RUN_ALL_TESTS();
+int runAll(const std::string& file, const Reasons& notHere) {
+  if (tarn_test::prepareShortcuts != nullptr) tarn_test::prepareShortcuts();
   Totals totals;
-  unsigned number = 0;
-  for (const std::string& name : testNames()) {
-    if (number++ % parts != part) continue;
-    if (const auto found = notHere.find(name); found != notHere.end()) {
-      printf("SKIPPED %s: %s\n", name.c_str(), found->second.c_str());
+  for (const std::string& name : testNames(file)) {
+    if (const std::string* reason = reasonFor(name, notHere); reason != nullptr) {
+      printf("SKIPPED %s: %s\n", name.c_str(), reason->c_str());
       ++totals.skipped;
       continue;
     }
@@ -211,4 +303,22 @@ int main(int argc, char** argv) {
   }
   printf("%d passed, %d failed, %d skipped\n", totals.passed, totals.failed, totals.skipped);
   return totals.failed == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  leaveKernelItsGigabyte();
+  testing::InitGoogleTest(&argc, argv);
+  if (argc < 2 || strcmp(argv[1], "--own-views") != 0) return RUN_ALL_TESTS();
+  std::string file;
+  std::string warm;
+  Reasons notHere;
+  for (int i = 2; i + 1 < argc; i += 2) {
+    if (strcmp(argv[i], "--file") == 0) file = argv[i + 1];
+    if (strcmp(argv[i], "--not-here") == 0) notHere = readReasons(argv[i + 1]);
+    if (strcmp(argv[i], "--warm-up") == 0) warm = argv[i + 1];
+  }
+  if (!warm.empty()) warmUp(warm);
+  return runAll(file, notHere);
 }

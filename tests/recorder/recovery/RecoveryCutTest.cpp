@@ -211,6 +211,39 @@ TEST_F(DatabaseImageTest, ACleanStopIsFollowedByAStartWithoutAReplay) {
   EXPECT_EQ(verifyAll(), range(0, 40));
 }
 
+// What lists or exports recordings changes nothing, and need not wear the card, or wait for it.
+TEST_F(DatabaseImageTest, AfterARunThatChangedNothingOnlyItsSizeIsWritten) {
+  rig.record(0, 40);
+  stopCleanly();
+  const Bytes image = rig.card.readChunk(tarn::kFileDbImage, 0, 0, kMiB);
+  ASSERT_TRUE(rig.boot().fromImage);
+  ASSERT_EQ(imageSize(), 0);
+  const uint64_t begin = rig.card.chunkStart(tarn::kFileDbImage, 0);
+  {
+    const IoFaults counted(kCardPath);
+    stopCleanly();
+    for (const WriteRecord& write : counted.writes()) {
+      EXPECT_EQ(write.offset, static_cast<int64_t>(begin));
+      EXPECT_LE(write.length, 512u);
+    }
+    EXPECT_GE(counted.count(Call::Fsync), 1u);
+  }
+  EXPECT_EQ(rig.card.readChunk(tarn::kFileDbImage, 0, 0, kMiB), image);
+  EXPECT_TRUE(rig.boot().fromImage);
+  EXPECT_EQ(verifyAll(), range(0, 40));
+}
+
+// Nor is what lies there taken for what was saved, because its seal says so.
+TEST_F(DatabaseImageTest, ADamagedOneIsNotAnnouncedAgain) {
+  rig.record(0, 40);
+  stopCleanly();
+  ASSERT_TRUE(rig.boot().fromImage);
+  rig.card.fill(rig.card.chunkStart(tarn::kFileDbImage, 0) + 4 + 100, 64, 0x5A);
+  stopCleanly();
+  EXPECT_TRUE(rig.boot().fromImage);
+  EXPECT_EQ(verifyAll(), range(0, 40));
+}
+
 TEST_F(DatabaseImageTest, IsNotSavedWhileARecordingRunsOrAServerDoes) {
   std::string error;
   tarn::RecordingSession session;

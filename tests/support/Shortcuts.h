@@ -1,0 +1,9 @@
+#pragma once
+
+namespace tarn_test {
+
+// Makes what all tests of a process use, before the first of them is forked. Test programs that are
+// linked without Shortcuts.cpp have none.
+__attribute__((weak)) void prepareShortcuts();
+
+}  // namespace tarn_test
