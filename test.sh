@@ -104,19 +104,23 @@ end_tests() {
     grep -h '^SKIPPED ' "build/$tested/Testing/Temporary/LastTest.log" || echo "none"
     [ "$tested" != armhf-asan ] || echo "The leak checker cannot run at all under the emulator."
   fi
+  [ $code = 0 ] || echo "Tests of $tested failed."
   return $code
 }
 
-# A row of the table, of what one preset cost: wall and processor seconds.
+# A row of the table: wall and processor seconds of a preset's build, of its tests, and what the test
+# cases used of the processors (what runs apart is not counted by who started it).
 row() {
-  local preset=$1 log=build/$1/Testing/Temporary/LastTest.log cases='' build test
+  local preset=$1 log=build/$1/Testing/Temporary/LastTest.log build test
   read -r -a build <"$work/$preset.build"
   read -r -a test <"$work/$preset.test"
-  [ ! -e "$log" ] || cases=$(awk '/^[0-9]+ passed, [0-9]+ failed, [0-9]+ skipped$/ { passed += $1; skipped += $5 }
-    END { printf "%d, %d skipped", passed, skipped }' "$log")
-  printf '%-12s %6.0f %10.0f %8.0f %10.0f   %s\n' "$preset" "${build[0]}" \
-    "$(awk "BEGIN { print ${build[1]} + ${build[2]} }")" "${test[0]}" \
-    "$(awk "BEGIN { print ${test[1]} + ${test[2]} }")" "$cases"
+  [ -e "$log" ] || log=/dev/null
+  awk -v name="$preset" -v wall="${build[0]}" -v used="$(awk "BEGIN { print ${build[1]} + ${build[2]} }")" \
+    -v tests="${test[0]}" '
+    match($0, /, processor [0-9.]+ s\)$/) { processor += substr($0, RSTART + 12) }
+    /^[0-9]+ passed, [0-9]+ failed, [0-9]+ skipped$/ { passed += $1; skipped += $5 }
+    END { printf "%-12s %6.0f %10.0f %8.0f %10.0f   %d passed, %d skipped\n", name, wall, used, tests, processor, passed, skipped }
+    ' "$log"
 }
 
 where_the_time_went() {
