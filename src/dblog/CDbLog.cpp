@@ -1,7 +1,6 @@
 #include "dblog/CDbLog.h"
 
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <syslog.h>
 
 #include <cstdio>
@@ -15,32 +14,20 @@
 #include "db/CApiDb.h"
 #include "dblog/DbLogMessages.h"
 #include "dblog/JournalFormat.h"
+#include "dblog/JournalOperation.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManager.h"
 
-using tarn::JournalKind;
-using tarn::JournalTraits;
-using tarn::journalTraits;
-using tarn::low32;
+using namespace tarn;
 
 namespace {
 
-constexpr char kDatabasePath[] = "/tmp/DB.dat";
-constexpr char kSqlSearchEvent[] = "SELECT backOffset FROM EVENT WHERE eventID = %lu";
-constexpr char kSqlSearchStream[] = "SELECT backOffset FROM STREAM WHERE streamID = %lu";
-constexpr size_t kSqlRoom = 128;
-
-constexpr unsigned long kNoRecord = 0xFFFFFFFF;
 constexpr unsigned long kNoRecordBit = 0x80000000;
 constexpr size_t kProcessNameRoom = 24;
 
 // What an update writes of a mask: never the key, never backOffset.
 constexpr DB_EVENT_REG_BIT kEventPatchable = kEventRegUpdatable & ~kEventRegBackOffset;
 constexpr DB_STREAM_REG_BIT kStreamPatchable = kStreamRegUpdatable & ~kStreamRegBackOffset;
-
-constexpr uint32_t kRecmanOnly = 0x1;  // bit n: process mode n
-constexpr uint32_t kRecmanOrMenu = 0x5;
-constexpr uint32_t kAnyValid = 0x7;
 
 // Of the calling thread: one instance serves all threads, and each asks about its own change.
 thread_local bool t_lastChangeOnCard = false;
@@ -70,76 +57,6 @@ void patchStream(DB_STREAM_REG_BIT mask, const DB_STREAM& from, DB_STREAM* to) {
 }
 
 }  // namespace
-
-struct CDbLog::Operation {
-  JournalKind kind;
-  const char* name;
-  uint32_t modes;
-  const char* refusal;
-  const char* writeError;
-  const char* readError;
-  const char* seekError;
-  const char* noRecord;
-
-  static const Operation insertEvent, updateEvent, deleteEvent, eventOffset;
-  static const Operation insertStream, updateStream, deleteStream, streamOffset;
-  static const Operation clear, correct;
-};
-
-using namespace tarn;  // the messages below
-
-const CDbLog::Operation CDbLog::Operation::insertEvent = {
-    JournalKind::kEvent,  "insertEvent", kRecmanOnly, kMsgInsertEventRefused,
-    kMsgInsertEventWrite, nullptr,       nullptr,     nullptr};
-const CDbLog::Operation CDbLog::Operation::insertStream = {
-    JournalKind::kStream,  "insertStream", kAnyValid, kMsgInsertStreamRefused,
-    kMsgInsertStreamWrite, nullptr,        nullptr,   nullptr};
-const CDbLog::Operation CDbLog::Operation::updateEvent = {
-    JournalKind::kEvent,  "updateEvent",       kRecmanOrMenu,       kMsgUpdateEventRefused,
-    kMsgUpdateEventWrite, kMsgUpdateEventRead, kMsgUpdateEventSeek, kMsgUpdateEventNoRecord};
-const CDbLog::Operation CDbLog::Operation::updateStream = {
-    JournalKind::kStream,    "updateStream",          kAnyValid,
-    kMsgUpdateStreamRefused, kMsgUpdateStreamWrite,   kMsgUpdateStreamRead,
-    kMsgUpdateStreamSeek,    kMsgUpdateStreamNoRecord};
-const CDbLog::Operation CDbLog::Operation::deleteEvent = {
-    JournalKind::kEvent,  "deleteEvent",       kRecmanOrMenu,       kMsgDeleteEventRefused,
-    kMsgDeleteEventWrite, kMsgDeleteEventRead, kMsgDeleteEventSeek, kMsgDeleteEventNoRecord};
-const CDbLog::Operation CDbLog::Operation::deleteStream = {
-    JournalKind::kStream,  "deleteStream",       kRecmanOnly,          kMsgDeleteStreamRefused,
-    kMsgDeleteStreamWrite, kMsgDeleteStreamRead, kMsgDeleteStreamSeek, kMsgDeleteStreamNoRecord};
-const CDbLog::Operation CDbLog::Operation::eventOffset = {JournalKind::kEvent,
-                                                          "getEventLogBackOffset",
-                                                          kRecmanOnly,
-                                                          kMsgEventOffsetRefused,
-                                                          nullptr,
-                                                          nullptr,
-                                                          nullptr,
-                                                          nullptr};
-const CDbLog::Operation CDbLog::Operation::streamOffset = {JournalKind::kStream,
-                                                           "getStreamLogBackOffset",
-                                                           kAnyValid,
-                                                           kMsgStreamOffsetRefused,
-                                                           nullptr,
-                                                           nullptr,
-                                                           nullptr,
-                                                           nullptr};
-const CDbLog::Operation CDbLog::Operation::clear = {JournalKind::kEvent,
-                                                    "clearDbLogFreeAddr",
-                                                    kRecmanOnly,
-                                                    kMsgClearRefused,
-                                                    nullptr,
-                                                    nullptr,
-                                                    nullptr,
-                                                    nullptr};
-
-const CDbLog::Operation CDbLog::Operation::correct = {JournalKind::kEvent,
-                                                      "correctFreeOffset",
-                                                      kAnyValid,
-                                                      kMsgCorrectRefused,
-                                                      nullptr,
-                                                      nullptr,
-                                                      nullptr,
-                                                      nullptr};
 
 CDbLog* CDbLog::getInstance() {
   static CDbLog instance;
@@ -231,7 +148,7 @@ bool CDbLog::admitLocked(const Operation& operation) {
     syslog(LOG_ERR, kMsgJournalConnectError, operation.name);
     return false;
   }
-  if (m_processMode < 0 || ((operation.modes >> m_processMode) & 1) == 0) {
+  if (!operation.allows(m_processMode)) {
     syslog(LOG_ERR, "%s", operation.refusal);
     return false;
   }
@@ -243,7 +160,7 @@ bool CDbLog::admitLocked(const Operation& operation) {
 // Under the lock although it waits for the card: another thread's write would use the same chunks,
 // and its requests the same connection to the server.
 void CDbLog::flushLocked() {
-  if (tarn::omitted(tarn::Omit::kMirrorFlush)) return;
+  if (omitted(Omit::kMirrorFlush)) return;
   if (m_streamJournal != nullptr) m_streamJournal->fSync();
   if (m_eventJournal != nullptr) m_eventJournal->fSync();
 }
@@ -261,7 +178,7 @@ bool CDbLog::lastChangeOnCard() { return t_lastChangeOnCard; }
 // have taken the news with it. The original was flushed before the mirror was touched, and the
 // other journal has nothing new unless its last flush failed: their devices are left alone.
 void CDbLog::settleLocked(JournalKind kind, bool save) {
-  if (!tarn::omitted(tarn::Omit::kMirrorFlush)) {
+  if (!omitted(Omit::kMirrorFlush)) {
     settleJournalLocked(JournalKind::kStream, kind);
     settleJournalLocked(JournalKind::kEvent, kind);
   }
@@ -296,90 +213,6 @@ int CDbLog::finish() {
   const MutexLock lock(m_searchLock);
   m_searchDb.reset();
   return 0;
-}
-
-// --- Offsets ---
-
-unsigned long CDbLog::nextOffset(const Operation& operation) {
-  const MutexLock lock(m_lock);
-  return admitLocked(operation) ? slotLocked(operation.kind)->getFreeAddr() : 0;
-}
-
-unsigned long CDbLog::getEventLogBackOffset() { return nextOffset(Operation::eventOffset); }
-
-unsigned long CDbLog::getStreamLogBackOffset() { return nextOffset(Operation::streamOffset); }
-
-bool CDbLog::clearDbLogFreeAddr() {
-  const MutexLock lock(m_lock);
-  if (!admitLocked(Operation::clear)) return false;
-  const int chunks = m_manager->getNumChunk();
-  for (int chunk = 0; chunk < chunks; ++chunk) {
-    m_manager->setUseOffset(static_cast<short>(chunk), 0);
-    m_manager->setFreeOffset(static_cast<short>(chunk), 0);
-  }
-  m_manager->saveManageData();
-  m_streamJournal->initFreeAddr();
-  m_eventJournal->initFreeAddr();
-  return true;
-}
-
-int CDbLog::correctFreeOffset(JournalKind kind, unsigned long offset) {
-  const MutexLock lock(m_lock);
-  if (!admitLocked(Operation::correct)) return -1;
-  CTARNMirroredChunk& journal = *slotLocked(kind);
-  if (!isJournalPlace(journalTraits(kind), low32(offset), low32(journal.getChunkSize()))) return -1;
-  journal.setFreeAddr(low32(offset));
-  // The flush tells the server of both chunks.
-  return journal.fSync() == 0 && m_manager->saveManageData() == 0 ? 0 : -1;
-}
-
-unsigned long CDbLog::getJournalChunkSize() {
-  const MutexLock lock(m_lock);
-  return admitLocked(Operation::correct) ? m_eventJournal->getChunkSize() : 0;
-}
-
-bool CDbLog::readCopy(JournalKind kind, bool mirror, unsigned long offset, void* out, long length) {
-  const MutexLock lock(m_lock);
-  if (!admitLocked(Operation::correct)) return false;
-  CTARNMirroredChunk& journal = *slotLocked(kind);
-  if (journal.seek(static_cast<long>(low32(offset)), SEEK_SET) < 0) return false;
-  return mirror ? journal.readMirror(out, length) : journal.readOriginal(out, length);
-}
-
-unsigned long CDbLog::searchEventBackOffset(unsigned long eventID) {
-  char sql[kSqlRoom];
-  snprintf(sql, sizeof sql, kSqlSearchEvent, static_cast<unsigned long>(low32(eventID)));
-  return searchBackOffset(sql);
-}
-
-unsigned long CDbLog::searchStreamBackOffset(unsigned long streamID) {
-  char sql[kSqlRoom];
-  snprintf(sql, sizeof sql, kSqlSearchStream, static_cast<unsigned long>(low32(streamID)));
-  return searchBackOffset(sql);
-}
-
-unsigned long CDbLog::searchBackOffset(const char* sql) {
-  const MutexLock lock(m_searchLock);
-  CApiDb* db = searchDbLocked();
-  if (db != nullptr) db->setSql(sql);
-  if (db == nullptr || !db->lastStatementDone()) {
-    syslog(LOG_ERR, kMsgJournalSelectError);
-    return kNoRecord;
-  }
-  return db->getNTuple() == 0 ? kNoRecord : db->getValue(0, 0);
-}
-
-CApiDb* CDbLog::searchDbLocked() {
-  struct stat file = {};
-  const bool there = stat(kDatabasePath, &file) == 0;
-  const auto device = static_cast<uint64_t>(file.st_dev);
-  const auto inode = static_cast<uint64_t>(file.st_ino);
-  const bool same = there && device == m_searchDevice && inode == m_searchInode;
-  if (m_searchDb != nullptr && same) return m_searchDb.get();
-  m_searchDb.reset(new (std::nothrow) CApiDb);
-  m_searchDevice = device;
-  m_searchInode = inode;
-  return m_searchDb.get();
 }
 
 // --- Appending ---
@@ -527,7 +360,7 @@ bool CDbLog::deleteStream(unsigned long streamID) {
 }
 
 bool CDbLog::markDeleted(const Operation& operation, unsigned long offset) {
-  if (tarn::omitted(tarn::Omit::kRecordDelete)) {
+  if (omitted(Omit::kRecordDelete)) {
     t_lastChangeOnCard = true;
     return true;
   }

@@ -13,6 +13,9 @@ enum class JournalKind : uint8_t;
 class CApiDb;
 class CTARNEndlessManager;
 class CTARNMirroredChunk;
+namespace tarn {
+struct JournalOperation;
+}
 
 // The journal of the database on the card: one fixed-size record for every row ever inserted into
 // EVENT and STREAM, patched in place by every later change of the row, so that the database (which
@@ -88,9 +91,7 @@ class TARN_API CDbLog {
   int finish();
 
  private:
-  enum : int8_t { kModeUnknown = -1, kModeRecman = 0, kModeOther = 1, kModeMenu = 2 };
-  // Name, permitted modes and messages of an operation.
-  struct Operation;
+  using Operation = tarn::JournalOperation;
 
   CDbLog();
   // Copies nothing: the instance is not meant to be copied.
@@ -130,7 +131,7 @@ class TARN_API CDbLog {
   std::unique_ptr<CTARNMirroredChunk> m_streamJournal TARN_GUARDED_BY(m_lock);
   std::unique_ptr<CTARNMirroredChunk> m_eventJournal TARN_GUARDED_BY(m_lock);
   uint8_t m_connected TARN_GUARDED_BY(m_lock) = 0;
-  int8_t m_processMode TARN_GUARDED_BY(m_lock) = kModeUnknown;
+  int8_t m_processMode TARN_GUARDED_BY(m_lock) = -1;  // a JournalMode
   tarn::Mutex m_lock;
 
   // Look-ups of backOffset keep their own connection, so that an update does not open the database
