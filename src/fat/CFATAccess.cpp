@@ -19,11 +19,11 @@
 using tarn::asSigned32;
 using tarn::logFat;
 using tarn::low32;
+using tarn::WriteBuffer;
 
 namespace {
 
 constexpr size_t kNameRoom = 128;
-constexpr uint32_t kReadBlock = 4096;
 constexpr uint32_t kStreamCapacity = 1024 * 1024;
 constexpr uint32_t kSmallCapacity = 32 * 1024;
 // Erase blocks of cards and disks are multiples of this.
@@ -43,22 +43,10 @@ void copyText(const char* text, char (&out)[N]) {
   out[length] = '\0';
 }
 
-// Buffers begin on a page: the system copies from and to any other place at half the speed.
-constexpr uintptr_t kPage = 4096;
-
-uint8_t* onPage(void* memory) {
-  const auto address = reinterpret_cast<uintptr_t>(memory);
-  return static_cast<uint8_t*>(memory) + (kPage - address % kPage) % kPage;
-}
-
 bool needsWriteBuffer(int fileType, int flags) {
   const bool buffered = fileType == tarn::kFileStream || fileType == tarn::kFilePicture ||
                         fileType == tarn::kFileSyslog;
   return buffered && (flags & (O_WRONLY | O_RDWR)) != 0;
-}
-
-bool needsReadBuffer(int fileType, int flags) {
-  return fileType == tarn::kFilePicture && flags == O_RDONLY;
 }
 
 }  // namespace
@@ -185,54 +173,24 @@ bool CFATAccess::setUpBuffers(int index, int flags) {
   m_astray[index] = false;
   m_lostData[index] = 0;
   if (needsWriteBuffer(m_fileType[index], flags)) {
-    if (!allocateWriteBuffer(index)) {
+    const bool stream = m_fileType[index] == tarn::kFileStream;
+    if (!m_writeBuf[index].allocate(stream ? kStreamCapacity : kSmallCapacity, stream)) {
       logFat("open", __LINE__, tarn::kMsgWriteBufferAlloc);
       return false;
     }
     startThread();  // without a worker, the caller's thread does its work
   }
-  if (needsReadBuffer(m_fileType[index], flags) && !allocateReadBuffer(index)) {
+  const bool readAhead = m_fileType[index] == tarn::kFilePicture && flags == O_RDONLY;
+  if (readAhead && !m_readBuf[index].allocate()) {
     logFat("open", __LINE__, tarn::kMsgReadBufferAlloc);
     return false;
   }
   return true;
 }
 
-bool CFATAccess::allocateWriteBuffer(int index) {
-  WriteBuffer& buffer = m_writeBuf[index];
-  buffer.alignMode = m_fileType[index] == tarn::kFileStream ? 1 : 0;
-  buffer.capacity = buffer.alignMode != 0 ? kStreamCapacity : kSmallCapacity;
-  buffer.fill = 0;
-  buffer.pendingSize = 0;
-  buffer.aligned = 0;
-  for (void*& memory : buffer.memory) {
-    memory = malloc(buffer.capacity + kPage);
-    if (memory == nullptr) return false;
-  }
-  buffer.front = onPage(buffer.memory[0]);
-  buffer.back = onPage(buffer.memory[1]);
-  return true;
-}
-
-bool CFATAccess::allocateReadBuffer(int index) {
-  ReadBuffer& buffer = m_readBuf[index];
-  buffer.valid = 0;
-  buffer.pos = 0;
-  buffer.memory = malloc(kReadBlock + kPage);
-  if (buffer.memory == nullptr) return false;
-  buffer.data = onPage(buffer.memory);
-  return true;
-}
-
 void CFATAccess::release(int index) {
-  WriteBuffer& writeBuffer = m_writeBuf[index];
-  for (void*& memory : writeBuffer.memory) free(std::exchange(memory, nullptr));
-  writeBuffer.front = nullptr;
-  writeBuffer.back = nullptr;
-  writeBuffer.capacity = 0;
-  writeBuffer.fill = 0;
-  free(std::exchange(m_readBuf[index].memory, nullptr));
-  m_readBuf[index].data = nullptr;
+  m_writeBuf[index].release();
+  m_readBuf[index].release();
   ::close(std::exchange(m_fd[index], -1));
 }
 
@@ -257,59 +215,26 @@ long CFATAccess::read(int index, void* buf, unsigned long len) {
   }
   const uint32_t length = low32(len);
   m_position[index] += length;
-  if (m_readBuf[index].data == nullptr) {
+  if (!m_readBuf[index].isUsed()) {
     drain(index);
     // The device leaves the boundary that write() may have brought it to.
-    m_writeBuf[index].aligned = 0;
+    m_writeBuf[index].setAligned(false);
     const ssize_t result = ::read(m_fd[index], buf, length);
     m_readFailed[index] = result != static_cast<ssize_t>(length);
     m_astray[index] = m_astray[index] || m_readFailed[index];
     return result;
   }
-  auto* out = static_cast<uint8_t*>(buf);
-  bool whole = true;
-  for (uint32_t done = 0; done < length;) {
-    const uint32_t piece = std::min(length - done, kReadBlock);
-    whole = readBlock(index, out + done, piece) && whole;
-    done += piece;
-  }
-  m_readFailed[index] = !whole;
+  m_readFailed[index] = !m_readBuf[index].read(m_fd[index], static_cast<uint8_t*>(buf), length);
   return static_cast<long>(asSigned32(length));
-}
-
-// Hands out at most one block; false when zeros had to stand in for bytes that did not come.
-bool CFATAccess::readBlock(int index, uint8_t* out, uint32_t length) {
-  ReadBuffer& buffer = m_readBuf[index];
-  if (int64_t{buffer.valid} - buffer.pos < length) refill(buffer, m_fd[index]);
-  const uint32_t there =
-      buffer.pos < buffer.valid ? std::min(length, buffer.valid - buffer.pos) : 0;
-  if (there > 0) memcpy(out, buffer.data + buffer.pos, there);
-  memset(out + there, 0, length - there);
-  // May pass `valid`, so that the next refill starts where the caller believes to be, also after
-  // bytes that never came.
-  buffer.pos += std::min(length, UINT32_MAX - buffer.pos);
-  return there == length;
 }
 
 long CFATAccess::readAhead(int index, void* buf, unsigned long len, unsigned long unit) {
   if (!hasReadBuffer(index) || low32(unit) == 0) return 0;
-  ReadBuffer& buffer = m_readBuf[index];
-  if (buffer.pos >= buffer.valid) return 0;
-  uint32_t length = std::min(low32(len), buffer.valid - buffer.pos);
-  length -= length % low32(unit);
-  memcpy(buf, buffer.data + buffer.pos, length);
-  buffer.pos += length;
-  m_position[index] += length;
-  if (length > 0) m_readFailed[index] = false;
-  return static_cast<long>(length);
-}
-
-void CFATAccess::refill(ReadBuffer& buffer, int fd) {
-  const int64_t left = int64_t{buffer.valid} - buffer.pos;
-  // A device that cannot go there has nothing to read there either; what is left stays good.
-  if (left != 0 && lseek64(fd, -left, SEEK_CUR) == -1) return;
-  buffer.pos = 0;
-  buffer.valid = static_cast<uint32_t>(std::max<ssize_t>(0, ::read(fd, buffer.data, kReadBlock)));
+  const uint32_t taken =
+      m_readBuf[index].readAhead(static_cast<uint8_t*>(buf), low32(len), low32(unit));
+  m_position[index] += taken;
+  if (taken > 0) m_readFailed[index] = false;
+  return static_cast<long>(taken);
 }
 
 long CFATAccess::write(int index, const void* buf, unsigned long len) {
@@ -319,9 +244,8 @@ long CFATAccess::write(int index, const void* buf, unsigned long len) {
   }
   const uint32_t length = low32(len);
   m_position[index] += length;
-  const WriteBuffer& buffer = m_writeBuf[index];
   if (!isWriteBuffered(index)) return ::write(m_fd[index], buf, length);
-  if (length > buffer.capacity) {
+  if (length > m_writeBuf[index].capacity()) {
     m_astray[index] = true;
     logFat(__func__, __LINE__, tarn::kMsgWriteTooLarge);
     return -1;
@@ -332,7 +256,7 @@ long CFATAccess::write(int index, const void* buf, unsigned long len) {
 long CFATAccess::writeBuffered(int index, const uint8_t* data, uint32_t length) {
   WriteBuffer& buffer = m_writeBuf[index];
   uint32_t taken = 0;
-  if (buffer.alignMode != 0 && buffer.aligned == 0) {
+  if (buffer.wantsAlignment() && !buffer.isAligned()) {
     const long result = writeUpToBoundary(index, data, length);
     if (result == -1) {
       m_astray[index] = true;
@@ -340,7 +264,7 @@ long CFATAccess::writeBuffered(int index, const uint8_t* data, uint32_t length) 
     }
     taken = static_cast<uint32_t>(result);
   }
-  const uint32_t room = buffer.capacity - buffer.fill;
+  const uint32_t room = buffer.room();
   if (length - taken >= room) {
     append(buffer, data + taken, room);
     taken += room;
@@ -360,15 +284,15 @@ long CFATAccess::writeUpToBoundary(int index, const uint8_t* data, uint32_t leng
     logFat("write", __LINE__, tarn::kMsgWriteLseek);
     return -1;
   }
-  const auto past = static_cast<uint32_t>((position + buffer.fill) % kAlignment);
+  const auto past = static_cast<uint32_t>((position + buffer.fill()) % kAlignment);
   if (past == 0) {
-    buffer.aligned = 1;
+    buffer.setAligned(true);
     return 0;
   }
   const uint32_t gap = static_cast<uint32_t>(kAlignment) - past;
   const uint32_t taken = std::min(gap, length);
   // A buffer that would be full first goes out as any full one; the next write looks again.
-  if (taken >= buffer.capacity - buffer.fill) return 0;
+  if (taken >= buffer.room()) return 0;
   append(buffer, data, taken);
   if (taken == gap) fsync(index);
   return static_cast<long>(taken);
@@ -377,8 +301,7 @@ long CFATAccess::writeUpToBoundary(int index, const uint8_t* data, uint32_t leng
 void CFATAccess::append(WriteBuffer& buffer, const uint8_t* data, uint32_t length) {
   if (length == 0) return;
   waitForFront(buffer);
-  memcpy(buffer.front + buffer.fill, data, length);
-  buffer.fill += length;
+  buffer.append(data, length);
 }
 
 long CFATAccess::lseek(int index, long offset, int whence) {
@@ -396,14 +319,12 @@ long CFATAccess::lseek(int index, long offset, int whence) {
   }
   const int64_t distance = asSigned32(low32(static_cast<unsigned long>(offset)));
   const int64_t target = whence == SEEK_SET ? chunkStart(index) + distance : distance;
-  ReadBuffer& readBuffer = m_readBuf[index];
-  if (isWriteBuffered(index) || readBuffer.data != nullptr) {
+  if (isWriteBuffered(index) || hasReadBuffer(index)) {
     if (standsAt(index, target, whence)) return positionInChunk(index);
     drain(index);
     // Kept on purpose: the device stays behind the block that was read ahead, so SEEK_CUR counts
     // from there; readers of pictures seek with SEEK_SET.
-    readBuffer.valid = 0;
-    readBuffer.pos = 0;
+    m_readBuf[index].discard();
   }
   return seekDevice(index, target, whence);
 }
@@ -430,8 +351,8 @@ long CFATAccess::seekDevice(int index, int64_t target, int whence) {
   m_position[index] = static_cast<uint64_t>(position);
   m_astray[index] = position == -1;
   WriteBuffer& buffer = m_writeBuf[index];
-  if (isWriteBuffered(index) && buffer.alignMode != 0) {
-    buffer.aligned = position == -1 ? isSdAligned(index) : position % kAlignment == 0;
+  if (isWriteBuffered(index) && buffer.wantsAlignment()) {
+    buffer.setAligned(position == -1 ? isSdAligned(index) : position % kAlignment == 0);
   }
   if (position == -1) {
     logFat("lseek", __LINE__, tarn::kMsgLseekDevice);
@@ -449,14 +370,12 @@ bool CFATAccess::isSdAligned(int index) {
   return position % kAlignment == 0;
 }
 
-bool CFATAccess::lastReadFailed(int index) { return isIndex(index) && m_readFailed[index]; }
-
 int CFATAccess::fsync(int index) {
   if (!isIndex(index)) {
     logFat(__func__, __LINE__, tarn::kMsgFsyncIndex);
     return -1;
   }
-  const bool empty = m_writeBuf[index].fill == 0;
+  const bool empty = m_writeBuf[index].fill() == 0;
   drain(index);
   if (!empty) return 0;
   const int result = ::fsync(m_fd[index]);

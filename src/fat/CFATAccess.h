@@ -7,6 +7,8 @@
 
 #include "base/Export.h"
 #include "base/Mutex.h"
+#include "fat/ReadBuffer.h"
+#include "fat/WriteBuffer.h"
 
 // Raw access to the chunks of a card. Hands out small handles (0 to 49), each standing for one
 // chunk of one family on one block device, and reads, writes and seeks inside it. Positions are
@@ -68,7 +70,7 @@ class TARN_API CFATAccess {
   bool isSdAligned(int index);
   // True when the handle's last read() got fewer bytes from the device than were asked for, be it
   // an error or the device's end; false for an index outside the table and before the first read().
-  bool lastReadFailed(int index);
+  bool lastReadFailed(int index) const { return isIndex(index) && m_readFailed[index]; }
 
   // True when something of what this handle was given since its open() is not on the medium for
   // all that is known: it could not be written or flushed, and a later flush that works proves
@@ -78,7 +80,7 @@ class TARN_API CFATAccess {
   bool hasLostData(int index) const { return isIndex(index) && m_lostData[index] != 0; }
 
   // True for an open picture chunk that is read in blocks.
-  bool hasReadBuffer(int index) const { return isIndex(index) && m_readBuf[index].data != nullptr; }
+  bool hasReadBuffer(int index) const { return isIndex(index) && m_readBuf[index].isUsed(); }
   // Copies at most `len` bytes of what read() would give next without asking the device, in whole
   // records of `unit` bytes, and moves behind them. Returns the bytes copied; 0 on a handle that
   // reads without a buffer.
@@ -95,61 +97,30 @@ class TARN_API CFATAccess {
   static constexpr int kHandles = 50;
   static constexpr int kDeviceRoom = 64;
 
-  // The caller's thread owns front and fill, unless queued is set; the worker owns back and
-  // pendingSize while pending is set. The two flags change under m_mutex, so that no wake-up is
-  // lost; who waits for them waits on m_written, for asking again and again costs the processor
-  // that the encoder needs. A full front that finds back still pending is queued, and the worker
-  // itself exchanges the two when it is done: it need not wait for the caller to wake up first.
-  struct WriteBuffer {
-    uint8_t* front = nullptr;  // write() fills it; null when the handle is unbuffered for writing
-    uint8_t* back = nullptr;   // the worker writes it out
-    uint32_t capacity = 0;     // bytes of each of the two; 0 when the handle is unbuffered
-    uint32_t fill = 0;         // bytes in front that are not handed over
-    uint32_t pendingSize = 0;  // bytes in back
-    uint8_t alignMode = 0;     // stream chunks: start full buffers on 64 KiB of the device
-    std::atomic<uint8_t> aligned{0};  // the device is known to stand on such a boundary
-    std::atomic<uint8_t> pending{0};  // back waits for the worker
-    std::atomic<uint8_t> queued{0};   // front is handed over, too; only while pending
-    uint32_t queuedSize = 0;          // bytes in front then
-    void* memory[2] = {};             // what malloc gave; the buffers begin on pages in them
-  };
-
-  struct ReadBuffer {
-    uint8_t* data = nullptr;  // one block; null when the handle is unbuffered for reading
-    uint32_t valid = 0;       // bytes that the last device read brought
-    uint32_t pos = 0;         // bytes handed out; above valid once zeros stood in for missing ones
-    void* memory = nullptr;   // what malloc gave; data begins on a page in it
-  };
-
   static bool isIndex(int index) { return index >= 0 && index < kHandles; }
   int freeIndex() const;
   bool parseName(const char* name, int index);
   bool locateFamily(int fd, int index);
   bool setUpBuffers(int index, int flags);
-  bool allocateWriteBuffer(int index);
-  bool allocateReadBuffer(int index);
   // Frees the buffers, closes the device and makes the index free, whatever open() had got to.
   void release(int index);
 
-  bool readBlock(int index, uint8_t* out, uint32_t length);
-  void refill(ReadBuffer& buffer, int fd);
-
   long writeBuffered(int index, const uint8_t* data, uint32_t length);
   long writeUpToBoundary(int index, const uint8_t* data, uint32_t length);
-  void append(WriteBuffer& buffer, const uint8_t* data, uint32_t length) TARN_EXCLUDES(m_mutex);
+  void append(tarn::WriteBuffer& buffer, const uint8_t* data, uint32_t length)
+      TARN_EXCLUDES(m_mutex);
 
   int64_t chunkStart(int index) const;
   long positionInChunk(int index) const;
   bool standsAt(int index, int64_t target, int whence) const;
   long seekDevice(int index, int64_t target, int whence);
 
-  bool isWriteBuffered(int index) const { return m_writeBuf[index].capacity != 0; }
-  // Gives front to the worker, behind an earlier hand-over that is still being written.
+  bool isWriteBuffered(int index) const { return m_writeBuf[index].isUsed(); }
+  // Gives the front to the worker, behind an earlier hand-over that is still being written.
   void handOver(int index) TARN_EXCLUDES(m_mutex);
-  bool passFront(WriteBuffer& buffer) TARN_REQUIRES(m_mutex);
-  void finishPending(WriteBuffer& buffer) TARN_EXCLUDES(m_mutex);
-  // Returns when front can be filled again.
-  void waitForFront(const WriteBuffer& buffer) TARN_EXCLUDES(m_mutex);
+  void finishPending(tarn::WriteBuffer& buffer) TARN_EXCLUDES(m_mutex);
+  // Returns when the front can be filled again.
+  void waitForFront(const tarn::WriteBuffer& buffer) TARN_EXCLUDES(m_mutex);
   void waitUntilWritten(int index) TARN_EXCLUDES(m_mutex);
   // Returns when nothing of the handle is buffered any more.
   void drain(int index) TARN_EXCLUDES(m_mutex);
@@ -166,8 +137,8 @@ class TARN_API CFATAccess {
   uint64_t m_position[kHandles] = {};  // of the device as the caller sees it, front included
   uint16_t m_chunkCount[kHandles] = {};
   uint32_t m_chunkSize[kHandles] = {};
-  WriteBuffer m_writeBuf[kHandles];
-  ReadBuffer m_readBuf[kHandles];
+  tarn::WriteBuffer m_writeBuf[kHandles];
+  tarn::ReadBuffer m_readBuf[kHandles];
   char m_deviceName[kDeviceRoom] = {};  // of the last open(), one for the whole object
   uint32_t m_streamChunkSize[kHandles] = {};
   uint32_t m_pictureChunkSize[kHandles] = {};

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <utility>
 
 #include "base/UniqueFd.h"
 #include "fat/CFATAccess.h"
@@ -12,6 +11,7 @@
 #include "fat/FatMessages.h"
 
 using tarn::logFat;
+using tarn::WriteBuffer;
 
 namespace {
 
@@ -48,14 +48,14 @@ void CFATAccess::m_bufferWriteFunc() {
     }
     // The mutex is free meanwhile: writers of other handles, and of this one's front, go on.
     for (int index = 0; index < kHandles; ++index) {
-      if (m_writeBuf[index].pending != 0) writePending(index);
+      if (m_writeBuf[index].pending()) writePending(index);
     }
   }
 }
 
 bool CFATAccess::anyPending() const {
   for (const WriteBuffer& buffer : m_writeBuf) {
-    if (buffer.pending != 0) return true;
+    if (buffer.pending()) return true;
   }
   return false;
 }
@@ -65,7 +65,7 @@ void CFATAccess::handOver(int index) {
   bool workerMayBeIdle;
   {
     tarn::MutexLock lock(m_mutex);
-    workerMayBeIdle = passFront(buffer);
+    workerMayBeIdle = buffer.handOver();
   }
   if (!workerMayBeIdle) return;
   if (m_threadRunning != 0) {
@@ -75,34 +75,21 @@ void CFATAccess::handOver(int index) {
   }
 }
 
-bool CFATAccess::passFront(WriteBuffer& buffer) {
-  const uint32_t size = std::exchange(buffer.fill, 0);
-  if (buffer.pending != 0) {
-    buffer.queuedSize = size;
-    buffer.queued = 1;
-    return false;
-  }
-  std::swap(buffer.front, buffer.back);
-  buffer.pendingSize = size;
-  buffer.pending = 1;
-  return true;
-}
-
 void CFATAccess::waitForFront(const WriteBuffer& buffer) {
-  if (buffer.queued == 0) return;
+  if (!buffer.queued()) return;
   tarn::MutexLock lock(m_mutex);
-  while (buffer.queued != 0) m_written.wait(m_mutex);
+  while (buffer.queued()) m_written.wait(m_mutex);
 }
 
 void CFATAccess::waitUntilWritten(int index) {
   const WriteBuffer& buffer = m_writeBuf[index];
-  if (buffer.pending == 0) return;
+  if (!buffer.pending()) return;
   tarn::MutexLock lock(m_mutex);
-  while (buffer.pending != 0) m_written.wait(m_mutex);
+  while (buffer.pending()) m_written.wait(m_mutex);
 }
 
 void CFATAccess::drain(int index) {
-  if (m_writeBuf[index].fill != 0) handOver(index);
+  if (m_writeBuf[index].fill() != 0) handOver(index);
   waitUntilWritten(index);
 }
 
@@ -113,29 +100,22 @@ void CFATAccess::writePending(int index) {
   ssize_t result = 0;
   do {
     errno = 0;  // a short write sets none, and an old EINTR would have us try again
-    result = ::write(m_fd[index], buffer.back + written, buffer.pendingSize - written);
+    result = ::write(m_fd[index], buffer.pendingData() + written, buffer.pendingSize() - written);
     if (result > 0) written += static_cast<uint32_t>(result);
-  } while (written < buffer.pendingSize && errno == EINTR);
-  if (written == buffer.pendingSize) {
+  } while (written < buffer.pendingSize() && errno == EINTR);
+  if (written == buffer.pendingSize()) {
     flushDevice(index);
   } else {
     reportLostWrite(index, result == -1 ? -1 : static_cast<long>(written), written);
   }
-  if (buffer.alignMode != 0) buffer.aligned = isSdAligned(index);
+  if (buffer.wantsAlignment()) buffer.setAligned(isSdAligned(index));
   finishPending(buffer);
 }
 
 void CFATAccess::finishPending(WriteBuffer& buffer) {
   {
     tarn::MutexLock lock(m_mutex);
-    if (buffer.queued != 0) {
-      std::swap(buffer.front, buffer.back);
-      buffer.pendingSize = buffer.queuedSize;
-      buffer.queued = 0;
-    } else {
-      buffer.pendingSize = 0;
-      buffer.pending = 0;
-    }
+    buffer.finish();
   }
   m_written.signal();  // at most one: an object has one caller at a time
 }
@@ -148,7 +128,7 @@ void CFATAccess::flushDevice(int index) {
 }
 
 void CFATAccess::reportLostWrite(int index, long result, uint32_t written) {
-  const uint32_t size = m_writeBuf[index].pendingSize;
+  const uint32_t size = m_writeBuf[index].pendingSize();
   m_lostData[index] = 1;
   logFat(kWorker, __LINE__, tarn::kMsgWriteError, result, static_cast<long>(size), errno);
   createMarker();

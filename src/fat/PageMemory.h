@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tarn {
+
+// Memory of a buffer, from malloc, that begins on a page: the system copies from and to any other
+// place at half the speed. Empty until allocate(). Not copyable; used by one thread.
+class PageMemory {
+ public:
+  PageMemory() = default;
+  ~PageMemory() { release(); }
+  PageMemory(const PageMemory&) = delete;
+  PageMemory& operator=(const PageMemory&) = delete;
+
+  // False when there is no memory. Frees what it had before.
+  bool allocate(size_t bytes);
+  void release();
+  // Null when empty.
+  uint8_t* data() const { return data_; }
+
+ private:
+  void* memory_ = nullptr;
+  uint8_t* data_ = nullptr;  // in it
+};
+
+}  // namespace tarn
