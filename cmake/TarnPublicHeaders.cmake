@@ -4,6 +4,7 @@
 set(TARN_PUBLIC_HEADERS  # below src/
   base/Export.h base/Mutex.h base/UniqueFd.h
   fat/CFATAccess.h fat/ChunkFiles.h
+  fat/PageMemory.h fat/ReadBuffer.h fat/WriteBuffer.h  # members of CFATAccess
   mesg/CMesgClient.h mesg/CMesgServer.h mesg/RequestPatience.h
   db/CApiDb.h db/DbRecords.h
   chunk/ChunkEvent.h chunk/CTARNChunkBase.h chunk/CTARNDBChunk.h chunk/CTARNEndlessChunk.h

@@ -9,13 +9,11 @@
 
 namespace tarn {
 enum class JournalKind : uint8_t;
-}
+struct JournalOperation;
+}  // namespace tarn
 class CApiDb;
 class CTARNEndlessManager;
 class CTARNMirroredChunk;
-namespace tarn {
-struct JournalOperation;
-}
 
 // The journal of the database on the card: one fixed-size record for every row ever inserted into
 // EVENT and STREAM, patched in place by every later change of the row, so that the database (which
