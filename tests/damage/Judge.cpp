@@ -9,9 +9,7 @@
 #include "fat/ChunkFiles.h"
 #include "powercut/Checks.h"
 #include "powercut/ReadFaults.h"
-#include "recorder/card/CardInfo.h"
 #include "recorder/card/CardRepair.h"
-#include "recorder/recording/RecordingReader.h"
 
 namespace damage {
 namespace {
@@ -81,34 +79,25 @@ void Judge::undoDamage() {
     Card::get().put(from_, whole_->card.data() + from_, static_cast<size_t>(to_ - from_));
 }
 
-Judge::Seen Judge::start() {
-  Seen seen;
-  seen.error = bootCard().error;
-  if (!seen.error.empty()) return seen;
-  seen.streams = listStreams();
-  seen.events = listEvents();
-  // What the card holds, not what it would give now.
-  Card::get().refuse(nullptr);
-  seen.management = managementText();
-  if (present_ && case_.kind == Case::kRefused) Card::get().refuse(&fault_);
-  return seen;
+Seen Judge::start(Starts::Again again) {
+  const bool refuses = present_ && case_.kind == Case::kRefused;
+  return starts_.start(refuses ? &fault_ : nullptr, again);
 }
 
 // A recording's header (index -1), or a picture's entry or data.
-bool Judge::touches(uint32_t key, int64_t index) const {
+void Judge::findTouched() {
+  touched_.clear();
   for (const PicturePlace& place : whole_->places) {
-    if (place.streamID != key || place.index != index) continue;
-    return std::any_of(place.bytes.begin(), place.bytes.end(), [this](const auto& piece) {
-      return piece.first < to_ && piece.second > from_;
-    });
+    const bool touched = std::any_of(
+        place.bytes.begin(), place.bytes.end(),
+        [this](const auto& piece) { return piece.first < to_ && piece.second > from_; });
+    if (touched) touched_.emplace(place.streamID, place.index);
   }
-  return false;
 }
 
 bool Judge::touchesRow(uint32_t key) const {
-  return std::any_of(whole_->places.begin(), whole_->places.end(), [&](const PicturePlace& place) {
-    return place.streamID == key && touches(key, place.index);
-  });
+  const auto first = touched_.lower_bound({key, INT64_MIN});
+  return first != touched_.end() && first->first == key;
 }
 
 bool Judge::touchesOpenRow() const {
@@ -119,28 +108,22 @@ bool Judge::touchesOpenRow() const {
 // Every picture but those that have something in the damaged place, with its own bytes and time;
 // and of those none with other bytes. With the damage undone every one that its row has.
 std::string Judge::checkPictures(const DB_STREAM& row, const DB_STREAM& now) {
-  tarn::RecordingReader reader;
-  const std::vector<uint32_t>& numbers = card_.pictures.at(row.streamID);
   const bool headerOnly = present_ && touches(row.streamID, -1);
-  if (reader.open(now) != 0) {
+  const std::vector<PictureFound> found = starts_.pictures(now, row.recSize);
+  if (found.empty()) {
     lost_ = true;
     return headerOnly && touches(row.streamID, 0) ? "" : text(row) + " cannot be opened";
   }
-  std::vector<uint8_t> bytes;
   for (uint32_t i = 0; i < row.recSize; ++i) {
+    if (found[i] == PictureFound::kGood) continue;
     const bool touched = touches(row.streamID, i);
     const bool mayBeLost = touched && (present_ || card_.openStreams.count(row.streamID) != 0);
     const std::string which = "picture " + std::to_string(i) + " of " + text(row);
-    tarn::PictureEntry entry;
-    if (!reader.picture(i, &entry) || !reader.readPicture(entry, &bytes)) {
-      if (!mayBeLost) return which + " is lost";
-      lost_ = true;
-    } else if (!(entry.presentation == pictureTime(numbers[i])) ||
-               bytes != pictureBytes(numbers[i])) {
-      if (!mayBeLost) return which + " is not what was recorded";
-      lost_ = true;
-      if (!reader.isDamaged()) unseen_ = "damaged " + which + " is given out as if it were good";
-    }
+    const bool none = found[i] == PictureFound::kNone;
+    if (!mayBeLost) return which + (none ? " is lost" : " is not what was recorded");
+    lost_ = true;
+    if (found[i] == PictureFound::kUntold)
+      unseen_ = "damaged " + which + " is given out as if it were good";
   }
   return "";
 }
@@ -194,35 +177,37 @@ std::string Judge::checkEvents(const Seen& seen) {
 }
 
 // Bytes of the log outside the damage stay, and it goes no less far than its last whole sector.
-std::string Judge::checkLog(bool whole) const {
+std::string Judge::checkLogChunk(size_t chunk, uint32_t end) const {
   const tarn::CardFamily& family = cardLayout().family(tarn::kFileSyslog);
-  const std::vector<uint32_t> ends = logEnds();
-  if (ends.size() != whole_->logEnds.size()) return "the system log has no management data";
-  const uint8_t* now = Card::get().bytes() + family.startByte();
-  for (size_t chunk = 0; chunk < ends.size(); ++chunk) {
-    for (uint32_t i = 0; i < whole_->logEnds[chunk]; ++i) {
-      const uint64_t at = chunk * family.chunkSize + i;
-      const uint64_t byte = family.startByte() + at;
-      const bool damaged = !whole && byte >= from_ && byte < to_;
-      if (damaged) continue;
-      if (now[at] != whole_->logs[at])
-        return "text of the system log changed in chunk " + std::to_string(chunk);
-      if (i >= ends[chunk])
-        return "the system log's chunk " + std::to_string(chunk) + " ends at " +
-               std::to_string(ends[chunk]) + " instead of " +
-               std::to_string(whole_->logEnds[chunk]);
-    }
+  const uint64_t start = chunk * family.chunkSize;
+  const uint8_t* now = Card::get().bytes() + family.startByte() + start;
+  const uint8_t* good = whole_->logs.data() + start;
+  const uint32_t length = whole_->logEnds[chunk];
+  if (end >= length && memcmp(now, good, length) == 0) return "";
+  for (uint32_t i = 0; i < length; ++i) {
+    const uint64_t byte = family.startByte() + start + i;
+    const bool damaged = present_ && byte >= from_ && byte < to_;
+    if (damaged) continue;
+    if (now[i] != good[i])
+      return "text of the system log changed in chunk " + std::to_string(chunk);
+    if (i >= end)
+      return "the system log's chunk " + std::to_string(chunk) + " ends at " + std::to_string(end) +
+             " instead of " + std::to_string(length);
   }
   return "";
+}
+
+std::string Judge::checkLog(const Seen& seen) const {
+  if (seen.logEnds.size() != whole_->logEnds.size()) return "the system log has no management data";
+  std::string failure;
+  for (size_t chunk = 0; chunk < seen.logEnds.size() && failure.empty(); ++chunk)
+    failure = checkLogChunk(chunk, seen.logEnds[chunk]);
+  return failure;
 }
 
 // The ring addresses of a chunk may pass over what is damaged in its oldest and newest recording,
 // but nothing else that is listed lies outside them: it would be written over.
 std::string Judge::checkSpace(const Seen& seen) const {
-  tarn::CardInfo info;
-  std::string error;
-  if (info.read(kCardPath, &error) != 0) return error;
-  const auto& chunks = info.management(tarn::kFileStreamManage).records;
   std::map<uint32_t, uint32_t> chunkOfKey;
   for (const DB_STREAM& row : seen.streams) {
     if (row.recSize != 0) chunkOfKey[row.streamID] = row.chunkID;
@@ -231,7 +216,7 @@ std::string Judge::checkSpace(const Seen& seen) const {
     const auto row = chunkOfKey.find(place.streamID);
     if (row == chunkOfKey.end() || place.index < 0 || touches(place.streamID, place.index))
       continue;
-    const CHUNK_MANAGE& chunk = chunks.at(row->second);
+    const CHUNK_MANAGE& chunk = seen.chunks.at(row->second);
     const tarn::CardFamily& family = cardLayout().family(tarn::kFileStream);
     const uint64_t start = cardLayout().chunkByte(tarn::kFileStream, row->second);
     for (const auto& [from, to] : place.bytes) {
@@ -262,7 +247,7 @@ std::string Judge::checkSeen(const Seen& seen) {
   std::string failure = checkStreams(seen);
   if (failure.empty()) failure = checkEvents(seen);
   if (failure.empty()) failure = checkSame(seen);
-  if (failure.empty()) failure = checkLog(!present_);
+  if (failure.empty()) failure = checkLog(seen);
   return failure;
 }
 
@@ -270,7 +255,7 @@ std::string Judge::checkSeen(const Seen& seen) {
 std::string Judge::checkUndone() {
   undoDamage();
   const bool lost = lost_;
-  const Seen seen = start();
+  const Seen seen = start(Starts::Again::kLikely);
   std::string failure = seen.error.empty() ? checkSeen(seen) : "no start: " + seen.error;
   // What the device refused was never gone.
   const bool same = seen.management == whole_->management;
@@ -289,7 +274,7 @@ std::string Judge::tryMending() {
   if (repair.steps().empty()) return "refused, and there is nothing to mend";
   if (repair.apply(kUndoFile, &error) != 0) return "is not mended: " + error;
   Card::get().takeStray();  // outside the chunks, as is its job
-  const Seen seen = start();
+  const Seen seen = start(Starts::Again::kLikely);
   if (!seen.error.empty()) return "mended, and does not start: " + seen.error;
   present_ = false;
   const std::string failure = checkSeen(seen);
@@ -320,7 +305,7 @@ Outcome Judge::tryCase(std::string* reason) {
   Card& card = Card::get();
   applyDamage();
   const size_t damaged = card.moment();
-  const Seen first = start();
+  const Seen first = start(Starts::Again::kUnlikely);
   if (!first.error.empty()) {
     if (isGateRegion() && !card.changedSince(damaged).empty()) {
       *reason = "refuses, and has written: " + first.error;
@@ -331,7 +316,7 @@ Outcome Judge::tryCase(std::string* reason) {
   *reason = checkSeen(first);
   if (!reason->empty()) return Outcome::kFailed;
   const size_t moment = card.moment();
-  const Seen second = start();
+  const Seen second = start(Starts::Again::kLikely);
   if (!second.error.empty()) *reason = "a second start fails: " + second.error;
   const bool unchanged = second.management == first.management && card.changedSince(moment).empty();
   if (reason->empty() && !unchanged) {
@@ -347,8 +332,10 @@ Outcome Judge::tryCase(std::string* reason) {
 Outcome Judge::judge(const Case& one, std::string* reason) {
   case_ = one;
   whole_ = &wholeOf(one);
+  starts_.begin(whole_);
   from_ = regions_[one.region].from + one.byte;
   to_ = from_ + (one.isBit() ? 1 : kSector);
+  findTouched();
   lost_ = false;
   unseen_.clear();
   reason->clear();

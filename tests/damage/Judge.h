@@ -1,10 +1,13 @@
 #pragma once
 
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "damage/Cases.h"
 #include "damage/SmallCard.h"
+#include "damage/Starts.h"
 
 namespace damage {
 
@@ -20,26 +23,19 @@ enum class Outcome {
 class Judge {
  public:
   Judge(const SmallCard& card, const std::vector<Region>& regions)
-      : card_(card), regions_(regions) {}
+      : card_(card), regions_(regions), starts_(card) {}
 
   const Whole& wholeOf(const Case& one) const;
   // *reason: why it failed or was refused.
   Outcome judge(const Case& one, std::string* reason);
 
  private:
-  struct Seen {
-    std::string error;  // of the start
-    std::vector<DB_STREAM> streams;
-    std::vector<DB_EVENT> events;
-    std::string management;
-  };
-
   void applyDamage();
   void undoDamage();
   Outcome tryCase(std::string* reason);
   Outcome tryRefused(const std::string& error, std::string* reason);
   std::string tryMending();
-  Seen start();
+  Seen start(Starts::Again again);
   std::string checkSpace(const Seen& seen) const;
   std::string checkSame(const Seen& seen);
   std::string checkSeen(const Seen& seen);
@@ -47,19 +43,23 @@ class Judge {
   std::string checkStream(const DB_STREAM& row, const DB_STREAM* now);
   std::string checkPictures(const DB_STREAM& row, const DB_STREAM& now);
   std::string checkEvents(const Seen& seen);
-  std::string checkLog(bool whole) const;
+  std::string checkLog(const Seen& seen) const;
+  std::string checkLogChunk(size_t chunk, uint32_t end) const;
   std::string checkUndone();
-  bool touches(uint32_t key, int64_t index) const;
+  void findTouched();
+  bool touches(uint32_t key, int64_t index) const { return touched_.count({key, index}) != 0; }
   bool touchesRow(uint32_t key) const;
   bool touchesOpenRow() const;
   bool isGateRegion() const;
 
   const SmallCard& card_;
   const std::vector<Region>& regions_;
+  Starts starts_;
   const Whole* whole_ = nullptr;
   Case case_ = {};
   uint64_t from_ = 0;  // bytes of the device that are damaged
   uint64_t to_ = 0;
+  std::set<std::pair<uint32_t, int64_t>> touched_;  // recordings and indexes that lie there
   powercut::ReadFault fault_;
   bool present_ = false;  // the damage is there
   bool lost_ = false;     // something that the damaged place holds

@@ -1,9 +1,7 @@
 // Damages a small card in one place at a time and looks at what that costs. tests/damage/run starts
 // it in a view of its own.
 
-#include <fcntl.h>
 #include <fnmatch.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +20,7 @@
 #include "damage/Judge.h"
 #include "damage/SmallCard.h"
 #include "powercut/CardTrace.h"
+#include "powercut/Program.h"
 
 namespace damage {
 namespace {
@@ -67,29 +66,6 @@ class KnownLimits {
 struct Count {
   size_t cases, whole, lost, refused, known, failed;
 };
-
-void muteStandardOutput() {
-  const int report = dup(STDOUT_FILENO);
-  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  if (report < 0 || nowhere < 0 || dup2(nowhere, STDOUT_FILENO) < 0)
-    throw std::runtime_error("dup");
-  ::close(nowhere);
-  g_report = fdopen(report, "w");
-}
-
-// Threads that hand work to each other all the time do it faster on one processor.
-void stayOnProcessor(size_t shard) {
-  cpu_set_t mine;
-  if (sched_getaffinity(0, sizeof mine, &mine) != 0) return;
-  size_t skip = shard % static_cast<size_t>(CPU_COUNT(&mine));
-  for (size_t processor = 0; processor < CPU_SETSIZE; ++processor) {
-    if (!CPU_ISSET(processor, &mine) || skip-- > 0) continue;
-    CPU_ZERO(&mine);
-    CPU_SET(processor, &mine);
-    sched_setaffinity(0, sizeof mine, &mine);
-    return;
-  }
-}
 
 // A case that crashes or hangs is named before it ends the run.
 void nameTheCase(int signal) {
@@ -220,8 +196,8 @@ Options parse(int argc, char** argv) {
 
 int run(int argc, char** argv) {
   const Options options = parse(argc, argv);
-  muteStandardOutput();
-  if (options.shards > 1) stayOnProcessor(options.shard);
+  g_report = powercut::muteStandardOutput();
+  if (options.shards > 1) powercut::stayOnProcessor(options.shard);
   setenv("TZ", "NST3:30NDT,M3.2.0,M11.1.0", 1);
   tzset();
   for (const int signal : {SIGALRM, SIGSEGV, SIGBUS, SIGABRT, SIGFPE})

@@ -97,6 +97,7 @@ class Card {
   // Places that the recorder may write to; a write elsewhere is noted.
   void allow(std::vector<std::pair<uint64_t, uint64_t>> extents) { extents_ = std::move(extents); }
   std::string takeStray();
+  bool hasStray() const { return !stray_.empty(); }
   // Something was written and no flush came behind it.
   bool unflushed() const { return unflushed_; }
 

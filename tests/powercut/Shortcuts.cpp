@@ -57,11 +57,14 @@ class Pool {
   }
 
   int open(const char* path, sqlite3** db) {
-    static const auto real = next<int (*)(const char*, sqlite3**)>("sqlite3_open");
+    static const auto real =
+        next<int (*)(const char*, sqlite3**, int, const char*)>("sqlite3_open_v2");
     std::lock_guard<std::mutex> lock(mutex_);
     struct stat file = {};
     if (stat(path, &file) == 0 && take(file, db)) return SQLITE_OK;
-    const int result = real(path, db);
+    // The semaphore of the library is all the locking that there is between the connections of this
+    // one process.
+    const int result = real(path, db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, "unix-none");
     if (result != SQLITE_OK || stat(path, &file) != 0) return result;
     sqlite3_exec(*db, "PRAGMA journal_mode = MEMORY; PRAGMA synchronous = OFF", nullptr, nullptr,
                  nullptr);

@@ -1,8 +1,6 @@
 // Makes and checks the states that a card can have when power goes. tests/powercut/run starts it in
 // a view of its own.
 
-#include <fcntl.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +16,7 @@
 
 #include "base/Omission.h"
 #include "powercut/Checks.h"
+#include "powercut/Program.h"
 #include "powercut/ReadFaults.h"
 #include "powercut/States.h"
 #include "powercut/Workload.h"
@@ -27,30 +26,6 @@ namespace {
 
 constexpr uint64_t kBetweenVolumeChecks = 250;
 FILE* g_report = stdout;
-
-// The library talks on standard output; the report goes where that was.
-void muteStandardOutput() {
-  const int report = dup(STDOUT_FILENO);
-  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  if (report < 0 || nowhere < 0 || dup2(nowhere, STDOUT_FILENO) < 0)
-    throw std::runtime_error("dup");
-  ::close(nowhere);
-  g_report = fdopen(report, "w");
-}
-
-// Threads that hand work to each other all the time do it faster on one processor.
-void stayOnProcessor(unsigned long slot) {
-  cpu_set_t mine;
-  if (sched_getaffinity(0, sizeof mine, &mine) != 0) return;
-  unsigned long skip = slot % static_cast<unsigned long>(CPU_COUNT(&mine));
-  for (int processor = 0; processor < CPU_SETSIZE; ++processor) {
-    if (!CPU_ISSET(processor, &mine) || skip-- > 0) continue;
-    CPU_ZERO(&mine);
-    CPU_SET(processor, &mine);
-    sched_setaffinity(0, sizeof mine, &mine);
-    return;
-  }
-}
 
 // Nothing depends on the zone: variants take turns in two of them, one with summer time.
 const char* zoneOf(const std::string& workload) {
@@ -235,7 +210,7 @@ Recorded recordWith(const Options& options) { return recordWorkload(options.work
 
 int run(int argc, char** argv) {
   const Options options = parse(argc, argv);
-  muteStandardOutput();
+  g_report = muteStandardOutput();
   setenv("TZ", zoneOf(options.workload), 1);
   tzset();
   const Recorded life = recordWith(options);
