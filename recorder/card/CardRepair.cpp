@@ -14,6 +14,7 @@
 #include "recorder/card/CardLock.h"
 #include "recorder/card/CardMap.h"
 #include "recorder/card/CardText.h"
+#include "recorder/card/DirectoryRepair.h"
 #include "recorder/card/FatTables.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/card/RootDirectory.h"
@@ -127,7 +128,9 @@ class Planner {
            attempt([this] { return info(InfoFrom::kCopy) && mendDirectory(); }) ||
            attempt([this] { return info(InfoFrom::kDirectory); }) ||
            attempt([this] { return info(InfoFrom::kItself) && mendDirectory(); }) ||
-           attempt([this] { return infoBehindRoot() && mendDirectory(); });
+           attempt([this] { return infoBehindRoot() && mendDirectory(); }) ||
+           attempt([this] { return info(InfoFrom::kCopy) && remakeDirectory(); }) ||
+           attempt([this] { return infoBehindRoot() && remakeDirectory(); });
   }
 
   bool attempt(const std::function<bool()>& prepare) {
@@ -268,6 +271,17 @@ class Planner {
         }
       }
     }
+    return true;
+  }
+
+  // Whole sectors of which nothing is left; what belongs there follows from the info file.
+  bool remakeDirectory() {
+    CardRepair::Changes sectors = lostDirectorySectors(*card_, map_);
+    if (sectors.empty()) return false;
+    const size_t count = sectors.size();
+    step("the root directory gets " + std::to_string(count) +
+             (count == 1 ? " sector" : " sectors") + " of entries anew, from the info file",
+         std::move(sectors));
     return true;
   }
 

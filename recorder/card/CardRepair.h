@@ -12,9 +12,9 @@ namespace tarn {
 // Mends what leads to the chunks of a card, from what stands on it twice: the boot sector and its
 // backup, the two FATs, the info file and its second copy. An info file that is nowhere whole is
 // made anew from names, sizes and clusters of all chunk files, and a directory entry from the info
-// file; the FAT must confirm both. A plan counts only when the card would pass CardGeometry's whole
-// look with it; nothing else is ever written. The chunks themselves are not touched: that is the
-// recovery's work.
+// file, also whole sectors of a directory that our formatter wrote; the FAT must confirm both. A
+// plan counts only when the card would pass CardGeometry's whole look with it; nothing else is ever
+// written. The chunks themselves are not touched: that is the recovery's work.
 //
 //   tarn::CardRepair repair;
 //   if (repair.plan(path, &error) != 0) ...            // nothing written yet

@@ -152,6 +152,37 @@ TEST_F(CardRepairTest, ADirectoryEntryBecomesAsTheInfoFileHasIt) {
   expectMended("the directory entry of CKPC0002 becomes as the info file has it\n");
 }
 
+TEST_F(CardRepairTest, AWholeSectorOfTheDirectoryIsMadeAnewFromTheInfoFile) {
+  Bytes noise(512);
+  for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<uint8_t>(i * 73 + 29);
+  uint64_t used = dataByte();
+  while (before_[static_cast<size_t>(used)] != 0) used += 512;
+  ASSERT_GT(used - dataByte(), 512u);
+  for (uint64_t sector = dataByte(); sector < used; sector += 512) {
+    for (const Bytes& damage : {Bytes(512, 0), Bytes(512, 0xFF), noise}) {
+      write(sector, damage);
+      ASSERT_FALSE(fits());
+      expectMended("the root directory gets 1 sector of entries anew, from the info file\n");
+    }
+  }
+  // Also without a second copy of the info file, when its own entry is there.
+  unseal();
+  write(dataByte() + 512, noise);
+  EXPECT_THAT(mend(), HasSubstr("1 sector of entries anew"));
+  EXPECT_TRUE(fits());
+  EXPECT_EQ(findings().total(), 0u) << texts();
+}
+
+TEST_F(CardRepairTest, ADirectoryOfWhichMostIsLostIsLeftAlone) {
+  uint64_t used = dataByte();
+  while (before_[static_cast<size_t>(used)] != 0) used += 512;
+  write(dataByte(), Bytes(static_cast<size_t>(used - dataByte()), 0x5A));
+  EXPECT_THAT(mend(), HasSubstr("error: "));
+  const Bytes kept = head();
+  EXPECT_THAT(mend(), HasSubstr("error: "));
+  EXPECT_TRUE(head() == kept);
+}
+
 TEST_F(CardRepairTest, WhatNothingConfirmsIsLeftAlone) {
   unseal();
   write(infoByte(), Bytes(760, 0));
