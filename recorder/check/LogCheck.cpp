@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "dblog/SyslogScan.h"
+#include "dblog/SyslogEnd.h"
 #include "recorder/card/LogBlock.h"
 #include "recorder/check/CardContents.h"
 #include "recorder/log/LogFormat.h"
@@ -45,10 +45,10 @@ class LogCheck {
 
   // Where a recovery would see the end.
   void checkEnd(uint32_t chunk, uint32_t free) {
-    SyslogScan scan;
-    char block[SyslogScan::kBlockSize + 1];
+    SyslogEnd scan;
+    char block[SyslogEnd::kBlockSize + 1];
     for (uint32_t at = 0; at < size_;) {
-      const uint32_t length = std::min<uint32_t>(SyslogScan::kBlockSize, size_ - at);
+      const uint32_t length = std::min<uint32_t>(SyslogEnd::kBlockSize, size_ - at);
       if (!card_.readChunk(kFileSyslog, chunk, at, block, length) ||
           !scan.addBlock(block, length)) {
         break;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/Export.h"
+#include "dblog/SyslogEnd.h"
 
 // A line of the system log on the card: "YYYY-MM-DDTHH:MM:SS text\n", local time. Pure functions of
 // text and time; where lines lie in a chunk is LogLayout's matter.
@@ -16,11 +17,9 @@ inline constexpr size_t kLogStampBytes = 19;  // "YYYY-MM-DDTHH:MM:SS"
 // The smallest piece that a card writes whole or not at all.
 inline constexpr uint32_t kLogSectorBytes = 512;
 
-// Stands behind the newest line, outside the text: a time that is older than that of any line, so
-// that the search for the end of the text stops exactly there.
-inline constexpr char kLogMark[] = "1970-01-02T00:00:00\n";
-// Stands for the mark at the very start of an empty chunk, where a time would begin a text.
-inline constexpr char kLogEmpty[] = "- no line so far --\n";
+// What the text of a chunk ends at; the search for its end knows them.
+inline constexpr const auto& kLogMark = kSyslogMark;
+inline constexpr const auto& kLogEmpty = kSyslogEmpty;
 inline constexpr uint32_t kLogMarkBytes = kLogStampBytes + 1;
 static_assert(sizeof kLogMark - 1 == kLogMarkBytes && sizeof kLogEmpty - 1 == kLogMarkBytes);
 

@@ -1,11 +1,17 @@
 #include "recorder/recovery/HeaderRepair.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
+#include <set>
+#include <string>
 
 #include "base/Omission.h"
 #include "base/Wrap.h"
 #include "dblog/CDbRestore.h"
+#include "fat/ChunkFiles.h"
 #include "manager/ManageFormat.h"
+#include "recorder/card/Source.h"
 #include "recorder/recording/RecordingIndex.h"
 #include "recorder/recovery/NativeRows.h"
 
@@ -19,7 +25,7 @@ constexpr char kSqlChunks[] =
     ")";
 constexpr uint32_t kStatusRepaired = 0x10000;
 
-enum class Verdict { kGood, kRewrite, kDelete, kUnreadable };
+enum class Verdict { kGood, kRewrite, kDelete, kLost, kUnreadable };
 
 // Bytes of a ring from one place to another.
 uint32_t distance(uint32_t from, uint32_t to, uint32_t ringSize) {
@@ -89,7 +95,7 @@ class HeaderCheck {
 
   Verdict compare() {
     if (!scan()) return Verdict::kUnreadable;
-    if (good_ == 0) return Verdict::kDelete;
+    if (good_ == 0) return isOverwritten() ? Verdict::kDelete : Verdict::kLost;
     expect();
     const bool same = headerGood_ && expected_.marker == present_.marker &&
                       expected_.firstNumber == present_.firstNumber &&
@@ -98,6 +104,15 @@ class HeaderCheck {
                       expected_.lastTime == present_.lastTime &&
                       expected_.pictures == present_.pictures && expected_.gops == present_.gops;
     return same ? Verdict::kGood : Verdict::kRewrite;
+  }
+
+  // Room is given free after its rows are deleted. A row whose room was used again came back by
+  // mistake.
+  bool isOverwritten() {
+    for (uint32_t i = 0; i < row_.recSize; ++i) {
+      if (index_.isForeign(i)) return true;
+    }
+    return false;
   }
 
   // Of what bad entries do not tell, a header that fits the others is believed.
@@ -150,6 +165,9 @@ bool planRow(const DB_STREAM& row, HeaderPlan* plan, RecoveryReport* report) {
     case Verdict::kDelete:
       plan->deletions.push_back(row);
       return false;
+    case Verdict::kLost:
+      plan->lost.push_back(row);
+      return false;
     case Verdict::kRewrite:
       plan->rewrites.push_back(row);
       break;
@@ -162,21 +180,31 @@ bool planRow(const DB_STREAM& row, HeaderPlan* plan, RecoveryReport* report) {
   return true;
 }
 
-bool isToGo(const DB_STREAM& row, const HeaderPlan& plan) {
-  return std::any_of(plan.deletions.begin(), plan.deletions.end(),
-                     [&row](const DB_STREAM& gone) { return gone.streamID == row.streamID; });
+bool has(const std::vector<DB_STREAM>& rows, const DB_STREAM& row) {
+  return std::any_of(rows.begin(), rows.end(),
+                     [&row](const DB_STREAM& one) { return one.streamID == row.streamID; });
+}
+
+bool isSettled(const DB_STREAM& row, const HeaderPlan& plan) {
+  return has(plan.deletions, row) || has(plan.lost, row);
+}
+
+// False when the database does not go along.
+bool endOfChunk(uint32_t chunk, bool oldest, const std::string& behind,
+                std::vector<DB_STREAM>* rows) {
+  return selectStreams(
+      "SELECT * FROM STREAM WHERE chunkID = " + std::to_string(chunk) + behind +
+          (oldest ? " ORDER BY streamID ASC LIMIT 1" : " ORDER BY streamID DESC LIMIT 1"),
+      rows);
 }
 
 // The oldest (or newest) row of a chunk, and the next one as long as rows must go.
 bool planEnd(uint32_t chunk, bool oldest, HeaderPlan* plan, RecoveryReport* report) {
-  const std::string head = "SELECT * FROM STREAM WHERE chunkID = " + std::to_string(chunk);
-  const std::string order =
-      oldest ? " ORDER BY streamID ASC LIMIT 1" : " ORDER BY streamID DESC LIMIT 1";
   std::string behind;
   for (;;) {
     std::vector<DB_STREAM> rows;
-    if (!selectStreams(head + behind + order, &rows)) return false;
-    if (rows.empty() || isToGo(rows[0], *plan) || planRow(rows[0], plan, report)) return true;
+    if (!endOfChunk(chunk, oldest, behind, &rows)) return false;
+    if (rows.empty() || isSettled(rows[0], *plan) || planRow(rows[0], plan, report)) return true;
     behind = (oldest ? " AND streamID > " : " AND streamID < ") + std::to_string(rows[0].streamID);
   }
 }
@@ -213,6 +241,42 @@ bool planHeaders(const std::vector<CHUNK_MANAGE>& chunks, HeaderPlan* plan,
     if (!planEnd(row.chunkID, true, plan, report) || !planEnd(row.chunkID, false, plan, report)) {
       return false;
     }
+  }
+  return true;
+}
+
+namespace {
+
+bool isPlaced(const DB_STREAM& row, bool oldest, const CHUNK_MANAGE& known) {
+  if (oldest) return known.pictureUseOffset == row.chunkOffset;
+  const uint32_t ring = ChunkSource(kFilePicture, row.chunkID, O_RDONLY).size();
+  return ring != 0 && known.pictureFreeOffset == ringAdvance(row.chunkOffset, row.chunkSize, ring);
+}
+
+// Only the ends of a chunk matter: what lies between is between.
+bool areEndsPlaced(uint32_t chunk, const std::vector<DB_STREAM>& lost, const CHUNK_MANAGE& known,
+                   bool* placed) {
+  *placed = known.chType >= 0;
+  for (const bool oldest : {true, false}) {
+    std::vector<DB_STREAM> rows;
+    if (!endOfChunk(chunk, oldest, "", &rows)) return false;
+    if (rows.empty() || !has(lost, rows[0])) continue;
+    *placed = *placed && isPlaced(rows[0], oldest, known);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool findUnplaced(const std::vector<DB_STREAM>& lost, const std::vector<CHUNK_MANAGE>& chunks,
+                  std::vector<uint32_t>* unplaced) {
+  std::set<uint32_t> numbers;
+  for (const DB_STREAM& row : lost) numbers.insert(row.chunkID);
+  for (const uint32_t chunk : numbers) {
+    if (chunk >= chunks.size()) continue;
+    bool placed = false;
+    if (!areEndsPlaced(chunk, lost, chunks[chunk], &placed)) return false;
+    if (!placed) unplaced->push_back(chunk);
   }
   return true;
 }

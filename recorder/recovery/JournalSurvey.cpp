@@ -49,6 +49,7 @@ class Scrub {
   void noteKey(const uint8_t* record, uint32_t position);
   void noteUnequal(const JournalCopies& copies, JournalCopy copy, uint32_t position);
   void count();
+  void countMissing(uint32_t savedFree);
   void makeEqual(JournalCopies* copies);
   void bridge();
   void eraseUnfinished(JournalCopies* copies);
@@ -73,7 +74,10 @@ class Scrub {
   std::vector<uint32_t> phantoms_;  // positions, these too:
   std::vector<uint32_t> unequal_;
   std::vector<uint32_t> bridged_;
-  std::vector<uint32_t> gap_;  // unreadable since the last valid record
+  std::vector<uint32_t> gap_;   // unreadable since the last valid record
+  std::vector<uint32_t> lost_;  // without a record, wherever
+  uint32_t lastWhole_ = 0;
+  uint32_t hole_ = UINT32_MAX;  // erased from there on
 };
 
 bool Scrub::open(const ChunkSource& source, int chunk) {
@@ -103,7 +107,17 @@ bool Scrub::look() {
     }
   }
   count();
+  countMissing(savedFree);
   return true;
+}
+
+// Behind the last record only the saved end tells that there were more. What is zeros, which have a
+// good checksum, is no record either.
+void Scrub::countMissing(uint32_t savedFree) {
+  const uint32_t end = std::max(lastWhole_, std::min(savedFree, original_.size()));
+  const auto lost = std::lower_bound(lost_.begin(), lost_.end(), end) - lost_.begin();
+  survey_->missing = static_cast<uint32_t>(lost);
+  if (hole_ < end) survey_->missing += (end - hole_) / traits_.recordSize;
 }
 
 // False at the journal's end, and where it cannot be read.
@@ -118,6 +132,7 @@ bool Scrub::lookAt(JournalCopies* copies, uint32_t position) {
   if (copy == JournalCopy::kNeither) {
     ++survey_->unreadable;
     gap_.push_back(position);
+    lost_.push_back(position);
     return true;
   }
   // A valid record behind what cannot be read: the journal goes on here.
@@ -130,11 +145,15 @@ bool Scrub::lookAt(JournalCopies* copies, uint32_t position) {
 // The rebuild ends at the first erased pair: a hole in front of records would hide them all.
 uint32_t Scrub::passHole(JournalCopies* copies, uint32_t position, uint32_t savedFree) {
   const uint32_t next = copies->nextAfterHole(position, savedFree);
-  if (next == copies->size()) return next;
+  if (next == copies->size()) {
+    hole_ = position;
+    return next;
+  }
   for (; position < next; position += traits_.recordSize) {
     ++survey_->records;
     ++survey_->unreadable;
     gap_.push_back(position);
+    lost_.push_back(position);
   }
   return next;
 }
@@ -143,6 +162,14 @@ void Scrub::take(const JournalCopies& copies, JournalCopy copy, uint32_t positio
   noteKey(copies.original(), position);
   noteKey(copies.mirror(), position);
   const uint8_t* record = copies.record();
+  const bool whole =
+      journalMarker(record) == traits_.liveMarker || journalMarker(record) == traits_.deletedMarker;
+  if (whole) {
+    ++survey_->whole;
+    lastWhole_ = position;
+  } else {
+    lost_.push_back(position);
+  }
   if (journalMarker(record) == traits_.liveMarker && inPlace(record, position)) {
     const uint32_t key = journalKey(record);
     if (key == 0) {
@@ -275,10 +302,12 @@ int scrubJournal(JournalKind kind, JournalSurvey* survey) {
   return 0;
 }
 
-int scrubJournals(JournalSurvey* events, JournalSurvey* streams) {
+int scrubJournals(JournalSurvey* events, JournalSurvey* streams,
+                  const std::function<bool()>& mayWrite) {
   Scrub ofEvents(JournalKind::kEvent, O_RDWR, events);
   Scrub ofStreams(JournalKind::kStream, O_RDWR, streams);
   if (!ofEvents.look() || !ofStreams.look()) return -1;
+  if (mayWrite != nullptr && !mayWrite()) return -1;
   ofEvents.mend();
   ofStreams.mend();
   return 0;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "base/Export.h"
 #include "dblog/JournalFormat.h"
 #include "recorder/recovery/StartUpReport.h"
@@ -22,7 +24,9 @@ TARN_API int surveyJournal(JournalKind kind, JournalSurvey* survey);
 // of it is changed. A copy that was refused is never written over.
 TARN_API int scrubJournal(JournalKind kind, JournalSurvey* survey);
 
-// scrubJournal() of both, and nothing of either is written unless both can be read.
-TARN_API int scrubJournals(JournalSurvey* events, JournalSurvey* streams);
+// scrubJournal() of both, and nothing of either is written unless both can be read and `mayWrite`,
+// where given, says so when they are; else -1.
+TARN_API int scrubJournals(JournalSurvey* events, JournalSurvey* streams,
+                           const std::function<bool()>& mayWrite = nullptr);
 
 }  // namespace tarn

@@ -161,7 +161,7 @@ bool Recovery::manageFile(FileType type, ManageRepair* repair, std::vector<CHUNK
 bool Recovery::blow(const FuseFinding& finding) {
   if (!finding.blown()) return true;
   const char* end = policy_ == FusePolicy::kStop    ? kFuseStop
-                    : policy_ == FusePolicy::kGuard ? kFuseGuard
+                    : policy_ == FusePolicy::kGuard ? (finding.isDone ? kFuseDone : kFuseGuard)
                                                     : kFuseAccepted;
   report_.fuse.push_back(finding.text + end);
   if (policy_ == FusePolicy::kStop) return fail(report_.fuse.back());
@@ -196,6 +196,28 @@ bool Recovery::fuseManageFiles(std::vector<CHUNK_MANAGE>* anew) {
   return true;
 }
 
+// Nothing of the journals was written yet. Where chunks are guarded an earlier start has gone on
+// without what the stream journal lost.
+bool Recovery::fuseJournals(const StartUp& startUp) {
+  const bool known =
+      std::any_of(channels_.begin(), channels_.end(),
+                  [](const CHUNK_MANAGE& record) { return isGuarded(record.chType); });
+  const FuseFinding finding = tarn::fuseJournals(
+      startUp.report().events, known ? JournalSurvey() : startUp.report().streams);
+  journalsLost_ = finding.blown();
+  return blow(finding);
+}
+
+// The rows that are missing had room in these chunks, and nobody knows which.
+bool Recovery::guardForgotten() {
+  std::vector<uint32_t> chunks;
+  std::string error;
+  if (!journalsLost_ || policy_ != FusePolicy::kGuard) return true;
+  if (!chunksOfMissing(channels_, &chunks, &error)) return fail(error);
+  guardChunks(chunks, &channels_);
+  return true;
+}
+
 // What an earlier start guards is given free only when a person says so.
 bool Recovery::fuseChunks() {
   if (policy_ == FusePolicy::kAccept) {
@@ -205,6 +227,7 @@ bool Recovery::fuseChunks() {
   }
   FuseFinding finding;
   std::string error;
+  if (!guardForgotten()) return false;
   if (!fuseLostChunks(channels_, report_.startUp.streams, &finding, &error)) return fail(error);
   if (!blow(finding)) return false;
   guardChunks(finding.chunks, &channels_);
@@ -215,17 +238,38 @@ bool Recovery::headers() {
   HeaderPlan plan;
   uint32_t rows = 0;
   if (!planHeaders(channels_, &plan, &report_)) return false;
-  if (!plan.deletions.empty() && !selectNumber("SELECT COUNT(*) FROM STREAM", &rows)) return false;
-  const FuseFinding finding = fuseDeletions(plan.deletions, rows);
+  std::vector<DB_STREAM> unreadable = plan.deletions;
+  unreadable.insert(unreadable.end(), plan.lost.begin(), plan.lost.end());
+  if (!unreadable.empty() && !selectNumber("SELECT COUNT(*) FROM STREAM", &rows)) return false;
+  const FuseFinding finding = fuseDeletions(unreadable, rows);
   if (!blow(finding)) return false;
   guardChunks(finding.chunks, &channels_);
   const auto guarded = [this](const DB_STREAM& row) {
     return row.chunkID < channels_.size() && isGuarded(channels_[row.chunkID].chType);
   };
-  for (auto* list : {&plan.rewrites, &plan.deletions}) {
+  for (auto* list : {&plan.rewrites, &plan.deletions, &plan.lost}) {
     list->erase(std::remove_if(list->begin(), list->end(), guarded), list->end());
   }
-  return applyHeaders(plan, &report_);
+  if (policy_ == FusePolicy::kAccept) {
+    plan.deletions.insert(plan.deletions.end(), plan.lost.begin(), plan.lost.end());
+    plan.lost.clear();
+  }
+  return keepLost(plan.lost) && applyHeaders(plan, &report_);
+}
+
+// Recordings of which nothing can be read any more, although they were closed: a sector went bad,
+// and what is behind it may come back. They keep their room until it is needed, as every other.
+// Where the management data do not tell which room that is, nobody gets any of the chunk.
+bool Recovery::keepLost(const std::vector<DB_STREAM>& lost) {
+  std::vector<uint32_t> unplaced;
+  if (!findUnplaced(lost, channels_, &unplaced)) return false;
+  for (const uint32_t chunk : unplaced) {
+    CHUNK_MANAGE& record = channels_[chunk];
+    record.chType = guardMark(record.chType);
+  }
+  for (const DB_STREAM& row : lost) report_.problems.push_back(nameOf(row) + kProblemLost);
+  lost_ = lost;
+  return true;
 }
 
 void Recovery::noteGuarded() {
@@ -248,7 +292,7 @@ bool Recovery::manageFiles() {
 // The image is judged by what the journals hold, and after a start from it they are as good as
 // after any other: a damaged copy is mended as long as there is a good one.
 bool Recovery::scrub(StartUp* startUp) {
-  const bool done = startUp->scrub();
+  const bool done = startUp->scrub([&] { return fuseJournals(*startUp); });
   for (const JournalSurvey* survey : {&startUp->report().events, &startUp->report().streams}) {
     if (survey->unread == 0) continue;
     report_.problems.push_back("the " + survey->unreadText + " cannot be read (" +
@@ -292,7 +336,7 @@ bool Recovery::database() {
   StartUp startUp;
   const bool scrubbed = scrub(&startUp);
   report_.startUp = startUp.report();
-  if (!scrubbed) return fail(report_.startUp.error);
+  if (!scrubbed) return fail(report_.startUp.error);  // but for what the fuse has said
   if (!restoreImage(startUp)) {
     if (!report_.ok()) return false;
     report_.startUp = startUp.rebuild();
@@ -310,7 +354,7 @@ bool Recovery::manageData() {
   const int channels = omitted(Omit::kChannels) ? 0 : static_cast<int>(channels_.size());
   return (omitted(Omit::kJournalFreeOffset) || restore.recoverJournalManage() == 0) &&
          (omitted(Omit::kStreamManage) ||
-          restore.recoverStreamManage(channels_.data(), channels) == 0) &&
+          restore.recoverStreamManage(channels_.data(), channels, lost_) == 0) &&
          (omitted(Omit::kSyslogManage) || syslogManage(&restore));
 }
 
@@ -372,6 +416,8 @@ void Recovery::keepChanges(const RecoveryReport& before) {
 
 void Recovery::attempt() {
   report_ = RecoveryReport();
+  lost_.clear();
+  journalsLost_ = false;
   std::string error;
   if (!keepServerOut(kErrServerRuns, &error)) {
     report_.refused = true;

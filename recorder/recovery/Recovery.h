@@ -11,6 +11,7 @@
 #include "recorder/recovery/RecoveryReport.h"
 
 class CDbRestore;
+struct DB_STREAM;
 
 namespace tarn {
 
@@ -64,6 +65,9 @@ class TARN_API Recovery {
   bool fuseManageFiles(std::vector<CHUNK_MANAGE>* anew);
   bool fuseChunks();
   bool headers();
+  bool keepLost(const std::vector<DB_STREAM>& lost);
+  bool fuseJournals(const StartUp& startUp);
+  bool guardForgotten();
   bool blow(const FuseFinding& finding);
   void guardChunks(const std::vector<uint32_t>& chunks, std::vector<CHUNK_MANAGE>* records) const;
   void noteGuarded();
@@ -83,6 +87,8 @@ class TARN_API Recovery {
   RecoveryReport report_;
   // Of the stream chunks, as they were found, but for the marks of guarded ones.
   std::vector<CHUNK_MANAGE> channels_;
+  bool journalsLost_ = false;    // in part, and the fuse let it pass
+  std::vector<DB_STREAM> lost_;  // rows that stay although nothing of them can be read
 };
 
 }  // namespace tarn

@@ -3,14 +3,17 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 
+#include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
 #include "manager/ManageFormat.h"
 #include "recorder/card/Source.h"
 #include "recorder/recording/RecordFormat.h"
+#include "recorder/recovery/NativeRows.h"
 #include "recorder/recovery/RecoveryMessages.h"
 #include "recorder/rows/JournalCopies.h"
 
@@ -18,6 +21,9 @@ namespace tarn {
 namespace {
 
 constexpr char kSqlChunksWithRows[] = "SELECT DISTINCT chunkID FROM STREAM";
+constexpr char kSqlNewestOfChunks[] =
+    "SELECT * FROM STREAM WHERE streamID IN ( SELECT MAX( streamID ) FROM STREAM GROUP BY chunkID "
+    ")";
 // Read of a picture chunk where a recording would begin: 127 entries.
 constexpr uint32_t kProofBytes = 4096;
 
@@ -126,6 +132,67 @@ std::vector<LostChunk> candidates(const std::vector<CHUNK_MANAGE>& known,
 bool isMuch(size_t lost, size_t kept) { return lost > kept || isBulk(lost, lost + kept); }
 
 }  // namespace
+
+namespace {
+
+bool isMissingMuch(const JournalSurvey& survey) {
+  return isBulk(survey.missing, survey.whole + survey.missing);
+}
+
+std::string missingText(const JournalSurvey& survey, const char* journal, const char* what) {
+  const uint32_t places = survey.whole + survey.missing;
+  return plural(survey.missing, "record") + " of " + std::to_string(places) + " in the " + journal +
+         " journal would be given up, and the " + what +
+         " that they stood for forgotten, because they are bad in both copies";
+}
+
+// Behind the newest row of each chunk; where the chunk is free from by the management data there is
+// nothing.
+std::map<uint32_t, uint32_t> endsOfChunks(const std::vector<DB_STREAM>& newest,
+                                          const std::vector<CHUNK_MANAGE>& known) {
+  std::map<uint32_t, uint32_t> ends;
+  for (const DB_STREAM& row : newest) {
+    if (row.chunkID >= known.size()) continue;
+    const uint32_t ring = ChunkSource(kFilePicture, row.chunkID, O_RDONLY).size();
+    if (ring == 0) continue;
+    const uint32_t end = ringAdvance(row.chunkOffset, row.chunkSize, ring);
+    if (end != known[row.chunkID].pictureFreeOffset) ends[row.chunkID] = end;
+  }
+  return ends;
+}
+
+}  // namespace
+
+FuseFinding fuseJournals(const JournalSurvey& events, const JournalSurvey& streams) {
+  FuseFinding finding;
+  finding.isDone = true;
+  if (isMissingMuch(events)) finding.text = missingText(events, "event", "events");
+  if (streams.greatestKey == 0 || !isMissingMuch(streams)) return finding;
+  finding.text += (finding.text.empty() ? "" : "; ") + missingText(streams, "stream", "recordings");
+  return finding;
+}
+
+bool chunksOfMissing(const std::vector<CHUNK_MANAGE>& known, std::vector<uint32_t>* chunks,
+                     std::string* error) {
+  std::set<uint32_t> keys;
+  if (!keysOfJournal(&keys, error)) return false;
+  std::vector<DB_STREAM> newest;
+  if (!selectStreams(kSqlNewestOfChunks, &newest)) {
+    *error = kErrFuseRows;
+    return false;
+  }
+  const std::map<uint32_t, uint32_t> ends = endsOfChunks(newest, known);
+  for (uint32_t chunk = 0; chunk < known.size(); ++chunk) {
+    if (known[chunk].chType < 0) continue;
+    const auto end = ends.find(chunk);
+    const uint32_t first = provenKey(chunk, known[chunk].pictureUseOffset);
+    const uint32_t last = end == ends.end() ? 0 : provenKey(chunk, end->second);
+    const bool unknown =
+        (first != 0 && keys.count(first) == 0) || (last != 0 && keys.count(last) == 0);
+    if (unknown) chunks->push_back(chunk);
+  }
+  return true;
+}
 
 bool fuseWithoutManagement(uint32_t chunks, FuseFinding* finding, std::string* error) {
   JournalSurvey streams;

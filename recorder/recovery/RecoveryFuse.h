@@ -19,6 +19,8 @@ struct FuseFinding {
   std::string text;              // what would be done, and why; empty: the fuse holds
   std::vector<uint32_t> chunks;  // that it is about, ascending
 
+  bool isDone = false;  // also by a recorder that goes on unattended
+
   bool blown() const { return !text.empty(); }
 };
 
@@ -29,6 +31,18 @@ constexpr bool isBulk(size_t count, size_t of) { return count > 2 && count > of 
 // the stream journal holds no recording at all, live or deleted, and `chunks` first chunks' picture
 // entries say that there were. False, with *error, when the device does not tell.
 bool fuseWithoutManagement(uint32_t chunks, FuseFinding* finding, std::string* error);
+
+// Before anything is written to the journals: blown when many of their records are gone in both
+// copies. The journal goes on without them, and their places are written over. A stream journal of
+// which nothing is left at all is the matter of the next two, which know what pictures there are.
+FuseFinding fuseJournals(const JournalSurvey& events, const JournalSurvey& streams);
+
+// After the replay of a stream journal that lost records: all chunks in use by the management data
+// as it was found that hold, where their oldest data is or behind their newest row, entries of a
+// recording that the journal does not know, not even as deleted. False, with *error, when database
+// or device do not tell.
+bool chunksOfMissing(const std::vector<CHUNK_MANAGE>& known, std::vector<uint32_t>* chunks,
+                     std::string* error);
 
 // After the replay: chunks in use by the management data as it was found that no row names, and
 // that begin with entries of a recording whose record the journals have lost; a record that was

@@ -34,9 +34,17 @@ inline constexpr char kFuseStop[] =
     "goes on and does it, \"recover --unattended\" goes on and guards those chunks";
 inline constexpr char kFuseGuard[] =
     "; it was not done, the chunks are guarded until \"tarn recover --accept\"";
+inline constexpr char kFuseDone[] =
+    "; it was done, and chunks with recordings that have no record are guarded until \"tarn "
+    "recover "
+    "--accept\"";
 // Before the numbers.
 inline constexpr char kProblemGuarded[] =
     "guarded until \"tarn recover --accept\", nothing is recorded into them: stream chunks ";
+// Behind a recording's name.
+inline constexpr char kProblemLost[] =
+    ": nothing of its header and entries can be read; it stays until its room is needed, or until "
+    "\"tarn recover --accept\"";
 inline constexpr char kFuseAccepted[] = "; it was accepted";
 
 // What keeps the database from being saved at a clean stop.

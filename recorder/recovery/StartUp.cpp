@@ -44,13 +44,13 @@ bool StartUp::makeDatabase() {
          fail(StartUpReport::kEmptyDatabase, error);
 }
 
-bool StartUp::scrub() {
+bool StartUp::scrub(const std::function<bool()>& mayWrite) {
   scrubbed_ = true;
   JournalSurvey& events = report_.events;
   JournalSurvey& streams = report_.streams;
   const bool done = omitted(Omit::kScrub) ? surveyJournal(JournalKind::kEvent, &events) == 0 &&
                                                 surveyJournal(JournalKind::kStream, &streams) == 0
-                                          : scrubJournals(&events, &streams) == 0;
+                                          : scrubJournals(&events, &streams, mayWrite) == 0;
   if (done) return true;
   const std::string& reason = events.error.empty() ? streams.error : events.error;
   return fail(StartUpReport::kSurvey, reason.empty() ? kErrSurvey : reason);

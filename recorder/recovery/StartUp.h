@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "base/Export.h"
@@ -18,7 +19,9 @@ class TARN_API StartUp {
 
   // run() in two parts, for whoever may have the database from elsewhere: the journals made equal
   // and counted (report() tells what they hold), and all the rest. False when it failed.
-  bool scrub();
+  // `mayWrite`, where given, is asked when both were looked through and nothing was written yet;
+  // the report has what they hold. When it refuses this fails without a reason of its own.
+  bool scrub(const std::function<bool()>& mayWrite = nullptr);
   StartUpReport rebuild();
   const StartUpReport& report() const { return report_; }
 

@@ -11,6 +11,8 @@ struct JournalSurvey {
   uint32_t live = 0;         // places with a live record in the copy that counts
   uint32_t liveKeys = 0;     // different keys of those: as many rows as a rebuild must give
   uint32_t unreadable = 0;   // places without a valid record in either copy
+  uint32_t whole = 0;        // places with a live or deleted record
+  uint32_t missing = 0;      // without one, in front of one or of the saved end: one stood there
   uint32_t greatestKey = 0;  // of all live and deleted records of both copies; 0 without any
   uint32_t newestKey = 0;    // of the live records; 0 without any
   uint32_t newestPlace = 0;  // its byte position

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "base/Export.h"
 #include "db/DbRecords.h"
@@ -85,10 +86,14 @@ class TARN_API CDbRestore {
   // guarded one (manager/ManageFormat.h) becomes what known[chunk] says. In one save, so that power
   // lost meanwhile cannot take the channels.
   int recoverStreamManage(const CHUNK_MANAGE* known, int count);
+  // And of rows whose header tells nothing any more, although the device gives it: where they are the
+  // oldest or newest of their chunk, their data begins and ends where `known` says.
+  int recoverStreamManage(const CHUNK_MANAGE* known, int count,
+                          const std::vector<DB_STREAM>& headerless);
   int recoverSyslogManage();
   // The same, but what the device refuses is asked for again, and when it stays refused nothing is
   // saved and *unread says where: the saved end is older, and who writes on follows the lines that
-  // are behind it.
+  // are behind it. Damaged lines do not end the text where good ones follow (dblog/SyslogEnd.h).
   int recoverSyslogManage(std::string* unread);
   // Number of the chunk being written of a log type, and the move to the next one, which begins
   // empty. Only type 0 exists. The move is not saved.

@@ -14,6 +14,7 @@
 #include "dblog/CheckedSql.h"
 #include "dblog/RepairMessages.h"
 #include "dblog/RestoreStores.h"
+#include "dblog/SyslogEnd.h"
 #include "dblog/SyslogScan.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManagerNative.h"
@@ -82,10 +83,12 @@ uint32_t ringBack(uint32_t offset, uint32_t size, uint32_t areaSize) {
 
 class StreamManageRecovery {
  public:
-  // A header is asked for `tries` times.
-  StreamManageRecovery(CTARNStreamManagerNative* store, int tries)
+  // A header is asked for `tries` times, and not at all of the rows `headerless`.
+  StreamManageRecovery(CTARNStreamManagerNative* store, int tries,
+                       const std::vector<DB_STREAM>& headerless)
       : store_(store),
         tries_(tries),
+        headerless_(headerless),
         pictureSize_(tarn::low32(store->getChunkSize(kPictureArea))),
         streamSize_(tarn::low32(store->getChunkSize(kStreamArea))) {}
 
@@ -103,8 +106,9 @@ class StreamManageRecovery {
     }
   }
 
-  // -1 when a query fails.
-  int recover(short chunk) {
+  // -1 when a query fails. `known`: null where nothing is known.
+  int recover(short chunk, const CHUNK_MANAGE* known) {
+    known_ = known;
     blind_ = oldestRead_ = false;
     if (select(kSqlOldestInChunk, chunk) != 0) return -1;
     if (database_.getNTuple() == 0) return 0;
@@ -169,6 +173,11 @@ class StreamManageRecovery {
     uint8_t header[tarn::kPictureRecordSize];
     store_->setChType(chunk, 0, 0);
     store_->setUsage(chunk, chunkOffset, kPictureArea);
+    if (isHeaderless(chunk, chunkOffset)) {
+      oldestRead_ = true;
+      store_->setUsage(chunk, known_->streamUseOffset, kStreamArea);
+      return true;
+    }
     if (!readHeader(chunk, chunkOffset, header)) {
       blind_ = true;
       return false;
@@ -182,6 +191,10 @@ class StreamManageRecovery {
     uint8_t header[tarn::kPictureRecordSize];
     store_->setFree(chunk, areaEnd(chunkOffset, chunkSize, pictureSize_), kPictureArea);
     blind_ = chunkSize == 0;  // a closed row has a header and an entry at least
+    if (isHeaderless(chunk, chunkOffset)) {
+      store_->setFree(chunk, known_->streamFreeOffset, kStreamArea);
+      return;
+    }
     if (!readHeader(chunk, chunkOffset, header)) {
       blind_ = true;
       return;
@@ -192,8 +205,17 @@ class StreamManageRecovery {
                     kStreamArea);
   }
 
+  bool isHeaderless(short chunk, uint32_t chunkOffset) const {
+    return known_ != nullptr &&
+           std::any_of(headerless_.begin(), headerless_.end(), [&](const DB_STREAM& row) {
+             return row.chunkID == static_cast<uint16_t>(chunk) && row.chunkOffset == chunkOffset;
+           });
+  }
+
   CTARNStreamManagerNative* store_;
   const int tries_;
+  const std::vector<DB_STREAM>& headerless_;
+  const CHUNK_MANAGE* known_ = nullptr;
   uint32_t pictureSize_;
   uint32_t streamSize_;
   CTARNStreamChunk picture_{0};
@@ -208,13 +230,14 @@ int saveAndClose(CTARNStreamManagerNative* store) {
   return 0;
 }
 
-// As below, but only of text that the device gave. False, with *end where it gave nothing.
+// As below, but past what is damaged, and only of text that the device gave. False, with *end where
+// it gave nothing.
 bool syslogEnd(CTARNEndlessChunk* chunk, uint32_t size, uint32_t* end) {
-  tarn::SyslogScan scan;
-  char block[tarn::SyslogScan::kBlockSize + 1];
+  tarn::SyslogEnd scan;
+  char block[tarn::SyslogEnd::kBlockSize + 1];
   for (uint32_t position = 0; position < size;) {
     const uint32_t length =
-        std::min(static_cast<uint32_t>(tarn::SyslogScan::kBlockSize), size - position);
+        std::min(static_cast<uint32_t>(tarn::SyslogEnd::kBlockSize), size - position);
     *end = position;
     const bool given = readPatiently(kTries, [&] {
       return chunk->seek(static_cast<long>(position), SEEK_SET) >= 0 &&
@@ -244,18 +267,24 @@ uint32_t syslogEnd(CTARNEndlessChunk* chunk) {
 int CDbRestore::recoverStreamManage() { return recoverStreamManage(nullptr, 0); }
 
 int CDbRestore::recoverStreamManage(const CHUNK_MANAGE* known, int count) {
+  return recoverStreamManage(known, count, {});
+}
+
+int CDbRestore::recoverStreamManage(const CHUNK_MANAGE* known, int count,
+                                    const std::vector<DB_STREAM>& headerless) {
   CTARNStreamManagerNative store;
   if (tarn::openForRestore(&store) != 0) return -1;
-  StreamManageRecovery recovery(&store, known != nullptr ? kTries : 1);
+  StreamManageRecovery recovery(&store, known != nullptr ? kTries : 1, headerless);
   if (known != nullptr && !recovery.hasSizes()) return -1;
   recovery.reset();
   for (int chunk = 0; chunk < store.numChunk(); ++chunk) {
-    if (known != nullptr && chunk < count && tarn::isGuarded(known[chunk].chType)) {
-      recovery.keep(static_cast<short>(chunk), known[chunk]);
+    const CHUNK_MANAGE* before = known != nullptr && chunk < count ? &known[chunk] : nullptr;
+    if (before != nullptr && tarn::isGuarded(before->chType)) {
+      recovery.keep(static_cast<short>(chunk), *before);
       continue;
     }
-    if (recovery.recover(static_cast<short>(chunk)) != 0) return -1;
-    if (known != nullptr && chunk < count) recovery.guard(static_cast<short>(chunk), known[chunk]);
+    if (recovery.recover(static_cast<short>(chunk), before) != 0) return -1;
+    if (before != nullptr) recovery.guard(static_cast<short>(chunk), *before);
   }
   for (int chunk = 0; chunk < store.numChunk() && chunk < count; ++chunk) {
     recovery.setChannel(static_cast<short>(chunk), known[chunk]);

@@ -555,7 +555,7 @@ TEST_F(CardCheckTest, FindsALogThatDoesNotEndWhereItShould) {
     const Undo undo(this);
     write(text + 24, Bytes(3, '#'));
     findings();
-    EXPECT_EQ(check_.findings().total(), 2u);
+    EXPECT_EQ(check_.findings().total(), 1u) << "the text ends where it did";
     EXPECT_THAT(texts(), HasSubstr("log: system log: 1 lines of chunk 0 have no time\n"));
   }
   {

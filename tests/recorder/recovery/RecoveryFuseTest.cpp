@@ -226,6 +226,89 @@ TEST_F(RecoveryFuseTest, AcceptedClosedRecordingsWithoutEntriesAreDeleted) {
   EXPECT_EQ(report.streamRows, 0u);
 }
 
+// Both copies of `count` records of a journal, from the `first` on.
+void spoilRecords(RecoveryRig& rig, int journal, uint32_t recordSize, uint32_t first,
+                  uint32_t count, uint8_t byte) {
+  for (const int chunk : {journal, journal + 1})
+    rig.card.writeChunk(tarn::kFileJournal, chunk, first * recordSize,
+                        Bytes(count * recordSize, byte));
+}
+
+constexpr uint32_t kEvents = 12;
+
+void recordEvents() {
+  tarn::RecordingSession session;
+  ASSERT_TRUE(openSession(session));
+  ASSERT_TRUE(writePictures(session, 0, 50));
+  for (uint32_t i = 0; i < kEvents; ++i) {
+    const uint32_t event = session.beginEvent(3, pictureTime(i), 0);
+    ASSERT_EQ(session.endEvent(event, pictureTime(i + 10)), 0);
+  }
+  ASSERT_EQ(session.close(), 0);
+}
+
+// Most of the records, also all of them, and whatever stands there now.
+TEST_F(RecoveryFuseTest, AnEventJournalThatLostManyRecordsStopsAStart) {
+  recordEvents();
+  rig.powerOff();
+  ASSERT_TRUE(boot(FusePolicy::kStop).ok());
+  const Bytes good = rig.cardBytes();
+  for (const int byte : {0x5A, 0x00, 0xFF}) {
+    for (const auto& [first, count] : {std::pair{4u, 4u}, std::pair{0u, kEvents}}) {
+      spoilRecords(rig, 0, 32, first, count, static_cast<uint8_t>(byte));
+      const Bytes damaged = rig.cardBytes();
+      RecoveryReport report = boot(FusePolicy::kStop);
+      EXPECT_THAT(report.error, HasSubstr(std::to_string(count) + " records of 12 in the event "
+                                                                  "journal would be given up"))
+          << byte;
+      EXPECT_TRUE(rig.cardBytes() == damaged);
+
+      report = boot(FusePolicy::kGuard);
+      EXPECT_TRUE(report.ok()) << report.error;
+      EXPECT_EQ(report.eventRows, kEvents - count);
+      EXPECT_EQ(report.fuse.size(), 1u);
+      rig.setCard(good);
+    }
+  }
+  ASSERT_TRUE(boot(FusePolicy::kStop).ok());
+  EXPECT_EQ(allEvents().size(), size_t{kEvents});
+}
+
+TEST_F(RecoveryFuseTest, OneRecordThatIsBadInBothCopiesIsNoReasonToStop) {
+  recordEvents();
+  rig.powerOff();
+  spoilRecords(rig, 0, 32, 3, 1, 0x5A);
+  const RecoveryReport report = boot(FusePolicy::kStop);
+  EXPECT_TRUE(report.ok()) << report.error;
+  EXPECT_EQ(report.eventRows, kEvents - 1);
+}
+
+TEST_F(RecoveryFuseTest, AStreamJournalThatLostAPartStopsAStartAndItsChunksAreGuarded) {
+  for (uint32_t i = 0; i < 5; ++i) rig.record(i * 100, i * 100 + 30);
+  const uint32_t chunk = allStreams()[0].chunkID;
+  rig.powerOff();
+  ASSERT_TRUE(boot(FusePolicy::kStop).ok());
+  const Bytes good = rig.cardBytes();
+  spoilRecords(rig, 2, 64, 0, 3, 0x5A);
+  const Bytes damaged = rig.cardBytes();
+  RecoveryReport report = boot(FusePolicy::kStop);
+  EXPECT_THAT(report.error, HasSubstr("3 records of 5 in the stream journal would be given up"));
+  EXPECT_TRUE(rig.cardBytes() == damaged);
+
+  report = boot(FusePolicy::kGuard);
+  ASSERT_TRUE(report.ok()) << report.error;
+  EXPECT_EQ(report.streamRows, 2u);
+  EXPECT_THAT(report.guarded, ElementsAre(chunk));
+  expectASecondRunToChangeNothing(FusePolicy::kGuard);
+  const uint64_t from = rig.card.chunkStart(tarn::kFileStream, static_cast<int>(chunk));
+  const auto data = good.begin() + static_cast<std::ptrdiff_t>(from);
+  rig.startServer();
+  for (uint32_t round = 1; round < 8; ++round) rig.record(round * 1000, round * 1000 + 250);
+  rig.powerOff();
+  EXPECT_TRUE(rig.card.readChunk(tarn::kFileStream, static_cast<int>(chunk), 0, 5 * 30 * 800) ==
+              Bytes(data, data + 5 * 30 * 800));
+}
+
 TEST_F(RecoveryFuseTest, MoreThanTwoAndMoreThanATenthIsBulk) {
   EXPECT_FALSE(tarn::isBulk(0, 0));
   EXPECT_FALSE(tarn::isBulk(2, 2));
