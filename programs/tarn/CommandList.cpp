@@ -6,6 +6,7 @@
 #include "Console.h"
 #include "RecorderDatabase.h"
 #include "db/CApiDb.h"
+#include "recorder/card/CardGeometry.h"
 
 namespace tarn {
 namespace {
@@ -71,6 +72,13 @@ class CommandList : public Command {
   }
 
   int run() override {
+    // Rows of a card that contradicts itself lead nowhere. Of one that cannot be read right now the
+    // rows are all that there is to see.
+    const GeometryReport geometry = CardGeometry::verifyRecorder();
+    if (geometry.verdict == Delivery::kBad) {
+      complain(geometry.text);
+      return kExitFailed;
+    }
     if (databaseIsGood(&error_)) {
       db_ = std::make_unique<CApiDb>();
       if (what_ == "events" ? listEvents() : listStreams()) return kExitGood;

@@ -107,5 +107,22 @@ TEST_F(TarnDatabaseTest, ThatIsWholeHasWhatIsAskedForOrNot) {
   EXPECT_EQ(tarn("export --event 0 -o /tmp/out.h264").output, "tarn: there is no event 0\n");
 }
 
+// What the rows point at cannot be what they mean.
+TEST_F(TarnDatabaseTest, OfACardThatContradictsItselfIsNotListed) {
+  makeDatabase();
+  ASSERT_EQ(tarn("format /dev/sdblk0p1 --size 64M").exitCode, 0);
+  EXPECT_EQ(tarn("list | wc -l").output, "3001\n");
+  // The first is in the second copy of the info file, the second in the root directory.
+  ASSERT_EQ(shell("printf X | dd of=/dev/sdblk0p1 bs=1 conv=notrunc seek=$(($(grep -abo CKST0000 "
+                  "/dev/sdblk0p1 | sed -n 2p | cut -d: -f1) + 3))")
+                .exitCode,
+            0);
+  expectError("list", "CKST0000");
+  expectError("list --json", "CKST0000");
+  // A card that is away tells nothing against its rows.
+  ASSERT_EQ(shell("rm /dev/sdblk0p1").exitCode, 0);
+  EXPECT_EQ(tarn("list | wc -l").output, "3001\n");
+}
+
 }  // namespace
 }  // namespace tarn_test
