@@ -3,17 +3,10 @@
 
 #include "dblog/CDbRestore.h"
 #include "fuzz/FuzzCard.h"
-#include "fuzz/Muted.h"
 #include "recorder/check/CardCheck.h"
 #include "recorder/log/LogFormat.h"
 
 using namespace tarn_fuzz;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  muteStandardOutput();
-  FuzzCard::get();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -1,16 +1,9 @@
 // Management files, both copies: opened, repaired and served.
 #include "fuzz/FuzzCard.h"
-#include "fuzz/Muted.h"
 #include "recorder/recovery/ManageFileRepair.h"
 #include "recorder/server/ManagementStores.h"
 
 using namespace tarn_fuzz;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  muteStandardOutput();
-  FuzzCard::get();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzCard& card = FuzzCard::get();

@@ -4,17 +4,10 @@
 
 #include "fat/ChunkFiles.h"
 #include "fuzz/FuzzCard.h"
-#include "fuzz/Muted.h"
 #include "recorder/rows/DatabaseSetup.h"
 #include "recorder/server/ManagementStores.h"
 
 using namespace tarn_fuzz;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  muteStandardOutput();
-  FuzzCard::get();
-  return 0;
-}
 
 // 32 bytes of the input are the words of a request; the rest of a packet is not used. Nearly all of
 // them are about the recorder's card: others are refused at once.

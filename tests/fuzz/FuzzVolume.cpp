@@ -5,17 +5,10 @@
 #include "fat/CFATAccess.h"
 #include "fat/ChunkFiles.h"
 #include "fuzz/FuzzCard.h"
-#include "fuzz/Muted.h"
 #include "recorder/card/CardInfo.h"
 #include "recorder/check/CardCheck.h"
 
 using namespace tarn_fuzz;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  muteStandardOutput();
-  FuzzCard::get();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzCard& card = FuzzCard::get();
