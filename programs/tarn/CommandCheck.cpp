@@ -230,6 +230,8 @@ class CommandCheck : public Command {
       exitCode = view.run(card_, {"recover"}, {}, &error);
     }
     if (exitCode < 0) complain(error);
+    if (exitCode > 128)
+      complain(fmt::format("the recovery was ended by signal {}", exitCode - 128));
     return exitCode == kExitGood;
   }
 

@@ -23,6 +23,13 @@ struct Stamp {
 inline bool isKeyPicture(uint32_t index) { return index % kGroup == 0; }
 std::vector<uint8_t> pictureBytes(const Stamp& stamp);
 tarn::PictureTime pictureTime(uint32_t session, uint32_t index);
+// Whether a recording is of the clip of real video, which says nothing of itself: it begins between
+// those of sessions.
+inline bool isClip(uint32_t startDate) {
+  constexpr uint32_t kFrom = 1700020000;
+  constexpr uint32_t kTo = 1700050000;
+  return startDate >= kFrom && startDate < kTo;
+}
 // What a picture says of itself; false when it says nothing.
 bool readStamp(const std::vector<uint8_t>& bytes, Stamp* stamp);
 

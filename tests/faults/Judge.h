@@ -55,6 +55,8 @@ class Judge {
   std::map<uint32_t, uint32_t> triggers_;                     // of changed rows
   std::set<uint32_t> deleted_, eventsDeleted_;
   std::vector<uint32_t> logLines_;
+  uint32_t clipSafe_ = 0;  // pictures of the clip that was recorded
+  uint32_t clipFound_ = 0;
   std::vector<DB_STREAM> rows_;
   uint32_t newSession_ = 0;
 };

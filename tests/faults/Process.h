@@ -25,7 +25,8 @@ struct Ending {
 pid_t newGroup();
 // The process, a member of this process's group `group` (0: this process's).
 pid_t launch(const Launch& how, pid_t group);
-// Waits; what does not end in time is killed and hangs.
+// Waits; what does not end is killed and hangs: when nothing of the view has run for the limit, or
+// when it has used the processors for longer.
 Ending await(pid_t pid, int limitMs);
 // Kills what is left of a group that launch() made, and reaps every child of this process.
 void endGroup(pid_t group);

@@ -172,6 +172,9 @@ int misbehave(const std::string& how) {
   if (how == "silent") return 3;
   if (how == "crash") abort();
   while (how == "hang") pause();
+  volatile bool spins = how == "spin";
+  while (spins) {
+  }
   if (how == "early") promise("done, but not as it should be\n");
   if (how == "differ") printf("something else\n");
   if (how == "scribble") {

@@ -10,28 +10,10 @@
 #include "Cases.h"
 #include "Plan.h"
 #include "Process.h"
+#include "Programs.h"
 #include "Scene.h"
 
 namespace faults {
-
-// What is known of a program that faults are tried on.
-struct Program {
-  enum class Kind {
-    kChanges,  // it changes the card: a judge looks at what became of it
-    kReads,    // it leaves the card as it is, and prints the same each time or fails
-    kServes,   // the management server, beside a recorder
-    kFormats,  // it makes a card
-  };
-  std::string name;
-  std::string scene;
-  Kind kind = Kind::kChanges;
-  bool beside = false;  // beside a management server
-  std::vector<std::string> arguments;
-  std::string input;
-  std::string wholeLife;  // what it has promised when it ended well
-  std::vector<std::string> promisesAtEnd;
-  int findsByCode = 0;  // exit status that says: there is something on standard output
-};
 
 // Runs programs with faults in a view of the machine that is its own (tests/support/view).
 class Rig {
@@ -59,10 +41,10 @@ class Rig {
   Launch with(const std::vector<std::string>& arguments, bool faulty) const;
   std::string must(const std::vector<std::string>& arguments);
   std::string makeScenes();
-  std::vector<std::string> formatArguments() const;
+  std::string makeClip();
+  void promiseWhatWasSaid();
   bool seesBrokenPromise(const std::string& promise, bool loseOldest);
   bool seesOtherByte();
-  void definePrograms();
   void begin(const Program& program, const Case& fault, uint32_t speed);
   pid_t startServer(bool faulty, bool* ready);
   std::string stopServer(pid_t server, bool faulty, const Case& fault);
@@ -85,6 +67,7 @@ class Rig {
   bool verbose_ = false;
   int limitMs_ = kLimitMs;  // of what takes longer it is said that it hangs
   bool strict_ = true;
+  int goodCode_ = 0;  // exit status of the program at hand when all is well
   std::map<std::string, Scene> scenes_;
   std::vector<Program> programs_;
   std::map<std::string, std::array<uint32_t, kOps>> counts_;

@@ -99,9 +99,12 @@ int runAll(Rig* rig, const Options& options) {
     std::vector<Case> cases = casesOf(program.name, rig->counts(program.name));
     if (!options.all) cases = sampleOf(cases);
     Tally tally;
+    size_t number = 0;
     for (const Case& fault : cases) {
+      if (!options.all && number++ % program.sampleEvery != 0) continue;
       if (!options.op.empty() && options.op != kOpNames[fault.op]) continue;
-      if (fault.op == kMemory && fault.number % options.every != 0) continue;
+      if (fault.op == kMemory && fault.number % (options.every * program.memoryEvery) != 0)
+        continue;
       if (turn++ % options.parts != options.part) continue;
       if (options.list) {
         printf("%s\n", fault.name().c_str());
