@@ -12,4 +12,4 @@ test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqli
   file man-db dpkg-dev lintian systemd procps doxygen abigail-tools)
 bench_packages=(libbenchmark-dev nbdkit libnbd-bin util-linux python3-imageio ffmpeg)
 lint_packages=(shellcheck clang-14 clang-tidy-14 git)
-fuzz_packages=(clang-14 libclang-rt-14-dev)
+fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)
