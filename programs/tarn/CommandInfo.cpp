@@ -107,7 +107,7 @@ class CommandInfo : public Command {
     const std::vector<CHUNK_MANAGE>& records = info_.management(kFileStreamManage).records;
     for (uint32_t chunk = 0; chunk < records.size(); ++chunk) {
       const CHUNK_MANAGE& record = records[chunk];
-      if (record.chType == -1) continue;
+      if (record.chType == kChannelUnused) continue;
       const bool guarded = isGuarded(record.chType);
       fmt::print("  {:>6} {:>8} {:>12} {:>12} {:>12} {:>12} {:>12}{}\n", chunk, channelOf(record),
                  record.streamUseOffset, record.streamFreeOffset, record.pictureUseOffset,

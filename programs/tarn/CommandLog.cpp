@@ -9,6 +9,7 @@
 #include "Command.h"
 #include "Console.h"
 #include "api/CApiTarnSyslogRead.h"
+#include "chunk/LogChunks.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNSyslogManager.h"
 #include "recorder/log/LogFormat.h"
@@ -18,7 +19,6 @@
 namespace tarn {
 namespace {
 
-constexpr int kChunks = 5;
 constexpr int kFollowMs = 250;
 constexpr size_t kReadBytes = 64 * 1024;
 // Standard input without a line feed for so long is not kept any longer.
@@ -99,7 +99,7 @@ class CommandLog : public Command {
         ->type_name("TIME")
         ->excludes(write);
     app->add_option("--chunk", chunk_, "only this syslog chunk, 0 to 4")
-        ->check(CLI::Range(0, kChunks - 1))
+        ->check(CLI::Range(0, kLogChunks - 1))
         ->excludes(write);
     return app;
   }
@@ -124,7 +124,7 @@ class CommandLog : public Command {
     }
     CApiTarnSyslogRead reader;
     const int active = reader.getActiveChunk(0);
-    if (active < 0 || active >= kChunks) {
+    if (active < 0 || active >= kLogChunks) {
       complain("the management data names no active syslog chunk; the card needs recovery");
       return kExitFailed;
     }
@@ -134,8 +134,8 @@ class CommandLog : public Command {
       if (!show(&reader, &lines)) return kExitFailed;
     }
     // From the oldest chunk, the one that is written next, to the active one.
-    for (int i = 1; chunk_ < 0 && i <= kChunks; ++i) {
-      lines.start((active + i) % kChunks);
+    for (int i = 1; chunk_ < 0 && i <= kLogChunks; ++i) {
+      lines.start((active + i) % kLogChunks);
       if (!show(&reader, &lines)) return kExitFailed;
     }
     return follow_ ? followLines(&reader, &lines) : kExitGood;
@@ -178,7 +178,7 @@ class CommandLog : public Command {
       if (active < 0) complain(kNoServer);
       if (active < 0 || !show(reader, lines)) return kExitFailed;
       if (active == lines->chunk()) continue;
-      lines->start((lines->chunk() + 1) % kChunks);
+      lines->start((lines->chunk() + 1) % kLogChunks);
     }
   }
 

@@ -1,32 +1,20 @@
 #include "recorder/card/CardBytes.h"
 
 #include <fcntl.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-// Behind sys/stat.h, which it needs.
-#include <linux/fs.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "recorder/card/CardText.h"
+#include "recorder/card/DeviceIo.h"
 
 namespace tarn {
 namespace {
 
 constexpr uint32_t kFirstPauseMs = 5;
 constexpr int kTries = 6;  // pauses of 5, 10, … 80 ms between them
-
-uint64_t sizeOfDevice(int fd) {
-  struct stat file;
-  if (fstat(fd, &file) != 0) return 0;
-  uint64_t bytes = 0;
-  if (S_ISBLK(file.st_mode)) return ioctl(fd, BLKGETSIZE64, &bytes) == 0 ? bytes : 0;
-  return static_cast<uint64_t>(file.st_size);
-}
 
 }  // namespace
 
@@ -36,35 +24,22 @@ int CardBytes::open(const std::string& path, std::string* error) {
     *error = errnoText("cannot open " + path, errno);
     return -1;
   }
-  size_ = sizeOfDevice(fd_.get());
+  size_ = deviceSize(fd_.get());
   if (size_ != 0) return 0;
-  *error = path + " has no size: it is empty, or no card";
+  *error = path + ": no size: it is empty, or no card";
   return -1;
-}
-
-bool CardBytes::readOnce(uint64_t offset, void* out, size_t length) const {
-  auto* bytes = static_cast<uint8_t*>(out);
-  while (length > 0) {
-    const ssize_t got = pread(fd_.get(), bytes, length, static_cast<off_t>(offset));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    bytes += got;
-    offset += static_cast<uint64_t>(got);
-    length -= static_cast<size_t>(got);
-  }
-  return true;
 }
 
 bool CardBytes::read(uint64_t offset, void* out, size_t length) const {
   if (!holds(offset, length)) return false;
-  bool given = readOnce(offset, out, length);
+  bool given = readFully(fd_.get(), offset, out, length);
   uint32_t pauseMs = kFirstPauseMs;
   for (int tries = 1; !given && tries < kTries; ++tries) {
     const uint32_t pause = std::min(pauseMs, patienceMs_);
     patienceMs_ -= pause;
     if (pause > 0) usleep(pause * 1000);
     pauseMs *= 2;
-    given = readOnce(offset, out, length);
+    given = readFully(fd_.get(), offset, out, length);
   }
   if (given) cover(offset, static_cast<uint8_t*>(out), length);
   return given;

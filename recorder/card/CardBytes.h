@@ -35,7 +35,6 @@ class CardBytes {
   void setChanges(Changes changes) { changes_ = std::move(changes); }
 
  private:
-  bool readOnce(uint64_t offset, void* out, size_t length) const;
   void cover(uint64_t offset, uint8_t* out, size_t length) const;
 
   UniqueFd fd_;

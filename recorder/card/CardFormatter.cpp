@@ -2,25 +2,20 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/ioctl.h>
 #include <sys/random.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-// Behind sys/stat.h, which it needs.
-#include <linux/fs.h>
 
 #include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <vector>
 
-#include "base/Crc16.h"
-#include "base/Endian.h"
 #include "fat/FatFormat.h"
-#include "manager/ChunkRecords.h"
+#include "manager/ManageFormat.h"
 #include "recorder/card/CardLock.h"
 #include "recorder/card/CardText.h"
+#include "recorder/card/DeviceIo.h"
+#include "recorder/card/FamilyRules.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/card/VolumeFormat.h"
 
@@ -31,7 +26,6 @@ constexpr size_t kBlockBytes = 1024 * 1024;
 // Where other file systems and partition tables leave their marks.
 constexpr size_t kForeignBytes = 128 * 1024;
 constexpr uint32_t kInvariantVolumeId = 0x5441524E;
-constexpr uint32_t kManageRecordBytes = sizeof(CHUNK_MANAGE);
 
 size_t blockPart(uint64_t length) {
   return static_cast<size_t>(std::min<uint64_t>(length, kBlockBytes));
@@ -59,15 +53,10 @@ enum class Before {
 bool readWhole(int fd, uint64_t offset, std::vector<uint8_t>* out, size_t size) {
   constexpr int kTries = 3;
   out->assign(size, 0);
-  size_t done = 0;
-  for (int failures = 0; done < size;) {
-    const ssize_t got =
-        pread(fd, out->data() + done, size - done, static_cast<off_t>(offset + done));
-    if (got == 0) break;
-    if (got < 0 && errno != EINTR && ++failures == kTries) return false;
-    if (got > 0) done += static_cast<size_t>(got);
+  for (int tries = 0; tries < kTries; ++tries) {
+    if (readUpTo(fd, offset, out->data(), size) >= 0) return true;
   }
-  return true;
+  return false;
 }
 
 // By the info file, which is looked for in the root directory. Its first sector is the last thing
@@ -97,16 +86,6 @@ Before whatIsOn(int fd) {
   if (allZero(head) || isUnfinishedSector(head.data())) return Before::kNothing;
   const bool ours = memcmp(head.data() + kBootOemOff, kOemName, sizeof kOemName - 1) == 0;
   return finishedOrNot(fd, head.data(), ours);
-}
-
-// Size of an open device or file; 0 when it cannot be told.
-uint64_t sizeOf(int fd, bool isBlockDevice) {
-  if (isBlockDevice) {
-    uint64_t bytes = 0;
-    return ioctl(fd, BLKGETSIZE64, &bytes) == 0 ? bytes : 0;
-  }
-  struct stat file;
-  return fstat(fd, &file) == 0 ? static_cast<uint64_t>(file.st_size) : 0;
 }
 
 uint32_t randomVolumeId() {
@@ -153,18 +132,10 @@ class Writer {
   }
 
   bool write(uint64_t offset, const void* data, size_t length) {
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    size_t left = length;
-    while (left > 0) {
-      const ssize_t put = pwrite(fd_, bytes, left, static_cast<off_t>(offset));
-      if (put < 0 && errno == EINTR) continue;
-      if (put <= 0) {
-        return stopWith(errnoText("writing to the card failed at byte " + std::to_string(offset),
-                                  put < 0 ? errno : ENOSPC));
-      }
-      bytes += put;
-      offset += static_cast<uint64_t>(put);
-      left -= static_cast<size_t>(put);
+    uint64_t failedByte = 0;
+    if (!writeFully(fd_, offset, data, length, &failedByte)) {
+      return stopWith(
+          errnoText("writing to the card failed at byte " + std::to_string(failedByte), errno));
     }
     return advance(length);
   }
@@ -254,26 +225,24 @@ class Writer {
     return write(layout_.dataByte(), root.data(), root.size());
   }
 
-  // Both copies of a kind's records; `first` is the type byte of chunk 0 and `others` of the rest.
-  bool writeManagement(int manageType, int chunkType, int8_t first, int8_t others) {
-    const uint32_t chunks = layout_.family(chunkType).chunks;
+  // Both copies of a kind's records, all of the same type byte.
+  bool writeManagement(int manageType, int8_t type) {
+    const uint32_t chunks = layout_.family(managedBy(manageType)).chunks;
     std::vector<uint8_t> file(layout_.family(manageType).chunkSize);
     for (uint32_t chunk = 0; chunk < chunks; ++chunk) {
-      const int8_t chType = chunk == 0 ? first : others;
-      file[chunk * kManageRecordBytes + offsetof(CHUNK_MANAGE, chType)] =
-          static_cast<uint8_t>(chType);
+      CHUNK_MANAGE record = {};
+      record.chType = type;
+      encodeManageRecord(record, file.data() + size_t{chunk} * kManageRecordSize);
     }
-    const uint32_t crcOff = chunks * kManageRecordBytes;
-    putLe16(file.data() + crcOff, crc16(file.data(), crcOff));
-    return write(layout_.chunkByte(manageType, 0), file.data(), file.size()) &&
-           write(layout_.chunkByte(manageType, 1), file.data(), file.size());
+    sealManageData(file.data(), chunks);
+    return write(layout_.chunkByte(manageType, kManageMainCopy), file.data(), file.size()) &&
+           write(layout_.chunkByte(manageType, kManageBackupCopy), file.data(), file.size());
   }
 
   // Journal chunks have no type. Syslog chunk 0 says which one is being written: chunk 0.
   bool writeManagement() {
-    return writeManagement(kFileJournalManage, kFileJournal, 0, 0) &&
-           writeManagement(kFileSyslogManage, kFileSyslog, 0, 0) &&
-           writeManagement(kFileStreamManage, kFileStream, -1, -1);
+    return writeManagement(kFileJournalManage, 0) && writeManagement(kFileSyslogManage, 0) &&
+           writeManagement(kFileStreamManage, kChannelUnused);
   }
 
   // Erased bytes end a journal; in the system log they keep lines of an earlier life from being
@@ -356,7 +325,7 @@ bool mayBeOverwritten(const std::string& path, const CardLock& card, uint64_t si
                            " holds something that is not a card of the recorder; force the format "
                            "to overwrite it");
   }
-  const uint64_t present = sizeOf(card.fd(), card.isBlockDevice());
+  const uint64_t present = deviceSize(card.fd());
   if (!card.isBlockDevice() && sizeBytes < present) {
     return fail(error, path + " has " + sizeText(present) + ", more than the " +
                            sizeText(sizeBytes) + " asked for; force the format to cut it short");
@@ -373,7 +342,7 @@ bool mayBeOverwritten(const std::string& path, const CardLock& card, uint64_t si
 // The size to lay out, from what was asked for and what is there.
 bool chooseSize(const std::string& path, const CardLock& card, uint64_t* sizeBytes,
                 std::string* error) {
-  const uint64_t present = sizeOf(card.fd(), card.isBlockDevice());
+  const uint64_t present = deviceSize(card.fd());
   if (*sizeBytes == 0) *sizeBytes = present;
   if (*sizeBytes == 0) return fail(error, path + " has no size yet: give one");
   if (card.isBlockDevice() && *sizeBytes > present) {
@@ -421,8 +390,8 @@ int CardFormatter::format(const std::string& path, const CardRequest& request,
         if (layout_.plan(sized, error) != 0) return -1;
         if (exists && !mayBeOverwritten(path, card, sized.sizeBytes, options, error)) return -1;
         volumeId_ = options.invariant ? kInvariantVolumeId : randomVolumeId();
-        Writer writer(card.fd(), layout_, options, volumeId_,
-                      sizeOf(card.fd(), card.isBlockDevice()), card.isBlockDevice());
+        Writer writer(card.fd(), layout_, options, volumeId_, deviceSize(card.fd()),
+                      card.isBlockDevice());
         const bool written = writer.run();
         if (written) made.keep();
         if (!written) *error = writer.error();

@@ -8,6 +8,7 @@
 #include "base/Endian.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/card/CardMap.h"
+#include "recorder/card/FamilyRules.h"
 #include "recorder/card/FatTables.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/card/RootDirectory.h"
@@ -16,28 +17,7 @@
 namespace tarn {
 namespace {
 
-constexpr uint32_t kMaxJournalBytes = 12 * 1024 * 1024;  // the rebuild reads no further
-constexpr uint32_t kMaxChunkBytes = 0x7FFFFFFF;          // positions in a chunk are signed 32-bit
-constexpr uint32_t kJournalRecordBytes = 64;
-constexpr uint32_t kManageRecordBytes = 24;
-constexpr uint32_t kManageCrcBytes = 2;
 constexpr uint32_t kNoChunk = 0xFFFFFFFF;
-
-// Fewest chunks of a family that the recorder can work with.
-uint32_t leastChunks(int type) {
-  if (type == kFileJournal) return 4;  // two mirrored pairs
-  if (type == kFileSyslog) return 5;   // the log moves through five
-  const bool copies =
-      type == kFileJournalManage || type == kFileSyslogManage || type == kFileStreamManage;
-  return copies ? 2 : 1;
-}
-
-// Family whose chunks a management file describes; -1 for other files.
-int managedBy(int type) {
-  if (type == kFileJournalManage) return kFileJournal;
-  if (type == kFileSyslogManage) return kFileSyslog;
-  return type == kFileStreamManage ? kFileStream : -1;
-}
 
 std::string text(uint64_t number) { return std::to_string(number); }
 
@@ -80,8 +60,8 @@ class Verifier {
   GeometryReport run() {
     report_.opened = true;
     report_.verdict = Delivery::kGood;
-    static_cast<void>(boot() && readTables() && bounds() && pairs() && inside() && apart() &&
-                      directory() && chains() && volume());
+    static_cast<void>(boot() && readTables() && families() && inside() && apart() && directory() &&
+                      chains() && volume());
     return report_;
   }
 
@@ -171,65 +151,18 @@ class Verifier {
 
   const CardFamily& family(int type) const { return map_.families[static_cast<size_t>(type)]; }
 
-  // The info file's own record is of no use to anybody who has found it, so it is not judged.
-  bool bounds() {
-    for (int type = kFileInfo + 1; type < kFileTypeCount; ++type) {
-      const CardFamily& one = family(type);
-      const std::string given = "the info file gives " + text(one.chunks) + " " + familyText(type) +
-                                " chunks of " + text(one.chunkSize) + " bytes";
-      if (one.chunks < leastChunks(type)) {
-        return mismatch(given + ", the format at least " + text(leastChunks(type)));
-      }
-      if (one.chunks > CardLayout::kMaxChunks)
-        return mismatch(given + ", the format at most 32767");
-      const uint32_t most = type == kFileJournal ? kMaxJournalBytes : kMaxChunkBytes;
-      if (one.chunkSize == 0 || one.chunkSize > most) {
-        return mismatch(given + ", the format 1 to " + text(most) + " bytes");
-      }
-    }
-    const uint32_t journal = family(kFileJournal).chunkSize;
-    return journal % kJournalRecordBytes == 0 ||
-           mismatch("the info file gives journal chunks of " + text(journal) +
-                    " bytes, the format a multiple of 64");
-  }
-
-  // What one family says about another.
-  bool pairs() {
-    if (family(kFileStream).chunks != family(kFilePicture).chunks) {
-      return mismatch("the info file gives " + text(family(kFileStream).chunks) +
-                      " stream chunks and " + text(family(kFilePicture).chunks) +
-                      " picture chunks, which must be as many");
-    }
-    for (int type = kFileInfo + 1; type < kFileTypeCount; ++type) {
-      if (managedBy(type) < 0) continue;
-      const uint64_t needed =
-          uint64_t{family(managedBy(type)).chunks} * kManageRecordBytes + kManageCrcBytes;
-      if (needed <= family(type).chunkSize) continue;
-      return mismatch("the info file gives " + familyText(type) + " chunks of " +
-                      text(family(type).chunkSize) + " bytes, its " +
-                      text(family(managedBy(type)).chunks) + " " + familyText(managedBy(type)) +
-                      " chunks need " + text(needed));
-    }
-    return true;
+  bool families() {
+    const FamilyFault fault = judgeFamilies(map_.families);
+    return fault.text.empty() || mismatch(fault.text);
   }
 
   bool inside() {
-    for (int type = kFileInfo + 1; type < kFileTypeCount; ++type) {
-      const uint64_t end = family(type).startByte() + family(type).bytes();
-      if (family(type).startByte() < map_.dataByte()) {
-        return mismatch("the info file has the " + familyText(type) + " chunks at byte " +
-                        text(family(type).startByte()) + ", the data region begins at byte " +
-                        text(map_.dataByte()));
-      }
-      if (end > card_.size()) {
-        return mismatch("the " + familyText(type) + " chunks end at byte " + text(end) +
-                            ", the card at byte " + text(card_.size()),
-                        "the card is damaged or only a part of it is here: copy it again, whole, "
-                        "or try \"" +
-                            repairCommand() + "\"");
-      }
-    }
-    return true;
+    const FamilyFault fault = judgePlaces(map_.families, map_.dataByte(), card_.size());
+    if (!fault.cutShort) return fault.text.empty() || mismatch(fault.text);
+    return mismatch(fault.text,
+                    "the card is damaged or only a part of it is here: copy it again, whole, or "
+                    "try \"" +
+                        repairCommand() + "\"");
   }
 
   // Nothing in each other's way.

@@ -11,7 +11,8 @@
 
 namespace tarn {
 
-struct FatBoot;
+class CardBytes;
+struct CardMap;
 
 // Management data of one kind of chunks, read without a server.
 struct CardManagement {
@@ -60,10 +61,11 @@ class TARN_API CardInfo {
   std::array<CardManagement, 3> management_;
   int32_t dbImageBytes_ = 0;
 
-  bool readVolume(int fd, FatBoot* boot, std::string* error);
-  bool readInfoFile(int fd, const FatBoot& boot, std::string* error);
-  bool checkFamilies(std::string* error) const;
-  bool readManagement(int fd, std::string* error);
+  bool readVolume(const CardBytes& card, CardMap* map, std::string* error);
+  bool readInfoFile(const CardBytes& card, CardMap* map, std::string* error);
+  bool checkFamilies(const CardMap& map, std::string* error) const;
+  bool readManagement(const CardBytes& card, std::string* error);
+  void readCopies(const CardBytes& card, int type);
 };
 
 }  // namespace tarn

@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "chunk/LogChunks.h"
+#include "chunk/StreamHeaderFormat.h"
 #include "dblog/JournalFormat.h"
 #include "fat/FatFormat.h"
+#include "manager/ManageFormat.h"
 #include "recorder/card/CardText.h"
-#include "recorder/card/LogBlock.h"
+#include "recorder/card/FamilyRules.h"
 #include "recorder/card/NoThrow.h"
 
 namespace tarn {
@@ -23,12 +26,7 @@ constexpr uint32_t kMaxClusterBytes = 65536;
 constexpr uint32_t kClusterMargin = 16;
 constexpr uint64_t kManyChunks = 8192;
 constexpr uint64_t kLargestPower = 1024 * kMiB;
-constexpr uint64_t kChunkSizeLimit = 0x80000000;  // positions in a chunk are signed 32-bit
-constexpr uint32_t kManageRecordBytes = 24;
-constexpr uint32_t kManageCrcBytes = 2;
-constexpr uint32_t kPictureEntryBytes = 32;
-constexpr uint32_t kJournalChunks = 4;   // two mirrored pairs
-constexpr uint32_t kSyslogChunks = 5;    // the system log moves through five
+constexpr uint64_t kChunkSizeLimit = uint64_t{kMaxChunkBytes} + 1;
 constexpr uint32_t kShortNames = 10000;  // a tag and four digits fit 8.3
 constexpr uint32_t kFixedEntries = 1;    // the volume label
 
@@ -68,39 +66,16 @@ uint64_t syslogSizeFor(uint64_t cardBytes) {
 }
 
 uint64_t manageSizeFor(uint32_t chunks) {
-  return roundUp(uint64_t{chunks} * kManageRecordBytes + kManageCrcBytes, CardLayout::kAlignBytes);
+  return roundUp(manageDataSize(chunks), CardLayout::kAlignBytes);
 }
 
-uint32_t minimumChunks(int type) {
-  switch (type) {
-    case kFileJournal:
-      return kJournalChunks;
-    case kFileSyslog:
-      return kSyslogChunks;
-    case kFileJournalManage:
-    case kFileSyslogManage:
-    case kFileStreamManage:
-      return 2;  // main copy and backup
-    default:
-      return 1;
-  }
-}
-
-bool countIsFixed(int type) {
-  return type == kFileInfo || type == kFileJournalManage || type == kFileSyslogManage ||
-         type == kFileStreamManage;
-}
-
-int managedFamily(int manageType) {
-  if (manageType == kFileJournalManage) return kFileJournal;
-  return manageType == kFileSyslogManage ? kFileSyslog : kFileStream;
-}
+bool countIsFixed(int type) { return type == kFileInfo || isManagement(type); }
 
 // A request's numbers must fit the info file's before anything is computed from them.
 bool checkRequest(const CardRequest& request, std::string* error) {
   for (int type = 0; type < kFileTypeCount; ++type) {
     const CardFamilyRequest& wanted = request.families[static_cast<size_t>(type)];
-    if (wanted.chunkSize >= kChunkSizeLimit) {
+    if (wanted.chunkSize > kMaxChunkBytes) {
       return fail(error, familyText(type) + " chunk size " + std::to_string(wanted.chunkSize) +
                              " must be below 2 GiB");
     }
@@ -207,9 +182,9 @@ bool CardLayout::planSmallFamilies(const CardRequest& request, std::string* erro
   };
   const uint64_t journal = journalSizeFor(request.sizeBytes);
   take(kFileInfo, kAlignBytes, 1);
-  take(kFileJournal, journal, kJournalChunks);
+  take(kFileJournal, journal, leastChunks(kFileJournal));
   take(kFileJournalManage, manageSizeFor(family(kFileJournal).chunks), 2);
-  take(kFileSyslog, syslogSizeFor(request.sizeBytes), kSyslogChunks);
+  take(kFileSyslog, syslogSizeFor(request.sizeBytes), kLogChunks);
   take(kFileSyslogManage, manageSizeFor(family(kFileSyslog).chunks), 2);
   // Room for every row that the journals can bring back, with its indexes.
   take(kFileDbImage, std::max(kMiB, 4 * journal), 1);
@@ -280,7 +255,7 @@ uint32_t CardLayout::pictureSizeFor(const CardRequest& request, const CardProfil
   const uint64_t asked = request.families[kFilePicture].chunkSize;
   if (asked != 0) return static_cast<uint32_t>(asked);
   return static_cast<uint32_t>(
-      roundUp(streamSize / profile.bytesPerPicture * kPictureEntryBytes, kAlignBytes));
+      roundUp(streamSize / profile.bytesPerPicture * kPictureRecordSize, kAlignBytes));
 }
 
 // The most stream chunks, each with its picture chunk, that the card and its directory hold.
@@ -336,7 +311,7 @@ bool CardLayout::checkFamily(int fileType, std::string* error) const {
     return fail(error, what + " is below 1024, which the info file takes");
   }
   if (fileType == kFileStream && !multipleOf(kAlignBytes, "")) return false;
-  if (fileType == kFilePicture && !multipleOf(kPictureEntryBytes, "")) return false;
+  if (fileType == kFilePicture && !multipleOf(kPictureRecordSize, "")) return false;
   if (fileType == kFileSyslog) {
     if (!multipleOf(kLogBlockBytes, "")) return false;
     if (family.chunkSize < kLogLeastChunkBytes) {
@@ -345,11 +320,11 @@ bool CardLayout::checkFamily(int fileType, std::string* error) const {
     }
   }
   if (fileType == kFileJournal) {
-    if (!multipleOf(64, "")) return false;
+    if (!multipleOf(kStreamRecordSize, "")) return false;
     if (family.chunkSize > kMaxJournalBytes) return fail(error, what + " is above 12 MiB");
   }
   if (fileType < kFileStream) {
-    const uint32_t least = minimumChunks(fileType);
+    const uint32_t least = leastChunks(fileType);
     if (family.chunks < least || (countIsFixed(fileType) && family.chunks != least)) {
       return fail(error, "there must be " + std::string(countIsFixed(fileType) ? "" : "at least ") +
                              std::to_string(least) + " " + familyText(fileType) + " chunks, not " +
@@ -362,14 +337,13 @@ bool CardLayout::checkFamily(int fileType, std::string* error) const {
 // What depends on where everything came to lie.
 bool CardLayout::check(std::string* error) const {
   for (int type : {kFileJournalManage, kFileSyslogManage, kFileStreamManage}) {
-    const uint64_t needed =
-        uint64_t{family(managedFamily(type)).chunks} * kManageRecordBytes + kManageCrcBytes;
+    const uint32_t needed = manageDataSize(family(managedBy(type)).chunks);
     if (needed > family(type).chunkSize) {
-      return fail(error,
-                  familyText(type) + " chunk size " + std::to_string(family(type).chunkSize) +
-                      " is too small: " + std::to_string(family(managedFamily(type)).chunks) + " " +
-                      familyText(managedFamily(type)) + " chunks need " + std::to_string(needed) +
-                      " bytes");
+      return fail(error, familyText(type) + " chunk size " +
+                             std::to_string(family(type).chunkSize) +
+                             " is too small: " + std::to_string(family(managedBy(type)).chunks) +
+                             " " + familyText(managedBy(type)) + " chunks need " +
+                             std::to_string(needed) + " bytes");
     }
   }
   if (rootEntries_ > kMaxDirectoryEntries) {

@@ -1,12 +1,12 @@
 #include "recorder/card/CardReader.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 
 #include "recorder/card/CardText.h"
+#include "recorder/card/DeviceIo.h"
 
 namespace tarn {
 
@@ -19,16 +19,7 @@ int CardReader::open(const std::string& path, std::string* error) {
 }
 
 bool CardReader::read(uint64_t offset, void* out, size_t length) const {
-  auto* bytes = static_cast<uint8_t*>(out);
-  while (length > 0) {
-    const ssize_t got = pread(fd_.get(), bytes, length, static_cast<off_t>(offset));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    bytes += got;
-    offset += static_cast<uint64_t>(got);
-    length -= static_cast<size_t>(got);
-  }
-  return true;
+  return readFully(fd_.get(), offset, out, length);
 }
 
 bool CardReader::readChunk(int fileType, uint32_t chunk, uint32_t offset, void* out,

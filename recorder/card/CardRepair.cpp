@@ -14,6 +14,7 @@
 #include "recorder/card/CardLock.h"
 #include "recorder/card/CardMap.h"
 #include "recorder/card/CardText.h"
+#include "recorder/card/DeviceIo.h"
 #include "recorder/card/DirectoryRepair.h"
 #include "recorder/card/FatTables.h"
 #include "recorder/card/NoThrow.h"
@@ -458,32 +459,11 @@ class Planner {
   Steps steps_;
 };
 
-bool readAll(int fd, uint64_t offset, uint8_t* bytes, size_t length) {
-  while (length > 0) {
-    const ssize_t got = pread(fd, bytes, length, static_cast<off_t>(offset));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    bytes += got;
-    offset += static_cast<uint64_t>(got);
-    length -= static_cast<size_t>(got);
-  }
-  return true;
-}
-
 bool writeAll(int fd, uint64_t offset, const Bytes& all, std::string* error) {
-  const uint8_t* bytes = all.data();
-  for (size_t left = all.size(); left > 0;) {
-    const ssize_t put = pwrite(fd, bytes, left, static_cast<off_t>(offset));
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) {
-      *error = errnoText("writing to the card failed at byte " + std::to_string(offset), errno);
-      return false;
-    }
-    bytes += put;
-    offset += static_cast<uint64_t>(put);
-    left -= static_cast<size_t>(put);
-  }
-  return true;
+  uint64_t failedByte = 0;
+  if (writeFully(fd, offset, all.data(), all.size(), &failedByte)) return true;
+  *error = errnoText("writing to the card failed at byte " + std::to_string(failedByte), errno);
+  return false;
 }
 
 bool flushCard(int fd, std::string* error) {
@@ -544,7 +524,7 @@ int CardRepair::apply(const std::string& undoFile, std::string* error) {
           for (const Step& step : steps_) {
             for (const auto& [offset, bytes] : step.changes) {
               UndoFile::Piece piece{offset, Bytes(bytes.size()), bytes};
-              if (!readAll(card.fd(), offset, piece.before.data(), piece.before.size())) {
+              if (!readFully(card.fd(), offset, piece.before.data(), piece.before.size())) {
                 *error = errnoText(path_ + " cannot be read", errno);
                 return -1;
               }
@@ -576,7 +556,7 @@ int CardRepair::undo(const std::string& path, const std::string& undoFile, std::
           }
           for (const UndoFile::Piece& piece : undo.pieces) {
             Bytes present(piece.before.size());
-            if (!readAll(card.fd(), piece.offset, present.data(), present.size())) {
+            if (!readFully(card.fd(), piece.offset, present.data(), present.size())) {
               *error = errnoText(path + " cannot be read", errno);
               return -1;
             }

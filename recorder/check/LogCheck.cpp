@@ -2,15 +2,13 @@
 #include <algorithm>
 #include <cstring>
 
+#include "chunk/LogChunks.h"
 #include "dblog/SyslogEnd.h"
-#include "recorder/card/LogBlock.h"
 #include "recorder/check/CardContents.h"
 #include "recorder/log/LogFormat.h"
 
 namespace tarn {
 namespace {
-
-constexpr uint32_t kChunks = 5;
 
 class LogCheck {
  public:
@@ -19,7 +17,7 @@ class LogCheck {
   void run() {
     const std::vector<CHUNK_MANAGE>& records = card_.info().management(kFileSyslogManage).records;
     size_ = card_.family(kFileSyslog).chunkSize;
-    const uint32_t chunks = std::min<uint32_t>(kChunks, card_.family(kFileSyslog).chunks);
+    const uint32_t chunks = std::min<uint32_t>(kLogChunks, card_.family(kFileSyslog).chunks);
     if (records.empty()) return;  // told with the management files
     const int active = records[0].chType;
     if (active < 0 || static_cast<uint32_t>(active) >= chunks) {

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "base/Wrap.h"
+#include "db/RowStatus.h"
 #include "recorder/check/CardContents.h"
 #include "recorder/recording/PictureStamp.h"
 #include "recorder/recording/RecordFormat.h"
@@ -11,7 +12,6 @@
 namespace tarn {
 namespace {
 
-constexpr uint32_t kStatusRepaired = 0x10000;
 constexpr int kNamedEvents = 8;
 // Whole pictures of a long recording take a slow card a while; a stop must not wait for its end.
 constexpr uint32_t kPicturesOfAStep = 256;

@@ -112,7 +112,7 @@ void checkChunk(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& reco
                 const std::vector<const DB_STREAM*>& rows) {
   if (isGuarded(record.chType)) return noteGuarded(contents, chunk);
   if (rows.empty()) return checkEmpty(contents, chunk, record);
-  if (record.chType == -1) {
+  if (record.chType == kChannelUnused) {
     CardFinding finding;
     finding.kind = FindingKind::kRing;
     finding.chunk = static_cast<int32_t>(chunk);

@@ -7,9 +7,9 @@
 #include <ctime>
 
 #include "base/Omission.h"
+#include "chunk/LogChunks.h"
 #include "fat/ChunkFiles.h"
 #include "fat/FailureMarker.h"
-#include "recorder/card/LogBlock.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/log/LogFormat.h"
 #include "recorder/log/LogMessages.h"
@@ -19,7 +19,6 @@ namespace tarn {
 namespace {
 
 constexpr char kWriterLock[] = "/tmp/tarn-log.lock";
-constexpr int kChunks = 5;
 constexpr int kCardTries = 3;
 constexpr short kFlagChunk = 0;  // its active flag counts
 // What is collected goes out as one write: the chunk's own buffer takes no more than 32 KiB.
@@ -124,7 +123,7 @@ bool LogAppender::openActive() {
   if (cardWriteFailed()) return fail(kErrLogMarker);
   if (!connect()) return false;
   const auto chunkBytes = static_cast<uint32_t>(manager_.getChunkSize());
-  if (manager_.getNumChunk() < kChunks || chunkBytes < kLogLeastChunkBytes ||
+  if (manager_.getNumChunk() < kLogChunks || chunkBytes < kLogLeastChunkBytes ||
       chunkBytes % kLogBlockBytes != 0) {
     return fail(kErrLogChunks);
   }
@@ -133,8 +132,8 @@ bool LogAppender::openActive() {
   told_ = true;
   signed char active = -1;
   if (!served([&] { return manager_.getActiveFlag(kFlagChunk, &active) == 0; })) return false;
-  if (active < 0 || active >= kChunks) {
-    chunkNumber_ = kChunks - 1;
+  if (active < 0 || active >= kLogChunks) {
+    chunkNumber_ = kLogChunks - 1;
     return moveOn();
   }
   if (!openChunk(active)) return false;
@@ -196,7 +195,7 @@ bool LogAppender::readBlock(uint32_t position, std::string* block) {
 // card before it counts as the active one: power lost in between leaves the old chunk, as it was,
 // with nothing missing, and no text whose first line is half gone.
 bool LogAppender::moveOn() {
-  const int next = (chunkNumber_ + 1) % kChunks;
+  const int next = (chunkNumber_ + 1) % kLogChunks;
   if (!openChunk(next)) return false;
   const auto given = [&] { return omitted(Omit::kLogGiveUp) || giveUp(next); };
   if (!served(given)) return false;

@@ -7,7 +7,7 @@
 #include <ctime>
 #include <limits>
 
-#include "recorder/card/LogBlock.h"
+#include "chunk/LogChunks.h"
 
 namespace tarn {
 namespace {

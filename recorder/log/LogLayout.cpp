@@ -1,7 +1,7 @@
 #include "recorder/log/LogLayout.h"
 
 #include "base/Omission.h"
-#include "recorder/card/LogBlock.h"
+#include "chunk/LogChunks.h"
 #include "recorder/log/LogFormat.h"
 
 namespace tarn {

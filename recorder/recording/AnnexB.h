@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "base/Export.h"
+#include "chunk/StreamHeaderFormat.h"
 
 // H.264 byte streams (Annex B) as far as a recorder has to understand them, and the time stamp unit
 // that it puts into every picture.
@@ -47,13 +48,12 @@ TARN_API bool findParameterSets(const void* annexB, size_t size, NalUnit* sps, N
 // local time, 80. None of its bytes behind the start code is 0, so it needs no emulation
 // prevention.
 inline constexpr size_t kTimeStampSeiSize = 50;
-// The repair of an interrupted recording reads no more of a picture than this.
-inline constexpr size_t kTimeStampWindow = 287;
 
 // Writes the unit for `seconds` (local time as localtime gives it) into out[kTimeStampSeiSize].
 TARN_API void makeTimeStampSei(uint32_t seconds, uint8_t* out);
 // Where the unit belongs in a picture: behind an access unit delimiter that the picture begins
-// with, else at its head; always so that it ends within kTimeStampWindow.
+// with, else at its head; always so that it ends within kTimeStampWindow
+// (chunk/StreamHeaderFormat.h).
 TARN_API size_t timeStampSeiPlace(const void* annexB, size_t size);
 // Finds the unit that a recording put into a picture. False when it has none.
 TARN_API bool findTimeStampSei(const void* annexB, size_t size, size_t* place);

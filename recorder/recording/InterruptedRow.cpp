@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/Wrap.h"
+#include "db/RowStatus.h"
 #include "dblog/CDbRestore.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/recording/PictureStamp.h"
@@ -13,8 +14,6 @@
 namespace tarn {
 namespace {
 
-constexpr uint32_t kFrameSetAudio = 0x80;
-constexpr uint32_t kStatusNotVideo = 0x300;
 // Entries are looked for behind a hole as far as cards lose bytes at once: 64 KiB.
 constexpr uint32_t kWidestHole = 64 * 1024 / kRecordSize;
 // A little more than the pictures of one flush, unless a longer interval was set.

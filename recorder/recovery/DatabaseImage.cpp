@@ -14,6 +14,7 @@
 #include "base/Omission.h"
 #include "base/UniqueFd.h"
 #include "chunk/CTARNDBChunk.h"
+#include "db/DatabaseFile.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/card/Source.h"
 #include "recorder/recovery/ImageFormat.h"
@@ -22,9 +23,6 @@
 namespace tarn {
 namespace {
 
-constexpr char kRestored[] = "/tmp/DB.dat.image";
-constexpr char kHotJournal[] = "/tmp/DB.dat-journal";
-constexpr char kRestoredJournal[] = "/tmp/DB.dat.image-journal";
 constexpr long kUnreadable = -2;
 constexpr uint32_t kBlockBytes = 64 * 1024;
 // Limits for an image's statements: no value of ours has a thousandth of this, and a full check of
@@ -68,7 +66,7 @@ uint32_t sealPlace(const Source& chunk) {
 class ImageQuery {
  public:
   ImageQuery() {
-    failed_ = sqlite3_open_v2(kRestored, &db_, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK;
+    failed_ = sqlite3_open_v2(kRestoredImagePath, &db_, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK;
     if (!failed_) defend();
   }
   ~ImageQuery() {
@@ -138,7 +136,8 @@ bool isSealed(const JournalSurvey& events, const JournalSurvey& streams, std::st
   if (state == SealState::kNone) return true;
   uint32_t length = 0;
   uint32_t checksum = 0;
-  if (!fileChecksum(kRestored, &length, &checksum)) return unusable(error, kUnreadableImage);
+  if (!fileChecksum(kRestoredImagePath, &length, &checksum))
+    return unusable(error, kUnreadableImage);
   if (state == SealState::kDamaged || seal.length != length || seal.checksum != checksum) {
     return unusable(error, kDamagedImage);
   }
@@ -171,9 +170,9 @@ bool isTrusted(const JournalSurvey& events, const JournalSurvey& streams, std::s
 }
 
 bool copyOut(CTARNDBChunk* chunk, std::string* error) {
-  unlink(kRestored);
-  unlink(kRestoredJournal);
-  return chunk->copyOut(kRestored) == 0 || unusable(error, kUnreadableImage);
+  unlink(kRestoredImagePath);
+  unlink(kRestoredImageJournalPath);
+  return chunk->copyOut(kRestoredImagePath) == 0 || unusable(error, kUnreadableImage);
 }
 
 // What a read would otherwise find in memory comes from the card again.
@@ -265,7 +264,7 @@ bool save(CTARNDBChunk* chunk, std::string* error) {
 ImageRestore restoreDatabaseImage(const JournalSurvey& events, const JournalSurvey& streams,
                                   std::string* error) {
   CTARNDBChunk chunk;
-  const long size = chunk.getDBSize(kRestored);
+  const long size = chunk.getDBSize(kRestoredImagePath);
   if (size == 0 || size == -1) return ImageRestore::kNone;
   // Whether an image is there is not known. Nothing can have gone wrong yet, but an image that
   // shows up again later would.
@@ -273,23 +272,23 @@ ImageRestore restoreDatabaseImage(const JournalSurvey& events, const JournalSurv
   const bool usable = size != kUnreadable && copyOut(&chunk, error) &&
                       (omitted(Omit::kImageTrust) || isTrusted(events, streams, error));
   if (!omitted(Omit::kImageEmptied) && chunk.clearDBChunk(0) != 0) {
-    unlink(kRestored);
+    unlink(kRestoredImagePath);
     // What cannot be read at all is no danger, and no reason never to start again.
     if (size == kUnreadable) return ImageRestore::kUnusable;
     *error = "the card's database image could not be marked empty";
     return ImageRestore::kFailed;
   }
-  if (usable && DatabaseSetup::replace(kRestored, DatabaseSetup::defaultPath(), error)) {
+  if (usable && DatabaseSetup::replace(kRestoredImagePath, DatabaseSetup::defaultPath(), error)) {
     return ImageRestore::kRestored;
   }
-  unlink(kRestored);
+  unlink(kRestoredImagePath);
   return ImageRestore::kUnusable;
 }
 
 bool dropDatabaseImage() {
   CTARNDBChunk chunk;
   if (omitted(Omit::kImageEmptied)) return true;
-  const long size = chunk.getDBSize(kRestored);
+  const long size = chunk.getDBSize(kRestoredImagePath);
   if (size == 0 || size == -1) return true;
   // One that a passing read error hides would show up again. Where this fails as well there may be
   // no card, and what cannot be read at all is no danger.
@@ -302,7 +301,7 @@ bool saveDatabaseImage(std::string* error) {
     return unusable(error, "the card has no place for an image");
   struct stat journal;
   // A writer that died in a transaction left the file half changed; SQLite would mend it first.
-  if (stat(kHotJournal, &journal) == 0 && journal.st_size != 0) {
+  if (stat(kDatabaseJournalPath, &journal) == 0 && journal.st_size != 0) {
     return unusable(error, "the database has an unfinished transaction");
   }
   if (!DatabaseSetup::check(DatabaseSetup::defaultPath(), error)) return false;

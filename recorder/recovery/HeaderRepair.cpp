@@ -8,6 +8,7 @@
 
 #include "base/Omission.h"
 #include "base/Wrap.h"
+#include "db/RowStatus.h"
 #include "dblog/CDbRestore.h"
 #include "fat/ChunkFiles.h"
 #include "manager/ManageFormat.h"
@@ -23,7 +24,6 @@ using Kind = RecoveryChange::Kind;
 constexpr char kSqlChunks[] =
     "SELECT * FROM STREAM WHERE streamID IN ( SELECT MIN( streamID ) FROM STREAM GROUP BY chunkID "
     ")";
-constexpr uint32_t kStatusRepaired = 0x10000;
 
 enum class Verdict { kGood, kRewrite, kDelete, kLost, kUnreadable };
 

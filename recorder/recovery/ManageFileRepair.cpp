@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "base/Wrap.h"
+#include "chunk/LogChunks.h"
 #include "fat/CFATAccess.h"
 #include "manager/ManageFormat.h"
 #include "recorder/card/Source.h"
@@ -13,8 +14,6 @@ namespace tarn {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-constexpr int8_t kSyslogChunks = 5;  // take turns in being written; chunk 0's chType tells which
 
 FileType manageType(FileType chunkType) {
   if (chunkType == kFileStream) return kFileStreamManage;
@@ -67,7 +66,7 @@ class ManageFile {
   bool correct(Bytes* bytes) const {
     if (chunkType_ != kFileSyslog || chunks_ == 0) return false;
     CHUNK_MANAGE first = decodeManageRecord(bytes->data());
-    const auto limit = static_cast<int8_t>(std::min<uint32_t>(chunks_, kSyslogChunks));
+    const auto limit = static_cast<int8_t>(std::min<uint32_t>(chunks_, kLogChunks));
     if (first.chType >= 0 && first.chType < limit) return false;
     first.chType = 0;
     encode(first, 0, bytes);

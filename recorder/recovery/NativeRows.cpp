@@ -9,6 +9,7 @@
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "db/DbRecordFormat.h"
+#include "db/RowStatus.h"
 #include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/card/Source.h"
@@ -17,9 +18,6 @@
 
 namespace tarn {
 namespace {
-
-constexpr uint32_t kStatusRecording = 0x1;
-constexpr uint32_t kStatusRepaired = 0x10000;
 
 std::string number(uint32_t value) { return std::to_string(value); }
 

@@ -7,15 +7,12 @@
 
 #include <cerrno>
 
+#include "db/DatabaseFile.h"
 #include "recorder/rows/ServerRetry.h"
 
 namespace tarn {
 namespace {
 
-// As CApiDb makes the lock.
-constexpr char kSemaphoreFile[] = "/bin/cp";
-constexpr int kSemaphoreProject = 1;
-constexpr int kSemaphoreMode = 0666;
 constexpr useconds_t kPauseUs = 10000;
 
 struct Sight {
@@ -24,7 +21,9 @@ struct Sight {
 };
 
 // The lock's set, or -1 without one.
-int findLock() { return semget(ftok(kSemaphoreFile, kSemaphoreProject), 1, kSemaphoreMode); }
+int findLock() {
+  return semget(ftok(kDatabaseLockFile, kDatabaseLockProject), 1, kDatabaseLockMode);
+}
 
 bool isGone(pid_t process) { return kill(process, 0) != 0 && errno == ESRCH; }
 

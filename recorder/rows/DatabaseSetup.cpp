@@ -13,12 +13,12 @@
 #include <vector>
 
 #include "db/CApiDb.h"
+#include "db/DatabaseFile.h"
 #include "recorder/card/NoThrow.h"
 
 namespace tarn {
 namespace {
 
-constexpr char kDefaultPath[] = "/tmp/DB.dat";
 // CApiDb keeps this much of a path; a longer one would name another file.
 constexpr size_t kLongestPath = 127;
 constexpr mode_t kFileMode = 0644;
@@ -206,7 +206,7 @@ bool seedTable(CApiDb& db, const char* table, uint32_t key, std::string* error) 
 
 }  // namespace
 
-const char* DatabaseSetup::defaultPath() { return kDefaultPath; }
+const char* DatabaseSetup::defaultPath() { return kDatabasePath; }
 
 bool DatabaseSetup::createEmpty(const char* path, std::string* error) {
   return orNoMemory(

@@ -2,14 +2,13 @@
 
 #include <sys/stat.h>
 
+#include "db/DatabaseFile.h"
 #include "recorder/rows/DatabaseGate.h"
 #include "recorder/rows/RowMessages.h"
 #include "recorder/rows/ServerRetry.h"
 
 namespace tarn {
 namespace {
-
-constexpr char kDatabasePath[] = "/tmp/DB.dat";
 
 static_assert(kServerPatienceMs == 5000, "the patience that a watch begins with");
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "db/CApiDb.h"
+#include "db/RowStatus.h"
 #include "fat/ChunkFiles.h"
 #include "fat/FailureMarker.h"
 #include "manager/CTARNStreamManager.h"
@@ -35,13 +36,11 @@ namespace {
 // Held while rows are ended, room is made and rows begin, by one session at a time: between a
 // session's rows its chunk has no row in progress that would keep others away from it.
 constexpr char kAllocationLock[] = "/tmp/tarn-recording.lock";
-constexpr uint16_t kFrameSetAudio = 0x0080;
 constexpr int64_t kMaxGapUs = 8000000;
 constexpr int64_t kMaxStepBackUs = 1000000;
 // Guesses until a GOP has been seen.
 constexpr uint32_t kFirstGopPictures = 60;
 constexpr uint32_t kFirstGopBytes = 512 * 1024;
-constexpr uint32_t kMarkRepairKinds = 0x300;  // status of rows that are not ours to close
 constexpr char kSqlLeftOpen[] =
     "SELECT * FROM STREAM WHERE recSize = 0 AND endDate = 0 ORDER BY streamID ASC";
 constexpr char kSqlGreatestKey[] =
@@ -49,7 +48,7 @@ constexpr char kSqlGreatestKey[] =
 constexpr char kSqlEventOfKey[] = "SELECT * FROM EVENT WHERE eventID = %u";
 // A step forward of more than this is a clock that was set, no gap.
 constexpr int64_t kClockSetUs = int64_t{3600} * 1000000;
-constexpr DB_EVENT_REG_BIT kEventEnd = 0x10 | 0x40;  // endDate, endMSec
+constexpr DB_EVENT_REG_BIT kEventEnd = kEventRegEndDate | kEventRegEndMSec;
 
 }  // namespace
 
@@ -214,7 +213,7 @@ bool RecordingSession::Impl::connect() {
 bool RecordingSession::Impl::ownedByChannel(const DB_STREAM& row) {
   signed char owner = -1;
   signed char type = 0;
-  return rowInProgress(row) && (row.status & kMarkRepairKinds) == 0 &&
+  return rowInProgress(row) && (row.status & kStatusNotVideo) == 0 &&
          (row.frameSet & kFrameSetAudio) == 0 && row.chunkID < manager_.getNumChunk() &&
          manager_.getChType(static_cast<short>(row.chunkID), &owner, &type) == 0 &&
          owner == options_.channel;

@@ -9,6 +9,7 @@
 
 #include "base/Omission.h"
 #include "base/Wrap.h"
+#include "chunk/ChunkArea.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNStreamManager.h"
 #include "manager/ManageFormat.h"
@@ -21,9 +22,6 @@
 namespace tarn {
 namespace {
 
-constexpr unsigned char kPicture = 0;
-constexpr unsigned char kStream = 1;
-constexpr signed char kUnused = -1;
 // Chunks of the channel that have stream room and no room for entries are passed over this often.
 constexpr int kPickTries = 4;
 constexpr int kEventPage = 16;
@@ -108,9 +106,10 @@ bool RecordingSpace::usable(int chunk, int8_t channel, const Need& need) {
   signed char owner = 0;
   signed char type = 0;
   if (manager_->getChType(asChunk(chunk), &owner, &type) != 0) return false;
-  if (owner == kUnused) return true;
+  if (owner == kChannelUnused) return true;
   CHUNK_USAGE picture = {};
-  if (owner != channel || manager_->getUsage(asChunk(chunk), &picture, kPicture) != 0) return false;
+  if (owner != channel || manager_->getUsage(asChunk(chunk), &picture, kAreaPicture) != 0)
+    return false;
   const auto pictureSize = static_cast<uint32_t>(manager_->pictureChunkSize());
   return manager_->freeSize(asChunk(chunk)) > need.streamBytes &&
          ringFree(picture.useAddr, picture.freeAddr, pictureSize) > need.pictureBytes;
@@ -123,14 +122,14 @@ int RecordingSpace::claim(int chunk, int8_t channel, int8_t recType) {
   if (!chunkHasRows(chunk, &foreign)) return -1;
   const bool done = retryFor(kServerPatienceMs, [&] {
     if (manager_->getChType(asChunk(chunk), &owner, &type) != 0) return false;
-    if (owner != kUnused || foreign || omitted(Omit::kChannelOfChunk)) return true;
+    if (owner != kChannelUnused || foreign || omitted(Omit::kChannelOfChunk)) return true;
     return emptyChunk(chunk) && manager_->setChType(asChunk(chunk), channel, recType) == 0;
   });
   if (!done) {
     failServer();
     return -1;
   }
-  if (owner == kUnused && foreign && !omitted(Omit::kChannelOfChunk)) {
+  if (owner == kChannelUnused && foreign && !omitted(Omit::kChannelOfChunk)) {
     fail(RecordingError::kDatabase, kErrForeignRows);
     return -1;
   }
@@ -175,7 +174,7 @@ bool RecordingSpace::chunkHasRows(int chunk, bool* any) {
 // tell about.
 bool RecordingSpace::isGuardedChunk(int chunk) {
   if (chunk >= manager_->getNumChunk()) return false;
-  signed char owner = kUnused;
+  signed char owner = kChannelUnused;
   signed char type = 0;
   const bool known = retryFor(
       kServerPatienceMs, [&] { return manager_->getChType(asChunk(chunk), &owner, &type) == 0; });
@@ -288,18 +287,19 @@ bool RecordingSpace::moveUseToOldest(int chunk) {
   if (answer == RowQueries::Answer::kNone) return fail(RecordingError::kDatabase, kErrDatabase);
   StreamHeader header;
   const bool readable = RecordingIndex(row).header(&header) == Delivery::kGood;
-  return retryFor(kServerPatienceMs,
-                  [&] {
-                    // Without its header the stream area keeps its old begin: less room, no harm.
-                    return manager_->setUseOffset(asChunk(chunk), row.chunkOffset, kPicture) == 0 &&
-                           (!readable || manager_->setUseOffset(asChunk(chunk), header.dataOffset,
-                                                                kStream) == 0);
-                  }) ||
+  return retryFor(
+             kServerPatienceMs,
+             [&] {
+               // Without its header the stream area keeps its old begin: less room, no harm.
+               return manager_->setUseOffset(asChunk(chunk), row.chunkOffset, kAreaPicture) == 0 &&
+                      (!readable ||
+                       manager_->setUseOffset(asChunk(chunk), header.dataOffset, kAreaStream) == 0);
+             }) ||
          failServer();
 }
 
 bool RecordingSpace::emptyChunk(int chunk) {
-  for (const unsigned char area : {kPicture, kStream}) {
+  for (const unsigned char area : {kAreaPicture, kAreaStream}) {
     if (manager_->setFreeOffset(asChunk(chunk), 0, area) != 0) return false;
     if (manager_->setUseOffset(asChunk(chunk), 0, area) != 0) return false;
   }
@@ -310,7 +310,7 @@ bool RecordingSpace::giveBack(int chunk) {
   return retryFor(kServerPatienceMs,
                   [&] {
                     return emptyChunk(chunk) &&
-                           manager_->setChType(asChunk(chunk), kUnused, 0) == 0;
+                           manager_->setChType(asChunk(chunk), kChannelUnused, 0) == 0;
                   }) ||
          failServer();
 }

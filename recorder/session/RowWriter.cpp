@@ -9,7 +9,9 @@
 #include "base/Crc16.h"
 #include "base/Omission.h"
 #include "base/Wrap.h"
+#include "chunk/ChunkArea.h"
 #include "db/CApiDb.h"
+#include "db/RowStatus.h"
 #include "fat/FailureMarker.h"
 #include "manager/CTARNStreamManager.h"
 #include "recorder/recording/AnnexB.h"
@@ -23,16 +25,13 @@
 namespace tarn {
 namespace {
 
-constexpr uint8_t kPicture = 0;
-constexpr uint8_t kStream = 1;
 // Largest write that a stream chunk takes at once, and the entries of one write of a picture chunk.
 constexpr size_t kDataPiece = 1024 * 1024;
 constexpr uint32_t kQueueEntries = 1024;
-constexpr uint32_t kStatusRecording = 1;
 // For a user of the database who is just at it, when a session has failed already.
 constexpr int64_t kLastLookMs = 500;
-// recSize, chunkSize, status, endDate, endMSec
-constexpr DB_STREAM_REG_BIT kEndColumns = 0x0010 | 0x0080 | 0x0100 | 0x0400 | 0x1000;
+constexpr DB_STREAM_REG_BIT kEndColumns = kStreamRegRecSize | kStreamRegChunkSize |
+                                          kStreamRegStatus | kStreamRegEndDate | kStreamRegEndMSec;
 
 }  // namespace
 
@@ -91,7 +90,7 @@ bool RowWriter::openArea(std::unique_ptr<CTARNStreamChunk>* chunk, uint8_t area,
 
 bool RowWriter::openChunk(int chunk) {
   closeChunk();
-  if (!openArea(&picture_, kPicture, chunk) || !openArea(&stream_, kStream, chunk)) {
+  if (!openArea(&picture_, kAreaPicture, chunk) || !openArea(&stream_, kAreaStream, chunk)) {
     picture_.reset();
     stream_.reset();
     return false;
@@ -341,7 +340,7 @@ void RowWriter::rescue() {
 
 bool RowWriter::serverAnswers() {
   CHUNK_USAGE usage = {};
-  return manager_->getUsage(0, &usage, kStream) == 0;
+  return manager_->getUsage(0, &usage, kAreaStream) == 0;
 }
 
 void RowWriter::abandon() {
@@ -387,7 +386,8 @@ bool RowWriter::closeLeftOver(const DB_STREAM& row, bool newestOfChunk) {
   }
   const uint32_t dataEnd = found.dataEnd();
   syslog(LOG_WARNING, kMsgLeftOver, row.streamID, confirmed_.pictures);
-  if (!openArea(&picture_, kPicture, chunk) || !openArea(&stream_, kStream, chunk)) return false;
+  if (!openArea(&picture_, kAreaPicture, chunk) || !openArea(&stream_, kAreaStream, chunk))
+    return false;
   chunk_ = chunk;
   if (ownsEnd_) {
     const auto pictureSize = static_cast<uint32_t>(picture_->getChunkSize());

@@ -5,6 +5,7 @@
 
 #include "api/SyslogReadMessages.h"
 #include "chunk/CTARNSyslogChunk.h"
+#include "chunk/LogChunks.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManagerNative.h"
 #include "manager/CTARNSyslogManager.h"
@@ -12,7 +13,6 @@
 namespace {
 
 constexpr short kFirstChunk = 0;
-constexpr short kChunkCount = 5;
 
 int failWith(const char* text) {
   fputs(text, stdout);
@@ -53,7 +53,7 @@ int CApiTarnSyslogRead::getChunkStartCount(unsigned char type, short* start, sho
     return -1;
   }
   *start = kFirstChunk;
-  *count = kChunkCount;
+  *count = tarn::kLogChunks;
   return 0;
 }
 

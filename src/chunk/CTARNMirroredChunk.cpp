@@ -8,33 +8,16 @@
 #include "base/Omission.h"
 #include "base/Wrap.h"
 #include "chunk/ChunkMessages.h"
+#include "chunk/MirrorTrailer.h"
 
 using tarn::low32;
 
 namespace {
 
-constexpr long kTrailerSize = 4;
-
 long size32(long size) { return tarn::asSigned32(low32(static_cast<unsigned long>(size))); }
 
 bool roomForTrailer(long size, long crcLength) {
-  return crcLength >= 0 && crcLength <= size - kTrailerSize;
-}
-
-void addTrailer(void* record, long crcLength) {
-  const auto length = static_cast<size_t>(crcLength);
-  const uint16_t crc = tarn::crc16(record, length);
-  auto* trailer = static_cast<uint8_t*>(record) + length;
-  trailer[0] = 0;
-  trailer[1] = 0;
-  trailer[2] = static_cast<uint8_t>(crc >> 8);
-  trailer[3] = static_cast<uint8_t>(crc & 0xFF);
-}
-
-bool trailerFits(const void* record, long crcLength) {
-  const auto length = static_cast<size_t>(crcLength);
-  const auto* trailer = static_cast<const uint8_t*>(record) + length;
-  return tarn::crc16(record, length) == trailer[2] * 256 + trailer[3];
+  return crcLength >= 0 && crcLength <= size - long{tarn::kMirrorTrailerSize};
 }
 
 }  // namespace
@@ -96,7 +79,7 @@ long CTARNMirroredChunk::write(void* buf, long size, long crcLength) {
   const long length = size32(size);
   const bool plain = crcLength == 0;
   if (buf == nullptr || (!plain && !roomForTrailer(length, crcLength))) return -1;
-  if (!plain) addTrailer(buf, crcLength);
+  if (!plain) tarn::writeMirrorTrailer(buf, static_cast<size_t>(crcLength));
   const unsigned long address = original->getFreeAddr();
   long result = original->write(buf, length);
   if (result == length && !tarn::omitted(tarn::Omit::kOriginalFlush) && original->flush() != 0) {
@@ -125,7 +108,7 @@ long CTARNMirroredChunk::writeNoSeek(void* buf, long size, long crcLength) {
   const long length = size32(size);
   const bool plain = crcLength < 0;
   if (buf == nullptr || (!plain && !roomForTrailer(length, crcLength))) return -1;
-  if (!plain) addTrailer(buf, crcLength);
+  if (!plain) tarn::writeMirrorTrailer(buf, static_cast<size_t>(crcLength));
   const long result = original->writeNoSeek(buf, length);
   if (result != length) return -1;
   if (!tarn::omitted(tarn::Omit::kOriginalFlush) && original->flush() != 0) return -1;
@@ -144,7 +127,9 @@ int CTARNMirroredChunk::readAndCheck(CTARNEndlessChunk* chunk, void* buf, long s
     return -1;
   }
   if (result != length) return 0;
-  return plain || trailerFits(buf, crcLength) ? static_cast<int>(length) : -1;
+  return plain || tarn::mirrorTrailerFits(buf, static_cast<size_t>(crcLength))
+             ? static_cast<int>(length)
+             : -1;
 }
 
 bool CTARNMirroredChunk::readOriginal(void* buf, long size) {

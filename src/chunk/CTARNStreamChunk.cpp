@@ -7,6 +7,7 @@
 
 #include "base/Endian.h"
 #include "base/Wrap.h"
+#include "chunk/ChunkArea.h"
 #include "chunk/ChunkMessages.h"
 #include "chunk/ManagerCalls.h"
 #include "chunk/StreamHeaderFormat.h"
@@ -30,7 +31,8 @@ CTARNStreamChunk::CTARNStreamChunk(unsigned char newKind) {
 CTARNStreamChunk::~CTARNStreamChunk() { closeChunkFile(); }
 
 char* CTARNStreamChunk::makeFatFileName() {
-  return makeTaggedName(tarn::fileTag(kind == 0 ? tarn::kFilePicture : tarn::kFileStream));
+  return makeTaggedName(
+      tarn::fileTag(kind == tarn::kAreaPicture ? tarn::kFilePicture : tarn::kFileStream));
 }
 
 signed char CTARNStreamChunk::setUsageToManager() {
@@ -61,7 +63,7 @@ long CTARNStreamChunk::seekRead(unsigned long offset, void* buf, long size) {
 }
 
 unsigned long CTARNStreamChunk::streamSize(unsigned long offset) {
-  if (kind != 0) {
+  if (kind != tarn::kAreaPicture) {
     syslog(LOG_ERR, tarn::kMsgNotPictureChunk);
     return kFailed;
   }

@@ -28,6 +28,10 @@ inline constexpr uint32_t kEntryNumberOff = 4;      //  4  4  one more than the 
 inline constexpr uint32_t kEntryDataOffsetOff = 8;  //  8  4  absolute in the stream chunk
 inline constexpr uint32_t kEntrySizeOff = 12;       // 12  4  bytes
 
+// A picture's own time stamp is looked for in so many of its first bytes, when an interrupted
+// recording is repaired; whoever writes one puts it there.
+inline constexpr uint32_t kTimeStampWindow = 287;
+
 // 16-bit sum, carry dropped, of the fifteen words in front of it.
 inline uint16_t streamHeaderWordSum(const uint8_t* header) {
   uint16_t sum = 0;

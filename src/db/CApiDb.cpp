@@ -13,14 +13,11 @@
 #include <cstring>
 
 #include "base/Wrap.h"
+#include "db/DatabaseFile.h"
 #include "db/DbMessages.h"
 
 namespace {
 
-constexpr char kDatabasePath[] = "/tmp/DB.dat";
-constexpr char kSemaphoreFile[] = "/bin/cp";
-constexpr int kSemaphoreProject = 1;
-constexpr int kSemaphoreMode = 0666;
 constexpr useconds_t kSemaphorePollUs = 10;
 constexpr useconds_t kRetrySleepUs = 500000;
 constexpr int kAttempts = 2;
@@ -132,7 +129,7 @@ CApiDb::CApiDb()
       m_ntuple(0),
       m_ncol(0),
       m_ranFull(false) {
-  if (createSem(ftok(kSemaphoreFile, kSemaphoreProject)) != 0) {
+  if (createSem(ftok(tarn::kDatabaseLockFile, tarn::kDatabaseLockProject)) != 0) {
     syslog(LOG_ERR, tarn::kMsgSemInitError);
   }
 }
@@ -140,12 +137,12 @@ CApiDb::CApiDb()
 CApiDb::~CApiDb() { finish(); }
 
 uint32_t CApiDb::createSem(int key) {
-  m_semID = semget(key, 1, IPC_CREAT | IPC_EXCL | kSemaphoreMode);
+  m_semID = semget(key, 1, IPC_CREAT | IPC_EXCL | tarn::kDatabaseLockMode);
   bool ready = false;
   if (m_semID != -1) {
     ready = initSemaphore(m_semID);
   } else if (errno == EEXIST) {
-    m_semID = semget(key, 1, kSemaphoreMode);
+    m_semID = semget(key, 1, tarn::kDatabaseLockMode);
     ready = m_semID != -1 && awaitSemaphore(m_semID);
   }
   if (!ready) m_semID = -1;
@@ -196,7 +193,7 @@ uint32_t CApiDb::finish() {
 template <typename Attempt>
 void CApiDb::runStatement(const char* sql, Attempt attempt) {
   m_statementDone = false;
-  if (!m_connected) connect(kDatabasePath);
+  if (!m_connected) connect(tarn::kDatabasePath);
   const SemLock lock(*this);
   if (!lock.held()) syslog(LOG_ERR, tarn::kMsgSqlNoLock, sql);
   runLocked(sql, attempt);
@@ -251,7 +248,7 @@ uint32_t CApiDb::setSqlNoResult(const char* sql) {
 size_t CApiDb::setSqlEach(const char* const* sql, size_t count) {
   m_statementDone = false;
   if (count == 0) return 0;
-  if (!m_connected) connect(kDatabasePath);
+  if (!m_connected) connect(tarn::kDatabasePath);
   const SemLock lock(*this);
   for (size_t i = 0; i < count; ++i) {
     if (!lock.held()) syslog(LOG_ERR, tarn::kMsgSqlNoLock, sql[i]);
@@ -265,7 +262,7 @@ size_t CApiDb::setSqlEach(const char* const* sql, size_t count) {
 
 // Runs a count once, without a retry; the held result stays. 0 when it fails.
 uint32_t CApiDb::execCount(const char* sql) {
-  if (!m_connected) connect(kDatabasePath);
+  if (!m_connected) connect(tarn::kDatabasePath);
   const SemLock lock(*this);
   if (!lock.held()) syslog(LOG_ERR, tarn::kMsgCountNoLock);
   if (m_db == nullptr) return 0;

@@ -8,6 +8,7 @@
 #include "base/Wrap.h"
 #include "chunk/CTARNMirroredChunk.h"
 #include "db/CApiDb.h"
+#include "db/DatabaseFile.h"
 #include "dblog/CDbLog.h"
 #include "dblog/DbLogMessages.h"
 #include "dblog/JournalOperation.h"
@@ -17,7 +18,6 @@ using namespace tarn;
 
 namespace {
 
-constexpr char kDatabasePath[] = "/tmp/DB.dat";
 constexpr char kSqlSearchEvent[] = "SELECT backOffset FROM EVENT WHERE eventID = %lu";
 constexpr char kSqlSearchStream[] = "SELECT backOffset FROM STREAM WHERE streamID = %lu";
 constexpr size_t kSqlRoom = 128;

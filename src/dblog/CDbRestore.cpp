@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "base/Wrap.h"
+#include "chunk/ChunkArea.h"
 #include "db/CApiDb.h"
 #include "dblog/CheckedSql.h"
 #include "dblog/DbLogMessages.h"
@@ -45,7 +46,7 @@ bool recoverPair(CTARNEndlessManagerNative* store, CApiDb* db, JournalKind kind,
                  const char* sqlNewest) {
   const JournalTraits& traits = journalTraits(kind);
   const auto mirror = static_cast<short>(traits.chunk + kJournalMirrorStep);
-  const uint32_t chunkSize = low32(store->getChunkSize(1));
+  const uint32_t chunkSize = low32(store->getChunkSize(tarn::kAreaStream));
   CHUNK_USAGE usage = {};
   if (store->getUsage(traits.chunk, &usage) != 0) return false;
   auto free = static_cast<uint32_t>(usage.freeAddr);

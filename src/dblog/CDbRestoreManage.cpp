@@ -9,6 +9,8 @@
 #include "base/Wrap.h"
 #include "chunk/CTARNEndlessChunk.h"
 #include "chunk/CTARNStreamChunk.h"
+#include "chunk/ChunkArea.h"
+#include "chunk/LogChunks.h"
 #include "chunk/StreamHeaderFormat.h"
 #include "dblog/CDbRestore.h"
 #include "dblog/CheckedSql.h"
@@ -26,9 +28,6 @@
 
 namespace {
 
-constexpr unsigned char kPictureArea = 0;
-constexpr unsigned char kStreamArea = 1;
-
 constexpr char kSqlOldestInChunk[] =
     "SELECT chunkOffset FROM STREAM WHERE chunkID = %u ORDER BY streamID ASC LIMIT 1";
 constexpr char kSqlNewestInChunk[] =
@@ -36,7 +35,6 @@ constexpr char kSqlNewestInChunk[] =
 
 constexpr int kSyslogType = 0;  // the only one
 constexpr short kSyslogFirstChunk = 0;
-constexpr int kSyslogChunks = 5;
 
 // A device that refuses a read may give it a moment later.
 constexpr int kTries = 5;
@@ -89,8 +87,8 @@ class StreamManageRecovery {
       : store_(store),
         tries_(tries),
         headerless_(headerless),
-        pictureSize_(tarn::low32(store->getChunkSize(kPictureArea))),
-        streamSize_(tarn::low32(store->getChunkSize(kStreamArea))) {}
+        pictureSize_(tarn::low32(store->getChunkSize(tarn::kAreaPicture))),
+        streamSize_(tarn::low32(store->getChunkSize(tarn::kAreaStream))) {}
 
   // False: the device did not tell the sizes, by which every place would come out wrong.
   bool hasSizes() const { return pictureSize_ != 0 && streamSize_ != 0; }
@@ -98,11 +96,11 @@ class StreamManageRecovery {
   void reset() {
     for (int chunk = 0; chunk < store_->numChunk(); ++chunk) {
       const auto number = static_cast<short>(chunk);
-      store_->setFree(number, 0, kStreamArea);
-      store_->setFree(number, 0, kPictureArea);
-      store_->setUsage(number, 0, kStreamArea);
-      store_->setUsage(number, 0, kPictureArea);
-      store_->setChType(number, -1, 0);
+      store_->setFree(number, 0, tarn::kAreaStream);
+      store_->setFree(number, 0, tarn::kAreaPicture);
+      store_->setUsage(number, 0, tarn::kAreaStream);
+      store_->setUsage(number, 0, tarn::kAreaPicture);
+      store_->setChType(number, tarn::kChannelUnused, 0);
     }
   }
 
@@ -128,20 +126,20 @@ class StreamManageRecovery {
     if (!blind_ || store_->getManageData(chunk, &present) != 0) return;
     if (!oldestRead_) {
       present.streamUseOffset = known.streamUseOffset;
-      store_->setUsage(chunk, present.streamUseOffset, kStreamArea);
+      store_->setUsage(chunk, present.streamUseOffset, tarn::kAreaStream);
     }
     store_->setFree(chunk,
                     ringBack(present.pictureUseOffset, tarn::kPictureRecordSize, pictureSize_),
-                    kPictureArea);
-    store_->setFree(chunk, ringBack(present.streamUseOffset, 1, streamSize_), kStreamArea);
+                    tarn::kAreaPicture);
+    store_->setFree(chunk, ringBack(present.streamUseOffset, 1, streamSize_), tarn::kAreaStream);
   }
 
   // A guarded chunk stays as it was saved, whatever the rows say.
   void keep(short chunk, const CHUNK_MANAGE& known) {
-    store_->setUsage(chunk, known.pictureUseOffset, kPictureArea);
-    store_->setFree(chunk, known.pictureFreeOffset, kPictureArea);
-    store_->setUsage(chunk, known.streamUseOffset, kStreamArea);
-    store_->setFree(chunk, known.streamFreeOffset, kStreamArea);
+    store_->setUsage(chunk, known.pictureUseOffset, tarn::kAreaPicture);
+    store_->setFree(chunk, known.pictureFreeOffset, tarn::kAreaPicture);
+    store_->setUsage(chunk, known.streamUseOffset, tarn::kAreaStream);
+    store_->setFree(chunk, known.streamFreeOffset, tarn::kAreaStream);
     store_->setChType(chunk, known.chType, known.recType);
   }
 
@@ -172,10 +170,10 @@ class StreamManageRecovery {
   bool setUse(short chunk, uint32_t chunkOffset) {
     uint8_t header[tarn::kPictureRecordSize];
     store_->setChType(chunk, 0, 0);
-    store_->setUsage(chunk, chunkOffset, kPictureArea);
+    store_->setUsage(chunk, chunkOffset, tarn::kAreaPicture);
     if (isHeaderless(chunk, chunkOffset)) {
       oldestRead_ = true;
-      store_->setUsage(chunk, known_->streamUseOffset, kStreamArea);
+      store_->setUsage(chunk, known_->streamUseOffset, tarn::kAreaStream);
       return true;
     }
     if (!readHeader(chunk, chunkOffset, header)) {
@@ -183,16 +181,16 @@ class StreamManageRecovery {
       return false;
     }
     oldestRead_ = true;
-    store_->setUsage(chunk, tarn::getLe32(header + tarn::kHeaderDataOffsetOff), kStreamArea);
+    store_->setUsage(chunk, tarn::getLe32(header + tarn::kHeaderDataOffsetOff), tarn::kAreaStream);
     return true;
   }
 
   void setFree(short chunk, uint32_t chunkOffset, uint32_t chunkSize) {
     uint8_t header[tarn::kPictureRecordSize];
-    store_->setFree(chunk, areaEnd(chunkOffset, chunkSize, pictureSize_), kPictureArea);
+    store_->setFree(chunk, areaEnd(chunkOffset, chunkSize, pictureSize_), tarn::kAreaPicture);
     blind_ = chunkSize == 0;  // a closed row has a header and an entry at least
     if (isHeaderless(chunk, chunkOffset)) {
-      store_->setFree(chunk, known_->streamFreeOffset, kStreamArea);
+      store_->setFree(chunk, known_->streamFreeOffset, tarn::kAreaStream);
       return;
     }
     if (!readHeader(chunk, chunkOffset, header)) {
@@ -202,7 +200,7 @@ class StreamManageRecovery {
     store_->setFree(chunk,
                     areaEnd(tarn::getLe32(header + tarn::kHeaderDataOffsetOff),
                             tarn::getLe32(header + tarn::kHeaderDataSizeOff), streamSize_),
-                    kStreamArea);
+                    tarn::kAreaStream);
   }
 
   bool isHeaderless(short chunk, uint32_t chunkOffset) const {
@@ -308,9 +306,9 @@ int CDbRestore::incrementSyslogActiveID(CTARNEndlessManagerNative* store, unsign
   }
   const int active = syslogActiveID(store, type);
   auto next = static_cast<int8_t>(active + 1);
-  if (next < 0 || next >= kSyslogChunks) next = 0;  // bytes above 127 are large, not negative
+  if (next < 0 || next >= tarn::kLogChunks) next = 0;  // bytes above 127 are large, not negative
   store->setChType(kSyslogFirstChunk, next, 0);
-  store->setFree(next, 0, kStreamArea);
+  store->setFree(next, 0, tarn::kAreaStream);
   return 0;
 }
 
@@ -320,7 +318,7 @@ int CDbRestore::recoverSyslogManage(std::string* unread) {
   CTARNEndlessManagerNative store(tarn::kFileSyslog);
   if (tarn::openForRestore(&store) != 0) return -1;
   // The device did not tell it, and without it the store has no records either.
-  if (unread != nullptr && store.getChunkSize(kStreamArea) == 0) return -1;
+  if (unread != nullptr && store.getChunkSize(tarn::kAreaStream) == 0) return -1;
   const int active = syslogActiveID(&store, kSyslogType);
   if (active < 0) {
     syslog(LOG_ERR, tarn::kMsgSyslogActive, kSyslogType);
@@ -328,7 +326,7 @@ int CDbRestore::recoverSyslogManage(std::string* unread) {
   }
   CTARNEndlessChunk chunk(tarn::kFileSyslog);
   const CHUNK_EVENT whole = {static_cast<uint16_t>(active), tarn::kRecorderPartition, 0,
-                             tarn::low32(store.getChunkSize(kStreamArea))};
+                             tarn::low32(store.getChunkSize(tarn::kAreaStream))};
   // A number that the card does not have would lead to somebody else's bytes.
   if (active >= store.numChunk() || chunk.openChunkFile(&whole) != 0) {
     syslog(LOG_ERR, tarn::kMsgManageOpenChunk);
@@ -342,6 +340,6 @@ int CDbRestore::recoverSyslogManage(std::string* unread) {
     return 0;
   }
   chunk.closeChunkFile();
-  store.setFree(static_cast<short>(active), end, kStreamArea);
+  store.setFree(static_cast<short>(active), end, tarn::kAreaStream);
   return saveAndClose(&store);
 }

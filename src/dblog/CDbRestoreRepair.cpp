@@ -6,7 +6,9 @@
 #include "base/Endian.h"
 #include "base/Wrap.h"
 #include "chunk/CTARNStreamChunk.h"
+#include "chunk/ChunkArea.h"
 #include "chunk/StreamHeaderFormat.h"
+#include "db/RowStatus.h"
 #include "dblog/CDbRestore.h"
 #include "dblog/CheckedSql.h"
 #include "dblog/JournalFormat.h"
@@ -20,14 +22,6 @@
 // The repair of the recordings that a power loss interrupted.
 
 namespace {
-
-constexpr short kPictureArea = 0;
-constexpr short kStreamArea = 1;
-constexpr uint16_t kFrameSetAudio = 0x80;
-// Stream kinds whose pictures are not laid out as the walk reads them.
-constexpr uint32_t kStatusNotRepairable = 0x300;
-constexpr uint32_t kStatusRecording = 0x1;
-constexpr uint32_t kStatusRepaired = 0x10000;
 
 constexpr char kSqlUnclosed[] =
     "SELECT streamID, frameSet, chunkID, chunkOffset, status, startDate, backOffset FROM STREAM "
@@ -81,7 +75,8 @@ void closeRow(CDbRestore* restore, const Unclosed& row, const tarn::PictureWalk&
   const uint32_t pictures = walk.pictures();
   const uint32_t indexSize = tarn::wrapMul32(pictures + 1, tarn::kPictureRecordSize);
   const uint32_t end = walk.lastTime();
-  const uint32_t status = (row.status & ~(kStatusRecording | kStatusRepaired)) | kStatusRepaired;
+  const uint32_t status =
+      (row.status & ~(tarn::kStatusRecording | tarn::kStatusRepaired)) | tarn::kStatusRepaired;
   if (end > *latestEnd) *latestEnd = end;
   char sql[kSqlRoom];
   snprintf(sql, sizeof sql, kSqlCloseStream, asLong(status), asLong(pictures), asLong(indexSize),
@@ -124,7 +119,8 @@ CHUNK_EVENT wholeRing(const Unclosed& row, uint32_t start, unsigned long areaSiz
 
 // A chunk number that the card does not have would lead to somebody else's bytes.
 bool openEntries(const Unclosed& row, CTARNStreamManagerNative* store) {
-  const CHUNK_EVENT entries = wholeRing(row, row.chunkOffset, store->getChunkSize(kPictureArea));
+  const CHUNK_EVENT entries =
+      wholeRing(row, row.chunkOffset, store->getChunkSize(tarn::kAreaPicture));
   if (row.chunkID < store->numChunk() && row.picture->openChunkFile(&entries) == 0) return true;
   syslog(LOG_ERR, tarn::kMsgRepairPictureOpen, tarn::kRepairSource, __LINE__,
          tarn::kRepairFunction);
@@ -142,7 +138,7 @@ bool readHeader(const Unclosed& row, uint8_t* header) {
 
 bool openData(const Unclosed& row, CTARNStreamManagerNative* store, const uint8_t* header) {
   const CHUNK_EVENT data = wholeRing(row, tarn::getLe32(header + tarn::kHeaderDataOffsetOff),
-                                     store->getChunkSize(kStreamArea));
+                                     store->getChunkSize(tarn::kAreaStream));
   if (row.stream->openChunkFile(&data) == 0) return true;
   syslog(LOG_ERR, tarn::kMsgRepairStreamOpen, tarn::kRepairSource, __LINE__, tarn::kRepairFunction);
   return false;
@@ -200,7 +196,7 @@ int CDbRestore::fixUpVideoStream(CTARNStreamManagerNative* store, CTARNStreamChu
   const bool readable = readHeader(row, header) && openData(row, store, header);
   if (readable) {
     const uint32_t entryLimit =
-        tarn::low32(store->getChunkSize(kPictureArea)) / tarn::kPictureRecordSize;
+        tarn::low32(store->getChunkSize(tarn::kAreaPicture)) / tarn::kPictureRecordSize;
     repairRow(this, row, entryLimit, latestEnd, header);
     stream->closeChunkFile();
   }
@@ -218,15 +214,15 @@ int CDbRestore::fixUpLastStream() {
   }
   const auto rows = static_cast<long>(database.getNTuple());
   if (rows > 0) syslog(LOG_INFO, tarn::kMsgRepairCount, rows);
-  CTARNStreamChunk picture(0);
-  CTARNStreamChunk stream(1);
+  CTARNStreamChunk picture(tarn::kAreaPicture);
+  CTARNStreamChunk stream(tarn::kAreaStream);
   unsigned long latestEnd = 0;
   for (long row = 0; row < rows; ++row) {
     const auto frameSet = static_cast<uint16_t>(database.getValue(row, 1));
     const uint32_t status = database.getValue(row, 4);
-    if ((frameSet & kFrameSetAudio) != 0) {
+    if ((frameSet & tarn::kFrameSetAudio) != 0) {
       fixUpAudioStream(&store, &picture, &stream, &latestEnd);
-    } else if ((status & kStatusNotRepairable) == 0) {
+    } else if ((status & tarn::kStatusNotVideo) == 0) {
       fixUpVideoStream(&store, &picture, &stream, database.getValue(row, 0), frameSet,
                        database.getValue(row, 2), database.getValue(row, 3), status,
                        database.getValue(row, 5), database.getValue(row, 6), &latestEnd);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/Wrap.h"
+#include "chunk/ChunkArea.h"
 #include "db/CApiDb.h"
 #include "db/SqlText.h"
 #include "dblog/CDbRestore.h"
@@ -177,7 +178,7 @@ bool replayJournal(CTARNEndlessManagerNative* store, short chunk, const Replay& 
   }
   // On the heap: the blocks are large for a stack.
   const std::unique_ptr<JournalReader> reader(new (std::nothrow) JournalReader(
-      journalTraits(replay.kind), chunk, low32(store->getChunkSize(1))));
+      journalTraits(replay.kind), chunk, low32(store->getChunkSize(tarn::kAreaStream))));
   return reader != nullptr && replayInTransaction(reader.get(), replay);
 }
 

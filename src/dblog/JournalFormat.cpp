@@ -53,18 +53,10 @@ uint32_t nextJournalPlace(const JournalTraits& traits, uint32_t offset, uint32_t
   return ringAdvance(offset, traits.recordSize, chunkSize);
 }
 
-void sealJournalRecord(void* record, uint32_t crcLength) {
-  const uint16_t crc = crc16(record, crcLength);
-  uint8_t* trailer = at(record, crcLength);
-  trailer[0] = 0;
-  trailer[1] = 0;
-  trailer[kJournalTrailerCrcOff] = static_cast<uint8_t>(crc >> 8);
-  trailer[kJournalTrailerCrcOff + 1] = static_cast<uint8_t>(crc);
-}
+void sealJournalRecord(void* record, uint32_t crcLength) { writeMirrorTrailer(record, crcLength); }
 
 bool journalRecordValid(const void* record, uint32_t crcLength) {
-  const uint8_t* crc = at(record, crcLength + kJournalTrailerCrcOff);
-  return crc16(record, crcLength) == ((uint32_t{crc[0]} << 8) | crc[1]);
+  return mirrorTrailerFits(record, crcLength);
 }
 
 bool journalRecordInPlace(const JournalTraits& traits, const void* record, uint32_t position) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "base/Export.h"
+#include "chunk/MirrorTrailer.h"
 #include "db/DbRecordFormat.h"
 #include "db/DbRecords.h"
 
@@ -15,15 +16,13 @@ namespace tarn {
 // Little-endian but for the checksum. Stored rows: see db/DbRecordFormat.h.
 inline constexpr uint32_t kJournalMarkerOff = 0;  // 4 bytes, below
 inline constexpr uint32_t kJournalBodyOff = 4;    // the stored row
-inline constexpr uint32_t kJournalTrailerSize =
-    4;  // 0, 0, CRC-16 of all before it, high byte first
-inline constexpr uint32_t kJournalTrailerCrcOff = 2;  // in the trailer
+// Behind the row: see chunk/MirrorTrailer.h.
 
 // Event record                                                         off size
 // marker                                                                 0   4
 // stored EVENT row                                                       4  24
 inline constexpr uint32_t kEventRecordCrcLength = kJournalBodyOff + kStoredEventSize;
-inline constexpr uint32_t kEventRecordSize = kEventRecordCrcLength + kJournalTrailerSize;
+inline constexpr uint32_t kEventRecordSize = kEventRecordCrcLength + kMirrorTrailerSize;
 static_assert(kEventRecordCrcLength == 28 && kEventRecordSize == 32);
 
 // Stream record                                                        off size
@@ -33,7 +32,7 @@ inline constexpr uint32_t kStreamRecordReservedOff = kJournalBodyOff + kStoredSt
 inline constexpr uint32_t kStreamRecordReservedSize = 8;                                   // zero
 inline constexpr uint32_t kStreamRecordCrcLength =
     kStreamRecordReservedOff + kStreamRecordReservedSize;
-inline constexpr uint32_t kStreamRecordSize = kStreamRecordCrcLength + kJournalTrailerSize;
+inline constexpr uint32_t kStreamRecordSize = kStreamRecordCrcLength + kMirrorTrailerSize;
 static_assert(kStreamRecordCrcLength == 60 && kStreamRecordSize == 64);
 
 inline constexpr uint32_t kMarkerLiveStream = 0xFFFFFFEC;     // -20

@@ -13,7 +13,6 @@
 namespace tarn {
 namespace {
 
-constexpr long kTimeStampBytes = 287;  // of a picture, enough for the unit that holds its time
 constexpr uint32_t kCoarseInterval = 100;
 constexpr uint32_t kSecondsPerPicture = 10;  // more between two pictures is another recording
 constexpr uint32_t kStartToleranceSeconds = 10;
@@ -88,12 +87,12 @@ PictureWalk::Step PictureWalk::readTime(uint32_t dataOffset, uint32_t* time) {
     syslog(LOG_ERR, kMsgRepairStreamSeek, kRepairSource, __LINE__, kRepairFunction);
     return Step::kStop;
   }
-  uint8_t data[kTimeStampBytes];
-  if (stream_->read(data, kTimeStampBytes) != kTimeStampBytes) {
+  uint8_t data[kTimeStampWindow];
+  if (stream_->read(data, sizeof data) != static_cast<long>(sizeof data)) {
     syslog(LOG_ERR, kMsgRepairStreamRead, kRepairSource, __LINE__, kRepairFunction);
     return Step::kStop;
   }
-  *time = static_cast<uint32_t>(restore_->getTimeStamp(data, kTimeStampBytes));
+  *time = static_cast<uint32_t>(restore_->getTimeStamp(data, sizeof data));
   return Step::kGoOn;
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "base/Export.h"
+#include "chunk/LogChunks.h"
 
 namespace tarn {
 
@@ -12,7 +13,7 @@ namespace tarn {
 // start. Lines do not straddle blocks: the log writer pads before the boundary.
 class TARN_API SyslogScan {
  public:
-  static constexpr size_t kBlockSize = 4096;
+  static constexpr size_t kBlockSize = kLogBlockBytes;
 
   // Looks at the next block; text[length] must be writable and is set to 0. False when the scan
   // has ended, and freeOffset() is final.

@@ -13,6 +13,7 @@
 #include "base/Crc16.h"
 #include "base/Omission.h"
 #include "base/Wrap.h"
+#include "chunk/ChunkArea.h"
 #include "fat/ChunkFiles.h"
 #include "manager/ManageFormat.h"
 #include "manager/ManagerMessages.h"
@@ -346,7 +347,7 @@ unsigned short CTARNStreamManagerNative::numUsedChunk() {
 }
 
 unsigned long CTARNStreamManagerNative::getChunkSize(short kind) {
-  return kind == 0 ? m_pictureSize : m_streamSize;
+  return kind == tarn::kAreaPicture ? m_pictureSize : m_streamSize;
 }
 
 unsigned short CTARNStreamManagerNative::getCRC(const unsigned char* data, long length) {

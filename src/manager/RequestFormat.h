@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "base/Endian.h"
+#include "chunk/ChunkArea.h"
 #include "manager/ChunkRecords.h"
 #include "manager/RequestResult.h"
 
@@ -23,14 +24,10 @@ enum RequestCode : uint32_t {
   kRequestFreeSizeTotal = 7,   // -> data: 64-bit total
   kRequestNumUsedChunk = 8,    // -> arg1 count
   kRequestNumChunk = 9,        // -> arg1 count
-  kRequestChunkSize = 10,      // arg1 area -> arg1 bytes
+  kRequestChunkSize = 10,      // arg1 area (ChunkArea.h) -> arg1 bytes
   kRequestGetChunkAttr = 11,   // arg0 chunk -> arg1, arg2 the two attributes
   kRequestFirstAvailable = 12  // arg0 needed bytes, arg1 channel, arg2 type -> arg0 chunk
 };
-
-// Area selector in arg1 or arg2.
-inline constexpr uint8_t kAreaPicture = 0;
-inline constexpr uint8_t kAreaStream = 1;
 
 //                                                              off size
 inline constexpr uint32_t kRequestCommandOff = 0;     //   0    4  RequestCode

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+
+// Bits of STREAM's columns that have a meaning to whoever repairs rows. All other bits are the
+// caller's, stored unchanged.
+namespace tarn {
+
+// DB_STREAM::status
+inline constexpr uint32_t kStatusRecording = 0x1;     // until the recording is closed
+inline constexpr uint32_t kStatusNotVideo = 0x300;    // any of them: no time stamps to go by
+inline constexpr uint32_t kStatusRepaired = 0x10000;  // closed by a repair
+
+// DB_STREAM::frameSet
+inline constexpr uint16_t kFrameSetAudio = 0x80;
+
+}  // namespace tarn
