@@ -8,6 +8,14 @@ function(tarn_warnings target)
     $<$<BOOL:${TARN_WERROR}>:-Werror>)
 endfunction()
 
+# A release build of a library has debug information: the interface is compared by it (scripts/abi), and
+# a core from the field is read with it. Packages are stripped.
+function(tarn_debug_information target)
+  if(NOT TARN_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
+    target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-g>)
+  endif()
+endfunction()
+
 # One static library per source folder; the shared library is made of all of them.
 # Every source file of the folder belongs to it.
 function(tarn_folder name)
@@ -20,5 +28,6 @@ function(tarn_folder name)
   target_compile_options(tarn_${name} PRIVATE -fno-exceptions)
   target_link_libraries(tarn_${name} PRIVATE SQLite::SQLite3 Threads::Threads)
   tarn_warnings(tarn_${name})
+  tarn_debug_information(tarn_${name})
   set_property(GLOBAL APPEND PROPERTY TARN_FOLDER_OBJECTS $<TARGET_OBJECTS:tarn_${name}>)
 endfunction()
