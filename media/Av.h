@@ -4,6 +4,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
+#include <libavutil/display.h>
 }
 
 #include <memory>
@@ -17,6 +18,10 @@ struct AvDeleter {
   void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
   void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
   void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
+  void operator()(AVIOContext* io) const {
+    av_freep(&io->buffer);
+    avio_context_free(&io);
+  }
   void operator()(AVPacket* packet) const { av_packet_free(&packet); }
 };
 template <class T>

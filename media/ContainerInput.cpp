@@ -3,50 +3,139 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <new>
 
 #include "base/UniqueFd.h"
+#include "media/MonotonicTime.h"
 #include "media/StreamInput.h"
 #include "recorder/recording/AnnexB.h"
 
 namespace tarn {
+namespace {
+
+// A camera that has sent nothing for so long is gone.
+constexpr char kSilenceUs[] = "10000000";
+
+}  // namespace
+
+int ContainerInput::interrupted(void* self) {
+  return static_cast<ContainerInput*>(self)->stopAsked_() ? 1 : 0;
+}
+
+int ContainerInput::readBytes(void* self, uint8_t* out, int size) {
+  const ssize_t got =
+      static_cast<ContainerInput*>(self)->bytes_->read(out, static_cast<size_t>(size));
+  if (got > 0) return static_cast<int>(got);
+  return got == 0 ? AVERROR_EOF : AVERROR(errno);
+}
+
+bool ContainerInput::openFormat(const std::string& url, const std::string& name,
+                                std::string* error) {
+  av_log_set_level(AV_LOG_FATAL);
+  AVFormatContext* raw = avformat_alloc_context();
+  if (raw == nullptr) throw std::bad_alloc();
+  raw->interrupt_callback = {interrupted, this};
+  if (bytes_ != nullptr) {
+    constexpr int kBuffer = 32768;
+    auto* buffer = static_cast<uint8_t*>(av_malloc(kBuffer));
+    io_.reset(avio_alloc_context(buffer, kBuffer, 0, this, readBytes, nullptr, nullptr));
+    raw->pb = io_.get();
+    raw->flags |= AVFMT_FLAG_CUSTOM_IO;
+  }
+  AVDictionary* options = nullptr;
+  if (isAddress(url)) {
+    av_dict_set(&options, "rtsp_transport", "tcp", 0);
+    av_dict_set(&options, "timeout", kSilenceUs, 0);
+  }
+  // On failure the context is freed, too.
+  const int result = avformat_open_input(&raw, url.c_str(), nullptr, &options);
+  av_dict_free(&options);
+  if (result < 0) {
+    *error = "cannot open " + name + ": " + avErrorText(result);
+    return false;
+  }
+  format_.reset(raw);
+  return chooseVideo(name, error);
+}
+
+bool ContainerInput::chooseVideo(const std::string& name, std::string* error) {
+  AVFormatContext* format = format_.get();
+  const int result = avformat_find_stream_info(format, nullptr);
+  const int index = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  if (result < 0 || index < 0) {
+    *error = name + " has no video that can be read";
+    return false;
+  }
+  stream_ = format->streams[index];
+  const AVCodecID codec = stream_->codecpar->codec_id;
+  if (codec == AV_CODEC_ID_H264) return true;
+  *error = name + ": its video is " + avcodec_get_name(codec) + ", not H.264";
+  return false;
+}
+
+// What would be missed only when it is looked for.
+void ContainerInput::noteLeftOut() {
+  for (unsigned i = 0; i < format_->nb_streams; ++i) {
+    AVStream* other = format_->streams[i];
+    if (other == stream_) continue;
+    other->discard = AVDISCARD_ALL;
+    const std::string codec = avcodec_get_name(other->codecpar->codec_id);
+    if (other->codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
+      leftOut_.push_back("its sound (" + codec + ") is not recorded");
+    else if (other->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+      leftOut_.push_back("its other video (" + codec + ") is not recorded");
+    else if (other->codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE)
+      leftOut_.push_back("its subtitles (" + codec + ") are not recorded");
+  }
+  const uint8_t* matrix = av_stream_get_side_data(stream_, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
+  if (matrix == nullptr) return;
+  const double angle = av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
+  const long degrees = std::isnan(angle) ? 0 : std::lround(angle);
+  if (degrees != 0)
+    leftOut_.push_back("its rotation by " + std::to_string(degrees) + " degrees is not recorded");
+}
+
+bool ContainerInput::begin(double frameRate, std::string* error) {
+  const AVRational rate = av_guess_frame_rate(format_.get(), stream_, nullptr);
+  frameRate_ = rate.num > 0 ? av_q2d(rate) : frameRate;
+  bitRate_ = std::max(stream_->codecpar->bit_rate, int64_t{0});
+  hasTimes_ = true;
+  noteLeftOut();
+  return openFilter(error) == 0;
+}
 
 std::unique_ptr<MediaInput> ContainerInput::open(const std::string& path, double frameRate,
                                                  StopAsked stopAsked, std::string* error) {
-  av_log_set_level(AV_LOG_FATAL);
-  AVFormatContext* raw = nullptr;
-  // The name is taken as a file, never as an address.
-  int result = avformat_open_input(&raw, ("file:" + path).c_str(), nullptr, nullptr);
-  if (result < 0) {
-    *error = "cannot open " + path + ": " + avErrorText(result);
-    return nullptr;
-  }
   auto input = std::make_unique<ContainerInput>();
-  input->format_.reset(raw);
-  result = avformat_find_stream_info(raw, nullptr);
-  const int index = av_find_best_stream(raw, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-  if (result < 0 || index < 0) {
-    *error = path + " has no video that can be read";
-    return nullptr;
-  }
-  input->stream_ = raw->streams[index];
-  if (input->stream_->codecpar->codec_id != AV_CODEC_ID_H264) {
-    *error = path + ": its video is " + avcodec_get_name(input->stream_->codecpar->codec_id) +
-             ", not H.264";
-    return nullptr;
-  }
-  const AVRational rate = av_guess_frame_rate(raw, input->stream_, nullptr);
-  if (std::string(raw->iformat->name) == "h264") {
+  input->stopAsked_ = stopAsked;
+  input->live_ = isAddress(path);
+  // Any other name is taken as a file, never as an address.
+  if (!input->openFormat(input->live_ ? path : "file:" + path, path, error)) return nullptr;
+  if (std::string(input->format_->iformat->name) == "h264") {
     // A bare byte stream has no times; they are worked out from the order of its pictures.
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.valid()) {
       *error = "cannot open " + path;
       return nullptr;
     }
-    return StreamInput::open(::dup(file.get()), frameRate, stopAsked, error);
+    return StreamInput::open(std::make_unique<InputBytes>(std::move(file), std::move(stopAsked)),
+                             frameRate, error);
   }
-  input->frameRate_ = rate.num > 0 ? av_q2d(rate) : frameRate;
-  input->bitRate_ = std::max(input->stream_->codecpar->bit_rate, int64_t{0});
-  if (input->openFilter(error) != 0) return nullptr;
+  if (!input->begin(frameRate, error)) return nullptr;
+  return input;
+}
+
+std::unique_ptr<MediaInput> ContainerInput::open(std::unique_ptr<InputBytes> bytes,
+                                                 double frameRate, StopAsked stopAsked,
+                                                 std::string* error) {
+  auto input = std::make_unique<ContainerInput>();
+  input->stopAsked_ = std::move(stopAsked);
+  input->live_ = bytes->isLive();
+  input->bytes_ = std::move(bytes);
+  if (!input->openFormat("", "standard input", error) || !input->begin(frameRate, error))
+    return nullptr;
   return input;
 }
 
@@ -89,6 +178,7 @@ void ContainerInput::addPacket() {
   const int64_t frameUs = static_cast<int64_t>(1e6 / (frameRate_ > 0 ? frameRate_ : 25));
   MediaPicture picture;
   picture.annexB.assign(packet.data, packet.data + packet.size);
+  picture.arrivalUs = monotonicUs();
   picture.key = isKeyPicture(picture.annexB.data(), picture.annexB.size());
   preamble_.complete(&picture.annexB, picture.key);
   int64_t presentation = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;

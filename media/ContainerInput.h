@@ -1,19 +1,30 @@
 #pragma once
 
 #include "media/Av.h"
+#include "media/InputBytes.h"
 #include "media/MediaInput.h"
 #include "media/StreamPreamble.h"
 
 namespace tarn {
 
-// H.264 video of a container file with times of its own.
+// H.264 video of a container file, of a container on a pipe or of an address, with times of its
+// own.
 class ContainerInput : public MediaInput {
  public:
   static std::unique_ptr<MediaInput> open(const std::string& path, double frameRate,
                                           StopAsked stopAsked, std::string* error);
+  static std::unique_ptr<MediaInput> open(std::unique_ptr<InputBytes> bytes, double frameRate,
+                                          StopAsked stopAsked, std::string* error);
   Result next(MediaPicture* out) override;
 
  private:
+  // Opens `url`, or what bytes_ gives, and chooses its video. `name` is what messages call it.
+  bool openFormat(const std::string& url, const std::string& name, std::string* error);
+  bool chooseVideo(const std::string& name, std::string* error);
+  bool begin(double frameRate, std::string* error);
+  void noteLeftOut();
+  static int readBytes(void* self, uint8_t* out, int size);
+  static int interrupted(void* self);
   int openFilter(std::string* error);
   // The next packet of the video as a byte stream; 0, AVERROR_EOF or another error.
   int nextPacket();
@@ -25,6 +36,9 @@ class ContainerInput : public MediaInput {
   bool firstIsTimed() const;
   void backfillDecodeTimes(int64_t nextDecodeUs);
 
+  StopAsked stopAsked_;
+  std::unique_ptr<InputBytes> bytes_;  // of a container on standard input
+  AvOwned<AVIOContext> io_;            // which reads them
   AvOwned<AVFormatContext> format_;
   AvOwned<AVBSFContext> filter_;
   AvOwned<AVPacket> packet_;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,14 +18,15 @@ struct MediaPicture {
   int64_t decodeUs = 0;         // the same of decoding; never after presentation
   int64_t durationUs = 0;       // how long it is shown, as far as the input tells; else one frame
   bool key = false;             // decoding can begin here (IDR)
+  int64_t arrivalUs = 0;        // monotonic, when it was received; see PictureClock
 };
 
-// Whether the program was asked to stop. Asked a few times a second while an input is waited for,
-// in the thread that reads it.
-using StopAsked = bool (*)();
+// Whether to stop. Asked a few times a second while an input is waited for, in the thread that
+// reads it: the place for whatever must go on meanwhile, as RecordingSession::tick().
+using StopAsked = std::function<bool()>;
 
-// Video of any file that libavformat reads and whose video is H.264, or an Annex B stream.
-// Pictures are passed on as they are, never re-encoded. Used by one thread.
+// Video of any file or stream that libavformat reads and whose video is H.264, or an Annex B
+// stream. Pictures are passed on as they are, never re-encoded. Used by one thread.
 class TARN_API MediaInput {
  public:
   virtual ~MediaInput() = default;
@@ -36,20 +38,33 @@ class TARN_API MediaInput {
   const std::string& error() const { return error_; }
   double frameRate() const { return frameRate_; }  // pictures a second, 0 when not known
   int64_t bitRate() const { return bitRate_; }     // bits a second, 0 when not known
+  // Pictures come when they are taken: a pipe, or a camera on the network.
+  bool isLive() const { return live_; }
+  // Whether its times are the source's own. Without, they are counted from the pictures.
+  bool hasTimes() const { return hasTimes_; }
+  // What it has besides the pictures and what is not read, one sentence each: sound, a rotation.
+  const std::vector<std::string>& leftOut() const { return leftOut_; }
   // Length from the first picture to the end of the last, once the end was reached.
   int64_t lengthUs() const { return lengthUs_; }
 
-  // Opens `path`; "-" is an Annex B stream on standard input. `frameRate` above 0 is used for
+  // Opens `path`: a file; "-", an Annex B stream or a transport stream, Matroska and the like on
+  // standard input; or an address that isAddress(), over TCP. `frameRate` above 0 is used for
   // streams that carry no times (25 when the stream does not tell either). Null with *error set.
-  // Where the input is a stream, a read ends as an error once `stopAsked` says so.
+  // Where the input is a stream, opening and reading end as an error once `stopAsked` says so, and
+  // a camera that has sent nothing for ten seconds is gone.
   static std::unique_ptr<MediaInput> open(const std::string& path, double frameRate,
                                           StopAsked stopAsked, std::string* error);
+  // An rtsp:// or rtsps:// address; anything else names a file.
+  static bool isAddress(const std::string& path);
 
  protected:
   std::string error_;
   double frameRate_ = 0;
   int64_t bitRate_ = 0;
   int64_t lengthUs_ = 0;
+  bool live_ = false;
+  bool hasTimes_ = false;
+  std::vector<std::string> leftOut_;
 };
 
 }  // namespace tarn

@@ -28,7 +28,9 @@ class StreamOutput : public MediaOutput {
     return file_.valid();
   }
 
-  bool write(const OutputPicture& picture) override {
+  bool describe(size_t /*track*/, const OutputPicture& /*first*/) override { return true; }
+
+  bool write(const OutputPicture& picture, size_t /*track*/) override {
     const uint8_t* data = picture.annexB.data();
     size_t left = picture.annexB.size();
     while (left > 0) {
@@ -76,22 +78,36 @@ class Mp4Output : public MediaOutput {
     return false;
   }
 
-  bool write(const OutputPicture& picture) override {
-    if (stream_ == nullptr && !begin(picture)) return false;
+  void setTracks(size_t tracks) { tracks_.resize(tracks); }
+
+  bool describe(size_t track, const OutputPicture& first) override {
+    Track& t = tracks_[track];
+    t.stream = avformat_new_stream(muxer_.get(), nullptr);
+    if (t.stream == nullptr || !describe(t.stream->codecpar, first)) return false;
+    t.first = first.presentation;
+    // Microseconds, so that a picture's time survives to the last digit.
+    t.stream->time_base = kMicroseconds;
+    return true;
+  }
+
+  bool write(const OutputPicture& picture, size_t track) override {
+    Track& t = tracks_[track];
+    if (t.stream == nullptr && !describe(track, picture)) return false;
+    if (!headerWritten_ && !begin()) return false;
     packet_->data = const_cast<uint8_t*>(picture.annexB.data());  // the muxer only reads it
     packet_->size = static_cast<int>(picture.annexB.size());
-    packet_->stream_index = stream_->index;
+    packet_->stream_index = t.stream->index;
     packet_->flags = picture.key ? AV_PKT_FLAG_KEY : 0;
     const int64_t pts = picture.presentation.totalMicros() - originUs_;
     // Decode times must rise; a clock that was set back makes them collide.
     int64_t dts = std::min(pts, pts + picture.decodeOffsetUs);
-    if (started_) dts = std::max(dts, lastDts_ + 1);
-    packet_->dts = av_rescale_q(dts, kMicroseconds, stream_->time_base);
-    packet_->pts = av_rescale_q(std::max(pts, dts), kMicroseconds, stream_->time_base);
+    if (t.started) dts = std::max(dts, t.lastDts + 1);
+    packet_->dts = av_rescale_q(dts, kMicroseconds, t.stream->time_base);
+    packet_->pts = av_rescale_q(std::max(pts, dts), kMicroseconds, t.stream->time_base);
     // The file ends when its last picture does, which is shown as long as the one before.
-    packet_->duration = started_ ? dts - lastDts_ : 0;
-    lastDts_ = dts;
-    started_ = true;
+    packet_->duration = t.started ? dts - t.lastDts : 0;
+    t.lastDts = dts;
+    t.started = true;
     const int result = av_write_frame(muxer_.get(), packet_.get());
     av_packet_unref(packet_.get());
     if (result < 0) error_ = "cannot write " + partPath_ + ": " + avErrorText(result);
@@ -99,15 +115,21 @@ class Mp4Output : public MediaOutput {
   }
 
  private:
-  bool begin(const OutputPicture& first) {
-    stream_ = avformat_new_stream(muxer_.get(), nullptr);
-    if (stream_ == nullptr || !describe(first)) return false;
-    originUs_ = first.presentation.totalMicros();
-    // Microseconds, so that a picture's time survives to the last digit.
-    stream_->time_base = kMicroseconds;
+  struct Track {
+    AVStream* stream = nullptr;  // owned by muxer_
+    PictureTime first;
+    bool started = false;
+    int64_t lastDts = 0;
+  };
+
+  // All tracks count from the first picture of all, so that they stay side by side.
+  bool begin() {
+    PictureTime first = tracks_.front().first;
+    for (const Track& track : tracks_) first = std::min(first, track.first);
+    originUs_ = first.totalMicros();
     AVDictionary* options = nullptr;
     av_dict_set(&options, "video_track_timescale", "1000000", 0);
-    setDate(first.presentation);
+    setDate(first);
     const int result = avformat_write_header(muxer_.get(), &options);
     av_dict_free(&options);
     if (result < 0) error_ = "cannot begin " + partPath_ + ": " + avErrorText(result);
@@ -128,8 +150,7 @@ class Mp4Output : public MediaOutput {
   }
 
   // Size of the picture and parameter sets, which the muxer wants before the first picture.
-  bool describe(const OutputPicture& first) {
-    AVCodecParameters* parameters = stream_->codecpar;
+  bool describe(AVCodecParameters* parameters, const OutputPicture& first) {
     parameters->codec_type = AVMEDIA_TYPE_VIDEO;
     parameters->codec_id = AV_CODEC_ID_H264;
     const AVCodec* decoder = avcodec_find_decoder(AV_CODEC_ID_H264);
@@ -180,17 +201,15 @@ class Mp4Output : public MediaOutput {
 
   std::unique_ptr<AVFormatContext, MuxerDeleter> muxer_;
   AvOwned<AVPacket> packet_;
-  AVStream* stream_ = nullptr;  // owned by muxer_
+  std::vector<Track> tracks_;
   bool headerWritten_ = false;
-  bool started_ = false;
   int64_t originUs_ = 0;
-  int64_t lastDts_ = 0;
 };
 
 }  // namespace
 
 std::unique_ptr<MediaOutput> MediaOutput::create(const std::string& path, bool overwrite,
-                                                 std::string* error) {
+                                                 std::string* error, size_t tracks) {
   av_log_set_level(AV_LOG_FATAL);
   if (!overwrite && ::access(path.c_str(), F_OK) == 0) {
     *error = path + " exists; --force replaces it";
@@ -204,7 +223,15 @@ std::unique_ptr<MediaOutput> MediaOutput::create(const std::string& path, bool o
     *error = output->error();
     return nullptr;
   };
-  if (endsWith(path, ".mp4")) return opened(std::make_unique<Mp4Output>());
+  if (endsWith(path, ".mp4")) {
+    auto output = std::make_unique<Mp4Output>();
+    output->setTracks(tracks);
+    return opened(std::move(output));
+  }
+  if (tracks > 1) {
+    *error = path + ": only an .mp4 holds several tracks";
+    return nullptr;
+  }
   if (endsWith(path, ".h264")) return opened(std::make_unique<StreamOutput>());
   *error = path + ": the name must end in .mp4 or .h264";
   return nullptr;

@@ -27,12 +27,16 @@ class TARN_API MediaOutput {
   virtual ~MediaOutput();
 
   // The format follows from the ending, .mp4 or .h264. Refuses an existing file unless `overwrite`.
-  // Null with *error set.
+  // A file of several tracks must be .mp4. Null with *error set.
   static std::unique_ptr<MediaOutput> create(const std::string& path, bool overwrite,
-                                             std::string* error);
+                                             std::string* error, size_t tracks = 1);
 
-  // The first picture must be a key picture with its parameter sets. False with error() set.
-  virtual bool write(const OutputPicture& picture) = 0;
+  // Of a file of several tracks, before anything is written, of each track: its first picture,
+  // which is a key picture with its parameter sets. False with error() set.
+  virtual bool describe(size_t track, const OutputPicture& first) = 0;
+  // The first picture of a track must be a key picture with its parameter sets. Tracks may take
+  // turns in any way. False with error() set.
+  virtual bool write(const OutputPicture& picture, size_t track = 0) = 0;
   // Completes the file, flushes it and gives it its name. False with error() set.
   bool finish();
 

@@ -99,8 +99,16 @@ void skipDecoderModel(Bits* bits) {
   bits->bits(20);
 }
 
+// Two fields make a picture, also where they come as one.
+double readPictureRate(Bits* bits) {
+  const uint32_t units = bits->bits(32);
+  const uint32_t scale = bits->bits(32);
+  bits->bit();
+  return units == 0 || !bits->good() ? 0 : static_cast<double>(scale) / units / 2;
+}
+
 // The usability information up to its restrictions. False where it has none.
-bool skipToRestrictions(Bits* bits) {
+bool skipToRestrictions(Bits* bits, double* pictureRate) {
   constexpr uint32_t kExtendedRatio = 255;
   if (bits->bit() != 0 && bits->bits(8) == kExtendedRatio) bits->bits(32);
   if (bits->bit() != 0) bits->bit();  // overscan
@@ -112,11 +120,7 @@ bool skipToRestrictions(Bits* bits) {
     bits->code();
     bits->code();
   }
-  if (bits->bit() != 0) {  // timing
-    bits->bits(32);
-    bits->bits(32);
-    bits->bit();
-  }
+  if (bits->bit() != 0) *pictureRate = readPictureRate(bits);
   const bool network = bits->bit() != 0;
   if (network) skipDecoderModel(bits);
   const bool video = bits->bit() != 0;
@@ -147,15 +151,22 @@ ReorderDepth reorderDepthOf(const uint8_t* sps, size_t size) {
     for (int i = 0; i < 4; ++i) bits.code();
   }
   ReorderDepth depth;
-  if (orderType == 2) {
-    depth = {0, true};
-  } else if (bits.bit() != 0 && skipToRestrictions(&bits)) {
+  if (bits.bit() != 0 && skipToRestrictions(&bits, &depth.pictureRate)) {
     bits.bit();
     for (int i = 0; i < 4; ++i) bits.code();
     const uint32_t most = bits.code();
-    if (most <= ReorderDepth::kMost) depth = {most, true};
+    if (most <= ReorderDepth::kMost) {
+      depth.most = most;
+      depth.told = true;
+    }
   }
-  if (!bits.good()) return {};
+  if (!bits.good()) {
+    depth = ReorderDepth{ReorderDepth::kMost, false, depth.pictureRate};
+  }
+  if (orderType == 2) {
+    depth.most = 0;
+    depth.told = true;
+  }
   // Each field of a frame may come as a picture of its own.
   if (!frames) depth.most = std::min(2 * depth.most, ReorderDepth::kMost);
   return depth;

@@ -13,6 +13,8 @@ struct ReorderDepth {
   // Pictures that at most come before one in the stream and behind it on the screen.
   uint32_t most = kMost;
   bool told = false;  // by the stream; otherwise it is any stream's
+  // Pictures a second, 0 where the stream does not tell. It counts fields, two a picture.
+  double pictureRate = 0;
 };
 
 // Of the unit's bytes behind the start code. What cannot be read tells nothing.

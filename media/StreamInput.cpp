@@ -1,13 +1,11 @@
 #include "media/StreamInput.h"
 
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 
+#include "media/MonotonicTime.h"
 #include "recorder/recording/AnnexB.h"
 
 namespace tarn {
@@ -18,12 +16,12 @@ constexpr double kUsualRate = 25;
 
 }  // namespace
 
-std::unique_ptr<MediaInput> StreamInput::open(int fd, double frameRate, StopAsked stopAsked,
+std::unique_ptr<MediaInput> StreamInput::open(std::unique_ptr<InputBytes> bytes, double frameRate,
                                               std::string* error) {
   av_log_set_level(AV_LOG_FATAL);
   auto input = std::make_unique<StreamInput>();
-  input->fd_.reset(fd);
-  input->stopAsked_ = stopAsked;
+  input->live_ = bytes->isLive();
+  input->bytes_ = std::move(bytes);
   input->givenRate_ = frameRate;
   input->frameRate_ = frameRate > 0 ? frameRate : kUsualRate;
   input->block_.resize(kBlockSize + AV_INPUT_BUFFER_PADDING_SIZE);
@@ -37,13 +35,10 @@ std::unique_ptr<MediaInput> StreamInput::open(int fd, double frameRate, StopAske
   return input;
 }
 
+// Only the first key picture counts: a later change would shift the times of what came before.
 void StreamInput::takeFrameRate() {
-  // The parser reports fields a second for streams that may be interlaced; ticks_per_frame undoes
-  // it. Only the first key picture counts: a later change would shift the times of what came
-  // before.
-  if (givenRate_ > 0 || sequence_ != 1 || codec_->framerate.num <= 0) return;
-  const double rate = av_q2d(codec_->framerate);
-  if (rate >= 1 && rate <= 1000) frameRate_ = rate;
+  const double rate = depth_.pictureRate;
+  if (givenRate_ <= 0 && sequence_ == 1 && rate >= 1 && rate <= 1000) frameRate_ = rate;
 }
 
 void StreamInput::takeDepth(const std::vector<uint8_t>& keyPicture) {
@@ -70,13 +65,14 @@ void StreamInput::observeDepth() {
 void StreamInput::add(const uint8_t* data, int size) {
   Waiting waiting;
   waiting.picture.annexB.assign(data, data + size);
+  waiting.picture.arrivalUs = arrivalUs_;
   waiting.picture.key = isKeyPicture(data, static_cast<size_t>(size));
   preamble_.complete(&waiting.picture.annexB, waiting.picture.key);
   if (waiting.picture.key) {
     settle(true);  // nothing is presented across an IDR picture
     ++sequence_;
-    takeFrameRate();
     takeDepth(waiting.picture.annexB);
+    takeFrameRate();
   }
   waiting.order = sequence_ * (int64_t{1} << 33) + parser_->output_picture_number;
   waiting_.push_back(std::move(waiting));
@@ -97,30 +93,15 @@ void StreamInput::settle(bool all) {
   }
 }
 
-// Bytes read, 0 at the end, -1 after a failure or when a stop is asked for while none come. The
-// wait is short, for a signal just before it does not end it.
-ssize_t StreamInput::readBlock() {
-  constexpr int kWaitMs = 200;
-  for (;;) {
-    struct pollfd input = {fd_.get(), POLLIN, 0};
-    const int ready = poll(&input, 1, kWaitMs);
-    if (stopAsked_()) {
-      errno = EINTR;
-      return -1;
-    }
-    if (ready <= 0) continue;
-    const ssize_t got = ::read(fd_.get(), block_.data(), kBlockSize);
-    if (got >= 0 || (errno != EINTR && errno != EAGAIN)) return got;
-  }
-}
-
 bool StreamInput::readMore() {
-  const ssize_t got = readBlock();
+  const ssize_t got = bytes_->read(block_.data(), kBlockSize);
   if (got < 0) {
     error_ = std::string("reading the stream failed: ") + strerror(errno);
     return false;
   }
   ended_ = got == 0;
+  const int64_t now = monotonicUs();
+  if (arrivalUs_ < 0) arrivalUs_ = now;
   memset(block_.data() + got, 0, AV_INPUT_BUFFER_PADDING_SIZE);
   const uint8_t* data = block_.data();
   int left = static_cast<int>(got);
@@ -131,10 +112,12 @@ bool StreamInput::readMore() {
                                       AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
     data += used;
     left -= used;
-    if (size > 0)
+    if (size > 0) {
       add(picture, size);
-    else if (ended_)
+      arrivalUs_ = now;  // what follows began in this block
+    } else if (ended_) {
       break;
+    }
   } while (left > 0 || ended_);
   if (ended_) settle(true);
   return true;

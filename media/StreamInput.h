@@ -1,7 +1,7 @@
 #pragma once
 
-#include "base/UniqueFd.h"
 #include "media/Av.h"
+#include "media/InputBytes.h"
 #include "media/MediaInput.h"
 #include "media/ReorderDepth.h"
 #include "media/StreamPreamble.h"
@@ -13,8 +13,7 @@ namespace tarn {
 // held back for it as the stream says that its order needs, or as any stream may.
 class StreamInput : public MediaInput {
  public:
-  // Takes the descriptor over.
-  static std::unique_ptr<MediaInput> open(int fd, double frameRate, StopAsked stopAsked,
+  static std::unique_ptr<MediaInput> open(std::unique_ptr<InputBytes> bytes, double frameRate,
                                           std::string* error);
   Result next(MediaPicture* out) override;
 
@@ -24,7 +23,6 @@ class StreamInput : public MediaInput {
     int64_t order = 0;          // sequence of key pictures, then picture order count
     int64_t presentation = -1;  // place in the order of presentation, -1 while not known
   };
-  ssize_t readBlock();
   // Reads until a picture is complete or the stream ends. False on a read error.
   bool readMore();
   void add(const uint8_t* data, int size);
@@ -34,8 +32,7 @@ class StreamInput : public MediaInput {
   void takeDepth(const std::vector<uint8_t>& keyPicture);
   void observeDepth();
 
-  UniqueFd fd_;
-  StopAsked stopAsked_ = nullptr;
+  std::unique_ptr<InputBytes> bytes_;
   AvOwned<AVCodecContext> codec_;
   AvOwned<AVCodecParserContext> parser_;
   StreamPreamble preamble_;
@@ -43,6 +40,7 @@ class StreamInput : public MediaInput {
   std::deque<Waiting> waiting_;
   double givenRate_ = 0;
   bool ended_ = false;
+  int64_t arrivalUs_ = -1;  // of the first bytes of the picture that is being read, -1 before them
   ReorderDepth depth_;
   int64_t lead_ = -1;             // pictures by which decoding runs ahead, -1 while not known
   int64_t sequence_ = 0;          // key pictures so far

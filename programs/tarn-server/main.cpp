@@ -17,7 +17,7 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "ServiceNotice.h"
+#include "programs/ServiceNotice.h"
 #include "base/StandardStreams.h"
 #include "base/UniqueFd.h"
 #include "programs/OutOfMemory.h"

@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 
+#include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "Command.h"
 #include "Console.h"
@@ -39,6 +41,8 @@ class CommandInfo : public Command {
         tool.add_subcommand("info", "Show a card's geometry and what is used; changes nothing");
     app->add_option("CARD", card_, "block device or image file; default: the recorder's own");
     app->add_flag("--chunks", chunks_, "show every stream chunk in use");
+    app->add_option("--channel", channel_, "with --chunks only this channel's")
+        ->check(CLI::Range(0, 127));
     app->add_flag("--json", json_, "print JSON");
     return app;
   }
@@ -72,7 +76,48 @@ class CommandInfo : public Command {
     fmt::print("  {:<20} {:>6} {:>12} {:>12}  {}\n", "family", "chunks", "chunk size",
                "first sector", "used");
     for (int type = 0; type < kFileTypeCount; ++type) printFamily(type);
+    printChannels();
     if (chunks_) printChunks();
+  }
+
+  // What the chunks of one channel hold.
+  struct ChannelUse {
+    uint32_t chunks = 0;
+    uint32_t guarded = 0;  // of them
+    uint64_t bytes = 0;
+  };
+
+  std::map<int, ChannelUse> channelUse() const {
+    std::map<int, ChannelUse> channels;
+    const std::vector<CHUNK_MANAGE>& records = info_.management(kFileStreamManage).records;
+    for (uint32_t chunk = 0; chunk < records.size(); ++chunk) {
+      if (records[chunk].chType == kChannelUnused) continue;
+      ChannelUse& use = channels[channelOf(records[chunk])];
+      ++use.chunks;
+      if (isGuarded(records[chunk].chType)) ++use.guarded;
+      use.bytes += info_.usedBytes(kFileStream, chunk);
+    }
+    return channels;
+  }
+
+  void printChannels() const {
+    const auto channels = channelUse();
+    if (!channels.empty()) fmt::print("\n");
+    for (const auto& [channel, use] : channels) {
+      fmt::print("  channel {:<3} {} in {} chunks{}\n", channel, sizeText(use.bytes), use.chunks,
+                 use.guarded == 0 ? "" : fmt::format(", {} of them guarded", use.guarded));
+    }
+  }
+
+  nlohmann::ordered_json channelsJson() const {
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const auto& [channel, use] : channelUse()) {
+      list.push_back({{"channel", channel},
+                      {"chunks", use.chunks},
+                      {"guardedChunks", use.guarded},
+                      {"usedBytes", use.bytes}});
+    }
+    return list;
   }
 
   void printFamily(int type) const {
@@ -107,7 +152,7 @@ class CommandInfo : public Command {
     const std::vector<CHUNK_MANAGE>& records = info_.management(kFileStreamManage).records;
     for (uint32_t chunk = 0; chunk < records.size(); ++chunk) {
       const CHUNK_MANAGE& record = records[chunk];
-      if (record.chType == kChannelUnused) continue;
+      if (record.chType == kChannelUnused || (channel_ && *channel_ != channelOf(record))) continue;
       const bool guarded = isGuarded(record.chType);
       fmt::print("  {:>6} {:>8} {:>12} {:>12} {:>12} {:>12} {:>12}{}\n", chunk, channelOf(record),
                  record.streamUseOffset, record.streamFreeOffset, record.pictureUseOffset,
@@ -129,6 +174,7 @@ class CommandInfo : public Command {
                                          {"clusters", info_.clusters()},
                                          {"streamChunksInUse", info_.streamChunksInUse()},
                                          {"databaseImageBytes", info_.dbImageBytes()},
+                                         {"channels", channelsJson()},
                                          {"families", families}};
     // Names come from the command line and need not be UTF-8.
     fmt::print("{}\n", card.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
@@ -170,6 +216,7 @@ class CommandInfo : public Command {
 
   std::string card_;
   bool chunks_ = false;
+  std::optional<int> channel_;
   bool json_ = false;
   CardInfo info_;
 };

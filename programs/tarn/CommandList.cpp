@@ -1,12 +1,16 @@
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "Command.h"
 #include "Console.h"
 #include "RecorderDatabase.h"
 #include "db/CApiDb.h"
 #include "recorder/card/CardGeometry.h"
+#include "recorder/card/CardText.h"
+#include "recorder/card/ChunkChannels.h"
+#include "recorder/recording/RecordingReader.h"
 
 namespace tarn {
 namespace {
@@ -21,8 +25,37 @@ Json timeJson(uint32_t seconds, uint16_t milliseconds) {
   return seconds == 0 ? Json(nullptr) : Json(isoTime(seconds, milliseconds));
 }
 
-Json streamJson(const DB_STREAM& row) {
+// Bytes of a recording's pictures; 0 where its header does not tell.
+uint64_t videoBytes(const DB_STREAM& row) {
+  RecordingReader reader;
+  if (reader.open(row) != 0) return 0;
+  if (row.recSize != 0) return reader.header().dataSize;
+  // Of one that runs its header tells nothing yet.
+  uint64_t bytes = 0;
+  PictureEntry entry;
+  for (uint32_t i = 0; i < reader.pictureCount(); ++i) {
+    if (reader.picture(i, &entry)) bytes += entry.size;
+  }
+  return bytes;
+}
+
+// Milliseconds from the first picture to the last; of a recording that runs nothing.
+std::optional<int64_t> durationMs(const DB_STREAM& row) {
+  if (row.endDate == 0) return std::nullopt;
+  return (int64_t{row.endDate} - int64_t{row.startDate}) * 1000 + row.endMSec - row.startMSec;
+}
+
+std::string channelText(int channel) {
+  return channel == ChunkChannels::kUnknown ? "-" : std::to_string(channel);
+}
+
+Json streamJson(const DB_STREAM& row, int channel) {
+  const uint64_t bytes = videoBytes(row);
+  const std::optional<int64_t> duration = durationMs(row);
   return {{"streamID", row.streamID},
+          {"channel", channel == ChunkChannels::kUnknown ? Json(nullptr) : Json(channel)},
+          {"durationMs", duration ? Json(*duration) : Json(nullptr)},
+          {"videoBytes", bytes == 0 ? Json(nullptr) : Json(bytes)},
           {"inTrg", row.inTrg},
           {"frameSet", row.frameSet},
           {"bitrateSet", row.bitrateSet},
@@ -67,11 +100,18 @@ class CommandList : public Command {
             &from_);
     addTime(app, "--to", "streams and events that start up to this time", &to_);
     app->add_option("--trigger", trigger_, "only this trigger number")->check(CLI::Range(1, 65535));
+    app->add_option("--channel", channel_, "only streams of this channel")
+        ->check(CLI::Range(0, 127));
+    app->add_flag("--long", long_, "where on the card each stream lies, too");
     app->add_flag("--json", json_, "print JSON");
     return app;
   }
 
   int run() override {
+    if (what_ == "events" && (channel_ || long_)) {
+      complain("events belong to no channel and lie nowhere: --channel and --long are for streams");
+      return kExitUsage;
+    }
     // Rows of a card that contradicts itself lead nowhere. Of one that cannot be read right now the
     // rows are all that there is to see.
     const GeometryReport geometry = CardGeometry::verifyRecorder();
@@ -79,7 +119,7 @@ class CommandList : public Command {
       complain(geometry.text);
       return kExitFailed;
     }
-    if (databaseIsGood(&error_)) {
+    if (databaseIsGood(&error_) && channelsAreKnown()) {
       db_ = std::make_unique<CApiDb>();
       if (what_ == "events" ? listEvents() : listStreams()) return kExitGood;
     }
@@ -102,13 +142,22 @@ class CommandList : public Command {
         ->type_name("TIME");
   }
 
+  // A card that cannot be read is told only to whom it matters: rows are the database's.
+  bool channelsAreKnown() {
+    std::string reason;
+    if (what_ == "events" || channels_.read(&reason) == 0 || !channel_) return true;
+    error_ = reason;
+    return false;
+  }
+
   // A list is printed as a whole or, as JSON, not at all: an array that lacks what could not be
   // read would pass for all there is.
   bool listStreams() {
     Json list = Json::array();
     if (!json_) {
-      fmt::print("{:>8} {:>5} {:<23} {:<23} {:>8} {:>6} {:>10} {:>10}\n", "stream", "trig", "start",
-                 "end", "pictures", "chunk", "offset", "size");
+      fmt::print("{:>8} {:>3} {:>5} {:<23} {:<23} {:>10} {:>8} {:>10}", "stream", "ch", "trig",
+                 "start", "end", "duration", "pictures", "size");
+      printPlace<std::string>("chunk", "offset", "entries");
     }
     std::vector<DB_STREAM> page(kPage);
     const unsigned long end = to_ != 0 ? to_ : kLastSecond;
@@ -117,10 +166,12 @@ class CommandList : public Command {
       if (!statementWasDone(*db_, &error_)) return false;
       for (int32_t i = 0; i < count; ++i) {
         const DB_STREAM& row = page[static_cast<size_t>(i)];
+        const int channel = channels_.of(row.chunkID);
+        if (channel_ && *channel_ != channel) continue;
         if (json_) {
-          list.push_back(streamJson(row));
+          list.push_back(streamJson(row, channel));
         } else {
-          printStream(row);
+          printStream(row, channel);
         }
       }
       if (count < static_cast<int32_t>(kPage)) break;
@@ -129,10 +180,21 @@ class CommandList : public Command {
     return true;
   }
 
-  static void printStream(const DB_STREAM& row) {
-    fmt::print("{:>8} {:>5} {:<23} {:<23} {:>8} {:>6} {:>10} {:>10}\n", row.streamID, row.inTrg,
-               timeText(row.startDate, row.startMSec), endText(row.endDate, row.endMSec),
-               row.recSize, row.chunkID, row.chunkOffset, row.chunkSize);
+  template <typename Value>
+  void printPlace(const Value& chunk, const Value& offset, const Value& entries) const {
+    if (long_) fmt::print(" {:>6} {:>10} {:>10}", chunk, offset, entries);
+    fmt::print("\n");
+  }
+
+  void printStream(const DB_STREAM& row, int channel) const {
+    const uint64_t bytes = videoBytes(row);
+    const std::optional<int64_t> duration = durationMs(row);
+    fmt::print("{:>8} {:>3} {:>5} {:<23} {:<23} {:>10} {:>8} {:>10}", row.streamID,
+               channelText(channel), row.inTrg, timeText(row.startDate, row.startMSec),
+               endText(row.endDate, row.endMSec),
+               duration ? fmt::format("{:.1f} s", static_cast<double>(*duration) / 1e3) : "-",
+               row.recSize, bytes == 0 ? "-" : sizeText(bytes));
+    printPlace(row.chunkID, row.chunkOffset, row.chunkSize);
   }
 
   bool listEvents() {
@@ -190,7 +252,10 @@ class CommandList : public Command {
   uint32_t from_ = 0;
   uint32_t to_ = 0;
   unsigned short trigger_ = 0;
+  std::optional<int> channel_;
+  bool long_ = false;
   bool json_ = false;
+  ChunkChannels channels_;
   std::string error_;
   // Made when it is needed: it joins the machine's semaphore.
   std::unique_ptr<CApiDb> db_;

@@ -35,9 +35,13 @@ class CommandExport : public Command {
     app->add_option("--trigger", request_.trigger, "Only recordings of this trigger")
         ->excludes(stream)
         ->excludes(event);
+    app->add_option("--channel", request_.channel, "Only recordings of this channel")
+        ->check(CLI::Range(0, 127));
     app->add_option("-o,--output", request_.output,
-                    "File to write: .mp4 with each picture's time, or .h264 bare")
+                    "File to write: .mp4 with each picture's time, or .h264 bare; of several "
+                    "channels one each, NAME-ch0.mp4 and so on")
         ->required();
+    app->add_flag("--tracks", request_.tracks, "Several channels into one .mp4, a track each");
     app->add_flag("--json", request_.json, "Print as JSON what the file holds");
     app->add_flag("--force", request_.overwrite, "Replace the file when it exists");
     return app;

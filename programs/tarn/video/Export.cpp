@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <list>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -12,7 +14,9 @@
 #include "RecorderDatabase.h"
 #include "db/CApiDb.h"
 #include "media/MediaOutput.h"
+#include "recorder/card/ChunkChannels.h"
 #include "recorder/recording/RecordingReader.h"
+#include "video/ChannelExport.h"
 
 namespace tarn::tool {
 namespace {
@@ -24,14 +28,11 @@ constexpr PictureTime kForEver{UINT32_MAX, 999999};
 
 std::string clockText(PictureTime time) { return timeText(time.seconds, time.milliseconds()); }
 
-// Pictures of one recording, back to back, whose bytes are not the ones that were recorded.
-struct DamagedRun {
-  uint32_t streamID;
-  uint32_t firstIndex;
-  uint32_t lastIndex;
-  PictureTime from;
-  PictureTime to;
-};
+using Json = nlohmann::ordered_json;
+
+Json channelJson(int channel) {
+  return channel == ChunkChannels::kUnknown ? Json(nullptr) : Json(channel);
+}
 
 class Exporter {
  public:
@@ -43,41 +44,34 @@ class Exporter {
     complain(text);
     return false;
   }
-  // Why there are fewer pictures than were recorded: a recording that goes on with the one before
-  // it may begin between two key pictures.
-  std::string leftOut() const {
-    return fmt::format("{} pictures need a key picture that is not among them and are left out",
-                       undecodable_);
-  }
   bool choose();
   bool chooseEvent();
   bool chooseStream();
   bool done(CApiDb* database);
-  bool exportRow(const DB_STREAM& row, MediaOutput* output);
-  bool writePicture(RecordingReader* reader, uint32_t index, const PictureEntry& entry,
-                    MediaOutput* output);
-  void noteDamage(const RecordingReader& reader, uint32_t index, const PictureEntry& entry);
-  void tellDamage() const;
-  void tell() const;
-  uint32_t firstPicture(RecordingReader* reader) const;
-  bool neededLater(RecordingReader* reader, uint32_t index) const;
+  bool group();
+  bool exportFile(ChannelExport* channel, const std::string& path);
+  bool exportTracks();
+  bool advance(ChannelExport* channel, bool* more);
+  bool isEmpty(const ChannelExport& channel);
+  std::string pathOf(int channel) const;
+  void tell(const std::string& path, const ChannelExport& channel);
+  bool tellFaults(const ChannelExport& channel) const;
+  void tellDamage(const ExportTotals& totals) const;
 
   const ExportRequest& request_;
   std::vector<DB_STREAM> rows_;
+  std::list<ChannelExport> channels_;  // in the order of their numbers
   PictureTime from_ = kBeginning;
   PictureTime to_ = kForEver;
-  OutputPicture picture_;
-  uint64_t written_ = 0;
-  uint64_t bytes_ = 0;
-  uint64_t lost_ = 0;     // pictures that could not be read
-  uint64_t damaged_ = 0;  // of those written
-  std::vector<DamagedRun> damages_;
-  uint64_t undecodable_ =
-      0;  // pictures left out, because the key picture that they need is not there
-  bool waitForKey_ = true;
-  PictureTime first_;
-  PictureTime last_;
+  Json told_ = Json::array();
 };
+
+// Why there are fewer pictures than were recorded: a recording that goes on with the one before it
+// may begin between two key pictures.
+std::string leftOutText(uint64_t pictures) {
+  return fmt::format("{} pictures need a key picture that is not among them and are left out",
+                     pictures);
+}
 
 // Whether the last statement says anything.
 bool Exporter::done(CApiDb* database) {
@@ -130,152 +124,181 @@ bool Exporter::choose() {
   return !rows_.empty() || fail("nothing was recorded in that time");
 }
 
-// Only a key picture can begin a file; the one before the wanted time comes along.
-uint32_t Exporter::firstPicture(RecordingReader* reader) const {
-  if (written_ > 0) return 0;
-  const int64_t key = reader->findKeyPictureBefore(from_);
-  return key > 0 ? static_cast<uint32_t>(key) : 0;
+// Pictures of two channels have nothing to do with each other.
+bool Exporter::group() {
+  ChunkChannels chunks;
+  std::string error;
+  // One recording is of one channel, whichever that is.
+  if (chunks.read(&error) != 0 && !request_.streamID) return fail(error);
+  std::map<int, std::vector<DB_STREAM>> rows;
+  for (const DB_STREAM& row : rows_) {
+    const int channel = chunks.of(row.chunkID);
+    if (!request_.channel || *request_.channel == channel) rows[channel].push_back(row);
+  }
+  for (auto& [channel, list] : rows) channels_.emplace_back(channel, std::move(list), from_, to_);
+  return !channels_.empty() || fail("nothing was recorded on that channel in that time");
 }
 
-// Pictures are stored in decode order, so one that is presented after the end may still be needed
-// by one before it. No decoder holds back more than 16 pictures.
-bool Exporter::neededLater(RecordingReader* reader, uint32_t index) const {
-  constexpr uint32_t kMostReordered = 16;
-  PictureEntry entry;
-  for (uint32_t ahead = 1; ahead <= kMostReordered; ++ahead) {
-    if (!reader->picture(index + ahead, &entry) || entry.isKey()) return false;
-    if (!(to_ < entry.presentation)) return true;
-  }
-  return false;
+// NAME.mp4, of several channels NAME-chN.mp4.
+std::string Exporter::pathOf(int channel) const {
+  if (channels_.size() == 1) return request_.output;
+  const size_t dot = request_.output.rfind('.');
+  if (dot == std::string::npos) return request_.output;
+  const std::string name =
+      channel == ChunkChannels::kUnknown ? "-unknown" : fmt::format("-ch{}", channel);
+  return request_.output.substr(0, dot) + name + request_.output.substr(dot);
 }
 
-void Exporter::noteDamage(const RecordingReader& reader, uint32_t index,
-                          const PictureEntry& entry) {
-  ++damaged_;
-  const uint32_t key = reader.row().streamID;
-  const PictureTime at = entry.presentation;
-  if (damages_.empty() || damages_.back().streamID != key ||
-      damages_.back().lastIndex + 1 != index) {
-    damages_.push_back({key, index, index, at, at});
-    return;
-  }
-  DamagedRun& run = damages_.back();
-  run.lastIndex = index;
-  run.from = std::min(run.from, at);
-  run.to = std::max(run.to, at);
+bool Exporter::advance(ChannelExport* channel, bool* more) {
+  const ChannelExport::Result result = channel->next();
+  *more = result == ChannelExport::Result::kPicture;
+  return result != ChannelExport::Result::kError || fail(channel->error());
 }
 
-bool Exporter::writePicture(RecordingReader* reader, uint32_t index, const PictureEntry& entry,
-                            MediaOutput* output) {
-  if (!reader->readPicture(entry, &picture_.annexB)) {
-    ++lost_;
-    waitForKey_ = true;  // what follows cannot be decoded without it
-    return true;
-  }
-  // Most of a damaged picture is still to be seen, and what follows is decoded with it.
-  if (reader->isDamaged()) noteDamage(*reader, index, entry);
-  picture_.presentation = entry.presentation;
-  picture_.decodeOffsetUs = entry.decodeOffsetUs;
-  picture_.key = entry.isKey();
-  if (!output->write(picture_)) return fail(output->error());
-  if (written_ == 0 || entry.presentation < first_) first_ = entry.presentation;
-  if (last_ < entry.presentation) last_ = entry.presentation;
-  ++written_;
-  bytes_ += picture_.annexB.size();
+bool Exporter::isEmpty(const ChannelExport& channel) {
+  if (channel.totals().written > 0) return false;
+  const std::string label =
+      channels_.size() == 1 ? "" : fmt::format("channel {}: ", channel.channel());
+  const uint64_t undecodable = channel.totals().undecodable;
+  fail(label + (undecodable > 0
+                    ? leftOutText(undecodable) + "; no other picture of that time can be read"
+                    : "no picture of that time can be read"));
   return true;
 }
 
-bool Exporter::exportRow(const DB_STREAM& row, MediaOutput* output) {
-  RecordingReader reader;
-  if (reader.open(row) != 0) return fail(fmt::format("recording {} cannot be read", row.streamID));
-  PictureEntry entry;
-  for (uint32_t index = firstPicture(&reader); index < reader.pictureCount(); ++index) {
-    if (!reader.picture(index, &entry)) {
-      ++lost_;
-      waitForKey_ = true;
-      continue;
-    }
-    if (to_ < entry.presentation && !neededLater(&reader, index)) return true;
-    if (waitForKey_ && !entry.isKey()) {
-      if (!(entry.presentation < from_)) ++undecodable_;
-      continue;
-    }
-    waitForKey_ = false;
-    if (!writePicture(&reader, index, entry, output)) return false;
+bool Exporter::exportFile(ChannelExport* channel, const std::string& path) {
+  std::string error;
+  const auto output = MediaOutput::create(path, request_.overwrite, &error);
+  if (output == nullptr) return fail(error);
+  bool more = false;
+  while (advance(channel, &more) && more) {
+    if (!output->write(channel->picture())) return fail(output->error());
   }
-  return true;
+  if (!channel->error().empty() || isEmpty(*channel)) return false;
+  if (!output->finish()) return fail(output->error());
+  tell(path, *channel);
+  return tellFaults(*channel);
 }
 
-void Exporter::tellDamage() const {
-  if (damaged_ == 0) return;
-  for (size_t i = 0; i < std::min(damages_.size(), kDamagesNamed); ++i) {
-    const DamagedRun& run = damages_[i];
+// Each track's next picture is at hand; the one that is decoded first is written.
+bool Exporter::exportTracks() {
+  std::vector<ChannelExport*> tracks;
+  bool good = true;
+  for (ChannelExport& channel : channels_) {
+    bool more = false;
+    if (!advance(&channel, &more)) return false;
+    good = !isEmpty(channel) && good;
+    if (more) tracks.push_back(&channel);
+  }
+  if (tracks.empty()) return false;
+  std::string error;
+  const auto output =
+      MediaOutput::create(request_.output, request_.overwrite, &error, tracks.size());
+  if (output == nullptr) return fail(error);
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    if (!output->describe(i, tracks[i]->picture())) return fail(output->error());
+  }
+  const std::vector<ChannelExport*> all = tracks;
+  std::vector<bool> more(tracks.size(), true);
+  for (;;) {
+    size_t next = all.size();
+    int64_t first = 0;
+    for (size_t i = 0; i < all.size(); ++i) {
+      const OutputPicture& picture = all[i]->picture();
+      const int64_t decode = picture.presentation.totalMicros() + picture.decodeOffsetUs;
+      if (!more[i] || (next < all.size() && decode >= first)) continue;
+      next = i;
+      first = decode;
+    }
+    if (next == all.size()) break;
+    if (!output->write(all[next]->picture(), next)) return fail(output->error());
+    bool hasMore = false;
+    if (!advance(all[next], &hasMore)) return false;
+    more[next] = hasMore;
+  }
+  if (!output->finish()) return fail(output->error());
+  for (const ChannelExport* channel : all) {
+    tell(request_.output, *channel);
+    good = tellFaults(*channel) && good;
+  }
+  return good;
+}
+
+void Exporter::tellDamage(const ExportTotals& totals) const {
+  if (totals.damaged == 0) return;
+  for (size_t i = 0; i < std::min(totals.damages.size(), kDamagesNamed); ++i) {
+    const DamagedRun& run = totals.damages[i];
     const uint32_t count = run.lastIndex - run.firstIndex + 1;
     complain(fmt::format("recording {}: {} damaged between {} and {}", run.streamID,
                          count == 1 ? "1 picture is" : fmt::format("{} pictures are", count),
                          clockText(run.from), clockText(run.to)));
   }
-  if (damages_.size() > kDamagesNamed) {
-    complain(fmt::format("and {} more places", damages_.size() - kDamagesNamed));
+  if (totals.damages.size() > kDamagesNamed) {
+    complain(fmt::format("and {} more places", totals.damages.size() - kDamagesNamed));
   }
   complain(fmt::format("{} of {} pictures are damaged on the card and were written as they are",
-                       damaged_, written_));
+                       totals.damaged, totals.written));
 }
 
-void Exporter::tell() const {
-  const std::string output = asUserSees(request_.output);
+// False when pictures are missing.
+bool Exporter::tellFaults(const ChannelExport& channel) const {
+  const ExportTotals& totals = channel.totals();
+  tellDamage(totals);
+  if (totals.undecodable > 0) complain(leftOutText(totals.undecodable));
+  if (totals.lost == 0) return true;
+  complain(fmt::format("{} pictures could not be read and are missing", totals.lost));
+  return false;
+}
+
+void Exporter::tell(const std::string& path, const ChannelExport& channel) {
+  const std::string output = asUserSees(path);
+  const ExportTotals& t = channel.totals();
   if (!request_.json) {
-    fmt::print("{}: {} pictures, {} to {}, {:.1f} MB\n", output, written_, clockText(first_),
-               clockText(last_), static_cast<double>(bytes_) / 1e6);
+    const std::string which =
+        channels_.size() == 1 ? "" : fmt::format("channel {}, ", channel.channel());
+    fmt::print("{}: {}{} pictures, {} to {}, {:.1f} MB\n", output, which, t.written,
+               clockText(t.first), clockText(t.last), static_cast<double>(t.bytes) / 1e6);
     return;
   }
-  nlohmann::ordered_json json = {{"schema", 1},
-                                 {"output", output},
-                                 {"pictures", written_},
-                                 {"from", isoTime(first_.seconds, first_.milliseconds())},
-                                 {"to", isoTime(last_.seconds, last_.milliseconds())},
-                                 {"bytes", bytes_},
-                                 {"damaged", damaged_},
-                                 {"missing", lost_},
-                                 {"leftOut", undecodable_},
-                                 {"damages", nlohmann::ordered_json::array()}};
-  for (const DamagedRun& run : damages_) {
+  Json json = {{"output", output},
+               {"channel", channelJson(channel.channel())},
+               {"pictures", t.written},
+               {"from", isoTime(t.first.seconds, t.first.milliseconds())},
+               {"to", isoTime(t.last.seconds, t.last.milliseconds())},
+               {"bytes", t.bytes},
+               {"damaged", t.damaged},
+               {"missing", t.lost},
+               {"leftOut", t.undecodable},
+               {"damages", Json::array()}};
+  for (const DamagedRun& run : t.damages) {
     json["damages"].push_back({{"streamID", run.streamID},
                                {"pictures", run.lastIndex - run.firstIndex + 1},
                                {"from", isoTime(run.from.seconds, run.from.milliseconds())},
                                {"to", isoTime(run.to.seconds, run.to.milliseconds())}});
   }
-  fmt::print("{}\n", json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+  told_.push_back(json);
 }
 
 int Exporter::run() {
-  if (!choose()) return 1;
-  std::string error;
-  const auto output = MediaOutput::create(request_.output, request_.overwrite, &error);
-  if (output == nullptr) {
-    fail(error);
-    return 1;
+  if (!choose() || !group()) return 1;
+  bool good = true;
+  if (request_.tracks) {
+    good = exportTracks();
+  } else {
+    // One channel that cannot be read is no reason to leave out the others.
+    for (ChannelExport& channel : channels_)
+      good = exportFile(&channel, pathOf(channel.channel())) && good;
   }
-  for (const DB_STREAM& row : rows_) {
-    if (!exportRow(row, output.get())) return 1;
+  if (request_.json && !told_.empty()) {
+    Json json = {{"schema", 1}};
+    if (channels_.size() == 1) {
+      json.update(told_[0]);
+    } else {
+      json[request_.tracks ? "tracks" : "files"] = told_;
+    }
+    fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
   }
-  if (written_ == 0) {
-    fail(undecodable_ > 0 ? fmt::format("{}; no other picture of that time can be read", leftOut())
-                          : "no picture of that time can be read");
-    return 1;
-  }
-  if (!output->finish()) {
-    fail(output->error());
-    return 1;
-  }
-  tell();
-  tellDamage();
-  if (undecodable_ > 0) complain(leftOut());
-  if (lost_ > 0) {
-    complain(fmt::format("{} pictures could not be read and are missing", lost_));
-    return 1;
-  }
-  return 0;
+  return good ? 0 : 1;
 }
 
 }  // namespace

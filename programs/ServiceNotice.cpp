@@ -1,4 +1,4 @@
-#include "ServiceNotice.h"
+#include "programs/ServiceNotice.h"
 
 #include <sys/socket.h>
 #include <sys/time.h>

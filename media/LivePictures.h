@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+
+#include "base/Export.h"
+#include "media/MediaInput.h"
+#include "recorder/card/PictureTime.h"
+#include "recorder/session/PictureClock.h"
+
+namespace tarn {
+
+// Pictures of a live input on their way into a recording: they wait until the clock knows their
+// times, a second at the most, and come out in the order in which they went in. Used by one thread.
+class TARN_API LivePictures {
+ public:
+  // The clock outlives this.
+  explicit LivePictures(PictureClock* clock) : clock_(clock) {}
+
+  void add(MediaPicture picture);
+  // The next picture whose time is known, with the wall time of its presentation. False when there
+  // is none.
+  bool next(MediaPicture* out, PictureTime* presentation);
+  // Nothing more is waited for: the input has ended. What is added next comes from a new one.
+  void end();
+
+ private:
+  struct Held {
+    MediaPicture picture;
+    PictureTime decode;
+  };
+  void tellTimes();
+
+  PictureClock* clock_;
+  std::deque<Held> held_;
+  size_t timed_ = 0;  // of them, from the front
+  size_t bytes_ = 0;  // of those that are not
+};
+
+}  // namespace tarn

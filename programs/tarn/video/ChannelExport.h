@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "db/DbRecords.h"
+#include "media/MediaOutput.h"
+#include "recorder/recording/RecordingReader.h"
+
+namespace tarn::tool {
+
+// Pictures of one recording, back to back, whose bytes are not the ones that were recorded.
+struct DamagedRun {
+  uint32_t streamID;
+  uint32_t firstIndex;
+  uint32_t lastIndex;
+  PictureTime from;
+  PictureTime to;
+};
+
+// What an export holds of one channel, and what is missing in it.
+struct ExportTotals {
+  uint64_t written = 0;
+  uint64_t bytes = 0;
+  uint64_t lost = 0;         // pictures that could not be read
+  uint64_t damaged = 0;      // of those written
+  uint64_t undecodable = 0;  // left out, because the key picture that they need is not there
+  std::vector<DamagedRun> damages;
+  PictureTime first;
+  PictureTime last;
+};
+
+// The pictures of one channel's recordings in a period, one after the other.
+class ChannelExport {
+ public:
+  // `rows` of one channel, in the order of their times.
+  ChannelExport(int channel, std::vector<DB_STREAM> rows, PictureTime from, PictureTime to);
+
+  enum class Result { kPicture, kEnd, kError };
+  // The next picture, in decode order; it counts as written. On kError error() says why.
+  Result next();
+  const OutputPicture& picture() const { return picture_; }
+
+  int channel() const { return channel_; }  // ChunkChannels::kUnknown where the card does not tell
+  const ExportTotals& totals() const { return totals_; }
+  const std::string& error() const { return error_; }
+
+ private:
+  bool openRow();
+  uint32_t firstPicture();
+  bool neededLater();
+  bool take(const PictureEntry& entry);
+  void noteDamage(const PictureEntry& entry);
+
+  const int channel_;
+  const std::vector<DB_STREAM> rows_;
+  const PictureTime from_;
+  const PictureTime to_;
+  size_t row_ = 0;      // that is read, or is to be opened next
+  uint32_t index_ = 0;  // of the next picture in it
+  std::unique_ptr<RecordingReader> reader_;
+  bool waitForKey_ = true;
+  OutputPicture picture_;
+  ExportTotals totals_;
+  std::string error_;
+};
+
+}  // namespace tarn::tool

@@ -1,0 +1,314 @@
+#include "video/ChannelRecorder.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
+#include "media/MonotonicTime.h"
+
+namespace tarn::tool {
+namespace {
+
+constexpr int64_t kTellUs = 50000;
+constexpr int64_t kProgressUs = 250000;
+constexpr int64_t kIdleUs = 100000;
+// A wall clock that has moved by more against the monotonic one was set.
+constexpr int64_t kClockStepUs = 500000;
+// How long a camera that does not answer is left alone: twice as long each time.
+constexpr int64_t kFirstPauseUs = 1000000;
+constexpr int64_t kLongestPauseUs = 30000000;
+
+int64_t wallUs() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+}
+
+// Output that cannot be written is told at the end, and no reason to stop recording.
+void say(const std::string& text) { fputs(text.c_str(), stdout); }
+
+}  // namespace
+
+ChannelRecorder::ChannelRecorder(const RecordRequest& request, const InputRequest& input)
+    : request_(request), input_(input), alone_(request.inputs.size() == 1) {
+  if (&input != &request.inputs.front()) return;
+  for (const EventRequest& event : request.events) {
+    const auto at = static_cast<int64_t>(std::llround(event.atSeconds * 1e6));
+    events_.push_back({at, at + int64_t{request.eventSeconds} * 1000000, event.trigger});
+  }
+}
+
+std::string ChannelRecorder::label() const {
+  return alone_ ? "" : fmt::format("channel {}: ", input_.channel);
+}
+
+void ChannelRecorder::warn(const std::string& text) const { complain(label() + text); }
+
+// The first failure is the one that counts.
+bool ChannelRecorder::fail(const std::string& text) {
+  if (good_) warn(text);
+  good_ = false;
+  return false;
+}
+
+bool ChannelRecorder::openSession(const MediaInput& input) {
+  RecordingOptions options;
+  options.channel = static_cast<int8_t>(input_.channel);
+  options.segmentSeconds = request_.segmentSeconds;
+  options.flushIntervalMs = request_.flushMs;
+  options.bitrate = static_cast<uint32_t>(std::min<int64_t>(input.bitRate(), UINT32_MAX));
+  // Bit 7 of the frame setting would make the row an audio one.
+  options.frameSet = static_cast<uint16_t>(std::clamp(std::lround(input.frameRate()), 0L, 127L));
+  return session_.open(options) == 0 || fail(session_.errorText());
+}
+
+std::unique_ptr<MediaInput> ChannelRecorder::openInput(std::string* error) {
+  return MediaInput::open(
+      input_.input, request_.frameRate, [this] { return isIdle(); }, error);
+}
+
+// What goes on while pictures are waited for. True when nothing more is to be waited for.
+bool ChannelRecorder::isIdle() {
+  lastIdleUs_ = monotonicUs();
+  if (session_.isOpen()) {
+    watchClock();
+    if (session_.tick() != 0) fail(session_.errorText());
+    tellProgress(false);
+  }
+  return stopRequested() || !good_;
+}
+
+void ChannelRecorder::watchClock() {
+  if (!clock_) return;
+  const int64_t offset = wallUs() - monotonicUs();
+  const int64_t delta = offset - clock_->wallOffset();
+  if (std::abs(delta) < kClockStepUs) return;
+  clock_->setWallOffset(offset);
+  start_ = PictureTime::fromMicros(start_.totalMicros() + delta);
+  if (session_.clockStepped(delta) != 0) fail(session_.errorText());
+}
+
+// What an input is like is known once it is open.
+void ChannelRecorder::prepare(const MediaInput& input) {
+  if (!leftOutTold_) {
+    for (const std::string& sentence : input.leftOut()) warn(input_.input + ": " + sentence);
+  }
+  leftOutTold_ = true;
+  const bool counted = request_.times == TimesFrom::kStream || request_.start.has_value();
+  const bool arrival = request_.times == TimesFrom::kArrival || input.isLive();
+  if (clock_ || counted || !arrival) return;
+  clock_.emplace(
+      input.hasTimes() ? PictureClock::Stamps::kOfSource : PictureClock::Stamps::kCounted,
+      wallUs() - monotonicUs());
+  live_.emplace(&*clock_);
+}
+
+// Without it an endless source that produces faster than the clock would be recorded at its speed.
+// The first picture is due at once, however far ahead of its presentation it is decoded.
+void ChannelRecorder::pace(int64_t decodeUs) {
+  if (!request_.realtime) return;
+  const int64_t due = beganUs_ + originUs_ + decodeUs - firstDecodeUs_;
+  for (int64_t wait = due - monotonicUs(); wait > 0 && !stopRequested(); wait = due - monotonicUs())
+    usleep(static_cast<useconds_t>(std::min<int64_t>(wait, 500000)));
+}
+
+bool ChannelRecorder::moveEvents(int64_t nowUs) {
+  for (EventState& event : events_) {
+    if (event.over) continue;
+    if (event.eventID == 0 && nowUs >= event.startUs) {
+      event.eventID = session_.beginEvent(event.trigger, clockTime(event.startUs), 0);
+      if (event.eventID == 0) return fail(session_.errorText());
+      ++eventsInserted_;
+    }
+    if (event.eventID != 0 && nowUs >= event.endUs) {
+      event.over = true;
+      if (session_.endEvent(event.eventID, clockTime(event.endUs)) != 0)
+        return fail(session_.errorText());
+    }
+  }
+  return true;
+}
+
+bool ChannelRecorder::write(const MediaPicture& picture, PictureTime presentation, int64_t atUs) {
+  if (!moveEvents(atUs)) return false;
+  const auto decodeOffset = static_cast<int32_t>(
+      std::clamp<int64_t>(picture.decodeUs - picture.presentationUs, INT32_MIN, 0));
+  if (session_.writePicture(picture.annexB.data(), picture.annexB.size(), presentation,
+                            decodeOffset, picture.key) != 0)
+    return fail(session_.errorText());
+  endUs_ = std::max(endUs_, atUs + picture.durationUs);
+  showProgress();
+  tellProgress(true);
+  return true;
+}
+
+bool ChannelRecorder::recordPicture(const MediaPicture& picture) {
+  pace(picture.decodeUs);
+  const int64_t atUs = originUs_ + picture.presentationUs;
+  return write(picture, clockTime(atUs), atUs);
+}
+
+bool ChannelRecorder::recordLive(MediaPicture picture) {
+  // An input that never lets us wait does not ask us either.
+  if (monotonicUs() - lastIdleUs_ > kIdleUs && isIdle()) return good_;
+  live_->add(std::move(picture));
+  return writeLive();
+}
+
+bool ChannelRecorder::writeLive() {
+  MediaPicture picture;
+  PictureTime time;
+  while (live_->next(&picture, &time)) {
+    if (!started_) start_ = time;
+    started_ = true;
+    if (!write(picture, time, time.totalMicros() - start_.totalMicros())) return false;
+  }
+  return true;
+}
+
+// Up to the input's end (true) or a failure of the input or the session.
+bool ChannelRecorder::recordInput(MediaInput* input) {
+  bool first = true;
+  while (!stopRequested()) {
+    MediaPicture picture;
+    const MediaInput::Result result = input->next(&picture);
+    // A stop interrupts the read of a live stream; that is no failure.
+    if (result == MediaInput::Result::kError && !stopRequested()) return false;
+    if (result != MediaInput::Result::kPicture) return true;
+    if (!session_.isOpen() && !openSession(*input)) return false;
+    opened_ = true;
+    if (first) firstDecodeUs_ = picture.decodeUs;
+    first = false;
+    if (!(live_ ? recordLive(std::move(picture)) : recordPicture(picture))) return false;
+  }
+  return true;
+}
+
+bool ChannelRecorder::recordPasses() {
+  for (uint32_t pass = 0; pass < request_.loop && !stopRequested(); ++pass) {
+    std::string error;
+    const auto input = openInput(&error);
+    if (input == nullptr) return stopRequested() || fail(error);
+    prepare(*input);
+    if (pass == 0) {
+      start_ = request_.start.value_or(PictureTime::fromMicros(wallUs()));
+      beganUs_ = monotonicUs();
+    }
+    originUs_ = endUs_;
+    const bool ended = recordInput(input.get());
+    if (!good_) return false;
+    if (live_) {
+      live_->end();
+      if (!writeLive()) return false;
+    }
+    if (!ended) return fail(input->error());
+    if (!stopRequested() && session_.statistics().pictures == 0)
+      return fail(input_.input + " holds no picture that a recording can begin with");
+  }
+  return true;
+}
+
+bool ChannelRecorder::pauseFor(int64_t pauseUs) {
+  const int64_t end = monotonicUs() + pauseUs;
+  while (!isIdle() && monotonicUs() < end) usleep(static_cast<useconds_t>(kIdleUs));
+  return !stopRequested() && good_;
+}
+
+// A camera may be away, now and later; what was received is safe, and it is asked again and again.
+bool ChannelRecorder::recordAddress() {
+  int64_t pause = kFirstPauseUs;
+  bool told = false;
+  for (;;) {
+    std::string error;
+    const auto input = openInput(&error);
+    if (input != nullptr) {
+      prepare(*input);
+      const uint64_t before = session_.statistics().pictures;
+      if (told) warn(input_.input + " is there again");
+      told = false;
+      const bool ended = recordInput(input.get());
+      if (live_) live_->end();
+      if (!good_ || (live_ && !writeLive())) return false;
+      error = input_.input + ": " + (ended ? "the stream has ended" : input->error());
+      if (session_.statistics().pictures > before) pause = kFirstPauseUs;
+      session_.markDiscontinuity();
+    }
+    if (stopRequested()) return true;
+    if (!told) warn(error + "; trying again");
+    told = true;
+    if (!pauseFor(pause)) return good_;
+    pause = std::min(2 * pause, kLongestPauseUs);
+  }
+}
+
+void ChannelRecorder::endEvents() {
+  for (EventState& event : events_) {
+    if (event.eventID != 0 && !event.over && good_) {
+      if (session_.endEvent(event.eventID, clockTime(std::min(event.endUs, endUs_))) != 0)
+        fail(session_.errorText());
+    } else if (event.eventID == 0) {
+      warn(fmt::format("the recording ended before the event {}@{:g}", event.trigger,
+                       static_cast<double>(event.startUs) / 1e6));
+    }
+  }
+}
+
+bool ChannelRecorder::run() {
+  if (alone_) progress_.emplace();
+  if (MediaInput::isAddress(input_.input)) {
+    recordAddress();
+  } else {
+    recordPasses();
+  }
+  endEvents();
+  if (session_.isOpen() && session_.close() != 0) fail(session_.errorText());
+  progress_.reset();
+  tellProgress(true);
+  return good_;
+}
+
+// Whoever watches may kill us at any moment, so each line goes out at once. That nobody reads them
+// any more is no reason to stop recording.
+void ChannelRecorder::tellProgress(bool always) {
+  const RecordingStatistics statistics = session_.statistics();
+  safePictures_ = statistics.confirmed;
+  if (!request_.progress) return;
+  const int64_t now = monotonicUs();
+  if (statistics.confirmed == safe_ && (!always || now - lastToldUs_ < kTellUs)) return;
+  safe_ = statistics.confirmed;
+  lastToldUs_ = now;
+  say(label() + fmt::format("{} pictures written, {} safe\n", statistics.pictures, safe_));
+  fflush(stdout);
+}
+
+void ChannelRecorder::showProgress() {
+  const int64_t now = monotonicUs();
+  if (!progress_ || now - lastProgressUs_ < kProgressUs) return;
+  lastProgressUs_ = now;
+  const RecordingStatistics statistics = session_.statistics();
+  progress_->show(fmt::format("{} pictures, {:.1f} s, {:.1f} MB", statistics.pictures,
+                              static_cast<double>(endUs_) / 1e6,
+                              static_cast<double>(statistics.bytes) / 1e6));
+}
+
+void ChannelRecorder::report() const {
+  if (!opened_) return;
+  const RecordingStatistics s = session_.statistics();
+  say(label() +
+      fmt::format(
+          "recorded {} pictures ({:.1f} s, {:.1f} MB) in {} recordings on {} chunks, {} events\n",
+          s.confirmed, static_cast<double>(endUs_) / 1e6, static_cast<double>(s.bytes) / 1e6,
+          s.segments, s.chunks, eventsInserted_));
+  if (s.pictures > s.confirmed)
+    say(label() + fmt::format("not on the card: {} pictures\n", s.pictures - s.confirmed));
+  say(label() +
+      fmt::format(
+          "made room: {} oldest recordings and {} events deleted, ring ends passed {} times\n",
+          s.recordingsDeleted, s.eventsDeleted, s.streamWraps));
+}
+
+}  // namespace tarn::tool

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Console.h"
+#include "media/LivePictures.h"
+#include "media/MediaInput.h"
+#include "recorder/session/PictureClock.h"
+#include "recorder/session/RecordingSession.h"
+#include "video/Record.h"
+
+namespace tarn::tool {
+
+// Records one input on its channel. Used by one thread, its own.
+class ChannelRecorder {
+ public:
+  // The request outlives this; `input` is one of its inputs.
+  ChannelRecorder(const RecordRequest& request, const InputRequest& input);
+
+  // Until the input's end, a failure or a stop. False after a failure, which was told.
+  bool run();
+  // Says what was recorded, once run() is over.
+  void report() const;
+  // Pictures that are safe by now; any thread.
+  uint64_t safePictures() const { return safePictures_; }
+
+ private:
+  // An event on its way: waiting for its moment, running, or over.
+  struct EventState {
+    int64_t startUs;
+    int64_t endUs;
+    uint16_t trigger;
+    uint32_t eventID = 0;
+    bool over = false;
+  };
+
+  std::string label() const;
+  bool fail(const std::string& text);
+  void warn(const std::string& text) const;
+
+  std::unique_ptr<MediaInput> openInput(std::string* error);
+  void prepare(const MediaInput& input);
+  bool recordPasses();
+  bool recordAddress();
+  bool recordInput(MediaInput* input);
+  bool pauseFor(int64_t pauseUs);
+  bool openSession(const MediaInput& input);
+  bool recordPicture(const MediaPicture& picture);
+  bool recordLive(MediaPicture picture);
+  bool writeLive();
+  bool write(const MediaPicture& picture, PictureTime presentation, int64_t atUs);
+  void pace(int64_t decodeUs);
+  bool isIdle();
+  void watchClock();
+  bool moveEvents(int64_t nowUs);
+  void endEvents();
+  void showProgress();
+  void tellProgress(bool always);
+  PictureTime clockTime(int64_t timeUs) const {
+    return PictureTime::fromMicros(start_.totalMicros() + timeUs);
+  }
+
+  const RecordRequest& request_;
+  const InputRequest& input_;
+  const bool alone_;  // no other input is recorded
+  RecordingSession session_;
+  std::vector<EventState> events_;
+  bool good_ = true;
+  PictureTime start_;
+  bool started_ = false;
+  std::optional<PictureClock> clock_;  // of a live input
+  std::optional<LivePictures> live_;
+  bool leftOutTold_ = false;
+  int64_t firstDecodeUs_ = 0;  // of the present pass, may be negative
+  int64_t originUs_ = 0;       // where on the recording's time line the present pass begins
+  int64_t endUs_ = 0;          // end of the last picture so far
+  int64_t beganUs_ = 0;        // monotonic
+  int64_t lastProgressUs_ = 0;
+  int64_t lastToldUs_ = 0;
+  int64_t lastIdleUs_ = 0;
+  uint64_t safe_ = 0;  // pictures, as last told
+  unsigned eventsInserted_ = 0;
+  bool opened_ = false;
+  std::optional<ProgressLine> progress_;
+  std::atomic<uint64_t> safePictures_ = 0;
+};
+
+}  // namespace tarn::tool
