@@ -12,7 +12,7 @@ set(TARN_PUBLIC_HEADERS  # below src/
   manager/ChunkRecords.h manager/CTARNEndlessManager.h manager/CTARNEndlessManagerNative.h
   manager/CTARNManagerBase.h manager/CTARNStreamManager.h manager/CTARNStreamManagerNative.h
   manager/CTARNSyslogManager.h manager/RequestResult.h
-  dblog/CDbLog.h dblog/CDbRestore.h
+  dblog/CDbLog.h dblog/CDbRestore.h dblog/SyslogEnd.h
   api/CApiTarnSyslogRead.h api/Version.h)
 set(TARN_RECORDER_PUBLIC_HEADERS
   recorder/card/CardFormatter.h recorder/card/CardInfo.h recorder/card/CardLayout.h
