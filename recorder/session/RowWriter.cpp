@@ -270,7 +270,7 @@ bool RowWriter::flush() {
 bool RowWriter::queueToCard() {
   if (queued_ == 0) return true;
   if (!omitted(Omit::kDataBeforeEntries) && !toCard(stream_.get(), kErrWriteData)) return false;
-  const long length = static_cast<long>(queued_ * kRecordSize);
+  const long length = static_cast<long>(queued_) * static_cast<long>(kRecordSize);
   const auto before = picture_->getFreeAddr();
   if (picture_->write(queue_.data(), length) != length) {
     return fail(RecordingError::kCard, kErrWriteEntries);
