@@ -22,6 +22,22 @@ std::string nameOf(int fileType, uint32_t chunk) {
   return std::string(CardLayout::familyName(fileType)) + " chunk " + std::to_string(chunk);
 }
 
+int tries() {
+  if (omitted("read-again")) return 1;
+  return kTries;
+}
+
+Delivery zeros(void* out, uint32_t length) {
+  memset(out, 0, length);
+  return Delivery::kGood;
+}
+
+// What was refused does not pass for zeros.
+Delivery refuse(void* out, uint32_t length) {
+  if (omitted("refused-is-bad")) return zeros(out, length);
+  return Delivery::kRefused;
+}
+
 }  // namespace
 
 Delivery Source::readOnce(uint32_t offset, void* out, uint32_t length) {
@@ -37,19 +53,15 @@ Delivery Source::readOnce(uint32_t offset, void* out, uint32_t length) {
 Delivery Source::read(uint32_t offset, void* out, uint32_t length) {
   Delivery got = readOnce(offset, out, length);
   uint32_t pauseMs = kFirstPauseMs;
-  const int most = omitted(Omit::kReadAgain) ? 1 : kTries;
-  for (int tries = 1; got == Delivery::kRefused && isOpen() && tries < most; ++tries) {
+  const int most = tries();
+  for (int tried = 1; got == Delivery::kRefused && isOpen() && tried < most; ++tried) {
     const uint32_t pause = std::min(pauseMs, *patience_);
     *patience_ -= pause;
     if (pause > 0) usleep(pause * 1000);
     pauseMs *= 2;
     got = readOnce(offset, out, length);
   }
-  if (got == Delivery::kRefused && omitted(Omit::kRefusedIsBad)) {
-    memset(out, 0, length);
-    return Delivery::kGood;
-  }
-  return got;
+  return got == Delivery::kRefused ? refuse(out, length) : got;
 }
 
 ChunkSource::ChunkSource(int fileType, uint32_t chunk, int flags) {

@@ -197,8 +197,7 @@ bool LogAppender::readBlock(uint32_t position, std::string* block) {
 bool LogAppender::moveOn() {
   const int next = (chunkNumber_ + 1) % kLogChunks;
   if (!openChunk(next)) return false;
-  const auto given = [&] { return omitted(Omit::kLogGiveUp) || giveUp(next); };
-  if (!served(given)) return false;
+  if (!served([&] { return giveUp(next); })) return false;
   if (!put(0, kLogEmpty, kLogMarkBytes)) return false;
   written_ = 0;
   told_ = true;  // of a chunk without text
@@ -207,6 +206,7 @@ bool LogAppender::moveOn() {
 }
 
 bool LogAppender::giveUp(int number) {
+  if (omitted("log-give-up")) return true;
   const auto chunk = static_cast<short>(number);
   chunk_.setUseAddr(0);
   chunk_.setFreeAddr(0);
@@ -256,11 +256,22 @@ int LogAppender::flush() {
       [&]() -> int { return refuse(kErrNoMemory); });
 }
 
+// What stands behind the newest line.
+const char* LogAppender::endMark() {
+  if (omitted("log-mark")) return "";
+  return kLogMark;
+}
+
+// Within one sector all of it is there or nothing.
+bool LogAppender::goesAtOnce(size_t length) const {
+  if (omitted("log-mark-last")) return true;
+  return written_ % kLogSectorBytes + length <= kLogSectorBytes;
+}
+
 bool LogAppender::writeOut() {
-  const std::string bytes = pending_ + (omitted(Omit::kLogMark) ? "" : kLogMark);
+  const std::string bytes = pending_ + endMark();
   const auto first = std::min<size_t>(bytes.size(), kLogMarkBytes);
-  // Within one sector all of it is there or nothing.
-  if (omitted(Omit::kLogMarkLast) || written_ % kLogSectorBytes + bytes.size() <= kLogSectorBytes) {
+  if (goesAtOnce(bytes.size())) {
     if (!put(written_, bytes.data(), bytes.size())) return false;
   } else if (!put(written_ + kLogMarkBytes, bytes.data() + first, bytes.size() - first) ||
              !put(written_, bytes.data(), first)) {

@@ -50,6 +50,8 @@ class LogAppender {
   bool giveUp(int number);
   bool announce(int number);
   bool addLine(const std::string& text, int64_t seconds);
+  static const char* endMark();
+  bool goesAtOnce(size_t length) const;
   bool writeOut();
   bool put(uint32_t position, const char* bytes, size_t length);
   bool tellServer();

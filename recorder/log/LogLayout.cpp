@@ -25,15 +25,17 @@ bool LogLayout::takesMark(uint32_t position, uint32_t chunkBytes) {
          blanksBefore(position) == 0;
 }
 
+// Only behind a line, so there is a stamp, and there is room for it with its line feed.
+std::string LogLayout::fill(uint32_t left) const {
+  if (omitted("log-blocks")) return "";
+  return lastStamp_ + std::string(left - kLogMarkBytes, ' ') + "\n";
+}
+
 bool LogLayout::add(std::string_view text, int64_t seconds, std::string* out) {
   std::string line = logPrefix(lastStamp_, seconds).append(text);
   const uint32_t left = kLogBlockBytes - position_ % kLogBlockBytes;
   const auto length = static_cast<uint32_t>(line.size() + 1);
-  std::string filling;
-  if (length > left && !omitted(Omit::kLogBlocks)) {
-    // Only behind a line, so there is a stamp, and there is room for it with its line feed.
-    filling = lastStamp_ + std::string(left - kLogMarkBytes, ' ') + "\n";
-  }
+  const std::string filling = length > left ? fill(left) : "";
   const uint32_t end = position_ + static_cast<uint32_t>(filling.size()) + length;
   const uint32_t blanks = blanksBefore(end);
   if (!takesMark(end + blanks, chunkBytes_)) return false;

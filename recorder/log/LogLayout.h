@@ -31,6 +31,8 @@ class TARN_API LogLayout {
   uint32_t position() const { return position_; }
 
  private:
+  std::string fill(uint32_t left) const;
+
   uint32_t chunkBytes_;
   uint32_t position_ = 0;
   std::string lastStamp_;

@@ -126,6 +126,7 @@ class ImageQuery {
 
 // The image's bytes are those that were saved, and nothing has been journaled since.
 bool isSealed(const JournalSurvey& events, const JournalSurvey& streams, std::string* error) {
+  if (omitted("image-seal")) return true;
   ChunkSource chunk(kFileDbImage, 0, O_RDONLY);
   uint8_t bytes[kImageSealSize];
   if (chunk.read(sealPlace(chunk), bytes, sizeof bytes) != Delivery::kGood) {
@@ -152,7 +153,8 @@ bool isNewest(ImageQuery* query, const char* sql, const JournalSurvey& journal) 
 }
 
 bool isTrusted(const JournalSurvey& events, const JournalSurvey& streams, std::string* error) {
-  if (!omitted(Omit::kImageSeal) && !isSealed(events, streams, error)) return false;
+  if (omitted("image-trust")) return true;
+  if (!isSealed(events, streams, error)) return false;
   ImageQuery query;
   if (query.failed() || !DatabaseSetup::hasOurSchema(query.database())) {
     return unusable(error, kForeignImage);
@@ -197,6 +199,7 @@ bool makeSeal(ImageSeal* seal, std::string* error) {
 
 // Before the image, so that one which is not what it should be never counts.
 bool writeSeal(const ImageSeal& seal, std::string* error) {
+  if (omitted("image-seal")) return true;
   ChunkSource chunk(kFileDbImage, 0, O_RDWR);
   if (chunk.size() < kImageSealRoom + kImageDataOff ||
       seal.length > chunk.size() - kImageSealRoom - kImageDataOff) {
@@ -254,9 +257,21 @@ bool save(CTARNDBChunk* chunk, std::string* error) {
   ImageSeal seal;
   if (!makeSeal(&seal, error)) return false;
   if (announceAgain(seal)) return true;
-  if (!omitted(Omit::kImageSeal) && !writeSeal(seal, error)) return false;
+  if (!writeSeal(seal, error)) return false;
   if (chunk->copyIn(DatabaseSetup::defaultPath()) != 0) return unusable(error, kNoRoomForImage);
   return isSaved(seal) || unusable(error, "the saved database image is not what was saved");
+}
+
+// An image that was taken is marked empty at once.
+bool markTaken(CTARNDBChunk* chunk) {
+  if (omitted("image-emptied")) return true;
+  return chunk->clearDBChunk(0) == 0;
+}
+
+// And an old one before a new one is saved, or when that failed.
+bool markEmpty(CTARNDBChunk* chunk) {
+  if (omitted("image-cleared-first")) return true;
+  return chunk->clearDBChunk(0) == 0;
 }
 
 }  // namespace
@@ -269,9 +284,9 @@ ImageRestore restoreDatabaseImage(const JournalSurvey& events, const JournalSurv
   // Whether an image is there is not known. Nothing can have gone wrong yet, but an image that
   // shows up again later would.
   if (size == kUnreadable) *error = "the card does not tell whether it has a database image";
-  const bool usable = size != kUnreadable && copyOut(&chunk, error) &&
-                      (omitted(Omit::kImageTrust) || isTrusted(events, streams, error));
-  if (!omitted(Omit::kImageEmptied) && chunk.clearDBChunk(0) != 0) {
+  const bool usable =
+      size != kUnreadable && copyOut(&chunk, error) && isTrusted(events, streams, error);
+  if (!markTaken(&chunk)) {
     unlink(kRestoredImagePath);
     // What cannot be read at all is no danger, and no reason never to start again.
     if (size == kUnreadable) return ImageRestore::kUnusable;
@@ -286,8 +301,8 @@ ImageRestore restoreDatabaseImage(const JournalSurvey& events, const JournalSurv
 }
 
 bool dropDatabaseImage() {
+  if (omitted("image-emptied")) return true;
   CTARNDBChunk chunk;
-  if (omitted(Omit::kImageEmptied)) return true;
   const long size = chunk.getDBSize(kRestoredImagePath);
   if (size == 0 || size == -1) return true;
   // One that a passing read error hides would show up again. Where this fails as well there may be
@@ -297,8 +312,7 @@ bool dropDatabaseImage() {
 
 bool saveDatabaseImage(std::string* error) {
   CTARNDBChunk chunk;
-  if (!omitted(Omit::kImageClearedFirst) && chunk.clearDBChunk(0) != 0)
-    return unusable(error, "the card has no place for an image");
+  if (!markEmpty(&chunk)) return unusable(error, "the card has no place for an image");
   struct stat journal;
   // A writer that died in a transaction left the file half changed; SQLite would mend it first.
   if (stat(kDatabaseJournalPath, &journal) == 0 && journal.st_size != 0) {
@@ -306,7 +320,7 @@ bool saveDatabaseImage(std::string* error) {
   }
   if (!DatabaseSetup::check(DatabaseSetup::defaultPath(), error)) return false;
   if (save(&chunk, error)) return true;
-  if (!omitted(Omit::kImageClearedFirst) && chunk.clearDBChunk(0) != 0) {
+  if (!markEmpty(&chunk)) {
     *error += "; nor can the image be marked empty, run recovery before anything else";
   }
   return false;

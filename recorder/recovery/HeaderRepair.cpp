@@ -6,7 +6,6 @@
 #include <set>
 #include <string>
 
-#include "base/Omission.h"
 #include "base/Wrap.h"
 #include "db/RowStatus.h"
 #include "dblog/CDbRestore.h"
@@ -233,7 +232,6 @@ bool deleteRow(const DB_STREAM& row, RecoveryReport* report) {
 
 bool planHeaders(const std::vector<CHUNK_MANAGE>& chunks, HeaderPlan* plan,
                  RecoveryReport* report) {
-  if (omitted(Omit::kHeaders)) return true;
   std::vector<DB_STREAM> oldest;
   if (!selectStreams(kSqlChunks, &oldest)) return false;
   for (const DB_STREAM& row : oldest) {

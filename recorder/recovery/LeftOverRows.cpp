@@ -138,10 +138,15 @@ bool settleRow(const DB_STREAM& row, const char* whyDeleted, uint32_t least,
   return true;
 }
 
+// Entries decide about interrupted video, and not the library's repair.
+bool settleInterrupted(const std::vector<DB_STREAM>& rows, RecoveryReport* report) {
+  if (omitted("own-walk")) return repairAsTheLibrary(rows, report);
+  return settleVideo(rows, report);
+}
+
 }  // namespace
 
 bool settleOvertakenRows(RecoveryReport* report) {
-  if (omitted(Omit::kOvertakenRows)) return true;
   std::vector<DB_STREAM> rows;
   if (!selectStreams(kSqlOvertaken, &rows)) return false;
   return std::all_of(rows.begin(), rows.end(), [report](const DB_STREAM& row) {
@@ -150,14 +155,12 @@ bool settleOvertakenRows(RecoveryReport* report) {
 }
 
 bool settleVideoRows(RecoveryReport* report) {
-  if (omitted(Omit::kVideoRows)) return true;
   std::vector<DB_STREAM> rows;
   if (!selectStreams(kSqlUnclosed, &rows)) return false;
-  return omitted(Omit::kOwnWalk) ? repairAsTheLibrary(rows, report) : settleVideo(rows, report);
+  return settleInterrupted(rows, report);
 }
 
 bool settleRemainingRows(RecoveryReport* report) {
-  if (omitted(Omit::kRemainingRows)) return true;
   std::vector<DB_STREAM> rows;
   if (!selectStreams(kSqlUnclosed, &rows)) return false;
   // Video is only still open where the card did not give it a moment ago. It may now.

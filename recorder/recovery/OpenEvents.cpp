@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "base/Omission.h"
 #include "recorder/recording/RecordingIndex.h"
 #include "recorder/recovery/NativeRows.h"
 
@@ -144,7 +143,6 @@ bool endEvent(const DB_EVENT& event, RecoveryReport* report) {
 }  // namespace
 
 bool endOpenEvents(RecoveryReport* report) {
-  if (omitted(Omit::kEvents)) return true;
   std::vector<DB_EVENT> open;
   return selectEvents(kSqlOpen, &open) &&
          std::all_of(open.begin(), open.end(),

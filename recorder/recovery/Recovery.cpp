@@ -1,28 +1,24 @@
 #include "recorder/recovery/Recovery.h"
 
 #include <fcntl.h>
-#include <glob.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <utility>
 
 #include "base/Omission.h"
 #include "base/UniqueFd.h"
-#include "dblog/CDbRestore.h"
 #include "dblog/RestoreStores.h"
-#include "manager/ManageFormat.h"
 #include "recorder/card/CardGeometry.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/recovery/DatabaseImage.h"
-#include "recorder/recovery/HeaderRepair.h"
 #include "recorder/recovery/LeftOverRows.h"
 #include "recorder/recovery/ManageFileRepair.h"
 #include "recorder/recovery/NativeRows.h"
 #include "recorder/recovery/OpenEvents.h"
-#include "recorder/recovery/RecoveryFuse.h"
 #include "recorder/recovery/RecoveryMessages.h"
 #include "recorder/recovery/StartUp.h"
 #include "recorder/rows/ChannelLock.h"
@@ -37,51 +33,17 @@ namespace {
 
 constexpr useconds_t kRetryPauses[] = {20000, 100000};
 
-const char* manageName(FileType type) {
-  if (type == kFileStream) return "stream chunks";
-  return type == kFileSyslog ? "system log" : "journal";
-}
-
-const char* manageText(ManageRepair repair) {
-  switch (repair) {
-    case ManageRepair::kMainCopied:
-      return "was bad, taken from its backup";
-    case ManageRepair::kBackupCopied:
-      return "had another backup, which is now the same";
-    case ManageRepair::kDefaults:
-      return "was bad in both copies, made anew";
-    case ManageRepair::kCorrected:
-      return "named a chunk that the card does not have, corrected";
-    case ManageRepair::kGood:
-    case ManageRepair::kMainUnread:
-    case ManageRepair::kBackupUnread:
-    case ManageRepair::kUnreadable:
-    case ManageRepair::kFailed:
-      break;
-  }
-  return "";
-}
-
-// No session may still change the database. A lock that cannot be had says nothing of sessions.
-bool noRecordingRuns(std::string* error) {
-  glob_t locks = {};
-  FileLock::Outcome outcome = FileLock::Outcome::kTaken;
-  if (glob(kAnyChannelLock, 0, nullptr, &locks) == 0) {
-    for (size_t i = 0; i < locks.gl_pathc && outcome == FileLock::Outcome::kTaken; ++i) {
-      outcome = FileLock().take(locks.gl_pathv[i], false);
-    }
-  }
-  globfree(&locks);
-  *error = outcome == FileLock::Outcome::kHeldByOther ? kErrSaveRecording : kErrSaveRecordingLock;
-  return outcome == FileLock::Outcome::kTaken;
-}
-
 bool nothingToWaitFor(std::string* error) {
   if (access(DatabaseSetup::defaultPath(), F_OK) != 0) {
     *error = kErrSaveNoDatabase;
     return false;
   }
-  if (!noRecordingRuns(error)) return false;
+  const FileLock::Outcome channels = tryAllChannels();
+  if (channels != FileLock::Outcome::kTaken) {
+    *error =
+        channels == FileLock::Outcome::kHeldByOther ? kErrSaveRecording : kErrSaveRecordingLock;
+    return false;
+  }
   if (DatabaseGate::look() != DatabaseGate::State::kHolderDead) return true;
   *error = kErrSaveLockOfDead;  // what it was writing is known to be whole by no one
   return false;
@@ -94,6 +56,13 @@ bool mayBeWritten(std::string* error) {
 }
 
 }  // namespace
+
+// Steps in their order; those behind one that failed are not taken.
+struct Recovery::Step {
+  const char* name;  // as the power-cut tests leave it out
+  bool (Recovery::*work)();
+  const char* text;  // of its failure, where it says nothing more exact itself
+};
 
 Recovery::Recovery(FusePolicy policy) : policy_(policy) {}
 Recovery::~Recovery() = default;
@@ -117,14 +86,18 @@ bool Recovery::keepServerOut(const char* refusal, std::string* error) {
   return probe == ServerProbe::kFree;
 }
 
-// Runs one step, unless one before it failed, and notes how long it took.
-bool Recovery::step(const char* name, const std::function<bool()>& work, const char* failure) {
+bool Recovery::take(const Step& step) {
+  if (omitted(step.name)) return true;
+  return (this->*step.work)() || fail(step.text);
+}
+
+bool Recovery::takeTimed(const Step& step) {
   const auto begin = std::chrono::steady_clock::now();
-  const bool done = work();
+  const bool done = take(step);
   const auto took = std::chrono::steady_clock::now() - begin;
   report_.times.push_back(
-      {name, std::chrono::duration_cast<std::chrono::microseconds>(took).count()});
-  return done || fail(failure);
+      {step.name, std::chrono::duration_cast<std::chrono::microseconds>(took).count()});
+  return done;
 }
 
 // Before anything else: all that follows goes by what the card says of itself.
@@ -133,239 +106,35 @@ bool Recovery::geometry() {
   return geometry.ok() || fail(geometry.text);
 }
 
-bool Recovery::manageFile(FileType type, ManageRepair* repair, std::vector<CHUNK_MANAGE>* records) {
-  std::string unread;
-  std::vector<CHUNK_MANAGE> anew;
-  if (type == kFileStream && !fuseManageFiles(&anew)) return false;
-  *repair = repairManageFile(type, records, &unread, anew.empty() ? nullptr : &anew);
-  const std::string name = std::string("management file of the ") + manageName(type);
-  switch (*repair) {
-    case ManageRepair::kFailed:
-      return fail(kErrManageFiles);
-    case ManageRepair::kUnreadable:
-      return fail("the " + name + " cannot be read (" + unread + "); nothing of it was changed");
-    case ManageRepair::kMainUnread:
-    case ManageRepair::kBackupUnread:
-      report_.problems.push_back("one copy of the " + name + " cannot be read (" + unread +
-                                 "); it is left as it is, the other one is good");
-      break;
-    default:
-      break;
-  }
-  const char* text = manageText(*repair);
-  if (*text != 0) syslog(LOG_NOTICE, "recovery: %s %s", name.c_str(), text);
-  return true;
-}
-
-// False where the fuse stops it. Else what the policy makes of it is logged and reported.
-bool Recovery::blow(const FuseFinding& finding) {
-  if (!finding.blown()) return true;
-  const char* end = policy_ == FusePolicy::kStop    ? kFuseStop
-                    : policy_ == FusePolicy::kGuard ? (finding.isDone ? kFuseDone : kFuseGuard)
-                                                    : kFuseAccepted;
-  report_.fuse.push_back(finding.text + end);
-  if (policy_ == FusePolicy::kStop) return fail(report_.fuse.back());
-  report_.problems.push_back(report_.fuse.back());
-  return true;
-}
-
-// In memory; the rebuild of the management data saves the marks. Power lost before that leaves all
-// as it was found, and the next start comes to the same end.
-void Recovery::guardChunks(const std::vector<uint32_t>& chunks,
-                           std::vector<CHUNK_MANAGE>* records) const {
-  if (policy_ != FusePolicy::kGuard) return;
-  for (const uint32_t chunk : chunks) {
-    if (chunk >= records->size() || isGuarded((*records)[chunk].chType)) continue;
-    (*records)[chunk].chType = guardMark((*records)[chunk].chType);
-  }
-}
-
-// Before a bad management file is made anew. The marks go into the new one, in one write with it,
-// so that power lost behind it does not free the chunks.
-bool Recovery::fuseManageFiles(std::vector<CHUNK_MANAGE>* anew) {
-  std::vector<CHUNK_MANAGE> records;
-  if (judgeManageFile(kFileStream, &records) != ManageRepair::kDefaults) return true;
-  FuseFinding finding;
-  std::string error;
-  if (!fuseWithoutManagement(static_cast<uint32_t>(records.size()), &finding, &error)) {
-    return fail(error);
-  }
-  if (!blow(finding)) return false;
-  guardChunks(finding.chunks, &records);
-  *anew = records;
-  return true;
-}
-
-// Nothing of the journals was written yet. Where chunks are guarded an earlier start has gone on
-// without what the stream journal lost.
-bool Recovery::fuseJournals(const StartUp& startUp) {
-  const bool known =
-      std::any_of(channels_.begin(), channels_.end(),
-                  [](const CHUNK_MANAGE& record) { return isGuarded(record.chType); });
-  const FuseFinding finding = tarn::fuseJournals(
-      startUp.report().events, known ? JournalSurvey() : startUp.report().streams);
-  journalsLost_ = finding.blown();
-  return blow(finding);
-}
-
-// The rows that are missing had room in these chunks, and nobody knows which.
-bool Recovery::guardForgotten() {
-  std::vector<uint32_t> chunks;
-  std::string error;
-  if (!journalsLost_ || policy_ != FusePolicy::kGuard) return true;
-  if (!chunksOfMissing(channels_, &chunks, &error)) return fail(error);
-  guardChunks(chunks, &channels_);
-  return true;
-}
-
-// What an earlier start guards is given free only when a person says so.
-bool Recovery::fuseChunks() {
-  if (policy_ == FusePolicy::kAccept) {
-    for (CHUNK_MANAGE& record : channels_) {
-      if (isGuarded(record.chType)) record.chType = guardedChannel(record.chType);
-    }
-  }
-  FuseFinding finding;
-  std::string error;
-  if (!guardForgotten()) return false;
-  if (!fuseLostChunks(channels_, report_.startUp.streams, &finding, &error)) return fail(error);
-  if (!blow(finding)) return false;
-  guardChunks(finding.chunks, &channels_);
-  return true;
-}
-
-bool Recovery::headers() {
-  HeaderPlan plan;
-  uint32_t rows = 0;
-  if (!planHeaders(channels_, &plan, &report_)) return false;
-  std::vector<DB_STREAM> unreadable = plan.deletions;
-  unreadable.insert(unreadable.end(), plan.lost.begin(), plan.lost.end());
-  if (!unreadable.empty() && !selectNumber("SELECT COUNT(*) FROM STREAM", &rows)) return false;
-  const FuseFinding finding = fuseDeletions(unreadable, rows);
-  if (!blow(finding)) return false;
-  guardChunks(finding.chunks, &channels_);
-  const auto guarded = [this](const DB_STREAM& row) {
-    return row.chunkID < channels_.size() && isGuarded(channels_[row.chunkID].chType);
-  };
-  for (auto* list : {&plan.rewrites, &plan.deletions, &plan.lost}) {
-    list->erase(std::remove_if(list->begin(), list->end(), guarded), list->end());
-  }
-  if (policy_ == FusePolicy::kAccept) {
-    plan.deletions.insert(plan.deletions.end(), plan.lost.begin(), plan.lost.end());
-    plan.lost.clear();
-  }
-  return keepLost(plan.lost) && applyHeaders(plan, &report_);
-}
-
-// Recordings of which nothing can be read any more, although they were closed: a sector went bad,
-// and what is behind it may come back. They keep their room until it is needed, as every other.
-// Where the management data do not tell which room that is, nobody gets any of the chunk.
-bool Recovery::keepLost(const std::vector<DB_STREAM>& lost) {
-  std::vector<uint32_t> unplaced;
-  if (!findUnplaced(lost, channels_, &unplaced)) return false;
-  for (const uint32_t chunk : unplaced) {
-    CHUNK_MANAGE& record = channels_[chunk];
-    record.chType = guardMark(record.chType);
-  }
-  for (const DB_STREAM& row : lost) report_.problems.push_back(nameOf(row) + kProblemLost);
-  lost_ = lost;
-  return true;
-}
-
-void Recovery::noteGuarded() {
-  std::string numbers;
-  for (uint32_t chunk = 0; chunk < channels_.size(); ++chunk) {
-    if (!isGuarded(channels_[chunk].chType)) continue;
-    report_.guarded.push_back(chunk);
-    numbers += (numbers.empty() ? "" : ", ") + std::to_string(chunk);
-  }
-  if (!report_.guarded.empty()) report_.problems.push_back(kProblemGuarded + numbers);
-}
-
-bool Recovery::manageFiles() {
-  if (omitted(Omit::kManageFiles)) return true;
-  const bool stream = manageFile(kFileStream, &report_.streamManage, &channels_);
-  const bool log = manageFile(kFileSyslog, &report_.syslogManage, nullptr);
-  return manageFile(kFileJournal, &report_.journalManage, nullptr) && stream && log;
-}
-
-// The image is judged by what the journals hold, and after a start from it they are as good as
-// after any other: a damaged copy is mended as long as there is a good one.
-bool Recovery::scrub(StartUp* startUp) {
-  const bool done = startUp->scrub([&] { return fuseJournals(*startUp); });
-  for (const JournalSurvey* survey : {&startUp->report().events, &startUp->report().streams}) {
-    if (survey->unread == 0) continue;
-    report_.problems.push_back("the " + survey->unreadText + " cannot be read (" +
-                               std::to_string(survey->unread) +
-                               " records); the other copy is good and is used");
-  }
-  const uint32_t refused = startUp->report().events.refused + startUp->report().streams.refused;
-  if (refused > 0) {
-    report_.problems.push_back("the card did not take " + std::to_string(refused) +
-                               " corrections of journal records");
-  }
-  return done;
-}
-
-bool Recovery::restoreImage(const StartUp& startUp) {
-  std::string error;
-  const ImageRestore result =
-      restoreDatabaseImage(startUp.report().events, startUp.report().streams, &error);
-  if (result == ImageRestore::kFailed) fail(error);
-  if (result == ImageRestore::kUnusable) report_.problems.push_back(error);
-  report_.fromImage = result == ImageRestore::kRestored;
-  return report_.fromImage;
-}
-
-// A process that dies with the database locked keeps it locked for all others. Nobody but this
-// program can know that no one still relies on it: no server runs, none can start meanwhile, and no
-// session is open.
-bool Recovery::freeDatabase() {
-  pid_t holder = 0;
-  if (DatabaseGate::look(&holder) != DatabaseGate::State::kHolderDead) return true;
-  std::string ignored;
-  if (!noRecordingRuns(&ignored)) return fail(kErrLockOfDead);
-  if (!DatabaseGate::releaseDead()) return true;
-  report_.problems.push_back("the database was locked by process " + std::to_string(holder) +
-                             ", which is gone; it was set free");
-  return true;
-}
-
 bool Recovery::database() {
-  if (!freeDatabase()) return false;
-  StartUp startUp;
-  const bool scrubbed = scrub(&startUp);
-  report_.startUp = startUp.report();
-  if (!scrubbed) return fail(report_.startUp.error);  // but for what the fuse has said
-  if (!restoreImage(startUp)) {
-    if (!report_.ok()) return false;
-    report_.startUp = startUp.rebuild();
-    return report_.startUp.ok() || fail(report_.startUp.error);
-  }
-  // Offsets that step 1 had to make anew are nowhere else.
-  return omitted(Omit::kJournalFreeOffset) || CDbRestore().recoverJournalManage() == 0 ||
-         fail(kErrJournalManage);
+  static constexpr Step kSteps[] = {
+      {"database lock", &Recovery::freeDatabase, kErrLockOfDead},
+      {"journals", &Recovery::journals, kErrSurvey},
+      {"rows", &Recovery::rows, kErrJournalManage},
+      // Offsets that the step before had to make anew are nowhere else.
+      {"journal free offset", &Recovery::journalManage, kErrJournalManage},
+      {"lost chunks", &Recovery::fuseChunks, kErrFuseRows},
+  };
+  return std::all_of(std::begin(kSteps), std::end(kSteps),
+                     [this](const Step& step) { return take(step); });
 }
+
+bool Recovery::overtakenRows() { return settleOvertakenRows(&report_); }
+bool Recovery::videoRows() { return settleVideoRows(&report_); }
+bool Recovery::remainingRows() { return settleRemainingRows(&report_); }
+bool Recovery::events() { return endOpenEvents(&report_); }
 
 // The journals once more: rows that were deleted meanwhile may have been the newest, and the next
 // start would put the offsets behind those that are left.
 bool Recovery::manageData() {
-  CDbRestore restore;
-  const int channels = omitted(Omit::kChannels) ? 0 : static_cast<int>(channels_.size());
-  return (omitted(Omit::kJournalFreeOffset) || restore.recoverJournalManage() == 0) &&
-         (omitted(Omit::kStreamManage) ||
-          restore.recoverStreamManage(channels_.data(), channels, lost_) == 0) &&
-         (omitted(Omit::kSyslogManage) || syslogManage(&restore));
-}
-
-bool Recovery::syslogManage(CDbRestore* restore) {
-  std::string unread;
-  if (restore->recoverSyslogManage(&unread) != 0) return false;
-  if (!unread.empty()) {
-    report_.problems.push_back("the system log cannot be read (" + unread +
-                               "); its end stays where it was saved");
-  }
-  return true;
+  static constexpr Step kSteps[] = {
+      {"journal free offset", &Recovery::journalManage, kErrManageData},
+      {"stream management", &Recovery::streamManage, kErrManageData},
+      {"syslog management", &Recovery::syslogManage, kErrManageData},
+      {"count of rows", &Recovery::countRows, kErrManageData},
+  };
+  return std::all_of(std::begin(kSteps), std::end(kSteps),
+                     [this](const Step& step) { return take(step); });
 }
 
 bool Recovery::countRows() {
@@ -374,9 +143,14 @@ bool Recovery::countRows() {
 }
 
 bool Recovery::flushCard() {
-  if (omitted(Omit::kRecoveryFlush)) return true;
   const UniqueFd card(open(deviceName(kRecorderPartition), O_RDONLY | O_CLOEXEC));
   return card.valid() && fsync(card.get()) == 0;
+}
+
+bool Recovery::mayTryAgain() const {
+  if (omitted("read-again")) return false;
+  const bool stopped = policy_ == FusePolicy::kStop && !report_.fuse.empty();
+  return !report_.ok() && !report_.refused && !stopped;
 }
 
 // A card that hiccups says no to whoever asks next, also to readers that ask once. What is done is
@@ -387,8 +161,7 @@ RecoveryReport Recovery::run() {
       [&]() -> RecoveryReport {
         attempt();
         for (const useconds_t pause : kRetryPauses) {
-          const bool stopped = policy_ == FusePolicy::kStop && !report_.fuse.empty();
-          if (report_.ok() || report_.refused || stopped || omitted(Omit::kReadAgain)) break;
+          if (!mayTryAgain()) break;
           syslog(LOG_WARNING, kMsgRecoveryAgain, report_.error.c_str());
           usleep(pause);
           const RecoveryReport before = std::move(report_);
@@ -425,27 +198,21 @@ void Recovery::attempt() {
     return;
   }
   const EitherCopyScope eitherCopy;
-  static_cast<void>(
-      step(
-          "geometry", [this] { return geometry(); }, kErrGeometry) &&
-      step(
-          "management files", [this] { return manageFiles(); }, kErrManageFiles) &&
-      step(
-          "database", [this] { return database() && fuseChunks(); }, kErrJournalManage) &&
-      step(
-          "overtaken rows", [this] { return settleOvertakenRows(&report_); }, kErrOvertaken) &&
-      step(
-          "video rows", [this] { return settleVideoRows(&report_); }, kErrVideoRows) &&
-      step(
-          "remaining rows", [this] { return settleRemainingRows(&report_); }, kErrRemaining) &&
-      step(
-          "events", [this] { return endOpenEvents(&report_); }, kErrEvents) &&
-      step(
-          "stream headers", [this] { return headers(); }, kErrHeaders) &&
-      step(
-          "management data", [this] { return manageData() && countRows(); }, kErrManageData) &&
-      step(
-          "flush", [this] { return flushCard(); }, kErrFlush));
+  static constexpr Step kSteps[] = {
+      {"geometry", &Recovery::geometry, kErrGeometry},
+      {"management files", &Recovery::manageFiles, kErrManageFiles},
+      {"database", &Recovery::database, kErrJournalManage},
+      {"overtaken rows", &Recovery::overtakenRows, kErrOvertaken},
+      {"video rows", &Recovery::videoRows, kErrVideoRows},
+      {"remaining rows", &Recovery::remainingRows, kErrRemaining},
+      {"events", &Recovery::events, kErrEvents},
+      {"stream headers", &Recovery::headers, kErrHeaders},
+      {"management data", &Recovery::manageData, kErrManageData},
+      {"flush", &Recovery::flushCard, kErrFlush},
+  };
+  startUp_ = std::make_unique<StartUp>();
+  static_cast<void>(std::all_of(std::begin(kSteps), std::end(kSteps),
+                                [this](const Step& step) { return takeTimed(step); }));
   noteGuarded();
   for (const RecoveryChange& change : report_.changes) {
     syslog(LOG_NOTICE, kMsgRecoveryChange, change.text.c_str());

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,7 +9,6 @@
 #include "manager/ChunkRecords.h"
 #include "recorder/recovery/RecoveryReport.h"
 
-class CDbRestore;
 struct DB_STREAM;
 
 namespace tarn {
@@ -56,10 +54,14 @@ class TARN_API Recovery {
   int saveImage(std::string* error);
 
  private:
+  struct Step;
+
   void attempt();
   void keepChanges(const RecoveryReport& before);
   bool keepServerOut(const char* refusal, std::string* error);
-  bool step(const char* name, const std::function<bool()>& work, const char* failure);
+  bool mayTryAgain() const;
+  bool take(const Step& step);
+  bool takeTimed(const Step& step);
   bool geometry();
   bool manageFiles();
   bool fuseManageFiles(std::vector<CHUNK_MANAGE>* anew);
@@ -73,17 +75,26 @@ class TARN_API Recovery {
   void noteGuarded();
   bool freeDatabase();
   bool database();
-  bool scrub(StartUp* startUp);
-  bool restoreImage(const StartUp& startUp);
+  bool journals();
+  bool rows();
+  bool restoreImage();
+  bool journalManage();
+  bool overtakenRows();
+  bool videoRows();
+  bool remainingRows();
+  bool events();
   bool manageFile(FileType type, ManageRepair* repair, std::vector<CHUNK_MANAGE>* records);
   bool manageData();
-  bool syslogManage(CDbRestore* restore);
+  int knownChannels() const;
+  bool streamManage();
+  bool syslogManage();
   bool countRows();
   bool flushCard();
   bool fail(const std::string& text);
 
   const FusePolicy policy_;
   std::unique_ptr<FileLock> lock_;
+  std::unique_ptr<StartUp> startUp_;  // of the attempt
   RecoveryReport report_;
   // Of the stream chunks, as they were found, but for the marks of guarded ones.
   std::vector<CHUNK_MANAGE> channels_;

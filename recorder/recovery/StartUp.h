@@ -26,11 +26,16 @@ class TARN_API StartUp {
   const StartUpReport& report() const { return report_; }
 
  private:
+  struct Step;
+
+  bool take(const Step& step);
   bool makeDatabase();
+  bool scrubUnlessDone();
   bool replay();
   void replayFailed(StartUpReport::Step step, const char* text);
   bool countRows();
   bool seedKeys();
+  bool journalManage();
   bool fail(StartUpReport::Step step, const std::string& text);
 
   StartUpReport report_;

@@ -147,11 +147,15 @@ JournalGuard::Verdict JournalGuard::checkStream(unsigned long* key) {
   return place.verdict;
 }
 
-// Ends, because every round but the one of the correction takes a row away.
 bool JournalGuard::makeFree(JournalKind kind,
                             const std::function<bool(uint32_t key)>& deleteOldest) {
-  if (!mayInsert()) return false;
-  if (omitted(Omit::kJournalLookUp)) return true;
+  return mayInsert() && lookAndMakeFree(kind, deleteOldest);
+}
+
+// Ends, because every round but the one of the correction takes a row away.
+bool JournalGuard::lookAndMakeFree(JournalKind kind,
+                                   const std::function<bool(uint32_t key)>& deleteOldest) {
+  if (omitted("journal-look-up")) return true;
   bool corrected = false;
   for (;;) {
     const Place place = look(kind);

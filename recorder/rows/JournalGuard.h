@@ -73,6 +73,7 @@ class TARN_API JournalGuard {
   Place look(JournalKind kind);
   Verdict lookAtCard(JournalKind kind, uint32_t offset);
   bool makeFree(JournalKind kind, const std::function<bool(uint32_t key)>& deleteOldest);
+  bool lookAndMakeFree(JournalKind kind, const std::function<bool(uint32_t key)>& deleteOldest);
   bool deleteRow(JournalKind kind, uint32_t key);
   bool correctOne(JournalKind kind);
 

@@ -115,24 +115,31 @@ bool RecordingSpace::usable(int chunk, int8_t channel, const Need& need) {
          ringFree(picture.useAddr, picture.freeAddr, pictureSize) > need.pictureBytes;
 }
 
+// A fresh chunk is given its channel. One without a channel whose rows are still there is nobody's
+// to give.
 int RecordingSpace::claim(int chunk, int8_t channel, int8_t recType) {
+  if (omitted("channel-of-chunk")) return begun(chunk);
   signed char owner = 0;
   signed char type = 0;
   bool foreign = false;
   if (!chunkHasRows(chunk, &foreign)) return -1;
   const bool done = retryFor(kServerPatienceMs, [&] {
     if (manager_->getChType(asChunk(chunk), &owner, &type) != 0) return false;
-    if (owner != kChannelUnused || foreign || omitted(Omit::kChannelOfChunk)) return true;
+    if (owner != kChannelUnused || foreign) return true;
     return emptyChunk(chunk) && manager_->setChType(asChunk(chunk), channel, recType) == 0;
   });
   if (!done) {
     failServer();
     return -1;
   }
-  if (owner == kChannelUnused && foreign && !omitted(Omit::kChannelOfChunk)) {
+  if (owner == kChannelUnused && foreign) {
     fail(RecordingError::kDatabase, kErrForeignRows);
     return -1;
   }
+  return begun(chunk);
+}
+
+int RecordingSpace::begun(int chunk) {
   if (!save()) return -1;
   ++statistics_->chunks;
   return chunk;
@@ -249,7 +256,7 @@ bool RecordingSpace::deleteEventsBefore(uint32_t now) {
 }
 
 bool RecordingSpace::deleteRecording(const DB_STREAM& row, uint32_t now, int keepChunk) {
-  if (omitted(Omit::kRowBeforeSpace) && (!releaseSpace(row) || !save())) return false;
+  if (omitted("row-before-space")) static_cast<void>(releaseSpace(row) && save());
   if (!deleteRow(row.streamID)) return false;
   ++statistics_->recordingsDeleted;
   if (!deleteEventsBefore(now)) return false;
@@ -316,7 +323,7 @@ bool RecordingSpace::giveBack(int chunk) {
 }
 
 bool RecordingSpace::save() {
-  if (omitted(Omit::kSaveBeforeWrite)) return true;
+  if (omitted("save-before-write")) return true;
   return retryFor(kServerPatienceMs, [&] { return manager_->saveManageData() == 0; }) ||
          failServer();
 }

@@ -59,6 +59,7 @@ class RecordingSpace {
   int pick(int8_t channel, int8_t recType, const Need& need);
   int pickNow(int8_t channel, int8_t recType, const Need& need);
   int claim(int chunk, int8_t channel, int8_t recType);
+  int begun(int chunk);
   bool usable(int chunk, int8_t channel, const Need& need);
   bool reclaimOrphans(int8_t channel);
   bool isGuardedChunk(int chunk);

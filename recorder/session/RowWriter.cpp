@@ -149,7 +149,7 @@ bool RowWriter::makeJournalPlace(JournalGuard* guard, uint32_t now) {
 }
 
 bool RowWriter::chooseNumber(uint32_t* number) {
-  if (omitted(Omit::kFreshNumbers)) {
+  if (omitted("fresh-numbers")) {
     *number = PictureNumbers::kStep;
     return true;
   }
@@ -175,10 +175,10 @@ bool RowWriter::begin(const DB_STREAM& seed) {
     return fail(RecordingError::kCard, kErrWriteHeader);
   }
   if (headerOffset_ + kRecordSize >= picture_->getChunkSize()) ++statistics_->pictureWraps;
-  if (!omitted(Omit::kHeaderBeforeRow) && !sync(picture_.get(), kErrWriteHeader)) return false;
+  if (!flushHeader()) return false;
   numbers_.used(header_.firstNumber);
   row_ = seed;
-  row_.recSize = omitted(Omit::kRowClosedLast) ? 2 : 0;
+  row_.recSize = sizeWhileOpen();
   row_.chunkID = static_cast<uint32_t>(chunk_);
   row_.chunkOffset = headerOffset_;
   row_.chunkSize = 0;
@@ -190,6 +190,17 @@ bool RowWriter::begin(const DB_STREAM& seed) {
   ownsEnd_ = true;
   ++statistics_->segments;
   return true;
+}
+
+bool RowWriter::flushHeader() {
+  if (omitted("header-before-row")) return true;
+  return sync(picture_.get(), kErrWriteHeader);
+}
+
+// recSize of a row until its end.
+uint32_t RowWriter::sizeWhileOpen() {
+  if (omitted("row-closed-last")) return 2;
+  return 0;
 }
 
 bool RowWriter::insertRow() {
@@ -266,17 +277,27 @@ bool RowWriter::flush() {
   return queueToCard() && tell(stream_.get()) && tell(picture_.get());
 }
 
+bool RowWriter::dataToCard() {
+  if (omitted("data-before-entries")) return true;
+  return toCard(stream_.get(), kErrWriteData);
+}
+
+bool RowWriter::entriesToCard() {
+  if (omitted("entries-flush")) return true;
+  return toCard(picture_.get(), kErrWriteEntries);
+}
+
 // The server is told behind it: it may be away, and the card must not wait for it.
 bool RowWriter::queueToCard() {
   if (queued_ == 0) return true;
-  if (!omitted(Omit::kDataBeforeEntries) && !toCard(stream_.get(), kErrWriteData)) return false;
+  if (!dataToCard()) return false;
   const long length = static_cast<long>(queued_) * static_cast<long>(kRecordSize);
   const auto before = picture_->getFreeAddr();
   if (picture_->write(queue_.data(), length) != length) {
     return fail(RecordingError::kCard, kErrWriteEntries);
   }
   if (picture_->getFreeAddr() < before) ++statistics_->pictureWraps;
-  if (!omitted(Omit::kEntriesFlush) && !toCard(picture_.get(), kErrWriteEntries)) return false;
+  if (!entriesToCard()) return false;
   statistics_->confirmed += queued_;
   queued_ = 0;
   confirmed_ = written_;
@@ -316,13 +337,18 @@ bool RowWriter::updateRow() {
 
 bool RowWriter::finish() {
   if (!flush()) return false;
-  const bool early = omitted(Omit::kRowBeforeClosedHeader);
-  const bool done = confirmed_.pictures == 0 ? removeRow()
-                                             : (omitted(Omit::kTotalsBeforeRow) ||
-                                                writeHeader(early ? kMarkerClosed : kMarkerOpen)) &&
-                                                   updateRow() && writeHeader(kMarkerClosed);
+  const bool done = confirmed_.pictures == 0
+                        ? removeRow()
+                        : writeTotals() && updateRow() && writeHeader(kMarkerClosed);
   running_ = !done;
   return done && saveManageData();
+}
+
+// The header's totals, still open, before the row is closed.
+bool RowWriter::writeTotals() {
+  if (omitted("totals-before-row")) return true;
+  if (omitted("row-before-closed-header")) return writeHeader(kMarkerClosed);
+  return writeHeader(kMarkerOpen);
 }
 
 // Row first, so that no row ever points at space that is free.

@@ -73,6 +73,11 @@ int CTARNMirroredChunk::settle() { return both(&CTARNChunkBase::settle); }
 
 int CTARNMirroredChunk::tellFreeAddr() { return both(&CTARNChunkBase::tellFreeAddr); }
 
+bool CTARNMirroredChunk::flushOriginal() {
+  if (tarn::omitted("original-flush")) return true;
+  return original->flush() == 0;
+}
+
 // The record reaches the original's medium before the mirror is touched: power lost in the middle
 // of a write may tear that copy, never both.
 long CTARNMirroredChunk::write(void* buf, long size, long crcLength) {
@@ -82,7 +87,7 @@ long CTARNMirroredChunk::write(void* buf, long size, long crcLength) {
   if (!plain) tarn::writeMirrorTrailer(buf, static_cast<size_t>(crcLength));
   const unsigned long address = original->getFreeAddr();
   long result = original->write(buf, length);
-  if (result == length && !tarn::omitted(tarn::Omit::kOriginalFlush) && original->flush() != 0) {
+  if (result == length && !flushOriginal()) {
     original->setFreeAddr(address);
     result = -1;
   }
@@ -111,7 +116,7 @@ long CTARNMirroredChunk::writeNoSeek(void* buf, long size, long crcLength) {
   if (!plain) tarn::writeMirrorTrailer(buf, static_cast<size_t>(crcLength));
   const long result = original->writeNoSeek(buf, length);
   if (result != length) return -1;
-  if (!tarn::omitted(tarn::Omit::kOriginalFlush) && original->flush() != 0) return -1;
+  if (!flushOriginal()) return -1;
   const long mirrorResult = mirror->writeNoSeek(buf, length);
   return mirrorResult == length ? result : mirrorFailed(mirrorResult, length);
 }

@@ -100,6 +100,7 @@ class TARN_API CTARNMirroredChunk {
   CTARNManagerBase* manager = nullptr;  // not owned
 
  private:
+  bool flushOriginal();
   long mirrorFailed(long result, long size);
   int both(int (CTARNChunkBase::*operation)());
 };

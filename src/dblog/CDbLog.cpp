@@ -160,7 +160,7 @@ bool CDbLog::admitLocked(const Operation& operation) {
 // Under the lock although it waits for the card: another thread's write would use the same chunks,
 // and its requests the same connection to the server.
 void CDbLog::flushLocked() {
-  if (omitted(Omit::kMirrorFlush)) return;
+  if (omitted("mirror-flush")) return;
   if (m_streamJournal != nullptr) m_streamJournal->fSync();
   if (m_eventJournal != nullptr) m_eventJournal->fSync();
 }
@@ -178,16 +178,15 @@ bool CDbLog::lastChangeOnCard() { return t_lastChangeOnCard; }
 // have taken the news with it. The original was flushed before the mirror was touched, and the
 // other journal has nothing new unless its last flush failed: their devices are left alone.
 void CDbLog::settleLocked(JournalKind kind, bool save) {
-  if (!omitted(Omit::kMirrorFlush)) {
-    settleJournalLocked(JournalKind::kStream, kind);
-    settleJournalLocked(JournalKind::kEvent, kind);
-  }
+  settleJournalLocked(JournalKind::kStream, kind);
+  settleJournalLocked(JournalKind::kEvent, kind);
   const auto& journal = slotLocked(kind);
   t_lastChangeOnCard = journal != nullptr && !journal->lastFlushFailed();
   if (save && m_manager != nullptr) m_manager->saveManageData();
 }
 
 void CDbLog::settleJournalLocked(JournalKind kind, JournalKind changed) {
+  if (omitted("mirror-flush")) return;
   const auto& journal = slotLocked(kind);
   if (journal == nullptr) return;
   if (kind == changed || journal->lastFlushFailed()) {
@@ -360,7 +359,7 @@ bool CDbLog::deleteStream(unsigned long streamID) {
 }
 
 bool CDbLog::markDeleted(const Operation& operation, unsigned long offset) {
-  if (omitted(Omit::kRecordDelete)) {
+  if (omitted("record-delete")) {
     t_lastChangeOnCard = true;
     return true;
   }

@@ -60,7 +60,7 @@ bool journalRecordValid(const void* record, uint32_t crcLength) {
 }
 
 bool journalRecordInPlace(const JournalTraits& traits, const void* record, uint32_t position) {
-  if (omitted(Omit::kCopyMarker)) return journalRecordValid(record, traits.crcLength);
+  if (omitted("copy-marker")) return journalRecordValid(record, traits.crcLength);
   const uint32_t marker = journalMarker(record);
   return (marker == traits.liveMarker || marker == traits.deletedMarker) &&
          journalBackOffset(traits, record) == position &&
@@ -75,6 +75,13 @@ bool isErasedOrLost(const uint8_t* record) {
   return isErased(record) || journalMarker(record) == 0;
 }
 
+// What counts where a copy was not given, and the other one, if any, does not lie in its place.
+JournalCopy beside(const uint8_t* original, const uint8_t* mirror) {
+  if (omitted("copy-refused") && original != nullptr) return JournalCopy::kOriginal;
+  if (omitted("copy-refused") && mirror != nullptr) return JournalCopy::kMirror;
+  return JournalCopy::kRefused;
+}
+
 }  // namespace
 
 JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
@@ -84,10 +91,7 @@ JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
   };
   if (inPlace(original)) return JournalCopy::kOriginal;
   if (inPlace(mirror)) return JournalCopy::kMirror;
-  if (omitted(Omit::kCopyRefused) && (original == nullptr) != (mirror == nullptr)) {
-    return original != nullptr ? JournalCopy::kOriginal : JournalCopy::kMirror;
-  }
-  if (original == nullptr || mirror == nullptr) return JournalCopy::kRefused;
+  if (original == nullptr || mirror == nullptr) return beside(original, mirror);
   // Zeros beside an erased copy are what a card made of the other one, and no record.
   const bool erased = isErased(original) || isErased(mirror);
   if (erased && isErasedOrLost(original) && isErasedOrLost(mirror)) return JournalCopy::kErased;

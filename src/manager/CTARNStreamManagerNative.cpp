@@ -152,11 +152,8 @@ int CTARNStreamManagerNative::closeManageData() {
 int CTARNStreamManagerNative::saveManageData() {
   if (isOpen()) tarn::sealManageData(m_records, m_numChunk);
   syslog(LOG_INFO, tarn::kMsgStoreSave, m_suffix);
-  const bool backupSaved =
-      tarn::omitted(tarn::Omit::kManageBackup) ||
-      saveCopy(m_backupHandle, tarn::kMsgStoreBackupSeekError, tarn::kMsgStoreBackupWriteError);
-  const bool mainSaved =
-      saveCopy(m_mainHandle, tarn::kMsgStoreMainSeekError, tarn::kMsgStoreMainWriteError);
+  const bool backupSaved = saveBackupOnce();
+  const bool mainSaved = saveMainOnce();
   return backupSaved && mainSaved ? 0 : -1;
 }
 
@@ -193,21 +190,12 @@ bool CTARNStreamManagerNative::mainIsGood() {
 
 // Whatever a failed write or flush left is written once more.
 bool CTARNStreamManagerNative::saveMain() {
-  const auto save = [this] {
-    return saveCopy(m_mainHandle, tarn::kMsgStoreMainSeekError, tarn::kMsgStoreMainWriteError);
-  };
-  if (!save() && !save()) return false;
+  if (!saveMainOnce() && !saveMainOnce()) return false;
   m_mainBad = false;
   return true;
 }
 
-bool CTARNStreamManagerNative::saveBackup() {
-  const auto save = [this] {
-    return saveCopy(m_backupHandle, tarn::kMsgStoreBackupSeekError,
-                    tarn::kMsgStoreBackupWriteError);
-  };
-  return tarn::omitted(tarn::Omit::kManageBackup) || save() || save();
-}
+bool CTARNStreamManagerNative::saveBackup() { return saveBackupOnce() || saveBackupOnce(); }
 
 // Where one copy is not good, the other is written last. A save that the backup alone took counts
 // only where no open can find an older main copy good: that one would go before it.
@@ -224,8 +212,32 @@ int CTARNStreamManagerNative::saveManageDataToEither() {
   return kOneCopy;
 }
 
+bool CTARNStreamManagerNative::saveMainOnce() {
+  const bool written =
+      writeCopy(m_mainHandle, tarn::kMsgStoreMainSeekError, tarn::kMsgStoreMainWriteError);
+  return flushMain() && written;
+}
+
+bool CTARNStreamManagerNative::saveBackupOnce() {
+  if (tarn::omitted("manage-backup")) return true;
+  const bool written =
+      writeCopy(m_backupHandle, tarn::kMsgStoreBackupSeekError, tarn::kMsgStoreBackupWriteError);
+  return flushBackup() && written;
+}
+
+bool CTARNStreamManagerNative::flushMain() {
+  if (tarn::omitted("manage-flush")) return true;
+  return m_fat.fsync(m_mainHandle) == 0;
+}
+
+bool CTARNStreamManagerNative::flushBackup() {
+  if (tarn::omitted("manage-copy-flush")) return true;
+  return m_fat.fsync(m_backupHandle) == 0;
+}
+
 // Each step is tried whatever became of the one before. On a closed store each fails at its handle.
-bool CTARNStreamManagerNative::saveCopy(int handle, const char* seekError, const char* writeError) {
+bool CTARNStreamManagerNative::writeCopy(int handle, const char* seekError,
+                                         const char* writeError) {
   bool saved = true;
   if (m_fat.lseek(handle, 0, SEEK_SET) < 0) {
     syslog(LOG_ERR, "%s", seekError);
@@ -236,10 +248,7 @@ bool CTARNStreamManagerNative::saveCopy(int handle, const char* seekError, const
     syslog(LOG_ERR, "%s", writeError);
     saved = false;
   }
-  const bool flushed = handle == m_backupHandle ? !tarn::omitted(tarn::Omit::kManageCopyFlush)
-                                                : !tarn::omitted(tarn::Omit::kManageFlush);
-  if (!flushed) return saved;
-  return m_fat.fsync(handle) == 0 && saved;
+  return saved;
 }
 
 // ---- records ----

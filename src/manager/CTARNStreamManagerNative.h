@@ -115,7 +115,11 @@ class TARN_API CTARNStreamManagerNative {
   bool mainIsGood();
   bool saveMain();
   bool saveBackup();
-  bool saveCopy(int handle, const char* seekError, const char* writeError);
+  bool saveMainOnce();
+  bool saveBackupOnce();
+  bool writeCopy(int handle, const char* seekError, const char* writeError);
+  bool flushMain();
+  bool flushBackup();
   bool isStreamStore() const;
   int newestStreamChunk();
   bool hasRoom(int chunk, uint32_t needSize, signed char ch) const;
