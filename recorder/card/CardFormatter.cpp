@@ -16,6 +16,7 @@
 #include "recorder/card/CardText.h"
 #include "recorder/card/DeviceIo.h"
 #include "recorder/card/FamilyRules.h"
+#include "recorder/card/FormerContent.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/card/VolumeFormat.h"
 
@@ -23,8 +24,6 @@ namespace tarn {
 namespace {
 
 constexpr size_t kBlockBytes = 1024 * 1024;
-// Where other file systems and partition tables leave their marks.
-constexpr size_t kForeignBytes = 128 * 1024;
 constexpr uint32_t kInvariantVolumeId = 0x5441524E;
 
 size_t blockPart(uint64_t length) {
@@ -34,58 +33,6 @@ size_t blockPart(uint64_t length) {
 bool fail(std::string* error, std::string text) {
   *error = std::move(text);
   return false;
-}
-
-bool allZero(const std::vector<uint8_t>& bytes) {
-  return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
-}
-
-// What is on a device before it is formatted.
-enum class Before {
-  kNothing,     // zeros, or a format that was interrupted: nothing of use to anybody
-  kCard,        // a card that somebody's formatter has finished
-  kForeign,     // something else
-  kUnreadable,  // the device does not tell; errno says why
-};
-
-// As many bytes as there are, up to `size`; the rest is zeros. False when the device refuses, also
-// when it is asked again.
-bool readWhole(int fd, uint64_t offset, std::vector<uint8_t>* out, size_t size) {
-  constexpr int kTries = 3;
-  out->assign(size, 0);
-  for (int tries = 0; tries < kTries; ++tries) {
-    if (readUpTo(fd, offset, out->data(), size) >= 0) return true;
-  }
-  return false;
-}
-
-// By the info file, which is looked for in the root directory. Its first sector is the last thing
-// that a format writes.
-Before finishedOrNot(int fd, const uint8_t* sector, bool ours) {
-  const Before other = ours ? Before::kCard : Before::kForeign;
-  const FatBoot boot = decodeFatBoot(sector);
-  if (boot.fat16Size != 0 || boot.fat32Size == 0) return other;
-  std::vector<uint8_t> bytes;
-  const size_t size = size_t{kDirEntriesSearched} * kDirEntryBytes;
-  if (!readWhole(fd, boot.dataSector() * kSectorBytes, &bytes, size)) return Before::kUnreadable;
-  const uint8_t* entry = bytes.data();
-  const uint8_t* const end = entry + size;
-  while (entry < end && !isInfoFileEntry(entry)) entry += kDirEntryBytes;
-  if (entry == end) return other;
-  const int64_t info = sectorOfCluster(boot, decodeFirstCluster(entry));
-  if (!ours || info < 0) return Before::kCard;
-  if (!readWhole(fd, static_cast<uint64_t>(info) * kSectorBytes, &bytes, kSectorBytes)) {
-    return Before::kUnreadable;
-  }
-  return allZero(bytes) ? Before::kNothing : Before::kCard;
-}
-
-Before whatIsOn(int fd) {
-  std::vector<uint8_t> head;
-  if (!readWhole(fd, 0, &head, kForeignBytes)) return Before::kUnreadable;
-  if (allZero(head) || isUnfinishedSector(head.data())) return Before::kNothing;
-  const bool ours = memcmp(head.data() + kBootOemOff, kOemName, sizeof kOemName - 1) == 0;
-  return finishedOrNot(fd, head.data(), ours);
 }
 
 uint32_t randomVolumeId() {
@@ -318,9 +265,10 @@ class Writer {
 bool mayBeOverwritten(const std::string& path, const CardLock& card, uint64_t sizeBytes,
                       const FormatOptions& options, std::string* error) {
   if (options.force) return true;
-  const Before before = whatIsOn(card.fd());
-  if (before == Before::kUnreadable) return fail(error, errnoText("cannot read " + path, errno));
-  if (before == Before::kForeign) {
+  const FormerContent before = whatIsOn(card.fd());
+  if (before == FormerContent::kUnreadable)
+    return fail(error, errnoText("cannot read " + path, errno));
+  if (before == FormerContent::kForeign) {
     return fail(error, path +
                            " holds something that is not a card of the recorder; force the format "
                            "to overwrite it");
@@ -330,7 +278,7 @@ bool mayBeOverwritten(const std::string& path, const CardLock& card, uint64_t si
     return fail(error, path + " has " + sizeText(present) + ", more than the " +
                            sizeText(sizeBytes) + " asked for; force the format to cut it short");
   }
-  if (before != Before::kCard) return true;
+  if (before != FormerContent::kCard) return true;
   const CardHoldings holdings =
       options.look ? options.look(path)
                    : CardHoldings{true, "nobody looked whether " + path + " holds recordings"};

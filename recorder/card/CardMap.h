@@ -26,6 +26,10 @@ struct CardMap {
   int64_t byteOfCluster(uint32_t cluster) const {
     return sectorOfCluster(boot, cluster) * int64_t{kSectorBytes};
   }
+  // Of a byte at or behind dataByte().
+  uint32_t clusterOfByte(uint64_t byte) const {
+    return static_cast<uint32_t>((byte - dataByte()) / clusterBytes()) + boot.rootCluster;
+  }
   uint64_t chunkByte(int type, uint32_t chunk) const {
     const CardFamily& family = families[static_cast<size_t>(type)];
     return family.startByte() + uint64_t{chunk} * family.chunkSize;
