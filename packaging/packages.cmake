@@ -54,10 +54,8 @@ foreach(kind systemd:systemd/system tmpfiles.d:tmpfiles.d)
   string(REPLACE ":" ";" kind ${kind})
   list(GET kind 0 folder)
   list(GET kind 1 place)
-  if(EXISTS ${CMAKE_CURRENT_LIST_DIR}/${folder})
-    install(DIRECTORY ${CMAKE_CURRENT_LIST_DIR}/${folder}/ DESTINATION lib/${place} COMPONENT tools
-      ${without_media})
-  endif()
+  install(DIRECTORY ${CMAKE_CURRENT_LIST_DIR}/${folder}/ DESTINATION lib/${place} COMPONENT tools
+    ${without_media})
 endforeach()
 
 set(same "(= ${PROJECT_VERSION})")

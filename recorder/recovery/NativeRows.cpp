@@ -79,14 +79,6 @@ int findStream(uint32_t streamID, DB_STREAM* row) {
   return 1;
 }
 
-int findEvent(uint32_t eventID, DB_EVENT* row) {
-  std::vector<DB_EVENT> rows;
-  if (!selectEvents("SELECT * FROM EVENT WHERE eventID = " + number(eventID), &rows)) return -1;
-  if (rows.empty()) return 0;
-  *row = rows[0];
-  return 1;
-}
-
 namespace {
 
 // Lets `change` edit the record at `offset` of a journal in both copies, the original first, from

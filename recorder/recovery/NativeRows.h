@@ -20,7 +20,6 @@ bool selectEvents(const std::string& sql, std::vector<DB_EVENT>* rows);
 bool selectNumber(const std::string& sql, uint32_t* value);
 // The row of a key: 1 when there is one, 0 when not, -1 when the database cannot be asked.
 int findStream(uint32_t streamID, DB_STREAM* row);
-int findEvent(uint32_t eventID, DB_EVENT* row);
 
 bool deleteStreamNative(const DB_STREAM& row);
 bool deleteEventNative(const DB_EVENT& row);

@@ -38,32 +38,32 @@ ManagementServer::ManagementServer() = default;
 
 // Clients of a server that started and never ran would wait for their answers.
 ManagementServer::~ManagementServer() {
-  m_waker = nullptr;
-  if (m_server != nullptr && m_stores != nullptr) {
-    m_server->stopAcceptNewConnectionThread();
-    m_server->closeClients();
+  waker_ = nullptr;
+  if (server_ != nullptr && stores_ != nullptr) {
+    server_->stopAcceptNewConnectionThread();
+    server_->closeClients();
   }
-  m_server.reset();
+  server_.reset();
 }
 
 int ManagementServer::start() {
   return orNoMemory(
       "ManagementServer",
       [&]() -> int {
-        if (m_server != nullptr || !claimPath()) return -1;
+        if (server_ != nullptr || !claimPath()) return -1;
         if (!mayBeWritten()) {
-          m_lock->unlock();
+          lock_->unlock();
           return -1;
         }
         if (!dropDatabaseImage()) {
           reportServer(LOG_ERR, kMsgServerImage);
-          m_lock->unlock();
+          lock_->unlock();
           return -1;
         }
         if (openStores() && listen()) return 0;
-        m_stores.reset();
-        m_server.reset();
-        m_lock->unlock();
+        stores_.reset();
+        server_.reset();
+        lock_->unlock();
         return -1;
       },
       [&]() -> int { return -1; });
@@ -71,8 +71,8 @@ int ManagementServer::start() {
 
 // A server without any is none: who waits for it to be ready must hear that the card is not.
 bool ManagementServer::openStores() {
-  m_stores = std::make_unique<ManagementStores>(&m_stop);
-  if (m_stores->open() > 0) return true;
+  stores_ = std::make_unique<ManagementStores>(&stop_);
+  if (stores_->open() > 0) return true;
   reportServer(LOG_ERR, kMsgServerCard);
   return false;
 }
@@ -87,9 +87,9 @@ bool ManagementServer::mayBeWritten() {
 }
 
 bool ManagementServer::claimPath() {
-  m_lock = std::make_unique<FileLock>();
+  lock_ = std::make_unique<FileLock>();
   // Two servers that start at once both find nobody answering; the lock lets one of them through.
-  if (!m_lock->lock(kServerLockPath, false)) {
+  if (!lock_->lock(kServerLockPath, false)) {
     if (errno == EWOULDBLOCK) {
       reportServer(LOG_ERR, kMsgServerRuns, kServerSocketPath);
     } else {
@@ -103,19 +103,19 @@ bool ManagementServer::claimPath() {
   } else if (probe == ServerProbe::kAnswered) {
     reportServer(LOG_ERR, kMsgServerRuns, kServerSocketPath);
   }
-  if (probe != ServerProbe::kFree) m_lock->unlock();
+  if (probe != ServerProbe::kFree) lock_->unlock();
   return probe == ServerProbe::kFree;
 }
 
 bool ManagementServer::listen() {
-  m_server = std::make_unique<CMesgServer>(kServerSocketPath, kSelectSeconds, 0);
-  m_server->setSocketMode(kSocketMode);
-  m_server->setHandleReserve(kHandleReserve);
-  if (m_server->startAcceptNewConnectionThread() != 0 || m_server->waitUntilListening() != 0) {
+  server_ = std::make_unique<CMesgServer>(kServerSocketPath, kSelectSeconds, 0);
+  server_->setSocketMode(kSocketMode);
+  server_->setHandleReserve(kHandleReserve);
+  if (server_->startAcceptNewConnectionThread() != 0 || server_->waitUntilListening() != 0) {
     reportServer(LOG_ERR, kMsgServerListen, kServerSocketPath);
     return false;
   }
-  m_waker = m_server.get();
+  waker_ = server_.get();
   syslog(LOG_INFO, kMsgServerReady, kServerSocketPath);
   return true;
 }
@@ -124,13 +124,13 @@ int ManagementServer::run() {
   return orNoMemory(
       "ManagementServer",
       [&]() -> int {
-        if (m_server == nullptr || m_stores == nullptr) return -1;
-        while (!m_stop) {
-          const int marked = m_server->select();
+        if (server_ == nullptr || stores_ == nullptr) return -1;
+        while (!stop_) {
+          const int marked = server_->select();
           if (marked > 0) {
             serveMarked();
           } else if (marked < 0 && errno == ENOTCONN) {
-            m_server->waitForClient(-1);
+            server_->waitForClient(-1);
           } else if (marked < 0 && errno != EINTR) {
             usleep(kPauseUs);  // out of memory, say: not the moment to spin
           }
@@ -144,15 +144,15 @@ void ManagementServer::serveMarked() {
   uint8_t packet[kRequestSize + 1];  // one more, so that a longer packet shows
   long client = -1;
   long length;
-  ++m_vainRounds;
-  while ((length = m_server->readReady(packet, sizeof packet, &client)) != 0) {
+  ++vainRounds_;
+  while ((length = server_->readReady(packet, sizeof packet, &client)) != 0) {
     if (length < 0) continue;
-    m_vainRounds = 0;
+    vainRounds_ = 0;
     answerPacket(packet, length, client);
   }
   // A client whose reads the system refuses stays marked, and would be asked without an end.
-  if (m_vainRounds < kVainRounds) return;
-  usleep(kPauseUs << std::min(m_vainRounds - kVainRounds, kMostDoublings));
+  if (vainRounds_ < kVainRounds) return;
+  usleep(kPauseUs << std::min(vainRounds_ - kVainRounds, kMostDoublings));
 }
 
 // A packet of the wrong length is no request: its sender gets an empty refusal, so that it does not
@@ -161,28 +161,28 @@ void ManagementServer::answerPacket(const void* packet, long length, long client
   RequestRecord record;
   if (length == long{kRequestSize}) {
     memcpy(record.bytes(), packet, kRequestSize);
-    m_stores->answer(record);
+    stores_->answer(record);
   } else {
     record.setResult(kResultRefused);
   }
-  m_server->writeMesg(record.bytes(), kRequestSize, client);
+  server_->writeMesg(record.bytes(), kRequestSize, client);
 }
 
 // Clients are let go last: one that finds its connection closed also finds its data saved. The
 // object of the socket lives on, for requestStop() may still use it; its path stays locked.
 int ManagementServer::shutDown() {
-  m_server->stopAcceptNewConnectionThread();
-  const int saved = m_stores->save();
+  server_->stopAcceptNewConnectionThread();
+  const int saved = stores_->save();
   unlink(kServerSocketPath);
-  m_server->closeClients();
-  m_stores.reset();
+  server_->closeClients();
+  stores_.reset();
   syslog(LOG_INFO, kMsgServerStopped);
   return saved;
 }
 
 void ManagementServer::requestStop() noexcept {
-  m_stop = true;
-  CMesgServer* waker = m_waker;
+  stop_ = true;
+  CMesgServer* waker = waker_;
   if (waker != nullptr) waker->interrupt();
 }
 

@@ -57,12 +57,12 @@ class TARN_API ManagementServer {
   void answerPacket(const void* packet, long length, long client);
   int shutDown();
 
-  std::unique_ptr<FileLock> m_lock;  // held to the end: the path is ours
-  std::unique_ptr<ManagementStores> m_stores;
-  std::unique_ptr<CMesgServer> m_server;
-  std::atomic<CMesgServer*> m_waker{nullptr};  // m_server, for requestStop()
-  std::atomic<bool> m_stop{false};
-  uint32_t m_vainRounds = 0;  // in which no client said anything
+  std::unique_ptr<FileLock> lock_;  // held to the end: the path is ours
+  std::unique_ptr<ManagementStores> stores_;
+  std::unique_ptr<CMesgServer> server_;
+  std::atomic<CMesgServer*> waker_{nullptr};  // server_, for requestStop()
+  std::atomic<bool> stop_{false};
+  uint32_t vainRounds_ = 0;  // in which no client said anything
 };
 
 }  // namespace tarn

@@ -128,16 +128,16 @@ int openPatiently(CTARNStreamManagerNative* store) {
 }  // namespace
 
 ManagementStores::ManagementStores(const std::atomic<bool>* stop)
-    : m_stop(stop),
-      m_journal(kFileJournal),
-      m_syslog(kFileSyslog),
-      m_entries{{"stream", &m_stream, false},
-                {"journal", &m_journal, false},
-                {"syslog", &m_syslog, false}} {}
+    : stop_(stop),
+      journal_(kFileJournal),
+      syslog_(kFileSyslog),
+      entries_{
+          {"stream", &stream_, false}, {"journal", &journal_, false}, {"syslog", &syslog_, false}} {
+}
 
 int ManagementStores::open() {
   int opened = 0;
-  for (Entry& entry : m_entries) {
+  for (Entry& entry : entries_) {
     const int result = openPatiently(entry.store);
     entry.isOpen = result >= 0;
     if (entry.isOpen) {
@@ -154,7 +154,7 @@ int ManagementStores::open() {
 
 int ManagementStores::save() {
   int result = 0;
-  for (const Entry& entry : m_entries) {
+  for (const Entry& entry : entries_) {
     if (!entry.isOpen || entry.store->saveManageDataToEither() >= 0) continue;
     reportServer(LOG_ERR, kMsgStoreNotSaved, entry.name);
     result = kFailed;
@@ -169,7 +169,7 @@ ManagementStores::Entry* ManagementStores::entryOf(uint32_t kind, uint32_t parti
   if (partition != RequestRecord::fromSigned(kRecorderPartition)) return nullptr;
   static constexpr int8_t kEntryOfKind[kFileTypeCount] = {-1, 1, 1, 2, 2, 0, 0, 0, -1};
   if (kind >= uint32_t{kFileTypeCount} || kEntryOfKind[kind] < 0) return nullptr;
-  return &m_entries[kEntryOfKind[kind]];
+  return &entries_[kEntryOfKind[kind]];
 }
 
 // Whoever holds the database's lock may be dead or hang. After one wait in vain the requests behind
@@ -177,15 +177,15 @@ ManagementStores::Entry* ManagementStores::entryOf(uint32_t kind, uint32_t parti
 bool ManagementStores::databaseIsFree() {
   using State = DatabaseGate::State;
   State state = DatabaseGate::look();
-  for (int64_t waited = 0; state == State::kHeld && !m_databaseHeld && waited < kDatabaseWaitMs;
+  for (int64_t waited = 0; state == State::kHeld && !databaseHeld_ && waited < kDatabaseWaitMs;
        waited += kDatabaseStepMs) {
-    if (m_stop != nullptr && *m_stop) return false;
+    if (stop_ != nullptr && *stop_) return false;
     state = DatabaseGate::await(kDatabaseStepMs);
   }
   // A lock that cannot be looked at cannot be taken either: it keeps nobody waiting.
   const bool held = state == State::kHeld || state == State::kHolderDead;
-  if (held && !m_databaseHeld) syslog(LOG_ERR, kMsgServerDatabase);
-  m_databaseHeld = held;
+  if (held && !databaseHeld_) syslog(LOG_ERR, kMsgServerDatabase);
+  databaseHeld_ = held;
   return !held;
 }
 
@@ -194,7 +194,7 @@ uint32_t ManagementStores::apply(CTARNStreamManagerNative& store, RequestRecord&
     return store.saveManageDataToEither() >= 0 ? kResultDone : kResultCard;
   }
   // Of the stores that of the stream chunks alone asks the database.
-  if (record.command() == kRequestFirstAvailable && &store == &m_stream && !databaseIsFree()) {
+  if (record.command() == kRequestFirstAvailable && &store == &stream_ && !databaseIsFree()) {
     return kResultDatabase;
   }
   return applyToStore(store, record) == 0 ? kResultDone : kResultRefused;

@@ -48,13 +48,13 @@ class TARN_API ManagementStores {
   uint32_t apply(CTARNStreamManagerNative& store, RequestRecord& record);
   bool databaseIsFree();
 
-  const std::atomic<bool>* m_stop;
-  bool m_databaseHeld = false;  // it was waited for in vain, and has been held since
+  const std::atomic<bool>* stop_;
+  bool databaseHeld_ = false;  // it was waited for in vain, and has been held since
 
-  CTARNStreamManagerNative m_stream;
-  CTARNEndlessManagerNative m_journal;
-  CTARNEndlessManagerNative m_syslog;
-  Entry m_entries[3];
+  CTARNStreamManagerNative stream_;
+  CTARNEndlessManagerNative journal_;
+  CTARNEndlessManagerNative syslog_;
+  Entry entries_[3];
 };
 
 }  // namespace tarn

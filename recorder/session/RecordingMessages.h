@@ -18,7 +18,6 @@ inline constexpr char kMsgSpaceOrphan[] = "RecordingSpace: chunk %d holds no rec
 
 inline constexpr char kErrAudioBit[] = "bit 7 of the frame setting marks audio and must be clear";
 inline constexpr char kErrChannel[] = "the channel must be 0 to 127";
-inline constexpr char kErrOrder[] = "the session is open already";
 inline constexpr char kErrChannelBusy[] = "another session records this channel";
 inline constexpr char kErrChannelLock[] = "the lock of the channel cannot be had in /tmp";
 inline constexpr char kErrOtherProcess[] =

@@ -62,7 +62,6 @@ class RowWriter {
 
   RecordingError error() const { return error_; }
   const char* errorText() const { return text_; }
-  void clearError() { error_ = RecordingError::kNone; }
 
  private:
   struct Totals {

@@ -11,7 +11,6 @@ class CTARNManagerBase;
 namespace tarn::manager_calls {
 
 signed char partitionNumber(CTARNManagerBase* manager);
-unsigned short chunkCount(CTARNManagerBase* manager);
 
 // One-area (endless, syslog) chunks.
 int getUsage(CTARNManagerBase* manager, short chunk, CHUNK_USAGE* usage);

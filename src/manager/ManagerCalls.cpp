@@ -14,8 +14,6 @@ CTARNStreamManager* streamManager(CTARNManagerBase* manager) {
 
 signed char partitionNumber(CTARNManagerBase* manager) { return manager->getPartitionNumber(); }
 
-unsigned short chunkCount(CTARNManagerBase* manager) { return manager->getNumChunk(); }
-
 int getUsage(CTARNManagerBase* manager, short chunk, CHUNK_USAGE* usage) {
   return manager->getUsage(chunk, usage);
 }
