@@ -26,7 +26,7 @@ constexpr int kExitNotRun = 8;
 constexpr int kExitCheckUsage = 16;
 
 constexpr char kNotLookedAt[] =
-    "nothing behind it was looked at: whether something is lost cannot be told before it is mended";
+    "nothing behind it was checked: what is lost, if anything, will show once it is mended";
 
 Json findingJson(const CardFinding& finding) {
   Json json = {{"kind", findingKindName(finding.kind)},
@@ -66,8 +66,7 @@ class CommandCheck : public Command {
     app->add_option("CARD", card_, "block device or image file; default: the recorder's own");
     app->add_flag("--json", json_, "print JSON");
     app->add_flag("--quick", quick_,
-                  "read only what pictures begin with, not all their bytes: damage in them stays "
-                  "unseen");
+                  "read only the beginning of each picture: damage further on stays unseen");
     app->add_flag("--repair", repair_,
                   "mend what leads to the chunks, run the recovery when something was found, and "
                   "look again");
@@ -197,7 +196,7 @@ class CommandCheck : public Command {
 
   bool chooseUndoFile() {
     if (!std::filesystem::is_regular_file(card_)) {
-      complain("give --save-undo FILE, where what stands on " + card_ + " now is saved first");
+      complain("give --save-undo FILE: what is on " + card_ + " now is saved there first");
       return false;
     }
     for (int i = 0; undoFile_.empty() || std::filesystem::exists(undoFile_); ++i) {

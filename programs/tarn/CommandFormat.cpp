@@ -60,7 +60,7 @@ class CommandFormat : public Command {
 
   int run() override {
     if (cardGiven_) {
-      complain("format names its card itself: tarn format CARD, without --card");
+      complain("format takes its card as an argument: tarn format CARD, without --card");
       return kExitUsage;
     }
     request_.clusterBytes = static_cast<uint32_t>(std::min<uint64_t>(clusterBytes_, 0x80000000));
@@ -79,7 +79,7 @@ class CommandFormat : public Command {
 
  private:
   static bool ask(const std::string& holdings) {
-    fprintf(stderr, "%s.\nFormat it all the same? [y/N] ", asUserSees(holdings).c_str());
+    fprintf(stderr, "%s.\nFormat it anyway? [y/N] ", asUserSees(holdings).c_str());
     fflush(stderr);
     char answer[16] = "";
     if (fgets(answer, sizeof answer, stdin) == nullptr) fputc('\n', stderr);

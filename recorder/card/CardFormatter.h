@@ -11,7 +11,7 @@ namespace tarn {
 
 // What a format would take from a card.
 struct CardHoldings {
-  bool any = false;  // there are recordings, or whether there are cannot be told
+  bool any = false;  // there are recordings, or nobody can say whether there are
   std::string text;  // "CARD holds 12 recordings ...", for a person; empty without any
 };
 

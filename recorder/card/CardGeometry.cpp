@@ -98,7 +98,8 @@ class Verifier {
     }
     map_.boot = decodeFatBoot(sector_);
     return isBootUsable(map_.boot, card_.size()) ||
-           strayed("no FAT32 volume, so no card of the recorder", "format it, or use another");
+           strayed("not a FAT32 volume, so not a card of the recorder",
+                   "format it, or use another");
   }
 
   // Whoever follows a wrong boot sector gets lost somewhere behind it. Its backup knows better.

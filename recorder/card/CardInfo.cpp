@@ -79,7 +79,7 @@ bool CardInfo::readInfoFile(const CardBytes& card, CardMap* map, std::string* er
   if (found == Delivery::kRefused) return fail(error, "the root directory cannot be read");
   if (found == Delivery::kBad) {
     return fail(error, map->infoByte == -1
-                           ? "a FAT32 volume, but no card of the recorder: no TAIF0000"
+                           ? "a FAT32 volume, but not a card of the recorder: no TAIF0000"
                            : "the info file TAIF0000 does not lie on the card");
   }
   uint8_t file[kInfoSealedBytes];

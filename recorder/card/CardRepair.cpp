@@ -70,7 +70,7 @@ class Planner {
       }
     }
     if (isBootUsable(decodeFatBoot(boot_), card_->size()) || hasBackup_) {
-      *error += "; it is damaged in more places than can be mended from what stands on it twice";
+      *error += "; it is damaged in more places than its second copies can mend";
     }
     return -1;
   }
@@ -112,7 +112,8 @@ class Planner {
     }
     if (!hasBackup_ || memcmp(boot_, backup_, sizeof boot_) == 0) return false;
     map_.boot = decodeFatBoot(backup_);
-    step("the boot sector becomes its backup's", {{0, Bytes(backup_, backup_ + sizeof backup_)}});
+    step("the boot sector is restored from its backup",
+         {{0, Bytes(backup_, backup_ + sizeof backup_)}});
     return true;
   }
 
@@ -229,7 +230,7 @@ class Planner {
     if (map_.infoByte < 0 || !card_->read(place, present.data(), present.size())) return false;
     if (present == file_) return true;
     step(from_ == InfoFrom::kCopy
-             ? "the info file TAIF0000 becomes its second copy's"
+             ? "the info file TAIF0000 is restored from its second copy"
              : "the info file TAIF0000 is made anew from the root directory and the FATs",
          {{place, file_}});
     return true;
@@ -246,7 +247,7 @@ class Planner {
     const bool empty =
         std::all_of(present.begin(), present.end(), [](uint8_t byte) { return byte == 0; });
     if (!empty && judgeInfoSeal(present.data()) == InfoSeal::kNone) return;
-    step("the second copy of the info file becomes as the first", {{kInfoCopyByte, file_}});
+    step("the info file's second copy is made the same as the first", {{kInfoCopyByte, file_}});
   }
 
   // ---- the root directory ----
@@ -323,7 +324,7 @@ class Planner {
     }
     encodeFirstCluster(cluster, changed.data());
     putLe32(changed.data() + kDirSizeOff, size);
-    step("the directory entry of " + name + " becomes as the info file has it",
+    step("the directory entry of " + name + " is set to what the info file says",
          {{root_.entryByte(index), changed}});
     return true;
   }
@@ -438,10 +439,10 @@ class Planner {
     }
     const Mark before = mark();
     if (isWholeBoot(now)) {
-      step("the backup of the boot sector becomes as the boot sector",
+      step("the backup of the boot sector is made the same as the boot sector",
            {{kBackupByte, Bytes(now, now + sizeof now)}});
     } else if (isWholeBoot(copy)) {
-      step("the boot sector becomes its backup's", {{0, Bytes(copy, copy + sizeof copy)}});
+      step("the boot sector is restored from its backup", {{0, Bytes(copy, copy + sizeof copy)}});
       if (!CardGeometry::verify(*card_, path_, GeometryDepth::kWhole).ok()) backTo(before);
     }
   }

@@ -18,7 +18,7 @@ bool readFully(int fd, uint64_t offset, void* out, size_t length);
 // took nothing and gave no reason.
 bool writeFully(int fd, uint64_t offset, const void* data, size_t length, uint64_t* failedByte);
 
-// Size of an open block device or file in bytes; 0 when it cannot be told.
+// Size of an open block device or file in bytes; 0 when it is not known.
 uint64_t deviceSize(int fd);
 
 }  // namespace tarn

@@ -22,7 +22,7 @@ struct Meaning {
   const char* text;
 };
 
-constexpr char kNotTold[] = "whether something is lost by it cannot be told";
+constexpr char kNotTold[] = "whether anything is lost by it is not known";
 
 // In the order of the kinds. Those of pictures have their own, with times.
 constexpr Meaning kMeanings[kFindingKinds] = {
@@ -32,15 +32,15 @@ constexpr Meaning kMeanings[kFindingKinds] = {
     {Consequence::kNone, "nothing is lost: one copy is enough"},
     {Consequence::kUnknown, "a recording or an event may be missing from the list"},
     {Consequence::kUnknown, kNotTold},
-    {Consequence::kInterrupted, "what is safe of it stays: the next start of a recorder ends it"},
-    {Consequence::kNone, "nothing is lost: no picture is concerned"},
-    {Consequence::kNone, "nothing is lost: the entries of its pictures tell the same"},
+    {Consequence::kInterrupted, "what is safe of it is kept: the recorder's next start closes it"},
+    {Consequence::kNone, "nothing is lost: no picture is affected"},
+    {Consequence::kNone, "nothing is lost: the entries of its pictures say the same"},
     {Consequence::kLost, "video is lost"},
     {Consequence::kDamaged, "video is damaged"},
     {Consequence::kRisk, "nothing is lost yet, but a new recording could overwrite it"},
-    {Consequence::kNone, "no recording is concerned, only the system log"},
+    {Consequence::kNone, "no recording is affected, only the system log"},
     {Consequence::kNone, "nothing is lost: a start takes the journals instead"},
-    {Consequence::kUnread, "the card did not give it; it may at the next try"}};
+    {Consequence::kUnread, "the card did not deliver it; the next try may succeed"}};
 
 void addPart(std::string* all, const std::string& part) {
   if (!all->empty()) *all += ", ";

@@ -45,7 +45,7 @@ CardHoldings cardHoldings(const std::string& path) {
   std::string error;
   if (contents.card.open(path, &error) != 0) {
     holdings.any = true;
-    holdings.text = "it cannot be told what " + path + " holds (" + error + ")";
+    holdings.text = "what " + path + " holds cannot be determined (" + error + ")";
     return holdings;
   }
   checkJournals(&contents);

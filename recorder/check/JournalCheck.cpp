@@ -86,7 +86,7 @@ class JournalCheck {
     const std::string ofRecord = " copy of the record of " + rowName(record) + placeText(position);
     if (copies.other() == nullptr) {
       return say(FindingKind::kUnreadable, record,
-                 which + ofRecord + " is not given by the device; the other one is good");
+                 which + ofRecord + " was not delivered by the device; the other one is good");
     }
     if (memcmp(record, copies.other(), traits_.recordSize) == 0) return;
     // Of two that are both in their places one is older; all else is damage.

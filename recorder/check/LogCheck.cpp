@@ -21,8 +21,8 @@ class LogCheck {
     if (records.empty()) return;  // told with the management files
     const int active = records[0].chType;
     if (active < 0 || static_cast<uint32_t>(active) >= chunks) {
-      say(0, "the number of the chunk that is being written, " + std::to_string(active) +
-                 ", is none of the log's");
+      say(0, "the number of the chunk being written, " + std::to_string(active) +
+                 ", is not one of the log's");
     } else {
       checkEnd(static_cast<uint32_t>(active),
                records[static_cast<size_t>(active)].streamFreeOffset);

@@ -44,7 +44,7 @@ void checkOffsets(CardContents* contents, const Managed& managed) {
     CardFinding finding;
     finding.kind = FindingKind::kManagement;
     finding.consequence = Consequence::kUnknown;
-    finding.meaning = "where it is in use has to be told by the rows of the journals";
+    finding.meaning = "where it is in use must be worked out from the journals' rows";
     finding.chunk = static_cast<int32_t>(chunk);
     finding.text = std::string(managed.files) + ": the addresses of chunk " +
                    std::to_string(chunk) + " lie behind its end";
@@ -56,7 +56,7 @@ void checkImage(CardContents* contents) {
   const int32_t bytes = contents->card.info().dbImageBytes();
   const uint32_t size = contents->card.family(kFileDbImage).chunkSize;
   if (bytes == -1 || (bytes >= 0 && int64_t{bytes} + kImageSizeBytes <= int64_t{size})) return;
-  contents->findings.add(FindingKind::kImage, "the database image gives a size that cannot be: " +
+  contents->findings.add(FindingKind::kImage, "the database image claims an impossible size: " +
                                                   std::to_string(bytes) + " bytes");
 }
 
@@ -66,7 +66,7 @@ void addCopies(CardContents* contents, const Managed& managed, Copies copies) {
   finding.text = std::string(managed.files) + ": " + copiesText(copies);
   if (copies != Copies::kMainBad && copies != Copies::kBackupBad) {
     finding.consequence = Consequence::kUnknown;
-    finding.meaning = "where chunks are in use has to be told by the rows of the journals";
+    finding.meaning = "where chunks are in use must be worked out from the journals' rows";
   }
   contents->findings.add(finding);
 }

@@ -86,7 +86,7 @@ class RecordingCheck {
     const std::string camera = channel() < 0 ? "video" : "camera " + std::to_string(channel());
     const char* what = consequence == Consequence::kDamaged ? " are damaged"
                        : consequence == Consequence::kLost  ? " are lost"
-                                                            : " were not given by the card";
+                                                            : " were not delivered by the card";
     finding.meaning = videoText(finding.videoMicros) + " of " + camera + " at " +
                       momentText(static_cast<uint32_t>(from / 1000000)) + what;
     return finding;
@@ -118,7 +118,7 @@ class RecordingCheck {
         names += " and others";
         break;
       }
-      names += (names.empty() ? "; concerns event " : ", ") + std::to_string(key);
+      names += (names.empty() ? "; affects event " : ", ") + std::to_string(key);
     }
     finding->text += names;
   }
@@ -134,7 +134,7 @@ class RecordingCheck {
                        row_.chunkOffset < pictures.chunkSize &&
                        row_.recSize < pictures.chunkSize / kRecordSize;
     if (!place) {
-      return lost("its place in chunk " + std::to_string(row_.chunkID) + " cannot be");
+      return lost("its place in chunk " + std::to_string(row_.chunkID) + " does not exist");
     }
     if (row_.recSize == 0) return true;
     if (row_.chunkSize != (row_.recSize + 1) * kRecordSize) {
@@ -254,7 +254,7 @@ class RecordingCheck {
       compare(header_.dataSize == dataSize_, "size of the data");
       compare(header_.gops == gops_ || gopsOfRepair(), "number of key pictures");
     }
-    if (!what.empty()) say(FindingKind::kHeader, "its stream header tells something else: " + what);
+    if (!what.empty()) say(FindingKind::kHeader, "its stream header disagrees: " + what);
   }
 
   CardContents* contents_;

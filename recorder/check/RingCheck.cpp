@@ -38,14 +38,13 @@ class RingCheck {
     for (const Extent& extent : extents) {
       const uint64_t start = distance(extent);
       if (start + extent.length > used_) {
-        say(*extent.row, "it lies outside of what the " + std::string(area_) + " chunk " +
+        say(*extent.row, "it lies outside what the " + std::string(area_) + " chunk " +
                              std::to_string(chunk_) +
-                             " counts as used: a recording could begin on it");
+                             " counts as used: a recording could begin over it");
       }
       if (before != nullptr && start < end) {
         say(*extent.row, "it and recording " + std::to_string(before->streamID) +
-                             " lie on each other in the " + area_ + " chunk " +
-                             std::to_string(chunk_));
+                             " overlap in the " + area_ + " chunk " + std::to_string(chunk_));
       }
       end = std::max(end, start + extent.length);
       before = extent.row;
@@ -89,7 +88,7 @@ void checkEmpty(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& reco
   CardFinding finding;
   finding.kind = FindingKind::kRing;
   finding.consequence = Consequence::kNone;
-  finding.meaning = "nothing is lost: only its room is not used";
+  finding.meaning = "nothing is lost: its room is just not used";
   finding.chunk = static_cast<int32_t>(chunk);
   finding.text = "chunk " + std::to_string(chunk) + " counts as used, but no recording lies in it";
   contents->findings.add(finding);
@@ -104,7 +103,7 @@ void noteGuarded(CardContents* contents, uint32_t chunk) {
   finding.chunk = static_cast<int32_t>(chunk);
   finding.text = "chunk " + std::to_string(chunk) +
                  " is guarded: a start would have given up its recordings for no good reason; "
-                 "\"recover --accept\" does";
+                 "\"recover --accept\" gives them up";
   contents->findings.add(finding);
 }
 

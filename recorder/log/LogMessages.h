@@ -5,7 +5,7 @@ namespace tarn {
 
 inline constexpr char kMsgLogWriter[] = "LogWriter: %s";
 inline constexpr char kMsgLogNoEnd[] =
-    "LogWriter: the end of syslog chunk %d cannot be told, going on in the next one";
+    "LogWriter: the end of syslog chunk %d cannot be found; continuing in the next one";
 
 inline constexpr char kErrLogBusy[] = "another program writes the system log";
 inline constexpr char kErrLogMarker[] =

@@ -27,8 +27,8 @@ class TARN_API LogWriter {
   LogWriter(const LogWriter&) = delete;
   LogWriter& operator=(const LogWriter&) = delete;
 
-  // Finds the end of the log. Text that is not followed by its mark is gone on behind, too, where
-  // that can be done without a doubt; else the next chunk is begun.
+  // Finds the end of the log. Text that is not followed by its mark is continued behind as well,
+  // where that can be done without a doubt; else the next chunk is begun.
   int open();
   // Collects one text, stamped with the time of day or with `seconds` (since 1970). Long texts
   // become several lines, an empty one none. Writes out what is collected when that is much, or

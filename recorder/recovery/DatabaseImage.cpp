@@ -33,7 +33,7 @@ constexpr int kMostSteps = 2000;
 
 constexpr char kUnreadableImage[] = "the database image cannot be read";
 constexpr char kDamagedImage[] = "the database image is damaged";
-constexpr char kOldImage[] = "the database image is not as new as the journal";
+constexpr char kOldImage[] = "the database image is older than the journal";
 constexpr char kForeignImage[] = "the database image has other tables than the recorder's";
 constexpr char kNoRoomForImage[] = "the database does not fit into its image or cannot be written";
 
@@ -283,7 +283,7 @@ ImageRestore restoreDatabaseImage(const JournalSurvey& events, const JournalSurv
   if (size == 0 || size == -1) return ImageRestore::kNone;
   // Whether an image is there is not known. Nothing can have gone wrong yet, but an image that
   // shows up again later would.
-  if (size == kUnreadable) *error = "the card does not tell whether it has a database image";
+  if (size == kUnreadable) *error = "whether the card has a database image cannot be read";
   const bool usable =
       size != kUnreadable && copyOut(&chunk, error) && isTrusted(events, streams, error);
   if (!markTaken(&chunk)) {

@@ -154,7 +154,7 @@ bool wasClosedNow(uint32_t streamID, const RecoveryReport& report) {
 
 // Once: the oldest row of a chunk may be its newest.
 void noteUnreadable(const DB_STREAM& row, RecoveryReport* report) {
-  const std::string text = nameOf(row) + ": the card does not give its header and entries";
+  const std::string text = nameOf(row) + ": the card does not deliver its header and entries";
   if (report->problems.empty() || report->problems.back() != text) report->problems.push_back(text);
 }
 
@@ -224,7 +224,7 @@ bool rewriteRow(const DB_STREAM& row, RecoveryReport* report) {
 bool deleteRow(const DB_STREAM& row, RecoveryReport* report) {
   if (!deleteStreamNative(row)) return false;
   report->changes.push_back({Kind::kRecordingDeleted, row.streamID, 0, 0,
-                             nameOf(row) + ": nothing of its entries is left, deleted"});
+                             nameOf(row) + ": none of its entries is left; deleted"});
   return true;
 }
 

@@ -16,7 +16,7 @@ using Verdict = InterruptedRow::Verdict;
 
 constexpr char kWhyTooShort[] = " was interrupted before two pictures of it were on the card";
 constexpr char kWhyNothing[] = " was interrupted before anything of it was on the card";
-constexpr char kWhyOvertaken[] = " was left open before a newer one of its chunk began";
+constexpr char kWhyOvertaken[] = " was left open, and a newer one began in its chunk";
 constexpr char kSqlUnclosed[] = "SELECT * FROM STREAM WHERE recSize = 0 ORDER BY streamID";
 constexpr char kSqlOvertaken[] =
     "SELECT * FROM STREAM AS old WHERE recSize = 0 AND EXISTS( SELECT 1 FROM STREAM WHERE chunkID "
@@ -54,7 +54,7 @@ void noteDeleted(const DB_STREAM& row, const char* why, RecoveryReport* report) 
 // Once, though more than one step may look at the row.
 void noteRefused(const DB_STREAM& row, RecoveryReport* report) {
   const std::string text =
-      nameOf(row) + " was interrupted, and the card does not give its entries: it stays open";
+      nameOf(row) + " was interrupted, and the card does not deliver its entries: it stays open";
   auto& problems = report->problems;
   if (std::find(problems.begin(), problems.end(), text) == problems.end()) problems.push_back(text);
 }
@@ -83,7 +83,7 @@ bool deleteLostRow(const DB_STREAM& row, RecoveryReport* report) {
   for (const DB_EVENT& event : events) {
     if (!deleteEventNative(event)) return stop(event, report);
     report->changes.push_back({Kind::kEventDeleted, event.eventID, 0, 0,
-                               nameOf(event) + " has no recording to show, deleted"});
+                               nameOf(event) + " has no recording to show; deleted"});
   }
   if (!deleteStreamNative(row)) return stop(row, report);
   noteDeleted(row, kWhyTooShort, report);

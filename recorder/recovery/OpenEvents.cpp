@@ -33,7 +33,7 @@ void noteClosed(const DB_EVENT& event, uint32_t end, RecoveryReport* report) {
 
 void noteDeleted(const DB_EVENT& event, RecoveryReport* report) {
   report->changes.push_back({Kind::kEventDeleted, event.eventID, 0, 0,
-                             nameOf(event) + " has no recording to show, deleted"});
+                             nameOf(event) + " has no recording to show; deleted"});
 }
 
 // When the last picture of a closed row is shown. A repaired row tells whole seconds only; its
@@ -124,7 +124,7 @@ bool endEvent(const DB_EVENT& event, RecoveryReport* report) {
   }
   if (open.stretch() == Stretch::kRefused) {
     report->problems.push_back(nameOf(event) +
-                               " stays open: the card does not give where its recording ends");
+                               " stays open: the card does not deliver the end of its recording");
     return true;
   }
   bool answered = false;

@@ -27,7 +27,7 @@ const char* manageText(ManageRepair repair) {
     case ManageRepair::kMainCopied:
       return "was bad, taken from its backup";
     case ManageRepair::kBackupCopied:
-      return "had another backup, which is now the same";
+      return "differed from its backup, which is now the same";
     case ManageRepair::kDefaults:
       return "was bad in both copies, made anew";
     case ManageRepair::kCorrected:
@@ -86,7 +86,7 @@ bool Recovery::journals() {
   }
   const uint32_t refused = startUp_->report().events.refused + startUp_->report().streams.refused;
   if (refused > 0) {
-    report_.problems.push_back("the card did not take " + std::to_string(refused) +
+    report_.problems.push_back("the card refused " + std::to_string(refused) +
                                " corrections of journal records");
   }
   report_.startUp = startUp_->report();

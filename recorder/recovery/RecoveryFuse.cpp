@@ -243,7 +243,7 @@ FuseFinding fuseDeletions(const std::vector<DB_STREAM>& deletions, uint32_t rows
   for (const DB_STREAM& row : deletions) chunks.insert(row.chunkID);
   finding.chunks.assign(chunks.begin(), chunks.end());
   finding.text = plural(deletions.size(), "closed recording") + " of " + std::to_string(rows) +
-                 " would be deleted, because nothing of their entries is left in " +
+                 " would be deleted, because none of their entries is left in " +
                  chunkText(finding.chunks);
   return finding;
 }

@@ -10,12 +10,12 @@ inline constexpr char kMsgRecoveryAgain[] = "recovery: tried again after: %s";  
 
 // What stops a recovery, for a person.
 inline constexpr char kErrServerRuns[] =
-    "a management server runs; recovery is for the time before it starts";
+    "a management server is running; recovery must run before it starts";
 inline constexpr char kErrServerUnknown[] = "cannot find out whether a management server runs";
 inline constexpr char kErrServerLock[] = "the lock of the management server cannot be had in /tmp";
 inline constexpr char kErrGeometry[] = "the card's geometry could not be verified";
 inline constexpr char kErrLockOfDead[] =
-    "the database is locked by a process that is gone, and a recording runs: end it first";
+    "the database is locked by a process that is gone, and a recording is running: end it first";
 inline constexpr char kErrManageFiles[] =
     "the card's management files cannot be read or written (is there a card?)";
 inline constexpr char kErrOvertaken[] = "recordings left open long ago could not be deleted";
@@ -29,7 +29,7 @@ inline constexpr char kErrFuseRows[] = "the recordings of each chunk could not b
 inline constexpr char kErrFuseJournal[] = "the journals could not be looked through once more";
 // Behind what would be done.
 inline constexpr char kFuseStop[] =
-    "; nothing of it was done. Look at the card first (tarn check), or copy it; \"recover "
+    "; none of it was done. Look at the card first (tarn check), or copy it; \"recover "
     "--accept\" "
     "goes on and does it, \"recover --unattended\" goes on and guards those chunks";
 inline constexpr char kFuseGuard[] =
@@ -49,9 +49,9 @@ inline constexpr char kFuseAccepted[] = "; it was accepted";
 
 // What keeps the database from being saved at a clean stop.
 inline constexpr char kErrSaveServerRuns[] =
-    "a management server runs; the database is saved when it has stopped";
+    "a management server is running; the database is saved when it has stopped";
 inline constexpr char kErrSaveRecording[] =
-    "a recording runs; the database is saved when it has ended";
+    "a recording is running; the database is saved when it has ended";
 inline constexpr char kErrSaveRecordingLock[] =
     "the lock of a recording cannot be had in /tmp; nobody knows whether it runs";
 inline constexpr char kErrSaveLockOfDead[] =

@@ -13,7 +13,7 @@ class TARN_API FileLock {
   enum class Outcome {
     kTaken,
     kHeldByOther,  // somebody else holds it: only without waiting
-    kCannotOpen,   // no such lock can be had here; errno says why
+    kCannotOpen,   // no such lock can be taken here; errno says why
   };
 
   // Waits for the lock, or with `wait` false gives up at once when somebody else holds it.

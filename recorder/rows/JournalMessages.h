@@ -14,9 +14,9 @@ inline constexpr char kMsgRecordOfLostRow[] =
     "than "
     "the card, a start makes it anew";
 inline constexpr char kMsgOtherInserts[] =
-    "journal: another process of this machine inserts rows, and one only may";
+    "journal: another process on this machine inserts rows, and only one may";
 inline constexpr char kMsgNoInsertLock[] =
-    "journal: the lock of the inserting process cannot be had: %s";
+    "journal: cannot take the lock of the inserting process: %s";
 inline constexpr char kMsgJournalUnreadable[] = "journal: chunk %d cannot be opened";
 inline constexpr char kMsgStartUpFailed[] = "start-up: %s";
 

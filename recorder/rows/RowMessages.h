@@ -10,7 +10,8 @@ inline constexpr char kMsgReserveGivenUp[] =
 
 inline constexpr char kErrLockOfTheDead[] =
     "the database is locked by a program that died; tarn recover sets it free";
-inline constexpr char kErrLockHeld[] = "the database is locked by another program for too long";
+inline constexpr char kErrLockHeld[] =
+    "the database has been locked by another program for too long";
 inline constexpr char kErrDatabaseGone[] = "the database /tmp/DB.dat is gone";
 inline constexpr char kErrDatabaseReplaced[] =
     "the database /tmp/DB.dat was replaced while it was in use";

@@ -4,7 +4,7 @@
 namespace tarn {
 
 inline constexpr char kMsgServerRuns[] = "another management server answers on %s";
-inline constexpr char kMsgServerProbe[] = "can't tell whether a server answers on %s: %s";
+inline constexpr char kMsgServerProbe[] = "cannot find out whether a server answers on %s: %s";
 inline constexpr char kMsgServerLock[] = "the lock file %s can't be opened: %s";
 inline constexpr char kMsgServerCard[] =
     "no management data can be opened: the card is missing, damaged or cannot be read";

@@ -13,16 +13,16 @@ inline constexpr char kMsgLeftOverRefused[] =
 inline constexpr char kMsgClockStepped[] =
     "RecordingSession: channel %d: the clock was set by %" PRId64 " us, a new recording begins";
 inline constexpr char kMsgSpaceNoHeader[] =
-    "RecordingSpace: header of recording %u in chunk %d cannot be read, going on behind it";
+    "RecordingSpace: header of recording %u in chunk %d cannot be read; continuing behind it";
 inline constexpr char kMsgSpaceOrphan[] = "RecordingSpace: chunk %d holds no recording, emptied";
 
 inline constexpr char kErrAudioBit[] = "bit 7 of the frame setting marks audio and must be clear";
 inline constexpr char kErrChannel[] = "the channel must be 0 to 127";
 inline constexpr char kErrChannelBusy[] = "another session records this channel";
-inline constexpr char kErrChannelLock[] = "the lock of the channel cannot be had in /tmp";
+inline constexpr char kErrChannelLock[] = "the channel's lock in /tmp cannot be taken";
 inline constexpr char kErrOtherProcess[] =
     "another process records on this machine; all channels are recorded by one process";
-inline constexpr char kErrInsertLock[] = "the lock of the recording process cannot be had in /tmp";
+inline constexpr char kErrInsertLock[] = "the recording process's lock in /tmp cannot be taken";
 inline constexpr char kErrMarker[] =
     "the card failed before (/tmp/sd_err_mem_write exists); check it and remove the file";
 inline constexpr char kErrServer[] = "the management server does not answer";

@@ -166,7 +166,7 @@ TEST_F(TarnCheckTest, AnInfoFileThatContradictsTheCardIsShownMendedAndTakenBack)
   EXPECT_EQ(tarn("check /tmp/card").exitCode, 4);
   const ShellResult plan = tarn("check /tmp/card --repair --dry-run");
   EXPECT_EQ(plan.exitCode, 4);
-  const std::string step = "the info file TAIF0000 becomes its second copy's\n";
+  const std::string step = "the info file TAIF0000 is restored from its second copy\n";
   EXPECT_THAT(plan.output, HasSubstr("would be mended: " + step));
   EXPECT_EQ(shell("cmp /tmp/card /tmp/damaged").exitCode, 0);
   const ShellResult mended = tarn("check /tmp/card --repair");

@@ -170,7 +170,7 @@ TEST_F(TarnFormatRecordings, GoWhenAPersonSaysSo) {
     const ShellResult refused = onTerminal(answer);
     EXPECT_EQ(refused.exitCode, 1) << answer;
     EXPECT_THAT(refused.output, HasSubstr(kHoldings));
-    EXPECT_THAT(refused.output, HasSubstr("Format it all the same? [y/N]"));
+    EXPECT_THAT(refused.output, HasSubstr("Format it anyway? [y/N]"));
     EXPECT_THAT(refused.output, HasSubstr("tarn: /tmp/card was left as it is"));
     EXPECT_TRUE(isUnchanged());
   }
@@ -187,7 +187,7 @@ TEST_F(TarnFormatRecordings, MayBeThereWhereTheCardDoesNotTell) {
             static_cast<ssize_t>(spoiled.size()));
   const ShellResult result = tarn("format /tmp/card </dev/null");
   EXPECT_EQ(result.exitCode, 1);
-  EXPECT_THAT(result.output, StartsWith("tarn: it cannot be told what /tmp/card holds ("));
+  EXPECT_THAT(result.output, StartsWith("tarn: what /tmp/card holds cannot be determined ("));
   EXPECT_EQ(tarn("format /tmp/card --force </dev/null").exitCode, 0);
 }
 
@@ -247,7 +247,7 @@ TEST(TarnFormatTest, WrongUsageIsToldApartFromFailure) {
   expectUsage("melt", "melt");
   expectUsage("format /tmp/card --journal-chunks -3", "--journal-chunks");
   expectUsage("--card /tmp/card format /tmp/card --size 34M",
-              "tarn: format names its card itself: tarn format CARD, without --card");
+              "tarn: format takes its card as an argument: tarn format CARD, without --card");
 }
 
 TEST(TarnFormatTest, EveryCommandHasHelp) {

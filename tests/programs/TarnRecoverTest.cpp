@@ -64,7 +64,7 @@ TEST_F(TarnRecoverTest, IsRefusedWhileTheServerRuns) {
   const ShellResult result = tarn("--card /tmp/card run -- " TARN_BIN_DIR "/tarn recover");
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_EQ(result.output,
-            "tarn: a management server runs; recovery is for the time before it starts\n");
+            "tarn: a management server is running; recovery must run before it starts\n");
 }
 
 TEST_F(TarnRecoverTest, MakesTheDatabaseOfTheMachineItRunsOn) {
@@ -136,7 +136,7 @@ TEST_F(TarnRecoverTest, NothingIsSavedBesideAServerOrWithoutADatabase) {
   const ShellResult early = tarn("--card /tmp/card run -- " TARN_BIN_DIR "/tarn save");
   EXPECT_EQ(early.exitCode, 1);
   EXPECT_EQ(early.output,
-            "tarn: a management server runs; the database is saved when it has stopped\n");
+            "tarn: a management server is running; the database is saved when it has stopped\n");
   const ShellResult without = tarn("save");
   EXPECT_EQ(without.exitCode, 1);
   EXPECT_EQ(without.output, "tarn: there is no database /tmp/DB.dat to save\n");

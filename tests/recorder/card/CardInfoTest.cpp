@@ -165,7 +165,7 @@ TEST_F(CardInfoTest, ForeignAndDamagedCardsAreRefusedInWords) {
   EXPECT_EQ(refusal("/tmp/short"), "/tmp/short: the boot sector cannot be read");
   ASSERT_EQ(system("truncate -s 40M /tmp/other && mkfs.fat -F 32 /tmp/other >/dev/null"), 0);
   EXPECT_EQ(refusal("/tmp/other"),
-            "/tmp/other: a FAT32 volume, but no card of the recorder: no TAIF0000");
+            "/tmp/other: a FAT32 volume, but not a card of the recorder: no TAIF0000");
 
   const uint64_t infoFile = layout().family(kFileInfo).startByte();
   poke(infoFile, {0, 0, 0, 0});

@@ -74,10 +74,10 @@ TEST_F(CardRepairTest, AWholeCardNeedsNothing) { EXPECT_EQ(mend(), ""); }
 
 TEST_F(CardRepairTest, TheInfoFileComesFromItsCopy) {
   flip(infoByte() + 4 + 7 * 84 + 64);
-  expectMended("the info file TAIF0000 becomes its second copy's\n");
+  expectMended("the info file TAIF0000 is restored from its second copy\n");
   write(infoByte(), Bytes(4096, 0));
   // Of the padding nothing is known, and nothing is needed.
-  expectMended("the info file TAIF0000 becomes its second copy's\n");
+  expectMended("the info file TAIF0000 is restored from its second copy\n");
 }
 
 TEST_F(CardRepairTest, WithoutACopyTheInfoFileIsMadeFromDirectoryAndFats) {
@@ -85,7 +85,7 @@ TEST_F(CardRepairTest, WithoutACopyTheInfoFileIsMadeFromDirectoryAndFats) {
   write(infoByte(), Bytes(760, 0));
   EXPECT_EQ(mend(),
             "the info file TAIF0000 is made anew from the root directory and the FATs\n"
-            "the second copy of the info file becomes as the first\n");
+            "the info file's second copy is made the same as the first\n");
   const Bytes now = head();
   EXPECT_TRUE(fits());
   EXPECT_TRUE(std::equal(now.begin() + static_cast<long>(infoByte()),
@@ -115,14 +115,14 @@ TEST_F(CardRepairTest, TheBootSectorComesFromItsBackupAndBack) {
   for (const uint64_t at : {13, 14, 16, 22, 36, 44}) {
     flip(at);
     EXPECT_FALSE(fits()) << at;
-    expectMended("the boot sector becomes its backup's\n");
+    expectMended("the boot sector is restored from its backup\n");
   }
   write(0, Bytes(512, 0));
-  expectMended("the boot sector becomes its backup's\n");
+  expectMended("the boot sector is restored from its backup\n");
   write(510, {0, 0});
-  expectMended("the boot sector becomes its backup's\n");
+  expectMended("the boot sector is restored from its backup\n");
   write(6 * 512, Bytes(512, 0));
-  expectMended("the backup of the boot sector becomes as the boot sector\n");
+  expectMended("the backup of the boot sector is made the same as the boot sector\n");
 }
 
 TEST_F(CardRepairTest, AFatComesFromItsTwin) {
@@ -139,17 +139,17 @@ TEST_F(CardRepairTest, ADirectoryEntryBecomesAsTheInfoFileHasIt) {
     flip(entryByte(name) + 3);
     EXPECT_FALSE(fits());
     expectMended("the directory entry of " + std::string(name) +
-                 " becomes as the info file has it\n");
+                 " is set to what the info file says\n");
     flip(entryByte(name) + 26);
     EXPECT_FALSE(fits());
     expectMended("the directory entry of " + std::string(name) +
-                 " becomes as the info file has it\n");
+                 " is set to what the info file says\n");
   }
   flip(entryByte("CKPC0002") + 29);
-  expectMended("the directory entry of CKPC0002 becomes as the info file has it\n");
+  expectMended("the directory entry of CKPC0002 is set to what the info file says\n");
   unseal();
   flip(entryByte("CKPC0002") + 26);
-  expectMended("the directory entry of CKPC0002 becomes as the info file has it\n");
+  expectMended("the directory entry of CKPC0002 is set to what the info file says\n");
 }
 
 TEST_F(CardRepairTest, AWholeSectorOfTheDirectoryIsMadeAnewFromTheInfoFile) {
@@ -188,7 +188,7 @@ TEST_F(CardRepairTest, WhatNothingConfirmsIsLeftAlone) {
   write(infoByte(), Bytes(760, 0));
   flip(entryByte("CKST0001") + 26);
   const Bytes damaged = wholeCard();
-  EXPECT_THAT(mend(), HasSubstr("damaged in more places than can be mended"));
+  EXPECT_THAT(mend(), HasSubstr("damaged in more places than its second copies can mend"));
   EXPECT_TRUE(wholeCard() == damaged);
 }
 

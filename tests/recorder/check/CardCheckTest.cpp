@@ -249,8 +249,8 @@ TEST_F(CardCheckTest, AJournalPlaceThatIsRefusedIsNeitherDamagedNorLost) {
     IoFaults faults(kCardPath);
     faults.failAt(Call::Pread, chunkByte(tarn::kFileJournal, 2, 0), 512, EIO);
     expectSome(FindingKind::kUnreadable,
-               "recording journal: the first copy of the record of recording 1 at byte 0 is not "
-               "given by the device; the other one is good");
+               "recording journal: the first copy of the record of recording 1 at byte 0 was not "
+               "delivered by the device; the other one is good");
     EXPECT_EQ(check_.findings().total(), check_.findings().count(FindingKind::kUnreadable));
     EXPECT_EQ(check_.streamRows(), 3u);
   }
@@ -298,7 +298,7 @@ TEST_F(CardCheckTest, FindsRowsThatWereLeftOpen) {
   {
     const Undo undo(this);
     editRow(rows_[2], tarn::kStreamRecSizeOff, 0);
-    expectOne(FindingKind::kOpenRow, name(2) + ": it was never closed; concerns event 2");
+    expectOne(FindingKind::kOpenRow, name(2) + ": it was never closed; affects event 2");
   }
   {
     const Undo undo(this);
@@ -311,14 +311,14 @@ TEST_F(CardCheckTest, FindsRowsThatCannotBe) {
   {
     const Undo undo(this);
     editRow(rows_[0], tarn::kStreamChunkIdOff, 77);
-    expectOne(FindingKind::kRow, name(0) + ": the card has no chunk 77; concerns event 1");
+    expectOne(FindingKind::kRow, name(0) + ": the card has no chunk 77; affects event 1");
   }
   {
     const Undo undo(this);
     editRow(rows_[0], tarn::kStreamChunkOffsetOff, 0xFFFFFFF0);
     expectOne(FindingKind::kRow, name(0) + ": its place in chunk " +
                                      std::to_string(rows_[0].chunkID) +
-                                     " cannot be; concerns event 1");
+                                     " does not exist; affects event 1");
   }
   {
     const Undo undo(this);
@@ -330,7 +330,7 @@ TEST_F(CardCheckTest, FindsRowsThatCannotBe) {
     editRow(rows_[0], tarn::kStreamChunkSizeOff, 64);
     expectOne(FindingKind::kRow, name(0) +
                                      ": its size in the picture chunk is not that of 50 pictures; "
-                                     "concerns event 1");
+                                     "affects event 1");
   }
   {
     const Undo undo(this);
@@ -344,7 +344,7 @@ TEST_F(CardCheckTest, FindsHeadersThatDoNotFit) {
   {
     const Undo undo(this);
     flip(header + 9);
-    expectOne(FindingKind::kHeader, name(0) + ": its stream header is damaged; concerns event 1");
+    expectOne(FindingKind::kHeader, name(0) + ": its stream header is damaged; affects event 1");
     EXPECT_EQ(check_.findings().list()[0].streamID, 1u);
     EXPECT_EQ(check_.findings().list()[0].eventID, 1u);
     EXPECT_EQ(check_.findings().list()[0].from, kStart);
@@ -359,8 +359,8 @@ TEST_F(CardCheckTest, FindsHeadersThatDoNotFit) {
     tarn::encodeStreamHeader(wrong, bytes.data());
     write(header, bytes);
     expectOne(FindingKind::kHeader, name(0) +
-                                        ": its stream header tells something else: number of "
-                                        "pictures, number of key pictures; concerns event 1");
+                                        ": its stream header disagrees: number of "
+                                        "pictures, number of key pictures; affects event 1");
   }
 }
 
@@ -375,7 +375,7 @@ TEST_F(CardCheckTest, FindsDamagedEntriesAndNamesPicturesAndSeconds) {
                 "index entries are damaged\nentry: " +
                 name(2) +
                 ": picture 50 of 50, between 2023-11-15 00:13:25 and 2023-11-15 00:13:25: index "
-                "entries are damaged; concerns event 2\n");
+                "entries are damaged; affects event 2\n");
   EXPECT_EQ(check_.pictures(), 150u);
 }
 
@@ -392,7 +392,7 @@ TEST_F(CardCheckTest, FindsPicturesThatAreNotTheirOwn) {
   const uint64_t at = chunkByte(tarn::kFileStream, rows_[0].chunkID, first.dataOffset);
   const std::string text =
       ": pictures 41 to 43 of 50, between 2023-11-15 00:13:21 and 2023-11-15 00:13:21: pictures "
-      "are damaged or overwritten; concerns event 1";
+      "are damaged or overwritten; affects event 1";
   {
     const Undo undo(this);
     write(at, Bytes(last.dataOffset + last.size - first.dataOffset, 0xA5));
@@ -415,7 +415,7 @@ TEST_F(CardCheckTest, FindsOneTurnedBitAnywhereInAPicture) {
     expectOne(FindingKind::kData,
               name(0) +
                   ": picture 41 of 50, between 2023-11-15 00:13:21 and 2023-11-15 00:13:21: "
-                  "pictures are damaged or overwritten; concerns event 1");
+                  "pictures are damaged or overwritten; affects event 1");
   }
 }
 
@@ -505,8 +505,8 @@ TEST_F(CardCheckTest, FindsRecordingsOutsideOfWhatIsUsed) {
                    static_cast<uint8_t>(rows_[2].chunkOffset >> 8));
     editManagement(tarn::kFileStreamManage, tarn::kFileStream, chunk, tarn::kManagePictureFreeOff,
                    static_cast<uint8_t>(rows_[2].chunkOffset));
-    expectOne(FindingKind::kRing, name(2) + ": it lies outside of what the picture " + place +
-                                      " counts as used: a recording could begin on it");
+    expectOne(FindingKind::kRing, name(2) + ": it lies outside what the picture " + place +
+                                      " counts as used: a recording could begin over it");
   }
   {
     const Undo undo(this);
@@ -527,7 +527,7 @@ TEST_F(CardCheckTest, FindsRecordingsOutsideOfWhatIsUsed) {
     const Undo undo(this);
     editRow(rows_[1], tarn::kStreamChunkOffsetOff, rows_[0].chunkOffset + 64);
     expectSome(FindingKind::kRing, name(1) +
-                                       ": it and recording 1 lie on each other in the "
+                                       ": it and recording 1 overlap in the "
                                        "picture " +
                                        place);
   }
@@ -562,7 +562,7 @@ TEST_F(CardCheckTest, FindsALogThatDoesNotEndWhereItShould) {
     const Undo undo(this);
     editManagement(tarn::kFileSyslogManage, tarn::kFileSyslog, 0, tarn::kManageChTypeOff, 5);
     expectOne(FindingKind::kLog,
-              "system log: the number of the chunk that is being written, 5, is none of the log's");
+              "system log: the number of the chunk being written, 5, is not one of the log's");
   }
 }
 
@@ -570,7 +570,7 @@ TEST_F(CardCheckTest, FindsAnImageSizeThatCannotBe) {
   for (const int size : {-2, 0x7FFFFFFF}) {
     put32(chunkByte(tarn::kFileDbImage, 0), static_cast<uint32_t>(size));
     expectOne(FindingKind::kImage,
-              "the database image gives a size that cannot be: " + std::to_string(size) + " bytes");
+              "the database image claims an impossible size: " + std::to_string(size) + " bytes");
   }
   put32(chunkByte(tarn::kFileDbImage, 0), 0xFFFFFFFF);
   EXPECT_EQ(findings().total(), 0u) << "marked as empty";

@@ -313,8 +313,8 @@ TEST_F(LogWriterTest, AnEndThatCannotBeToldBeginsTheNextChunk) {
   ASSERT_EQ(writer.open(), 0);
   EXPECT_EQ(writer.chunk(), 4);
   EXPECT_EQ(writer.freeOffset(), 0u);
-  EXPECT_TRUE(
-      log_.has(4, "LogWriter: the end of syslog chunk 3 cannot be told, going on in the next one"));
+  EXPECT_TRUE(log_.has(
+      4, "LogWriter: the end of syslog chunk 3 cannot be found; continuing in the next one"));
 }
 
 TEST_F(LogWriterTest, AnActiveFlagOutsideTheFiveBeginsChunkZero) {

@@ -251,12 +251,12 @@ TEST_F(DatabaseImageTest, IsNotSavedWhileARecordingRunsOrAServerDoes) {
   ASSERT_TRUE(writePictures(session, 0, 40));
   const Bytes before = rig.cardBytes();
   EXPECT_EQ(Recovery().saveImage(&error), -1);
-  EXPECT_EQ(error, "a management server runs; the database is saved when it has stopped");
+  EXPECT_EQ(error, "a management server is running; the database is saved when it has stopped");
   EXPECT_TRUE(rig.cardBytes() == before);
   rig.stopServer();  // its session goes on for a while
   const Bytes stopped = rig.cardBytes();
   EXPECT_EQ(Recovery().saveImage(&error), -1);
-  EXPECT_EQ(error, "a recording runs; the database is saved when it has ended");
+  EXPECT_EQ(error, "a recording is running; the database is saved when it has ended");
   EXPECT_TRUE(rig.cardBytes() == stopped);
   rig.startServer();  // it ends without waiting for one
 }
@@ -303,7 +303,7 @@ TEST_F(DatabaseImageTest, AnImageOlderThanTheJournalIsNotTrusted) {
   const RecoveryReport report = rig.boot();
   ASSERT_TRUE(report.ok()) << report.error;
   EXPECT_FALSE(report.fromImage);
-  EXPECT_THAT(report.problems, ElementsAre("the database image is not as new as the journal"));
+  EXPECT_THAT(report.problems, ElementsAre("the database image is older than the journal"));
   EXPECT_THAT(keysOf(allStreams()), ElementsAre(2u));
   EXPECT_EQ(imageSize(), 0);
 }
@@ -482,7 +482,7 @@ TEST_F(DatabaseImageTest, AnImageFromBeforeAChangeOfARowIsNotTrusted) {
   rig.card.writeChunk(tarn::kFileDbImage, 0, 0, image);
   const RecoveryReport report = rig.boot();
   ASSERT_TRUE(report.ok()) << report.error;
-  EXPECT_THAT(report.problems, ElementsAre("the database image is not as new as the journal"));
+  EXPECT_THAT(report.problems, ElementsAre("the database image is older than the journal"));
   EXPECT_EQ(allStreams()[0].inTrg, 77u);
 }
 

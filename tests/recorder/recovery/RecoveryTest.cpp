@@ -526,7 +526,7 @@ TEST_F(RecoveryTest, WhatAPassingReadErrorHidesIsNotWrittenOver) {
   }
   ASSERT_FALSE(failing.empty());
   ASSERT_TRUE(report.ok()) << report.error;
-  EXPECT_THAT(report.problems, ElementsAre(HasSubstr("the card does not give its header")));
+  EXPECT_THAT(report.problems, ElementsAre(HasSubstr("the card does not deliver its header")));
   rig.startServer();
   rig.record(100, 140);
   std::vector<uint32_t> all = range(0, 40);
@@ -572,7 +572,7 @@ TEST_F(RecoveryTest, ARunningServerIsLeftAlone) {
   const RecoveryReport report = Recovery().run();
   EXPECT_FALSE(report.ok());
   EXPECT_TRUE(report.refused);
-  EXPECT_EQ(report.error, "a management server runs; recovery is for the time before it starts");
+  EXPECT_EQ(report.error, "a management server is running; recovery must run before it starts");
   std::string error;
   EXPECT_EQ(Recovery().saveImage(&error), -1);
   EXPECT_EQ(card.sequence(), "");
@@ -601,9 +601,10 @@ TEST_F(RecoveryTest, CardsOfZerosOnesAndNoiseAreRefusedWithAReason) {
   for (const Bytes& bytes : {Bytes(size, 0), Bytes(size, 0xFF), patternBytes(size)}) {
     rig.setCard(bytes);
     const RecoveryReport report = rig.boot();
-    EXPECT_EQ(report.error,
-              "/dev/sdblk0p1: no FAT32 volume, so no card of the recorder; nothing was written; "
-              "format it, or use another");
+    EXPECT_EQ(
+        report.error,
+        "/dev/sdblk0p1: not a FAT32 volume, so not a card of the recorder; nothing was written; "
+        "format it, or use another");
     EXPECT_TRUE(rig.cardBytes() == bytes);
   }
 }
