@@ -12,7 +12,7 @@ inline constexpr char kMsgRecoveryAgain[] = "recovery: tried again after: %s";  
 inline constexpr char kErrServerRuns[] =
     "a management server is running; recovery must run before it starts";
 inline constexpr char kErrServerUnknown[] = "cannot find out whether a management server runs";
-inline constexpr char kErrServerLock[] = "the lock of the management server cannot be had in /tmp";
+inline constexpr char kErrServerLock[] = "the management server's lock in /tmp cannot be taken";
 inline constexpr char kErrGeometry[] = "the card's geometry could not be verified";
 inline constexpr char kErrLockOfDead[] =
     "the database is locked by a process that is gone, and a recording is running: end it first";
@@ -53,7 +53,7 @@ inline constexpr char kErrSaveServerRuns[] =
 inline constexpr char kErrSaveRecording[] =
     "a recording is running; the database is saved when it has ended";
 inline constexpr char kErrSaveRecordingLock[] =
-    "the lock of a recording cannot be had in /tmp; nobody knows whether it runs";
+    "the lock of a recording in /tmp cannot be taken, so nobody knows whether it is running";
 inline constexpr char kErrSaveLockOfDead[] =
     "the database is locked by a process that is gone; the next start rebuilds it";
 inline constexpr char kErrSaveNoDatabase[] = "there is no database /tmp/DB.dat to save";

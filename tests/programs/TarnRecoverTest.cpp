@@ -121,9 +121,10 @@ TEST_F(TarnRecoverTest, LeavesTheDatabaseLockedWhileARecordingRuns) {
   dieWithTheDatabaseLocked();
   const ShellResult result = shell("timeout -s KILL 60 " TARN_BIN_DIR "/tarn recover");
   EXPECT_EQ(result.exitCode, 1);
-  EXPECT_EQ(result.output,
-            "tarn: the database is locked by a process that is gone, and a recording runs: end it "
-            "first\n");
+  EXPECT_EQ(
+      result.output,
+      "tarn: the database is locked by a process that is gone, and a recording is running: end it "
+      "first\n");
   close(channel);
   const ShellResult save = shell("timeout -s KILL 60 " TARN_BIN_DIR "/tarn save");
   EXPECT_EQ(save.exitCode, 1);

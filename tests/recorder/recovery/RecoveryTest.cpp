@@ -584,13 +584,15 @@ TEST_F(RecoveryTest, ALockThatCannotBeHadIsNoServerAndNoRecording) {
   ASSERT_EQ(symlink("/tmp/elsewhere", "/tmp/tarn-channel-7.lock"), 0);
   std::string error;
   EXPECT_EQ(Recovery().saveImage(&error), -1);
-  EXPECT_EQ(error, "the lock of a recording cannot be had in /tmp; nobody knows whether it runs");
+  EXPECT_EQ(
+      error,
+      "the lock of a recording in /tmp cannot be taken, so nobody knows whether it is running");
   unlink("/tmp/tarn-channel-7.lock");
   unlink(kServerLockPath);
   ASSERT_EQ(symlink("/tmp/elsewhere", kServerLockPath), 0);
-  EXPECT_EQ(Recovery().run().error, "the lock of the management server cannot be had in /tmp");
+  EXPECT_EQ(Recovery().run().error, "the management server's lock in /tmp cannot be taken");
   EXPECT_EQ(Recovery().saveImage(&error), -1);
-  EXPECT_EQ(error, "the lock of the management server cannot be had in /tmp");
+  EXPECT_EQ(error, "the management server's lock in /tmp cannot be taken");
   unlink(kServerLockPath);
   EXPECT_EQ(Recovery().saveImage(&error), 0) << error;
 }
