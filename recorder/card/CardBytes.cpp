@@ -9,15 +9,9 @@
 
 #include "recorder/card/CardText.h"
 #include "recorder/card/DeviceIo.h"
+#include "recorder/card/ReadPatience.h"
 
 namespace tarn {
-namespace {
-
-constexpr uint32_t kFirstPauseMs = 5;
-constexpr int kTries = 6;  // pauses of 5, 10, … 80 ms between them
-
-}  // namespace
-
 int CardBytes::open(const std::string& path, std::string* error) {
   fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!fd_.valid()) {
@@ -33,12 +27,8 @@ int CardBytes::open(const std::string& path, std::string* error) {
 bool CardBytes::read(uint64_t offset, void* out, size_t length) const {
   if (!holds(offset, length)) return false;
   bool given = readFully(fd_.get(), offset, out, length);
-  uint32_t pauseMs = kFirstPauseMs;
-  for (int tries = 1; !given && tries < kTries; ++tries) {
-    const uint32_t pause = std::min(pauseMs, patienceMs_);
-    patienceMs_ -= pause;
-    if (pause > 0) usleep(pause * 1000);
-    pauseMs *= 2;
+  for (int tried = 1; !given && tried < kReadTries; ++tried) {
+    pauseBeforeRead(tried, &patienceMs_);
     given = readFully(fd_.get(), offset, out, length);
   }
   if (given) cover(offset, static_cast<uint8_t*>(out), length);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/UniqueFd.h"
+#include "recorder/card/ReadPatience.h"
 
 namespace tarn {
 
@@ -39,7 +40,7 @@ class CardBytes {
 
   UniqueFd fd_;
   uint64_t size_ = 0;
-  mutable uint32_t patienceMs_ = 2000;
+  mutable uint32_t patienceMs_ = kReadPatienceMs;
   Changes changes_;
 };
 

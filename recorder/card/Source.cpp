@@ -11,12 +11,10 @@
 #include "fat/ChunkFiles.h"
 #include "recorder/card/CardLayout.h"
 #include "recorder/card/CardReader.h"
+#include "recorder/card/ReadPatience.h"
 
 namespace tarn {
 namespace {
-
-constexpr uint32_t kFirstPauseMs = 5;
-constexpr int kTries = 6;  // pauses of 5, 10, … 80 ms between them
 
 std::string nameOf(int fileType, uint32_t chunk) {
   return std::string(CardLayout::familyName(fileType)) + " chunk " + std::to_string(chunk);
@@ -24,7 +22,7 @@ std::string nameOf(int fileType, uint32_t chunk) {
 
 int tries() {
   if (omitted("read-again")) return 1;
-  return kTries;
+  return kReadTries;
 }
 
 Delivery zeros(void* out, uint32_t length) {
@@ -52,13 +50,9 @@ Delivery Source::readOnce(uint32_t offset, void* out, uint32_t length) {
 
 Delivery Source::read(uint32_t offset, void* out, uint32_t length) {
   Delivery got = readOnce(offset, out, length);
-  uint32_t pauseMs = kFirstPauseMs;
   const int most = tries();
   for (int tried = 1; got == Delivery::kRefused && isOpen() && tried < most; ++tried) {
-    const uint32_t pause = std::min(pauseMs, *patience_);
-    *patience_ -= pause;
-    if (pause > 0) usleep(pause * 1000);
-    pauseMs *= 2;
+    pauseBeforeRead(tried, patience_);
     got = readOnce(offset, out, length);
   }
   return got == Delivery::kRefused ? refuse(out, length) : got;
@@ -84,11 +78,11 @@ ChunkSource::ChunkSource(int fileType, uint32_t chunk, int flags) {
 
 // The card's own description is read for it, which a card that hiccups may refuse like anything.
 void ChunkSource::openPatiently(const char* name, int flags) {
-  uint32_t pauseMs = kFirstPauseMs;
+  uint32_t patienceMs = kReadPatienceMs;
   handle_ = fat_.open(name, flags);
-  for (int tries = 1; handle_ == -1 && tries < kTries; ++tries, pauseMs *= 2) {
+  for (int tried = 1; handle_ == -1 && tried < kReadTries; ++tried) {
     if (access(deviceName(kRecorderPartition), F_OK) != 0) return;
-    usleep(pauseMs * 1000);
+    pauseBeforeRead(tried, &patienceMs);
     handle_ = fat_.open(name, flags);
   }
 }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "fat/CFATAccess.h"
+#include "recorder/card/ReadPatience.h"
 
 namespace tarn {
 
@@ -22,8 +23,6 @@ enum class Delivery : uint8_t {
 // the recorder's card and a card image on a desk. Not part of the interface. Used by one thread.
 class Source {
  public:
-  static constexpr uint32_t kPatienceMs = 2000;
-
   virtual ~Source() = default;
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
@@ -53,7 +52,7 @@ class Source {
   std::string name_;
 
  private:
-  uint32_t patienceMs_ = kPatienceMs;
+  uint32_t patienceMs_ = kReadPatienceMs;
   uint32_t* patience_ = &patienceMs_;
 };
 

@@ -19,11 +19,6 @@ constexpr uint32_t kWidestHole = 64 * 1024 / kRecordSize;
 // A little more than the pictures of one flush, unless a longer interval was set.
 constexpr int64_t kFlushMicros = 1500000;
 
-// Bytes of a ring from one place to another.
-uint32_t distance(uint32_t from, uint32_t to, uint32_t ringSize) {
-  return to >= from ? to - from : ringSize - from + to;
-}
-
 }  // namespace
 
 // Slots without an entry of the recording, in front of one with.
@@ -123,7 +118,8 @@ bool InterruptedRow::total() {
     if (entry.isKey()) ++gops_;
     if (last_ < entry.presentation) last_ = entry.presentation;
     dataEnd_ = ringAdvance(entry.dataOffset, entry.size, ring);
-    header_.dataSize = wrapAdd32(distance(header_.dataOffset, entry.dataOffset, ring), entry.size);
+    header_.dataSize =
+        wrapAdd32(ringDistance(header_.dataOffset, entry.dataOffset, ring), entry.size);
   }
   header_.pictures = pictures_;
   header_.gops = gops_;

@@ -10,6 +10,11 @@
 
 namespace tarn {
 
+// Bytes of a ring from one place to another.
+inline uint32_t ringDistance(uint32_t from, uint32_t to, uint32_t ringSize) {
+  return to >= from ? to - from : ringSize - from + to;
+}
+
 // Header and entries of one recording as they lie in its picture chunk: the one judge of both, for
 // readers, for the repair and for the check. Reads ahead in blocks; where the device refuses one,
 // sector by sector, so that only what a bad sector holds is refused. Needs no server. Not part of

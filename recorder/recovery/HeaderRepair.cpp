@@ -26,11 +26,6 @@ constexpr char kSqlChunks[] =
 
 enum class Verdict { kGood, kRewrite, kDelete, kLost, kUnreadable };
 
-// Bytes of a ring from one place to another.
-uint32_t distance(uint32_t from, uint32_t to, uint32_t ringSize) {
-  return to >= from ? to - from : ringSize - from + to;
-}
-
 // One row's header against its entries.
 class HeaderCheck {
  public:
@@ -68,7 +63,7 @@ class HeaderCheck {
   }
 
   uint32_t sizeUpTo(uint32_t start, const PictureEntry& last) const {
-    return wrapAdd32(distance(start, last.dataOffset, index_.streamSize()), last.size);
+    return wrapAdd32(ringDistance(start, last.dataOffset, index_.streamSize()), last.size);
   }
 
   // Reads all entries. False when the device does not give them.
