@@ -11,12 +11,10 @@
 #define TARN_CAPABILITY(name) TARN_ANNOTATE(capability(name))
 #define TARN_SCOPED_CAPABILITY TARN_ANNOTATE(scoped_lockable)
 #define TARN_GUARDED_BY(x) TARN_ANNOTATE(guarded_by(x))
-#define TARN_PT_GUARDED_BY(x) TARN_ANNOTATE(pt_guarded_by(x))
 #define TARN_REQUIRES(...) TARN_ANNOTATE(requires_capability(__VA_ARGS__))
 #define TARN_EXCLUDES(...) TARN_ANNOTATE(locks_excluded(__VA_ARGS__))
 #define TARN_ACQUIRE(...) TARN_ANNOTATE(acquire_capability(__VA_ARGS__))
 #define TARN_RELEASE(...) TARN_ANNOTATE(release_capability(__VA_ARGS__))
-#define TARN_NO_THREAD_SAFETY_ANALYSIS TARN_ANNOTATE(no_thread_safety_analysis)
 
 namespace tarn {
 
