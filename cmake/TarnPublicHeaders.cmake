@@ -16,15 +16,16 @@ set(TARN_PUBLIC_HEADERS  # below src/
   api/CApiTarnSyslogRead.h api/Version.h)
 set(TARN_RECORDER_PUBLIC_HEADERS
   recorder/card/CardFormatter.h recorder/card/CardInfo.h recorder/card/CardLayout.h
-  recorder/card/CardRepair.h recorder/card/PictureTime.h
+  recorder/card/CardRepair.h recorder/card/ChunkChannels.h recorder/card/PictureTime.h
   recorder/recording/PictureEntry.h recorder/recording/RecordingReader.h
   recorder/rows/ServerPatience.h
   recorder/log/LogFormat.h recorder/log/LogWriter.h
-  recorder/session/RecordingError.h recorder/session/RecordingSession.h
+  recorder/session/PictureClock.h recorder/session/RecordingError.h
+  recorder/session/RecordingSession.h
   recorder/session/RecordingStatistics.h
   recorder/recovery/ManageRepair.h recorder/recovery/Recovery.h recorder/recovery/RecoveryReport.h
   recorder/recovery/StartUpReport.h
   recorder/server/ManagementServer.h
   recorder/check/CardCheck.h recorder/check/CardFinding.h recorder/check/CardHoldings.h)
 set(TARN_MEDIA_PUBLIC_HEADERS  # installed with the media library
-  media/MediaInput.h media/MediaOutput.h)
+  media/LivePictures.h media/MediaInput.h media/MediaOutput.h)

@@ -1,4 +1,5 @@
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -6,11 +7,13 @@
 #include "Command.h"
 #include "Console.h"
 #include "RecorderDatabase.h"
+#include "base/Wrap.h"
 #include "db/CApiDb.h"
+#include "fat/ChunkFiles.h"
 #include "recorder/card/CardGeometry.h"
 #include "recorder/card/CardText.h"
 #include "recorder/card/ChunkChannels.h"
-#include "recorder/recording/RecordingReader.h"
+#include "recorder/recording/RecordingIndex.h"
 
 namespace tarn {
 namespace {
@@ -25,16 +28,23 @@ Json timeJson(uint32_t seconds, uint16_t milliseconds) {
   return seconds == 0 ? Json(nullptr) : Json(isoTime(seconds, milliseconds));
 }
 
-// Bytes of a recording's pictures; 0 where its header does not tell.
-uint64_t videoBytes(const DB_STREAM& row) {
-  RecordingReader reader;
-  if (reader.open(row) != 0) return 0;
-  if (row.recSize != 0) return reader.header().dataSize;
+// Bytes of a recording's pictures; 0 where header or entries are damaged. Nothing where the card
+// refuses them.
+std::optional<uint64_t> videoBytes(const DB_STREAM& row) {
+  RecordingIndex index(row);
+  StreamHeader header;
+  const Delivery delivered = index.header(&header);
+  if (delivered == Delivery::kRefused) return std::nullopt;
+  if (row.recSize != 0) return delivered == Delivery::kGood ? header.dataSize : 0;
   // Of one that runs its header tells nothing yet.
   uint64_t bytes = 0;
   PictureEntry entry;
-  for (uint32_t i = 0; i < reader.pictureCount(); ++i) {
-    if (reader.picture(i, &entry)) bytes += entry.size;
+  const uint32_t first = index.firstNumber();
+  for (uint32_t i = 0; i < index.capacity(); ++i) {
+    const Delivery found = index.entry(i, &entry);
+    if (found == Delivery::kRefused) return std::nullopt;
+    if (found == Delivery::kBad || entry.number != wrapAdd32(first, i)) break;
+    bytes += entry.size;
   }
   return bytes;
 }
@@ -49,8 +59,7 @@ std::string channelText(int channel) {
   return channel == ChunkChannels::kUnknown ? "-" : std::to_string(channel);
 }
 
-Json streamJson(const DB_STREAM& row, int channel) {
-  const uint64_t bytes = videoBytes(row);
+Json streamJson(const DB_STREAM& row, int channel, uint64_t bytes) {
   const std::optional<int64_t> duration = durationMs(row);
   return {{"streamID", row.streamID},
           {"channel", channel == ChunkChannels::kUnknown ? Json(nullptr) : Json(channel)},
@@ -121,7 +130,9 @@ class CommandList : public Command {
     }
     if (databaseIsGood(&error_) && channelsAreKnown()) {
       db_ = std::make_unique<CApiDb>();
-      if (what_ == "events" ? listEvents() : listStreams()) return kExitGood;
+      const bool listed = what_ == "events" ? listEvents() : listStreams();
+      if (listed && refused_.empty()) return kExitGood;
+      if (listed) error_ = refused_;
     }
     complain(error_);
     return kExitFailed;
@@ -142,12 +153,26 @@ class CommandList : public Command {
         ->type_name("TIME");
   }
 
-  // A card that cannot be read is told only to whom it matters: rows are the database's.
+  // Without a card the rows of the database are all that there is to see. What a card that is there
+  // refuses is told behind them, because it may come at the next try.
   bool channelsAreKnown() {
+    if (what_ == "events") return true;
+    hasCard_ = access(deviceName(kRecorderPartition), F_OK) == 0;
     std::string reason;
-    if (what_ == "events" || channels_.read(&reason) == 0 || !channel_) return true;
+    if (channels_.read(&reason) == 0) return true;
+    if (hasCard_) refused_ = "channels are not known: " + reason;
+    if (!channel_) return true;
     error_ = reason;
     return false;
+  }
+
+  uint64_t sizeOf(const DB_STREAM& row) {
+    if (!hasCard_) return 0;
+    const std::optional<uint64_t> bytes = videoBytes(row);
+    if (!bytes && refused_.empty()) {
+      refused_ = fmt::format("the card does not give the size of recording {}", row.streamID);
+    }
+    return bytes.value_or(0);
   }
 
   // A list is printed as a whole or, as JSON, not at all: an array that lacks what could not be
@@ -168,15 +193,18 @@ class CommandList : public Command {
         const DB_STREAM& row = page[static_cast<size_t>(i)];
         const int channel = channels_.of(row.chunkID);
         if (channel_ && *channel_ != channel) continue;
+        const uint64_t bytes = sizeOf(row);
         if (json_) {
-          list.push_back(streamJson(row, channel));
+          list.push_back(streamJson(row, channel, bytes));
         } else {
-          printStream(row, channel);
+          printStream(row, channel, bytes);
         }
       }
       if (count < static_cast<int32_t>(kPage)) break;
     }
-    if (json_) fmt::print("{}\n", Json{{"schema", 1}, {"streams", list}}.dump(2));
+    if (json_ && refused_.empty()) {
+      fmt::print("{}\n", Json{{"schema", 1}, {"streams", list}}.dump(2));
+    }
     return true;
   }
 
@@ -186,8 +214,7 @@ class CommandList : public Command {
     fmt::print("\n");
   }
 
-  void printStream(const DB_STREAM& row, int channel) const {
-    const uint64_t bytes = videoBytes(row);
+  void printStream(const DB_STREAM& row, int channel, uint64_t bytes) const {
     const std::optional<int64_t> duration = durationMs(row);
     fmt::print("{:>8} {:>3} {:>5} {:<23} {:<23} {:>10} {:>8} {:>10}", row.streamID,
                channelText(channel), row.inTrg, timeText(row.startDate, row.startMSec),
@@ -256,6 +283,8 @@ class CommandList : public Command {
   bool long_ = false;
   bool json_ = false;
   ChunkChannels channels_;
+  bool hasCard_ = false;
+  std::string refused_;  // what the card did not deliver of what is shown; empty: nothing
   std::string error_;
   // Made when it is needed: it joins the machine's semaphore.
   std::unique_ptr<CApiDb> db_;

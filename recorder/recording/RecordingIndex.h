@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "db/DbRecords.h"
+#include "base/Export.h"
 #include "recorder/card/Source.h"
 #include "recorder/recording/RecordFormat.h"
 
@@ -19,7 +20,7 @@ inline uint32_t ringDistance(uint32_t from, uint32_t to, uint32_t ringSize) {
 // readers, for the repair and for the check. Reads ahead in blocks; where the device refuses one,
 // sector by sector, so that only what a bad sector holds is refused. Needs no server. Not part of
 // the interface. Used by one thread.
-class RecordingIndex {
+class TARN_API RecordingIndex {
  public:
   // Of the recorder's own card: opens the row's picture chunk.
   explicit RecordingIndex(const DB_STREAM& row);

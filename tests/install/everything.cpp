@@ -35,6 +35,9 @@ void makeAll() {
   make<tarn::CardRepair>();
   make<tarn::CardCheck>();
   make<tarn::RecordingSession>();
+  make<tarn::ChunkChannels>();
+  tarn::PictureClock clock(tarn::PictureClock::Stamps::kOfSource, 0);
+  clock.restart();
   make<tarn::RecordingReader>();
   make<tarn::LogWriter>();
   make<tarn::Recovery>();
@@ -46,6 +49,7 @@ void makeAll() {
   tarn::cardHoldings("");
   tarn::parseLogLine("");
 #ifdef WITH_MEDIA
+  tarn::LivePictures(&clock).end();
   std::string error;
   tarn::MediaInput::open(
       "", 0, [] { return false; }, &error);
