@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "base/Export.h"
 #include "fat/CFATAccess.h"
 #include "recorder/card/ReadPatience.h"
 
@@ -21,7 +22,7 @@ enum class Delivery : uint8_t {
 
 // The bytes of one chunk, for whoever judges what lies in it: the same judges read an open chunk of
 // the recorder's card and a card image on a desk. Not part of the interface. Used by one thread.
-class Source {
+class TARN_API Source {
  public:
   virtual ~Source() = default;
   Source(const Source&) = delete;
@@ -58,7 +59,7 @@ class Source {
 
 // A chunk of the recorder's own card, opened by itself; no server is needed. The descriptor is this
 // object's own. Writes go to the device at once (stream, picture and log chunks are read only).
-class ChunkSource : public Source {
+class TARN_API ChunkSource : public Source {
  public:
   // `fileType` is one of fat/ChunkFiles.h, `flags` O_RDONLY or O_RDWR. A chunk number that the card
   // does not have is not open, and `placeless`: no retry will help.

@@ -4,7 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <map>
+#include <mutex>
+#include <thread>
 
 #include "base/Endian.h"
 #include "base/Wrap.h"
@@ -353,18 +357,47 @@ TEST(RecordingSession, EventsGoWithTheRecordingsThatTheyCover) {
   EXPECT_EQ(allEvents()[0].endDate, pictureTime(1499).seconds);
 }
 
+// Lets two threads go on together, as cameras do: a channel that is minutes ahead of the other
+// takes whole chunks from it, and with them rows that are not its oldest.
+class SamePace {
+ public:
+  void wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const int round = round_;
+    if (++waiting_ == 2) {
+      waiting_ = 0;
+      ++round_;
+      changed_.notify_all();
+    }
+    // The other one may have failed; then this one goes on alone.
+    const auto going = [&] { return alone_ || round_ != round; };
+    alone_ = !changed_.wait_for(lock, std::chrono::seconds(60), going) || alone_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int waiting_ = 0;
+  int round_ = 0;
+  bool alone_ = false;
+};
+
 TEST(RecordingSession, TwoChannelsKeepToTheirOwnChunks) {
   RecorderRig rig({256 * kKiB, 8 * kKiB, 4, 64 * kKiB});
   std::vector<RecordingStatistics> statistics(2);
+  SamePace pace;
   std::vector<std::thread> threads;
   for (int8_t channel = 0; channel < 2; ++channel) {
-    threads.emplace_back([channel, &statistics] {
+    threads.emplace_back([channel, &statistics, &pace] {
       RecordingSession session;
       RecordingOptions options = withSegments(2);
       options.channel = channel;
       options.inTrg = static_cast<uint16_t>(channel + 1);
       ASSERT_TRUE(openSession(session, options));
-      ASSERT_TRUE(writePictures(session, 0, 1500));
+      for (uint32_t first = 0; first < 1500; first += 25) {
+        pace.wait();
+        ASSERT_TRUE(writePictures(session, first, first + 25));
+      }
       ASSERT_EQ(0, session.close());
       statistics[static_cast<size_t>(channel)] = session.statistics();
     });
