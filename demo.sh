@@ -113,7 +113,7 @@ cut_power() {
     --event 5@1 >"$out/progress" 2>"$out/log" &
   recorder=$!
   disown "$recorder"  # the shell need not tell that it was killed
-  until grep -q safe "$out/progress"; do
+  until grep -qs safe "$out/progress"; do
     kill -0 "$recorder" 2>/dev/null || { cat "$out/log" >&2; exit 1; }
     sleep 0.1
   done
