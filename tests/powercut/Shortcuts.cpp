@@ -132,8 +132,11 @@ int system(const char* command) {
 int usleep(useconds_t microseconds) {
   static const auto real = next<int (*)(useconds_t)>("usleep");
   constexpr useconds_t kSettle = 500000;
+  // In front of a recovery's next attempts: what this card says stays so.
+  constexpr useconds_t kAttempts[] = {20000, 100000};
   // Nor does a card that refuses reads get better by being waited for.
-  const bool inVain = microseconds == kSettle || Card::get().isRefusing();
+  const bool inVain = microseconds == kSettle || microseconds == kAttempts[0] ||
+                      microseconds == kAttempts[1] || Card::get().isRefusing();
   return inVain ? 0 : real(microseconds);
 }
 
