@@ -83,6 +83,13 @@ int ChildProcess::wait(const std::function<pid_t()>& target) {
   return exitCode;
 }
 
+bool ChildProcess::stopped() const {
+  siginfo_t info = {};
+  constexpr int kLookOnly = WSTOPPED | WNOHANG | WNOWAIT;
+  return pid_ > 0 && waitid(P_PID, static_cast<id_t>(pid_), &info, kLookOnly) == 0 &&
+         info.si_pid == pid_;
+}
+
 bool ChildProcess::waitFor(int milliseconds, int* exitCode) {
   for (;; milliseconds -= 10) {
     int status = 0;

@@ -28,6 +28,8 @@ class ChildProcess {
   int wait(const std::function<pid_t()>& target = nullptr);
   // Waits at most that long. True when the child has ended.
   bool waitFor(int milliseconds, int* exitCode);
+  // True while a signal (SIGSTOP) keeps the child from going on; a tracer's stops do not count.
+  bool stopped() const;
   pid_t pid() const { return pid_; }
 
  private:

@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kServerStartMs = 20000;
 constexpr int kServerStopMs = 60000;  // its last flush waits for a slow card
-constexpr int kContinueMs = 500;
+constexpr int kLookMs = 100;
 
 // In the child: nothing of the terminal reaches the server, and it stops in order when we die.
 void prepareServer(int readyFd, int parent) {
@@ -74,12 +74,13 @@ int ViewSession::startServer(std::string* error) {
   return -1;
 }
 
-// One that somebody stopped (SIGSTOP, a debugger) takes no SIGTERM until it is told to go on.
+// One that somebody stopped (SIGSTOP) takes no SIGTERM until it is told to go on. Only that one is
+// told: a SIGCONT takes away the stop by which a tracer, or a leak checker at the end, takes hold
+// of a process, and that would wait for ever.
 bool ViewSession::waitForServer(int* exitCode) {
-  const pid_t pid = server_.pid();
-  for (int waited = 0; waited < kServerStopMs; waited += kContinueMs) {
-    kill(pid, SIGCONT);
-    if (server_.waitFor(kContinueMs, exitCode)) return true;
+  for (int waited = 0; waited < kServerStopMs; waited += kLookMs) {
+    if (server_.stopped()) kill(server_.pid(), SIGCONT);
+    if (server_.waitFor(kLookMs, exitCode)) return true;
   }
   return false;
 }

@@ -212,6 +212,27 @@ TEST_F(TarnRunTest, AServerThatSomebodyStoppedGoesOnToItsEnd) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30)) << "of a minute";
 }
 
+// A leak checker at a server's end holds its threads, and waited for ever after a SIGCONT. Beside a
+// copy of the tool stands a server that is slow to end and writes down whether it was told to go
+// on.
+TEST_F(TarnRunTest, AServerThatIsSlowToEndIsNotToldToGoOn) {
+  ASSERT_EQ(
+      shell("mkdir /tmp/tools && cp " TARN_BIN_DIR "/tarn " TARN_BIN_DIR "/dbsetup /tmp/tools")
+          .exitCode,
+      0);
+  std::ofstream("/tmp/tools/tarn-server")
+      << "#!/bin/bash\n"
+         "trap 'touch /tmp/.outside/told' CONT; trap 'end=yes' TERM\n"
+         "echo >&$2; eval \"exec $2>&-\"\n"
+         "while [ -z \"$end\" ]; do sleep .05; done; sleep .7; touch /tmp/.outside/ended\n";
+  ASSERT_EQ(chmod("/tmp/tools/tarn-server", 0755), 0);
+  const ShellResult result = shell("/tmp/tools/tarn --card /tmp/card run -- echo done");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.output, "done\n");
+  EXPECT_EQ(access("/tmp/ended", F_OK), 0);
+  EXPECT_NE(access("/tmp/told", F_OK), 0);
+}
+
 TEST_F(TarnRunTest, WithoutACardTheCommandRunsOnTheMachineItself) {
   EXPECT_EQ(tarn("run -- sh -c 'test -e /dev/sdblk0p1 || echo none; exit 3'").exitCode, 3);
   EXPECT_EQ(tarn("run -- echo x").output, "x\n");
