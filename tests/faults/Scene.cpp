@@ -9,11 +9,12 @@
 #include <filesystem>
 
 #include "Process.h"
+#include "Programs.h"
+#include "Sum.h"
 
 namespace faults {
 namespace {
 
-constexpr char kCard[] = "/dev/sdblk0p1";
 constexpr size_t kPage = 4096;
 
 // Files and sockets; folders are trees that the view leaves in sight.
@@ -26,21 +27,53 @@ std::vector<std::string> filesOfRamDisk() {
 }
 
 // All sets: the namespace is the view's own.
-void removeSemaphores() {
+std::vector<int> semaphores() {
+  std::vector<int> sets;
   seminfo info = {};
   const int last = semctl(0, 0, SEM_INFO, &info);
   for (int i = 0; i <= last; ++i) {
     semid_ds set = {};
     const int id = semctl(i, 0, SEM_STAT, &set);
-    if (id >= 0) semctl(id, 0, IPC_RMID);
+    if (id >= 0) sets.push_back(id);
   }
+  return sets;
 }
 
 }  // namespace
 
 void loseMemory() {
   for (const std::string& name : filesOfRamDisk()) unlink(name.c_str());
-  removeSemaphores();
+  for (const int set : semaphores()) semctl(set, 0, IPC_RMID);
+}
+
+// Holes and pages of zeros are the same.
+uint64_t cardSum() {
+  const int fd = open(kCard, O_RDONLY | O_CLOEXEC);
+  Sum sum;
+  sum.add(static_cast<uint64_t>(lseek(fd, 0, SEEK_END)));
+  std::string page(kPage, '\0');
+  const std::string zeros = page;
+  for (off_t at = 0; (at = lseek(fd, at, SEEK_DATA)) >= 0; at += static_cast<off_t>(kPage)) {
+    const ssize_t got = pread(fd, page.data(), kPage, at);
+    if (got <= 0) break;
+    const std::string_view bytes(page.data(), static_cast<size_t>(got));
+    if (zeros.compare(0, bytes.size(), bytes) != 0) sum.add(static_cast<uint64_t>(at)).add(bytes);
+  }
+  close(fd);
+  return sum.value();
+}
+
+uint64_t memorySum() {
+  Sum sum;
+  std::vector<std::string> names = filesOfRamDisk();
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) {
+    sum.add(name);
+    if (std::filesystem::is_regular_file(name)) sum.add(readFile(name));
+  }
+  // Whoever held or waited for one is gone.
+  for (const int set : semaphores()) sum.add(static_cast<uint64_t>(semctl(set, 0, GETVAL)));
+  return sum.value();
 }
 
 void Scene::take(const std::string& promises) {

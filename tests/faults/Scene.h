@@ -30,4 +30,8 @@ class Scene {
 // As when the power goes: nothing is left but the card.
 void loseMemory();
 
+// Sums of what the card holds, and of what would be lost: equal ones mean equal bytes.
+uint64_t cardSum();
+uint64_t memorySum();
+
 }  // namespace faults

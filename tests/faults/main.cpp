@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "Proof.h"
 #include "Rig.h"
 
 namespace faults {
 namespace {
 
-constexpr uint32_t kSpeed = 20;
 constexpr uint32_t kSecondSpeed = 5;
 
 struct Options {
@@ -138,7 +138,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (options.prove) {
-    const std::vector<std::string> unseen = rig.prove();
+    const std::vector<std::string> unseen = Proof(&rig).run();
     return unseen.empty() ? 0 : 1;
   }
   return options.oneCase.empty() ? runAll(&rig, options) : runOne(&rig, fault);

@@ -1,0 +1,75 @@
+#include "Stage.h"
+
+#include <csignal>
+#include <vector>
+
+#include "Programs.h"
+
+namespace faults {
+namespace {
+
+constexpr size_t kCardBytes = 40 * 1024 * 1024;
+
+}  // namespace
+
+void Stage::take(const std::string& name) {
+  scenes_[name].take(readFile(workplace_.path("promises")));
+}
+
+std::string Stage::besideServer(const std::vector<std::string>& arguments) {
+  bool ready = false;
+  const pid_t server = workplace_.startServer(false, &ready);
+  const std::string failure = workplace_.must(arguments);
+  workplace_.stop(server);
+  return failure;
+}
+
+// An old session, and one that lost power.
+std::string Stage::makeCrashed() {
+  const std::string recorder = workplace_.program("faults_recorder");
+  std::string failure = workplace_.must(formatArguments(workplace_.bin()));
+  if (failure.empty()) failure = workplace_.must({workplace_.program("faults_tarn"), "recover"});
+  bool ready = false;
+  const pid_t server = workplace_.startServer(false, &ready);
+  if (failure.empty()) failure = workplace_.must({recorder, "life", "1", "180"});
+  if (failure.empty())
+    failure = workplace_.must({recorder, "life", "2", "40", "stop-before-close"});
+  kill(server, SIGKILL);
+  await(server, Workplace::kLimitMs);
+  loseMemory();
+  take("crashed");
+  return failure;
+}
+
+// What was recorded there belongs to this scene alone.
+std::string Stage::makeClipped() {
+  const std::string failure = besideServer(recordArguments(workplace_.bin()));
+  scenes_["clipped"].take(scenes_["started"].promises());
+  scenes_["started"].restore();
+  return failure;
+}
+
+// A whole life and a clean stop.
+std::string Stage::makeStopped() {
+  std::string failure = besideServer(
+      {workplace_.program("faults_recorder"), "life", "3", std::to_string(kLifePictures), "edit"});
+  take("stopped");
+  if (failure.empty()) failure = workplace_.must({workplace_.program("faults_tarn"), "save"});
+  loseMemory();
+  take("saved");
+  return failure;
+}
+
+std::string Stage::make(bool media) {
+  loseMemory();
+  writeFile(workplace_.path("promises"), "");
+  writeFile(kCard, std::string(kCardBytes, '\0'));
+  scenes_["blank"].take("");
+  std::string failure = makeCrashed();
+  if (failure.empty()) failure = workplace_.must({workplace_.program("faults_tarn"), "recover"});
+  take("started");
+  if (failure.empty() && media) failure = makeClipped();
+  return failure.empty() ? makeStopped() : failure;
+}
+
+}  // namespace faults

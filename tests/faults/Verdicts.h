@@ -1,0 +1,39 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "Workplace.h"
+
+namespace faults {
+
+// What becomes of a card after a case, without faults (Judge, in a process of its own). What comes
+// of it follows from what lies there: the card's bytes, the RAM disk's where they stay, the
+// promises and what is asked. So what was judged good once is not judged again.
+class Verdicts {
+ public:
+  explicit Verdicts(const Workplace& workplace) : workplace_(workplace) {}
+
+  // `memory`: the RAM disk stays as the program left it; otherwise power is lost first. `strict`:
+  // changes of rows were promised, too. "", or what is wrong.
+  std::string judge(bool memory, bool strict);
+
+  // Pictures of the oldest session, by channel, that may be gone.
+  std::array<uint32_t, 2> mayLose() const { return mayLose_; }
+  void setMayLose(const std::array<uint32_t, 2>& most) { mayLose_ = most; }
+  // How many were gone in the newest case.
+  std::array<uint32_t, 2> lost() const { return lost_; }
+
+ private:
+  uint64_t question(bool memory, bool strict) const;
+  std::string ask(bool memory, bool strict);
+
+  const Workplace& workplace_;
+  std::array<uint32_t, 2> mayLose_ = {};
+  std::array<uint32_t, 2> lost_ = {};
+  std::map<uint64_t, std::array<uint32_t, 2>> good_;  // what was lost, by the question
+};
+
+}  // namespace faults
