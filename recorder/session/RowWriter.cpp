@@ -9,18 +9,14 @@
 #include "base/Crc16.h"
 #include "base/Omission.h"
 #include "base/Wrap.h"
-#include "chunk/ChunkArea.h"
 #include "db/CApiDb.h"
 #include "db/RowStatus.h"
-#include "fat/FailureMarker.h"
-#include "manager/CTARNStreamManager.h"
 #include "recorder/recording/AnnexB.h"
 #include "recorder/recording/InterruptedRow.h"
 #include "recorder/rows/JournalGuard.h"
 #include "recorder/rows/JournalPlace.h"
 #include "recorder/rows/ServerRetry.h"
 #include "recorder/session/RecordingMessages.h"
-#include "recorder/session/ServerFailure.h"
 
 namespace tarn {
 namespace {
@@ -44,28 +40,14 @@ void RowWriter::Totals::add(const PictureEntry& entry) {
 
 RowWriter::RowWriter(CTARNStreamManager* manager, CApiDb* db, DatabaseWatch* watch,
                      RecordingSpace* space, RecordingStatistics* statistics)
-    : manager_(manager),
-      db_(db),
+    : db_(db),
       watch_(watch),
       rows_(db, watch),
       space_(space),
       statistics_(statistics),
-      queue_(size_t{kQueueEntries} * kRecordSize),
-      patienceMs_(kServerPatienceMs) {
+      chunks_(manager),
+      queue_(size_t{kQueueEntries} * kRecordSize) {
   static_assert(sizeof sei_ >= kTimeStampSeiSize);
-}
-
-bool RowWriter::fail(RecordingError error, const char* text) {
-  if (error_ == RecordingError::kNone) {
-    error_ = error;
-    text_ = text;
-  }
-  return false;
-}
-
-bool RowWriter::failServer() {
-  const ServerFailure failure = serverFailure(*manager_);
-  return fail(failure.error, failure.text);
 }
 
 bool RowWriter::fail(JournaledRows::Outcome outcome) {
@@ -75,56 +57,13 @@ bool RowWriter::fail(JournaledRows::Outcome outcome) {
               rows_.failure());
 }
 
-bool RowWriter::refreshUsage(CTARNStreamChunk* chunk) {
-  return retryFor(patienceMs_, [&] { return chunk->getUsageFromManager() == 0; }) || failServer();
-}
-
-bool RowWriter::openArea(std::unique_ptr<CTARNStreamChunk>* chunk, uint8_t area, int number) {
-  *chunk = std::make_unique<CTARNStreamChunk>(area);
-  if ((*chunk)->openChunkFile(manager_, static_cast<unsigned short>(number)) != 0) {
-    return fail(RecordingError::kCard, kErrOpenChunk);
-  }
-  // The open goes on without an answer of the server; the addresses must not be guessed.
-  return refreshUsage(chunk->get());
-}
-
 bool RowWriter::openChunk(int chunk) {
-  closeChunk();
-  if (!openArea(&picture_, kAreaPicture, chunk) || !openArea(&stream_, kAreaStream, chunk)) {
-    picture_.reset();
-    stream_.reset();
-    return false;
-  }
-  chunk_ = chunk;
-  if (numbers_.scan(chunk, static_cast<uint32_t>(picture_->getChunkSize())) == 0) return true;
-  return fail(RecordingError::kCard, kErrReadChunk);
+  if (!chunks_.open(chunk)) return false;
+  return numbers_.scan(chunk, chunks_.pictureSize()) == 0 ||
+         fail(RecordingError::kCard, kErrReadChunk);
 }
 
-void RowWriter::closeChunk() {
-  picture_.reset();
-  stream_.reset();
-  chunk_ = -1;
-}
-
-// What the worker could not bring onto the card the chunk knows for itself, and the marker file for
-// all programs. A flush that works after one that failed proves nothing: the system drops what it
-// could not write.
-bool RowWriter::toCard(CTARNStreamChunk* chunk, const char* text) {
-  if (chunk->flush() == 0 && !chunk->hasLostData() && !cardWriteFailed()) return true;
-  return fail(RecordingError::kCard, text);
-}
-
-bool RowWriter::tell(CTARNStreamChunk* chunk) {
-  return retryFor(patienceMs_, [&] { return chunk->setFreeToManager() == 0; }) || failServer();
-}
-
-bool RowWriter::sync(CTARNStreamChunk* chunk, const char* text) {
-  return toCard(chunk, text) && tell(chunk);
-}
-
-bool RowWriter::saveManageData() {
-  return retryFor(patienceMs_, [&] { return manager_->saveManageData() == 0; }) || failServer();
-}
+void RowWriter::closeChunk() { chunks_.close(); }
 
 // Before anything of the new recording is written: deleting the recording whose record the journal
 // is about to overwrite may move the addresses of this very chunk.
@@ -132,10 +71,10 @@ bool RowWriter::makeJournalPlace(JournalGuard* guard, uint32_t now) {
   bool deleted = false;
   const auto deleteOldest = [&](const DB_STREAM& row) {
     deleted = true;
-    return space_->deleteForJournal(row, now, chunk_);
+    return space_->deleteForJournal(row, now, chunk());
   };
   const JournalPlace place = awaitJournalPlace(
-      patienceMs_, [&] { return guard->beforeStreamInsert(deleteOldest); },
+      chunks_.patienceMs(), [&] { return guard->beforeStreamInsert(deleteOldest); },
       [&] { return space_->error() != RecordingError::kNone; }, [&] { return serverAnswers(); });
   if (place == JournalPlace::kNoServer) return fail(RecordingError::kServer, kErrServer);
   if (space_->error() != RecordingError::kNone) return fail(space_->error(), space_->errorText());
@@ -145,7 +84,7 @@ bool RowWriter::makeJournalPlace(JournalGuard* guard, uint32_t now) {
       return fail(RecordingError::kJournal, kErrJournalPlace);
     return fail(RecordingError::kDatabase, DatabaseWatch::text(verdict));
   }
-  return !deleted || (refreshUsage(picture_.get()) && refreshUsage(stream_.get()));
+  return !deleted || chunks_.refresh();
 }
 
 bool RowWriter::chooseNumber(uint32_t* number) {
@@ -154,37 +93,46 @@ bool RowWriter::chooseNumber(uint32_t* number) {
     return true;
   }
   if (numbers_.first(number)) return true;
-  if (numbers_.scan(chunk_, static_cast<uint32_t>(picture_->getChunkSize())) != 0) {
+  if (numbers_.scan(chunk(), chunks_.pictureSize()) != 0) {
     return fail(RecordingError::kCard, kErrReadChunk);
   }
   return numbers_.first(number) || fail(RecordingError::kNoRoom, kErrNumbers);
 }
 
-bool RowWriter::begin(const DB_STREAM& seed) {
-  JournalGuard guard(db_, watch_);  // the place that it finds stays free until the row is in
-  if (!makeJournalPlace(&guard, seed.startDate)) return false;
+// The header comes first: it is behind what the ring has, where nothing points yet.
+bool RowWriter::beginHeader() {
   header_ = StreamHeader();
   if (!chooseNumber(&header_.firstNumber)) return false;
-  header_.dataOffset = static_cast<uint32_t>(stream_->getFreeAddr());
-  headerOffset_ = static_cast<uint32_t>(picture_->getFreeAddr());
+  header_.dataOffset = static_cast<uint32_t>(chunks_.stream()->getFreeAddr());
+  headerOffset_ = static_cast<uint32_t>(chunks_.picture()->getFreeAddr());
   written_ = confirmed_ = Totals();
   queued_ = 0;
   uint8_t bytes[kRecordSize];
   encodeStreamHeader(header_, bytes);
-  if (picture_->write(bytes, kRecordSize) != long{kRecordSize}) {
+  if (chunks_.picture()->write(bytes, kRecordSize) != long{kRecordSize}) {
     return fail(RecordingError::kCard, kErrWriteHeader);
   }
-  if (headerOffset_ + kRecordSize >= picture_->getChunkSize()) ++statistics_->pictureWraps;
+  if (headerOffset_ + kRecordSize >= chunks_.pictureSize()) ++statistics_->pictureWraps;
   if (!flushHeader()) return false;
   numbers_.used(header_.firstNumber);
+  return true;
+}
+
+void RowWriter::initRow(const DB_STREAM& seed) {
   row_ = seed;
   row_.recSize = sizeWhileOpen();
-  row_.chunkID = static_cast<uint32_t>(chunk_);
+  row_.chunkID = static_cast<uint32_t>(chunk());
   row_.chunkOffset = headerOffset_;
   row_.chunkSize = 0;
   row_.status = kStatusRecording;
   row_.endDate = 0;
   row_.endMSec = 0;
+}
+
+bool RowWriter::begin(const DB_STREAM& seed) {
+  JournalGuard guard(db_, watch_);  // the place that it finds stays free until the row is in
+  if (!makeJournalPlace(&guard, seed.startDate) || !beginHeader()) return false;
+  initRow(seed);
   if (!insertRow()) return false;
   running_ = true;
   ownsEnd_ = true;
@@ -194,7 +142,7 @@ bool RowWriter::begin(const DB_STREAM& seed) {
 
 bool RowWriter::flushHeader() {
   if (omitted("header-before-row")) return true;
-  return sync(picture_.get(), kErrWriteHeader);
+  return chunks_.sync(chunks_.picture(), kErrWriteHeader);
 }
 
 // recSize of a row until its end.
@@ -209,10 +157,12 @@ bool RowWriter::insertRow() {
   return true;
 }
 
-uint32_t RowWriter::streamRoom() const { return static_cast<uint32_t>(stream_->getFreeSize()); }
+uint32_t RowWriter::streamRoom() const {
+  return static_cast<uint32_t>(chunks_.stream()->getFreeSize());
+}
 
 uint32_t RowWriter::pictureRoom() const {
-  const auto room = static_cast<uint32_t>(picture_->getFreeSize());
+  const auto room = static_cast<uint32_t>(chunks_.picture()->getFreeSize());
   const uint32_t queued = queued_ * kRecordSize;
   return room > queued ? room - queued : 0;
 }
@@ -222,16 +172,17 @@ bool RowWriter::fits(size_t size) const {
 }
 
 bool RowWriter::writeData(const uint8_t* data, size_t size) {
-  const auto before = static_cast<uint32_t>(stream_->getFreeAddr());
+  const auto before = static_cast<uint32_t>(chunks_.stream()->getFreeAddr());
   dataCrc_ = crc16(data, size, dataCrc_);
   for (size_t done = 0; done < size;) {
     const size_t piece = std::min(size - done, kDataPiece);
     // The chunk only copies from the buffer; its interface has no const.
     auto* bytes = const_cast<uint8_t*>(data + done);
-    if (stream_->write(bytes, static_cast<long>(piece)) != static_cast<long>(piece)) return false;
+    if (chunks_.stream()->write(bytes, static_cast<long>(piece)) != static_cast<long>(piece))
+      return false;
     done += piece;
   }
-  if (stream_->getFreeAddr() < before) ++statistics_->streamWraps;
+  if (chunks_.stream()->getFreeAddr() < before) ++statistics_->streamWraps;
   return true;
 }
 
@@ -254,7 +205,7 @@ bool RowWriter::append(const uint8_t* annexB, size_t size, const PictureEntry& g
   PictureEntry entry = given;
   entry.key = row_.streamID;
   entry.number = wrapAdd32(header_.firstNumber, written_.pictures);
-  entry.dataOffset = static_cast<uint32_t>(stream_->getFreeAddr());
+  entry.dataOffset = static_cast<uint32_t>(chunks_.stream()->getFreeAddr());
   entry.size = static_cast<uint32_t>(size + kTimeStampSeiSize);
   dataCrc_ = 0;
   if (!writeStamped(annexB, size, entry.presentation.seconds)) {
@@ -274,17 +225,17 @@ int64_t RowWriter::unsafeMicros(PictureTime decode) const {
 
 bool RowWriter::flush() {
   if (queued_ == 0) return true;
-  return queueToCard() && tell(stream_.get()) && tell(picture_.get());
+  return queueToCard() && chunks_.tell(chunks_.stream()) && chunks_.tell(chunks_.picture());
 }
 
 bool RowWriter::dataToCard() {
   if (omitted("data-before-entries")) return true;
-  return toCard(stream_.get(), kErrWriteData);
+  return chunks_.toCard(chunks_.stream(), kErrWriteData);
 }
 
 bool RowWriter::entriesToCard() {
   if (omitted("entries-flush")) return true;
-  return toCard(picture_.get(), kErrWriteEntries);
+  return chunks_.toCard(chunks_.picture(), kErrWriteEntries);
 }
 
 // The server is told behind it: it may be away, and the card must not wait for it.
@@ -292,11 +243,11 @@ bool RowWriter::queueToCard() {
   if (queued_ == 0) return true;
   if (!dataToCard()) return false;
   const long length = static_cast<long>(queued_) * static_cast<long>(kRecordSize);
-  const auto before = picture_->getFreeAddr();
-  if (picture_->write(queue_.data(), length) != length) {
+  const auto before = chunks_.picture()->getFreeAddr();
+  if (chunks_.picture()->write(queue_.data(), length) != length) {
     return fail(RecordingError::kCard, kErrWriteEntries);
   }
-  if (picture_->getFreeAddr() < before) ++statistics_->pictureWraps;
+  if (chunks_.picture()->getFreeAddr() < before) ++statistics_->pictureWraps;
   if (!entriesToCard()) return false;
   statistics_->confirmed += queued_;
   queued_ = 0;
@@ -313,11 +264,11 @@ bool RowWriter::writeHeader(uint32_t marker) {
   header_.gops = confirmed_.gops;
   uint8_t bytes[kRecordSize];
   encodeStreamHeader(header_, bytes);
-  if (picture_->seek(static_cast<long>(headerOffset_), SEEK_SET) < 0 ||
-      picture_->writeNoSeek(bytes, kRecordSize) != long{kRecordSize}) {
+  if (chunks_.picture()->seek(static_cast<long>(headerOffset_), SEEK_SET) < 0 ||
+      chunks_.picture()->writeNoSeek(bytes, kRecordSize) != long{kRecordSize}) {
     return fail(RecordingError::kCard, kErrWriteHeader);
   }
-  return sync(picture_.get(), kErrWriteHeader);
+  return chunks_.sync(chunks_.picture(), kErrWriteHeader);
 }
 
 bool RowWriter::updateRow() {
@@ -341,7 +292,7 @@ bool RowWriter::finish() {
                         ? removeRow()
                         : writeTotals() && updateRow() && writeHeader(kMarkerClosed);
   running_ = !done;
-  return done && saveManageData();
+  return done && chunks_.save();
 }
 
 // The header's totals, still open, before the row is closed.
@@ -355,18 +306,14 @@ bool RowWriter::writeTotals() {
 bool RowWriter::removeRow() {
   if (!space_->deleteRow(row_.streamID)) return fail(space_->error(), space_->errorText());
   if (!ownsEnd_) return true;
-  stream_->setFreeAddr(header_.dataOffset);
-  picture_->setFreeAddr(headerOffset_);
-  return sync(stream_.get(), kErrWriteData) && sync(picture_.get(), kErrWriteHeader);
+  chunks_.stream()->setFreeAddr(header_.dataOffset);
+  chunks_.picture()->setFreeAddr(headerOffset_);
+  return chunks_.sync(chunks_.stream(), kErrWriteData) &&
+         chunks_.sync(chunks_.picture(), kErrWriteHeader);
 }
 
 void RowWriter::rescue() {
   if (running_) queueToCard();
-}
-
-bool RowWriter::serverAnswers() {
-  CHUNK_USAGE usage = {};
-  return manager_->getUsage(0, &usage, kAreaStream) == 0;
 }
 
 void RowWriter::abandon() {
@@ -374,7 +321,7 @@ void RowWriter::abandon() {
   rescue();
   running_ = false;
   queued_ = 0;
-  patienceMs_ = 0;  // whatever had to be waited for has been
+  chunks_.setPatience(0);  // whatever had to be waited for has been
   watch_->setPatience(kLastLookMs);
   if (confirmed_.pictures == 0) {
     removeRow();
@@ -383,46 +330,50 @@ void RowWriter::abandon() {
     // row go by its number of pictures.
     writeHeader(kMarkerOpen);
     if (updateRow()) writeHeader(kMarkerClosed);
-    manager_->saveManageData();
+    chunks_.save();
   }
-  patienceMs_ = kServerPatienceMs;
+  chunks_.setPatience(kServerPatienceMs);
   watch_->setPatience(kServerPatienceMs);
 }
 
+// A row of a process that is gone becomes the one that is written.
+void RowWriter::takeOver(const DB_STREAM& row, const InterruptedRow* pictures, bool newestOfChunk) {
+  row_ = row;
+  queued_ = 0;
+  confirmed_ = Totals();
+  ownsEnd_ = pictures != nullptr && newestOfChunk;
+  if (pictures == nullptr) return;
+  header_ = pictures->header();
+  headerOffset_ = row.chunkOffset;
+  confirmed_.pictures = pictures->pictures();
+  confirmed_.gops = pictures->gops();
+  confirmed_.dataSize = header_.dataSize;
+  confirmed_.last = pictures->last();
+}
+
+bool RowWriter::openLeftOver(uint32_t dataEnd) {
+  if (!chunks_.open(static_cast<int>(row_.chunkID))) return false;
+  if (ownsEnd_) {
+    chunks_.picture()->setFreeAddr(
+        ringAdvance(headerOffset_, (confirmed_.pictures + 1) * kRecordSize, chunks_.pictureSize()));
+    chunks_.stream()->setFreeAddr(dataEnd);
+  }
+  written_ = confirmed_;
+  running_ = true;
+  return true;
+}
+
 bool RowWriter::closeLeftOver(const DB_STREAM& row, bool newestOfChunk) {
-  const int chunk = static_cast<int>(row.chunkID);
   InterruptedRow found(row);
   const InterruptedRow::Verdict verdict = found.judge();
   if (verdict == InterruptedRow::Verdict::kRefused) {
     syslog(LOG_WARNING, kMsgLeftOverRefused, row.streamID);
     return true;
   }
-  row_ = row;
-  queued_ = 0;
-  confirmed_ = Totals();
-  ownsEnd_ = false;
-  if (verdict == InterruptedRow::Verdict::kPictures) {
-    header_ = found.header();
-    headerOffset_ = row.chunkOffset;
-    ownsEnd_ = newestOfChunk;
-    confirmed_.pictures = found.pictures();
-    confirmed_.gops = found.gops();
-    confirmed_.dataSize = header_.dataSize;
-    confirmed_.last = found.last();
-  }
-  const uint32_t dataEnd = found.dataEnd();
+  const bool hasPictures = verdict == InterruptedRow::Verdict::kPictures;
+  takeOver(row, hasPictures ? &found : nullptr, newestOfChunk);
   syslog(LOG_WARNING, kMsgLeftOver, row.streamID, confirmed_.pictures);
-  if (!openArea(&picture_, kAreaPicture, chunk) || !openArea(&stream_, kAreaStream, chunk))
-    return false;
-  chunk_ = chunk;
-  if (ownsEnd_) {
-    const auto pictureSize = static_cast<uint32_t>(picture_->getChunkSize());
-    picture_->setFreeAddr(
-        ringAdvance(headerOffset_, (confirmed_.pictures + 1) * kRecordSize, pictureSize));
-    stream_->setFreeAddr(dataEnd);
-  }
-  written_ = confirmed_;
-  running_ = true;
+  if (!openLeftOver(found.dataEnd())) return false;
   const bool done = finish();
   closeChunk();
   return done;

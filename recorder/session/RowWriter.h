@@ -2,19 +2,19 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <vector>
 
-#include "chunk/CTARNStreamChunk.h"
 #include "db/DbRecords.h"
 #include "recorder/recording/PictureNumbers.h"
 #include "recorder/recording/RecordFormat.h"
 #include "recorder/rows/DatabaseWatch.h"
 #include "recorder/rows/JournaledRows.h"
+#include "recorder/session/ChunkPair.h"
 #include "recorder/session/RecordingSpace.h"
 
 namespace tarn {
 
+class InterruptedRow;
 class JournalGuard;
 
 // Writes one recording at a time into one chunk pair: header, row, data, entries, and the end, each
@@ -29,7 +29,7 @@ class RowWriter {
   bool openChunk(int chunk);
   // Leaves the chunk; what was written is flushed first. No recording may be running.
   void closeChunk();
-  int chunk() const { return chunk_; }  // -1 when none is open
+  int chunk() const { return chunks_.number(); }  // -1 when none is open
 
   // Begins a recording: header, journal place, row. `seed` has the settings and the start time.
   bool begin(const DB_STREAM& seed);
@@ -58,10 +58,10 @@ class RowWriter {
   // Ends a recording that a killed process left open, at what its entries confirm.
   bool closeLeftOver(const DB_STREAM& row, bool newestOfChunk);
 
-  bool serverAnswers();
+  bool serverAnswers() { return chunks_.serverAnswers(); }
 
-  RecordingError error() const { return error_; }
-  const char* errorText() const { return text_; }
+  RecordingError error() const { return chunks_.error(); }
+  const char* errorText() const { return chunks_.errorText(); }
 
  private:
   struct Totals {
@@ -72,13 +72,7 @@ class RowWriter {
     void add(const PictureEntry& entry);
   };
 
-  bool fail(RecordingError error, const char* text);
-  bool failServer();
-  bool openArea(std::unique_ptr<CTARNStreamChunk>* chunk, uint8_t area, int number);
-  bool refreshUsage(CTARNStreamChunk* chunk);
-  bool toCard(CTARNStreamChunk* chunk, const char* text);
-  bool tell(CTARNStreamChunk* chunk);
-  bool sync(CTARNStreamChunk* chunk, const char* text);
+  bool fail(RecordingError error, const char* text) { return chunks_.fail(error, text); }
   bool dataToCard();
   bool entriesToCard();
   bool queueToCard();
@@ -90,23 +84,23 @@ class RowWriter {
   bool writeData(const uint8_t* data, size_t size);
   bool writeStamped(const uint8_t* annexB, size_t size, uint32_t seconds);
   void stamp(uint32_t seconds);
+  void initRow(const DB_STREAM& seed);
+  bool beginHeader();
   bool writeHeader(uint32_t marker);
   bool writeTotals();
   bool fail(JournaledRows::Outcome outcome);
   bool updateRow();
   bool removeRow();
-  bool saveManageData();
+  void takeOver(const DB_STREAM& row, const InterruptedRow* pictures, bool newestOfChunk);
+  bool openLeftOver(uint32_t dataEnd);
 
-  CTARNStreamManager* manager_;
   CApiDb* db_;
   DatabaseWatch* watch_;
   JournaledRows rows_;
   RecordingSpace* space_;
   RecordingStatistics* statistics_;
 
-  int chunk_ = -1;
-  std::unique_ptr<CTARNStreamChunk> stream_;
-  std::unique_ptr<CTARNStreamChunk> picture_;
+  ChunkPair chunks_;
   PictureNumbers numbers_;
 
   bool running_ = false;
@@ -124,10 +118,6 @@ class RowWriter {
   uint8_t sei_[64];
   uint32_t seiSeconds_ = 0;
   bool seiValid_ = false;
-
-  int64_t patienceMs_;
-  RecordingError error_ = RecordingError::kNone;
-  const char* text_ = "";
 };
 
 }  // namespace tarn
