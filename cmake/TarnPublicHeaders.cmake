@@ -28,4 +28,7 @@ set(TARN_RECORDER_PUBLIC_HEADERS
   recorder/server/ManagementServer.h
   recorder/check/CardCheck.h recorder/check/CardFinding.h recorder/check/CardHoldings.h)
 set(TARN_MEDIA_PUBLIC_HEADERS  # installed with the media library
-  media/LivePictures.h media/MediaInput.h media/MediaOutput.h)
+  media/LivePictures.h media/MediaInput.h media/MediaOutput.h
+  media/record/MediaRecorder.h media/record/RecordConfig.h media/record/RecordListener.h
+  media/record/RecordRequest.h media/record/SafetyWatch.h
+  media/export/ExportReport.h media/export/ExportRequest.h media/export/MediaExporter.h)

@@ -1,9 +1,9 @@
-#include "video/ChannelExport.h"
+#include "media/export/ChannelExport.h"
 
 #include <algorithm>
 #include <utility>
 
-namespace tarn::tool {
+namespace tarn {
 
 ChannelExport::ChannelExport(int channel, std::vector<DB_STREAM> rows, PictureTime from,
                              PictureTime to)
@@ -96,4 +96,4 @@ ChannelExport::Result ChannelExport::next() {
   return Result::kEnd;
 }
 
-}  // namespace tarn::tool
+}  // namespace tarn

@@ -7,30 +7,10 @@
 
 #include "db/DbRecords.h"
 #include "media/MediaOutput.h"
+#include "media/export/ExportReport.h"
 #include "recorder/recording/RecordingReader.h"
 
-namespace tarn::tool {
-
-// Pictures of one recording, back to back, whose bytes are not the ones that were recorded.
-struct DamagedRun {
-  uint32_t streamID;
-  uint32_t firstIndex;
-  uint32_t lastIndex;
-  PictureTime from;
-  PictureTime to;
-};
-
-// What an export holds of one channel, and what is missing in it.
-struct ExportTotals {
-  uint64_t written = 0;
-  uint64_t bytes = 0;
-  uint64_t lost = 0;         // pictures that could not be read
-  uint64_t damaged = 0;      // of those written
-  uint64_t undecodable = 0;  // left out, because the key picture that they need is not there
-  std::vector<DamagedRun> damages;
-  PictureTime first;
-  PictureTime last;
-};
+namespace tarn {
 
 // The pictures of one channel's recordings in a period, one after the other.
 class ChannelExport {
@@ -67,4 +47,4 @@ class ChannelExport {
   std::string error_;
 };
 
-}  // namespace tarn::tool
+}  // namespace tarn

@@ -1,20 +1,18 @@
-#include "video/ChannelRecorder.h"
+#include "media/record/ChannelRecorder.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <exception>
 
 #include "media/MonotonicTime.h"
 
-namespace tarn::tool {
+namespace tarn {
 namespace {
 
-constexpr int64_t kTellUs = 50000;
-constexpr int64_t kProgressUs = 250000;
 constexpr int64_t kIdleUs = 100000;
 // A wall clock that has moved by more against the monotonic one was set.
 constexpr int64_t kClockStepUs = 500000;
@@ -28,25 +26,17 @@ int64_t wallUs() {
   return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
-// Output that cannot be written is told at the end, and no reason to stop recording.
-void say(const std::string& text) { fputs(text.c_str(), stdout); }
-
 }  // namespace
 
-ChannelRecorder::ChannelRecorder(const RecordRequest& request, const InputRequest& input)
-    : request_(request), input_(input), alone_(request.inputs.size() == 1) {
+ChannelRecorder::ChannelRecorder(const RecordRequest& request, const InputRequest& input,
+                                 RecordListener* listener)
+    : request_(request), input_(input), listener_(listener) {
   if (&input != &request.inputs.front()) return;
   for (const EventRequest& event : request.events) {
     const auto at = static_cast<int64_t>(std::llround(event.atSeconds * 1e6));
     events_.push_back({at, at + int64_t{request.eventSeconds} * 1000000, event.trigger});
   }
 }
-
-std::string ChannelRecorder::label() const {
-  return alone_ ? "" : fmt::format("channel {}: ", input_.channel);
-}
-
-void ChannelRecorder::warn(const std::string& text) const { complain(label() + text); }
 
 // The first failure is the one that counts.
 bool ChannelRecorder::fail(const std::string& text) {
@@ -77,9 +67,9 @@ bool ChannelRecorder::isIdle() {
   if (session_.isOpen()) {
     watchClock();
     if (session_.tick() != 0) fail(session_.errorText());
-    tellProgress(false);
+    tellProgress();
   }
-  return stopRequested() || !good_;
+  return stopAsked() || !good_;
 }
 
 void ChannelRecorder::watchClock() {
@@ -112,7 +102,7 @@ void ChannelRecorder::prepare(const MediaInput& input) {
 void ChannelRecorder::pace(int64_t decodeUs) {
   if (!request_.realtime) return;
   const int64_t due = beganUs_ + originUs_ + decodeUs - firstDecodeUs_;
-  for (int64_t wait = due - monotonicUs(); wait > 0 && !stopRequested(); wait = due - monotonicUs())
+  for (int64_t wait = due - monotonicUs(); wait > 0 && !stopAsked(); wait = due - monotonicUs())
     usleep(static_cast<useconds_t>(std::min<int64_t>(wait, 500000)));
 }
 
@@ -122,7 +112,7 @@ bool ChannelRecorder::moveEvents(int64_t nowUs) {
     if (event.eventID == 0 && nowUs >= event.startUs) {
       event.eventID = session_.beginEvent(event.trigger, clockTime(event.startUs), 0);
       if (event.eventID == 0) return fail(session_.errorText());
-      ++eventsInserted_;
+      ++eventsBegun_;
     }
     if (event.eventID != 0 && nowUs >= event.endUs) {
       event.over = true;
@@ -141,8 +131,7 @@ bool ChannelRecorder::write(const MediaPicture& picture, PictureTime presentatio
                             decodeOffset, picture.key) != 0)
     return fail(session_.errorText());
   endUs_ = std::max(endUs_, atUs + picture.durationUs);
-  showProgress();
-  tellProgress(true);
+  tellProgress();
   return true;
 }
 
@@ -173,11 +162,11 @@ bool ChannelRecorder::writeLive() {
 // Up to the input's end (true) or a failure of the input or the session.
 bool ChannelRecorder::recordInput(MediaInput* input) {
   bool first = true;
-  while (!stopRequested()) {
+  while (!stopAsked()) {
     MediaPicture picture;
     const MediaInput::Result result = input->next(&picture);
     // A stop interrupts the read of a live stream; that is no failure.
-    if (result == MediaInput::Result::kError && !stopRequested()) return false;
+    if (result == MediaInput::Result::kError && !stopAsked()) return false;
     if (result != MediaInput::Result::kPicture) return true;
     if (!session_.isOpen() && !openSession(*input)) return false;
     opened_ = true;
@@ -189,10 +178,10 @@ bool ChannelRecorder::recordInput(MediaInput* input) {
 }
 
 bool ChannelRecorder::recordPasses() {
-  for (uint32_t pass = 0; pass < request_.loop && !stopRequested(); ++pass) {
+  for (uint32_t pass = 0; pass < request_.loop && !stopAsked(); ++pass) {
     std::string error;
     const auto input = openInput(&error);
-    if (input == nullptr) return stopRequested() || fail(error);
+    if (input == nullptr) return stopAsked() || fail(error);
     prepare(*input);
     if (pass == 0) {
       start_ = request_.start.value_or(PictureTime::fromMicros(wallUs()));
@@ -206,7 +195,7 @@ bool ChannelRecorder::recordPasses() {
       if (!writeLive()) return false;
     }
     if (!ended) return fail(input->error());
-    if (!stopRequested() && session_.statistics().pictures == 0)
+    if (!stopAsked() && session_.statistics().pictures == 0)
       return fail(input_.input + " holds no picture that a recording can begin with");
   }
   return true;
@@ -215,7 +204,7 @@ bool ChannelRecorder::recordPasses() {
 bool ChannelRecorder::pauseFor(int64_t pauseUs) {
   const int64_t end = monotonicUs() + pauseUs;
   while (!isIdle() && monotonicUs() < end) usleep(static_cast<useconds_t>(kIdleUs));
-  return !stopRequested() && good_;
+  return !stopAsked() && good_;
 }
 
 // A camera may be away, now and later; what was received is safe, and it is asked again and again.
@@ -237,7 +226,7 @@ bool ChannelRecorder::recordAddress() {
       if (session_.statistics().pictures > before) pause = kFirstPauseUs;
       session_.markDiscontinuity();
     }
-    if (stopRequested()) return true;
+    if (stopAsked()) return true;
     if (!told) warn(error + "; trying again");
     told = true;
     if (!pauseFor(pause)) return good_;
@@ -251,14 +240,15 @@ void ChannelRecorder::endEvents() {
       if (session_.endEvent(event.eventID, clockTime(std::min(event.endUs, endUs_))) != 0)
         fail(session_.errorText());
     } else if (event.eventID == 0) {
-      warn(fmt::format("the recording ended before the event {}@{:g}", event.trigger,
-                       static_cast<double>(event.startUs) / 1e6));
+      char text[80];
+      snprintf(text, sizeof text, "the recording ended before the event %u@%g",
+               unsigned{event.trigger}, static_cast<double>(event.startUs) / 1e6);
+      warn(text);
     }
   }
 }
 
-bool ChannelRecorder::run() {
-  if (alone_) progress_.emplace();
+void ChannelRecorder::record() {
   if (MediaInput::isAddress(input_.input)) {
     recordAddress();
   } else {
@@ -266,49 +256,27 @@ bool ChannelRecorder::run() {
   }
   endEvents();
   if (session_.isOpen() && session_.close() != 0) fail(session_.errorText());
-  progress_.reset();
-  tellProgress(true);
+  tellProgress();
+}
+
+bool ChannelRecorder::run() noexcept {
+  try {
+    record();
+  } catch (const std::exception& error) {
+    fail(error.what());
+    session_.close();
+  }
   return good_;
 }
 
-// Whoever watches may kill us at any moment, so each line goes out at once. That nobody reads them
-// any more is no reason to stop recording.
-void ChannelRecorder::tellProgress(bool always) {
-  const RecordingStatistics statistics = session_.statistics();
-  safePictures_ = statistics.confirmed;
-  if (!request_.progress) return;
-  const int64_t now = monotonicUs();
-  if (statistics.confirmed == safe_ && (!always || now - lastToldUs_ < kTellUs)) return;
-  safe_ = statistics.confirmed;
-  lastToldUs_ = now;
-  say(label() + fmt::format("{} pictures written, {} safe\n", statistics.pictures, safe_));
-  fflush(stdout);
+ChannelRecording ChannelRecorder::recording() const {
+  return {input_.channel, opened_, endUs_, eventsBegun_, session_.statistics()};
 }
 
-void ChannelRecorder::showProgress() {
-  const int64_t now = monotonicUs();
-  if (!progress_ || now - lastProgressUs_ < kProgressUs) return;
-  lastProgressUs_ = now;
-  const RecordingStatistics statistics = session_.statistics();
-  progress_->show(fmt::format("{} pictures, {:.1f} s, {:.1f} MB", statistics.pictures,
-                              static_cast<double>(endUs_) / 1e6,
-                              static_cast<double>(statistics.bytes) / 1e6));
+void ChannelRecorder::tellProgress() {
+  const ChannelRecording now = recording();
+  safePictures_ = now.statistics.confirmed;
+  listener_->progressed(now);
 }
 
-void ChannelRecorder::report() const {
-  if (!opened_) return;
-  const RecordingStatistics s = session_.statistics();
-  say(label() +
-      fmt::format(
-          "recorded {} pictures ({:.1f} s, {:.1f} MB) in {} recordings on {} chunks, {} events\n",
-          s.confirmed, static_cast<double>(endUs_) / 1e6, static_cast<double>(s.bytes) / 1e6,
-          s.segments, s.chunks, eventsInserted_));
-  if (s.pictures > s.confirmed)
-    say(label() + fmt::format("not on the card: {} pictures\n", s.pictures - s.confirmed));
-  say(label() +
-      fmt::format(
-          "made room: {} oldest recordings and {} events deleted, ring ends passed {} times\n",
-          s.recordingsDeleted, s.eventsDeleted, s.streamWraps));
-}
-
-}  // namespace tarn::tool
+}  // namespace tarn

@@ -7,27 +7,31 @@
 #include <string>
 #include <vector>
 
-#include "Console.h"
 #include "media/LivePictures.h"
 #include "media/MediaInput.h"
+#include "media/record/RecordListener.h"
+#include "media/record/RecordRequest.h"
 #include "recorder/session/PictureClock.h"
 #include "recorder/session/RecordingSession.h"
-#include "video/Record.h"
 
-namespace tarn::tool {
+namespace tarn {
 
-// Records one input on its channel. Used by one thread, its own.
+// Records one input on its channel. Used by one thread, its own, where nothing else is said.
 class ChannelRecorder {
  public:
-  // The request outlives this; `input` is one of its inputs.
-  ChannelRecorder(const RecordRequest& request, const InputRequest& input);
+  // Request and listener outlive this; `input` is one of the request's inputs.
+  ChannelRecorder(const RecordRequest& request, const InputRequest& input,
+                  RecordListener* listener);
 
-  // Until the input's end, a failure or a stop. False after a failure, which was told.
-  bool run();
-  // Says what was recorded, once run() is over.
-  void report() const;
+  // Until the input's end, a failure or a stop. False after a failure, which the listener was told.
+  // Throws nothing.
+  bool run() noexcept;
+  // What was recorded so far.
+  ChannelRecording recording() const;
   // Pictures that are safe by now; any thread.
   uint64_t safePictures() const { return safePictures_; }
+  // Asks for an orderly end, as the listener may; any thread.
+  void stop() { stopped_ = true; }
 
  private:
   // An event on its way: waiting for its moment, running, or over.
@@ -39,10 +43,11 @@ class ChannelRecorder {
     bool over = false;
   };
 
-  std::string label() const;
   bool fail(const std::string& text);
-  void warn(const std::string& text) const;
+  void warn(const std::string& text) const { listener_->told(input_.channel, text); }
+  bool stopAsked() const { return stopped_ || listener_->stopAsked(); }
 
+  void record();
   std::unique_ptr<MediaInput> openInput(std::string* error);
   void prepare(const MediaInput& input);
   bool recordPasses();
@@ -59,15 +64,14 @@ class ChannelRecorder {
   void watchClock();
   bool moveEvents(int64_t nowUs);
   void endEvents();
-  void showProgress();
-  void tellProgress(bool always);
+  void tellProgress();
   PictureTime clockTime(int64_t timeUs) const {
     return PictureTime::fromMicros(start_.totalMicros() + timeUs);
   }
 
   const RecordRequest& request_;
   const InputRequest& input_;
-  const bool alone_;  // no other input is recorded
+  RecordListener* const listener_;
   RecordingSession session_;
   std::vector<EventState> events_;
   bool good_ = true;
@@ -80,14 +84,11 @@ class ChannelRecorder {
   int64_t originUs_ = 0;       // where on the recording's time line the present pass begins
   int64_t endUs_ = 0;          // end of the last picture so far
   int64_t beganUs_ = 0;        // monotonic
-  int64_t lastProgressUs_ = 0;
-  int64_t lastToldUs_ = 0;
   int64_t lastIdleUs_ = 0;
-  uint64_t safe_ = 0;  // pictures, as last told
-  unsigned eventsInserted_ = 0;
+  uint32_t eventsBegun_ = 0;
   bool opened_ = false;
-  std::optional<ProgressLine> progress_;
   std::atomic<uint64_t> safePictures_ = 0;
+  std::atomic<bool> stopped_ = false;
 };
 
-}  // namespace tarn::tool
+}  // namespace tarn

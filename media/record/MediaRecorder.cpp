@@ -1,83 +1,127 @@
-#include "video/Record.h"
+#include "media/record/MediaRecorder.h"
 
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <cstdlib>
+#include <chrono>
+#include <condition_variable>
 #include <exception>
 #include <list>
+#include <mutex>
 #include <thread>
 
-#include "Console.h"
-#include "dblog/CDbLog.h"
-#include "media/MonotonicTime.h"
-#include "programs/ServiceNotice.h"
-#include "video/ChannelRecorder.h"
-#include "video/SafetyWatch.h"
+#include "media/record/ChannelRecorder.h"
+#include "recorder/card/NoThrow.h"
 
-namespace tarn::tool {
-
-std::optional<EventRequest> parseEvent(const std::string& text) {
-  const size_t at = text.find('@');
-  if (at == 0 || at == std::string::npos || at + 1 == text.size()) return std::nullopt;
-  if (text.find_first_not_of("0123456789") != at) return std::nullopt;
-  errno = 0;
-  const unsigned long trigger = std::strtoul(text.c_str(), nullptr, 10);
-  char* end = nullptr;
-  const double seconds = std::strtod(text.c_str() + at + 1, &end);
-  if (errno != 0 || trigger > UINT16_MAX || *end != '\0' || !(seconds >= 0) || seconds > 1e9)
-    return std::nullopt;
-  return EventRequest{static_cast<uint16_t>(trigger), seconds};
-}
-
+namespace tarn {
 namespace {
 
-void runChannel(ChannelRecorder* channel, std::atomic<bool>* good) {
-  bool done = false;
-  try {
-    done = channel->run();
-  } catch (const std::exception& error) {
-    complain(error.what());
-  }
-  if (!done) *good = false;
-}
-
-// Until the last channel's thread is done.
-void watch(const std::list<ChannelRecorder>& channels, const std::atomic<size_t>& running) {
-  constexpr useconds_t kLookUs = 100000;
-  const int64_t limit = SafetyWatch::limitOfManager();
-  SafetyWatch safety(limit, monotonicUs());
-  for (; running > 0; usleep(kLookUs)) {
-    uint64_t safe = 0;
-    for (const ChannelRecorder& channel : channels) safe += channel.safePictures();
-    const SafetyWatch::Verdict verdict = safety.look(safe, monotonicUs());
-    if (verdict == SafetyWatch::Verdict::kFeed) notifyServiceManager("WATCHDOG=1");
-    if (verdict == SafetyWatch::Verdict::kWarn)
-      complain("no picture has become safe for " + std::to_string(limit / 2000000) +
-               " s; after as long again the service manager starts the recording anew");
-  }
-}
+constexpr std::chrono::milliseconds kLook{100};
+constexpr char kErrNoThread[] = "no thread can be started for each input";
 
 }  // namespace
 
-int recordMedia(const RecordRequest& request) {
-  std::list<ChannelRecorder> channels;
-  for (const InputRequest& input : request.inputs) channels.emplace_back(request, input);
-  std::atomic<bool> good = true;
-  std::atomic<size_t> running = channels.size();
-  std::list<std::thread> threads;
-  for (ChannelRecorder& channel : channels) {
-    threads.emplace_back([&channel, &good, &running] {
-      runChannel(&channel, &good);
-      --running;
-    });
+class MediaRecorder::Impl {
+ public:
+  Impl(const RecordRequest& request, RecordListener* listener)
+      : request_(request), listener_(listener) {
+    for (const InputRequest& input : request_.inputs)
+      channels_.emplace_back(request_, input, listener_);
   }
-  if (SafetyWatch::limitOfManager() > 0) watch(channels, running);
-  for (std::thread& thread : threads) thread.join();
-  CDbLog::getInstance()->finish();
-  for (ChannelRecorder& channel : channels) channel.report();
-  return good ? 0 : 1;
+  bool run();
+  const char* error() const { return noThreads_ ? kErrNoThread : error_.c_str(); }
+  std::vector<ChannelRecording> recordings() const;
+
+ private:
+  void startThreads();
+  void runChannel(ChannelRecorder* channel);
+  void waitForChannels();
+  uint64_t safePictures() const;
+
+  const RecordRequest request_;
+  RecordListener* const listener_;
+  std::list<ChannelRecorder> channels_;
+  std::list<std::thread> threads_;
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  size_t running_ = 0;
+  bool good_ = true;
+  bool noThreads_ = false;
+  std::string error_;
+};
+
+void MediaRecorder::Impl::runChannel(ChannelRecorder* channel) {
+  const bool done = channel->run();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  good_ = done && good_;
+  --running_;
+  ended_.notify_one();
 }
 
-}  // namespace tarn::tool
+// All or none: half of the cameras would look like all of them.
+void MediaRecorder::Impl::startThreads() {
+  for (ChannelRecorder& channel : channels_) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    try {
+      threads_.emplace_back([this, &channel] { runChannel(&channel); });
+    } catch (const std::exception&) {
+      noThreads_ = true;
+      break;
+    }
+    ++running_;
+  }
+  if (!noThreads_) return;
+  for (ChannelRecorder& channel : channels_) channel.stop();
+}
+
+uint64_t MediaRecorder::Impl::safePictures() const {
+  uint64_t safe = 0;
+  for (const ChannelRecorder& channel : channels_) safe += channel.safePictures();
+  return safe;
+}
+
+void MediaRecorder::Impl::waitForChannels() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!ended_.wait_for(lock, kLook, [this] { return running_ == 0; })) {
+    lock.unlock();
+    listener_->meanwhile(safePictures());
+    lock.lock();
+  }
+}
+
+bool MediaRecorder::Impl::run() {
+  if (!checkRecordRequest(request_, &error_)) return false;
+  startThreads();
+  waitForChannels();
+  for (std::thread& thread : threads_) thread.join();
+  threads_.clear();
+  return good_ && !noThreads_;
+}
+
+std::vector<ChannelRecording> MediaRecorder::Impl::recordings() const {
+  std::vector<ChannelRecording> all;
+  for (const ChannelRecorder& channel : channels_) all.push_back(channel.recording());
+  return all;
+}
+
+MediaRecorder::MediaRecorder(const RecordRequest& request, RecordListener* listener) noexcept {
+  impl_ = orNoMemory(
+      "MediaRecorder", [&] { return std::make_unique<Impl>(request, listener); },
+      [] { return std::unique_ptr<Impl>(); });
+}
+
+MediaRecorder::~MediaRecorder() = default;
+
+bool MediaRecorder::run() noexcept {
+  if (!impl_) return false;
+  return orNoMemory(
+      "MediaRecorder::run", [&] { return impl_->run(); }, [] { return false; });
+}
+
+const char* MediaRecorder::error() const noexcept { return impl_ ? impl_->error() : kErrNoMemory; }
+
+std::vector<ChannelRecording> MediaRecorder::recordings() const noexcept {
+  return orNoMemory(
+      "MediaRecorder::recordings",
+      [&] { return impl_ ? impl_->recordings() : std::vector<ChannelRecording>(); },
+      [] { return std::vector<ChannelRecording>(); });
+}
+
+}  // namespace tarn

@@ -1,11 +1,11 @@
-#include "video/RecordConfig.h"
+#include "media/record/RecordConfig.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 
-namespace tarn::tool {
+namespace tarn {
 namespace {
 
 std::string trimmed(const std::string& text) {
@@ -139,4 +139,4 @@ bool readRecordConfig(const std::string& path, RecordRequest* request, std::stri
   return wrong.empty();
 }
 
-}  // namespace tarn::tool
+}  // namespace tarn

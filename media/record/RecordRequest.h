@@ -5,20 +5,21 @@
 #include <string>
 #include <vector>
 
+#include "base/Export.h"
 #include "recorder/card/PictureTime.h"
 
-namespace tarn::tool {
+namespace tarn {
 
 // One event of a recording, relative to its start.
 struct EventRequest {
   uint16_t trigger = 0;
-  double atSeconds = 0;
+  double atSeconds = 0;  // 0 or more
 };
 
 // One input with the channel that it is recorded on.
 struct InputRequest {
-  std::string input;  // file, "-" for standard input, or an rtsp:// address
-  uint8_t channel = 0;
+  std::string input;    // as MediaInput::open() takes it: a file, "-", or an rtsp:// address
+  uint8_t channel = 0;  // 0 to 127
 };
 
 // Where the times of pictures come from.
@@ -28,27 +29,23 @@ enum class TimesFrom {
   kStream,   // counted from the start, as a file's
 };
 
-// What `tarn record` was asked for.
+// What a MediaRecorder is to record, and how.
 struct RecordRequest {
   std::vector<InputRequest> inputs;  // each with a channel of its own
   uint32_t loop = 1;                 // how often files are recorded, one after the other
   std::optional<PictureTime> start;  // time of the first picture; now when not given
   TimesFrom times = TimesFrom::kInput;
-  uint32_t segmentSeconds = 60;
-  uint32_t flushMs = 1000;
-  uint32_t eventSeconds = 10;  // length of each event
-  double frameRate = 0;        // for streams without times; 0: what the stream tells
-  bool realtime = false;
-  bool progress = false;             // say how far it is on standard output
+  uint32_t segmentSeconds = 60;      // as RecordingOptions::segmentSeconds
+  uint32_t flushMs = 1000;           // as RecordingOptions::flushIntervalMs
+  uint32_t eventSeconds = 10;        // length of each event
+  double frameRate = 0;              // for streams without times; 0: what the stream tells
+  bool realtime = false;             // no faster than the pictures' own times
   std::vector<EventRequest> events;  // of the first input
 };
 
-// Reads "TRIGGER@SECONDS". Empty when the text is not of this form or out of range.
-std::optional<EventRequest> parseEvent(const std::string& text);
+// False with *error set when a request contradicts itself: no input, a channel or
+// standard input given twice, a stream that would have to be read a second time. Opens nothing.
+// Throws std::bad_alloc when memory runs out.
+TARN_API bool checkRecordRequest(const RecordRequest& request, std::string* error);
 
-// Records each input in a thread of its own, until its end or SIGINT/SIGTERM, and says what came of
-// it on standard output. An input that fails stops no other. The exit status: 0, or 1 after a
-// failure of any, which is told on standard error.
-int recordMedia(const RecordRequest& request);
-
-}  // namespace tarn::tool
+}  // namespace tarn

@@ -1,10 +1,10 @@
-#include "video/SafetyWatch.h"
+#include "media/record/SafetyWatch.h"
 
 #include <unistd.h>
 
 #include <cstdlib>
 
-namespace tarn::tool {
+namespace tarn {
 
 SafetyWatch::SafetyWatch(int64_t limitUs, int64_t nowUs)
     : limitUs_(limitUs), grewUs_(nowUs), fedUs_(nowUs - limitUs) {}
@@ -33,4 +33,4 @@ SafetyWatch::Verdict SafetyWatch::look(uint64_t safe, int64_t nowUs) {
   return Verdict::kWarn;
 }
 
-}  // namespace tarn::tool
+}  // namespace tarn

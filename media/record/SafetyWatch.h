@@ -2,12 +2,14 @@
 
 #include <cstdint>
 
-namespace tarn::tool {
+#include "base/Export.h"
+
+namespace tarn {
 
 // The service manager's watchdog of a recording: fed only while pictures become safe, so that one
 // that records nothing is started again, and the log says why. Does nothing where no manager
 // watches.
-class SafetyWatch {
+class TARN_API SafetyWatch {
  public:
   // `limitUs`: after so long without being fed the manager restarts the service; 0: it never does.
   SafetyWatch(int64_t limitUs, int64_t nowUs);
@@ -27,4 +29,4 @@ class SafetyWatch {
   bool warned_ = false;
 };
 
-}  // namespace tarn::tool
+}  // namespace tarn

@@ -6,7 +6,7 @@
 
 #include "Command.h"
 #include "Console.h"
-#include "RecorderDatabase.h"
+#include "RecorderHint.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "fat/ChunkFiles.h"
@@ -14,6 +14,7 @@
 #include "recorder/card/CardText.h"
 #include "recorder/card/ChunkChannels.h"
 #include "recorder/recording/RecordingIndex.h"
+#include "recorder/rows/RecorderDatabase.h"
 
 namespace tarn {
 namespace {
@@ -128,13 +129,13 @@ class CommandList : public Command {
       complain(geometry.text);
       return kExitFailed;
     }
-    if (databaseIsGood(&error_) && channelsAreKnown()) {
+    if (databaseIsGood(stopRequested, &error_) && channelsAreKnown()) {
       db_ = std::make_unique<CApiDb>();
       const bool listed = what_ == "events" ? listEvents() : listStreams();
       if (listed && refused_.empty()) return kExitGood;
       if (listed) error_ = refused_;
     }
-    complain(error_);
+    complain(withHint(error_));
     return kExitFailed;
   }
 

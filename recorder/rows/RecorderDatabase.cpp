@@ -1,8 +1,7 @@
-#include "RecorderDatabase.h"
+#include "recorder/rows/RecorderDatabase.h"
 
 #include <unistd.h>
 
-#include "Console.h"
 #include "db/CApiDb.h"
 #include "recorder/rows/DatabaseGate.h"
 #include "recorder/rows/DatabaseSetup.h"
@@ -15,11 +14,12 @@ constexpr int kPatienceSteps = 50;
 constexpr int64_t kStepMs = 200;
 
 // Whoever asks the database waits for its lock without a limit, also for that of a dead process.
-bool lockComesFree(std::string* error) {
+bool lockComesFree(const std::function<bool()>& stopAsked, std::string* error) {
   using State = DatabaseGate::State;
   pid_t holder = 0;
   State state = DatabaseGate::look(&holder);
-  for (int i = 0; state == State::kHeld && i < kPatienceSteps && !stopRequested(); ++i) {
+  for (int i = 0; state == State::kHeld && i < kPatienceSteps; ++i) {
+    if (stopAsked && stopAsked()) break;
     state = DatabaseGate::await(kStepMs, &holder);
   }
   if (state == State::kFree || state == State::kUnknown) return true;
@@ -30,11 +30,11 @@ bool lockComesFree(std::string* error) {
 
 }  // namespace
 
-bool databaseIsGood(std::string* error) {
+bool databaseIsGood(const std::function<bool()>& stopAsked, std::string* error) {
   const char* path = DatabaseSetup::defaultPath();
-  if (access(path, F_OK) == 0) return lockComesFree(error) && DatabaseSetup::check(path, error);
-  *error = std::string("there is no database ") + path +
-           ": the recorder has not been started; use --card CARD to look at a card without one";
+  if (access(path, F_OK) == 0)
+    return lockComesFree(stopAsked, error) && DatabaseSetup::check(path, error);
+  *error = std::string("there is no database ") + path + ": the recorder has not been started";
   return false;
 }
 

@@ -54,6 +54,13 @@ void makeAll() {
   tarn::MediaInput::open(
       "", 0, [] { return false; }, &error);
   tarn::MediaOutput::create("", false, &error);
+  tarn::RecordRequest request;
+  tarn::checkRecordRequest(request, &error);
+  tarn::readRecordConfig("", &request, &error);
+  tarn::RecordListener listener;
+  tarn::MediaRecorder(request, &listener).run();
+  tarn::SafetyWatch(tarn::SafetyWatch::limitOfManager(), 0).look(0, 0);
+  tarn::MediaExporter(tarn::ExportRequest()).run();
 #endif
 }
 

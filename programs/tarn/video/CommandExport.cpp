@@ -1,6 +1,8 @@
 #include "Command.h"
 #include "Console.h"
-#include "video/Export.h"
+#include "RecorderHint.h"
+#include "media/export/MediaExporter.h"
+#include "video/ExportOutput.h"
 
 namespace tarn {
 namespace {
@@ -42,7 +44,7 @@ class CommandExport : public Command {
                     "channels one each, NAME-ch0.mp4 and so on")
         ->required();
     app->add_flag("--tracks", request_.tracks, "Several channels into one .mp4, a track each");
-    app->add_flag("--json", request_.json, "Print as JSON what the file holds");
+    app->add_flag("--json", json_, "Print as JSON what the file holds");
     app->add_flag("--force", request_.overwrite, "Replace the file when it exists");
     return app;
   }
@@ -59,13 +61,20 @@ class CommandExport : public Command {
       complain("--to lies before --from");
       return kExitUsage;
     }
-    return tool::exportMedia(request_);
+    MediaExporter exporter(request_);
+    const bool good = exporter.run(stopRequested);
+    const ExportOutput output(exporter.channels());
+    if (json_) output.printJson(request_.tracks);
+    output.tell(json_);
+    if (*exporter.error() != '\0') complain(withHint(exporter.error()));
+    return good ? kExitGood : kExitFailed;
   }
 
   std::vector<std::string*> userPaths() override { return {&request_.output}; }
 
  private:
-  tool::ExportRequest request_;
+  ExportRequest request_;
+  bool json_ = false;
   std::string from_;
   std::string to_;
 };

@@ -1,16 +1,34 @@
 #include <fmt/format.h>
 
-#include <set>
+#include <cerrno>
+#include <cstdlib>
+#include <optional>
 
 #include "Command.h"
 #include "Console.h"
+#include "dblog/CDbLog.h"
 #include "media/MediaInput.h"
+#include "media/record/MediaRecorder.h"
+#include "media/record/RecordConfig.h"
 #include "recorder/rows/ServerRetry.h"
-#include "video/Record.h"
-#include "video/RecordConfig.h"
+#include "video/RecordOutput.h"
 
 namespace tarn {
 namespace {
+
+// Reads "TRIGGER@SECONDS". Empty when the text is not of this form or out of range.
+std::optional<EventRequest> parseEvent(const std::string& text) {
+  const size_t at = text.find('@');
+  if (at == 0 || at == std::string::npos || at + 1 == text.size()) return std::nullopt;
+  if (text.find_first_not_of("0123456789") != at) return std::nullopt;
+  errno = 0;
+  const unsigned long trigger = std::strtoul(text.c_str(), nullptr, 10);
+  char* end = nullptr;
+  const double seconds = std::strtod(text.c_str() + at + 1, &end);
+  if (errno != 0 || trigger > UINT16_MAX || *end != '\0' || !(seconds >= 0) || seconds > 1e9)
+    return std::nullopt;
+  return EventRequest{static_cast<uint16_t>(trigger), seconds};
+}
 
 class CommandRecord : public Command {
  public:
@@ -60,57 +78,26 @@ class CommandRecord : public Command {
     app->add_flag("--realtime", request_.realtime, "No faster than the pictures' own times");
     app->add_flag("--wait", wait_,
                   "Wait for the management server as long as it takes, instead of five seconds");
-    app->add_flag("--progress", request_.progress,
+    app->add_flag("--progress", progress_,
                   "Print how many pictures are written and safe, as soon as more are safe");
     return app;
   }
 
   int run() override {
-    for (const std::string& text : events_) {
-      const auto event = tool::parseEvent(text);
-      if (!event) {
-        complain("--event " + text + ": expected TRIGGER@SECONDS, with a trigger up to 65535");
-        return kExitUsage;
-      }
-      request_.events.push_back(*event);
-    }
-    if (!start_.empty()) {
-      PictureTime time;
-      if (!parseTime(start_, &time.seconds)) {
-        complain("--start " + start_ + ": expected YYYY-MM-DDTHH:MM:SS");
-        return kExitUsage;
-      }
-      request_.start = time;
-    }
-    if (checkConfig_ && !inputs_.empty()) {
-      complain("--check-config: an INPUT is not the configuration's");
-      return kExitUsage;
-    }
-    if (inputs_.empty()) {
-      std::string error;
-      if (!tool::readRecordConfig(config_, &request_, &error)) {
-        complain(inputs_.empty() && !checkConfig_ ? "no INPUT, and " + error : error);
-        return kExitUsage;
-      }
-    }
+    if (!takeEvents() || !takeStart() || !takeConfig()) return kExitUsage;
     if (checkConfig_) return tellConfig();
-    if (times_ == "arrival") request_.times = tool::TimesFrom::kArrival;
-    if (times_ == "stream") request_.times = tool::TimesFrom::kStream;
-    if (times_ == "arrival" && request_.start) {
-      complain("--start: what comes is recorded with the time at which it comes");
-      return kExitUsage;
-    }
+    if (!takeTimes()) return kExitUsage;
     resolveInputs();
     if (!inputsAreGood()) return kExitUsage;
     waitForServerForever(wait_);
-    return tool::recordMedia(request_);
+    return record();
   }
 
   std::vector<std::string*> userPaths() override {
     resolveInputs();
     std::vector<std::string*> paths;
     if (inputs_.empty()) paths.push_back(&config_);
-    for (tool::InputRequest& input : request_.inputs) {
+    for (InputRequest& input : request_.inputs) {
       if (!MediaInput::isAddress(input.input)) paths.push_back(&input.input);
     }
     return paths;
@@ -128,7 +115,7 @@ class CommandRecord : public Command {
       const bool named = !number.empty() && number.size() <= 3 &&
                          number.find_first_not_of("0123456789") == std::string::npos &&
                          std::stoul(number) <= 127;
-      tool::InputRequest input;
+      InputRequest input;
       input.input = named ? text.substr(equals + 1) : text;
       input.channel = static_cast<uint8_t>(named                     ? std::stoul(number)
                                            : next < channels_.size() ? channels_[next]
@@ -142,23 +129,56 @@ class CommandRecord : public Command {
   bool inputsAreGood() const {
     if (!channels_.empty() && channels_.size() != unnamed_)
       return refuse("--channel: give one for each input that has none of its own");
-    std::set<unsigned> channels;
-    size_t standardInputs = 0;
-    bool endless = false;
-    for (const tool::InputRequest& input : request_.inputs) {
-      if (!channels.insert(input.channel).second)
-        return refuse("channel " + std::to_string(input.channel) + " is given to two inputs");
-      if (input.input == "-") ++standardInputs;
-      endless = endless || input.input == "-" || MediaInput::isAddress(input.input);
+    std::string error;
+    return checkRecordRequest(request_, &error) || refuse(error);
+  }
+
+  bool takeEvents() {
+    for (const std::string& text : events_) {
+      const auto event = parseEvent(text);
+      if (!event)
+        return refuse("--event " + text + ": expected TRIGGER@SECONDS, with a trigger up to 65535");
+      request_.events.push_back(*event);
     }
-    if (standardInputs > 1) return refuse("standard input can be recorded on one channel only");
-    if (request_.inputs.size() > 128) return refuse("there are 128 channels");
-    if (request_.loop > 1 && endless) return refuse("--loop: only files can be read again");
     return true;
   }
 
+  bool takeStart() {
+    if (start_.empty()) return true;
+    PictureTime time;
+    if (!parseTime(start_, &time.seconds))
+      return refuse("--start " + start_ + ": expected YYYY-MM-DDTHH:MM:SS");
+    request_.start = time;
+    return true;
+  }
+
+  bool takeConfig() {
+    if (checkConfig_ && !inputs_.empty())
+      return refuse("--check-config: an INPUT is not the configuration's");
+    std::string error;
+    if (!inputs_.empty() || readRecordConfig(config_, &request_, &error)) return true;
+    return refuse(checkConfig_ ? error : "no INPUT, and " + error);
+  }
+
+  bool takeTimes() {
+    if (times_ == "arrival") request_.times = TimesFrom::kArrival;
+    if (times_ == "stream") request_.times = TimesFrom::kStream;
+    return times_ != "arrival" || !request_.start ||
+           refuse("--start: what comes is recorded with the time at which it comes");
+  }
+
+  int record() const {
+    RecordOutput output(request_.inputs.size() == 1, progress_);
+    MediaRecorder recorder(request_, &output);
+    const bool good = recorder.run();
+    if (*recorder.error() != '\0') complain(recorder.error());
+    CDbLog::getInstance()->finish();
+    for (const ChannelRecording& recording : recorder.recordings()) output.report(recording);
+    return good ? kExitGood : kExitFailed;
+  }
+
   int tellConfig() const {
-    for (const tool::InputRequest& input : request_.inputs)
+    for (const InputRequest& input : request_.inputs)
       fmt::print("channel {}: {}\n", input.channel, asUserSees(input.input));
     return kExitGood;
   }
@@ -168,15 +188,16 @@ class CommandRecord : public Command {
     return false;
   }
 
-  tool::RecordRequest request_;
+  RecordRequest request_;
   std::vector<std::string> inputs_;
   std::vector<unsigned> channels_;
   size_t unnamed_ = 0;  // inputs without a channel of their own
   std::string times_;
-  std::string config_ = tool::kRecordConfig;
+  std::string config_ = kRecordConfig;
   bool checkConfig_ = false;
   std::string start_;
   bool wait_ = false;
+  bool progress_ = false;
   std::vector<std::string> events_;
 };
 

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "recorder/card/PictureTime.h"
+
+namespace tarn {
+
+// Pictures of one recording, back to back, whose bytes are not the ones that were recorded.
+struct DamagedRun {
+  uint32_t streamID;
+  uint32_t firstIndex;  // in the recording, from 0
+  uint32_t lastIndex;
+  PictureTime from;
+  PictureTime to;
+};
+
+// What an export holds of one channel, and what is missing in it.
+struct ExportTotals {
+  uint64_t written = 0;      // pictures
+  uint64_t bytes = 0;        // of them
+  uint64_t lost = 0;         // pictures that could not be read
+  uint64_t damaged = 0;      // of those written
+  uint64_t undecodable = 0;  // left out, because the key picture that they need is not there
+  std::vector<DamagedRun> damages;
+  PictureTime first;  // of those written
+  PictureTime last;
+};
+
+// One channel of an export.
+struct ExportedChannel {
+  std::string path;  // the file that holds it
+  int channel = 0;   // ChunkChannels::kUnknown where the card does not tell
+  ExportTotals totals;
+  std::string error;  // why there is no such file, or nothing of the channel in it; else ""
+};
+
+}  // namespace tarn

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/Export.h"
+#include "media/MediaInput.h"
+#include "media/export/ExportReport.h"
+#include "media/export/ExportRequest.h"
+
+namespace tarn {
+
+// Writes recorded pictures to a file as they were recorded, or those of several channels to one
+// each. Needs the recorder's database; recording may go on meanwhile.
+//
+// Throws nothing. Used by one thread.
+class TARN_API MediaExporter {
+ public:
+  explicit MediaExporter(const ExportRequest& request) noexcept;
+  ~MediaExporter();
+  MediaExporter(const MediaExporter&) = delete;
+  MediaExporter& operator=(const MediaExporter&) = delete;
+
+  // Once. True when all that is there was written; false when something failed or is missing: see
+  // error() and channels(). A file exists only once it is complete. `stopAsked` (may be empty) is
+  // asked before each picture, and ends the work as an error.
+  bool run(const StopAsked& stopAsked = nullptr) noexcept;
+  // Why nothing was exported, or not all; "" where channels() tells everything.
+  const char* error() const noexcept;
+  // What became of each channel, in the order of their numbers; behind run().
+  const std::vector<ExportedChannel>& channels() const noexcept;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace tarn

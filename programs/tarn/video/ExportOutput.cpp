@@ -1,0 +1,116 @@
+#include "video/ExportOutput.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "Console.h"
+#include "recorder/card/ChunkChannels.h"
+
+namespace tarn {
+namespace {
+
+constexpr size_t kDamagesNamed = 20;
+
+using Json = nlohmann::ordered_json;
+
+std::string clockText(PictureTime time) { return timeText(time.seconds, time.milliseconds()); }
+std::string jsonTime(PictureTime time) { return isoTime(time.seconds, time.milliseconds()); }
+
+uint32_t countOf(const DamagedRun& run) { return run.lastIndex - run.firstIndex + 1; }
+
+void tellDamage(const ExportTotals& totals) {
+  if (totals.damaged == 0) return;
+  for (size_t i = 0; i < std::min(totals.damages.size(), kDamagesNamed); ++i) {
+    const DamagedRun& run = totals.damages[i];
+    const uint32_t count = countOf(run);
+    complain(fmt::format("recording {}: {} damaged between {} and {}", run.streamID,
+                         count == 1 ? "1 picture is" : fmt::format("{} pictures are", count),
+                         clockText(run.from), clockText(run.to)));
+  }
+  if (totals.damages.size() > kDamagesNamed) {
+    complain(fmt::format("and {} more places", totals.damages.size() - kDamagesNamed));
+  }
+  complain(fmt::format("{} of {} pictures are damaged on the card and were written as they are",
+                       totals.damaged, totals.written));
+}
+
+// Why there are fewer pictures than were recorded: a recording that goes on with the one before it
+// may begin between two key pictures.
+void tellMissing(const ExportTotals& totals) {
+  if (totals.undecodable > 0)
+    complain(fmt::format("{} pictures need a key picture that is not among them and are left out",
+                         totals.undecodable));
+  if (totals.lost > 0)
+    complain(fmt::format("{} pictures could not be read and are missing", totals.lost));
+}
+
+Json damagesJson(const ExportTotals& totals) {
+  Json damages = Json::array();
+  for (const DamagedRun& run : totals.damages) {
+    damages.push_back({{"streamID", run.streamID},
+                       {"pictures", countOf(run)},
+                       {"from", jsonTime(run.from)},
+                       {"to", jsonTime(run.to)}});
+  }
+  return damages;
+}
+
+Json channelJson(const ExportedChannel& exported) {
+  const ExportTotals& t = exported.totals;
+  const bool known = exported.channel != ChunkChannels::kUnknown;
+  return {{"output", asUserSees(exported.path)},
+          {"channel", known ? Json(exported.channel) : Json(nullptr)},
+          {"pictures", t.written},
+          {"from", jsonTime(t.first)},
+          {"to", jsonTime(t.last)},
+          {"bytes", t.bytes},
+          {"damaged", t.damaged},
+          {"missing", t.lost},
+          {"leftOut", t.undecodable},
+          {"damages", damagesJson(t)}};
+}
+
+}  // namespace
+
+// Which channel is meant, where there are several.
+std::string ExportOutput::label(const ExportedChannel& channel, const char* behind) const {
+  return channels_.size() == 1 ? "" : fmt::format("channel {}{}", channel.channel, behind);
+}
+
+void ExportOutput::tellContents(const ExportedChannel& channel) const {
+  const ExportTotals& t = channel.totals;
+  fmt::print("{}: {}{} pictures, {} to {}, {:.1f} MB\n", asUserSees(channel.path),
+             label(channel, ", "), t.written, clockText(t.first), clockText(t.last),
+             static_cast<double>(t.bytes) / 1e6);
+}
+
+void ExportOutput::tell(bool quiet) const {
+  for (const ExportedChannel& channel : channels_) {
+    if (!channel.error.empty()) {
+      complain(label(channel, ": ") + channel.error);
+      continue;
+    }
+    if (!quiet) tellContents(channel);
+    tellDamage(channel.totals);
+    tellMissing(channel.totals);
+  }
+}
+
+void ExportOutput::printJson(bool tracks) const {
+  Json written = Json::array();
+  for (const ExportedChannel& channel : channels_) {
+    if (channel.error.empty()) written.push_back(channelJson(channel));
+  }
+  if (written.empty()) return;
+  Json json = {{"schema", 1}};
+  if (channels_.size() == 1) {
+    json.update(written[0]);
+  } else {
+    json[tracks ? "tracks" : "files"] = written;
+  }
+  fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
+}
+
+}  // namespace tarn
