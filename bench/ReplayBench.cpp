@@ -1,5 +1,7 @@
-// Both journals replayed at their greatest, against the same statements alone; and what reading and
-// checking their records takes of it.
+// Both journals replayed at their greatest, against the fastest way that the database has to take
+// the same rows: one prepared statement of many rows,
+// in the order of the keys, without a journal of its own.
+// What reading and checking the records takes of it is counted apart.
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -24,7 +26,17 @@ constexpr uint32_t kEvents = 393216;   // 12 MiB
 constexpr uint32_t kStreams = 196608;  // 12 MiB
 constexpr uint64_t kCardSize = 64 * kGiB;
 constexpr char kBareDatabase[] = "/tmp/bare.dat";
-constexpr size_t kStatementsPerCall = 16;
+constexpr int kEventColumns = 8;
+constexpr int kStreamColumns = 14;
+constexpr size_t kRowsAtOnce =
+    32;  // more are not faster; one at a time takes more than twice as long
+constexpr char kInsertEvent[] =
+    "INSERT INTO EVENT( eventID, extTrg, preSec, startDate, startMSec, endDate, endMSec, "
+    "backOffset )";
+constexpr char kInsertStream[] =
+    "INSERT INTO STREAM( streamID, inTrg, frameSet, bitrateSet, recSize, chunkID, chunkOffset, "
+    "chunkSize, status, startDate, endDate, startMSec, endMSec, backOffset )";
+static_assert(kEvents % kRowsAtOnce == 0 && kStreams % kRowsAtOnce == 0);
 
 class ReplayRig : public Rig {
  public:
@@ -34,7 +46,7 @@ class ReplayRig : public Rig {
         streams_(manyStreams(card_, kStreams)) {
     writeEventJournal(&card_, events_);
     writeStreamJournal(&card_, streams_);
-    makeStatements();
+    makeValues();
   }
 
   double ours() override {
@@ -56,18 +68,20 @@ class ReplayRig : public Rig {
     if (!tarn::DatabaseSetup::createEmpty(kBareDatabase, &error)) give_up(error);
     sqlite3* db = nullptr;
     sqlite3_open(kBareDatabase, &db);
+    execute(db, "PRAGMA journal_mode=OFF");
     const double seconds = timed([&] {
-      for (const auto* calls : {&eventCalls_, &streamCalls_}) {
-        execute(db, "BEGIN");
-        for (const std::string& call : *calls) execute(db, call.c_str());
-        execute(db, "END");
-      }
+      execute(db, "BEGIN");
+      insertAll(db, kInsertEvent, eventValues_, kEventColumns);
+      insertAll(db, kInsertStream, streamValues_, kStreamColumns);
+      execute(db, "END");
     });
     sqlite3_close(db);
     return seconds;
   }
 
-  std::map<std::string, double> figures() override { return {{"rows", kEvents + kStreams}}; }
+  std::map<std::string, double> figures() override {
+    return {{"rows", kEvents + kStreams}, {"reading_percent", share_ * 100}};
+  }
 
  private:
   // Reading and checking every record of both copies and nothing else. The replay reads one copy.
@@ -101,48 +115,60 @@ class ReplayRig : public Rig {
     return count;
   }
 
-  static void addCall(std::vector<std::string>* calls, size_t index, const char* sql) {
-    if (index % kStatementsPerCall == 0) {
-      calls->emplace_back(sql);
-    } else {
-      (calls->back() += ';') += sql;
-    }
+  static std::string manyRows(const char* insert, int columns) {
+    std::string row = "( ?";
+    for (int column = 1; column < columns; ++column) row += ", ?";
+    std::string sql = std::string(insert) + " VALUES" + row + " )";
+    for (size_t i = 1; i < kRowsAtOnce; ++i) sql += ", " + row + " )";
+    return sql;
   }
 
-  void makeStatements() {
-    char sql[1024];
-    for (size_t i = 0; i < events_.size(); ++i) {
-      const DB_EVENT& row = events_[i];
-      snprintf(sql, sizeof sql,
-               "INSERT OR REPLACE INTO EVENT( eventID, extTrg, preSec, startDate, startMSec, "
-               "endDate, endMSec, backOffset ) VALUES( '%u', '%u', '%u', '%u', '%u', '%u', '%u', "
-               "'%zu' )",
-               row.eventID, row.extTrg, row.preSec, row.startDate, row.startMSec, row.endDate,
-               row.endMSec, i * tarn::kEventRecordSize);
-      addCall(&eventCalls_, i, sql);
+  static void insertAll(sqlite3* db, const char* insert, const std::vector<uint32_t>& values,
+                        int columns) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, manyRows(insert, columns).c_str(), -1, &statement, nullptr) !=
+        SQLITE_OK) {
+      give_up(sqlite3_errmsg(db));
     }
-    for (size_t i = 0; i < streams_.size(); ++i) {
-      const DB_STREAM& row = streams_[i];
-      snprintf(sql, sizeof sql,
-               "INSERT OR REPLACE INTO STREAM( streamID, inTrg, frameSet, bitrateSet, recSize, "
-               "chunkID, chunkOffset, chunkSize, status, startDate, endDate, startMSec, endMSec, "
-               "backOffset ) VALUES( '%u', '%u', '%u', '%u', '%u', '%u', '%u', '%u', '%u', '%u', "
-               "'%u', '%u', '%u', '%zu' )",
-               row.streamID, row.inTrg, row.frameSet, row.bitrateSet, row.recSize, row.chunkID,
-               row.chunkOffset, row.chunkSize, row.status, row.startDate, row.endDate,
-               row.startMSec, row.endMSec, i * tarn::kStreamRecordSize);
-      addCall(&streamCalls_, i, sql);
+    const int bound = static_cast<int>(kRowsAtOnce) * columns;
+    for (auto value = values.begin(); value != values.end();) {
+      for (int i = 1; i <= bound; ++i) sqlite3_bind_int64(statement, i, *value++);
+      if (sqlite3_step(statement) != SQLITE_DONE) give_up(sqlite3_errmsg(db));
+      sqlite3_reset(statement);
+    }
+    sqlite3_finalize(statement);
+  }
+
+  void makeValues() {
+    uint32_t place = 0;
+    for (const DB_EVENT& row : events_) {
+      for (const uint32_t value :
+           {row.eventID, uint32_t{row.extTrg}, uint32_t{row.preSec}, row.startDate,
+            uint32_t{row.startMSec}, row.endDate, uint32_t{row.endMSec}, place}) {
+        eventValues_.push_back(value);
+      }
+      place += tarn::kEventRecordSize;
+    }
+    place = 0;
+    for (const DB_STREAM& row : streams_) {
+      for (const uint32_t value :
+           {row.streamID, uint32_t{row.inTrg}, uint32_t{row.frameSet}, row.bitrateSet, row.recSize,
+            row.chunkID, row.chunkOffset, row.chunkSize, row.status, row.startDate, row.endDate,
+            uint32_t{row.startMSec}, uint32_t{row.endMSec}, place}) {
+        streamValues_.push_back(value);
+      }
+      place += tarn::kStreamRecordSize;
     }
   }
 
   Card card_;
   std::vector<DB_EVENT> events_;
   std::vector<DB_STREAM> streams_;
-  std::vector<std::string> eventCalls_, streamCalls_;
+  std::vector<uint32_t> eventValues_, streamValues_;
   double share_ = 0;  // the greatest of all turns
 };
 
 const bool kReplay = add(
-    {"replay", "replay/full", Goal::kCost, 1.1, 5, [] { return std::make_unique<ReplayRig>(); }});
+    {"replay", "replay/full", Goal::kCost, 1.3, 5, [] { return std::make_unique<ReplayRig>(); }});
 
 }  // namespace

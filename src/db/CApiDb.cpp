@@ -15,6 +15,7 @@
 #include "base/Wrap.h"
 #include "db/DatabaseFile.h"
 #include "db/DbMessages.h"
+#include "db/SemLock.h"
 
 namespace {
 
@@ -100,24 +101,6 @@ uint32_t toUnsigned32(const char* text) {
 }
 
 }  // namespace
-
-// Holds the machine-wide lock for a scope. Where the lock was refused the work goes on without it,
-// and nothing is given back: raising a semaphore that was not taken would let two in for ever.
-class CApiDb::SemLock {
- public:
-  explicit SemLock(CApiDb& db) : db_(db), held_(db.lockSem() == 0) {}
-  ~SemLock() {
-    if (held_) db_.unlockSem();
-  }
-  SemLock(const SemLock&) = delete;
-  SemLock& operator=(const SemLock&) = delete;
-
-  bool held() const { return held_; }
-
- private:
-  CApiDb& db_;
-  const bool held_;
-};
 
 CApiDb::CApiDb()
     : m_name(),

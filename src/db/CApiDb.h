@@ -7,6 +7,9 @@
 #include "db/DbRecords.h"
 
 struct sqlite3;
+namespace tarn {
+class RowInserts;
+}
 
 // The gateway of every process to the recorder's SQLite database: statements, rows of the EVENT
 // and STREAM tables, and the queries that the recorder's processes use.
@@ -163,6 +166,7 @@ class TARN_API CApiDb {
   static int m_CountCallback(void* arg, int ncol, char** values, char** names);
 
  private:
+  friend class tarn::RowInserts;
   class SemLock;
 
   const char* heldCell(long row, long col, int nullPriority);

@@ -10,6 +10,7 @@
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "db/DbMessages.h"
+#include "db/DbRecordFormat.h"
 #include "db/SqlText.h"
 
 namespace {
@@ -21,8 +22,6 @@ constexpr uint32_t kFailed = 0xFFFFFFFF;
 constexpr uint32_t kFirstEvent = 0;
 constexpr uint32_t kLastEvent = 0xFFFFFFFF;
 constexpr uint32_t kMaxTriggers = 16;
-constexpr int32_t kEventColumns = 8;
-constexpr int32_t kStreamColumns = 14;
 
 constexpr char kSqlFromEvent[] = "SELECT * FROM EVENT ";
 constexpr char kSqlFromStream[] = "SELECT * FROM STREAM ";
@@ -208,7 +207,7 @@ void addStreamPeriod(SqlText& sql, uint32_t startTime, uint32_t endTime, uint32_
 }  // namespace
 
 uint32_t CApiDb::getEventValue(long row, DB_EVENT* out) {
-  if (m_ncol != kEventColumns) {
+  if (m_ncol != tarn::kEventColumns) {
     syslog(LOG_ERR, tarn::kMsgEventColumns, long{m_ncol});
     return kFailed;
   }
@@ -224,7 +223,7 @@ uint32_t CApiDb::getEventValue(long row, DB_EVENT* out) {
 }
 
 uint32_t CApiDb::getStreamValue(long row, DB_STREAM* out) {
-  if (m_ncol != kStreamColumns) {
+  if (m_ncol != tarn::kStreamColumns) {
     syslog(LOG_ERR, tarn::kMsgStreamColumns, long{m_ncol});
     return kFailed;
   }

@@ -19,6 +19,7 @@ inline constexpr uint32_t kEventEndMSecOff = kEventStartMSecOff + 2;   //  18  2
 inline constexpr uint32_t kEventBackOffsetOff = kEventEndMSecOff + 2;  //  20  4
 inline constexpr uint32_t kStoredEventSize = kEventBackOffsetOff + 4;
 static_assert(kStoredEventSize == 24);
+inline constexpr int32_t kEventColumns = 8;
 
 // STREAM
 inline constexpr uint32_t kStreamIdOff = 0;                                 //   0  4
@@ -37,6 +38,7 @@ inline constexpr uint32_t kStreamEndMSecOff = kStreamStartMSecOff + 2;      //  
 inline constexpr uint32_t kStreamBackOffsetOff = kStreamEndMSecOff + 2;     //  44  4
 inline constexpr uint32_t kStoredStreamSize = kStreamBackOffsetOff + 4;
 static_assert(kStoredStreamSize == 48);
+inline constexpr int32_t kStreamColumns = 14;
 
 // Each moves exactly kStoredEventSize or kStoredStreamSize bytes; buffers need no alignment.
 void encodeEvent(const DB_EVENT& record, void* out);

@@ -1,14 +1,13 @@
 #include <syslog.h>
 
-#include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
-#include <utility>
 
 #include "base/Wrap.h"
 #include "chunk/ChunkArea.h"
 #include "db/CApiDb.h"
-#include "db/SqlText.h"
+#include "db/RowInserts.h"
 #include "dblog/CDbRestore.h"
 #include "dblog/DbLogMessages.h"
 #include "dblog/JournalFormat.h"
@@ -28,91 +27,55 @@ constexpr uint32_t kStreamRecordLimit = 0x30000;
 
 constexpr char kSqlReplayEvent[] =
     "INSERT OR REPLACE INTO EVENT( eventID, extTrg, preSec, startDate, startMSec, endDate, "
-    "endMSec, backOffset ) VALUES( ";
+    "endMSec, backOffset )";
 constexpr char kSqlReplayStream[] =
     "INSERT OR REPLACE INTO STREAM( streamID, inTrg, frameSet, bitrateSet, recSize, chunkID, "
-    "chunkOffset, chunkSize, status, startDate, endDate, startMSec, endMSec, backOffset ) VALUES( ";
-constexpr char kSqlFirstValue[] = "'";
-constexpr char kSqlNextValue[] = "', '";
-constexpr char kSqlLastValue[] = "' )";
+    "chunkOffset, chunkSize, status, startDate, endDate, startMSec, endMSec, backOffset )";
 
-template <typename... Values>
-void addValues(SqlText* sql, uint32_t first, Values... others) {
-  sql->add(kSqlFirstValue).add(first);
-  (sql->add(kSqlNextValue).add(uint32_t{others}), ...);
-  sql->add(kSqlLastValue);
-}
-
-void addEventValues(SqlText* sql, const uint8_t* record) {
+bool addEvent(RowInserts* rows, const uint8_t* record) {
   DB_EVENT row;
   decodeEventRecord(record, &row);
-  addValues(sql, row.eventID, row.extTrg, row.preSec, row.startDate, row.startMSec, row.endDate,
-            row.endMSec, row.backOffset);
+  const uint32_t values[] = {row.eventID,   row.extTrg,  row.preSec,  row.startDate,
+                             row.startMSec, row.endDate, row.endMSec, row.backOffset};
+  static_assert(std::size(values) == kEventColumns);
+  return rows->add(values);
 }
 
-void addStreamValues(SqlText* sql, const uint8_t* record) {
+bool addStream(RowInserts* rows, const uint8_t* record) {
   DB_STREAM row;
   decodeStreamRecord(record, &row);
-  addValues(sql, row.streamID, row.inTrg, row.frameSet, row.bitrateSet, row.recSize, row.chunkID,
-            row.chunkOffset, row.chunkSize, row.status, row.startDate, row.endDate, row.startMSec,
-            row.endMSec, row.backOffset);
+  const uint32_t values[] = {row.streamID, row.inTrg,     row.frameSet,    row.bitrateSet,
+                             row.recSize,  row.chunkID,   row.chunkOffset, row.chunkSize,
+                             row.status,   row.startDate, row.endDate,     row.startMSec,
+                             row.endMSec,  row.backOffset};
+  static_assert(std::size(values) == kStreamColumns);
+  return rows->add(values);
 }
 
 struct Replay {
   JournalKind kind;
   uint32_t limit;  // records
   const char* sql;
-  void (*addValues)(SqlText* sql, const uint8_t* record);
+  size_t columns;
+  bool (*add)(RowInserts* rows, const uint8_t* record);
 };
 constexpr Replay kReplayEvents = {JournalKind::kEvent, kEventRecordLimit, kSqlReplayEvent,
-                                  addEventValues};
+                                  kEventColumns, addEvent};
 constexpr Replay kReplayStreams = {JournalKind::kStream, kStreamRecordLimit, kSqlReplayStream,
-                                   addStreamValues};
+                                   kStreamColumns, addStream};
 
-// Gathers the statements of several records, which then take the machine's database lock once: it
-// costs about a fifth of what a statement does. Each is run as if it were alone.
-class InsertBatch {
- public:
-  InsertBatch(CApiDb* db, JournalKind kind) : db_(db), kind_(kind) {}
-
-  // False when a statement failed, this one or one before it; the rest is dropped then.
-  bool add(const SqlText& sql) {
-    memcpy(text_[count_++], sql.c_str(), sql.length() + 1);
-    return count_ < kStatements || run();
-  }
-
-  // Where there is no room SQLite takes the whole transaction back, and the second attempt succeeds
-  // outside of it: what follows would be all that comes back.
-  bool run() {
-    const char* statements[kStatements];
-    for (size_t i = 0; i < count_; ++i) statements[i] = text_[i];
-    const size_t count = std::exchange(count_, 0);
-    const size_t done = db_->setSqlEach(statements, count);
-    if (done < count) logFailure(statements[done]);
-    return done == count;
-  }
-
- private:
-  static constexpr size_t kStatements = 16;
-  static constexpr size_t kStatementRoom = 512;  // the longest has about 400 characters
-  // 14 numbers of ten digits with what stands between them.
-  static_assert(sizeof kSqlReplayStream + 14 * (10 + sizeof kSqlNextValue) <= kStatementRoom);
-
-  void logFailure(const char* sql) const;
-
-  CApiDb* db_;
-  JournalKind kind_;
-  size_t count_ = 0;
-  char text_[kStatements][kStatementRoom];
-};
-
-void InsertBatch::logFailure(const char* sql) const {
+bool failed(JournalKind kind, const char* sql) {
   constexpr long kFailed = -1;
-  if (kind_ == JournalKind::kEvent) {
+  if (kind == JournalKind::kEvent) {
     syslog(LOG_ERR, kMsgReplayEventSql, sql, kFailed);
   } else {
     syslog(LOG_ERR, kMsgReplayStreamSql, sql, kFailed);
   }
+  return false;
+}
+
+bool finish(RowInserts* rows, JournalKind kind) {
+  return rows->finish() || failed(kind, rows->failed());
 }
 
 // What a device does not give may be rows, or the end: neither is known, so nothing counts.
@@ -130,32 +93,33 @@ bool lost(const CApiDb& db) {
 }
 
 // Inserts every live record; false after a failed statement and where the device gives nothing.
-bool replayRecords(JournalReader* reader, InsertBatch* batch, const Replay& replay,
+bool replayRecords(JournalReader* reader, RowInserts* rows, const Replay& replay,
                    uint32_t* checked) {
   const JournalTraits& traits = journalTraits(replay.kind);
   for (*checked = 0; *checked <= replay.limit; reader->advance()) {
     const JournalReader::Result result = reader->read();
     if (result == JournalReader::Result::kRefused) {
-      return batch->run() && refused(replay.kind, *reader);
+      return finish(rows, replay.kind) && refused(replay.kind, *reader);
     }
     if (result == JournalReader::Result::kBad) continue;
     if (result != JournalReader::Result::kRecord) break;
     ++*checked;
     if (journalMarker(reader->record()) != traits.liveMarker) continue;
     if (journalBackOffset(traits, reader->record()) != reader->position()) continue;
-    SqlText sql(replay.sql);
-    replay.addValues(&sql, reader->record());
-    if (!batch->add(sql)) return false;
+    if (!replay.add(rows, reader->record())) return failed(replay.kind, rows->failed());
   }
-  return batch->run();
+  return finish(rows, replay.kind);
 }
 
 bool replayInTransaction(JournalReader* reader, const Replay& replay) {
   CApiDb db;
   uint32_t checked = 0;
   db.begin();
-  InsertBatch batch(&db, replay.kind);
-  const bool done = replayRecords(reader, &batch, replay, &checked);
+  bool done = false;
+  {
+    RowInserts rows(&db, replay.sql, replay.columns);
+    done = replayRecords(reader, &rows, replay, &checked);
+  }
   if (!done && !db.inTransaction()) return lost(db);
   db.end();
   if (!done) return false;
