@@ -1,12 +1,11 @@
 #include "CardContents.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "Pair.h"
 #include "dblog/JournalFormat.h"
+#include "recorder/recording/AnnexB.h"
 #include "recorder/recording/RecordFormat.h"
 
 namespace bench {
@@ -77,17 +76,10 @@ void writeClosed(Card* card, const DB_STREAM& row) {
   }
 }
 
-// The head of a picture with its time, in local time.
+// The head of a picture with its time.
 void stampPicture(uint32_t seconds, uint8_t* out) {
   memset(out, 0x11, kStampBytes);
-  const uint8_t head[] = {0, 0, 0, 1, 0x66, 5, 42};
-  memcpy(out, head, sizeof head);
-  const auto time = static_cast<time_t>(seconds);
-  tm local{};
-  localtime_r(&time, &local);
-  char text[32];
-  strftime(text, sizeof text, "timestamp = %Y%m%d%H%M%S", &local);
-  memcpy(out + sizeof head + 16, text, strlen(text));
+  tarn::makeTimeStampSei(seconds, out);
 }
 
 }  // namespace
