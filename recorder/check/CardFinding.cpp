@@ -77,9 +77,11 @@ std::string meaningOfAll(const CardFindings& findings, size_t eventsWithoutVideo
   const auto video = [&](Consequence consequence, const char* what) {
     if (findings.countOf(consequence) == 0) return;
     const int64_t micros = findings.videoMicros(consequence);
-    addPart(&all, micros > 0
-                      ? videoText(micros) + " of video " + what
-                      : counted(findings.countOf(consequence), "place", "places") + " " + what);
+    const int64_t sound = findings.soundMicros(consequence);
+    if (micros > 0) addPart(&all, videoText(micros) + " of video " + what);
+    if (sound > 0) addPart(&all, videoText(sound) + " of sound " + what);
+    if (micros > 0 || sound > 0) return;
+    addPart(&all, counted(findings.countOf(consequence), "place", "places") + " " + what);
   };
   video(Consequence::kLost, "lost");
   video(Consequence::kDamaged, "damaged");
@@ -105,7 +107,8 @@ void CardFindings::add(CardFinding finding) {
   if (finding.meaning.empty()) finding.meaning = usual.text;
   // Times of damaged rows can be anything; so much video lies on no card.
   constexpr int64_t kMostMicros = int64_t{UINT32_MAX} * 1000000;
-  int64_t& micros = micros_[static_cast<size_t>(finding.consequence)];
+  auto& all = finding.isSound ? soundMicros_ : micros_;
+  int64_t& micros = all[static_cast<size_t>(finding.consequence)];
   micros = std::min(micros + std::min(finding.videoMicros, kMostMicros), kMostMicros);
   ++meant_[static_cast<size_t>(finding.consequence)];
   size_t& count = counts_[static_cast<size_t>(finding.kind)];

@@ -60,7 +60,8 @@ struct CardFinding {
   Consequence consequence = Consequence::kOfKind;
   std::string meaning;      // of it, for a person: "3.2 s of camera 0 at ... are damaged"
   int32_t channel = -1;     // of the video concerned; -1: none or not known
-  int64_t videoMicros = 0;  // how much video is concerned; 0: none or not known
+  int64_t videoMicros = 0;  // how much video or sound is concerned; 0: none or not known
+  bool isSound = false;     // it is sound, and no picture is concerned
 };
 
 // Findings in the order in which they were made. All are counted; of what is damaged all over only
@@ -79,6 +80,10 @@ class TARN_API CardFindings {
   int64_t videoMicros(Consequence consequence) const {
     return micros_[static_cast<size_t>(consequence)];
   }
+  // The same of sound.
+  int64_t soundMicros(Consequence consequence) const {
+    return soundMicros_[static_cast<size_t>(consequence)];
+  }
   size_t countOf(Consequence consequence) const { return meant_[static_cast<size_t>(consequence)]; }
   // Further ones of this kind are only counted, so nobody need work out their texts.
   bool isFull(FindingKind kind) const { return count(kind) >= kKeptOfAKind; }
@@ -87,6 +92,7 @@ class TARN_API CardFindings {
   std::vector<CardFinding> list_;
   std::array<size_t, kFindingKinds> counts_{};
   std::array<int64_t, kConsequences> micros_{};
+  std::array<int64_t, kConsequences> soundMicros_{};
   std::array<size_t, kConsequences> meant_{};
 };
 

@@ -7,6 +7,7 @@
 #include "recorder/recording/PictureStamp.h"
 #include "recorder/recording/RecordFormat.h"
 #include "recorder/recording/RecordingIndex.h"
+#include "recorder/recording/SoundFormat.h"
 #include "recorder/recovery/NativeRows.h"
 
 namespace tarn {
@@ -17,10 +18,10 @@ constexpr int kNamedEvents = 8;
 constexpr uint32_t kPicturesOfAStep = 256;
 enum class State { kGood, kBadEntry, kBadData, kUnreadable };
 
-const char* stateText(State state) {
+const char* stateText(State state, bool sound) {
   if (state == State::kBadEntry) return "index entries are damaged";
-  return state == State::kBadData ? "pictures are damaged or overwritten"
-                                  : "bytes cannot be read from the card";
+  if (state != State::kBadData) return "bytes cannot be read from the card";
+  return sound ? "sound is damaged or overwritten" : "pictures are damaged or overwritten";
 }
 
 FindingKind stateKind(State state) {
@@ -35,6 +36,7 @@ class RecordingCheck {
       : contents_(contents),
         card_(contents->card),
         row_(row),
+        sound_(isSound(row)),
         pictures_(card_, kFilePicture, row.chunkID),
         stream_(card_, kFileStream, row.chunkID),
         index_(row, &pictures_, stream_.size()) {
@@ -83,7 +85,10 @@ class RecordingCheck {
     CardFinding finding;
     finding.consequence = consequence;
     finding.videoMicros = std::max<int64_t>(to - from, 1);
-    const std::string camera = channel() < 0 ? "video" : "camera " + std::to_string(channel());
+    finding.isSound = sound_;
+    const std::string camera =
+        (channel() < 0 ? (sound_ ? "" : "video") : "camera " + std::to_string(channel())) +
+        (sound_ ? (channel() < 0 ? "sound" : "'s sound") : "");
     const char* what = consequence == Consequence::kDamaged ? " are damaged"
                        : consequence == Consequence::kLost  ? " are lost"
                                                             : " were not delivered by the card";
@@ -139,7 +144,7 @@ class RecordingCheck {
     if (row_.recSize == 0) return true;
     if (row_.chunkSize != (row_.recSize + 1) * kRecordSize) {
       say(FindingKind::kRow, "its size in the picture chunk is not that of " +
-                                 std::to_string(row_.recSize) + " pictures");
+                                 std::to_string(row_.recSize) + (sound_ ? " blocks" : " pictures"));
     }
     if (row_.endDate < row_.startDate) say(FindingKind::kRow, "it ends before it begins");
     return true;
@@ -211,7 +216,7 @@ class RecordingCheck {
   }
 
   State lookAtData(const PictureEntry& entry) {
-    Delivery got = lookAtPicture(&stream_, entry);
+    Delivery got = sound_ ? lookAtSound(&stream_, entry) : lookAtPicture(&stream_, entry);
     if (got == Delivery::kGood && contents_->wholePictures) got = proveBytes(&stream_, entry);
     if (got == Delivery::kRefused) return State::kUnreadable;
     return got == Delivery::kGood ? State::kGood : State::kBadData;
@@ -221,16 +226,17 @@ class RecordingCheck {
   void endRun(uint32_t index, uint32_t until, int64_t untilMicros) {
     if (runState_ == State::kGood) return;
     const uint32_t to = std::max(lastGood_, until);
-    const std::string pictures =
-        index - runFrom_ == 1
-            ? "picture " + std::to_string(runFrom_ + 1)
-            : "pictures " + std::to_string(runFrom_ + 1) + " to " + std::to_string(index);
+    const std::string one = sound_ ? "block of sound " : "picture ";
+    const std::string more = sound_ ? "blocks of sound " : "pictures ";
+    const std::string pictures = index - runFrom_ == 1 ? one + std::to_string(runFrom_ + 1)
+                                                       : more + std::to_string(runFrom_ + 1) +
+                                                             " to " + std::to_string(index);
     const Consequence consequence = runState_ == State::kBadEntry  ? Consequence::kLost
                                     : runState_ == State::kBadData ? Consequence::kDamaged
                                                                    : Consequence::kUnread;
     say(meaning(consequence, runMicros_, untilMicros), stateKind(runState_),
         pictures + " of " + std::to_string(row_.recSize) + ", between " + momentText(lastGood_) +
-            " and " + momentText(to) + ": " + stateText(runState_),
+            " and " + momentText(to) + ": " + stateText(runState_, sound_),
         lastGood_, to);
     runState_ = State::kGood;
   }
@@ -260,6 +266,7 @@ class RecordingCheck {
   CardContents* contents_;
   const CardReader& card_;
   const DB_STREAM row_;
+  const bool sound_;
   CardSource pictures_;
   CardSource stream_;
   RecordingIndex index_;
@@ -301,7 +308,7 @@ void checkEvent(CardContents* contents, const DB_EVENT& event) {
 void findEventsWithoutVideo(CardContents* contents) {
   std::vector<std::pair<uint32_t, uint32_t>> rows;
   for (const auto& [key, row] : contents->streams) {
-    if (contents->lostStreams.count(key) != 0) continue;
+    if (contents->lostStreams.count(key) != 0 || isSound(row)) continue;
     rows.emplace_back(row.startDate, row.recSize == 0 ? UINT32_MAX : row.endDate);
   }
   std::sort(rows.begin(), rows.end());

@@ -6,6 +6,7 @@
 #include "manager/ManageFormat.h"
 #include "recorder/check/CardContents.h"
 #include "recorder/recording/RecordFormat.h"
+#include "recorder/recording/SoundFormat.h"
 #include "recorder/recovery/NativeRows.h"
 
 namespace tarn {
@@ -107,6 +108,23 @@ void noteGuarded(CardContents* contents, uint32_t chunk) {
   contents->findings.add(finding);
 }
 
+// A recorder that looks for a chunk with pictures goes by one of its rows.
+void checkKinds(CardContents* contents, uint32_t chunk, const std::vector<const DB_STREAM*>& rows) {
+  const bool sound = isSound(*rows.front());
+  const auto other = std::find_if(rows.begin(), rows.end(),
+                                  [sound](const DB_STREAM* row) { return isSound(*row) != sound; });
+  if (other == rows.end()) return;
+  CardFinding finding;
+  finding.kind = FindingKind::kRing;
+  finding.consequence = Consequence::kNone;
+  finding.meaning = "nothing is lost by it";
+  finding.chunk = static_cast<int32_t>(chunk);
+  finding.streamID = (*other)->streamID;
+  finding.text = "chunk " + std::to_string(chunk) + " holds both pictures and sound, of " +
+                 nameOf(*rows.front()) + " and of " + nameOf(**other);
+  contents->findings.add(finding);
+}
+
 void checkChunk(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& record,
                 const std::vector<const DB_STREAM*>& rows) {
   if (isGuarded(record.chType)) return noteGuarded(contents, chunk);
@@ -119,6 +137,7 @@ void checkChunk(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& reco
                    nameOf(*rows.front()) + " and " + std::to_string(rows.size() - 1) + " more";
     return contents->findings.add(finding);
   }
+  checkKinds(contents, chunk, rows);
   std::vector<Extent> pictures;
   std::vector<Extent> data;
   const uint32_t streamSize = contents->card.family(kFileStream).chunkSize;

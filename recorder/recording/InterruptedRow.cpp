@@ -10,6 +10,7 @@
 #include "dblog/CDbRestore.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/recording/PictureStamp.h"
+#include "recorder/recording/SoundFormat.h"
 
 namespace tarn {
 namespace {
@@ -29,9 +30,7 @@ struct InterruptedRow::Hole {
   PictureTime before;    // when the picture in front of it was decoded
 };
 
-bool isVideo(const DB_STREAM& row) {
-  return (row.frameSet & kFrameSetAudio) == 0 && (row.status & kStatusNotVideo) == 0;
-}
+bool isVideo(const DB_STREAM& row) { return !isSound(row) && (row.status & kStatusNotVideo) == 0; }
 
 InterruptedRow::InterruptedRow(const DB_STREAM& row)
     : row_(row), index_(row), stream_(kFileStream, row.chunkID, O_RDONLY) {}
@@ -91,13 +90,15 @@ bool InterruptedRow::walk() {
   return pictures_ > 0 ? !endRefused : !hole.refused || index_.isForeign(0);
 }
 
-// Pictures at the end whose data is not theirs, of a card that lost what it had confirmed.
+// Pictures or sound at the end whose data is not theirs, of a card that lost what it had confirmed.
+// Both show their own times.
 void InterruptedRow::dropStrayPictures() {
+  const auto look = isSound(row_) ? lookAtSound : lookAtPicture;
   PictureEntry entry;
   while (pictures_ > 0) {
     const Delivery got = at(pictures_ - 1, &entry);
     if (got == Delivery::kRefused) return;
-    if (got == Delivery::kGood && lookAtPicture(&stream_, entry) != Delivery::kBad) return;
+    if (got == Delivery::kGood && look(&stream_, entry) != Delivery::kBad) return;
     --pictures_;
   }
 }
@@ -141,7 +142,7 @@ InterruptedRow::Verdict InterruptedRow::judge() {
     delivered = walk();
   }
   if (!delivered) return Verdict::kRefused;
-  if (isVideo(row_)) dropStrayPictures();
+  if (isVideo(row_) || isSound(row_)) dropStrayPictures();
   if (pictures_ == 0) return Verdict::kNothing;
   return total() ? Verdict::kPictures : Verdict::kRefused;
 }

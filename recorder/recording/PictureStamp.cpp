@@ -7,6 +7,7 @@
 #include "base/Crc16.h"
 #include "base/Wrap.h"
 #include "recorder/recording/AnnexB.h"
+#include "recorder/recording/SoundBlock.h"
 
 namespace tarn {
 namespace {
@@ -49,6 +50,16 @@ Delivery lookAtPicture(Source* stream, const PictureEntry& entry) {
   const int32_t away = distance(bytes + place + kDigitsEnd - kDigits, entry.presentation.seconds);
   const bool fits = away % kZoneStep == 0 && away >= -kZoneMost && away <= kZoneMost;
   return fits ? Delivery::kGood : Delivery::kBad;
+}
+
+Delivery lookAtSound(Source* stream, const PictureEntry& entry) {
+  uint8_t head[SoundBlock::kHeadSize];
+  if (entry.size < sizeof head) return Delivery::kBad;
+  const Delivery got = stream->read(entry.dataOffset, head, sizeof head);
+  if (got != Delivery::kGood) return got;
+  PictureTime start;
+  if (!SoundBlock::readStart(head, &start)) return proveBytes(stream, entry);
+  return start == entry.presentation ? Delivery::kGood : Delivery::kBad;
 }
 
 Delivery proveBytes(Source* stream, const PictureEntry& entry) {

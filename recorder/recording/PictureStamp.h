@@ -14,6 +14,10 @@ namespace tarn {
 // give the bytes. Not part of the interface.
 Delivery lookAtPicture(Source* stream, const PictureEntry& entry);
 
+// The same of a block of sound, which has its time in its head. What does not begin as a block is
+// proved by its checksum, as far as it has one.
+Delivery lookAtSound(Source* stream, const PictureEntry& entry);
+
 // The same for all bytes of the picture, by the entry's checksum: kBad is damage anywhere in them.
 // kGood without a checksum, and without reading. They are read a piece at a time.
 Delivery proveBytes(Source* stream, const PictureEntry& entry);

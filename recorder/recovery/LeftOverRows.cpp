@@ -4,8 +4,10 @@
 #include <cstdio>
 
 #include "base/Omission.h"
+#include "db/RowStatus.h"
 #include "dblog/CDbRestore.h"
 #include "recorder/recording/InterruptedRow.h"
+#include "recorder/recording/SoundFormat.h"
 #include "recorder/recovery/NativeRows.h"
 
 namespace tarn {
@@ -22,13 +24,16 @@ constexpr char kSqlOvertaken[] =
     "SELECT * FROM STREAM AS old WHERE recSize = 0 AND EXISTS( SELECT 1 FROM STREAM WHERE chunkID "
     "= old.chunkID AND streamID > old.streamID ) ORDER BY streamID";
 // Events that began while a recording ran of which next to nothing is left, and of which no other
-// recording has a picture, the seconds before their beginning included. Where a recording was
-// repaired only the whole second of its end is known. An event that is still open is ended later.
+// recording has a picture, the seconds before their beginning included; sound shows none. Where a
+// recording was repaired only the whole second of its end is known. An event that is still open is
+// ended later.
 constexpr char kSqlEventsOfRow[] =
     "SELECT e.* FROM EVENT AS e, STREAM AS r WHERE r.streamID = %u AND e.endDate <> 0 AND ( "
     "e.startDate > r.startDate OR ( e.startDate = r.startDate AND e.startMSec >= r.startMSec ) ) "
     "AND e.startDate <= r.startDate + %u AND NOT EXISTS( SELECT 1 FROM STREAM AS s WHERE "
-    "s.streamID <> r.streamID AND ( s.startDate < e.endDate OR ( s.startDate = e.endDate AND "
+    "s.streamID <> r.streamID AND ( s.frameSet & " TARN_SQL_AUDIO
+    " ) = 0 AND ( s.startDate < e.endDate OR ( "
+    "s.startDate = e.endDate AND "
     "s.startMSec <= e.endMSec ) ) AND ( s.recSize = 0 OR s.endDate > e.startDate - e.preSec OR ( "
     "s.endDate = e.startDate - e.preSec AND ( s.endMSec = 0 OR s.endMSec >= e.startMSec ) ) ) )";
 // How long a recording can have run before its second picture was safe.
@@ -36,13 +41,15 @@ constexpr uint32_t kShortRowSeconds = 10;
 // One picture alone has no duration.
 constexpr uint32_t kLeastVideoPictures = 2;
 
-std::string pictureText(uint32_t pictures) {
-  return std::to_string(pictures) + (pictures == 1 ? " picture" : " pictures");
+std::string countText(const DB_STREAM& row, uint32_t count) {
+  const char* what = isSound(row) ? " block" : " picture";
+  const std::string text = std::to_string(count) + what + (count == 1 ? "" : "s");
+  return isSound(row) ? text + " of sound" : text;
 }
 
 void noteClosed(const DB_STREAM& row, uint32_t pictures, uint32_t end, RecoveryReport* report) {
   report->changes.push_back({Kind::kRecordingClosed, row.streamID, pictures, end,
-                             nameOf(row) + " was interrupted: " + pictureText(pictures) +
+                             nameOf(row) + " was interrupted: " + countText(row, pictures) +
                                  " came back, up to " + momentText(end)});
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "db/RowStatus.h"
 #include "recorder/recording/RecordingIndex.h"
 #include "recorder/recovery/NativeRows.h"
 
@@ -15,11 +16,15 @@ constexpr char kSqlOpen[] = "SELECT * FROM EVENT WHERE endDate = 0 ORDER BY even
 // The newest recording that began before a moment and lasted until then, or nearly: of its last
 // seconds nothing may be safe. 0 is the end of one that is still open.
 constexpr char kSqlRunningAt[] =
-    "SELECT * FROM STREAM WHERE ( startDate < %u OR ( startDate = %u AND startMSec <= %u ) ) AND ( "
+    "SELECT * FROM STREAM WHERE ( frameSet & " TARN_SQL_AUDIO
+    " ) = 0 AND ( startDate < %u OR ( startDate = %u "
+    "AND startMSec <= %u ) ) AND ( "
     "recSize = 0 OR endDate + %u >= %u ) ORDER BY streamID DESC LIMIT 1";
-constexpr char kSqlFrom[] = "SELECT * FROM STREAM WHERE streamID > %u ORDER BY streamID";
-constexpr char kSqlAnyBetween[] =
-    "SELECT COUNT(*) FROM STREAM WHERE recSize <> 0 AND startDate <= %u AND endDate >= %u";
+constexpr char kSqlFrom[] = "SELECT * FROM STREAM WHERE ( frameSet & " TARN_SQL_AUDIO
+                            " ) = 0 AND streamID > %u ORDER BY streamID";
+constexpr char kSqlAnyBetween[] = "SELECT COUNT(*) FROM STREAM WHERE ( frameSet & " TARN_SQL_AUDIO
+                                  " ) = 0 AND recSize <> 0 AND startDate <= %u "
+                                  "AND endDate >= %u";
 // Recordings that follow each other within this are one stretch.
 constexpr uint32_t kGapSeconds = 10;
 // No decoder holds back more pictures.

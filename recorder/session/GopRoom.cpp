@@ -11,6 +11,9 @@ namespace {
 // Guesses until a GOP has been seen.
 constexpr uint32_t kFirstGopPictures = 60;
 constexpr uint32_t kFirstGopBytes = 512 * 1024;
+// Some ten seconds of sound, so that a chunk is not changed for every block.
+constexpr uint32_t kSoundBlocks = 20;
+constexpr uint32_t kFirstBlockBytes = 4 * 1024;
 
 }  // namespace
 
@@ -26,12 +29,18 @@ void GopRoom::add(size_t size, bool key) {
 // won.
 RecordingSpace::Need GopRoom::need(size_t picture, uint32_t streamChunk,
                                    uint32_t pictureChunk) const {
+  if (sound_) {
+    const uint32_t block = mostBytes_ != 0 ? mostBytes_ : kFirstBlockBytes;
+    const uint32_t some = std::min(block * kSoundBlocks, streamChunk / 4);
+    return {std::max(some, static_cast<uint32_t>(picture)),
+            std::min((kSoundBlocks + 1) * kRecordSize, pictureChunk / 4), true};
+  }
   const uint32_t second = bitrate_ != 0 ? bitrate_ / 8 : kFirstGopBytes;
   const uint32_t gop = mostBytes_ != 0 ? mostBytes_ : second;
   const uint32_t pictures = mostPictures_ != 0 ? mostPictures_ : kFirstGopPictures;
   const auto least = static_cast<uint32_t>(picture + kTimeStampSeiSize);
   return {std::max(std::min(gop, streamChunk / 8) * 2, least),
-          std::min((pictures * 2 + 2) * kRecordSize, pictureChunk / 4)};
+          std::min((pictures * 2 + 2) * kRecordSize, pictureChunk / 4), false};
 }
 
 }  // namespace tarn

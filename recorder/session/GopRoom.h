@@ -13,6 +13,8 @@ class GopRoom {
  public:
   // `bitrate`: bits a second, a first guess until a group has been seen; 0 when not known.
   void setBitrate(uint32_t bitrate) { bitrate_ = bitrate; }
+  // Blocks of sound, each of which stands alone.
+  void setSound() { sound_ = true; }
   // A picture was written, of `size` bytes without our time stamp unit.
   void add(size_t size, bool key);
   // Room for about two groups, and for a picture of `picture` bytes at least, in chunks of these
@@ -20,6 +22,7 @@ class GopRoom {
   RecordingSpace::Need need(size_t picture, uint32_t streamChunk, uint32_t pictureChunk) const;
 
  private:
+  bool sound_ = false;
   uint32_t bitrate_ = 0;
   uint32_t bytes_ = 0;  // of the group at hand
   uint32_t pictures_ = 0;

@@ -1,6 +1,7 @@
 #include "recorder/session/PictureClock.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace tarn {
 namespace {
@@ -18,6 +19,8 @@ constexpr int64_t kLateUs = 500000;
 constexpr int64_t kLateForUs = 10000000;
 // Corrections are spread: no more than this part of the time from picture to picture.
 constexpr int64_t kSlew = 50;
+// No sound is further than this from the pictures that come with it.
+constexpr int64_t kCompanionUs = 10000000;
 
 }  // namespace
 
@@ -87,6 +90,12 @@ PictureTime PictureClock::timeOf(int64_t arrivalUs, int64_t stampUs) {
   askedStampUs_ = stampUs;
   toldUs_ = std::max(toldUs_, stampUs + delayUs_);
   return PictureTime::fromMicros(toldUs_ + wallOffsetUs_);
+}
+
+bool PictureClock::timeAt(int64_t stampUs, PictureTime* out) const {
+  if (!asked_ || std::abs(stampUs - lastStampUs_) > kCompanionUs) return false;
+  *out = PictureTime::fromMicros(stampUs + delayUs_ + wallOffsetUs_);
+  return true;
 }
 
 }  // namespace tarn

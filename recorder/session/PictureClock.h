@@ -49,6 +49,11 @@ class TARN_API PictureClock {
   // own steps.
   PictureTime timeOf(int64_t arrivalUs, int64_t stampUs);
 
+  // Wall time of a moment by the source's own clock, as that of a frame of sound that belongs to
+  // the pictures. False as long as no picture's time was told since the start or restart(), and of
+  // a stamp that is none of this clock's.
+  bool timeAt(int64_t stampUs, PictureTime* out) const;
+
   // The wall clock was set.
   void setWallOffset(int64_t wallOffsetUs) { wallOffsetUs_ = wallOffsetUs; }
   int64_t wallOffset() const { return wallOffsetUs_; }

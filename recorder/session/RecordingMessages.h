@@ -17,6 +17,10 @@ inline constexpr char kMsgSpaceNoHeader[] =
 inline constexpr char kMsgSpaceOrphan[] = "RecordingSpace: chunk %d holds no recording, emptied";
 
 inline constexpr char kErrAudioBit[] = "bit 7 of the frame setting marks audio and must be clear";
+inline constexpr char kErrSoundFormat[] =
+    "sound needs a codec that is known, channels, a sample rate and at most 255 bytes of "
+    "configuration";
+inline constexpr char kErrSoundFrame[] = "the frame is empty or larger than 65535 bytes or samples";
 inline constexpr char kErrChannel[] = "the channel must be 0 to 127";
 inline constexpr char kErrChannelBusy[] = "another session records this channel";
 inline constexpr char kErrChannelLock[] = "the channel's lock in /tmp cannot be taken";

@@ -18,14 +18,22 @@ Result RecordingSession::guarded(const char* name, Result failed, Work work) noe
 RecordingSession::RecordingSession() = default;
 RecordingSession::~RecordingSession() { close(); }
 
-int RecordingSession::open(const RecordingOptions& options) {
+int RecordingSession::open(const RecordingOptions& options) { return openAs(options, false); }
+int RecordingSession::openSound(const RecordingOptions& options) { return openAs(options, true); }
+
+int RecordingSession::openAs(const RecordingOptions& options, bool sound) {
   if (impl_ && impl_->isOpen()) return -1;
   noMemory_ = false;
   return guarded("RecordingSession::open", -1, [&] {
     impl_.reset();
     impl_ = std::make_unique<Impl>();
-    return impl_->open(options);
+    return impl_->open(options, sound);
   });
+}
+
+// Each block can be played without the one before it.
+int RecordingSession::writeBlock(const void* block, size_t size, PictureTime start) {
+  return writePicture(block, size, start, 0, true);
 }
 
 int RecordingSession::writePicture(const void* annexB, size_t size, PictureTime presentation,

@@ -87,7 +87,11 @@ class TARN_API RecordingSession {
   RecordingStatistics statistics() const;
 
  private:
+  friend class SoundSession;  // whose blocks take the place of pictures
   class Impl;
+  int openSound(const RecordingOptions& options);  // frameSet has bit 7
+  int writeBlock(const void* block, size_t size, PictureTime start);
+  int openAs(const RecordingOptions& options, bool sound);
   template <typename Result, typename Work>
   Result guarded(const char* name, Result failed, Work work) noexcept;
 

@@ -25,7 +25,7 @@ class RecordingSession::Impl {
  public:
   ~Impl();
 
-  int open(const RecordingOptions& options);
+  int open(const RecordingOptions& options, bool sound);
   int write(const void* annexB, size_t size, const PictureEntry& entry);
   void markDiscontinuity() { gap_ = true; }
   int flush();
@@ -71,6 +71,7 @@ class RecordingSession::Impl {
   bool flushBefore(PictureTime decode);
 
   RecordingOptions options_;
+  bool sound_ = false;  // blocks of sound instead of pictures
   bool open_ = false;
   RecordingError error_ = RecordingError::kNone;
   const char* text_ = "";

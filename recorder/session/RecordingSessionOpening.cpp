@@ -4,6 +4,7 @@
 
 #include "db/RowStatus.h"
 #include "fat/FailureMarker.h"
+#include "recorder/recording/SoundFormat.h"
 #include "recorder/rows/ChannelLock.h"
 #include "recorder/rows/RamReserve.h"
 #include "recorder/rows/RowMessages.h"
@@ -24,7 +25,7 @@ constexpr char kSqlGreatestKey[] =
 }  // namespace
 
 bool RecordingSession::Impl::checkOptions() {
-  if ((options_.frameSet & kFrameSetAudio) != 0)
+  if (((options_.frameSet & kFrameSetAudio) != 0) != sound_)
     return fail(RecordingError::kBadOption, kErrAudioBit);
   if (options_.channel < 0) return fail(RecordingError::kBadOption, kErrChannel);
   return !cardWriteFailed() || fail(RecordingError::kCard, kErrMarker);
@@ -37,7 +38,11 @@ bool RecordingSession::Impl::takeLocks() {
     return fail(RecordingError::kBadOption, kErrOtherProcess);
   if (process != FileLock::Outcome::kTaken) return fail(RecordingError::kDatabase, kErrInsertLock);
   char path[64];
-  snprintf(path, sizeof path, kChannelLock, options_.channel);
+  if (sound_) {
+    snprintf(path, sizeof path, kSoundLock, options_.channel);
+  } else {
+    snprintf(path, sizeof path, kChannelLock, options_.channel);
+  }
   const FileLock::Outcome channel = channelLock_.take(path, false);
   if (channel == FileLock::Outcome::kHeldByOther)
     return fail(RecordingError::kBadOption, kErrChannelBusy);
@@ -75,8 +80,8 @@ bool RecordingSession::Impl::connect() {
 bool RecordingSession::Impl::ownedByChannel(const DB_STREAM& row) {
   signed char owner = -1;
   signed char type = 0;
-  return rowInProgress(row) && (row.status & kStatusNotVideo) == 0 &&
-         (row.frameSet & kFrameSetAudio) == 0 && row.chunkID < manager_.getNumChunk() &&
+  return rowInProgress(row) && (row.status & kStatusNotVideo) == 0 && isSound(row) == sound_ &&
+         row.chunkID < manager_.getNumChunk() &&
          manager_.getChType(static_cast<short>(row.chunkID), &owner, &type) == 0 &&
          owner == options_.channel;
 }
@@ -100,9 +105,11 @@ bool RecordingSession::Impl::closeLeftOvers() {
   return true;
 }
 
-int RecordingSession::Impl::open(const RecordingOptions& options) {
+int RecordingSession::Impl::open(const RecordingOptions& options, bool sound) {
   options_ = options;
+  sound_ = sound;
   gops_.setBitrate(options.bitrate);
+  if (sound) gops_.setSound();
   open_ = checkOptions() && takeLocks() && checkCard() && watchDatabase() && connect() &&
           closeLeftOvers();
   return open_ ? 0 : -1;

@@ -28,6 +28,7 @@ class RecordingSpace {
   struct Need {
     uint32_t streamBytes = 0;
     uint32_t pictureBytes = 0;
+    bool sound = false;  // sound and pictures never share a chunk
   };
 
   RecordingSpace(CTARNStreamManager* manager, CApiDb* db, const DatabaseWatch* watch,
@@ -58,9 +59,12 @@ class RecordingSpace {
  private:
   int pick(int8_t channel, int8_t recType, const Need& need);
   int pickNow(int8_t channel, int8_t recType, const Need& need);
+  int pickAmongKind(int8_t channel, const Need& need);
+  int pickUnused(int8_t channel, int8_t recType, const Need& need);
   int claim(int chunk, int8_t channel, int8_t recType);
   int begun(int chunk);
   bool usable(int chunk, int8_t channel, const Need& need);
+  bool isOfKind(int chunk, bool sound);
   bool reclaimOrphans(int8_t channel);
   bool isGuardedChunk(int chunk);
   RowQueries::Answer oldestDeletable(DB_STREAM* row);

@@ -13,6 +13,7 @@
 #include "db/RowStatus.h"
 #include "recorder/recording/AnnexB.h"
 #include "recorder/recording/InterruptedRow.h"
+#include "recorder/recording/SoundFormat.h"
 #include "recorder/rows/JournalGuard.h"
 #include "recorder/rows/JournalPlace.h"
 #include "recorder/rows/ServerRetry.h"
@@ -206,9 +207,11 @@ bool RowWriter::append(const uint8_t* annexB, size_t size, const PictureEntry& g
   entry.key = row_.streamID;
   entry.number = wrapAdd32(header_.firstNumber, written_.pictures);
   entry.dataOffset = static_cast<uint32_t>(chunks_.stream()->getFreeAddr());
-  entry.size = static_cast<uint32_t>(size + kTimeStampSeiSize);
+  entry.size = static_cast<uint32_t>(isSound(row_) ? size : size + kTimeStampSeiSize);
   dataCrc_ = 0;
-  if (!writeStamped(annexB, size, entry.presentation.seconds)) {
+  const bool written = isSound(row_) ? writeData(annexB, size)
+                                     : writeStamped(annexB, size, entry.presentation.seconds);
+  if (!written) {
     return fail(RecordingError::kCard, kErrWriteData);
   }
   entry.checksum = pictureChecksum(dataCrc_);

@@ -39,7 +39,8 @@ class RowWriter {
   bool fits(size_t size) const;
   uint32_t streamRoom() const;
   uint32_t pictureRoom() const;
-  // Takes a picture; entry carries time, decode offset and flags. It must fit.
+  // Takes a picture, or a block of a row of sound as it is; entry carries time, decode offset and
+  // flags. It must fit.
   bool append(const uint8_t* annexB, size_t size, const PictureEntry& entry);
   // Data to the card, then the entries that point at it; then the server is told how far both rings
   // go. Without a server the pictures are safe all the same, and the result is false.

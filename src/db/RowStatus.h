@@ -13,5 +13,7 @@ inline constexpr uint32_t kStatusRepaired = 0x10000;  // closed by a repair
 
 // DB_STREAM::frameSet
 inline constexpr uint16_t kFrameSetAudio = 0x80;
+// The same in statements.
+#define TARN_SQL_AUDIO "128"
 
 }  // namespace tarn

@@ -35,6 +35,9 @@ void makeAll() {
   make<tarn::CardRepair>();
   make<tarn::CardCheck>();
   make<tarn::RecordingSession>();
+  make<tarn::SoundSession>();
+  make<tarn::SoundBlock>();
+  tarn::soundCodecText(tarn::SoundCodec::kOpus);
   make<tarn::ChunkChannels>();
   tarn::PictureClock clock(tarn::PictureClock::Stamps::kOfSource, 0);
   clock.restart();
