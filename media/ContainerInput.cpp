@@ -75,6 +75,11 @@ bool ContainerInput::chooseVideo(const std::string& name, std::string* error) {
   return false;
 }
 
+std::string ContainerInput::soundLeftOutText(const AVStream& stream) {
+  return std::string("its sound (") + avcodec_get_name(stream.codecpar->codec_id) +
+         ") is not recorded";
+}
+
 // What would be missed only when it is looked for.
 void ContainerInput::noteLeftOut() {
   for (unsigned i = 0; i < format_->nb_streams; ++i) {
@@ -83,7 +88,7 @@ void ContainerInput::noteLeftOut() {
     other->discard = AVDISCARD_ALL;
     const std::string codec = avcodec_get_name(other->codecpar->codec_id);
     if (other->codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
-      leftOut_.push_back("its sound (" + codec + ") is not recorded");
+      leftOut_.push_back(soundLeftOutText(*other));
     else if (other->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
       leftOut_.push_back("its other video (" + codec + ") is not recorded");
     else if (other->codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE)
@@ -164,6 +169,7 @@ int ContainerInput::nextPacket() {
     do {
       av_packet_unref(packet_.get());
       result = draining_ ? AVERROR_EOF : av_read_frame(format_.get(), packet_.get());
+      if (result == 0 && takesSound()) return kSoundCame;
     } while (result == 0 && packet_->stream_index != stream_->index);
     if (result < 0 && result != AVERROR_EOF) return result;
     draining_ = result == AVERROR_EOF;
@@ -181,14 +187,19 @@ void ContainerInput::addPacket() {
   picture.arrivalUs = monotonicUs();
   picture.key = isKeyPicture(picture.annexB.data(), picture.annexB.size());
   preamble_.complete(&picture.annexB, picture.key);
-  int64_t presentation = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
-  presentation = presentation != AV_NOPTS_VALUE ? av_rescale_q(presentation, base, kMicroseconds)
-                                                : originUs_ + lastPresentationUs_ + frameUs;
-  if (!started_) originUs_ = presentation;
-  started_ = true;
-  picture.presentationUs = presentation - originUs_;
   picture.durationUs =
       packet.duration > 0 ? av_rescale_q(packet.duration, base, kMicroseconds) : frameUs;
+  const int64_t stamp = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
+  const int64_t next = count_ == 0 ? 0 : lastPresentationUs_ + picture.durationUs;
+  const int64_t presentation =
+      stamp != AV_NOPTS_VALUE ? av_rescale_q(stamp, base, kMicroseconds) : originUs_ + next;
+  // Cameras may tell no time of their first pictures: these were where the first that is told says.
+  if (!started_ && stamp != AV_NOPTS_VALUE) {
+    originUs_ = presentation - next;
+    started_ = true;
+  }
+  ++count_;
+  picture.presentationUs = presentation - originUs_;
   lastPresentationUs_ = picture.presentationUs;
   lengthUs_ = std::max(lengthUs_, picture.presentationUs + picture.durationUs);
   if (packet.dts != AV_NOPTS_VALUE) {
@@ -225,8 +236,29 @@ int ContainerInput::readMore() {
   return result;
 }
 
+// True when the packet was one of the sound, and gave frames.
+bool ContainerInput::takesSound() {
+  return containerSound_ != nullptr && containerSound_->isOf(*packet_) &&
+         containerSound_->add(packet_.get());
+}
+
+bool ContainerInput::wantSound() {
+  if (!hasTimes_ || containerSound_ != nullptr) return false;
+  containerSound_ = ContainerSound::choose(format_.get(), *stream_);
+  if (containerSound_ == nullptr) return false;
+  leftOut_.erase(
+      std::remove(leftOut_.begin(), leftOut_.end(), soundLeftOutText(*containerSound_->stream())),
+      leftOut_.end());
+  return true;
+}
+
+// Sound waits for the first picture, which says where its time line begins.
 MediaInput::Result ContainerInput::next(MediaPicture* out) {
-  while (!firstIsTimed()) {
+  for (;;) {
+    if (given_ && containerSound_ != nullptr &&
+        containerSound_->next(originUs_, &sound_, &soundFormat_))
+      return Result::kSound;
+    if (firstIsTimed()) break;
     if (ended_) return Result::kEnd;
     const int result = readMore();
     if (result < 0 && result != AVERROR_EOF) {
@@ -237,6 +269,7 @@ MediaInput::Result ContainerInput::next(MediaPicture* out) {
   if (!decodeTimesKnown_) backfillDecodeTimes(waiting_.front().presentationUs);
   *out = std::move(waiting_.front());
   waiting_.pop_front();
+  given_ = true;
   return Result::kPicture;
 }
 

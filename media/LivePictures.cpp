@@ -8,6 +8,8 @@ namespace {
 // An input that brings more than this in a second is no camera; nothing is learned by waiting.
 constexpr size_t kMostHeld = 250;
 constexpr size_t kMostBytes = 4 * 1024 * 1024;
+// Frames of sound whose pictures do not come.
+constexpr size_t kMostSounds = 2000;
 
 }  // namespace
 
@@ -25,6 +27,35 @@ void LivePictures::tellTimes() {
     held.decode = clock_->timeOf(held.picture.arrivalUs, held.picture.decodeUs);
   }
   bytes_ = 0;
+  tellSoundTimes();
+}
+
+void LivePictures::addSound(MediaSound sound, SoundFormat format) {
+  if (sounds_.size() - timedSounds_ >= kMostSounds)
+    sounds_.erase(sounds_.begin() + static_cast<std::ptrdiff_t>(timedSounds_));
+  sounds_.push_back({std::move(sound), std::move(format), PictureTime()});
+  tellSoundTimes();
+}
+
+// In their order. What is in front of a frame that has its time and has none itself belongs to no
+// picture.
+void LivePictures::tellSoundTimes() {
+  for (size_t i = timedSounds_; i < sounds_.size(); ++i) {
+    if (!clock_->timeAt(sounds_[i].sound.timeUs, &sounds_[i].time)) continue;
+    sounds_.erase(sounds_.begin() + static_cast<std::ptrdiff_t>(timedSounds_),
+                  sounds_.begin() + static_cast<std::ptrdiff_t>(i));
+    i = timedSounds_++;
+  }
+}
+
+bool LivePictures::nextSound(MediaSound* out, SoundFormat* format, PictureTime* time) {
+  if (timedSounds_ == 0) return false;
+  *out = std::move(sounds_.front().sound);
+  *format = std::move(sounds_.front().format);
+  *time = sounds_.front().time;
+  sounds_.pop_front();
+  --timedSounds_;
+  return true;
 }
 
 void LivePictures::end() {

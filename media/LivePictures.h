@@ -21,6 +21,9 @@ class TARN_API LivePictures {
   // The next picture whose time is known, with the wall time of its presentation. False when there
   // is none.
   bool next(MediaPicture* out, PictureTime* presentation);
+  // The same of the sound that comes with the pictures: it takes its times from theirs.
+  void addSound(MediaSound sound, SoundFormat format);
+  bool nextSound(MediaSound* out, SoundFormat* format, PictureTime* time);
   // Nothing more is waited for: the input has ended. What is added next comes from a new one.
   void end();
 
@@ -29,12 +32,20 @@ class TARN_API LivePictures {
     MediaPicture picture;
     PictureTime decode;
   };
+  struct HeldSound {
+    MediaSound sound;
+    SoundFormat format;
+    PictureTime time;
+  };
   void tellTimes();
+  void tellSoundTimes();
 
   PictureClock* clock_;
   std::deque<Held> held_;
   size_t timed_ = 0;  // of them, from the front
   size_t bytes_ = 0;  // of those that are not
+  std::deque<HeldSound> sounds_;
+  size_t timedSounds_ = 0;
 };
 
 }  // namespace tarn

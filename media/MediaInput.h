@@ -5,9 +5,11 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/Export.h"
+#include "recorder/recording/SoundFormat.h"
 
 namespace tarn {
 
@@ -21,6 +23,14 @@ struct MediaPicture {
   int64_t arrivalUs = 0;        // monotonic, when it was received; see PictureClock
 };
 
+// One frame of the sound that belongs to the pictures, as it came.
+struct MediaSound {
+  std::vector<uint8_t> frame;
+  int64_t timeUs = 0;  // when it begins, on the time line of the pictures; may be before the first
+  uint32_t samples = 0;   // how long it is, of each channel
+  int64_t arrivalUs = 0;  // as of pictures
+};
+
 // Whether to stop. Asked a few times a second while an input is waited for, in the thread that
 // reads it: the place for whatever must go on meanwhile, as RecordingSession::tick().
 using StopAsked = std::function<bool()>;
@@ -31,9 +41,18 @@ class TARN_API MediaInput {
  public:
   virtual ~MediaInput() = default;
 
-  enum class Result { kPicture, kEnd, kError };
-  // The next picture; on kError `error()` says why.
+  enum class Result { kPicture, kEnd, kError, kSound };
+  // The next picture; on kError `error()` says why. kSound comes only behind the first picture, and
+  // only after wantSound(): takeSound() has a frame then, and *out is left alone.
   virtual Result next(MediaPicture* out) = 0;
+
+  // The input's sound shall come, too: AAC, G.711 or Opus, as it is. Before the first next(). False
+  // when there is none that can be recorded; leftOut() says what there is instead.
+  virtual bool wantSound() { return false; }
+  // After kSound.
+  MediaSound takeSound() { return std::move(sound_); }
+  // Of the frame that was taken last. Cameras may change it.
+  const SoundFormat& soundFormat() const { return soundFormat_; }
 
   const std::string& error() const { return error_; }
   double frameRate() const { return frameRate_; }  // pictures a second, 0 when not known
@@ -65,6 +84,8 @@ class TARN_API MediaInput {
   bool live_ = false;
   bool hasTimes_ = false;
   std::vector<std::string> leftOut_;
+  MediaSound sound_;
+  SoundFormat soundFormat_;
 };
 
 }  // namespace tarn

@@ -8,6 +8,7 @@
 
 #include "base/Export.h"
 #include "recorder/card/PictureTime.h"
+#include "recorder/recording/SoundFormat.h"
 
 namespace tarn {
 
@@ -19,15 +20,23 @@ struct OutputPicture {
   bool key = false;
 };
 
-// File that exported pictures go to: an .mp4 with each picture's time, or a bare .h264 stream. The
-// file appears under its name only when finish() succeeds; until then, and after a failure, it is
-// NAME.part, which the destructor removes. Used by one thread.
+// One frame of sound to be written.
+struct OutputSound {
+  SoundFormat format;
+  std::vector<uint8_t> frame;
+  PictureTime time;      // when it begins
+  uint32_t samples = 0;  // how long it is, of each channel
+};
+
+// File that exported pictures go to: an .mp4 or .mov with each picture's time, or a bare .h264
+// stream. The file appears under its name only when finish() succeeds; until then, and after a
+// failure, it is NAME.part, which the destructor removes. Used by one thread.
 class TARN_API MediaOutput {
  public:
   virtual ~MediaOutput();
 
-  // The format follows from the ending, .mp4 or .h264. Refuses an existing file unless `overwrite`.
-  // A file of several tracks must be .mp4. Null with *error set.
+  // The format follows from the ending, .mp4, .mov or .h264. Refuses an existing file unless
+  // `overwrite`. A file of several tracks must not be .h264. Null with *error set.
   static std::unique_ptr<MediaOutput> create(const std::string& path, bool overwrite,
                                              std::string* error, size_t tracks = 1);
 
@@ -37,6 +46,12 @@ class TARN_API MediaOutput {
   // The first picture of a track must be a key picture with its parameter sets. Tracks may take
   // turns in any way. False with error() set.
   virtual bool write(const OutputPicture& picture, size_t track = 0) = 0;
+  // The same of a track of sound, which takes no pictures, and which is described before anything
+  // is written. An .mp4 holds AAC and Opus, a .mov AAC and G.711. Frames that follow each other to
+  // half of their length are written without a gap; G.711 has silence in its gaps. Frames of
+  // another format than the first are refused.
+  virtual bool describe(size_t track, const OutputSound& first) = 0;
+  virtual bool write(const OutputSound& sound, size_t track) = 0;
   // Completes the file, flushes it and gives it its name. False with error() set.
   bool finish();
 

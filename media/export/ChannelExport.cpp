@@ -73,7 +73,7 @@ bool ChannelExport::take(const PictureEntry& entry) {
   return true;
 }
 
-ChannelExport::Result ChannelExport::next() {
+ExportTrack::Result ChannelExport::next() {
   for (; row_ < rows_.size(); ++row_, reader_.reset()) {
     if (reader_ == nullptr && !openRow()) return Result::kError;
     for (; index_ < reader_->pictureCount(); ++index_) {
@@ -90,7 +90,7 @@ ChannelExport::Result ChannelExport::next() {
       }
       if (!take(entry)) continue;
       ++index_;
-      return Result::kPicture;
+      return Result::kPiece;
     }
   }
   return Result::kEnd;

@@ -6,26 +6,32 @@
 #include <vector>
 
 #include "db/DbRecords.h"
-#include "media/MediaOutput.h"
 #include "media/export/ExportReport.h"
+#include "media/export/ExportTrack.h"
 #include "recorder/recording/RecordingReader.h"
 
 namespace tarn {
 
 // The pictures of one channel's recordings in a period, one after the other.
-class ChannelExport {
+class ChannelExport : public ExportTrack {
  public:
   // `rows` of one channel, in the order of their times.
   ChannelExport(int channel, std::vector<DB_STREAM> rows, PictureTime from, PictureTime to);
 
-  enum class Result { kPicture, kEnd, kError };
-  // The next picture, in decode order; it counts as written. On kError error() says why.
-  Result next();
+  Result next() override;
+  int64_t decodeUs() const override {
+    return picture_.presentation.totalMicros() + picture_.decodeOffsetUs;
+  }
+  bool describe(MediaOutput* output, size_t track) const override {
+    return output->describe(track, picture_);
+  }
+  bool write(MediaOutput* output, size_t track) const override {
+    return output->write(picture_, track);
+  }
   const OutputPicture& picture() const { return picture_; }
 
   int channel() const { return channel_; }  // ChunkChannels::kUnknown where the card does not tell
   const ExportTotals& totals() const { return totals_; }
-  const std::string& error() const { return error_; }
 
  private:
   bool openRow();
@@ -44,7 +50,6 @@ class ChannelExport {
   bool waitForKey_ = true;
   OutputPicture picture_;
   ExportTotals totals_;
-  std::string error_;
 };
 
 }  // namespace tarn

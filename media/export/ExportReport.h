@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "recorder/card/PictureTime.h"
+#include "recorder/recording/SoundFormat.h"
 
 namespace tarn {
 
@@ -29,11 +30,25 @@ struct ExportTotals {
   PictureTime last;
 };
 
+// What an export holds of the sound of one channel, and what is missing in it.
+struct SoundTotals {
+  SoundCodec codec = SoundCodec::kUnknown;  // kUnknown: there is none
+  uint64_t frames = 0;
+  uint64_t bytes = 0;        // of them
+  uint64_t lost = 0;         // blocks of frames that could not be read
+  uint64_t damaged = 0;      // blocks of those written
+  uint64_t otherFormat = 0;  // frames left out, because the sound changes its format before them
+  bool leftOut = false;      // there is sound, which a .h264 does not hold
+  PictureTime first;         // of those written
+  PictureTime last;          // end of the last
+};
+
 // One channel of an export.
 struct ExportedChannel {
   std::string path;  // the file that holds it
   int channel = 0;   // ChunkChannels::kUnknown where the card does not tell
   ExportTotals totals;
+  SoundTotals sound;
   std::string error;  // why there is no such file, or nothing of the channel in it; else ""
 };
 

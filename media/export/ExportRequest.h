@@ -8,7 +8,8 @@
 
 namespace tarn {
 
-// What a MediaExporter is to write: the pictures of a recording, of an event, or of a period.
+// What a MediaExporter is to write: what was recorded in a recording, an event,
+// or a period: pictures with the sound of that time, or the sound alone.
 struct ExportRequest {
   std::optional<uint32_t> streamID;  // this recording
   std::optional<uint32_t> eventID;   // all that was recorded during this event
@@ -17,7 +18,8 @@ struct ExportRequest {
   std::optional<PictureTime> to;
   std::optional<uint16_t> trigger;  // of a period: only recordings of this trigger
   std::optional<int> channel;       // only recordings of this channel
-  std::string output;               // .mp4 or .h264; of several channels NAME-chN.mp4 each
+  std::string output;               // .mp4, .mov or .h264; of several channels NAME-chN.mp4 each
+  bool sound = true;                // the channels' sound, too
   bool tracks = false;              // several channels into one file, a track each
   bool overwrite = false;           // replace a file that exists
 };

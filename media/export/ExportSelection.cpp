@@ -1,11 +1,13 @@
 #include "media/export/ExportSelection.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "db/CApiDb.h"
 #include "recorder/card/ChunkChannels.h"
 #include "recorder/recording/RecordingReader.h"
+#include "recorder/recording/SoundFormat.h"
 #include "recorder/rows/RecorderDatabase.h"
 
 namespace tarn {
@@ -40,13 +42,13 @@ bool ExportSelection::chooseEvent() {
   if (!streamsOfEvent(event, &rows_)) return fail(kDatabaseUnread);
   from_ = PictureTime::fromMicros((int64_t{event.startDate} - event.preSec) * 1000000 +
                                   int64_t{event.startMSec} * 1000);
-  if (event.endDate != 0) to_ = {event.endDate, event.endMSec * 1000u + 999u};
+  if (event.endDate != 0) to_ = soundTo_ = {event.endDate, event.endMSec * 1000u + 999u};
   return true;
 }
 
 bool ExportSelection::choosePeriod() {
   from_ = request_.from.value_or(from_);
-  to_ = request_.to.value_or(to_);
+  to_ = soundTo_ = request_.to.value_or(to_);
   return streamsOfPeriod(from_.seconds, to_.seconds, request_.trigger.value_or(0), &rows_) ||
          fail(kDatabaseUnread);
 }
@@ -56,12 +58,33 @@ bool ExportSelection::chooseRows() {
   return request_.streamID ? chooseStream() : choosePeriod();
 }
 
+// The sound that was recorded beside the pictures of a recording, from its first picture on.
+bool ExportSelection::addSoundOf(const DB_STREAM& row, const ChunkChannels& chunks) {
+  // The last picture is seen for a while; of one that was repaired only the second is known.
+  const int64_t behind = row.endMSec == 0 ? 1000000 : 100000;
+  const PictureTime end = {row.endDate, row.endMSec * 1000u};
+  if (row.recSize != 0) soundTo_ = PictureTime::fromMicros(end.totalMicros() + behind);
+  from_ = {row.startDate, row.startMSec * 1000u};
+  std::vector<DB_STREAM> beside;
+  if (!streamsOfPeriod(row.startDate, soundTo_.seconds, 0, &beside)) return fail(kDatabaseUnread);
+  const int channel = chunks.of(row.chunkID);
+  std::copy_if(beside.begin(), beside.end(), std::back_inserter(rows_),
+               [&](const DB_STREAM& other) {
+                 return isSound(other) && chunks.of(other.chunkID) == channel;
+               });
+  return true;
+}
+
 // Pictures of two channels have nothing to do with each other.
 bool ExportSelection::group() {
   ChunkChannels chunks;
   std::string error;
   // One recording is of one channel, whichever that is.
-  if (chunks.read(&error) != 0 && !request_.streamID) return fail(error);
+  const bool known = chunks.read(&error) == 0;
+  if (!known && !request_.streamID) return fail(error);
+  const bool pictures = request_.streamID && !isSound(rows_.front());
+  if (known && pictures && request_.sound && !addSoundOf(DB_STREAM(rows_.front()), chunks))
+    return false;
   for (const DB_STREAM& row : rows_) {
     const int channel = chunks.of(row.chunkID);
     if (!request_.channel || *request_.channel == channel) rowsOfChannels_[channel].push_back(row);

@@ -12,6 +12,8 @@ class CApiDb;
 
 namespace tarn {
 
+class ChunkChannels;
+
 // The recordings that an export is of, looked up in the recorder's database. Used by one thread.
 class ExportSelection {
  public:
@@ -26,6 +28,8 @@ class ExportSelection {
   const std::map<int, std::vector<DB_STREAM>>& rowsOfChannels() const { return rowsOfChannels_; }
   PictureTime from() const { return from_; }
   PictureTime to() const { return to_; }
+  // Of sound: that of a single recording ends with its pictures.
+  PictureTime soundTo() const { return soundTo_; }
   const std::string& error() const { return error_; }
 
  private:
@@ -34,6 +38,7 @@ class ExportSelection {
   bool chooseRows();
   bool chooseEvent();
   bool chooseStream();
+  bool addSoundOf(const DB_STREAM& row, const ChunkChannels& chunks);
   bool choosePeriod();
   bool group();
 
@@ -42,6 +47,7 @@ class ExportSelection {
   std::map<int, std::vector<DB_STREAM>> rowsOfChannels_;
   PictureTime from_{0, 0};
   PictureTime to_{UINT32_MAX, 999999};
+  PictureTime soundTo_{UINT32_MAX, 999999};
   std::string error_;
 };
 

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "media/MediaOutput.h"
-#include "media/export/ChannelExport.h"
+#include "media/export/ChannelTracks.h"
 #include "media/export/ExportSelection.h"
 #include "media/export/TrackTurns.h"
 #include "recorder/card/ChunkChannels.h"
@@ -14,17 +14,6 @@ namespace tarn {
 namespace {
 
 constexpr char kErrStopped[] = "stopped before its end";
-constexpr char kErrNothingReadable[] = "no picture of that time can be read";
-
-// Why there is not one picture.
-std::string emptyText(const ExportTotals& totals) {
-  if (totals.undecodable == 0) return kErrNothingReadable;
-  return std::to_string(totals.undecodable) +
-         " pictures need a key picture that is not among them and are left out; no other picture "
-         "of "
-         "that time can be read";
-}
-
 }  // namespace
 
 class MediaExporter::Impl {
@@ -39,16 +28,14 @@ class MediaExporter::Impl {
   bool fail(const std::string& text);
   bool exportFiles();
   bool exportTracks();
-  bool beginTracks(std::vector<ChannelExport*>* tracks);
-  bool writeTracks(const std::vector<ChannelExport*>& tracks, MediaOutput* output);
-  std::string exportFile(ChannelExport* channel, const std::string& path);
-  bool report(const ChannelExport& channel, const std::string& path, const std::string& error);
+  std::string writeFile(const std::vector<ExportTrack*>& tracks, const std::string& path);
+  bool report(const ChannelTracks& channel, const std::string& path, const std::string& error);
   std::string pathOf(int channel) const;
   bool stopped() const { return stopAsked_ && stopAsked_(); }
 
   const ExportRequest request_;
   StopAsked stopAsked_;
-  std::list<ChannelExport> channels_;  // in the order of their numbers
+  std::list<ChannelTracks> channels_;  // in the order of their numbers
   std::vector<ExportedChannel> exported_;
   std::string error_;
   bool noMemory_ = false;
@@ -74,79 +61,64 @@ std::string MediaExporter::Impl::pathOf(int channel) const {
   return request_.output.substr(0, dot) + name + request_.output.substr(dot);
 }
 
-// False when pictures are missing.
-bool MediaExporter::Impl::report(const ChannelExport& channel, const std::string& path,
+// False when something is missing.
+bool MediaExporter::Impl::report(const ChannelTracks& channel, const std::string& path,
                                  const std::string& error) {
-  exported_.push_back({path, channel.channel(), channel.totals(), error});
-  return error.empty() && channel.totals().lost == 0;
+  ExportedChannel exported = channel.report();
+  exported.path = path;
+  exported.error = error;
+  exported_.push_back(exported);
+  return error.empty() && exported.totals.lost == 0 && exported.sound.lost == 0;
 }
 
 // Why there is no file; "" when there is one.
-std::string MediaExporter::Impl::exportFile(ChannelExport* channel, const std::string& path) {
+std::string MediaExporter::Impl::writeFile(const std::vector<ExportTrack*>& tracks,
+                                           const std::string& path) {
   std::string error;
-  const auto output = MediaOutput::create(path, request_.overwrite, &error);
+  const auto output = MediaOutput::create(path, request_.overwrite, &error, tracks.size());
   if (output == nullptr) return error;
-  ChannelExport::Result result;
-  while ((result = channel->next()) == ChannelExport::Result::kPicture) {
-    if (!output->write(channel->picture())) return output->error();
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    if (!tracks[i]->describe(output.get(), i)) return output->error();
+  }
+  TrackTurns turns(tracks);
+  while (turns.hasNext()) {
+    if (!turns.piece().write(output.get(), turns.track())) return output->error();
+    if (!turns.advance()) return turns.error();
     if (stopped()) return kErrStopped;
   }
-  if (result == ChannelExport::Result::kError) return channel->error();
-  if (channel->totals().written == 0) return emptyText(channel->totals());
   return output->finish() ? "" : output->error();
 }
 
 // One channel that cannot be read is no reason to leave out the others.
 bool MediaExporter::Impl::exportFiles() {
   bool good = true;
-  for (ChannelExport& channel : channels_) {
+  for (ChannelTracks& channel : channels_) {
     const std::string path = pathOf(channel.channel());
-    good = report(channel, path, exportFile(&channel, path)) && good;
+    std::string error = channel.begin();
+    if (error.empty()) error = writeFile(channel.tracks(), path);
+    good = report(channel, path, error) && good;
   }
   return good;
 }
 
-// Reads the first picture of each channel; those that have one become tracks. False when a channel
-// has none.
-bool MediaExporter::Impl::beginTracks(std::vector<ChannelExport*>* tracks) {
+// Channels that have nothing are told, and get no track.
+bool MediaExporter::Impl::exportTracks() {
+  std::vector<ExportTrack*> tracks;
+  std::vector<const ChannelTracks*> written;
   bool good = true;
-  for (ChannelExport& channel : channels_) {
-    const ChannelExport::Result result = channel.next();
-    if (result == ChannelExport::Result::kPicture) {
-      tracks->push_back(&channel);
+  for (ChannelTracks& channel : channels_) {
+    const std::string error = channel.begin();
+    if (!error.empty()) {
+      good = report(channel, request_.output, error);
       continue;
     }
-    const bool failed = result == ChannelExport::Result::kError;
-    good = false;
-    report(channel, request_.output, failed ? channel.error() : emptyText(channel.totals()));
+    written.push_back(&channel);
+    tracks.insert(tracks.end(), channel.tracks().begin(), channel.tracks().end());
   }
-  return good;
-}
-
-bool MediaExporter::Impl::writeTracks(const std::vector<ChannelExport*>& tracks,
-                                      MediaOutput* output) {
-  for (size_t i = 0; i < tracks.size(); ++i) {
-    if (!output->describe(i, tracks[i]->picture())) return fail(output->error());
-  }
-  TrackTurns turns(tracks);
-  while (turns.hasNext()) {
-    if (!output->write(turns.picture(), turns.track())) return fail(output->error());
-    if (!turns.advance()) return fail(turns.error());
-    if (stopped()) return fail(kErrStopped);
-  }
-  return output->finish() || fail(output->error());
-}
-
-bool MediaExporter::Impl::exportTracks() {
-  std::vector<ChannelExport*> tracks;
-  bool good = beginTracks(&tracks);
   if (tracks.empty()) return false;
-  std::string error;
-  const auto output =
-      MediaOutput::create(request_.output, request_.overwrite, &error, tracks.size());
-  if (output == nullptr) return fail(error);
-  if (!writeTracks(tracks, output.get())) return false;
-  for (const ChannelExport* channel : tracks) good = report(*channel, request_.output, "") && good;
+  const std::string error = writeFile(tracks, request_.output);
+  if (!error.empty()) return fail(error);
+  for (const ChannelTracks* channel : written) good = report(*channel, request_.output, "") && good;
   return good;
 }
 
@@ -155,7 +127,7 @@ bool MediaExporter::Impl::run(const StopAsked& stopAsked) {
   ExportSelection selection(request_);
   if (!selection.choose(stopAsked_)) return fail(selection.error());
   for (const auto& [channel, rows] : selection.rowsOfChannels())
-    channels_.emplace_back(channel, rows, selection.from(), selection.to());
+    channels_.emplace_back(channel, selection, request_, rows);
   return request_.tracks ? exportTracks() : exportFiles();
 }
 

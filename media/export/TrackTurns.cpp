@@ -2,17 +2,16 @@
 
 namespace tarn {
 
-TrackTurns::TrackTurns(const std::vector<ChannelExport*>& channels)
-    : channels_(channels), more_(channels.size(), true) {
+TrackTurns::TrackTurns(const std::vector<ExportTrack*>& tracks)
+    : tracks_(tracks), more_(tracks.size(), true) {
   chooseTrack();
 }
 
 void TrackTurns::chooseTrack() {
-  track_ = channels_.size();
+  track_ = tracks_.size();
   int64_t first = 0;
-  for (size_t i = 0; i < channels_.size(); ++i) {
-    const OutputPicture& picture = channels_[i]->picture();
-    const int64_t decode = picture.presentation.totalMicros() + picture.decodeOffsetUs;
+  for (size_t i = 0; i < tracks_.size(); ++i) {
+    const int64_t decode = tracks_[i]->decodeUs();
     if (!more_[i] || (hasNext() && decode >= first)) continue;
     track_ = i;
     first = decode;
@@ -20,12 +19,12 @@ void TrackTurns::chooseTrack() {
 }
 
 bool TrackTurns::advance() {
-  const ChannelExport::Result result = channels_[track_]->next();
-  if (result == ChannelExport::Result::kError) {
-    error_ = channels_[track_]->error();
+  const ExportTrack::Result result = tracks_[track_]->next();
+  if (result == ExportTrack::Result::kError) {
+    error_ = tracks_[track_]->error();
     return false;
   }
-  more_[track_] = result == ChannelExport::Result::kPicture;
+  more_[track_] = result == ExportTrack::Result::kPiece;
   chooseTrack();
   return true;
 }

@@ -4,30 +4,30 @@
 #include <string>
 #include <vector>
 
-#include "media/export/ChannelExport.h"
+#include "media/export/ExportTrack.h"
 
 namespace tarn {
 
-// Pictures of several channels in the order in which they are decoded, as a file of several tracks
+// Pieces of several tracks in the order in which they are decoded, as a file of several tracks
 // wants them. Used by one thread.
 class TrackTurns {
  public:
-  // Each channel's first picture is at hand; the channels outlive this.
-  explicit TrackTurns(const std::vector<ChannelExport*>& channels);
+  // Each track's first piece is at hand; the tracks outlive this.
+  explicit TrackTurns(const std::vector<ExportTrack*>& tracks);
 
-  // Whether there is a picture: of track(), counted as the channels were given.
-  bool hasNext() const { return track_ < channels_.size(); }
+  // Whether there is a piece: of track(), counted as the tracks were given.
+  bool hasNext() const { return track_ < tracks_.size(); }
   size_t track() const { return track_; }
-  const OutputPicture& picture() const { return channels_[track_]->picture(); }
-  // To the picture behind it. False with error() set when the channel cannot be read.
+  const ExportTrack& piece() const { return *tracks_[track_]; }
+  // To the piece behind it. False with error() set when the track cannot be read.
   bool advance();
   const std::string& error() const { return error_; }
 
  private:
   void chooseTrack();
 
-  std::vector<ChannelExport*> channels_;
-  std::vector<bool> more_;  // of each channel: its picture is still to be written
+  std::vector<ExportTrack*> tracks_;
+  std::vector<bool> more_;  // of each track: its piece is still to be written
   size_t track_ = 0;
   std::string error_;
 };

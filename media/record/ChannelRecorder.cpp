@@ -67,6 +67,7 @@ bool ChannelRecorder::isIdle() {
   if (session_.isOpen()) {
     watchClock();
     if (session_.tick() != 0) fail(session_.errorText());
+    if (soundSession_.isOpen() && soundSession_.tick() != 0) failSound(soundSession_.errorText());
     tellProgress();
   }
   return stopAsked() || !good_;
@@ -80,21 +81,69 @@ void ChannelRecorder::watchClock() {
   clock_->setWallOffset(offset);
   start_ = PictureTime::fromMicros(start_.totalMicros() + delta);
   if (session_.clockStepped(delta) != 0) fail(session_.errorText());
+  if (soundSession_.isOpen() && soundSession_.clockStepped(delta) != 0)
+    failSound(soundSession_.errorText());
 }
 
 // What an input is like is known once it is open.
-void ChannelRecorder::prepare(const MediaInput& input) {
+void ChannelRecorder::prepare(MediaInput* input) {
+  if (request_.sound) input->wantSound();
   if (!leftOutTold_) {
-    for (const std::string& sentence : input.leftOut()) warn(input_.input + ": " + sentence);
+    for (const std::string& sentence : input->leftOut()) warn(input_.input + ": " + sentence);
   }
   leftOutTold_ = true;
   const bool counted = request_.times == TimesFrom::kStream || request_.start.has_value();
-  const bool arrival = request_.times == TimesFrom::kArrival || input.isLive();
+  const bool arrival = request_.times == TimesFrom::kArrival || input->isLive();
   if (clock_ || counted || !arrival) return;
   clock_.emplace(
-      input.hasTimes() ? PictureClock::Stamps::kOfSource : PictureClock::Stamps::kCounted,
+      input->hasTimes() ? PictureClock::Stamps::kOfSource : PictureClock::Stamps::kCounted,
       wallUs() - monotonicUs());
   live_.emplace(&*clock_);
+}
+
+// Pictures go on without their sound.
+void ChannelRecorder::failSound(const char* text) {
+  warn(std::string("no more of its sound is recorded: ") + text);
+  soundGood_ = false;
+  soundSession_.close();
+}
+
+bool ChannelRecorder::openSound(const SoundFormat& format) {
+  if (soundSession_.isOpen() && soundSession_.close() != 0) return false;
+  SoundOptions options;
+  options.format = soundFormat_ = format;
+  options.channel = static_cast<int8_t>(input_.channel);
+  options.segmentSeconds = request_.segmentSeconds;
+  options.flushIntervalMs = request_.flushMs;
+  hasSound_ = true;
+  return soundSession_.open(options) == 0;
+}
+
+// Behind the pictures' session, which is to have a chunk in any case.
+void ChannelRecorder::writeSound(const MediaSound& sound, const SoundFormat& format,
+                                 PictureTime time) {
+  if (!soundGood_ || !session_.isOpen()) return;
+  const bool open = soundSession_.isOpen() && format == soundFormat_;
+  if (!open && !openSound(format)) return failSound(soundSession_.errorText());
+  if (soundSession_.writeFrame(sound.frame.data(), sound.frame.size(), time, sound.samples) != 0)
+    failSound(soundSession_.errorText());
+}
+
+void ChannelRecorder::writeLiveSound() {
+  MediaSound sound;
+  SoundFormat format;
+  PictureTime time;
+  while (live_->nextSound(&sound, &format, &time)) writeSound(sound, format, time);
+}
+
+void ChannelRecorder::takeSound(MediaInput* input) {
+  MediaSound sound = input->takeSound();
+  if (!live_) {
+    const PictureTime time = clockTime(originUs_ + sound.timeUs);
+    return writeSound(sound, input->soundFormat(), time);
+  }
+  live_->addSound(std::move(sound), input->soundFormat());
+  writeLiveSound();
 }
 
 // Without it an endless source that produces faster than the clock would be recorded at its speed.
@@ -156,6 +205,7 @@ bool ChannelRecorder::writeLive() {
     started_ = true;
     if (!write(picture, time, time.totalMicros() - start_.totalMicros())) return false;
   }
+  writeLiveSound();
   return true;
 }
 
@@ -167,6 +217,10 @@ bool ChannelRecorder::recordInput(MediaInput* input) {
     const MediaInput::Result result = input->next(&picture);
     // A stop interrupts the read of a live stream; that is no failure.
     if (result == MediaInput::Result::kError && !stopAsked()) return false;
+    if (result == MediaInput::Result::kSound) {
+      takeSound(input);
+      continue;
+    }
     if (result != MediaInput::Result::kPicture) return true;
     if (!session_.isOpen() && !openSession(*input)) return false;
     opened_ = true;
@@ -182,7 +236,7 @@ bool ChannelRecorder::recordPasses() {
     std::string error;
     const auto input = openInput(&error);
     if (input == nullptr) return stopAsked() || fail(error);
-    prepare(*input);
+    prepare(input.get());
     if (pass == 0) {
       start_ = request_.start.value_or(PictureTime::fromMicros(wallUs()));
       beganUs_ = monotonicUs();
@@ -215,7 +269,7 @@ bool ChannelRecorder::recordAddress() {
     std::string error;
     const auto input = openInput(&error);
     if (input != nullptr) {
-      prepare(*input);
+      prepare(input.get());
       const uint64_t before = session_.statistics().pictures;
       if (told) warn(input_.input + " is there again");
       told = false;
@@ -225,6 +279,8 @@ bool ChannelRecorder::recordAddress() {
       error = input_.input + ": " + (ended ? "the stream has ended" : input->error());
       if (session_.statistics().pictures > before) pause = kFirstPauseUs;
       session_.markDiscontinuity();
+      if (soundSession_.isOpen() && soundSession_.markDiscontinuity() != 0)
+        failSound(soundSession_.errorText());
     }
     if (stopAsked()) return true;
     if (!told) warn(error + "; trying again");
@@ -256,6 +312,7 @@ void ChannelRecorder::record() {
   }
   endEvents();
   if (session_.isOpen() && session_.close() != 0) fail(session_.errorText());
+  if (soundSession_.isOpen() && soundSession_.close() != 0) failSound(soundSession_.errorText());
   tellProgress();
 }
 
@@ -265,12 +322,19 @@ bool ChannelRecorder::run() noexcept {
   } catch (const std::exception& error) {
     fail(error.what());
     session_.close();
+    soundSession_.close();
   }
-  return good_;
+  return good_ && soundGood_;
 }
 
 ChannelRecording ChannelRecorder::recording() const {
-  return {input_.channel, opened_, endUs_, eventsBegun_, session_.statistics()};
+  return {input_.channel,
+          opened_,
+          endUs_,
+          eventsBegun_,
+          session_.statistics(),
+          hasSound_,
+          soundSession_.statistics()};
 }
 
 void ChannelRecorder::tellProgress() {

@@ -13,6 +13,7 @@
 #include "media/record/RecordRequest.h"
 #include "recorder/session/PictureClock.h"
 #include "recorder/session/RecordingSession.h"
+#include "recorder/session/SoundSession.h"
 
 namespace tarn {
 
@@ -49,7 +50,7 @@ class ChannelRecorder {
 
   void record();
   std::unique_ptr<MediaInput> openInput(std::string* error);
-  void prepare(const MediaInput& input);
+  void prepare(MediaInput* input);
   bool recordPasses();
   bool recordAddress();
   bool recordInput(MediaInput* input);
@@ -59,6 +60,11 @@ class ChannelRecorder {
   bool recordLive(MediaPicture picture);
   bool writeLive();
   bool write(const MediaPicture& picture, PictureTime presentation, int64_t atUs);
+  void takeSound(MediaInput* input);
+  bool openSound(const SoundFormat& format);
+  void writeSound(const MediaSound& sound, const SoundFormat& format, PictureTime time);
+  void writeLiveSound();
+  void failSound(const char* text);
   void pace(int64_t decodeUs);
   bool isIdle();
   void watchClock();
@@ -73,6 +79,10 @@ class ChannelRecorder {
   const InputRequest& input_;
   RecordListener* const listener_;
   RecordingSession session_;
+  SoundSession soundSession_;
+  SoundFormat soundFormat_;  // of its frames
+  bool soundGood_ = true;
+  bool hasSound_ = false;
   std::vector<EventState> events_;
   bool good_ = true;
   PictureTime start_;

@@ -96,6 +96,9 @@ class ConfigReader {
     } else if (key == "times") {
       if (value != "arrival" && value != "stream") return "times: expected arrival or stream";
       request_->times = value == "arrival" ? TimesFrom::kArrival : TimesFrom::kStream;
+    } else if (key == "sound") {
+      if (value != "yes" && value != "no") return "sound: expected yes or no";
+      request_->sound = value == "yes";
     } else {
       return key + " is not known in [recording]";
     }

@@ -15,6 +15,8 @@ struct ChannelRecording {
   int64_t lengthUs = 0;  // from the first picture to the end of the last
   uint32_t events = 0;   // that were begun
   RecordingStatistics statistics;
+  bool hasSound = false;      // a session was opened for its sound
+  RecordingStatistics sound;  // whose pictures are frames
 };
 
 // Hears from a MediaRecorder how it goes, and tells it when to stop. Each channel calls from a

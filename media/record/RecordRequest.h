@@ -41,6 +41,7 @@ struct RecordRequest {
   double frameRate = 0;              // for streams without times; 0: what the stream tells
   bool realtime = false;             // no faster than the pictures' own times
   std::vector<EventRequest> events;  // of the first input
+  bool sound = true;                 // the inputs' sound, too, as far as it can be recorded
 };
 
 // False with *error set when a request contradicts itself: no input, a channel or

@@ -34,6 +34,7 @@ Json findingJson(const CardFinding& finding) {
                {"consequence", consequenceName(finding.consequence)},
                {"meaning", finding.meaning}};
   if (finding.channel >= 0) json["channel"] = finding.channel;
+  if (finding.isSound) json["sound"] = true;
   if (finding.videoMicros > 0) json["seconds"] = static_cast<double>(finding.videoMicros) / 1e6;
   if (finding.streamID != 0) json["streamID"] = finding.streamID;
   if (finding.eventID != 0) json["eventID"] = finding.eventID;

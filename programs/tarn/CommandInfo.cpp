@@ -3,12 +3,14 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 
 #include "Command.h"
 #include "Console.h"
 #include "manager/ManageFormat.h"
 #include "recorder/card/CardInfo.h"
 #include "recorder/card/CardText.h"
+#include "recorder/recording/SoundChunks.h"
 
 namespace tarn {
 namespace {
@@ -84,17 +86,20 @@ class CommandInfo : public Command {
   struct ChannelUse {
     uint32_t chunks = 0;
     uint32_t guarded = 0;  // of them
+    uint32_t sound = 0;    // of them, with sound instead of video
     uint64_t bytes = 0;
   };
 
   std::map<int, ChannelUse> channelUse() const {
     std::map<int, ChannelUse> channels;
+    const std::set<uint32_t> sound = soundChunks(card_);
     const std::vector<CHUNK_MANAGE>& records = info_.management(kFileStreamManage).records;
     for (uint32_t chunk = 0; chunk < records.size(); ++chunk) {
       if (records[chunk].chType == kChannelUnused) continue;
       ChannelUse& use = channels[channelOf(records[chunk])];
       ++use.chunks;
       if (isGuarded(records[chunk].chType)) ++use.guarded;
+      if (sound.count(chunk) != 0) ++use.sound;
       use.bytes += info_.usedBytes(kFileStream, chunk);
     }
     return channels;
@@ -104,7 +109,8 @@ class CommandInfo : public Command {
     const auto channels = channelUse();
     if (!channels.empty()) fmt::print("\n");
     for (const auto& [channel, use] : channels) {
-      fmt::print("  channel {:<3} {} in {} chunks{}\n", channel, sizeText(use.bytes), use.chunks,
+      fmt::print("  channel {:<3} {} in {} chunks{}{}\n", channel, sizeText(use.bytes), use.chunks,
+                 use.sound == 0 ? "" : fmt::format(", {} of them sound", use.sound),
                  use.guarded == 0 ? "" : fmt::format(", {} of them guarded", use.guarded));
     }
   }
@@ -115,6 +121,7 @@ class CommandInfo : public Command {
       list.push_back({{"channel", channel},
                       {"chunks", use.chunks},
                       {"guardedChunks", use.guarded},
+                      {"soundChunks", use.sound},
                       {"usedBytes", use.bytes}});
     }
     return list;

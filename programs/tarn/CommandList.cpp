@@ -14,6 +14,7 @@
 #include "recorder/card/CardText.h"
 #include "recorder/card/ChunkChannels.h"
 #include "recorder/recording/RecordingIndex.h"
+#include "recorder/recording/SoundFormat.h"
 #include "recorder/rows/RecorderDatabase.h"
 
 namespace tarn {
@@ -29,8 +30,8 @@ Json timeJson(uint32_t seconds, uint16_t milliseconds) {
   return seconds == 0 ? Json(nullptr) : Json(isoTime(seconds, milliseconds));
 }
 
-// Bytes of a recording's pictures; 0 where header or entries are damaged. Nothing where the card
-// refuses them.
+// Bytes of a recording's pictures or sound; 0 where header or entries are damaged. Nothing where
+// the card refuses them.
 std::optional<uint64_t> videoBytes(const DB_STREAM& row) {
   RecordingIndex index(row);
   StreamHeader header;
@@ -56,6 +57,13 @@ std::optional<int64_t> durationMs(const DB_STREAM& row) {
   return (int64_t{row.endDate} - int64_t{row.startDate}) * 1000 + row.endMSec - row.startMSec;
 }
 
+// "video", or how the sound is coded.
+std::string kindText(const DB_STREAM& row) {
+  if (!isSound(row)) return "video";
+  const SoundCodec codec = soundCodecOf(row);
+  return codec == SoundCodec::kUnknown ? "sound" : soundCodecName(codec);
+}
+
 std::string channelText(int channel) {
   return channel == ChunkChannels::kUnknown ? "-" : std::to_string(channel);
 }
@@ -64,6 +72,8 @@ Json streamJson(const DB_STREAM& row, int channel, uint64_t bytes) {
   const std::optional<int64_t> duration = durationMs(row);
   return {{"streamID", row.streamID},
           {"channel", channel == ChunkChannels::kUnknown ? Json(nullptr) : Json(channel)},
+          {"kind", isSound(row) ? "sound" : "video"},
+          {"codec", isSound(row) ? Json(soundCodecName(soundCodecOf(row))) : Json("h264")},
           {"durationMs", duration ? Json(*duration) : Json(nullptr)},
           {"videoBytes", bytes == 0 ? Json(nullptr) : Json(bytes)},
           {"inTrg", row.inTrg},
@@ -181,8 +191,8 @@ class CommandList : public Command {
   bool listStreams() {
     Json list = Json::array();
     if (!json_) {
-      fmt::print("{:>8} {:>3} {:>5} {:<23} {:<23} {:>10} {:>8} {:>10}", "stream", "ch", "trig",
-                 "start", "end", "duration", "pictures", "size");
+      fmt::print("{:>8} {:>3} {:<5} {:>5} {:<23} {:<23} {:>10} {:>8} {:>10}", "stream", "ch",
+                 "kind", "trig", "start", "end", "duration", "pictures", "size");
       printPlace<std::string>("chunk", "offset", "entries");
     }
     std::vector<DB_STREAM> page(kPage);
@@ -217,11 +227,12 @@ class CommandList : public Command {
 
   void printStream(const DB_STREAM& row, int channel, uint64_t bytes) const {
     const std::optional<int64_t> duration = durationMs(row);
-    fmt::print("{:>8} {:>3} {:>5} {:<23} {:<23} {:>10} {:>8} {:>10}", row.streamID,
-               channelText(channel), row.inTrg, timeText(row.startDate, row.startMSec),
-               endText(row.endDate, row.endMSec),
+    fmt::print("{:>8} {:>3} {:<5} {:>5} {:<23} {:<23} {:>10} {:>8} {:>10}", row.streamID,
+               channelText(channel), kindText(row), row.inTrg,
+               timeText(row.startDate, row.startMSec), endText(row.endDate, row.endMSec),
                duration ? fmt::format("{:.1f} s", static_cast<double>(*duration) / 1e3) : "-",
-               row.recSize, bytes == 0 ? "-" : sizeText(bytes));
+               isSound(row) ? "-" : std::to_string(row.recSize),
+               bytes == 0 ? "-" : sizeText(bytes));
     printPlace(row.chunkID, row.chunkOffset, row.chunkSize);
   }
 

@@ -24,7 +24,7 @@ bool readTime(const char* name, const std::string& text, uint32_t micros,
 class CommandExport : public Command {
  public:
   CLI::App* addTo(CLI::App& tool) override {
-    CLI::App* app = tool.add_subcommand("export", "Write recorded pictures to a file");
+    CLI::App* app = tool.add_subcommand("export", "Write recorded pictures and sound to a file");
     CLI::Option* stream = app->add_option("--stream", request_.streamID, "This recording");
     CLI::Option* event =
         app->add_option("--event", request_.eventID, "All that was recorded during this event");
@@ -39,10 +39,13 @@ class CommandExport : public Command {
         ->excludes(event);
     app->add_option("--channel", request_.channel, "Only recordings of this channel")
         ->check(CLI::Range(0, 127));
-    app->add_option("-o,--output", request_.output,
-                    "File to write: .mp4 with each picture's time, or .h264 bare; of several "
-                    "channels one each, NAME-ch0.mp4 and so on")
+    app->add_option(
+           "-o,--output", request_.output,
+           "File to write: .mp4 or .mov with each picture's time, or .h264 bare; of several "
+           "channels one each, NAME-ch0.mp4 and so on")
         ->required();
+    app->add_flag_callback(
+        "--no-sound", [this] { request_.sound = false; }, "Leave out the recorded sound");
     app->add_flag("--tracks", request_.tracks, "Several channels into one .mp4, a track each");
     app->add_flag("--json", json_, "Print as JSON what the file holds");
     app->add_flag("--force", request_.overwrite, "Replace the file when it exists");

@@ -33,8 +33,8 @@ std::optional<EventRequest> parseEvent(const std::string& text) {
 class CommandRecord : public Command {
  public:
   CLI::App* addTo(CLI::App& tool) override {
-    CLI::App* app =
-        tool.add_subcommand("record", "Record the H.264 video of files, streams and cameras");
+    CLI::App* app = tool.add_subcommand(
+        "record", "Record the H.264 video of files, streams and cameras, and its sound");
     app->add_option(
         "INPUT", inputs_,
         "File whose H.264 video is recorded as it is, - for a stream on standard input, "
@@ -75,6 +75,9 @@ class CommandRecord : public Command {
                     "Most recorded time, in milliseconds, that a power loss can take")
         ->check(CLI::Range(1u, 60000u))
         ->capture_default_str();
+    app->add_flag_callback(
+        "--no-sound", [this] { request_.sound = false; },
+        "Leave out the inputs' sound, which is recorded as it is: AAC, G.711 and Opus");
     app->add_flag("--realtime", request_.realtime, "No faster than the pictures' own times");
     app->add_flag("--wait", wait_,
                   "Wait for the management server as long as it takes, instead of five seconds");

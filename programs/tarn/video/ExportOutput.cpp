@@ -46,6 +46,32 @@ void tellMissing(const ExportTotals& totals) {
     complain(fmt::format("{} pictures could not be read and are missing", totals.lost));
 }
 
+void tellSoundFaults(const SoundTotals& sound) {
+  if (sound.leftOut) complain("the sound is left out: a .h264 holds none");
+  if (sound.damaged > 0)
+    complain(fmt::format("{} blocks of sound are damaged on the card and were written as they are",
+                         sound.damaged));
+  if (sound.otherFormat > 0)
+    complain(
+        fmt::format("{} frames of sound are left out, because they have another format than "
+                    "those before them",
+                    sound.otherFormat));
+  if (sound.lost > 0)
+    complain(fmt::format("{} blocks of sound could not be read and are missing", sound.lost));
+}
+
+Json soundJson(const SoundTotals& sound) {
+  if (sound.frames == 0) return nullptr;
+  return {{"codec", soundCodecName(sound.codec)},
+          {"frames", sound.frames},
+          {"from", jsonTime(sound.first)},
+          {"to", jsonTime(sound.last)},
+          {"bytes", sound.bytes},
+          {"damaged", sound.damaged},
+          {"missing", sound.lost},
+          {"leftOut", sound.otherFormat}};
+}
+
 Json damagesJson(const ExportTotals& totals) {
   Json damages = Json::array();
   for (const DamagedRun& run : totals.damages) {
@@ -63,12 +89,13 @@ Json channelJson(const ExportedChannel& exported) {
   return {{"output", asUserSees(exported.path)},
           {"channel", known ? Json(exported.channel) : Json(nullptr)},
           {"pictures", t.written},
-          {"from", jsonTime(t.first)},
-          {"to", jsonTime(t.last)},
+          {"from", t.written == 0 ? Json(nullptr) : Json(jsonTime(t.first))},
+          {"to", t.written == 0 ? Json(nullptr) : Json(jsonTime(t.last))},
           {"bytes", t.bytes},
           {"damaged", t.damaged},
           {"missing", t.lost},
           {"leftOut", t.undecodable},
+          {"sound", soundJson(exported.sound)},
           {"damages", damagesJson(t)}};
 }
 
@@ -81,9 +108,18 @@ std::string ExportOutput::label(const ExportedChannel& channel, const char* behi
 
 void ExportOutput::tellContents(const ExportedChannel& channel) const {
   const ExportTotals& t = channel.totals;
-  fmt::print("{}: {}{} pictures, {} to {}, {:.1f} MB\n", asUserSees(channel.path),
+  const SoundTotals& s = channel.sound;
+  if (t.written == 0) {
+    fmt::print("{}: {}{} sound, {} to {}, {:.1f} MB\n", asUserSees(channel.path),
+               label(channel, ", "), soundCodecText(s.codec), clockText(s.first), clockText(s.last),
+               static_cast<double>(s.bytes) / 1e6);
+    return;
+  }
+  const std::string sound =
+      s.frames == 0 ? "" : fmt::format(", with {} sound", soundCodecText(s.codec));
+  fmt::print("{}: {}{} pictures, {} to {}, {:.1f} MB{}\n", asUserSees(channel.path),
              label(channel, ", "), t.written, clockText(t.first), clockText(t.last),
-             static_cast<double>(t.bytes) / 1e6);
+             static_cast<double>(t.bytes + s.bytes) / 1e6, sound);
 }
 
 void ExportOutput::tell(bool quiet) const {
@@ -95,6 +131,7 @@ void ExportOutput::tell(bool quiet) const {
     if (!quiet) tellContents(channel);
     tellDamage(channel.totals);
     tellMissing(channel.totals);
+    tellSoundFaults(channel.sound);
   }
 }
 

@@ -73,6 +73,15 @@ void RecordOutput::meanwhile(uint64_t safePictures) {
              " s; after as long again the service manager starts the recording anew");
 }
 
+void RecordOutput::reportSound(const std::string& which, const RecordingStatistics& sound) {
+  say(which + fmt::format("recorded {} frames of sound ({:.1f} MB) in {} recordings on {} chunks\n",
+                          sound.confirmed, static_cast<double>(sound.bytes) / 1e6, sound.segments,
+                          sound.chunks));
+  if (sound.pictures > sound.confirmed)
+    say(which +
+        fmt::format("not on the card: {} frames of sound\n", sound.pictures - sound.confirmed));
+}
+
 void RecordOutput::report(const ChannelRecording& recording) {
   line_.reset();
   if (!recording.begun) return;
@@ -85,10 +94,13 @@ void RecordOutput::report(const ChannelRecording& recording) {
           s.chunks, recording.events));
   if (s.pictures > s.confirmed)
     say(which + fmt::format("not on the card: {} pictures\n", s.pictures - s.confirmed));
+  if (recording.hasSound) reportSound(which, recording.sound);
   say(which +
       fmt::format(
           "made room: {} oldest recordings and {} events deleted, ring ends passed {} times\n",
-          s.recordingsDeleted, s.eventsDeleted, s.streamWraps));
+          s.recordingsDeleted + recording.sound.recordingsDeleted,
+          s.eventsDeleted + recording.sound.eventsDeleted,
+          s.streamWraps + recording.sound.streamWraps));
 }
 
 }  // namespace tarn

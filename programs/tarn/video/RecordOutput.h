@@ -36,6 +36,7 @@ class RecordOutput : public RecordListener {
   std::string label(uint8_t channel) const;
   void tellProgress(const ChannelRecording& recording);
   void showLine(const ChannelRecording& recording);
+  void reportSound(const std::string& which, const RecordingStatistics& sound);
 
   const bool alone_;
   const bool progress_;

@@ -1,0 +1,104 @@
+#include "media/export/SoundExport.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace tarn {
+namespace {
+
+// Decoders need some frames to swing in: AAC one or two, Opus 80 ms.
+constexpr int64_t kLeadUs = 100000;
+
+int64_t lengthOf(const SoundFrame& frame, const SoundFormat& format) {
+  return int64_t{frame.samples} * 1000000 / format.sampleRate;
+}
+
+}  // namespace
+
+SoundExport::SoundExport(std::vector<DB_STREAM> rows, PictureTime from, PictureTime to)
+    : rows_(std::move(rows)), from_(from), to_(to) {}
+
+void SoundExport::beginWith(PictureTime picture) {
+  const PictureTime lead = PictureTime::fromMicros(picture.totalMicros() - kLeadUs);
+  // Sound that was recorded before the first picture of the period stays in it.
+  const bool all = from_.totalMicros() == 0;
+  if (!all && lead < from_) from_ = lead;
+}
+
+bool SoundExport::openRow() {
+  reader_ = std::make_unique<RecordingReader>();
+  index_ = 0;
+  if (reader_->open(rows_[row_]) == 0) return true;
+  totals_.lost += rows_[row_].recSize;
+  return false;
+}
+
+// The next block that can be read and has something of the period.
+bool SoundExport::readBlock() {
+  for (; row_ < rows_.size(); ++row_, reader_.reset()) {
+    if (reader_ == nullptr && !openRow()) continue;
+    while (index_ < reader_->pictureCount()) {
+      PictureEntry entry;
+      const bool known = reader_->picture(index_++, &entry);
+      if (known && to_ < entry.presentation) continue;
+      const bool read = known && reader_->readPicture(entry, &bytes_) &&
+                        block_.decode(bytes_.data(), bytes_.size());
+      frame_ = 0;
+      if (!read) {
+        ++totals_.lost;
+        continue;
+      }
+      if (block_.end() < from_) continue;
+      if (reader_->isDamaged()) ++totals_.damaged;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool SoundExport::isWanted(const SoundFrame& frame) const {
+  const int64_t end = frame.time.totalMicros() + lengthOf(frame, block_.format());
+  return end > from_.totalMicros() && !(to_ < frame.time);
+}
+
+// A track has one format.
+bool SoundExport::take(const SoundFrame& frame) {
+  if (totals_.frames == 0) {
+    sound_.format = block_.format();
+    totals_.codec = sound_.format.codec;
+  }
+  if (block_.format() != sound_.format) {
+    ++totals_.otherFormat;
+    return false;
+  }
+  sound_.frame.assign(frame.data, frame.data + frame.size);
+  sound_.time = frame.time;
+  sound_.samples = frame.samples;
+  const PictureTime end =
+      PictureTime::fromMicros(frame.time.totalMicros() + lengthOf(frame, sound_.format));
+  if (totals_.frames == 0 || frame.time < totals_.first) totals_.first = frame.time;
+  totals_.last = std::max(totals_.last, end);
+  ++totals_.frames;
+  totals_.bytes += frame.size;
+  return true;
+}
+
+ExportTrack::Result SoundExport::next() {
+  for (;;) {
+    while (frame_ < block_.frames().size()) {
+      const SoundFrame& frame = block_.frames()[frame_++];
+      if (isWanted(frame) && take(frame)) return Result::kPiece;
+    }
+    if (!readBlock()) return Result::kEnd;
+  }
+}
+
+bool SoundExport::describe(MediaOutput* output, size_t track) const {
+  return output->describe(track, sound_);
+}
+
+bool SoundExport::write(MediaOutput* output, size_t track) const {
+  return output->write(sound_, track);
+}
+
+}  // namespace tarn

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "db/DbRecords.h"
+#include "media/export/ExportReport.h"
+#include "media/export/ExportTrack.h"
+#include "recorder/recording/RecordingReader.h"
+#include "recorder/recording/SoundBlock.h"
+
+namespace tarn {
+
+// The sound of one channel's recordings in a period, frame by frame. What cannot be read is
+// counted, and is no reason to stop.
+class SoundExport : public ExportTrack {
+ public:
+  // `rows` of sound of one channel, in the order of their times. Frames that end before `from` or
+  // begin behind `to` are left out.
+  SoundExport(std::vector<DB_STREAM> rows, PictureTime from, PictureTime to);
+
+  // Before the first next(): the pictures begin there. Some sound in front of them comes along.
+  void beginWith(PictureTime picture);
+  Result next() override;
+  int64_t decodeUs() const override { return sound_.time.totalMicros(); }
+  bool describe(MediaOutput* output, size_t track) const override;
+  bool write(MediaOutput* output, size_t track) const override;
+
+  const SoundTotals& totals() const { return totals_; }
+
+ private:
+  bool openRow();
+  bool readBlock();
+  bool isWanted(const SoundFrame& frame) const;
+  bool take(const SoundFrame& frame);
+
+  const std::vector<DB_STREAM> rows_;
+  PictureTime from_;
+  const PictureTime to_;
+  size_t row_ = 0;
+  uint32_t index_ = 0;  // of the next block in it
+  size_t frame_ = 0;    // next one of the block at hand
+  std::unique_ptr<RecordingReader> reader_;
+  std::vector<uint8_t> bytes_;
+  SoundBlock block_;
+  OutputSound sound_;
+  SoundTotals totals_;
+};
+
+}  // namespace tarn
