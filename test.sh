@@ -58,6 +58,9 @@ concurrent=(fat mesg chunk dblog recorder)
 # The tests of the libraries; the tool's own are about the tool, not about the machine.
 emulated=(base fat mesg db chunk manager dblog api recorder)
 
+# together PRESET: whether a build compiles several test sources as one.
+together() { sed -n 's/^TARN_TESTS_TOGETHER:BOOL=//p' "build/$1/CMakeCache.txt"; }
+
 build() {
   local preset=$1 targets=() options=(-DTARN_TEST_OBJECTS=)
   case "$preset" in
@@ -66,7 +69,10 @@ build() {
   esac
   # The tests' own code is compiled once for this machine.
   if [[ $preset = [at]san && " ${presets[*]} " == *" release "* ]]; then
-    options=(-DTARN_TEST_OBJECTS="$PWD/build/release")
+    options=(-DTARN_TEST_OBJECTS="$PWD/build/release" "-DTARN_TESTS_TOGETHER=$(together release)")
+  elif [ ! -e "build/$preset/CMakeCache.txt" ]; then
+    # Faster for all of them, slower for the one that is changed: for a tree that nobody works in.
+    options+=(-DTARN_TESTS_TOGETHER=ON)
   fi
   cmake --preset "$preset" "${options[@]}" >/dev/null &&
     nice cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"

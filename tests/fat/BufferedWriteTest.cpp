@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "fat/FatTest.h"
+#include "support/Pace.h"
 
 namespace tarn_test {
 namespace {
@@ -330,7 +331,7 @@ TEST(FatBufferedWrite, DestructorWritesEverythingOut) {
 }
 
 TEST(FatBufferedWrite, DestructorNeverLosesTheWorkersWakeUp) {
-  for (int i = 0; i < 2000; ++i) {
+  for (int i = 0; i < tries(2000); ++i) {
     CFATAccess fat;
     ASSERT_EQ(fat.startThread(), 0);
     if (i % 2 == 0) std::this_thread::yield();

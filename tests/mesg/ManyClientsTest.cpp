@@ -4,6 +4,7 @@
 
 #include "mesg/CMesgClient.h"
 #include "mesg/MesgTest.h"
+#include "support/Pace.h"
 
 namespace tarn_test {
 namespace {
@@ -68,7 +69,7 @@ TEST(ManyClients, SixtyFourAtOnceGetEachTheirOwnAnswers) {
 }
 
 TEST(ManyClients, ThoseThatLeaveAtAnyMomentDisturbNobody) {
-  constexpr int kExchanges = 60;
+  constexpr int kExchanges = tries(60);
   SyslogCapture log;
   Echo echo;
   std::atomic<bool> busy{true};

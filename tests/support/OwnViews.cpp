@@ -3,11 +3,12 @@
 // processes, empty /tmp, a /dev without a card, /usr/local/bin as it was, and System V IPC.
 // Starting a program for each test would cost more than most tests do, most of all under an
 // emulator. Needs root there, as in a user namespace.
-//   test_FOLDER --own-views [--file FooTest.cpp] [--not-here FILE] [--warm-up TEST]
+//   test_FOLDER --own-views [--file FooTest.cpp] [--not-here FILE] [--beside N] [--warm-up FILE]
 //               [--gtest_filter=…]
-// Takes the tests that the file defines. FILE names tests that cannot run here, a pattern and the
-// reason a line. TEST is run once before them, in the process that forks the others. Without
-// --own-views it is an ordinary test program, for the debugger.
+// Takes the tests that the file defines, or all, N of them at a time. FILE names tests that cannot
+// run here, a pattern and the reason a line. To warm up is to run the first test of each source
+// before them, in the process that forks them; those that its FILE names have their turn before.
+// Without --own-views it is an ordinary test program, for the debugger.
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <gtest/gtest.h>
@@ -20,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -27,6 +29,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -182,25 +186,44 @@ void report(const std::string& name, const std::string& output, int status, Tota
   }
 }
 
-void runInChild(const std::string& name, Totals* totals) {
-  FILE* output = tmpfile();
+// Tests that run, each with what it says.
+struct Running {
+  std::string name;
+  FILE* output;
+  std::chrono::steady_clock::time_point begin;
+};
+using Tests = std::map<pid_t, Running>;
+
+void begin(const std::string& name, Tests* tests) {
+  const Running test = {name, tmpfile(), std::chrono::steady_clock::now()};
+  need(test.output != nullptr, "output of a test");
   fflush(nullptr);
-  const auto begin = std::chrono::steady_clock::now();
   const pid_t child = forkApart();
   if (child == 0) {
-    dup2(fileno(output), STDOUT_FILENO);
-    dup2(fileno(output), STDERR_FILENO);
+    dup2(fileno(test.output), STDOUT_FILENO);
+    dup2(fileno(test.output), STDERR_FILENO);
     keepView(name);
   }
+  need(child > 0, "fork");
+  tests->emplace(child, test);
+}
+
+// Waits for one of them.
+void end(Tests* tests, Totals* totals) {
   int status = 0;
   struct rusage used = {};
-  wait4(child, &status, 0, &used);
-  report(name, textOf(output), WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-         totals);
-  fclose(output);
-  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+  const pid_t child = wait4(-1, &status, 0, &used);
+  need(child > 0, "wait4");
+  const auto found = tests->find(child);
+  if (found == tests->end()) return;  // left behind by the warming up
+  const Running& test = found->second;
+  report(test.name, textOf(test.output),
+         WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), totals);
+  fclose(test.output);
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - test.begin;
   printf(" (%.2f s, processor %.2f s)\n", took.count(),
          seconds(used.ru_utime) + seconds(used.ru_stime));
+  tests->erase(found);
 }
 
 // Patterns of names, each with a reason.
@@ -269,10 +292,24 @@ std::vector<std::string> testNames(const std::string& file) {
   return names;
 }
 
+// The first test of each source, but none that cannot run here: a filter for GoogleTest.
+std::string firstOfEach(const Reasons& notHere) {
+  std::string tests;
+  std::set<std::string> files;
+  const testing::UnitTest& all = *testing::UnitTest::GetInstance();
+  for (int s = 0; s < all.total_test_suite_count(); ++s) {
+    const testing::TestInfo& test = *all.GetTestSuite(s)->GetTestInfo(0);
+    const std::string name = std::string(test.test_suite_name()) + "." + test.name();
+    if (reasonFor(name, notHere) == nullptr && files.insert(test.file()).second)
+      tests += ":" + name;
+  }
+  return tests;
+}
+
 // An emulator keeps the code that it has translated, and hands it on to the children: half of a
-// short test's time is translation. The first thread makes it forget all of it once. What the test
-// says does not count, it has its turn in a view of its own later.
-void warmUp(const std::string& name) {
+// short test's time is translation. The first thread makes it forget all of it once. What the tests
+// say does not count, they have their turn in views of their own later.
+void warmUp(const std::string& tests) {
   std::thread([] {}).join();
   const int outside = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
   const int sameIpc = open("/proc/self/ns/ipc", O_RDONLY | O_CLOEXEC);
@@ -281,8 +318,10 @@ void warmUp(const std::string& name) {
   const int none = open("/dev/null", O_WRONLY | O_CLOEXEC);
   dup2(none, STDOUT_FILENO);
   const std::string filter = GTEST_FLAG_GET(filter);
-  GTEST_FLAG_SET(filter, name);
-  static_cast<void>(RUN_ALL_TESTS());
+  GTEST_FLAG_SET(filter, tests);
+  alarm(kTestSeconds);
+  [[maybe_unused]] const int failed = RUN_ALL_TESTS();
+  alarm(0);
   GTEST_FLAG_SET(filter, filter);
   fflush(stdout);
   dup2(output, STDOUT_FILENO);
@@ -290,17 +329,39 @@ void warmUp(const std::string& name) {
   for (const int fd : {outside, sameIpc, output, none}) close(fd);
 }
 
-int runAll(const std::string& file, const Reasons& notHere) {
-  if (tarn_test::prepareShortcuts != nullptr) tarn_test::prepareShortcuts();
-  Totals totals;
-  for (const std::string& name : testNames(file)) {
-    if (const std::string* reason = reasonFor(name, notHere); reason != nullptr) {
+// What a run of the program is to do.
+struct Wish {
+  std::string file;
+  Reasons notHere;
+  Reasons cold;
+  size_t beside = 1;
+  bool warm = false;
+};
+
+void runSome(const std::vector<std::string>& names, const Wish& wish, Totals* totals) {
+  Tests running;
+  for (const std::string& name : names) {
+    if (const std::string* reason = reasonFor(name, wish.notHere); reason != nullptr) {
       printf("SKIPPED %s: %s\n", name.c_str(), reason->c_str());
-      ++totals.skipped;
+      ++totals->skipped;
       continue;
     }
-    runInChild(name, &totals);
+    while (running.size() >= wish.beside) end(&running, totals);
+    begin(name, &running);
   }
+  while (!running.empty()) end(&running, totals);
+}
+
+int runAll(const Wish& wish) {
+  if (tarn_test::prepareShortcuts != nullptr) tarn_test::prepareShortcuts();
+  std::vector<std::string> names = testNames(wish.file);
+  const auto others = std::stable_partition(
+      names.begin(), names.end(),
+      [&](const std::string& name) { return reasonFor(name, wish.cold) != nullptr; });
+  Totals totals;
+  runSome({names.begin(), others}, wish, &totals);
+  if (wish.warm) warmUp(firstOfEach(wish.notHere));
+  runSome({others, names.end()}, wish, &totals);
   printf("%d passed, %d failed, %d skipped\n", totals.passed, totals.failed, totals.skipped);
   return totals.failed == 0 ? 0 : 1;
 }
@@ -311,14 +372,15 @@ int main(int argc, char** argv) {
   leaveKernelItsGigabyte();
   testing::InitGoogleTest(&argc, argv);
   if (argc < 2 || strcmp(argv[1], "--own-views") != 0) return RUN_ALL_TESTS();
-  std::string file;
-  std::string warm;
-  Reasons notHere;
+  Wish wish;
   for (int i = 2; i + 1 < argc; i += 2) {
-    if (strcmp(argv[i], "--file") == 0) file = argv[i + 1];
-    if (strcmp(argv[i], "--not-here") == 0) notHere = readReasons(argv[i + 1]);
-    if (strcmp(argv[i], "--warm-up") == 0) warm = argv[i + 1];
+    if (strcmp(argv[i], "--file") == 0) wish.file = argv[i + 1];
+    if (strcmp(argv[i], "--not-here") == 0) wish.notHere = readReasons(argv[i + 1]);
+    if (strcmp(argv[i], "--beside") == 0) wish.beside = std::max(1, atoi(argv[i + 1]));
+    if (strcmp(argv[i], "--warm-up") == 0) {
+      wish.warm = true;
+      wish.cold = readReasons(argv[i + 1]);
+    }
   }
-  if (!warm.empty()) warmUp(warm);
-  return runAll(file, notHere);
+  return runAll(wish);
 }
