@@ -11,64 +11,37 @@
 #include "db/CApiDb.h"
 #include "db/DbMessages.h"
 #include "db/DbRecordFormat.h"
+#include "db/EventListFilter.h"
+#include "db/SelectPieces.h"
 #include "db/SqlText.h"
+#include "db/ViewerFilter.h"
 
 namespace {
 
+using tarn::EventListFilter;
+using tarn::kSqlFirstEvent;
+using tarn::kSqlFromEvent;
+using tarn::kSqlFromStream;
+using tarn::kSqlLastEvent;
+using tarn::kSqlStartsFrom;
+using tarn::kSqlWhere;
 using tarn::low32;
 using tarn::SqlText;
+using tarn::ViewerFilter;
 
 constexpr uint32_t kFailed = 0xFFFFFFFF;
 constexpr uint32_t kFirstEvent = 0;
 constexpr uint32_t kLastEvent = 0xFFFFFFFF;
 constexpr uint32_t kMaxTriggers = 16;
 
-constexpr char kSqlFromEvent[] = "SELECT * FROM EVENT ";
-constexpr char kSqlFromStream[] = "SELECT * FROM STREAM ";
-
 // Single rows.
-constexpr char kSqlFirstEvent[] = " ORDER BY eventID ASC LIMIT 1";
-constexpr char kSqlLastEvent[] = " ORDER BY eventID DESC LIMIT 1";
 constexpr char kSqlWhereEvent[] = " WHERE eventID = ";
 constexpr char kSqlWhereStream[] = "WHERE streamID = ";
 constexpr char kSqlStartedBy[] = " WHERE startDate <= ";
 constexpr char kSqlLatestStart[] = " ORDER BY StartDate DESC, streamID DESC LIMIT 1";
-constexpr char kSqlWhere[] = "WHERE ";
 constexpr char kSqlNextStart[] = " < startDate ORDER BY startDate ASC LIMIT 1";
 constexpr char kSqlFirstStream[] = " ORDER BY streamID ASC LIMIT 1";
 constexpr char kSqlEarliestStart[] = " ORDER BY startDate ASC LIMIT 1";
-
-// Event list, one event a statement.
-constexpr char kSqlStartsFrom[] = " <= startDate AND startDate <= ";
-constexpr char kSqlWhereStartedBy[] = "WHERE startDate <= ";
-constexpr char kSqlAnd[] = " AND ";
-constexpr char kSqlUntilEnd[] = " <= endDate";
-constexpr char kSqlWhereTrigger[] = "WHERE extTrg = ";
-constexpr char kSqlAndTrigger[] = " AND extTrg = ";
-constexpr char kSqlFromKey[] = " <= eventID";
-constexpr char kSqlAfterKey[] = " < eventID";
-constexpr char kSqlWhereToKey[] = "WHERE eventID <= ";
-constexpr char kSqlWhereBeforeKey[] = "WHERE eventID < ";
-constexpr char kSqlAndToKey[] = " AND eventID <= ";
-constexpr char kSqlAndBeforeKey[] = " AND eventID < ";
-
-// Viewer list, one statement a page.
-constexpr char kSqlCountEvents[] = "SELECT COUNT(*) FROM EVENT";
-constexpr char kSqlViewEvents[] = "SELECT * FROM EVENT";
-constexpr char kSqlFirstClause[] = " WHERE ( ";
-constexpr char kSqlNextClause[] = " AND ( ";
-constexpr char kSqlCloseClause[] = " )";
-constexpr char kSqlOpenPeriod[] = "( ";
-constexpr char kSqlClosePeriod[] = " )";
-constexpr char kSqlStartUpTo[] = "startDate <= ";
-constexpr char kSqlBetweenZeroAnd[] = "0 < eventID AND eventID < ";
-constexpr char kSqlAndKeyBelow[] = " AND eventID < ";
-constexpr char kSqlTrigger[] = "extTrg = ";
-constexpr char kSqlOr[] = " OR ";
-constexpr char kSqlByDateDown[] = " ORDER BY StartDate DESC, eventID DESC LIMIT ";
-constexpr char kSqlByKeyDown[] = " ORDER BY eventID DESC, StartDate DESC LIMIT ";
-constexpr char kSqlByDateUp[] = " ORDER BY StartDate ASC, eventID ASC LIMIT ";
-constexpr char kSqlByKeyUp[] = " ORDER BY eventID ASC, StartDate ASC LIMIT ";
 
 // Streams of a period.
 constexpr char kSqlCountStreams[] = "SELECT COUNT(*) FROM STREAM ";
@@ -84,118 +57,6 @@ constexpr char kSqlByStreamKey[] = " ORDER BY streamID ASC LIMIT ";
 constexpr char kSqlOffset[] = " OFFSET ";
 
 long shown(uint32_t result) { return tarn::asSigned32(result); }
-
-// What an event list asks for, the same in every pass.
-struct EventListFilter {
-  uint32_t startTime;
-  uint32_t endTime;
-  unsigned short extTrg;
-  bool descending;
-};
-
-void addListPeriod(SqlText& sql, const EventListFilter& filter) {
-  if (filter.startTime == 0) return;  // kept on purpose: an end alone is no period
-  if (filter.endTime != 0) {
-    sql.add(kSqlWhere).add(filter.startTime).add(kSqlStartsFrom).add(filter.endTime);
-  } else {
-    sql.add(kSqlWhereStartedBy).add(filter.startTime).add(kSqlAnd).add(filter.startTime);
-    sql.add(kSqlUntilEnd);
-  }
-}
-
-void addListCursor(SqlText& sql, bool first, bool descending, uint32_t cursor, bool inclusive) {
-  if (descending) {
-    sql.add(first ? (inclusive ? kSqlWhereToKey : kSqlWhereBeforeKey)
-                  : (inclusive ? kSqlAndToKey : kSqlAndBeforeKey));
-    sql.add(cursor);
-  } else {
-    sql.add(first ? kSqlWhere : kSqlAnd).add(cursor).add(inclusive ? kSqlFromKey : kSqlAfterKey);
-  }
-}
-
-// The statement of one pass. From the second pass on the cursor is the key of an event that was
-// found and always bounds the search, also when that key is 0: or a row of key 0 would be found
-// for ever.
-SqlText eventListSql(const EventListFilter& filter, uint32_t cursor, bool firstPass) {
-  SqlText sql(kSqlFromEvent);
-  const size_t baseLength = sql.length();
-  addListPeriod(sql, filter);
-  if (filter.extTrg != 0) {
-    sql.add(sql.length() == baseLength ? kSqlWhereTrigger : kSqlAndTrigger);
-    sql.add(uint32_t{filter.extTrg});
-  }
-  if (cursor != 0 || !firstPass) {
-    addListCursor(sql, sql.length() == baseLength, filter.descending, cursor, firstPass);
-  }
-  sql.add(filter.descending ? kSqlLastEvent : kSqlFirstEvent);
-  return sql;
-}
-
-// What a viewer page asks for.
-struct ViewerFilter {
-  uint32_t low;  // period, ordered; both 0 = none
-  uint32_t high;
-  uint32_t afterID;
-  uint32_t beforeID;
-  const unsigned short* triggers;
-  uint32_t triggerCount;  // 0 = every trigger
-
-  bool hasPeriod() const { return low != 0 || high != 0; }
-  bool hasKeys() const { return afterID != 0 || beforeID != 0; }
-};
-
-void addViewerPeriod(SqlText& sql, const ViewerFilter& filter) {
-  sql.add(kSqlFirstClause);
-  if (filter.low == 0) {
-    sql.add(kSqlStartUpTo).add(filter.high);
-  } else {
-    sql.add(kSqlOpenPeriod).add(filter.low).add(kSqlStartsFrom).add(filter.high);
-    sql.add(kSqlClosePeriod);
-  }
-}
-
-void addViewerKeys(SqlText& sql, const ViewerFilter& filter, bool first) {
-  sql.add(first ? kSqlFirstClause : kSqlNextClause);
-  if (filter.afterID == 0) {
-    sql.add(kSqlBetweenZeroAnd).add(filter.beforeID);
-  } else {
-    sql.add(filter.afterID).add(kSqlAfterKey);
-    if (filter.beforeID != 0) sql.add(kSqlAndKeyBelow).add(filter.beforeID);
-  }
-  if (!first) sql.add(kSqlCloseClause);
-}
-
-void addViewerTriggers(SqlText& sql, const ViewerFilter& filter, bool first) {
-  sql.add(first ? kSqlFirstClause : kSqlNextClause);
-  for (uint32_t i = 0; i < filter.triggerCount; ++i) {
-    if (i > 0) sql.add(kSqlOr);
-    sql.add(kSqlTrigger).add(uint32_t{filter.triggers[i]});
-  }
-  if (!first) sql.add(kSqlCloseClause);
-}
-
-// The clauses: the first opens the bracket that is closed behind the last.
-void addViewerClauses(SqlText& sql, const ViewerFilter& filter) {
-  bool first = true;
-  if (filter.hasPeriod()) {
-    addViewerPeriod(sql, filter);
-    first = false;
-  }
-  if (filter.hasKeys()) {
-    addViewerKeys(sql, filter, first);
-    first = false;
-  }
-  if (filter.triggerCount != 0) {
-    addViewerTriggers(sql, filter, first);
-    first = false;
-  }
-  if (!first) sql.add(kSqlCloseClause);
-}
-
-const char* viewerOrder(bool descending, bool byDate) {
-  if (descending) return byDate ? kSqlByDateDown : kSqlByKeyDown;
-  return byDate ? kSqlByDateUp : kSqlByKeyUp;
-}
 
 // Streams in progress at startTime, open ones included, or starting within the period.
 void addStreamPeriod(SqlText& sql, uint32_t startTime, uint32_t endTime, uint32_t inTrg) {
@@ -327,7 +188,7 @@ uint32_t CApiDb::selectEventList(unsigned long count, unsigned long startTime,
   const uint32_t wanted = low32(count);
   uint32_t cursor = low32(fromID);
   for (uint32_t found = 0;;) {
-    const SqlText sql = eventListSql(filter, cursor, found == 0);
+    const SqlText sql = filter.statement(cursor, found == 0);
     if (const uint32_t result = setSql(sql.c_str()); result != 0) {
       syslog(LOG_ERR, tarn::kMsgSelectEventListError, shown(result));
       return found;
@@ -357,9 +218,7 @@ uint32_t CApiDb::selectViewerList(DB_EVENT* out, unsigned long limit,
                                low32(beforeID),
                                extTrgList,
                                triggers > kMaxTriggers ? 0 : triggers};
-  SqlText sql(wanted == 0 ? kSqlCountEvents : kSqlViewEvents);
-  addViewerClauses(sql, filter);
-  if (wanted != 0) sql.add(viewerOrder(descending != 0, filter.hasPeriod())).add(wanted);
+  const SqlText sql = wanted == 0 ? filter.countSql() : filter.pageSql(descending != 0, wanted);
   if (const uint32_t result = setSql(sql.c_str()); result != 0) {
     // Kept on purpose: at the priority of the SQL trace, not of an error.
     syslog(LOG_LOCAL6 | LOG_INFO, tarn::kMsgSelectViewerListError, shown(result), sql.c_str());
