@@ -4,7 +4,6 @@
 set(TARN_PUBLIC_HEADERS  # below src/
   base/Export.h base/Mutex.h base/UniqueFd.h
   fat/CFATAccess.h fat/ChunkFiles.h
-  fat/PageMemory.h fat/ReadBuffer.h fat/WriteBuffer.h  # members of CFATAccess
   mesg/CMesgClient.h mesg/CMesgServer.h mesg/RequestPatience.h
   db/CApiDb.h db/DbRecords.h
   chunk/ChunkEvent.h chunk/CTARNChunkBase.h chunk/CTARNDBChunk.h chunk/CTARNEndlessChunk.h
@@ -12,7 +11,7 @@ set(TARN_PUBLIC_HEADERS  # below src/
   manager/ChunkRecords.h manager/CTARNEndlessManager.h manager/CTARNEndlessManagerNative.h
   manager/CTARNManagerBase.h manager/CTARNStreamManager.h manager/CTARNStreamManagerNative.h
   manager/CTARNSyslogManager.h manager/RequestResult.h
-  dblog/CDbLog.h dblog/CDbRestore.h dblog/SyslogEnd.h
+  dblog/CDbLog.h dblog/CDbRestore.h
   api/CApiTarnSyslogRead.h api/Version.h)
 set(TARN_RECORDER_PUBLIC_HEADERS
   recorder/card/CardFormatter.h recorder/card/CardInfo.h recorder/card/CardLayout.h

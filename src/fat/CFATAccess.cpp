@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <utility>
 
 #include "base/UniqueFd.h"
 #include "base/Wrap.h"
@@ -15,17 +14,18 @@
 #include "fat/FatLog.h"
 #include "fat/FatMessages.h"
 #include "fat/FatVolume.h"
+#include "fat/ReadBuffer.h"
+#include "fat/WriteBuffer.h"
 
 using tarn::asSigned32;
 using tarn::logFat;
 using tarn::low32;
+using tarn::ReadBuffer;
 using tarn::WriteBuffer;
 
 namespace {
 
 constexpr size_t kNameRoom = 128;
-constexpr uint32_t kStreamCapacity = 1024 * 1024;
-constexpr uint32_t kSmallCapacity = 32 * 1024;
 // Erase blocks of cards and disks are multiples of this.
 constexpr int64_t kAlignment = 64 * 1024;
 
@@ -43,12 +43,6 @@ void copyText(const char* text, char (&out)[N]) {
   out[length] = '\0';
 }
 
-bool needsWriteBuffer(int fileType, int flags) {
-  const bool buffered = fileType == tarn::kFileStream || fileType == tarn::kFilePicture ||
-                        fileType == tarn::kFileSyslog;
-  return buffered && (flags & (O_WRONLY | O_RDWR)) != 0;
-}
-
 }  // namespace
 
 CFATAccess::CFATAccess() { std::fill(std::begin(m_fd), std::end(m_fd), -1); }
@@ -57,14 +51,9 @@ CFATAccess::~CFATAccess() {
   for (int index = 0; index < kHandles; ++index) {
     if (m_fd[index] != -1) close(index);
   }
-  if (m_threadRunning == 0) return;
-  {
-    // Under the mutex, the worker is either before its test of the flag or already waiting.
-    tarn::MutexLock lock(m_mutex);
-    m_threadRunning = 0;
-  }
-  m_cond.signal();
-  pthread_join(m_thread, nullptr);
+  stopThread();
+  for (const auto& buffer : m_writeBuf) delete buffer.load();
+  for (const ReadBuffer* buffer : m_readBuf) delete buffer;
 }
 
 int CFATAccess::open(const char* name, int flags) {
@@ -168,32 +157,6 @@ bool CFATAccess::locateFamily(int fd, int index) {
   return false;
 }
 
-bool CFATAccess::setUpBuffers(int index, int flags) {
-  m_readFailed[index] = false;
-  m_astray[index] = false;
-  m_lostData[index] = 0;
-  if (needsWriteBuffer(m_fileType[index], flags)) {
-    const bool stream = m_fileType[index] == tarn::kFileStream;
-    if (!m_writeBuf[index].allocate(stream ? kStreamCapacity : kSmallCapacity, stream)) {
-      logFat("open", __LINE__, tarn::kMsgWriteBufferAlloc);
-      return false;
-    }
-    startThread();  // without a worker, the caller's thread does its work
-  }
-  const bool readAhead = m_fileType[index] == tarn::kFilePicture && flags == O_RDONLY;
-  if (readAhead && !m_readBuf[index].allocate()) {
-    logFat("open", __LINE__, tarn::kMsgReadBufferAlloc);
-    return false;
-  }
-  return true;
-}
-
-void CFATAccess::release(int index) {
-  m_writeBuf[index].release();
-  m_readBuf[index].release();
-  ::close(std::exchange(m_fd[index], -1));
-}
-
 unsigned short CFATAccess::chunks(int index) { return isIndex(index) ? m_chunkCount[index] : 0; }
 
 unsigned long CFATAccess::getChunkSize(int index) {
@@ -215,23 +178,23 @@ long CFATAccess::read(int index, void* buf, unsigned long len) {
   }
   const uint32_t length = low32(len);
   m_position[index] += length;
-  if (!m_readBuf[index].isUsed()) {
+  if (!hasReadBuffer(index)) {
     drain(index);
     // The device leaves the boundary that write() may have brought it to.
-    m_writeBuf[index].setAligned(false);
+    if (isWriteBuffered(index)) writeBuffer(index)->setAligned(false);
     const ssize_t result = ::read(m_fd[index], buf, length);
     m_readFailed[index] = result != static_cast<ssize_t>(length);
     m_astray[index] = m_astray[index] || m_readFailed[index];
     return result;
   }
-  m_readFailed[index] = !m_readBuf[index].read(m_fd[index], static_cast<uint8_t*>(buf), length);
+  m_readFailed[index] = !m_readBuf[index]->read(m_fd[index], static_cast<uint8_t*>(buf), length);
   return static_cast<long>(asSigned32(length));
 }
 
 long CFATAccess::readAhead(int index, void* buf, unsigned long len, unsigned long unit) {
   if (!hasReadBuffer(index) || low32(unit) == 0) return 0;
   const uint32_t taken =
-      m_readBuf[index].readAhead(static_cast<uint8_t*>(buf), low32(len), low32(unit));
+      m_readBuf[index]->readAhead(static_cast<uint8_t*>(buf), low32(len), low32(unit));
   m_position[index] += taken;
   if (taken > 0) m_readFailed[index] = false;
   return static_cast<long>(taken);
@@ -245,7 +208,7 @@ long CFATAccess::write(int index, const void* buf, unsigned long len) {
   const uint32_t length = low32(len);
   m_position[index] += length;
   if (!isWriteBuffered(index)) return ::write(m_fd[index], buf, length);
-  if (length > m_writeBuf[index].capacity()) {
+  if (length > writeBuffer(index)->capacity()) {
     m_astray[index] = true;
     logFat(__func__, __LINE__, tarn::kMsgWriteTooLarge);
     return -1;
@@ -254,7 +217,7 @@ long CFATAccess::write(int index, const void* buf, unsigned long len) {
 }
 
 long CFATAccess::writeBuffered(int index, const uint8_t* data, uint32_t length) {
-  WriteBuffer& buffer = m_writeBuf[index];
+  WriteBuffer& buffer = *writeBuffer(index);
   uint32_t taken = 0;
   if (buffer.wantsAlignment() && !buffer.isAligned()) {
     const long result = writeUpToBoundary(index, data, length);
@@ -277,7 +240,7 @@ long CFATAccess::writeBuffered(int index, const uint8_t* data, uint32_t length) 
 // Sends the buffer on its way early, so that the next one begins on a 64 KiB boundary of the
 // device. Returns how much of the data is taken, or -1.
 long CFATAccess::writeUpToBoundary(int index, const uint8_t* data, uint32_t length) {
-  WriteBuffer& buffer = m_writeBuf[index];
+  WriteBuffer& buffer = *writeBuffer(index);
   waitUntilWritten(index);  // the position counts only while nothing is being written
   const int64_t position = lseek64(m_fd[index], 0, SEEK_CUR);
   if (position == -1) {
@@ -324,7 +287,7 @@ long CFATAccess::lseek(int index, long offset, int whence) {
     drain(index);
     // Kept on purpose: the device stays behind the block that was read ahead, so SEEK_CUR counts
     // from there; readers of pictures seek with SEEK_SET.
-    m_readBuf[index].discard();
+    if (hasReadBuffer(index)) m_readBuf[index]->discard();
   }
   return seekDevice(index, target, whence);
 }
@@ -350,9 +313,9 @@ long CFATAccess::seekDevice(int index, int64_t target, int whence) {
   const int64_t position = lseek64(m_fd[index], target, whence);
   m_position[index] = static_cast<uint64_t>(position);
   m_astray[index] = position == -1;
-  WriteBuffer& buffer = m_writeBuf[index];
-  if (isWriteBuffered(index) && buffer.wantsAlignment()) {
-    buffer.setAligned(position == -1 ? isSdAligned(index) : position % kAlignment == 0);
+  if (isWriteBuffered(index) && writeBuffer(index)->wantsAlignment()) {
+    writeBuffer(index)->setAligned(position == -1 ? isSdAligned(index)
+                                                  : position % kAlignment == 0);
   }
   if (position == -1) {
     logFat("lseek", __LINE__, tarn::kMsgLseekDevice);
@@ -375,7 +338,7 @@ int CFATAccess::fsync(int index) {
     logFat(__func__, __LINE__, tarn::kMsgFsyncIndex);
     return -1;
   }
-  const bool empty = m_writeBuf[index].fill() == 0;
+  const bool empty = !isWriteBuffered(index) || writeBuffer(index)->fill() == 0;
   drain(index);
   if (!empty) return 0;
   const int result = ::fsync(m_fd[index]);

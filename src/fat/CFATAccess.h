@@ -7,8 +7,11 @@
 
 #include "base/Export.h"
 #include "base/Mutex.h"
-#include "fat/ReadBuffer.h"
-#include "fat/WriteBuffer.h"
+
+namespace tarn {
+class ReadBuffer;
+class WriteBuffer;
+}  // namespace tarn
 
 // Raw access to the chunks of a card. Hands out small handles (0 to 49), each standing for one
 // chunk of one family on one block device, and reads, writes and seeks inside it. Positions are
@@ -80,7 +83,7 @@ class TARN_API CFATAccess {
   bool hasLostData(int index) const { return isIndex(index) && m_lostData[index] != 0; }
 
   // True for an open picture chunk that is read in blocks.
-  bool hasReadBuffer(int index) const { return isIndex(index) && m_readBuf[index].isUsed(); }
+  bool hasReadBuffer(int index) const;
   // Copies at most `len` bytes of what read() would give next without asking the device, in whole
   // records of `unit` bytes, and moves behind them. Returns the bytes copied; 0 on a handle that
   // reads without a buffer.
@@ -98,10 +101,14 @@ class TARN_API CFATAccess {
   static constexpr int kDeviceRoom = 64;
 
   static bool isIndex(int index) { return index >= 0 && index < kHandles; }
+  void stopThread();
   int freeIndex() const;
   bool parseName(const char* name, int index);
   bool locateFamily(int fd, int index);
   bool setUpBuffers(int index, int flags);
+  // False when there is no memory.
+  bool setUpWriteBuffer(int index);
+  bool setUpReadBuffer(int index);
   // Frees the buffers, closes the device and makes the index free, whatever open() had got to.
   void release(int index);
 
@@ -115,7 +122,11 @@ class TARN_API CFATAccess {
   bool standsAt(int index, int64_t target, int whence) const;
   long seekDevice(int index, int64_t target, int whence);
 
-  bool isWriteBuffered(int index) const { return m_writeBuf[index].isUsed(); }
+  bool isWriteBuffered(int index) const;
+  // Null before the handle's first buffered open().
+  tarn::WriteBuffer* writeBuffer(int index) const {
+    return m_writeBuf[index].load(std::memory_order_acquire);
+  }
   // Gives the front to the worker, behind an earlier hand-over that is still being written.
   void handOver(int index) TARN_EXCLUDES(m_mutex);
   void finishPending(tarn::WriteBuffer& buffer) TARN_EXCLUDES(m_mutex);
@@ -125,6 +136,7 @@ class TARN_API CFATAccess {
   // Returns when nothing of the handle is buffered any more.
   void drain(int index) TARN_EXCLUDES(m_mutex);
   bool anyPending() const;
+  bool isPending(int index) const;
   void writePending(int index) TARN_EXCLUDES(m_mutex);
   void flushDevice(int index);
   void reportLostWrite(int index, long result, uint32_t written);
@@ -137,8 +149,10 @@ class TARN_API CFATAccess {
   uint64_t m_position[kHandles] = {};  // of the device as the caller sees it, front included
   uint16_t m_chunkCount[kHandles] = {};
   uint32_t m_chunkSize[kHandles] = {};
-  tarn::WriteBuffer m_writeBuf[kHandles];
-  tarn::ReadBuffer m_readBuf[kHandles];
+  // Made for a handle's first buffered open() and kept for later ones until the object goes: the
+  // worker looks at all of them at any time.
+  std::atomic<tarn::WriteBuffer*> m_writeBuf[kHandles] = {};
+  tarn::ReadBuffer* m_readBuf[kHandles] = {};
   char m_deviceName[kDeviceRoom] = {};  // of the last open(), one for the whole object
   uint32_t m_streamChunkSize[kHandles] = {};
   uint32_t m_pictureChunkSize[kHandles] = {};

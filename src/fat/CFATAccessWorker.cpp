@@ -9,6 +9,7 @@
 #include "fat/FailureMarker.h"
 #include "fat/FatLog.h"
 #include "fat/FatMessages.h"
+#include "fat/WriteBuffer.h"
 
 using tarn::logFat;
 using tarn::WriteBuffer;
@@ -35,6 +36,17 @@ int CFATAccess::startThread() {
   return -1;
 }
 
+void CFATAccess::stopThread() {
+  if (m_threadRunning == 0) return;
+  {
+    // Under the mutex, the worker is either before its test of the flag or already waiting.
+    tarn::MutexLock lock(m_mutex);
+    m_threadRunning = 0;
+  }
+  m_cond.signal();
+  pthread_join(m_thread, nullptr);
+}
+
 void* CFATAccess::m_runThread(void* arg) {
   static_cast<CFATAccess*>(arg)->m_bufferWriteFunc();
   return nullptr;
@@ -48,20 +60,25 @@ void CFATAccess::m_bufferWriteFunc() {
     }
     // The mutex is free meanwhile: writers of other handles, and of this one's front, go on.
     for (int index = 0; index < kHandles; ++index) {
-      if (m_writeBuf[index].pending()) writePending(index);
+      if (isPending(index)) writePending(index);
     }
   }
 }
 
 bool CFATAccess::anyPending() const {
-  for (const WriteBuffer& buffer : m_writeBuf) {
-    if (buffer.pending()) return true;
+  for (int index = 0; index < kHandles; ++index) {
+    if (isPending(index)) return true;
   }
   return false;
 }
 
+bool CFATAccess::isPending(int index) const {
+  const WriteBuffer* buffer = writeBuffer(index);
+  return buffer != nullptr && buffer->pending();
+}
+
 void CFATAccess::handOver(int index) {
-  WriteBuffer& buffer = m_writeBuf[index];
+  WriteBuffer& buffer = *writeBuffer(index);
   bool workerMayBeIdle;
   {
     tarn::MutexLock lock(m_mutex);
@@ -82,20 +99,19 @@ void CFATAccess::waitForFront(const WriteBuffer& buffer) {
 }
 
 void CFATAccess::waitUntilWritten(int index) {
-  const WriteBuffer& buffer = m_writeBuf[index];
-  if (!buffer.pending()) return;
+  if (!isPending(index)) return;
   tarn::MutexLock lock(m_mutex);
-  while (buffer.pending()) m_written.wait(m_mutex);
+  while (isPending(index)) m_written.wait(m_mutex);
 }
 
 void CFATAccess::drain(int index) {
-  if (m_writeBuf[index].fill() != 0) handOver(index);
+  if (isWriteBuffered(index) && writeBuffer(index)->fill() != 0) handOver(index);
   waitUntilWritten(index);
 }
 
 // Writes the back buffer out, whatever it takes, and gives it back to the caller's thread.
 void CFATAccess::writePending(int index) {
-  WriteBuffer& buffer = m_writeBuf[index];
+  WriteBuffer& buffer = *writeBuffer(index);
   uint32_t written = 0;
   ssize_t result = 0;
   do {
@@ -128,7 +144,7 @@ void CFATAccess::flushDevice(int index) {
 }
 
 void CFATAccess::reportLostWrite(int index, long result, uint32_t written) {
-  const uint32_t size = m_writeBuf[index].pendingSize();
+  const uint32_t size = writeBuffer(index)->pendingSize();
   m_lostData[index] = 1;
   logFat(kWorker, __LINE__, tarn::kMsgWriteError, result, static_cast<long>(size), errno);
   createMarker();
