@@ -44,9 +44,9 @@ class LogCheck {
   // Where a recovery would see the end.
   void checkEnd(uint32_t chunk, uint32_t free) {
     SyslogEnd scan;
-    char block[SyslogEnd::kBlockSize + 1];
+    char block[kLogBlockBytes + 1];
     for (uint32_t at = 0; at < size_;) {
-      const uint32_t length = std::min<uint32_t>(SyslogEnd::kBlockSize, size_ - at);
+      const uint32_t length = std::min(kLogBlockBytes, size_ - at);
       if (!card_.readChunk(kFileSyslog, chunk, at, block, length) ||
           !scan.addBlock(block, length)) {
         break;

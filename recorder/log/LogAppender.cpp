@@ -12,6 +12,7 @@
 #include "fat/FailureMarker.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/log/LogFormat.h"
+#include "recorder/log/LogMark.h"
 #include "recorder/log/LogMessages.h"
 #include "recorder/rows/ServerRetry.h"
 

@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "chunk/LogChunks.h"
+#include "recorder/log/LogMark.h"
 
 namespace tarn {
 namespace {

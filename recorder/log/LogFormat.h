@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "base/Export.h"
-#include "dblog/SyslogEnd.h"
 
 // A line of the system log on the card: "YYYY-MM-DDTHH:MM:SS text\n", local time. Pure functions of
 // text and time; where lines lie in a chunk is LogLayout's matter.
@@ -16,12 +15,6 @@ namespace tarn {
 inline constexpr size_t kLogStampBytes = 19;  // "YYYY-MM-DDTHH:MM:SS"
 // The smallest piece that a card writes whole or not at all.
 inline constexpr uint32_t kLogSectorBytes = 512;
-
-// What the text of a chunk ends at; the search for its end knows them.
-inline constexpr const auto& kLogMark = kSyslogMark;
-inline constexpr const auto& kLogEmpty = kSyslogEmpty;
-inline constexpr uint32_t kLogMarkBytes = kLogStampBytes + 1;
-static_assert(sizeof kLogMark - 1 == kLogMarkBytes && sizeof kLogEmpty - 1 == kLogMarkBytes);
 
 // The text of one line, at most. A longer one goes on in further lines: "[...]" ends each line but
 // the last, and begins each but the first.

@@ -3,6 +3,7 @@
 #include "base/Omission.h"
 #include "chunk/LogChunks.h"
 #include "recorder/log/LogFormat.h"
+#include "recorder/log/LogMark.h"
 
 namespace tarn {
 namespace {

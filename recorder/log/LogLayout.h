@@ -8,7 +8,7 @@
 
 namespace tarn {
 
-// Where lines lie in a syslog chunk. Behind each line there is room for the mark (LogFormat.h) in
+// Where lines lie in a syslog chunk. Behind each line there is room for the mark (LogMark.h) in
 // the same sector, so that the mark is always written whole or not at all, and no line straddles a
 // block: blanks at a line's end fill what is too little, a line of a stamp and blanks what is left
 // of a block. A chunk is never filled to its end: a free offset there would be kept as 0.

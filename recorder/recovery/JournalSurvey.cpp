@@ -295,13 +295,6 @@ int surveyJournal(JournalKind kind, JournalSurvey* survey) {
   return Scrub(kind, O_RDONLY, survey).look() ? 0 : -1;
 }
 
-int scrubJournal(JournalKind kind, JournalSurvey* survey) {
-  Scrub scrub(kind, O_RDWR, survey);
-  if (!scrub.look()) return -1;
-  scrub.mend();
-  return 0;
-}
-
 int scrubJournals(JournalSurvey* events, JournalSurvey* streams,
                   const std::function<bool()>& mayWrite) {
   Scrub ofEvents(JournalKind::kEvent, O_RDWR, events);

@@ -13,19 +13,16 @@ namespace tarn {
 // the device does not give a place that the other copy cannot stand in for.
 TARN_API int surveyJournal(JournalKind kind, JournalSurvey* survey);
 
-// The same, and makes the two copies one again, before anything edits records in them: an edit
+// The same of both journals, and makes the two copies of each one again, before anything edits records in them: an edit
 // patches a copy without testing it and would give a torn one a good checksum. Places that neither
 // copy can tell become deleted records when valid ones follow, or the rebuild could take them for
 // the journal's end; behind the last record, what is erased in one copy is erased in the other.
 // Records of rows that never were (recorder/recovery/PhantomRecords.h) become deleted ones. Flushed
 // when it returns. Running it again changes nothing.
 //
-// A journal is looked through to its end before the first write: where it cannot be read, nothing
-// of it is changed. A copy that was refused is never written over.
-TARN_API int scrubJournal(JournalKind kind, JournalSurvey* survey);
-
-// scrubJournal() of both, and nothing of either is written unless both can be read and `mayWrite`,
-// where given, says so when they are; else -1.
+// Both are looked through to their ends before the first write: nothing of either is written unless
+// both can be read and `mayWrite`, where given, says so when they are; else -1. A copy that was
+// refused is never written over.
 TARN_API int scrubJournals(JournalSurvey* events, JournalSurvey* streams,
                            const std::function<bool()>& mayWrite = nullptr);
 

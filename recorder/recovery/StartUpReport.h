@@ -20,7 +20,7 @@ struct JournalSurvey {
   uint32_t phantoms = 0;     // live records of rows that never were
   uint32_t unread = 0;       // places of which one copy was refused; the other one is good
   std::string unreadText;    // the first of them, "stream journal chunk 3 at byte 4096"
-  // Of scrubJournal() only:
+  // Of scrubJournals() only:
   uint32_t copied = 0;      // records that were bad in one copy and were taken from the other
   uint32_t unlike = 0;      // valid in both copies but different: the original's were taken
   uint32_t bridged = 0;     // unreadable places in front of valid records, made deleted records

@@ -232,10 +232,9 @@ int saveAndClose(CTARNStreamManagerNative* store) {
 // it gave nothing.
 bool syslogEnd(CTARNEndlessChunk* chunk, uint32_t size, uint32_t* end) {
   tarn::SyslogEnd scan;
-  char block[tarn::SyslogEnd::kBlockSize + 1];
+  char block[tarn::kLogBlockBytes + 1];
   for (uint32_t position = 0; position < size;) {
-    const uint32_t length =
-        std::min(static_cast<uint32_t>(tarn::SyslogEnd::kBlockSize), size - position);
+    const uint32_t length = std::min(tarn::kLogBlockBytes, size - position);
     *end = position;
     const bool given = readPatiently(kTries, [&] {
       return chunk->seek(static_cast<long>(position), SEEK_SET) >= 0 &&

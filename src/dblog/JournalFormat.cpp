@@ -75,10 +75,14 @@ bool isErasedOrLost(const uint8_t* record) {
   return isErased(record) || journalMarker(record) == 0;
 }
 
+JournalCopy whicheverIsThere(const uint8_t* original, const uint8_t* mirror) {
+  if (original != nullptr) return JournalCopy::kOriginal;
+  return mirror != nullptr ? JournalCopy::kMirror : JournalCopy::kRefused;
+}
+
 // What counts where a copy was not given, and the other one, if any, does not lie in its place.
 JournalCopy beside(const uint8_t* original, const uint8_t* mirror) {
-  if (omitted("copy-refused") && original != nullptr) return JournalCopy::kOriginal;
-  if (omitted("copy-refused") && mirror != nullptr) return JournalCopy::kMirror;
+  if (omitted("copy-refused")) return whicheverIsThere(original, mirror);
   return JournalCopy::kRefused;
 }
 

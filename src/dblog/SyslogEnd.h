@@ -18,10 +18,8 @@ inline constexpr char kSyslogEmpty[] = "- no line so far --\n";
 // behind them. Fed block by block from the chunk's start.
 class TARN_API SyslogEnd {
  public:
-  static constexpr size_t kBlockSize = 4096;
-
-  // Looks at the next block; text[length] must be writable and is set to 0. False when the end is
-  // found, and freeOffset() is final.
+  // Looks at the next block, of kLogBlockBytes except at the chunk's end; text[length] must be
+  // writable and is set to 0. False when the end is found, and freeOffset() is final.
   bool addBlock(char* text, size_t length);
   uint32_t freeOffset() const { return end_; }
 

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "chunk/LogChunks.h"
 #include "dblog/RepairRig.h"
 #include "dblog/SyslogEnd.h"
 
@@ -9,7 +10,7 @@ namespace tarn_test {
 namespace {
 
 constexpr size_t kSector = 512;
-constexpr size_t kBlock = tarn::SyslogEnd::kBlockSize;
+constexpr size_t kBlock = tarn::kLogBlockBytes;
 constexpr size_t kLine = 64;
 
 class SyslogEndTest : public testing::Test {

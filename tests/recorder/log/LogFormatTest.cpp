@@ -6,6 +6,7 @@
 
 #include "recorder/log/LogFormat.h"
 #include "recorder/log/LogLayout.h"
+#include "recorder/log/LogMark.h"
 
 namespace {
 

@@ -12,6 +12,7 @@
 #include "dblog/CDbRestore.h"
 #include "manager/CTARNEndlessManagerNative.h"
 #include "recorder/log/LogFormat.h"
+#include "recorder/log/LogMark.h"
 #include "recorder/log/LogWriter.h"
 #include "recorder/rows/ServerRetry.h"
 #include "recorder/server/ManagementServer.h"

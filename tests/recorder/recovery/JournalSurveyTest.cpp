@@ -32,6 +32,11 @@ class JournalSurveyTest : public CardTest {
     return card.chunkStart(tarn::kFileJournal, chunk) + offset;
   }
   Bytes all() const { return card.read(0, static_cast<size_t>(card.size())); }
+  // Of both journals, as the start does; the survey is that of the streams.
+  static int scrub(JournalSurvey* streams) {
+    JournalSurvey events;
+    return tarn::scrubJournals(&events, streams);
+  }
   static std::vector<uint32_t> streamKeys() {
     CApiDb db;
     db.setSql("SELECT streamID FROM STREAM ORDER BY streamID");
@@ -103,7 +108,7 @@ TEST_F(JournalSurveyTest, AHoleInARingThatHasComeRoundIsBridgedToItsEnd) {
   setPair(2, 0, streamRecord(rowAt(kJournalSize / 64 + 1, 0)));
   for (const int chunk : {2, 3}) setJournal(chunk, 128, Bytes(512, 0xFF));
   JournalSurvey survey;
-  ASSERT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), 0) << survey.error;
+  ASSERT_EQ(scrub(&survey), 0) << survey.error;
   EXPECT_EQ(survey.bridged, 512u / 64);
   EXPECT_EQ(survey.liveKeys, kJournalSize / 64 - 512 / 64);
 }
@@ -111,7 +116,7 @@ TEST_F(JournalSurveyTest, AHoleInARingThatHasComeRoundIsBridgedToItsEnd) {
 TEST_F(JournalSurveyTest, WhatIsErasedBehindTheNewestRecordStaysErased) {
   const Bytes before = journal(2, kRows * 64, 1024);
   JournalSurvey survey;
-  ASSERT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), 0) << survey.error;
+  ASSERT_EQ(scrub(&survey), 0) << survey.error;
   EXPECT_EQ(survey.bridged, 0u);
   EXPECT_EQ(survey.records, kRows);
   EXPECT_EQ(journal(2, kRows * 64, 1024), before);
@@ -123,7 +128,7 @@ TEST_F(JournalSurveyTest, ACopyThatStaysRefusedIsNotWrittenOver) {
     IoFaults faults(kCardPath);
     faults.failAt(Call::Read, place(chunk, 0), 512, EIO);
     JournalSurvey survey;
-    EXPECT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), 0) << survey.error;
+    EXPECT_EQ(scrub(&survey), 0) << survey.error;
     EXPECT_EQ(survey.liveKeys, kRows);
     EXPECT_EQ(survey.unread, 512u / 64);
     EXPECT_EQ(survey.unreadText, "stream journal chunk " + std::to_string(chunk) + " at byte 0");
@@ -142,7 +147,7 @@ TEST_F(JournalSurveyTest, BesideARefusedCopyNothingButARecordInItsPlaceCounts) {
     IoFaults faults(kCardPath);
     faults.failAt(Call::Read, place(2, 704), 64, EIO);
     JournalSurvey survey;
-    EXPECT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), -1) << int{fill};
+    EXPECT_EQ(scrub(&survey), -1) << int{fill};
     EXPECT_EQ(all(), before);
     setJournal(3, 704, was);
   }
@@ -153,7 +158,7 @@ TEST_F(JournalSurveyTest, ACopyLostAsZerosIsTakenFromTheOtherInWhicheverItIs) {
     const Bytes was = journal(chunk, 0, 512);
     setJournal(chunk, 0, Bytes(512, 0));
     JournalSurvey survey;
-    EXPECT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), 0);
+    EXPECT_EQ(scrub(&survey), 0);
     EXPECT_EQ(survey.liveKeys, kRows);
     expectPair(2, 0, was);
   }
@@ -193,11 +198,11 @@ TEST_F(JournalSurveyTest, WhereverPowerGoesAPhantomIsGoneInTheEnd) {
       IoFaults faults(kCardPath);
       faults.fail(Call::Write, n, EIO, IoFaults::kForever);
       JournalSurvey survey;
-      EXPECT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), 0);
+      EXPECT_EQ(scrub(&survey), 0);
       EXPECT_GT(survey.refused, 0u);
     }
     JournalSurvey survey;
-    EXPECT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), 0);
+    EXPECT_EQ(scrub(&survey), 0);
     EXPECT_EQ(survey.liveKeys, kRows);
     expectPair(2, kRows * 64, streamRecord(phantom, 0xFFFFFFEE));
   }
