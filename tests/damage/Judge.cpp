@@ -11,10 +11,10 @@
 #include "powercut/ReadFaults.h"
 #include "recorder/card/CardRepair.h"
 
+using namespace powercut;
+
 namespace damage {
 namespace {
-
-using namespace powercut;
 
 constexpr uint32_t kLeastPictures = 2;  // of an interrupted recording
 constexpr char kUndoFile[] = "/tmp/damage.undo";

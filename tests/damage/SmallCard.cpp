@@ -9,10 +9,10 @@
 #include "powercut/Script.h"
 #include "recorder/card/CardInfo.h"
 
+using namespace powercut;
+
 namespace damage {
 namespace {
-
-using namespace powercut;
 
 constexpr uint32_t kRecordings = 36;    // of which the last 20 or more are left
 constexpr uint32_t kPictures = 10;      // of each

@@ -6,9 +6,9 @@
 #include "recorder/card/CardInfo.h"
 #include "recorder/recording/RecordingReader.h"
 
-namespace damage {
-
 using namespace powercut;
+
+namespace damage {
 
 Starts::Starts(const SmallCard& card) : card_(card) {
   for (const auto& [key, numbers] : card.pictures) {

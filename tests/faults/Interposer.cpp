@@ -31,6 +31,8 @@
 
 #include "Plan.h"
 
+using namespace faults;
+
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -233,8 +235,6 @@ bool passesOn(int fd, Op card, Op ram) {
 
 }  // namespace
 }  // namespace faults
-
-using namespace faults;
 
 extern "C" {
 

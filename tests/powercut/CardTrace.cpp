@@ -22,6 +22,8 @@
 #include "dblog/CDbLog.h"
 #include "dblog/CDbRestore.h"
 
+using namespace powercut;
+
 namespace powercut {
 namespace {
 
@@ -329,8 +331,6 @@ DB_EVENT merged(DB_EVENT row, DB_EVENT_REG_BIT mask, const DB_EVENT& from) {
 
 }  // namespace
 }  // namespace powercut
-
-using namespace powercut;
 
 extern "C" {
 

@@ -17,6 +17,8 @@
 #include "powercut/CardTrace.h"
 #include "recorder/rows/DatabaseSetup.h"
 
+using namespace powercut;
+
 namespace powercut {
 namespace {
 
@@ -113,8 +115,6 @@ class Pool {
 
 }  // namespace
 }  // namespace powercut
-
-using namespace powercut;
 
 extern "C" {
 
