@@ -12,6 +12,7 @@ namespace tarn {
 
 // Pictures of a live input on their way into a recording: they wait until the clock knows their
 // times, a second at the most, and come out in the order in which they went in. Used by one thread.
+// Throws std::bad_alloc when memory runs out.
 class TARN_API LivePictures {
  public:
   // The clock outlives this.

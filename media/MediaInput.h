@@ -36,7 +36,8 @@ struct MediaSound {
 using StopAsked = std::function<bool()>;
 
 // Video of any file or stream that libavformat reads and whose video is H.264, or an Annex B
-// stream. Pictures are passed on as they are, never re-encoded. Used by one thread.
+// stream. Pictures are passed on as they are, never re-encoded. Used by one thread. Throws
+// std::bad_alloc when memory runs out.
 class TARN_API MediaInput {
  public:
   virtual ~MediaInput() = default;

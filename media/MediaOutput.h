@@ -30,7 +30,8 @@ struct OutputSound {
 
 // File that exported pictures go to: an .mp4 or .mov with each picture's time, or a bare .h264
 // stream. The file appears under its name only when finish() succeeds; until then, and after a
-// failure, it is NAME.part, which the destructor removes. Used by one thread.
+// failure, it is NAME.part, which the destructor removes. Used by one thread. Throws std::bad_alloc
+// when memory runs out.
 class TARN_API MediaOutput {
  public:
   virtual ~MediaOutput();

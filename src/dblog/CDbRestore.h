@@ -86,8 +86,8 @@ class TARN_API CDbRestore {
   // guarded one (manager/ManageFormat.h) becomes what known[chunk] says. In one save, so that power
   // lost meanwhile cannot take the channels.
   int recoverStreamManage(const CHUNK_MANAGE* known, int count);
-  // And of rows whose header tells nothing any more, although the device gives it: where they are the
-  // oldest or newest of their chunk, their data begins and ends where `known` says.
+  // And of rows whose header tells nothing any more, although the device gives it: where they are
+  // the oldest or newest of their chunk, their data begins and ends where `known` says.
   int recoverStreamManage(const CHUNK_MANAGE* known, int count,
                           const std::vector<DB_STREAM>& headerless);
   int recoverSyslogManage();
