@@ -57,6 +57,7 @@ class RecordingSpace {
   const char* errorText() const { return text_; }
 
  private:
+  static short asChunk(int chunk) { return static_cast<short>(chunk); }
   int pick(int8_t channel, int8_t recType, const Need& need);
   int pickNow(int8_t channel, int8_t recType, const Need& need);
   int pickAmongKind(int8_t channel, const Need& need);
