@@ -55,7 +55,7 @@ class JournalCheck {
 
   // False at the journal's end.
   bool look(const JournalCopies& copies, JournalCopy copy, uint32_t position) {
-    if (copy == JournalCopy::kErased) return false;
+    if (copy == JournalCopy::kErased || copies.endsBesideRefused()) return false;
     if (copy == JournalCopy::kNeither || copy == JournalCopy::kRefused) {
       noteGap(copy == JournalCopy::kRefused, position);
       return true;

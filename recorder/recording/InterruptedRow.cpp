@@ -42,6 +42,20 @@ Delivery InterruptedRow::at(uint32_t index, PictureEntry* entry) {
   return other ? Delivery::kBad : got;
 }
 
+// A sector that a torn write left out is as it was before: records of others, or a place that was
+// never used. So what can be neither was written once, and is damaged. The header is on the card
+// before the row is, and chunks are filled from their start: a place in front of a used one was
+// used.
+bool InterruptedRow::isDamaged(const Hole& hole) {
+  if (hole.from == 0 && headerBad_ && !index_.beginsSector(0)) return true;
+  const bool cameRound = index_.isForeign(pictures_);
+  for (uint32_t i = hole.from; i < hole.to; ++i) {
+    if (index_.isMangled(i)) return true;
+    if (cameRound && index_.isBlank(i) && index_.liesBefore(i, pictures_)) return true;
+  }
+  return false;
+}
+
 // Entries of the last flush reach the card in any order. Where one is missing among them, none
 // behind it had been promised to anybody, and the recording ends in front of it, whole. What was
 // there before, a record of another recording, shows that nothing was ever written; else the times
@@ -51,6 +65,7 @@ bool InterruptedRow::isTorn(const Hole& hole) {
   for (uint32_t i = hole.from; i < hole.to; ++i) {
     if (index_.isForeign(i)) return true;
   }
+  if (isDamaged(hole)) return false;
   PictureEntry last;
   if (hole.refused || at(pictures_ - 1, &last) != Delivery::kGood) return false;
   return last.decodeTime().totalMicros() - hole.before.totalMicros() <= kFlushMicros;
@@ -134,6 +149,7 @@ InterruptedRow::Verdict InterruptedRow::judge() {
   if (index_.isPlaceless()) return Verdict::kNothing;
   if (!stream_.isOpen()) return Verdict::kRefused;
   headerGood_ = header == Delivery::kGood;
+  headerBad_ = header == Delivery::kBad;
   bool delivered = !headerGood_ || walk();
   if (delivered && pictures_ == 0) {  // a good header may be the one of another recording
     headerGood_ = false;

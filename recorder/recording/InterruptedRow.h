@@ -43,6 +43,7 @@ class InterruptedRow {
   Delivery at(uint32_t index, PictureEntry* entry);
   bool walk();
   bool isTorn(const Hole& hole);
+  bool isDamaged(const Hole& hole);
   void dropStrayPictures();
   bool total();
 
@@ -51,6 +52,7 @@ class InterruptedRow {
   ChunkSource stream_;
   StreamHeader header_;
   bool headerGood_ = false;
+  bool headerBad_ = false;  // delivered, and no header
   uint32_t pictures_ = 0;
   uint32_t gops_ = 0;
   PictureTime last_;

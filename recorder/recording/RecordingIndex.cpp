@@ -15,6 +15,11 @@ namespace {
 // As far as cards lose bytes at once: 64 KiB.
 constexpr uint32_t kMostBad = 64 * 1024 / kRecordSize;
 
+bool isHeader(const uint8_t* bytes) {
+  StreamHeader header;
+  return decodeStreamHeader(bytes, &header) && header.version == kRecordVersion;
+}
+
 }  // namespace
 
 RecordingIndex::RecordingIndex(const DB_STREAM& row)
@@ -106,17 +111,32 @@ uint32_t RecordingIndex::firstNumber() {
   return 0;
 }
 
-bool RecordingIndex::isForeign(uint32_t index) {
+const uint8_t* RecordingIndex::slot(uint32_t index) {
   const uint8_t* bytes = nullptr;
-  if (!isOpen() || index >= capacity() || record(slotOf(index), &bytes) != Delivery::kGood) {
-    return false;
-  }
+  const bool inside = isOpen() && index < capacity();
+  return inside && record(slotOf(index), &bytes) == Delivery::kGood ? bytes : nullptr;
+}
+
+bool RecordingIndex::isForeign(uint32_t index) {
+  const uint8_t* bytes = slot(index);
+  if (bytes == nullptr) return false;
   PictureEntry entry;
-  StreamHeader header;
   // Zeros have the CRC of zeros.
   const bool anEntry = decodePictureEntry(bytes, &entry) && entry.key != 0;
-  return (anEntry && entry.key != row_.streamID) ||
-         (decodeStreamHeader(bytes, &header) && header.version == kRecordVersion);
+  return (anEntry && entry.key != row_.streamID) || isHeader(bytes);
+}
+
+bool RecordingIndex::isBlank(uint32_t index) {
+  const uint8_t* bytes = slot(index);
+  return bytes != nullptr && (bytes[0] == 0 || bytes[0] == 0xFF) &&
+         std::count(bytes, bytes + kRecordSize, bytes[0]) == kRecordSize;
+}
+
+bool RecordingIndex::isMangled(uint32_t index) {
+  const uint8_t* bytes = slot(index);
+  PictureEntry entry;
+  return bytes != nullptr && !isBlank(index) && !decodePictureEntry(bytes, &entry) &&
+         !isHeader(bytes);
 }
 
 }  // namespace tarn

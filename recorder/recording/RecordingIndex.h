@@ -4,8 +4,8 @@
 #include <memory>
 #include <vector>
 
-#include "db/DbRecords.h"
 #include "base/Export.h"
+#include "db/DbRecords.h"
 #include "recorder/card/Source.h"
 #include "recorder/recording/RecordFormat.h"
 
@@ -48,6 +48,15 @@ class TARN_API RecordingIndex {
   // Whether the slot of an entry holds a whole record of another recording: nothing of this one has
   // ever been there.
   bool isForeign(uint32_t index);
+  // Whether the slot of an entry holds what no recorder leaves there, written or not: no whole
+  // record, and not the zeros or 0xFF of a place that nobody has used yet.
+  bool isMangled(uint32_t index);
+  // Whether the slot of an entry is one that nobody has used yet, as far as it tells.
+  bool isBlank(uint32_t index);
+  // Whether the slot of `index` lies in front of that of `other` in the chunk.
+  bool liesBefore(uint32_t index, uint32_t other) const {
+    return isOpen() && slotOf(index) < slotOf(other);
+  }
   // Whether the slot of an entry is the first one of a sector: those in front of it in the same
   // sector reach the card with it or not at all.
   bool beginsSector(uint32_t index) const { return isOpen() && slotOf(index) % kSector == 0; }
@@ -62,6 +71,8 @@ class TARN_API RecordingIndex {
   uint32_t slotOf(uint32_t index) const;
   Delivery load(uint32_t offset);
   Delivery record(uint32_t offset, const uint8_t** bytes);
+  // Of an entry's slot; null when there is none or it is refused.
+  const uint8_t* slot(uint32_t index);
 
   const DB_STREAM row_;
   std::unique_ptr<ChunkSource> own_;

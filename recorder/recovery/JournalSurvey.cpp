@@ -45,6 +45,7 @@ class Scrub {
   bool open(const ChunkSource& source, int chunk);
   bool lookAt(JournalCopies* copies, uint32_t position);
   uint32_t passHole(JournalCopies* copies, uint32_t position, uint32_t savedFree);
+  void refuse(const JournalCopies& copies);
   void take(const JournalCopies& copies, JournalCopy copy, uint32_t position);
   void noteKey(const uint8_t* record, uint32_t position);
   void noteUnequal(const JournalCopies& copies, JournalCopy copy, uint32_t position);
@@ -100,11 +101,10 @@ bool Scrub::look() {
   for (uint32_t position = 0; position < copies.size();) {
     if (lookAt(&copies, position)) {
       position += traits_.recordSize;
-    } else if (survey_->error.empty()) {
-      position = passHole(&copies, position, savedFree);
-    } else {
-      return false;
+      continue;
     }
+    if (survey_->error.empty()) position = passHole(&copies, position, savedFree);
+    if (!survey_->error.empty()) return false;
   }
   count();
   countMissing(savedFree);
@@ -125,7 +125,7 @@ bool Scrub::lookAt(JournalCopies* copies, uint32_t position) {
   const JournalCopy copy = copies->at(position);
   if (copy == JournalCopy::kErased) return false;
   if (copy == JournalCopy::kRefused) {
-    survey_->error = "the " + copies->refusedText() + kErrPlaceRefused;
+    if (!copies->endsBesideRefused()) refuse(*copies);
     return false;
   }
   ++survey_->records;
@@ -142,14 +142,26 @@ bool Scrub::lookAt(JournalCopies* copies, uint32_t position) {
   return true;
 }
 
-// The rebuild ends at the first erased pair: a hole in front of records would hide them all.
+void Scrub::refuse(const JournalCopies& copies) {
+  survey_->error = "the " + copies.refusedText() + kErrPlaceRefused;
+}
+
+// The rebuild ends at the first erased pair: a hole in front of records would hide them all. A
+// refused copy of a place in front of records, or of the saved end, may hold one of them.
 uint32_t Scrub::passHole(JournalCopies* copies, uint32_t position, uint32_t savedFree) {
   const uint32_t next = copies->nextAfterHole(position, savedFree);
   if (next == copies->size()) {
+    const bool refused = copies->at(position) == JournalCopy::kRefused;
+    if (refused && position < savedFree) refuse(*copies);
+    if (refused && survey_->unread++ == 0) survey_->unreadText = copies->refusedText();
     hole_ = position;
     return next;
   }
   for (; position < next; position += traits_.recordSize) {
+    if (copies->at(position) == JournalCopy::kRefused) {
+      refuse(*copies);
+      return next;
+    }
     ++survey_->records;
     ++survey_->unreadable;
     gap_.push_back(position);

@@ -82,7 +82,7 @@ bool keysOfJournal(std::set<uint32_t>* keys, std::string* error) {
   JournalCopies copies(JournalKind::kStream, &original, &mirror);
   for (uint32_t at = 0; at < copies.size(); at += traits.recordSize) {
     const JournalCopy copy = copies.at(at);
-    if (copy == JournalCopy::kErased) break;
+    if (copy == JournalCopy::kErased || copies.endsBesideRefused()) break;
     if (copy == JournalCopy::kRefused) {
       *error = "the " + copies.refusedText() + " cannot be read";
       return false;

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "dblog/JournalEnd.h"
 #include "dblog/JournalFormat.h"
 #include "recorder/card/Source.h"
 
@@ -36,6 +37,8 @@ class JournalCopies {
   // What the device gave; null where it gave nothing.
   const uint8_t* original() const { return first_; }
   const uint8_t* mirror() const { return second_; }
+  // After kRefused: the journal ends here for all that came (endsBesideRefusedCopy()).
+  bool endsBesideRefused() const { return endsBesideRefusedCopy(first_, second_); }
   // The copy that counts, after kOriginal and kMirror only, and the other one.
   const uint8_t* record() const { return copy_ == JournalCopy::kMirror ? second_ : first_; }
   const uint8_t* other() const { return copy_ == JournalCopy::kMirror ? first_ : second_; }

@@ -116,7 +116,7 @@ JournalGuard::Verdict JournalGuard::lookAtCard(JournalKind kind, uint32_t offset
   OpenJournal mirror(kind, true, bytes);
   JournalCopies copies(kind, &original, &mirror, JournalCopies::kSectorBytes);
   const JournalCopy copy = copies.at(offset);
-  if (copy == JournalCopy::kRefused) {
+  if (copy == JournalCopy::kRefused && !copies.endsBesideRefused()) {
     syslog(LOG_ERR, kMsgNextPlaceRefused, copies.refusedText().c_str());
     return Verdict::kFailed;
   }

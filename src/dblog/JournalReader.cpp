@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "chunk/ChunkMessages.h"
+#include "dblog/JournalEnd.h"
 #include "fat/ChunkFiles.h"
 
 namespace tarn {
@@ -62,6 +63,21 @@ JournalCopy JournalReader::judge() {
   return copy;
 }
 
+// At a place of which one copy is refused: nothing that anybody was told of lies there or behind
+// it.
+bool JournalReader::endsHere() {
+  if (!endsBesideRefusedCopy(at(&original_), at(&mirror_))) return false;
+  const uint32_t here = position_;
+  bool follows = false;
+  for (advance(); !follows && chunkSize_ - position_ >= traits_.recordSize; advance()) {
+    const JournalCopy copy = judge();
+    follows = (copy == JournalCopy::kOriginal || copy == JournalCopy::kMirror) &&
+              journalRecordInPlace(traits_, record_, position_);
+  }
+  position_ = here;
+  return !follows;
+}
+
 JournalReader::Result JournalReader::read() {
   if (position_ > chunkSize_ || chunkSize_ - position_ < traits_.recordSize) return Result::kEnd;
   JournalCopy copy = judge();
@@ -71,7 +87,7 @@ JournalReader::Result JournalReader::read() {
   }
   switch (copy) {
     case JournalCopy::kRefused:
-      return Result::kRefused;
+      return endsHere() ? Result::kErased : Result::kRefused;
     case JournalCopy::kErased:
       return Result::kErased;
     case JournalCopy::kNeither:

@@ -16,7 +16,8 @@ class JournalReader {
   enum class Result {
     kRecord,   // record() is valid
     kBad,      // neither copy is; record() holds what one of them has
-    kErased,   // both copies are erased here: the journal's end
+    kErased,   // the journal's end: both copies are erased here, or one beside a refused one, and
+               // no record follows
     kRefused,  // the device does not give it; nothing is known about this place and those behind it
     kEnd,      // the chunk has no room for another record; record() is not changed
   };
@@ -52,6 +53,7 @@ class JournalReader {
   bool readSide(Side* side, uint32_t position, void* out, uint32_t length);
   const uint8_t* at(Side* side);
   JournalCopy judge();
+  bool endsHere();
 
   const JournalTraits& traits_;
   const uint32_t chunkSize_;

@@ -263,6 +263,35 @@ TEST_F(InterruptedRowTest, AHoleAmongTheEntriesOfTheLastFlushEndsItThere) {
   expectAll(kept, "torn");
 }
 
+// A sector that a torn write left out holds whole records or nothing, never garbage.
+TEST_F(InterruptedRowTest, GarbageAmongTheEntriesOfTheLastFlushEndsNothing) {
+  interrupt(260);
+  const uint32_t begin = slotOf(240) / 512 * 512;
+  rig.card.writeChunk(tarn::kFilePicture, static_cast<int>(row_.chunkID), begin, Bytes(512, 0x5A));
+  ASSERT_TRUE(rig.boot().ok());
+  EXPECT_EQ(allStreams().at(0).recSize, 260u);
+  EXPECT_EQ(readable(), 260u - 16);
+  expectASecondRunToChangeNothing();
+}
+
+// The header is on the card before the row: its sector was written once, however new all else is.
+TEST_F(InterruptedRowTest, ALostSectorWithTheHeaderEndsNothingHoweverNewTheEntries) {
+  for (const uint8_t byte : {0x00, 0xFF}) {
+    rig.powerOff(empty);
+    ASSERT_TRUE(rig.boot().ok());
+    rig.startServer();
+    interrupt(24);
+    const uint32_t begin = row_.chunkOffset / 512 * 512;
+    rig.card.writeChunk(tarn::kFilePicture, static_cast<int>(row_.chunkID), begin,
+                        Bytes(512, byte));
+    ASSERT_TRUE(rig.boot().ok());
+    ASSERT_EQ(allStreams().size(), 1u) << int{byte};
+    EXPECT_EQ(allStreams()[0].recSize, 24u) << int{byte};
+    EXPECT_EQ(readable(), 24u - 15) << int{byte};
+    expectASecondRunToChangeNothing();
+  }
+}
+
 TEST_F(InterruptedRowTest, AnyZoneOfTheRecoveryComesToTheSameEnd) {
   for (const char* recorded : {"XYZ-02:00", "XYZ+09:30"}) {
     setZone(recorded);
@@ -332,6 +361,26 @@ TEST_F(WrappedRowTest, ARefusedReadAcrossTheEndOfTheRingCostsNothing) {
     IoFaults faults(kCardPath);
     faults.failAt(Call::Read, static_cast<uint64_t>(place), 32, EIO, 1);
     expectAll(150, "place " + std::to_string(place));
+  }
+}
+
+// What was written over is never blank again: zeros in front of older records are damage.
+TEST_F(WrappedRowTest, AnUnusedPlaceInFrontOfAUsedOneIsDamage) {
+  rig.record(1000, 1200);
+  rig.record(1200, 1440);
+  rig.record(1440, 1540);
+  interrupt(150);
+  ASSERT_LT(row_.chunkOffset, 8u * kKiB);  // and records of another behind it
+  const uint32_t begin = slotOf(130) / 512 * 512;
+  for (const uint8_t byte : {0x00, 0xFF}) {
+    rig.setCard(cut_);
+    rig.card.writeChunk(tarn::kFilePicture, static_cast<int>(row_.chunkID), begin,
+                        Bytes(512, byte));
+    ASSERT_TRUE(rig.boot().ok());
+    CApiDb db;
+    DB_STREAM row = {};
+    ASSERT_EQ(db.selectStream(row_.streamID, &row), 1u);
+    EXPECT_EQ(row.recSize, 150u) << int{byte};
   }
 }
 

@@ -153,6 +153,50 @@ TEST_F(JournalSurveyTest, BesideARefusedCopyNothingButARecordInItsPlaceCounts) {
   }
 }
 
+// A record lies in both copies before anybody is told of it: beside an erased copy there is none.
+TEST_F(JournalSurveyTest, AJournalEndsWhereOneCopyIsErasedAndTheOtherRefused) {
+  for (const int chunk : {2, 3}) {
+    const Bytes before = all();
+    IoFaults faults(kCardPath);
+    faults.failAt(Call::Read, place(chunk, 512), 512, EIO);
+    const tarn::StartUpReport report = tarn::StartUp().run();
+    EXPECT_TRUE(report.ok()) << chunk << report.error;
+    EXPECT_EQ(streamKeys().size(), kRows);
+    EXPECT_EQ(report.streams.unread, 4u + 1) << "records of that sector, and the place behind them";
+    EXPECT_EQ(all(), before);
+  }
+}
+
+TEST_F(JournalSurveyTest, AnEmptyJournalStartsThoughACopyOfItIsRefused) {
+  for (const int chunk : {0, 1, 2, 3}) setJournal(chunk, 0, Bytes(kJournalSize, 0xFF));
+  setManagement({0, 0, 0, 0});
+  const Bytes before = all();
+  for (const int chunk : {0, 1, 2, 3}) {
+    IoFaults faults(kCardPath);
+    faults.failAt(Call::Read, place(chunk, 0), 512, EIO);
+    const tarn::StartUpReport report = tarn::StartUp().run();
+    EXPECT_TRUE(report.ok()) << chunk << report.error;
+    EXPECT_EQ(streamKeys().size(), 0u);
+    EXPECT_EQ(all(), before);
+  }
+}
+
+// Records follow: what the refused copy holds may be one of them.
+TEST_F(JournalSurveyTest, AnErasedCopyInFrontOfRecordsProvesNothingBesideARefusedOne) {
+  setManagement({kRows * 32, kRows * 32, 0, 0});
+  for (const uint32_t erased : {64u * 4, 64u * 5}) {
+    setPair(2, 64 * 4, Bytes(64, 0xFF));
+    setJournal(3, erased, Bytes(64, 0xFF));
+    const Bytes before = all();
+    IoFaults faults(kCardPath);
+    faults.failAt(Call::Read, place(2, erased), 64, EIO);
+    JournalSurvey survey;
+    EXPECT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), -1) << erased;
+    EXPECT_NE(survey.error.find("stream journal chunk 2 at byte"), std::string::npos);
+    EXPECT_EQ(all(), before);
+  }
+}
+
 TEST_F(JournalSurveyTest, ACopyLostAsZerosIsTakenFromTheOtherInWhicheverItIs) {
   for (const int chunk : {2, 3}) {
     const Bytes was = journal(chunk, 0, 512);

@@ -26,6 +26,18 @@ class OpenEventsTest : public testing::Test {
     EXPECT_THAT(again.changes, IsEmpty());
     EXPECT_TRUE(rig.cardBytes() == after) << "a second run changed the card";
   }
+  // The power goes in the middle of `life`, which a session lives.
+  template <typename Life>
+  void interrupt(Life life) {
+    Bytes cut;
+    {
+      tarn::RecordingSession session;
+      ASSERT_TRUE(openSession(session));
+      life(session);
+      cut = rig.cardBytes();
+    }
+    cutAndBoot(cut);
+  }
   static DB_EVENT eventOf(uint32_t trigger) {
     for (const DB_EVENT& event : allEvents()) {
       if (event.extTrg == trigger) return event;
@@ -49,17 +61,12 @@ class OpenEventsTest : public testing::Test {
 
 // For a vehicle recorder this is the impact itself.
 TEST_F(OpenEventsTest, OneOfTheLastSecondBeforeTheCutStays) {
-  Bytes cut;
-  {
-    tarn::RecordingSession session;
-    ASSERT_TRUE(openSession(session));
+  interrupt([](tarn::RecordingSession& session) {
     ASSERT_TRUE(writePictures(session, 0, 70));
     EXPECT_NE(session.beginEvent(1, pictureTime(60), 0), 0u);
     EXPECT_NE(session.beginEvent(2, pictureTime(30), 0), 0u);
     ASSERT_EQ(session.flush(), 0);
-    cut = rig.cardBytes();
-  }
-  cutAndBoot(cut);
+  });
   EXPECT_EQ(report.count(Kind::kEventClosed), 2u);
   const DB_EVENT late = eventOf(1);
   EXPECT_EQ(endOf(late), (tarn::PictureTime{late.startDate + 1, late.startMSec * 1000u}))
@@ -68,48 +75,33 @@ TEST_F(OpenEventsTest, OneOfTheLastSecondBeforeTheCutStays) {
 }
 
 TEST_F(OpenEventsTest, OneBehindTheLastPictureStaysWithTheSecondsBeforeIt) {
-  Bytes cut;
-  {
-    tarn::RecordingSession session;
-    ASSERT_TRUE(openSession(session));
+  interrupt([](tarn::RecordingSession& session) {
     ASSERT_TRUE(writePictures(session, 0, 70));
     EXPECT_NE(session.beginEvent(1, pictureTime(150), 5), 0u);
     EXPECT_NE(session.beginEvent(2, pictureTime(150), 1), 0u);
-    cut = rig.cardBytes();
-  }
-  cutAndBoot(cut);
+  });
   EXPECT_NE(eventOf(1).endDate, 0u);
   EXPECT_EQ(eventOf(2).eventID, 0u) << "nothing of it was recorded";
 }
 
 TEST_F(OpenEventsTest, AfterTheClockWasSetBackOneEndsWithItsOwnRecording) {
-  Bytes cut;
-  {
-    tarn::RecordingSession session;
-    ASSERT_TRUE(openSession(session));
+  interrupt([](tarn::RecordingSession& session) {
     ASSERT_TRUE(writePictures(session, 2 * kHours, 2 * kHours + 60));
     ASSERT_TRUE(writePictures(session, 0, 75));  // two hours ago
     EXPECT_NE(session.beginEvent(1, pictureTime(10), 0), 0u);
     ASSERT_EQ(session.flush(), 0);
-    cut = rig.cardBytes();
-  }
-  cutAndBoot(cut);
+  });
   ASSERT_EQ(allStreams().size(), 2u);
   EXPECT_EQ(endOf(eventOf(1)), pictureTime(74));
 }
 
 TEST_F(OpenEventsTest, AfterTheClockWasSetForwardOneEndsWithItsOwnRecording) {
-  Bytes cut;
-  {
-    tarn::RecordingSession session;
-    ASSERT_TRUE(openSession(session));
+  interrupt([](tarn::RecordingSession& session) {
     ASSERT_TRUE(writePictures(session, 0, 50));
     EXPECT_NE(session.beginEvent(1, pictureTime(10), 0), 0u);
     ASSERT_TRUE(writePictures(session, 2 * kHours, 2 * kHours + 60));
     ASSERT_EQ(session.flush(), 0);
-    cut = rig.cardBytes();
-  }
-  cutAndBoot(cut);
+  });
   ASSERT_EQ(allStreams().size(), 2u);
   EXPECT_EQ(endOf(eventOf(1)), pictureTime(49));
 }
@@ -170,19 +162,14 @@ class LostRecordingTest : public OpenEventsTest {
 };
 
 TEST_F(LostRecordingTest, AnEventWhosePreSecondsAreSafeElsewhereStays) {
-  Bytes cut;
-  {
-    tarn::RecordingSession session;
-    ASSERT_TRUE(openSession(session));
+  interrupt([](tarn::RecordingSession& session) {
     ASSERT_TRUE(writePictures(session, 0, 100));
     ASSERT_EQ(session.close(), 0);
     ASSERT_TRUE(openSession(session));
     ASSERT_TRUE(writePictures(session, 150, 151, 800, 1));
     closedEvent(session, 1, 150, 155, 4);
     closedEvent(session, 2, 150, 155, 1);
-    cut = rig.cardBytes();
-  }
-  cutAndBoot(cut);
+  });
   EXPECT_EQ(report.count(Kind::kRecordingDeleted), 1u);
   EXPECT_EQ(eventOf(1).eventID, 1u);
   EXPECT_EQ(eventOf(2).eventID, 0u);

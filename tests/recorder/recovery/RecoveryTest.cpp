@@ -26,6 +26,25 @@ class RecoveryTest : public testing::Test {
     EXPECT_TRUE(rig.cardBytes() == after) << "a second run changed the card";
   }
 
+  // Recordings 1, of pictures 0 to 49, and 2, of pictures 5000 to 5049 and with an event.
+  void recordBeforeOneWithAnEvent() {
+    rig.record(0, 50);
+    tarn::RecordingSession session;
+    ASSERT_TRUE(openSession(session));
+    ASSERT_TRUE(writePictures(session, 5000, 5050));
+    const uint32_t event = session.beginEvent(3, pictureTime(5010), 2);
+    ASSERT_EQ(session.endEvent(event, pictureTime(5030)), 0);
+  }
+  // A recording of pictures 0 to 49 that is no video and was not closed.
+  DB_STREAM interruptedAudio() {
+    rig.record(0, 50);
+    const DB_STREAM row = allStreams().at(0);
+    rig.powerOff();
+    rig.reopenRow(row);
+    rig.editRecord(row, tarn::kStreamInTrgOff, 0x80u << 16);  // frameSet beside inTrg
+    return row;
+  }
+
   RecoveryRig rig;
   SyslogCapture log;
 };
@@ -207,14 +226,7 @@ TEST_F(RecoveryTest, AnOpenEventWithoutAnyRecordingIsDeleted) {
 }
 
 TEST_F(RecoveryTest, ALeftOverOfDaysAgoIsClosedAndLeavesLaterEventsAlone) {
-  rig.record(0, 50);
-  {
-    tarn::RecordingSession session;
-    ASSERT_TRUE(openSession(session));
-    ASSERT_TRUE(writePictures(session, 5000, 5050));
-    const uint32_t event = session.beginEvent(3, pictureTime(5010), 2);
-    ASSERT_EQ(session.endEvent(event, pictureTime(5030)), 0);
-  }
+  recordBeforeOneWithAnEvent();
   const std::vector<DB_STREAM> rows = allStreams();
   ASSERT_EQ(rows.size(), 2u);
   ASSERT_EQ(rows[0].chunkID, rows[1].chunkID);
@@ -234,11 +246,7 @@ TEST_F(RecoveryTest, ALeftOverOfDaysAgoIsClosedAndLeavesLaterEventsAlone) {
 }
 
 TEST_F(RecoveryTest, AudioIsClosedWhereItsEntriesConfirmIt) {
-  rig.record(0, 50);
-  const DB_STREAM row = allStreams()[0];
-  rig.powerOff();
-  rig.reopenRow(row);
-  rig.editRecord(row, tarn::kStreamInTrgOff, 0x80u << 16);  // frameSet beside inTrg
+  interruptedAudio();
   const RecoveryReport report = rig.boot();
   ASSERT_TRUE(report.ok()) << report.error;
   const std::vector<DB_STREAM> rows = allStreams();
@@ -254,14 +262,7 @@ TEST_F(RecoveryTest, AudioIsClosedWhereItsEntriesConfirmIt) {
 }
 
 TEST_F(RecoveryTest, ALeftOverOfWhichNothingIsThereGoesAloneWhenANewerOneFollows) {
-  rig.record(0, 50);
-  {
-    tarn::RecordingSession session;
-    ASSERT_TRUE(openSession(session));
-    ASSERT_TRUE(writePictures(session, 5000, 5050));
-    const uint32_t event = session.beginEvent(3, pictureTime(5010), 2);
-    ASSERT_EQ(session.endEvent(event, pictureTime(5030)), 0);
-  }
+  recordBeforeOneWithAnEvent();
   const std::vector<DB_STREAM> rows = allStreams();
   rig.powerOff();
   rig.reopenRow(rows[0]);
@@ -276,11 +277,7 @@ TEST_F(RecoveryTest, ALeftOverOfWhichNothingIsThereGoesAloneWhenANewerOneFollows
 
 // The entries of the last flush may have reached the card in any order.
 TEST_F(RecoveryTest, AudioEntriesCountUpToAHoleInTheLastFlush) {
-  rig.record(0, 50);
-  const DB_STREAM row = allStreams()[0];
-  rig.powerOff();
-  rig.reopenRow(row);
-  rig.editRecord(row, tarn::kStreamInTrgOff, 0x80u << 16);
+  const DB_STREAM row = interruptedAudio();
   rig.setPicture(row, 16, Bytes(16 * 32, 0xFF));  // a sector: entries 15 to 30
   ASSERT_TRUE(rig.boot().ok());
   EXPECT_EQ(verifyAll(), range(0, 15));
@@ -288,11 +285,7 @@ TEST_F(RecoveryTest, AudioEntriesCountUpToAHoleInTheLastFlush) {
 }
 
 TEST_F(RecoveryTest, AudioWithoutAnyEntryIsDeletedAlone) {
-  rig.record(0, 50);
-  const DB_STREAM row = allStreams()[0];
-  rig.powerOff();
-  rig.reopenRow(row);
-  rig.editRecord(row, tarn::kStreamInTrgOff, 0x80u << 16);
+  const DB_STREAM row = interruptedAudio();
   rig.setPicture(row, 1, Bytes(50 * 32, 0xFF));
   const RecoveryReport report = rig.boot();
   ASSERT_TRUE(report.ok()) << report.error;

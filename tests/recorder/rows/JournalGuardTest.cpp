@@ -288,6 +288,19 @@ TEST_F(JournalGuardTest, APlaceThatTheCardRefusesIsNotWrittenTo) {
   EXPECT_TRUE(guard.beforeStreamInsert());
 }
 
+// Nobody was told of a record there: it would lie in both.
+TEST_F(JournalGuardTest, APlaceIsFreeWhereOneCopyIsErasedAndTheOtherRefused) {
+  insertStream();
+  JournalGuard guard(&db);
+  for (const int chunk : {2, 3}) {
+    IoFaults faults(kCardPath);
+    faults.failAt(Call::Read, card.chunkStart(tarn::kFileJournal, chunk) + 64, 64, EIO);
+    EXPECT_TRUE(guard.beforeStreamInsert()) << chunk;
+  }
+  insertStream();
+  expectEveryRowInTheJournal();
+}
+
 TEST_F(JournalGuardTest, NothingIsAllowedWithoutAServer) {
   insertEvent();
   journalLog->finish();
