@@ -74,9 +74,11 @@ bool SessionEvents::endRow(const Running& event, PictureTime time) {
     return fail(RecordingError::kDatabase, queries_.failure());
   // Given up with the recordings that it covered, to make room: nothing is left to end.
   if (answer == RowQueries::Answer::kNone) return true;
+  // No picture may have come since it began.
+  const PictureTime end = std::max(time, {row.startDate, row.startMSec * 1000u});
   DB_EVENT ended = row;
-  ended.endDate = time.seconds;
-  ended.endMSec = time.milliseconds();
+  ended.endDate = end.seconds;
+  ended.endMSec = end.milliseconds();
   return fail(rows_.update(kEventEnd, row, ended));
 }
 

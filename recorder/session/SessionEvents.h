@@ -25,7 +25,8 @@ class SessionEvents {
   // Key of the new open row, 0 with error().
   uint32_t begin(uint16_t trigger, PictureTime time, uint16_t preSec);
   bool isRunning(uint32_t eventID) const;
-  // Ends one that runs; it runs no more, whatever comes of it. False with error().
+  // Ends one that runs, no sooner than it began; it runs no more, whatever comes of it. False with
+  // error().
   bool end(uint32_t eventID, PictureTime time);
 
   bool hasRunning() const { return !running_.empty(); }

@@ -23,6 +23,8 @@ struct Stamp {
 inline bool isKeyPicture(uint32_t index) { return index % kGroup == 0; }
 std::vector<uint8_t> pictureBytes(const Stamp& stamp);
 tarn::PictureTime pictureTime(uint32_t session, uint32_t index);
+// Pictures of a recording of the clip.
+inline constexpr uint32_t kClipRow = 10;
 // Whether a recording is of the clip of real video, which says nothing of itself: it begins between
 // those of sessions.
 inline bool isClip(uint32_t startDate) {

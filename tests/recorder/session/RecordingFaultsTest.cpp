@@ -76,6 +76,26 @@ TEST(RecordingFaults, TheEndOfAnEventThatTheRingGaveUpIsNoError) {
   EXPECT_EQ(0, session.close());
 }
 
+// An event is there before the picture that it is about, and a session may end in between.
+TEST(RecordingFaults, AnEventThatNoPictureFollowsEndsNoSoonerThanItBegan) {
+  for (const bool byClose : {false, true}) {
+    RecorderRig rig;
+    RecordingSession session;
+    ASSERT_TRUE(openSession(session));
+    ASSERT_TRUE(writePictures(session, 0, 30));
+    const uint32_t event = session.beginEvent(5, pictureTime(30), 0);
+    ASSERT_NE(event, 0u);
+    if (!byClose) {
+      EXPECT_EQ(0, session.endEvent(event, pictureTime(20)));
+    }
+    EXPECT_EQ(0, session.close());
+    const DB_EVENT row = allEvents().at(0);
+    EXPECT_EQ(row.startDate, pictureTime(30).seconds);
+    EXPECT_EQ(row.endDate, row.startDate) << byClose;
+    EXPECT_EQ(row.endMSec, row.startMSec) << byClose;
+  }
+}
+
 TEST(RecordingFaults, ASecondRecordingProcessIsRefusedByName) {
   RecorderRig rig;
   rig.startServerProcess();
