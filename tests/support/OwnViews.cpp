@@ -3,12 +3,12 @@
 // processes, empty /tmp, a /dev without a card, /usr/local/bin as it was, and System V IPC.
 // Starting a program for each test would cost more than most tests do, most of all under an
 // emulator. Needs root there, as in a user namespace.
-//   test_FOLDER --own-views [--file FooTest.cpp] [--not-here FILE] [--beside N] [--warm-up FILE]
+//   test_FOLDER --own-views [--file FooTest.cpp] [--not-here FILE] [--beside N] [--warm-up yes]
 //               [--gtest_filter=…]
 // Takes the tests that the file defines, or all, N of them at a time. FILE names tests that cannot
 // run here, a pattern and the reason a line. To warm up is to run the first test of each source
-// before them, in the process that forks them; those that its FILE names have their turn before.
-// Without --own-views it is an ordinary test program, for the debugger.
+// before them, in the process that forks them. Without --own-views it is an ordinary test program,
+// for the debugger.
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <gtest/gtest.h>
@@ -333,35 +333,25 @@ void warmUp(const std::string& tests) {
 struct Wish {
   std::string file;
   Reasons notHere;
-  Reasons cold;
   size_t beside = 1;
   bool warm = false;
 };
 
-void runSome(const std::vector<std::string>& names, const Wish& wish, Totals* totals) {
-  Tests running;
-  for (const std::string& name : names) {
-    if (const std::string* reason = reasonFor(name, wish.notHere); reason != nullptr) {
-      printf("SKIPPED %s: %s\n", name.c_str(), reason->c_str());
-      ++totals->skipped;
-      continue;
-    }
-    while (running.size() >= wish.beside) end(&running, totals);
-    begin(name, &running);
-  }
-  while (!running.empty()) end(&running, totals);
-}
-
 int runAll(const Wish& wish) {
   if (tarn_test::prepareShortcuts != nullptr) tarn_test::prepareShortcuts();
-  std::vector<std::string> names = testNames(wish.file);
-  const auto others = std::stable_partition(
-      names.begin(), names.end(),
-      [&](const std::string& name) { return reasonFor(name, wish.cold) != nullptr; });
-  Totals totals;
-  runSome({names.begin(), others}, wish, &totals);
   if (wish.warm) warmUp(firstOfEach(wish.notHere));
-  runSome({others, names.end()}, wish, &totals);
+  Totals totals;
+  Tests running;
+  for (const std::string& name : testNames(wish.file)) {
+    if (const std::string* reason = reasonFor(name, wish.notHere); reason != nullptr) {
+      printf("SKIPPED %s: %s\n", name.c_str(), reason->c_str());
+      ++totals.skipped;
+      continue;
+    }
+    while (running.size() >= wish.beside) end(&running, &totals);
+    begin(name, &running);
+  }
+  while (!running.empty()) end(&running, &totals);
   printf("%d passed, %d failed, %d skipped\n", totals.passed, totals.failed, totals.skipped);
   return totals.failed == 0 ? 0 : 1;
 }
@@ -377,10 +367,7 @@ int main(int argc, char** argv) {
     if (strcmp(argv[i], "--file") == 0) wish.file = argv[i + 1];
     if (strcmp(argv[i], "--not-here") == 0) wish.notHere = readReasons(argv[i + 1]);
     if (strcmp(argv[i], "--beside") == 0) wish.beside = std::max(1, atoi(argv[i + 1]));
-    if (strcmp(argv[i], "--warm-up") == 0) {
-      wish.warm = true;
-      wish.cold = readReasons(argv[i + 1]);
-    }
+    if (strcmp(argv[i], "--warm-up") == 0) wish.warm = true;
   }
   return runAll(wish);
 }
