@@ -20,7 +20,8 @@ set(TARN_RECORDER_PUBLIC_HEADERS
   recorder/recording/SoundBlock.h recorder/recording/SoundFormat.h
   recorder/rows/ServerPatience.h
   recorder/log/LogFormat.h recorder/log/LogWriter.h
-  recorder/session/PictureClock.h recorder/session/RecordingError.h
+  recorder/session/ClockWatch.h recorder/session/PictureClock.h recorder/session/PictureQueue.h
+  recorder/session/RecordingError.h
   recorder/session/RecordingSession.h
   recorder/session/RecordingStatistics.h recorder/session/SoundSession.h
   recorder/recovery/ManageRepair.h recorder/recovery/Recovery.h recorder/recovery/RecoveryReport.h

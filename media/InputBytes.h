@@ -16,10 +16,13 @@ namespace tarn {
 // interface. Used by one thread.
 class InputBytes {
  public:
+  static constexpr int kForever = -1;
+
   InputBytes(UniqueFd fd, StopAsked stopAsked) : fd_(std::move(fd)), stopAsked_(stopAsked) {}
 
-  // Up to `size` bytes; 0 at the end; -1 with errno, EINTR when asked to stop.
-  ssize_t read(uint8_t* out, size_t size);
+  // Up to `size` bytes; 0 at the end; -1 with errno: EINTR when asked to stop, ETIMEDOUT when there
+  // is a patience and nothing came for so long.
+  ssize_t read(uint8_t* out, size_t size, int patienceMs = kForever);
   // Waits until `count` bytes can be read or the end is reached, and gives those that are there
   // without taking them.
   const std::vector<uint8_t>& ahead(size_t count);
@@ -27,7 +30,7 @@ class InputBytes {
   bool isLive() const;
 
  private:
-  ssize_t readNew(uint8_t* out, size_t size);
+  ssize_t readNew(uint8_t* out, size_t size, int patienceMs);
 
   UniqueFd fd_;
   StopAsked stopAsked_;

@@ -21,6 +21,11 @@ void LivePictures::add(MediaPicture picture) {
   if (clock_->settled() || held_.size() - timed_ > kMostHeld || bytes_ > kMostBytes) tellTimes();
 }
 
+void LivePictures::idle(int64_t nowUs) {
+  if (timed_ == held_.size()) return;
+  if (nowUs - held_[timed_].picture.arrivalUs >= PictureClock::kSettleUs) tellTimes();
+}
+
 void LivePictures::tellTimes() {
   for (; timed_ < held_.size(); ++timed_) {
     Held& held = held_[timed_];

@@ -19,6 +19,9 @@ class TARN_API LivePictures {
   explicit LivePictures(PictureClock* clock) : clock_(clock) {}
 
   void add(MediaPicture picture);
+  // Nothing comes just now (monotonic): what waits for a better time of its own waits no longer
+  // than a clock takes to settle.
+  void idle(int64_t nowUs);
   // The next picture whose time is known, with the wall time of its presentation. False when there
   // is none.
   bool next(MediaPicture* out, PictureTime* presentation);

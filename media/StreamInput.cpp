@@ -13,6 +13,8 @@ namespace {
 
 constexpr size_t kBlockSize = 65536;
 constexpr double kUsualRate = 25;
+// A live stream that brings nothing for so long has stalled.
+constexpr int kStallMs = 1000;
 
 }  // namespace
 
@@ -93,32 +95,58 @@ void StreamInput::settle(bool all) {
   }
 }
 
+void StreamInput::parse(const uint8_t* data, int size, int64_t now) {
+  do {
+    uint8_t* picture = nullptr;
+    int length = 0;
+    const int used = av_parser_parse2(parser_.get(), codec_.get(), &picture, &length, data, size,
+                                      AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
+    data += used;
+    size -= used;
+    if (length > delimiter_) add(picture + delimiter_, length - delimiter_);
+    if (length > 0) {
+      delimiter_ = 0;
+      arrivalUs_ = now;  // what follows began in this block
+    } else if (ended_) {
+      break;
+    }
+  } while (size > 0 || ended_);
+}
+
+// A picture ends where the next one begins. An encoder that stalls does not begin one, and what it
+// gave must not wait for that: it gets a beginning of ours, which is taken out again. Where the
+// stall was in the middle of a picture its rest stands at the head of the next one.
+void StreamInput::endPicture() {
+  static constexpr uint8_t kDelimiter[] = {0, 0, 0, 1, kNalDelimiter, 0xF0};
+  constexpr int kSize = sizeof kDelimiter;
+  stalled_ = true;
+  if (arrivalUs_ < 0) return;  // nothing has come yet
+  memcpy(block_.data(), kDelimiter, sizeof kDelimiter);
+  memset(block_.data() + kSize, 0, AV_INPUT_BUFFER_PADDING_SIZE);
+  parse(block_.data(), kSize, -1);
+  // A picture that has not got to its slices yet keeps it.
+  if (arrivalUs_ < 0) delimiter_ = kSize;
+  settle(true);
+}
+
 bool StreamInput::readMore() {
-  const ssize_t got = bytes_->read(block_.data(), kBlockSize);
+  const bool mayStall = live_ && !stalled_;
+  const ssize_t got =
+      bytes_->read(block_.data(), kBlockSize, mayStall ? kStallMs : InputBytes::kForever);
+  if (got < 0 && errno == ETIMEDOUT) {
+    endPicture();
+    return true;
+  }
   if (got < 0) {
     error_ = std::string("reading the stream failed: ") + strerror(errno);
     return false;
   }
   ended_ = got == 0;
+  stalled_ = false;
   const int64_t now = monotonicUs();
   if (arrivalUs_ < 0) arrivalUs_ = now;
   memset(block_.data() + got, 0, AV_INPUT_BUFFER_PADDING_SIZE);
-  const uint8_t* data = block_.data();
-  int left = static_cast<int>(got);
-  do {
-    uint8_t* picture = nullptr;
-    int size = 0;
-    const int used = av_parser_parse2(parser_.get(), codec_.get(), &picture, &size, data, left,
-                                      AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
-    data += used;
-    left -= used;
-    if (size > 0) {
-      add(picture, size);
-      arrivalUs_ = now;  // what follows began in this block
-    } else if (ended_) {
-      break;
-    }
-  } while (left > 0 || ended_);
+  parse(block_.data(), static_cast<int>(got), now);
   if (ended_) settle(true);
   return true;
 }

@@ -25,6 +25,8 @@ class StreamInput : public MediaInput {
   };
   // Reads until a picture is complete or the stream ends. False on a read error.
   bool readMore();
+  void parse(const uint8_t* data, int size, int64_t now);
+  void endPicture();
   void add(const uint8_t* data, int size);
   // Gives places to the pictures that no later one can precede.
   void settle(bool all);
@@ -40,6 +42,8 @@ class StreamInput : public MediaInput {
   std::deque<Waiting> waiting_;
   double givenRate_ = 0;
   bool ended_ = false;
+  bool stalled_ = false;    // what was there has been taken for whole
+  int delimiter_ = 0;       // bytes of ours in front of what the parser holds
   int64_t arrivalUs_ = -1;  // of the first bytes of the picture that is being read, -1 before them
   ReorderDepth depth_;
   int64_t lead_ = -1;             // pictures by which decoding runs ahead, -1 while not known

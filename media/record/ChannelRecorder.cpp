@@ -14,8 +14,7 @@ namespace tarn {
 namespace {
 
 constexpr int64_t kIdleUs = 100000;
-// A wall clock that has moved by more against the monotonic one was set.
-constexpr int64_t kClockStepUs = 500000;
+constexpr char kErrNoServer[] = "stopped before there was a management server";
 // How long a camera that does not answer is left alone: twice as long each time.
 constexpr int64_t kFirstPauseUs = 1000000;
 constexpr int64_t kLongestPauseUs = 30000000;
@@ -53,7 +52,43 @@ bool ChannelRecorder::openSession(const MediaInput& input) {
   options.bitrate = static_cast<uint32_t>(std::min<int64_t>(input.bitRate(), UINT32_MAX));
   // Bit 7 of the frame setting would make the row an audio one.
   options.frameSet = static_cast<uint16_t>(std::clamp(std::lround(input.frameRate()), 0L, 127L));
+  if (live_) {
+    early_.open(options);
+    return true;
+  }
+  awaitServer(stopped_);
   return session_.open(options) == 0 || fail(session_.errorText());
+}
+
+// Once the session is open it gets what was received until then. With `wait` nothing more is.
+bool ChannelRecorder::finishOpening(bool wait) {
+  if (!early_.isOpening()) return true;
+  if (stopAsked()) early_.stop();
+  const EarlyPictures::Outcome outcome = early_.finish(wait);
+  if (outcome == EarlyPictures::Outcome::kOpening) return true;
+  if (outcome == EarlyPictures::Outcome::kFailed) {
+    if (session_.error() != RecordingError::kNone) return fail(session_.errorText());
+    return early_.waiting() != 0 && fail(kErrNoServer);
+  }
+  if (live_) writeLiveSound();
+  const PictureQueue::Dropped dropped = early_.dropped();
+  if (dropped.pictures > 0)
+    warn(std::to_string(dropped.pictures) +
+         " pictures that came before the recorder was ready were dropped: they took more memory "
+         "than there is for them");
+  return true;
+}
+
+void ChannelRecorder::markDiscontinuity() {
+  if (early_.isOpening()) {
+    early_.markDiscontinuity();
+  } else {
+    session_.markDiscontinuity();
+  }
+}
+
+uint64_t ChannelRecorder::picturesSoFar() const {
+  return early_.isOpening() ? early_.waiting() : session_.statistics().pictures;
 }
 
 std::unique_ptr<MediaInput> ChannelRecorder::openInput(std::string* error) {
@@ -64,24 +99,32 @@ std::unique_ptr<MediaInput> ChannelRecorder::openInput(std::string* error) {
 // What goes on while pictures are waited for. True when nothing more is to be waited for.
 bool ChannelRecorder::isIdle() {
   lastIdleUs_ = monotonicUs();
-  if (session_.isOpen()) {
-    watchClock();
-    if (session_.tick() != 0) fail(session_.errorText());
-    if (soundSession_.isOpen() && soundSession_.tick() != 0) failSound(soundSession_.errorText());
-    tellProgress();
+  watchClock();
+  finishOpening(false);
+  if (live_ && good_) {
+    live_->idle(lastIdleUs_);
+    writeLive();
   }
+  if (sessionIsOpen() && session_.tick() != 0) fail(session_.errorText());
+  if (soundSession_.isOpen() && soundSession_.tick() != 0) failSound(soundSession_.errorText());
+  if (opened_) tellProgress();
   return stopAsked() || !good_;
 }
 
 void ChannelRecorder::watchClock() {
   if (!clock_) return;
-  const int64_t offset = wallUs() - monotonicUs();
-  const int64_t delta = offset - clock_->wallOffset();
-  if (std::abs(delta) < kClockStepUs) return;
-  clock_->setWallOffset(offset);
-  start_ = PictureTime::fromMicros(start_.totalMicros() + delta);
-  if (session_.clockStepped(delta) != 0) fail(session_.errorText());
-  if (soundSession_.isOpen() && soundSession_.clockStepped(delta) != 0)
+  const ClockWatch::Verdict verdict = clockWatch_->look(ClockWatch::read());
+  if (verdict == ClockWatch::Verdict::kSame) return;
+  const int64_t step = clockWatch_->stepUs();
+  clock_->setWallOffset(clockWatch_->offsetUs());
+  start_ = PictureTime::fromMicros(start_.totalMicros() + step);
+  if (early_.isOpening()) return early_.clockChanged(verdict, step);
+  if (!session_.isOpen()) return;
+  const bool known = verdict == ClockWatch::Verdict::kBecameKnown;
+  if ((known ? session_.clockBecameKnown(step) : session_.clockStepped(step)) != 0)
+    fail(session_.errorText());
+  if (!soundSession_.isOpen()) return;
+  if ((known ? soundSession_.clockBecameKnown(step) : soundSession_.clockStepped(step)) != 0)
     failSound(soundSession_.errorText());
 }
 
@@ -97,7 +140,7 @@ void ChannelRecorder::prepare(MediaInput* input) {
   if (clock_ || counted || !arrival) return;
   clock_.emplace(
       input->hasTimes() ? PictureClock::Stamps::kOfSource : PictureClock::Stamps::kCounted,
-      wallUs() - monotonicUs());
+      clockWatch_.emplace(ClockWatch::read()).offsetUs());
   live_.emplace(&*clock_);
 }
 
@@ -122,7 +165,7 @@ bool ChannelRecorder::openSound(const SoundFormat& format) {
 // Behind the pictures' session, which is to have a chunk in any case.
 void ChannelRecorder::writeSound(const MediaSound& sound, const SoundFormat& format,
                                  PictureTime time) {
-  if (!soundGood_ || !session_.isOpen()) return;
+  if (!soundGood_ || !sessionIsOpen()) return;
   const bool open = soundSession_.isOpen() && format == soundFormat_;
   if (!open && !openSound(format)) return failSound(soundSession_.errorText());
   if (soundSession_.writeFrame(sound.frame.data(), sound.frame.size(), time, sound.samples) != 0)
@@ -133,6 +176,8 @@ void ChannelRecorder::writeLiveSound() {
   MediaSound sound;
   SoundFormat format;
   PictureTime time;
+  // It waits where it is, as long as the pictures have room to.
+  if (early_.isOpening() && early_.dropped().pictures == 0) return;
   while (live_->nextSound(&sound, &format, &time)) writeSound(sound, format, time);
 }
 
@@ -203,7 +248,13 @@ bool ChannelRecorder::writeLive() {
   while (live_->next(&picture, &time)) {
     if (!started_) start_ = time;
     started_ = true;
-    if (!write(picture, time, time.totalMicros() - start_.totalMicros())) return false;
+    const int64_t atUs = time.totalMicros() - start_.totalMicros();
+    if (early_.isOpening()) {
+      endUs_ = std::max(endUs_, atUs + picture.durationUs);
+      early_.add(std::move(picture), time);
+    } else if (!write(picture, time, atUs)) {
+      return false;
+    }
   }
   writeLiveSound();
   return true;
@@ -222,7 +273,7 @@ bool ChannelRecorder::recordInput(MediaInput* input) {
       continue;
     }
     if (result != MediaInput::Result::kPicture) return true;
-    if (!session_.isOpen() && !openSession(*input)) return false;
+    if (!early_.isOpening() && !session_.isOpen() && !openSession(*input)) return false;
     opened_ = true;
     if (first) firstDecodeUs_ = picture.decodeUs;
     first = false;
@@ -246,7 +297,7 @@ bool ChannelRecorder::recordPasses() {
     if (!good_) return false;
     if (live_) {
       live_->end();
-      if (!writeLive()) return false;
+      if (!writeLive() || !finishOpening(true)) return false;
     }
     if (!ended) return fail(input->error());
     if (!stopAsked() && session_.statistics().pictures == 0)
@@ -270,15 +321,15 @@ bool ChannelRecorder::recordAddress() {
     const auto input = openInput(&error);
     if (input != nullptr) {
       prepare(input.get());
-      const uint64_t before = session_.statistics().pictures;
+      const uint64_t before = picturesSoFar();
       if (told) warn(input_.input + " is there again");
       told = false;
       const bool ended = recordInput(input.get());
       if (live_) live_->end();
       if (!good_ || (live_ && !writeLive())) return false;
       error = input_.input + ": " + (ended ? "the stream has ended" : input->error());
-      if (session_.statistics().pictures > before) pause = kFirstPauseUs;
-      session_.markDiscontinuity();
+      if (picturesSoFar() > before) pause = kFirstPauseUs;
+      markDiscontinuity();
       if (soundSession_.isOpen() && soundSession_.markDiscontinuity() != 0)
         failSound(soundSession_.errorText());
     }
@@ -310,6 +361,7 @@ void ChannelRecorder::record() {
   } else {
     recordPasses();
   }
+  finishOpening(true);
   endEvents();
   if (session_.isOpen() && session_.close() != 0) fail(session_.errorText());
   if (soundSession_.isOpen() && soundSession_.close() != 0) failSound(soundSession_.errorText());
@@ -321,6 +373,8 @@ bool ChannelRecorder::run() noexcept {
     record();
   } catch (const std::exception& error) {
     fail(error.what());
+    early_.stop();
+    early_.finish(true);
     session_.close();
     soundSession_.close();
   }
@@ -332,14 +386,14 @@ ChannelRecording ChannelRecorder::recording() const {
           opened_,
           endUs_,
           eventsBegun_,
-          session_.statistics(),
+          early_.isOpening() ? RecordingStatistics() : session_.statistics(),
           hasSound_,
           soundSession_.statistics()};
 }
 
 void ChannelRecorder::tellProgress() {
   const ChannelRecording now = recording();
-  safePictures_ = now.statistics.confirmed;
+  safePictures_ = now.statistics.confirmed + early_.received();
   listener_->progressed(now);
 }
 

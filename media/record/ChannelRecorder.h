@@ -9,8 +9,10 @@
 
 #include "media/LivePictures.h"
 #include "media/MediaInput.h"
+#include "media/record/EarlyPictures.h"
 #include "media/record/RecordListener.h"
 #include "media/record/RecordRequest.h"
+#include "recorder/session/ClockWatch.h"
 #include "recorder/session/PictureClock.h"
 #include "recorder/session/RecordingSession.h"
 #include "recorder/session/SoundSession.h"
@@ -29,10 +31,13 @@ class ChannelRecorder {
   bool run() noexcept;
   // What was recorded so far.
   ChannelRecording recording() const;
-  // Pictures that are safe by now; any thread.
+  // Pictures that are safe by now, and those that came before the session was open; any thread.
   uint64_t safePictures() const { return safePictures_; }
   // Asks for an orderly end, as the listener may; any thread.
-  void stop() { stopped_ = true; }
+  void stop() {
+    stopped_ = true;
+    early_.stop();
+  }
 
  private:
   // An event on its way: waiting for its moment, running, or over.
@@ -55,6 +60,10 @@ class ChannelRecorder {
   bool recordAddress();
   bool recordInput(MediaInput* input);
   bool pauseFor(int64_t pauseUs);
+  bool sessionIsOpen() const { return !early_.isOpening() && session_.isOpen(); }
+  bool finishOpening(bool wait);
+  void markDiscontinuity();
+  uint64_t picturesSoFar() const;
   bool openSession(const MediaInput& input);
   bool recordPicture(const MediaPicture& picture);
   bool recordLive(MediaPicture picture);
@@ -79,6 +88,7 @@ class ChannelRecorder {
   const InputRequest& input_;
   RecordListener* const listener_;
   RecordingSession session_;
+  EarlyPictures early_{&session_};
   SoundSession soundSession_;
   SoundFormat soundFormat_;  // of its frames
   bool soundGood_ = true;
@@ -88,6 +98,7 @@ class ChannelRecorder {
   PictureTime start_;
   bool started_ = false;
   std::optional<PictureClock> clock_;  // of a live input
+  std::optional<ClockWatch> clockWatch_;
   std::optional<LivePictures> live_;
   bool leftOutTold_ = false;
   int64_t firstDecodeUs_ = 0;  // of the present pass, may be negative

@@ -34,7 +34,8 @@ class TARN_API RecordListener {
   // After each picture, a few times a second while pictures are waited for, and at the end.
   virtual void progressed(const ChannelRecording& recording);
   // From the thread of MediaRecorder::run(), ten times a second, with how many pictures of all
-  // channels are safe on the card by now: the place to feed a watchdog, see SafetyWatch.
+  // channels are safe on the card by now, those counted too that came while the recorder was still
+  // starting: the place to feed a watchdog, see SafetyWatch.
   virtual void meanwhile(uint64_t safePictures);
 };
 

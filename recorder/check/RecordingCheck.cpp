@@ -7,6 +7,7 @@
 #include "recorder/recording/PictureStamp.h"
 #include "recorder/recording/RecordFormat.h"
 #include "recorder/recording/RecordingIndex.h"
+#include "recorder/recording/RowCorrection.h"
 #include "recorder/recording/SoundFormat.h"
 #include "recorder/recovery/NativeRows.h"
 
@@ -49,6 +50,7 @@ class RecordingCheck {
     if (row_.recSize == 0) {
       return say(FindingKind::kOpenRow, "it was never closed", row_.startDate, row_.startDate);
     }
+    correction_ = rowCorrection(row_, &index_);
     readHeader();
     checkEntries();
     if (headerGood_) compareHeader();
@@ -169,10 +171,9 @@ class RecordingCheck {
       const State state = look(index, &entry);
       ++contents_->pictures;
       any = any || (state != State::kBadEntry);
-      const int64_t at = entry.presentation.totalMicros();
+      const int64_t at = entry.presentation.totalMicros() + correction_ * 1000000;
       if (state == State::kGood) {
-        endRun(index, entry.presentation.seconds, at);
-        lastGood_ = entry.presentation.seconds;
+        lastGood_ = endRun(index, static_cast<uint32_t>(at / 1000000), at);
         lastGoodMicros_ = std::max(lastGoodMicros_, at);
       } else if (state != runState_) {
         const int64_t from = state == State::kBadData ? at : lastGoodMicros_;
@@ -223,8 +224,8 @@ class RecordingCheck {
   }
 
   // Pictures from runFrom_ to in front of `index` have the same thing wrong with them.
-  void endRun(uint32_t index, uint32_t until, int64_t untilMicros) {
-    if (runState_ == State::kGood) return;
+  uint32_t endRun(uint32_t index, uint32_t until, int64_t untilMicros) {
+    if (runState_ == State::kGood) return until;
     const uint32_t to = std::max(lastGood_, until);
     const std::string one = sound_ ? "block of sound " : "picture ";
     const std::string more = sound_ ? "blocks of sound " : "pictures ";
@@ -239,6 +240,7 @@ class RecordingCheck {
             " and " + momentText(to) + ": " + stateText(runState_, sound_),
         lastGood_, to);
     runState_ = State::kGood;
+    return until;
   }
 
   // The library's repair of an interrupted recording keeps the number that it finds, where it is
@@ -253,7 +255,7 @@ class RecordingCheck {
       if (!same) what += (what.empty() ? "" : ", ") + std::string(name);
     };
     compare(header_.pictures == row_.recSize, "number of pictures");
-    compare(header_.lastTime == row_.endDate, "time of the last picture");
+    compare(header_.lastTime + correction_ == row_.endDate, "time of the last picture");
     if (hasFirst_) compare(header_.firstNumber == firstNumber_, "first picture number");
     if (whole_) {
       compare(header_.dataOffset == firstOffset_, "place of the data");
@@ -270,6 +272,7 @@ class RecordingCheck {
   CardSource pictures_;
   CardSource stream_;
   RecordingIndex index_;
+  int64_t correction_ = 0;  // seconds, of a row that was re-dated
   StreamHeader header_;
   bool headerGood_ = false;
   bool hasFirst_ = false;

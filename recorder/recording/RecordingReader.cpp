@@ -12,6 +12,7 @@
 #include "recorder/recording/AnnexB.h"
 #include "recorder/recording/RecordFormat.h"
 #include "recorder/recording/RecordingIndex.h"
+#include "recorder/recording/RowCorrection.h"
 
 namespace tarn {
 namespace {
@@ -43,6 +44,7 @@ class RecordingReader::Impl {
   std::unique_ptr<RecordingIndex> index_;
   std::unique_ptr<ChunkSource> stream_;
   bool running_ = false;
+  int64_t correctionUs_ = 0;
   uint32_t count_ = 0;
   bool damaged_ = false;
 };
@@ -58,6 +60,7 @@ int RecordingReader::Impl::open(const DB_STREAM& row) {
   }
   stream_ = std::make_unique<ChunkSource>(kFileStream, row.chunkID, O_RDONLY);
   if (!stream_->isOpen()) return -1;
+  correctionUs_ = rowCorrection(row, index_.get()) * 1000000;
   running_ = row.recSize == 0;
   // The header's slot is one of the ring's, so no recording has more entries than this.
   count_ = std::min(row.recSize, index_->capacity());
@@ -66,8 +69,10 @@ int RecordingReader::Impl::open(const DB_STREAM& row) {
 }
 
 bool RecordingReader::Impl::entryAt(uint32_t index, PictureEntry* out) {
-  return index_->entry(index, out) == Delivery::kGood &&
-         out->number == wrapAdd32(header_.firstNumber, index);
+  const bool good = index_->entry(index, out) == Delivery::kGood &&
+                    out->number == wrapAdd32(header_.firstNumber, index);
+  out->presentation = PictureTime::fromMicros(out->presentation.totalMicros() + correctionUs_);
+  return good;
 }
 
 uint32_t RecordingReader::Impl::refresh() {

@@ -36,7 +36,8 @@ class TARN_API RecordingReader {
   // Looks for pictures that came since, of a running row. The new count.
   uint32_t refresh();
 
-  // Entry of picture `index` (0 = first). False when there is none or it is not valid.
+  // Entry of picture `index` (0 = first), with the time that its row gives it. False when there is
+  // none or it is not valid.
   bool picture(uint32_t index, PictureEntry* out);
   // Last key picture presented at or before `time`, -1 when there is none.
   int64_t findKeyPictureBefore(PictureTime time);

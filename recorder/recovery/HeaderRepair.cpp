@@ -13,6 +13,7 @@
 #include "manager/ManageFormat.h"
 #include "recorder/card/Source.h"
 #include "recorder/recording/RecordingIndex.h"
+#include "recorder/recording/RowCorrection.h"
 #include "recorder/recovery/NativeRows.h"
 
 namespace tarn {
@@ -54,13 +55,16 @@ class HeaderCheck {
     PictureEntry first;
     PictureEntry last;
     const uint32_t pictures = row_.recSize;
-    return present_.pictures == pictures && present_.lastTime == row_.endDate &&
-           present_.gops > 0 && index_.entry(0, &first) == Delivery::kGood &&
+    return present_.pictures == pictures && present_.lastTime == lastTime() && present_.gops > 0 &&
+           index_.entry(0, &first) == Delivery::kGood &&
            index_.entry(pictures - 1, &last) == Delivery::kGood &&
            first.number == present_.firstNumber && first.dataOffset == present_.dataOffset &&
            last.number == wrapAdd32(present_.firstNumber, pictures - 1) &&
            present_.dataSize == sizeUpTo(present_.dataOffset, last);
   }
+
+  // By the clock of the entries.
+  uint32_t lastTime() { return static_cast<uint32_t>(row_.endDate - rowCorrection(row_, &index_)); }
 
   uint32_t sizeUpTo(uint32_t start, const PictureEntry& last) const {
     return wrapAdd32(ringDistance(start, last.dataOffset, index_.streamSize()), last.size);
@@ -123,7 +127,7 @@ class HeaderCheck {
                              ? present_.dataSize
                              : sizeUpTo(expected_.dataOffset, last_);
     expected_.gops = good_ != row_.recSize && totalsBelieved ? present_.gops : gops_;
-    expected_.lastTime = row_.endDate;
+    expected_.lastTime = lastTime();
     expected_.pictures = row_.recSize;
   }
 

@@ -149,6 +149,26 @@ bool closeEventNative(DB_EVENT row, PictureTime end) {
                  ", endMSec = " + number(row.endMSec) + " WHERE eventID = " + number(row.eventID));
 }
 
+bool redateStreamNative(const DB_STREAM& row) {
+  return editRecord(JournalKind::kStream, row.backOffset,
+                    [&row](uint8_t* record) {
+                      uint8_t* body = record + kJournalBodyOff;
+                      putLe32(body + kStreamStatusOff, row.status);
+                      putLe32(body + kStreamStartDateOff, row.startDate);
+                      putLe32(body + kStreamEndDateOff, row.endDate);
+                    }) &&
+         execute("UPDATE STREAM SET status = " + number(row.status) +
+                 ", startDate = " + number(row.startDate) + ", endDate = " + number(row.endDate) +
+                 " WHERE streamID = " + number(row.streamID));
+}
+
+bool redateEventNative(const DB_EVENT& row) {
+  return editRecord(JournalKind::kEvent, row.backOffset,
+                    [&row](uint8_t* record) { encodeEventRecord(row, record); }) &&
+         execute("UPDATE EVENT SET startDate = " + number(row.startDate) +
+                 ", endDate = " + number(row.endDate) + " WHERE eventID = " + number(row.eventID));
+}
+
 std::string momentText(uint32_t seconds) {
   const time_t when = seconds;
   struct tm parts = {};

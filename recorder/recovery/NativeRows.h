@@ -26,6 +26,9 @@ bool deleteEventNative(const DB_EVENT& row);
 // Closes an interrupted recording: pictures, time of the last one (seconds).
 bool closeStreamNative(const DB_STREAM& row, uint32_t pictures, uint32_t endDate);
 bool closeEventNative(DB_EVENT row, PictureTime end);
+// Gives a row the times (and a recording its status) that it has here.
+bool redateStreamNative(const DB_STREAM& row);
+bool redateEventNative(const DB_EVENT& row);
 
 // Why a recovery ends that could not change a row: for its error, logged.
 std::string cannotChange(const DB_STREAM& row);

@@ -5,6 +5,7 @@
 
 #include "db/RowStatus.h"
 #include "recorder/recording/RecordingIndex.h"
+#include "recorder/recording/RowCorrection.h"
 #include "recorder/recovery/NativeRows.h"
 
 namespace tarn {
@@ -49,14 +50,15 @@ bool lastPictureTime(const DB_STREAM& row, PictureTime* out) {
   if (row.endMSec != 0) return true;
   RecordingIndex index(row);
   PictureEntry entry;
+  const int64_t correction = rowCorrection(row, &index);
   const uint32_t count = std::min(row.recSize, index.capacity());
   for (uint32_t i = count - std::min(count, kMostReordered); i < count; ++i) {
     const Delivery got = index.entry(i, &entry);
     if (got == Delivery::kRefused) return false;
-    if (got == Delivery::kGood && last < entry.presentation &&
-        entry.presentation.seconds == row.endDate) {
+    if (got != Delivery::kGood) continue;
+    entry.presentation.seconds += static_cast<uint32_t>(correction);
+    if (last < entry.presentation && entry.presentation.seconds == row.endDate)
       last = entry.presentation;
-    }
   }
   *out = last;
   return true;

@@ -21,6 +21,7 @@
 #include "recorder/recovery/OpenEvents.h"
 #include "recorder/recovery/RecoveryMessages.h"
 #include "recorder/recovery/StartUp.h"
+#include "recorder/recovery/UnfinishedRedating.h"
 #include "recorder/rows/ChannelLock.h"
 #include "recorder/rows/DatabaseGate.h"
 #include "recorder/rows/DatabaseSetup.h"
@@ -119,6 +120,7 @@ bool Recovery::database() {
                      [this](const Step& step) { return take(step); });
 }
 
+bool Recovery::redating() { return finishRedating(channels_, &report_); }
 bool Recovery::overtakenRows() { return settleOvertakenRows(&report_); }
 bool Recovery::videoRows() { return settleVideoRows(&report_); }
 bool Recovery::remainingRows() { return settleRemainingRows(&report_); }
@@ -202,6 +204,7 @@ void Recovery::attempt() {
       {"geometry", &Recovery::geometry, kErrGeometry},
       {"management files", &Recovery::manageFiles, kErrManageFiles},
       {"database", &Recovery::database, kErrJournalManage},
+      {"redating", &Recovery::redating, kErrRedating},
       {"overtaken rows", &Recovery::overtakenRows, kErrOvertaken},
       {"video rows", &Recovery::videoRows, kErrVideoRows},
       {"remaining rows", &Recovery::remainingRows, kErrRemaining},

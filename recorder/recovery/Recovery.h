@@ -79,6 +79,7 @@ class TARN_API Recovery {
   bool rows();
   bool restoreImage();
   bool journalManage();
+  bool redating();
   bool overtakenRows();
   bool videoRows();
   bool remainingRows();

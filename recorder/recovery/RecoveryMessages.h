@@ -18,6 +18,8 @@ inline constexpr char kErrLockOfDead[] =
     "the database is locked by a process that is gone, and a recording is running: end it first";
 inline constexpr char kErrManageFiles[] =
     "the card's management files cannot be read or written (is there a card?)";
+inline constexpr char kErrRedating[] =
+    "recordings of a clock that has become known could not all be re-dated";
 inline constexpr char kErrOvertaken[] = "recordings left open long ago could not be deleted";
 inline constexpr char kErrVideoRows[] = "interrupted recordings could not be repaired";
 inline constexpr char kErrRemaining[] = "interrupted recordings could not be closed";

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cinttypes>
+
 // What keeping the rows of the database says to syslog and to a person.
 namespace tarn {
 
@@ -7,6 +9,11 @@ inline constexpr char kMsgNoReserve[] =
     "the RAM disk has no room for a reserve: recording ends when it is full";  // LOG_WARNING
 inline constexpr char kMsgReserveGivenUp[] =
     "the RAM disk is full: recording goes on with its reserve; make room in /tmp";  // LOG_ERR
+
+inline constexpr char kMsgRedatingFinished[] =  // LOG_NOTICE
+    "channel %d: a re-dating that was cut short is finished: %u more moved by %" PRId64 " s";
+inline constexpr char kMsgRedatingUnknown[] =  // LOG_WARNING
+    "recording %u cannot be read: what was to be re-dated with it keeps its old time";
 
 inline constexpr char kErrLockOfTheDead[] =
     "the database is locked by a program that died; tarn recover sets it free";

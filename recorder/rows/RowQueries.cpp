@@ -50,6 +50,16 @@ bool RowQueries::streams(const char* sql, std::vector<DB_STREAM>* rows) {
   return true;
 }
 
+bool RowQueries::events(const char* sql, std::vector<DB_EVENT>* rows) {
+  if (!run(sql)) return false;
+  rows->resize(db_->getNTuple());
+  int count = 0;
+  for (DB_EVENT& row : *rows) {
+    if (db_->getEventValue(count++, &row) != 0) return fail(kErrDatabase);
+  }
+  return true;
+}
+
 bool RowQueries::events(const char* sql, DB_EVENT* rows, int room, int* count) {
   *count = 0;
   if (!run(sql)) return false;

@@ -28,6 +28,7 @@ class TARN_API RowQueries {
   Answer event(const char* sql, DB_EVENT* row);
   // All its rows.
   bool streams(const char* sql, std::vector<DB_STREAM>* rows);
+  bool events(const char* sql, std::vector<DB_EVENT>* rows);
   // At most `room` rows; their number in *count.
   bool events(const char* sql, DB_EVENT* rows, int room, int* count);
   // The only value of a statement that always gives one.

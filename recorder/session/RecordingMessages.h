@@ -12,9 +12,21 @@ inline constexpr char kMsgLeftOverRefused[] =
     "RecordingSession: recording %u was left open and cannot be read, it stays open";
 inline constexpr char kMsgClockStepped[] =
     "RecordingSession: channel %d: the clock was set by %" PRId64 " us, a new recording begins";
+inline constexpr char kMsgClockKnown[] =
+    "RecordingSession: channel %d: the clock became known and was set by %" PRId64 " us";
+inline constexpr char kMsgRedated[] =
+    "RecordingSession: channel %d: re-dated %u of recordings %u to %u and %u of events %u to %u by "
+    "%" PRId64 " s";
+inline constexpr char kMsgNoClockEra[] =
+    "RecordingSession: /tmp/tarn-clock-eras cannot be written, nothing will be re-dated";
 inline constexpr char kMsgSpaceNoHeader[] =
     "RecordingSpace: header of recording %u in chunk %d cannot be read; continuing behind it";
 inline constexpr char kMsgSpaceOrphan[] = "RecordingSpace: chunk %d holds no recording, emptied";
+
+inline constexpr char kMsgQueueFull[] =
+    "PictureQueue: more than %zu KiB wait for the session, the oldest pictures go";
+inline constexpr char kMsgQueueDropped[] =
+    "PictureQueue: %" PRIu64 " pictures of %u.%03u to %u.%03u were dropped: no room";
 
 inline constexpr char kErrAudioBit[] = "bit 7 of the frame setting marks audio and must be clear";
 inline constexpr char kErrSoundFormat[] =
@@ -36,6 +48,8 @@ inline constexpr char kErrServerDatabase[] = "the database is locked by another 
 inline constexpr char kErrLock[] = "the allocation lock cannot be taken";
 inline constexpr char kErrJournalPlace[] = "the journal has no safe place for a record";
 inline constexpr char kErrNoRoom[] = "no chunk has room and nothing is left to delete";
+inline constexpr char kErrTooFewChunks[] =
+    "every chunk is being recorded into: the card has fewer chunks than channels and their sound";
 inline constexpr char kErrForeignRows[] =
     "a chunk that counts as unused has recordings; the card needs recovery";
 inline constexpr char kErrPictureSize[] = "the picture is empty or larger than a chunk";

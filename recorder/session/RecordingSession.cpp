@@ -67,6 +67,12 @@ int RecordingSession::clockStepped(int64_t deltaUs) {
                  [&] { return impl_->clockStepped(deltaUs); });
 }
 
+int RecordingSession::clockBecameKnown(int64_t deltaUs) {
+  if (!impl_) return -1;
+  return guarded("RecordingSession::clockBecameKnown", -1,
+                 [&] { return impl_->clockBecameKnown(deltaUs); });
+}
+
 uint32_t RecordingSession::beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec) {
   if (!impl_) return 0;
   return guarded("RecordingSession::beginEvent", uint32_t{0},

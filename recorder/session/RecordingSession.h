@@ -65,6 +65,12 @@ class TARN_API RecordingSession {
   // marked as a discontinuity. Events that run are the old clock's: close() ends them with its last
   // picture. 0 or -1.
   int clockStepped(int64_t deltaUs);
+  // The same of a clock that was not known until now, as that of a recorder without a battery that
+  // has got the time: what this start has recorded by it since it was set last is re-dated, by
+  // whole seconds, together with the events, and events that run go on. Rows alone change; the
+  // pictures' own records and stamps stay as they are. A power loss in the middle is made good by
+  // the next start. 0 or -1.
+  int clockBecameKnown(int64_t deltaUs);
 
   // Inserts an EVENT row that is open (endDate 0) and returns its key; 0 with error() set when the
   // database or the card's journal did not take it.

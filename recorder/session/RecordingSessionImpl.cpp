@@ -168,24 +168,6 @@ int RecordingSession::Impl::tick() {
   return flush();
 }
 
-int RecordingSession::Impl::clockStepped(int64_t deltaUs) {
-  if (!open_ || error_ != RecordingError::kNone) return -1;
-  if (deltaUs == 0 || !started_) return 0;
-  syslog(LOG_NOTICE, kMsgClockStepped, options_.channel, deltaUs);
-  stepped_ = true;
-  endOldTimes();
-  if (!writer_.running()) return 0;
-  FileLock allocation;
-  if (!allocation.lock(kAllocationLock, true)) {
-    fail(RecordingError::kServer, kErrLock);
-    return -1;
-  }
-  if (!writer_.finish() && !failAs(writer_)) return -1;
-  // Without a row in progress others may take the chunk; the next row asks for one again.
-  writer_.closeChunk();
-  return 0;
-}
-
 uint32_t RecordingSession::Impl::beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec) {
   if (!open_ || error_ != RecordingError::kNone) return 0;
   const uint32_t eventID = events_.begin(trigger, time, preSec);

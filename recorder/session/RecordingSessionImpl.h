@@ -31,6 +31,7 @@ class RecordingSession::Impl {
   int flush();
   int tick();
   int clockStepped(int64_t deltaUs);
+  int clockBecameKnown(int64_t deltaUs);
   uint32_t beginEvent(uint16_t trigger, PictureTime time, uint16_t preSec);
   int endEvent(uint32_t eventID, PictureTime time);
   int close();
@@ -69,6 +70,10 @@ class RecordingSession::Impl {
   void noteClock(PictureTime decode);
   void endOldTimes();
   bool flushBefore(PictureTime decode);
+  int redatedFamily() const;
+  bool enterClockEra();
+  bool beginClockEra(int64_t knownSeconds);
+  bool endRowOfOldClock();
 
   RecordingOptions options_;
   bool sound_ = false;  // blocks of sound instead of pictures

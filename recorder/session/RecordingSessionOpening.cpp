@@ -111,7 +111,7 @@ int RecordingSession::Impl::open(const RecordingOptions& options, bool sound) {
   gops_.setBitrate(options.bitrate);
   if (sound) gops_.setSound();
   open_ = checkOptions() && takeLocks() && checkCard() && watchDatabase() && connect() &&
-          closeLeftOvers();
+          closeLeftOvers() && enterClockEra();
   return open_ ? 0 : -1;
 }
 

@@ -64,6 +64,7 @@ class RecordingSpace {
   int pickUnused(int8_t channel, int8_t recType, const Need& need);
   int claim(int chunk, int8_t channel, int8_t recType);
   int begun(int chunk);
+  bool everyChunkIsBusy();
   bool usable(int chunk, int8_t channel, const Need& need);
   bool isOfKind(int chunk, bool sound);
   bool reclaimOrphans(int8_t channel);

@@ -47,7 +47,8 @@ int RecordingSpace::take(int8_t channel, int8_t recType, const Need& need, uint3
     }
   }
   if (chunk >= 0) return claim(chunk, channel, recType);
-  if (error_ == RecordingError::kNone) fail(RecordingError::kNoRoom, kErrNoRoom);
+  if (error_ == RecordingError::kNone)
+    fail(RecordingError::kNoRoom, everyChunkIsBusy() ? kErrTooFewChunks : kErrNoRoom);
   return -1;
 }
 
@@ -158,6 +159,16 @@ int RecordingSpace::claim(int chunk, int8_t channel, int8_t recType) {
     return -1;
   }
   return begun(chunk);
+}
+
+// Only sessions that end give such chunks up.
+bool RecordingSpace::everyChunkIsBusy() {
+  for (int chunk = 0; chunk < manager_->getNumChunk(); ++chunk) {
+    DB_STREAM newest = {};
+    if (newestInChunk(chunk, &newest) != RowQueries::Answer::kRow || !rowInProgress(newest))
+      return false;
+  }
+  return true;
 }
 
 int RecordingSpace::begun(int chunk) {

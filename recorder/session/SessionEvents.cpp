@@ -97,6 +97,11 @@ bool SessionEvents::endLast(PictureTime latest) {
   return endRow(event, event.overtaken ? event.end : latest);
 }
 
+void SessionEvents::clockBecameKnown(int64_t seconds) {
+  for (Running& event : running_)
+    event.end = PictureTime::fromMicros(event.end.totalMicros() + seconds * 1000000);
+}
+
 void SessionEvents::clockWasSet(PictureTime latest) {
   for (Running& event : running_) {
     if (event.overtaken) continue;

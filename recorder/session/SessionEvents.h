@@ -35,6 +35,8 @@ class SessionEvents {
   bool endLast(PictureTime latest);
   // The clock was set behind the picture of this time: what runs is the old clock's.
   void clockWasSet(PictureTime latest);
+  // Times of before are later by this: events of a clock that was set before have an end in them.
+  void clockBecameKnown(int64_t seconds);
 
   RecordingError error() const { return error_; }
   const char* errorText() const { return text_; }

@@ -29,6 +29,9 @@ class SoundSession::Impl {
   int clockStepped(int64_t deltaUs) {
     return endBlock() && session_.clockStepped(deltaUs) == 0 ? 0 : -1;
   }
+  int clockBecameKnown(int64_t deltaUs) {
+    return endBlock() && session_.clockBecameKnown(deltaUs) == 0 ? 0 : -1;
+  }
   int close();
   void closeRows() { session_.close(); }
 
@@ -211,6 +214,11 @@ int SoundSession::tick() {
 
 int SoundSession::clockStepped(int64_t deltaUs) {
   return guarded("SoundSession::clockStepped", -1, [&] { return impl_->clockStepped(deltaUs); });
+}
+
+int SoundSession::clockBecameKnown(int64_t deltaUs) {
+  return guarded("SoundSession::clockBecameKnown", -1,
+                 [&] { return impl_->clockBecameKnown(deltaUs); });
 }
 
 // What memory is missing for is left out, as in the session of pictures.

@@ -53,9 +53,10 @@ class TARN_API SoundSession {
   int markDiscontinuity();
   // Makes safe all frames so far. 0 or -1.
   int flush();
-  // As RecordingSession::tick() and clockStepped().
+  // As RecordingSession::tick(), clockStepped() and clockBecameKnown().
   int tick();
   int clockStepped(int64_t deltaUs);
+  int clockBecameKnown(int64_t deltaUs);
   // 0, or -1 when the session has failed.
   int close();
 

@@ -10,6 +10,8 @@ namespace tarn {
 inline constexpr uint32_t kStatusRecording = 0x1;     // until the recording is closed
 inline constexpr uint32_t kStatusNotVideo = 0x300;    // any of them: no time stamps to go by
 inline constexpr uint32_t kStatusRepaired = 0x10000;  // closed by a repair
+inline constexpr uint32_t kStatusRedated = 0x20000;   // its times are later than its entries say
+inline constexpr uint32_t kStatusRedating = 0x40000;  // and recordings behind it are to follow
 
 // DB_STREAM::frameSet
 inline constexpr uint16_t kFrameSetAudio = 0x80;

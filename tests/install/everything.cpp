@@ -41,6 +41,8 @@ void makeAll() {
   make<tarn::ChunkChannels>();
   tarn::PictureClock clock(tarn::PictureClock::Stamps::kOfSource, 0);
   clock.restart();
+  tarn::ClockWatch(tarn::ClockWatch::read()).look({});
+  tarn::PictureQueue().markDiscontinuity();
   make<tarn::RecordingReader>();
   make<tarn::LogWriter>();
   make<tarn::Recovery>();
