@@ -6,7 +6,7 @@
 # than they work. The end says where the time went.
 #   ./test.sh            all of it, scripts/lint first
 #   ./test.sh PRESET...  only these of: release asan tsan armhf-asan, and fuzz, which is only run when
-#                        it is named: the fuzz targets, some seconds each
+#                        it is named: the fuzz targets, a minute each
 set -euo pipefail
 cd "$(dirname "$0")"
 . scripts/packages.sh
@@ -64,6 +64,7 @@ together() { sed -n 's/^TARN_TESTS_TOGETHER:BOOL=//p' "build/$1/CMakeCache.txt";
 build() {
   local preset=$1 targets=() options=(-DTARN_TEST_OBJECTS=)
   case "$preset" in
+    fuzz) targets=(--target fuzz_targets) ;;
     tsan) targets=(--target tarn-server dbsetup "${concurrent[@]/#/test_}") ;;
     armhf-asan) targets=(--target tarn tarn-server dbsetup target_life "${emulated[@]/#/test_}") ;;
   esac
@@ -82,7 +83,7 @@ build() {
 run_tests() {
   local preset=$1 select=()
   case "$preset" in
-    fuzz) tests/fuzz/run --seconds 8; return ;;
+    fuzz) tests/fuzz/run --seconds 60 && tests/fuzz/coverage; return ;;
     tsan) select=(-L "^($(IFS='|'; echo "${concurrent[*]}"))\$") ;;
     armhf-asan) select=(-LE '^programs$') ;;
   esac

@@ -32,6 +32,8 @@ class ConfigReader {
 
   // One line. Empty, or what is wrong with it.
   std::string take(const std::string& line) {
+    // Whoever opens an input stops at such a byte, and would open another one.
+    if (line.find('\0') != std::string::npos) return "this line has a byte 0 in it";
     const std::string text = trimmed(line);
     if (text.empty() || text[0] == '#') return "";
     if (text[0] == '[') return beginSection(text);

@@ -12,19 +12,23 @@
 #include <memory>
 #include <thread>
 
+#include "base/Crc32.h"
 #include "base/Endian.h"
 #include "dblog/CDbLog.h"
 #include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
+#include "fat/FatFormat.h"
 #include "manager/ManageFormat.h"
 #include "recorder/card/CardFormatter.h"
 #include "recorder/card/CardInfo.h"
+#include "recorder/card/VolumeFormat.h"
 #include "recorder/log/LogWriter.h"
 #include "recorder/recording/RecordFormat.h"
-#include "recorder/recovery/Recovery.h"
+#include "recorder/recovery/ImageFormat.h"
 #include "recorder/rows/DatabaseSetup.h"
 #include "recorder/server/ManagementServer.h"
 #include "recorder/session/RecordingSession.h"
+#include "support/RawCalls.h"
 
 namespace tarn_fuzz {
 namespace {
@@ -32,6 +36,11 @@ namespace {
 constexpr uint32_t kKiB = 1024;
 constexpr uint32_t kStart = 1700000000;
 constexpr size_t kPage = 4 * kKiB;
+constexpr uint64_t kSector = 512;
+// Upper half of the length byte of a change.
+constexpr uint8_t kSealed = 0x10;
+constexpr uint8_t kRefused = 0x20;
+constexpr uint8_t kDeviceEnd = 0x40;
 
 // A target that cannot be set up must not pass for one that found nothing.
 void need(bool done, const char* what) {
@@ -49,6 +58,19 @@ void writePictures(tarn::RecordingSession* session, uint32_t from, uint32_t to) 
     need(session->writePicture(picture.data(), picture.size(), time, 0, i % 10 == 0) == 0,
          session->errorText());
   }
+}
+
+bool isZeros(const char* page) { return page[0] == 0 && memcmp(page, page + 1, kPage - 1) == 0; }
+
+// Three blocks of the search for its end, and some.
+void writeLog() {
+  tarn::LogWriter log;
+  need(log.open() == 0, log.errorText());
+  for (int i = 0; i < 70; ++i) {
+    const std::string text = "line " + std::to_string(i) + std::string(170, '.');
+    need(log.append(text.data(), text.size(), kStart + i) == 0, log.errorText());
+  }
+  need(log.close() == 0, log.errorText());
 }
 
 void removeAll(const char* pattern) {
@@ -76,14 +98,14 @@ FuzzCard::FuzzCard() {
   base_.resize(static_cast<size_t>(file.st_size));
   adopt();
   findRegions();
+  refuse(fd_, {});
 }
 
 // What is zeros becomes a hole, so that making the card good again looks at the rest alone.
 void FuzzCard::adopt() {
   get(0, base_.data(), base_.size());
-  const std::string zeros(kPage, '\0');
   for (size_t offset = 0; offset + kPage <= base_.size(); offset += kPage) {
-    if (memcmp(base_.data() + offset, zeros.data(), kPage) != 0) continue;
+    if (!isZeros(base_.data() + offset)) continue;
     fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset), kPage);
   }
 }
@@ -93,7 +115,7 @@ void FuzzCard::record() {
   request.sizeBytes = 34 * kKiB * kKiB;
   request.families[tarn::kFileStream] = {64 * kKiB, 3};
   request.families[tarn::kFilePicture] = {8 * kKiB, 3};
-  request.families[tarn::kFileJournal] = {4 * kKiB, 4};
+  request.families[tarn::kFileJournal] = {68 * kKiB, 4};  // blocks are of 64
   request.families[tarn::kFileSyslog] = {16 * kKiB, 5};
   request.families[tarn::kFileDbImage] = {64 * kKiB, 1};
   std::string error;
@@ -103,6 +125,7 @@ void FuzzCard::record() {
   tarn::ManagementServer server;
   need(server.start() == 0, "server");
   std::thread thread([&server] { server.run(); });
+  writeLog();
   {
     tarn::RecordingSession session;
     tarn::RecordingOptions options;
@@ -145,27 +168,39 @@ void FuzzCard::findRegions() {
   const auto* boot = reinterpret_cast<const uint8_t*>(base_.data());
   const uint64_t fats = uint64_t{tarn::getLe16(boot + 14)} * 512;
   const uint64_t fatBytes = uint64_t{tarn::getLe32(boot + 36)} * 512;
-  add(kVolume, 0, 512);
+  add(kVolume, 0, 1024);
   add(kVolume, 6 * 512, 1024);
   add(kVolume, fats, 1024);
   add(kVolume, fats + fatBytes, 1024);
   add(kVolume, fats + 2 * fatBytes, 1024);
-  add(kVolume, info.family(tarn::kFileInfo).startByte(), 1024);
+  add(kVolume, info.family(tarn::kFileInfo).startByte(), 1024, Seal::kInfo);
+  // And where their chains lead through both FATs.
+  const tarn::FatBoot head = tarn::decodeFatBoot(boot);
+  const uint64_t behind =
+      info.family(tarn::kFileStreamManage).startByte() - head.dataSector() * kSector;
+  const uint64_t cluster = 2 + behind / (head.clusterSectors * kSector);
+  add(kVolume, fats + 4 * cluster, 1024);
+  add(kVolume, fats + fatBytes + 4 * cluster, 1024);
   const std::pair<int, int> manage[] = {{tarn::kFileStreamManage, tarn::kFileStream},
                                         {tarn::kFileSyslogManage, tarn::kFileSyslog},
                                         {tarn::kFileJournalManage, tarn::kFileJournal}};
   for (const auto& [file, chunks] : manage) {
     const tarn::CardFamily& family = info.family(file);
     const uint32_t count = info.family(chunks).chunks;
+    const uint32_t part = chunks == tarn::kFileJournal ? kManage | kJournalManage : kManage;
     for (uint32_t copy = 0; copy < 2; ++copy) {
-      add(kManage, family.startByte() + uint64_t{copy} * family.chunkSize,
-          tarn::manageDataSize(count), Seal::kManage, count);
+      add(part, family.startByte() + uint64_t{copy} * family.chunkSize, tarn::manageDataSize(count),
+          Seal::kManage, count);
     }
   }
   const tarn::CardFamily& journal = info.family(tarn::kFileJournal);
   for (uint32_t chunk = 0; chunk < 4; ++chunk) {
     add(kJournal, journal.startByte() + uint64_t{chunk} * journal.chunkSize, 640, Seal::kJournal,
         chunk < 2 ? 32 : 64);
+  }
+  for (uint32_t chunk = 0; chunk < 4; ++chunk) {
+    add(kJournal, journal.startByte() + uint64_t{chunk + 1} * journal.chunkSize - 64, 64,
+        Seal::kJournal, chunk < 2 ? 32 : 64);
   }
   const tarn::CardFamily& pictures = info.family(tarn::kFilePicture);
   for (uint32_t chunk = 0; chunk < 2; ++chunk) {
@@ -174,22 +209,32 @@ void FuzzCard::findRegions() {
     add(kPictures, start, 62 * tarn::kRecordSize, Seal::kHeader, tarn::kRecordSize);
   }
   add(kStreams, info.family(tarn::kFileStream).startByte(), 24 * kKiB);
-  add(kLog, info.family(tarn::kFileSyslog).startByte(), 8 * kKiB);
-  add(kImage, info.family(tarn::kFileDbImage).startByte(), 40 * kKiB);
+  add(kLog, info.family(tarn::kFileSyslog).startByte(), 16 * kKiB);
+  const tarn::CardFamily& image = info.family(tarn::kFileDbImage);
+  add(kImage | kImageBytes, image.startByte(), 40 * kKiB);
+  add(kImage, image.startByte() + image.chunkSize - tarn::kImageSealRoom, tarn::kImageSealSize);
 }
 
 void FuzzCard::put(uint64_t offset, const void* data, size_t length) {
-  need(pwrite(fd_, data, length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length),
+  need(tarn_test::rawPwrite(fd_, data, length, static_cast<int64_t>(offset)) ==
+           static_cast<ssize_t>(length),
        "write");
 }
 
 void FuzzCard::get(uint64_t offset, void* data, size_t length) {
-  need(pread(fd_, data, length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length),
+  need(tarn_test::rawPread(fd_, data, length, static_cast<int64_t>(offset)) ==
+           static_cast<ssize_t>(length),
        "read");
 }
 
 void FuzzCard::seal(const Region& region, uint32_t offset) {
   if (region.seal == Seal::kNone) return;
+  if (region.seal == Seal::kInfo) {
+    uint8_t file[tarn::kInfoSealedBytes];
+    get(region.offset, file, sizeof file);
+    tarn::sealInfoFile(file);
+    return put(region.offset, file, sizeof file);
+  }
   if (region.seal == Seal::kManage) {
     std::vector<uint8_t> file(region.size);
     get(region.offset, file.data(), file.size());
@@ -223,38 +268,81 @@ size_t FuzzCard::damage(const uint8_t* data, size_t size, uint32_t parts) {
   while (size >= 7) {
     const Region& region = *mine[tarn::getLe16(data) % mine.size()];
     const uint32_t offset = (data[2] | data[3] << 8 | data[4] << 16) % region.size;
-    const bool sealed = (data[5] & 0x10) != 0;
-    size_t length = std::min<size_t>({size_t{data[5]} % 16 + 1, size - 6, region.size - offset});
-    put(region.offset + offset, data + 6, length);
-    if (sealed) seal(region, offset);
+    const uint8_t kind = data[5];
+    const size_t length = std::min<size_t>({size_t{kind} % 16 + 1, size - 6, region.size - offset});
+    if ((kind & kDeviceEnd) != 0) {
+      end_ = region.offset + offset;
+    } else if ((kind & kRefused) != 0) {
+      refuseAt(region.offset + offset, data + 6, length);
+    } else {
+      put(region.offset + offset, data + 6, length);
+      if ((kind & kSealed) != 0) seal(region, offset);
+      ++changes;
+    }
     data += 6 + length;
     size -= 6 + length;
-    ++changes;
   }
+  if (end_ != 0) need(ftruncate(fd_, static_cast<off_t>(end_)) == 0, "cut");
+  refuse(fd_, refusals_);
   return changes;
 }
 
-// Walks the pages that are no holes.
-template <typename Differs>
-void FuzzCard::eachDifference(Differs differs) {
+void FuzzCard::refuseAt(uint64_t offset, const uint8_t* order, size_t length) {
+  Refusal refusal;
+  const uint64_t sectors = length < 3 ? 1 : tarn::getLe16(order + 1);
+  refusal.from = offset - offset % kSector;
+  refusal.to = refusal.from + sectors * kSector;
+  refusal.skip = length < 4 ? 0 : order[3] % 64;
+  const int times = order[0] & kRefuseTimes;
+  refusal.times = times == 0 ? kForever : times;
+  refusal.isShort = (order[0] & kRefuseShort) != 0;
+  refusal.writes = (order[0] & kRefuseWrites) != 0;
+  refusals_.push_back(refusal);
+}
+
+void FuzzCard::liftRefusals() {
+  refuse(fd_, {});
+  refusals_.clear();
+}
+
+// Walks the pages that are no holes. The last one may be cut.
+template <typename Look>
+void FuzzCard::eachPage(Look look) {
   char page[kPage];
   for (off_t at = 0; (at = lseek(fd_, at, SEEK_DATA)) >= 0; at += kPage) {
     at -= at % static_cast<off_t>(kPage);
-    const auto offset = static_cast<size_t>(at);
-    get(offset, page, kPage);
-    if (memcmp(page, base_.data() + offset, kPage) != 0) differs(offset);
+    memset(page, 0, kPage);
+    need(tarn_test::rawPread(fd_, page, kPage, at) > 0, "read");
+    look(static_cast<size_t>(at), page);
   }
 }
 
-bool FuzzCard::isGood() {
-  bool good = true;
-  eachDifference([&good](size_t) { good = false; });
-  return good;
+uint32_t FuzzCard::digest() {
+  uint32_t sum = 0;
+  eachPage([&sum](size_t offset, const char* page) {
+    // What is written as zeros is no difference to a hole.
+    if (isZeros(page)) return;
+    sum = sum * 31 + static_cast<uint32_t>(offset);
+    sum = sum * 31 + tarn::crc32(page, kPage);
+  });
+  return sum;
+}
+
+// What lay behind a device's end is holes afterwards, which no difference shows.
+void FuzzCard::putBackEnd() {
+  need(ftruncate(fd_, static_cast<off_t>(base_.size())) == 0, "size");
+  for (size_t page = end_ - end_ % kPage; end_ != 0 && page < base_.size(); page += kPage) {
+    if (!isZeros(base_.data() + page)) put(page, base_.data() + page, kPage);
+  }
+  end_ = 0;
 }
 
 void FuzzCard::restore() {
-  need(ftruncate(fd_, static_cast<off_t>(base_.size())) == 0, "size");
-  eachDifference([this](size_t offset) { put(offset, base_.data() + offset, kPage); });
+  liftRefusals();
+  putBackEnd();
+  eachPage([this](size_t offset, const char* page) {
+    if (memcmp(page, base_.data() + offset, kPage) != 0) put(offset, base_.data() + offset, kPage);
+  });
   removeAll("/tmp/DB.dat*");
   removeAll("/tmp/sd_err_mem_write");
 }

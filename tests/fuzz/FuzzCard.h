@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/Refusals.h"
+
 namespace tarn_fuzz {
 
 inline constexpr char kCardPath[] = "/dev/sdblk0p1";
@@ -19,6 +21,9 @@ enum Part : uint32_t {
   kLog = 0x20,       // the chunk of the system log that is written to
   kImage = 0x40,     // the database image
   kEverything = 0x7F,
+  // Parts of the above.
+  kJournalManage = 0x80,  // of the management files that of the journals
+  kImageBytes = 0x100,    // of the image what its seal is about
 };
 
 // One card with three closed recordings, an interrupted one, events, lines of log and a database
@@ -30,20 +35,31 @@ class FuzzCard {
   static FuzzCard& get();
 
   // Takes the input as a list of changes to the parts, and makes them. An input is a row of
-  //   place (2 bytes: part; 3: offset in it), length (1: up to 16 bytes), bytes
-  // and the lowest bit of the length byte's upper half seals what was changed with the right
-  // checksum, so that half of the changes get past the checksums. Returns the changes made.
+  //   place (2 bytes: part; 3: offset in it), length (1: up to 16 bytes, and kinds), bytes
+  // Of the length byte's upper half the lowest bit seals what was changed with the right checksum,
+  // so that half of the changes get past the checksums. The next one makes it a refusal instead of
+  // a change: bytes are how often (0: always) and of what kind (kRefuse...), of how many
+  // sectors (2 bytes), after how many calls that go through (1). The next one: the device ends
+  // there. Returns the changes made to bytes.
   size_t damage(const uint8_t* data, size_t size, uint32_t parts);
+  // Parts of the first byte of a refusal.
+  static constexpr uint8_t kRefuseTimes = 0x0F;
+  static constexpr uint8_t kRefuseShort = 0x10;
+  static constexpr uint8_t kRefuseWrites = 0x20;
+  // The device gives and takes everything again.
+  void liftRefusals();
+  bool hasRefusals() const { return !refusals_.empty(); }
+  bool isCut() const { return end_ != 0; }
+  // Of everything that is on the card, as if nothing were refused.
+  uint32_t digest();
   // Puts back every byte that a run may have changed, and removes what it left in /tmp.
   void restore();
 
   // What is on the card now is what it is made good to from now on.
   void adopt();
-  // True when every byte is what restore() would make of it.
-  bool isGood();
 
  private:
-  enum class Seal { kNone, kManage, kJournal, kEntry, kHeader };
+  enum class Seal { kNone, kInfo, kManage, kJournal, kEntry, kHeader };
   struct Region {
     uint32_t part;
     uint64_t offset;
@@ -55,10 +71,12 @@ class FuzzCard {
   FuzzCard();
   void record();
   void findRegions();
+  void putBackEnd();
+  void refuseAt(uint64_t offset, const uint8_t* order, size_t length);
   void add(uint32_t part, uint64_t offset, uint64_t size, Seal seal = Seal::kNone,
            uint32_t unit = 0);
-  template <typename Differs>
-  void eachDifference(Differs differs);
+  template <typename Look>
+  void eachPage(Look look);
   void seal(const Region& region, uint32_t offset);
   void put(uint64_t offset, const void* data, size_t length);
   void get(uint64_t offset, void* data, size_t length);
@@ -66,6 +84,8 @@ class FuzzCard {
   int fd_ = -1;
   std::string base_;
   std::vector<Region> regions_;
+  std::vector<Refusal> refusals_;
+  uint64_t end_ = 0;  // of the device, where it was cut
 };
 
 }  // namespace tarn_fuzz

@@ -9,10 +9,10 @@ using namespace tarn_fuzz;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzCard& card = FuzzCard::get();
-  const bool changed = card.damage(data, size, kEverything) > 0;
+  card.damage(data, size, kEverything);
   std::string error;
   tarn::CardCheck().run(kCardPath, {}, &error);
-  if (!changed && !card.isGood()) abort();
+  if (deviceWrites() != 0) abort();
   card.restore();
   return 0;
 }

@@ -65,6 +65,13 @@ TEST(RecordConfig, OneWithoutAChannelRecordsNothing) {
   EXPECT_EQ(error, "cannot open /tmp/none: No such file or directory");
 }
 
+TEST(RecordConfig, AByteZeroIsNoPartOfAnyLine) {
+  EXPECT_EQ(fault(std::string("[channel 0]\ninput = a.mp4\0b\n", 28)),
+            ":2: this line has a byte 0 in it");
+  EXPECT_EQ(fault(std::string("[recording]\nsegment = 30\0junk\n", 31)),
+            ":2: this line has a byte 0 in it");
+}
+
 TEST(RecordRequest, OneThatContradictsItselfIsRefused) {
   RecordRequest request;
   std::string error;

@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/FuzzCard.h"
 #include "fuzz/Muted.h"
 
 extern "C" {
@@ -22,7 +21,14 @@ int fuzz_log(const uint8_t* data, size_t size);
 int fuzz_annexb(const uint8_t* data, size_t size);
 int fuzz_request(const uint8_t* data, size_t size);
 int fuzz_image(const uint8_t* data, size_t size);
+int fuzz_read(const uint8_t* data, size_t size);
+int fuzz_undo(const uint8_t* data, size_t size);
+int fuzz_config(const uint8_t* data, size_t size);
+int fuzz_argument(const uint8_t* data, size_t size);
+int fuzz_container(const uint8_t* data, size_t size);
+int begin_card(int*, char***);
 int begin_image(int*, char***);
+int begin_argument(int*, char***);
 }
 
 namespace {
@@ -30,18 +36,26 @@ namespace {
 struct Target {
   const char* name;
   int (*one)(const uint8_t*, size_t);
+  int (*begin)(int*, char***);
 };
 constexpr Target kTargets[] = {
-    {"volume", fuzz_volume},     {"manage", fuzz_manage},   {"journal", fuzz_journal},
-    {"recovery", fuzz_recovery}, {"check", fuzz_check},     {"log", fuzz_log},
-    {"annexb", fuzz_annexb},     {"request", fuzz_request}, {"image", fuzz_image},
+    {"volume", fuzz_volume, begin_card},
+    {"manage", fuzz_manage, begin_card},
+    {"journal", fuzz_journal, begin_card},
+    {"recovery", fuzz_recovery, begin_card},
+    {"check", fuzz_check, begin_card},
+    {"read", fuzz_read, begin_card},
+    {"log", fuzz_log, begin_card},
+    {"annexb", fuzz_annexb, nullptr},
+    {"request", fuzz_request, begin_card},
+    {"image", fuzz_image, begin_image},
+    {"undo", fuzz_undo, begin_card},
+    {"config", fuzz_config, nullptr},
+    {"argument", fuzz_argument, begin_argument},
+#ifdef TARN_WITH_MEDIA
+    {"container", fuzz_container, nullptr},
+#endif
 };
-
-void begin(const std::string& name) {
-  tarn_fuzz::muteStandardOutput();
-  if (name == "image") begin_image(nullptr, nullptr);
-  if (name != "image" && name != "annexb") tarn_fuzz::FuzzCard::get();
-}
 
 std::vector<std::string> inputs(const char* folder) {
   std::vector<std::string> paths;
@@ -59,7 +73,8 @@ int main(int argc, char** argv) {
     if (argc == 3 && strcmp(one.name, argv[1]) == 0) target = &one;
   }
   if (target == nullptr) return 2;
-  begin(target->name);
+  tarn_fuzz::muteStandardOutput();
+  if (target->begin != nullptr) target->begin(nullptr, nullptr);
   size_t count = 0;
   for (const std::string& path : inputs(argv[2])) {
     fprintf(stderr, "%s\n", path.c_str());  // the last one is what failed

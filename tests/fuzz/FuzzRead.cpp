@@ -1,0 +1,50 @@
+// The pictures of recordings, as an export and a player read them.
+#include <cstdlib>
+
+#include "fuzz/FuzzCard.h"
+#include "recorder/recording/RecordingReader.h"
+#include "recorder/recovery/StartUp.h"
+
+using namespace tarn_fuzz;
+
+namespace {
+
+constexpr uint32_t kChunkBytes = 64 * 1024;
+
+const std::vector<DB_STREAM>& rows() {
+  static const std::vector<DB_STREAM> rows = [] {
+    if (!tarn::StartUp().run().ok()) abort();
+    std::vector<DB_STREAM> all = tarn::streamsOfPeriod(0, UINT32_MAX);
+    if (all.size() < 3) abort();
+    FuzzCard::get().restore();
+    return all;
+  }();
+  return rows;
+}
+
+void readAll(const DB_STREAM& row) {
+  tarn::RecordingReader reader;
+  if (reader.open(row) != 0) return;
+  reader.refresh();
+  reader.findKeyPictureBefore({row.startDate + 1, 0});
+  reader.findPictureFrom({row.startDate + 1, 0});
+  std::vector<uint8_t> bytes;
+  for (uint32_t i = 0; i < reader.pictureCount(); ++i) {
+    tarn::PictureEntry entry;
+    if (!reader.picture(i, &entry) || !reader.readPicture(entry, &bytes)) continue;
+    reader.isDamaged();
+    if (bytes.size() > kChunkBytes) abort();
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::vector<DB_STREAM>& recordings = rows();
+  FuzzCard& card = FuzzCard::get();
+  card.damage(data, size, kVolume | kPictures | kStreams);
+  for (const DB_STREAM& row : recordings) readAll(row);
+  if (deviceWrites() != 0) abort();
+  card.restore();
+  return 0;
+}
