@@ -16,9 +16,11 @@
 #include "fat/CFATAccess.h"
 #include "powercut/LogLife.h"
 #include "powercut/ReadFaults.h"
+#include "powercut/SoundLife.h"
 #include "recorder/card/CardInfo.h"
 #include "recorder/check/CardCheck.h"
 #include "recorder/recording/RecordingReader.h"
+#include "recorder/recording/SoundFormat.h"
 #include "recorder/session/RecordingSession.h"
 
 namespace powercut {
@@ -146,9 +148,11 @@ uint32_t ownEnd(const DB_EVENT& event, const std::vector<DB_STREAM>& rows) {
   uint32_t own = 0;
   uint32_t end = 0;
   for (const DB_STREAM& row : rows) {
+    if (tarn::isSound(row)) continue;
     if (row.startDate <= event.startDate) own = std::max(own, row.streamID);
   }
   for (const DB_STREAM& row : rows) {
+    if (tarn::isSound(row)) continue;
     if (row.streamID >= own) end = std::max(end, row.endDate);
   }
   return end;
@@ -157,7 +161,8 @@ uint32_t ownEnd(const DB_EVENT& event, const std::vector<DB_STREAM>& rows) {
 // Whether a recording has a picture of an event that nobody ended, or of the seconds before it.
 bool isShown(const DB_EVENT& event, const std::vector<DB_STREAM>& rows) {
   return std::any_of(rows.begin(), rows.end(), [&event](const DB_STREAM& row) {
-    return row.startDate <= event.startDate + 1 && row.endDate + event.preSec >= event.startDate;
+    return !tarn::isSound(row) && row.startDate <= event.startDate + 1 &&
+           row.endDate + event.preSec >= event.startDate;
   });
 }
 
@@ -245,6 +250,11 @@ Sizes ringSizes() {
   return sizes;
 }
 
+// A row of sound whose bytes are sound, too: one life only marks a row of pictures.
+bool isOwnSound(const DB_STREAM& row) {
+  return tarn::soundCodecOf(row) != tarn::SoundCodec::kUnknown;
+}
+
 std::string checkPictures(const std::vector<DB_STREAM>& rows,
                           const std::map<uint32_t, std::vector<uint32_t>>& expected) {
   const Sizes sizes = ringSizes();
@@ -263,8 +273,18 @@ std::string checkPictures(const std::vector<DB_STREAM>& rows,
              std::to_string(given) + " were given to " + text(row);
     }
     take(&pictureRing[row.chunkID], row.chunkOffset, row.chunkSize, sizes.picture, row.streamID);
+    if (isOwnSound(row)) {
+      uint32_t frames = 0;
+      const std::string wrong = checkFrames(row, known->second, &frames);
+      if (!wrong.empty()) return "I3: " + wrong + " in " + text(row);
+    }
     for (uint32_t i = 0; i < row.recSize; ++i) {
       tarn::PictureEntry entry;
+      if (isOwnSound(row)) {
+        reader.picture(i, &entry);
+        take(&streamRing[row.chunkID], entry.dataOffset, entry.size, sizes.stream, row.streamID);
+        continue;
+      }
       const uint32_t number = known->second[i];
       if (!reader.picture(i, &entry) || !reader.readPicture(entry, &bytes) ||
           !(entry.presentation == pictureTime(number)) || bytes != pictureBytes(number)) {
@@ -280,14 +300,19 @@ std::string checkPictures(const std::vector<DB_STREAM>& rows,
 
 // Everything that was safe, and what a loss may cost at most.
 std::string checkLoss(const Recorded& life, Cut cut, const Model& model,
-                      const std::vector<DB_STREAM>& rows) {
+                      const std::vector<DB_STREAM>& rows,
+                      const std::map<uint32_t, std::vector<uint32_t>>& expected) {
   std::map<uint32_t, uint32_t> kept;
-  for (const DB_STREAM& row : rows) kept[row.streamID] = row.recSize;
+  for (const DB_STREAM& row : rows) {
+    kept[row.streamID] = row.recSize;
+    if (isOwnSound(row)) checkFrames(row, expected.at(row.streamID), &kept[row.streamID]);
+  }
   std::vector<uint32_t> safe(life.sessions.size());
   for (const SafeMark& mark : life.safe) {
     if (mark.when > cut.at) break;
-    const uint32_t least =
-        mark.accepted > life.flushPictures ? mark.accepted - life.flushPictures : 0;
+    const auto sound = life.mostUnsafe.find(static_cast<size_t>(mark.session));
+    const uint32_t unsafe = sound == life.mostUnsafe.end() ? life.flushPictures : sound->second;
+    const uint32_t least = mark.accepted > unsafe ? mark.accepted - unsafe : 0;
     uint32_t& count = safe[static_cast<size_t>(mark.session)];
     count = std::max({count, mark.confirmed, least});
   }
@@ -303,8 +328,10 @@ std::string checkLoss(const Recorded& life, Cut cut, const Model& model,
       if (!mayBeGone) {
         for (const auto& version : row->second.versions) mayBeGone = mayBeGone || !version.there;
       }
-      // The repair takes an interrupted recording for one when it has two pictures.
-      if (inRow[picture.streamID] < kLeastPictures) mayBeGone = true;
+      // The repair takes an interrupted recording for one when it has two pictures; of sound one
+      // block is enough.
+      if (inRow[picture.streamID] < kLeastPictures && life.mostUnsafe.count(session) == 0)
+        mayBeGone = true;
       if (mayBeGone || index < kept[picture.streamID]) continue;
       return "I4: picture " + std::to_string(picture.number) + " of recording " +
              std::to_string(picture.streamID) + " was safe and is lost (" +
@@ -603,7 +630,8 @@ std::string Checker::checkResult(const tarn::RecoveryReport& report, Cut cut, ui
     return "I5: after a recovery that was disturbed: " + linesOnlyIn(state, life_.finalState) +
            " instead of " + linesOnlyIn(life_.finalState, state);
   }
-  if (exact && same != Same::kRows && sum != life_.finalSum && !sameButForIndexes(life_.finalCard)) {
+  if (exact && same != Same::kRows && sum != life_.finalSum &&
+      !sameButForIndexes(life_.finalCard)) {
     return "I5: after a recovery that was disturbed the card has other bytes at " +
            firstDifference(life_.finalCard);
   }
@@ -615,7 +643,7 @@ std::string Checker::checkResult(const tarn::RecoveryReport& report, Cut cut, ui
   if (failure.empty() && !life_.isRecovery) failure = checkHeaders(report);
   if (failure.empty()) failure = checkOpenEvents(model.events, rows, events);
   if (failure.empty()) failure = checkChannels(life_, rows);
-  if (failure.empty()) failure = checkLoss(life_, cut, model, rows);
+  if (failure.empty()) failure = checkLoss(life_, cut, model, rows, expected_);
   if (failure.empty()) failure = checkLog(life_, cut.at);
   if (!failure.empty()) return failure;
 

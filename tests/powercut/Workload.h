@@ -80,6 +80,7 @@ struct Recorded {
   std::vector<std::vector<Picture>> sessions;  // of each: its pictures in order
   std::vector<int8_t> channels;                // of each session
   uint32_t flushPictures = 0;                  // most that may be handed over and not be safe
+  std::map<size_t, uint32_t> mostUnsafe;       // the same of sessions of sound, in frames
   std::vector<LogMark> log;                    // only of lives that write a system log
   bool isFormat = false;
   bool replayLosesRow = false;  // the first start after a cut loses a row
