@@ -117,7 +117,7 @@ void soundBesidePictures(Recorded* out) {
 }
 
 void soundRings(Recorded* out) {
-  shape() = {32768, 2048, 4, 1024};
+  shape() = {65536, 2048, 4, 1024};
   formatCard();
   boot();
   const Server server;
