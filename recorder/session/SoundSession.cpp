@@ -159,7 +159,7 @@ const char* SoundSession::Impl::errorText() const {
 RecordingStatistics SoundSession::Impl::statistics() const {
   RecordingStatistics all = session_.statistics();
   uint64_t safe = safeFrames_;
-  for (uint64_t i = 0; i < blocks_.size() && safeBlocks_ + i < all.confirmed; ++i)
+  for (size_t i = 0; i < blocks_.size() && safeBlocks_ + i < all.confirmed; ++i)
     safe += blocks_[i].frames;
   all.pictures = frames_;
   all.confirmed = safe;
