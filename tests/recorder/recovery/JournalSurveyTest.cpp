@@ -191,7 +191,7 @@ TEST_F(JournalSurveyTest, AnErasedCopyInFrontOfRecordsProvesNothingBesideARefuse
     IoFaults faults(kCardPath);
     faults.failAt(Call::Read, place(2, erased), 64, EIO);
     JournalSurvey survey;
-    EXPECT_EQ(tarn::scrubJournal(JournalKind::kStream, &survey), -1) << erased;
+    EXPECT_EQ(scrub(&survey), -1) << erased;
     EXPECT_NE(survey.error.find("stream journal chunk 2 at byte"), std::string::npos);
     EXPECT_EQ(all(), before);
   }
