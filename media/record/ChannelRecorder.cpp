@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <ctime>
 #include <exception>
 
@@ -31,10 +30,7 @@ ChannelRecorder::ChannelRecorder(const RecordRequest& request, const InputReques
                                  RecordListener* listener)
     : request_(request), input_(input), listener_(listener) {
   if (&input != &request.inputs.front()) return;
-  for (const EventRequest& event : request.events) {
-    const auto at = static_cast<int64_t>(std::llround(event.atSeconds * 1e6));
-    events_.push_back({at, at + int64_t{request.eventSeconds} * 1000000, event.trigger});
-  }
+  for (const EventRequest& event : request.events) events_.add(event, request.eventSeconds);
 }
 
 // The first failure is the one that counts.
@@ -200,25 +196,8 @@ void ChannelRecorder::pace(int64_t decodeUs) {
     usleep(static_cast<useconds_t>(std::min<int64_t>(wait, 500000)));
 }
 
-bool ChannelRecorder::moveEvents(int64_t nowUs) {
-  for (EventState& event : events_) {
-    if (event.over) continue;
-    if (event.eventID == 0 && nowUs >= event.startUs) {
-      event.eventID = session_.beginEvent(event.trigger, clockTime(event.startUs), 0);
-      if (event.eventID == 0) return fail(session_.errorText());
-      ++eventsBegun_;
-    }
-    if (event.eventID != 0 && nowUs >= event.endUs) {
-      event.over = true;
-      if (session_.endEvent(event.eventID, clockTime(event.endUs)) != 0)
-        return fail(session_.errorText());
-    }
-  }
-  return true;
-}
-
 bool ChannelRecorder::write(const MediaPicture& picture, PictureTime presentation, int64_t atUs) {
-  if (!moveEvents(atUs)) return false;
+  if (!events_.move(atUs, start_)) return fail(session_.errorText());
   const auto decodeOffset = static_cast<int32_t>(
       std::clamp<int64_t>(picture.decodeUs - picture.presentationUs, INT32_MIN, 0));
   if (session_.writePicture(picture.annexB.data(), picture.annexB.size(), presentation,
@@ -342,17 +321,8 @@ bool ChannelRecorder::recordAddress() {
 }
 
 void ChannelRecorder::endEvents() {
-  for (EventState& event : events_) {
-    if (event.eventID != 0 && !event.over && good_) {
-      if (session_.endEvent(event.eventID, clockTime(std::min(event.endUs, endUs_))) != 0)
-        fail(session_.errorText());
-    } else if (event.eventID == 0) {
-      char text[80];
-      snprintf(text, sizeof text, "the recording ended before the event %u@%g",
-               unsigned{event.trigger}, static_cast<double>(event.startUs) / 1e6);
-      warn(text);
-    }
-  }
+  if (good_ && !events_.end(endUs_, start_)) fail(session_.errorText());
+  for (const std::string& sentence : events_.missed()) warn(sentence);
 }
 
 void ChannelRecorder::record() {
@@ -385,7 +355,7 @@ ChannelRecording ChannelRecorder::recording() const {
   return {input_.channel,
           opened_,
           endUs_,
-          eventsBegun_,
+          events_.begun(),
           early_.isOpening() ? RecordingStatistics() : session_.statistics(),
           hasSound_,
           soundSession_.statistics()};

@@ -5,13 +5,13 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "media/LivePictures.h"
 #include "media/MediaInput.h"
 #include "media/record/EarlyPictures.h"
 #include "media/record/RecordListener.h"
 #include "media/record/RecordRequest.h"
+#include "media/record/RequestedEvents.h"
 #include "recorder/session/ClockWatch.h"
 #include "recorder/session/PictureClock.h"
 #include "recorder/session/RecordingSession.h"
@@ -40,15 +40,6 @@ class ChannelRecorder {
   }
 
  private:
-  // An event on its way: waiting for its moment, running, or over.
-  struct EventState {
-    int64_t startUs;
-    int64_t endUs;
-    uint16_t trigger;
-    uint32_t eventID = 0;
-    bool over = false;
-  };
-
   bool fail(const std::string& text);
   void warn(const std::string& text) const { listener_->told(input_.channel, text); }
   bool stopAsked() const { return stopped_ || listener_->stopAsked(); }
@@ -77,7 +68,6 @@ class ChannelRecorder {
   void pace(int64_t decodeUs);
   bool isIdle();
   void watchClock();
-  bool moveEvents(int64_t nowUs);
   void endEvents();
   void tellProgress();
   PictureTime clockTime(int64_t timeUs) const {
@@ -93,7 +83,7 @@ class ChannelRecorder {
   SoundFormat soundFormat_;  // of its frames
   bool soundGood_ = true;
   bool hasSound_ = false;
-  std::vector<EventState> events_;
+  RequestedEvents events_{&session_};  // of the first input
   bool good_ = true;
   PictureTime start_;
   bool started_ = false;
@@ -106,7 +96,6 @@ class ChannelRecorder {
   int64_t endUs_ = 0;          // end of the last picture so far
   int64_t beganUs_ = 0;        // monotonic
   int64_t lastIdleUs_ = 0;
-  uint32_t eventsBegun_ = 0;
   bool opened_ = false;
   std::atomic<uint64_t> safePictures_ = 0;
   std::atomic<bool> stopped_ = false;
