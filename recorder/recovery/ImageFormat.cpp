@@ -24,6 +24,12 @@ void encode(const JournalState& state, uint8_t* bytes) {
 
 JournalState decode(const uint8_t* bytes) { return {getLe32(bytes), getLe32(bytes + 4)}; }
 
+// Of a seal as it was with its mark.
+uint32_t sumOf(const uint8_t* bytes) {
+  const uint32_t mark = crc32(kMagic, kMagicSize);
+  return crc32(bytes + kMagicSize, kSealChecksumOff - kMagicSize, mark);
+}
+
 }  // namespace
 
 void encodeImageSeal(const ImageSeal& seal, uint8_t bytes[kImageSealSize]) {
@@ -37,10 +43,11 @@ void encodeImageSeal(const ImageSeal& seal, uint8_t bytes[kImageSealSize]) {
 }
 
 SealState decodeImageSeal(const uint8_t bytes[kImageSealSize], ImageSeal* seal) {
-  if (memcmp(bytes, kMagic, kMagicSize) != 0) return SealState::kNone;
-  if (getLe32(bytes + kSealChecksumOff) != crc32(bytes, kSealChecksumOff)) {
-    return SealState::kDamaged;
-  }
+  const bool marked = memcmp(bytes, kMagic, kMagicSize) == 0;
+  const bool whole = getLe32(bytes + kSealChecksumOff) == sumOf(bytes);
+  // What fits a mark that is not there lost it: no image of before there were seals has such bytes.
+  if (!marked) return whole ? SealState::kDamaged : SealState::kNone;
+  if (!whole) return SealState::kDamaged;
   seal->length = getLe32(bytes + kLengthOff);
   seal->checksum = getLe32(bytes + kChecksumOff);
   seal->events = decode(bytes + kEventsOff);

@@ -446,13 +446,17 @@ TEST_F(DatabaseImageTest, NoServerStartsThatCannotDropIt) {
   EXPECT_GT(imageSize(), 0);
 }
 
-// The checksum covers every byte, the size in front of them too.
+// The checksum covers every byte, the size in front of them too; a seal that lost its mark is no
+// image of before there were seals.
 TEST_F(DatabaseImageTest, OneFlippedBitAnywhereSendsTheStartToTheJournal) {
   rig.record(0, 40);
   stopCleanly();
   const Bytes good = rig.cardBytes();
   const auto size = static_cast<uint32_t>(imageSize());
-  for (const uint32_t byte : {0u, 1u, 4u, 28u, 4u + size / 2, 4u + size / 3, 3u + size}) {
+  const auto seal =
+      static_cast<uint32_t>(rig.card.readChunk(tarn::kFileDbImage, 0, 0, kMiB).size()) - 512;
+  for (const uint32_t byte : {0u, 1u, 4u, 28u, 4u + size / 2, 4u + size / 3, 3u + size, seal,
+                              seal + 7, seal + 8, seal + 60}) {
     rig.setCard(good);
     Bytes bytes = rig.card.readChunk(tarn::kFileDbImage, 0, byte, 1);
     bytes[0] ^= 0x10;
