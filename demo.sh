@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Records real video onto a card image until the card is full and its oldest recordings have gone,
-# lists what is there, exports an event and a period, and compares every frame with the original.
+# lists what is there, exports an event and a period, and an event that was kept while the ring came
+# round over it, and compares every frame with the original.
 # Then kills everything while it records, and shows what comes back.
 #   ./demo.sh [SEED]   the seed chooses the moments of the kills
 # Everything it makes lies in build/demo. Needs root or sudo only where packages are missing.
@@ -41,6 +42,12 @@ loops=$((chunks * chunk_size * 5 / 4 / clip_size + 1))
 seconds=$((loops * 14))
 first_event=$((seconds - 300)) second_event=$((seconds - 120))
 
+say "   An event that is to be kept, whatever is recorded later"
+kept_start='2026-03-01T07:00:00'
+"$tarn" --card "$card" record "$clip" --loop 3 --start "$kept_start" --event 5@12 >"$out/recorded"
+sed 's/^/   /' "$out/recorded"
+"$tarn" --card "$card" keep --event 1 | sed 's/^/   /'
+
 say "3. Record $(basename "$clip") $loops times ($((seconds / 60)) minutes of 720p), with two events"
 "$tarn" --card "$card" record "$clip" --loop "$loops" --start "$start" \
   --event "7@$first_event" --event "9@$second_event" >"$out/recorded"
@@ -53,33 +60,42 @@ say "4. What is on the card"
 python3 - "$out" "$chunks" <<'PY'
 import json, sys
 out, chunks = sys.argv[1], int(sys.argv[2])
-streams = json.load(open(out + "/streams.json"))["streams"]
+every = json.load(open(out + "/streams.json"))["streams"]
+streams = [s for s in every if s["copyOf"] is None]
+copies = [s for s in every if s["copyOf"] is not None]
 events = json.load(open(out + "/events.json"))["events"]
-used = {s["chunkID"] for s in streams}
+used = {s["chunkID"] for s in every}
 print(f"   {len(streams)} recordings on {len(used)} of {chunks} chunks, "
       f"{streams[0]['start']} to {streams[-1]['end']}")
 for e in events:
-    print(f"   event {e['eventID']}: trigger {e['extTrg']}, {e['start']} to {e['end']}")
-if len(used) != chunks or streams[0]["streamID"] == 1 or len(events) != 2:
+    print(f"   event {e['eventID']}: trigger {e['extTrg']}, {e['start']} to {e['end']}"
+          f"{', kept' if e['kept'] else ''}")
+originals = {s["streamID"] for s in streams}
+if len(used) != chunks or 1 in originals or len(events) != 3:
     sys.exit("the ring did not wrap as it should have")
+if not events[0]["kept"] or not copies or any(c["copyOf"] in originals for c in copies):
+    sys.exit("the event was not kept over the end of its recording")
 PY
 
 say "5. Export an event and a period, and compare every frame with the original"
-event=$(python3 -c 'import json,sys; print(json.load(open(sys.argv[1]))["events"][0]["eventID"])' \
+event=$(python3 -c 'import json,sys; print(json.load(open(sys.argv[1]))["events"][1]["eventID"])' \
   "$out/events.json")
 origin=$(date -d "$start" +%s)
 at() { date -d "@$((origin + $1))" +%Y-%m-%dT%H:%M:%S; }
 "$tarn" --card "$card" export --event "$event" -o "$out/event.mp4" | sed 's/^/   /'
 "$tarn" --card "$card" export --from "$(at $((seconds - 600)))" --to "$(at $((seconds - 540)))" \
   -o "$out/period.mp4" | sed 's/^/   /'
-for file in event period; do
-  verdict=$(scripts/compare-frames "$clip" "$out/$file.mp4" "$origin")
+"$tarn" --card "$card" export --event 1 -o "$out/kept.mp4" | sed 's/^/   /'
+for file in event period kept; do
+  from=$origin
+  [ "$file" != kept ] || from=$(date -d "$kept_start" +%s)
+  verdict=$(scripts/compare-frames "$clip" "$out/$file.mp4" "$from")
   say "   $file.mp4: $verdict"
 done
 
-# Kills a process and all below it: stopped first, so that none of them notices another's end.
+# Kills processes and all below them: stopped first, so that none of them notices another's end.
 kill_tree() {
-  python3 - "$1" <<'PY'
+  python3 - "$@" <<'PY'
 import os, signal, sys
 def children():
     found = {}
@@ -91,7 +107,7 @@ def children():
             continue
         found.setdefault(parent, []).append(int(entry))
     return found
-tree, below = [int(sys.argv[1])], children()
+tree, below = [int(process) for process in sys.argv[1:]], children()
 for process in tree:
     tree += below.get(process, [])
 for number in signal.SIGSTOP, signal.SIGKILL:
@@ -101,8 +117,8 @@ PY
 }
 
 # What records must not go on when this ends early.
-recorder=''
-trap '[ -z "$recorder" ] || kill_tree "$recorder" 2>/dev/null' EXIT
+recorder='' camera=''
+trap '[ -z "$recorder$camera" ] || kill_tree ${recorder:+"$recorder"} ${camera:+"$camera"} 2>/dev/null' EXIT
 
 # cut_power CARD START NAME DECISECONDS: records in real time, kills everything in the view after
 # that long, recovers, and compares what the interrupted recording still holds.
@@ -143,11 +159,33 @@ if row["startDate"] != start or back < safe or written - back > 21:
 PY
 }
 
-say "6. Kill everything at a random moment while it records (seed $seed)"
+say "6. Two cameras, one by RTSP, with an event that is kept by itself"
+tests/media/rtsp-server 18554 "yard=$clip" >"$out/rtsp" 2>"$out/log" &
+camera=$!
+for _ in $(seq 100); do grep -qs ready "$out/rtsp" && break; sleep 0.1; done
+from=$(date +%Y-%m-%dT%H:%M:%S)
+timeout --preserve-status --signal INT 9 "$tarn" --card "$card" record "ch0=$clip" \
+  ch1=rtsp://127.0.0.1:18554/yard --realtime --event 5@2 --event-length 3 --keep-events |
+  sed 's/^/   /'
+kill_tree "$camera"
+camera=''
+"$tarn" --card "$card" list streams --from "$from" --json >"$out/streams.json"
+python3 - "$out/streams.json" <<'PY'
+import json, sys
+streams = json.load(open(sys.argv[1]))["streams"]
+recorded = {s["channel"] for s in streams if s["copyOf"] is None}
+kept = {s["channel"] for s in streams if s["copyOf"] is not None}
+print(f"   recorded: channels {sorted(recorded)}; kept of the event: channels {sorted(kept)}")
+if recorded != {0, 1} or kept != {0, 1}:
+    sys.exit("a camera or a copy is missing")
+PY
+"$tarn" --card "$card" export --from "$from" -o "$out/cameras.mp4" | sed 's/^/   /'
+
+say "7. Kill everything at a random moment while it records (seed $seed)"
 RANDOM=$seed
 cut_power "$card" 2026-03-01T12:00:00 cut $((20 + RANDOM % 60))
 
-say "7. The same in another time zone, on another card, just when summer time begins"
+say "8. The same in another time zone, on another card, just when summer time begins"
 rm -f "$out/other.img"
 quietly "$tarn" format "$out/other.img" --size 128M
 TZ='LHST-10:30LHDT-11,M10.1.0,M4.1.0'

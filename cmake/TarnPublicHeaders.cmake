@@ -17,11 +17,11 @@ set(TARN_RECORDER_PUBLIC_HEADERS
   recorder/card/CardFormatter.h recorder/card/CardInfo.h recorder/card/CardLayout.h
   recorder/card/CardRepair.h recorder/card/ChunkChannels.h recorder/card/PictureTime.h
   recorder/recording/PictureEntry.h recorder/recording/RecordingReader.h
-  recorder/recording/SoundBlock.h recorder/recording/SoundFormat.h
+  recorder/recording/KeptRow.h recorder/recording/SoundBlock.h recorder/recording/SoundFormat.h
   recorder/rows/ServerPatience.h
   recorder/log/LogFormat.h recorder/log/LogWriter.h
-  recorder/session/ClockWatch.h recorder/session/PictureClock.h recorder/session/PictureQueue.h
-  recorder/session/RecordingError.h
+  recorder/session/ClockWatch.h recorder/session/EventKeeper.h recorder/session/KeptCopies.h
+  recorder/session/PictureClock.h recorder/session/PictureQueue.h recorder/session/RecordingError.h
   recorder/session/RecordingSession.h
   recorder/session/RecordingStatistics.h recorder/session/SoundSession.h
   recorder/recovery/ManageRepair.h recorder/recovery/Recovery.h recorder/recovery/RecoveryReport.h

@@ -7,12 +7,12 @@ arm_packages=(g++-arm-linux-gnueabihf qemu-user googletest)
 # The emulated board.
 board_packages=(qemu-system-arm cpio kmod mtools)
 run_packages=(bubblewrap)
-demo_packages=(python3-imageio ffmpeg dosfstools)
+# A server of cameras.
+camera_packages=(gir1.2-gst-rtsp-server-1.0 python3-gi gstreamer1.0-plugins-base
+  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad)
+demo_packages=(python3-imageio ffmpeg dosfstools "${camera_packages[@]}")
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
-  file man-db dpkg-dev lintian systemd procps doxygen abigail-tools
-  # A server of cameras.
-  gir1.2-gst-rtsp-server-1.0 python3-gi gstreamer1.0-plugins-base gstreamer1.0-plugins-good
-  gstreamer1.0-plugins-bad)
+  file man-db dpkg-dev lintian systemd procps doxygen abigail-tools "${camera_packages[@]}")
 bench_packages=(libbenchmark-dev nbdkit libnbd-bin util-linux python3-imageio ffmpeg)
 lint_packages=(shellcheck clang-14 clang-tidy-14 git)
 fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)

@@ -2,15 +2,25 @@
 
 #include <algorithm>
 #include <iterator>
+#include <tuple>
 #include <utility>
 
 #include "db/CApiDb.h"
 #include "recorder/card/ChunkChannels.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingReader.h"
 #include "recorder/recording/SoundFormat.h"
 #include "recorder/rows/RecorderDatabase.h"
 
 namespace tarn {
+namespace {
+
+// A copy stands where what it is a copy of stood.
+auto placeInTime(const DB_STREAM& row) {
+  return std::make_tuple(row.startDate, originalKey(row), row.startMSec);
+}
+
+}  // namespace
 
 bool ExportSelection::fail(const std::string& text) {
   error_ = text;
@@ -86,7 +96,7 @@ bool ExportSelection::group() {
   if (known && pictures && request_.sound && !addSoundOf(DB_STREAM(rows_.front()), chunks))
     return false;
   for (const DB_STREAM& row : rows_) {
-    const int channel = chunks.of(row.chunkID);
+    const int channel = isKept(row) ? keptChannel(row) : chunks.of(row.chunkID);
     if (!request_.channel || *request_.channel == channel) rowsOfChannels_[channel].push_back(row);
   }
   return !rowsOfChannels_.empty() || fail("nothing was recorded on that channel in that time");
@@ -94,9 +104,8 @@ bool ExportSelection::group() {
 
 bool ExportSelection::choose(const StopAsked& stopAsked) {
   if (!databaseIsGood(stopAsked, &error_) || !chooseRows()) return false;
-  std::sort(rows_.begin(), rows_.end(), [](const DB_STREAM& a, const DB_STREAM& b) {
-    return std::make_pair(a.startDate, a.streamID) < std::make_pair(b.startDate, b.streamID);
-  });
+  std::sort(rows_.begin(), rows_.end(),
+            [](const DB_STREAM& a, const DB_STREAM& b) { return placeInTime(a) < placeInTime(b); });
   if (rows_.empty()) return fail("nothing was recorded in that time");
   return group();
 }

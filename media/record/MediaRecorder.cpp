@@ -88,10 +88,13 @@ void MediaRecorder::Impl::waitForChannels() {
 
 bool MediaRecorder::Impl::run() {
   if (!checkRecordRequest(request_, &error_)) return false;
+  EventKeeper keeper;
+  keeper.start(request_.keeper);  // its failure is in the log, and no reason not to record
   startThreads();
   waitForChannels();
   for (std::thread& thread : threads_) thread.join();
   threads_.clear();
+  keeper.stop(true);
   return good_ && !noThreads_;
 }
 

@@ -102,8 +102,22 @@ class ConfigReader {
       if (value != "yes" && value != "no") return "sound: expected yes or no";
       request_->sound = value == "yes";
     } else {
-      return key + " is not known in [recording]";
+      return setKeeping(key, value);
     }
+    return "";
+  }
+
+  std::string setKeeping(const std::string& key, const std::string& value) {
+    KeeperOptions& keeper = request_->keeper;
+    double number = 0;
+    if (key == "keep-budget") {
+      if (!parseNumber(value, 1, 65535, &number)) return "keep-budget: expected 1 to 65535 chunks";
+      keeper.budget.budgetChunks = static_cast<uint32_t>(number);
+      return "";
+    }
+    if (key != "keep-events" && key != "keep-strict") return key + " is not known in [recording]";
+    if (value != "yes" && value != "no") return key + ": expected yes or no";
+    (key == "keep-events" ? keeper.everyEvent : keeper.budget.strict) = value == "yes";
     return "";
   }
 

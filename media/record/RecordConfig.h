@@ -11,9 +11,9 @@ namespace tarn {
 inline constexpr char kRecordConfig[] = "/etc/tarn/record.conf";
 
 // Reads what to record from a file of lines "key = value" under sections: [recording] with segment,
-// flush, fps and times, [channel N] with input. Blank lines and lines that begin with # do not
-// count. False with *error set, which names file and line; then *request is worth nothing. Throws
-// std::bad_alloc when memory runs out.
+// flush, fps, times, keep-events, keep-budget and keep-strict, [channel N] with input. Blank lines
+// and lines that begin with # do not count. False with *error set, which names file and line; then
+// *request is worth nothing. Throws std::bad_alloc when memory runs out.
 TARN_API bool readRecordConfig(const std::string& path, RecordRequest* request, std::string* error);
 
 }  // namespace tarn

@@ -7,6 +7,7 @@
 
 #include "base/Export.h"
 #include "recorder/card/PictureTime.h"
+#include "recorder/session/EventKeeper.h"
 
 namespace tarn {
 
@@ -42,6 +43,7 @@ struct RecordRequest {
   bool realtime = false;             // no faster than the pictures' own times
   std::vector<EventRequest> events;  // of the first input
   bool sound = true;                 // the inputs' sound, too, as far as it can be recorded
+  KeeperOptions keeper;              // of the EventKeeper that runs along
 };
 
 // False with *error set when a request contradicts itself: no input, a channel or

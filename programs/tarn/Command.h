@@ -46,6 +46,7 @@ std::unique_ptr<Command> makeFormatCommand();
 std::unique_ptr<Command> makeInfoCommand();
 std::unique_ptr<Command> makeCheckCommand();
 std::unique_ptr<Command> makeListCommand();
+std::unique_ptr<Command> makeKeepCommand();
 std::unique_ptr<Command> makeRecoverCommand();
 std::unique_ptr<Command> makeLogCommand();
 std::unique_ptr<Command> makeRunCommand();

@@ -10,6 +10,7 @@
 #include "manager/ManageFormat.h"
 #include "recorder/card/CardInfo.h"
 #include "recorder/card/CardText.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/SoundChunks.h"
 
 namespace tarn {
@@ -109,7 +110,9 @@ class CommandInfo : public Command {
     const auto channels = channelUse();
     if (!channels.empty()) fmt::print("\n");
     for (const auto& [channel, use] : channels) {
-      fmt::print("  channel {:<3} {} in {} chunks{}{}\n", channel, sizeText(use.bytes), use.chunks,
+      const std::string name =
+          channel == kKeptChannel ? "kept events" : fmt::format("channel {:<3}", channel);
+      fmt::print("  {} {} in {} chunks{}{}\n", name, sizeText(use.bytes), use.chunks,
                  use.sound == 0 ? "" : fmt::format(", {} of them sound", use.sound),
                  use.guarded == 0 ? "" : fmt::format(", {} of them guarded", use.guarded));
     }

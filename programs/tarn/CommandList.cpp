@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <optional>
 
@@ -13,9 +14,11 @@
 #include "recorder/card/CardGeometry.h"
 #include "recorder/card/CardText.h"
 #include "recorder/card/ChunkChannels.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingIndex.h"
 #include "recorder/recording/SoundFormat.h"
 #include "recorder/rows/RecorderDatabase.h"
+#include "recorder/rows/RowQueries.h"
 
 namespace tarn {
 namespace {
@@ -23,6 +26,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr unsigned long kPage = 500;
+constexpr char kSqlWholeCopies[] = "SELECT * FROM STREAM WHERE " TARN_SQL_KEPT_WHOLE;
 constexpr uint32_t kLastSecond = 0xFFFFFFFF;
 
 Json timeJson(uint32_t seconds, uint16_t milliseconds) {
@@ -68,7 +72,7 @@ std::string channelText(int channel) {
   return channel == ChunkChannels::kUnknown ? "-" : std::to_string(channel);
 }
 
-Json streamJson(const DB_STREAM& row, int channel, uint64_t bytes) {
+Json streamJson(const DB_STREAM& row, int channel, uint64_t bytes, bool kept) {
   const std::optional<int64_t> duration = durationMs(row);
   return {{"streamID", row.streamID},
           {"channel", channel == ChunkChannels::kUnknown ? Json(nullptr) : Json(channel)},
@@ -90,10 +94,12 @@ Json streamJson(const DB_STREAM& row, int channel, uint64_t bytes) {
           {"endMSec", row.endMSec},
           {"backOffset", row.backOffset},
           {"start", timeJson(row.startDate, row.startMSec)},
-          {"end", timeJson(row.endDate, row.endMSec)}};
+          {"end", timeJson(row.endDate, row.endMSec)},
+          {"kept", kept},
+          {"copyOf", isKept(row) ? Json(originalKey(row)) : Json(nullptr)}};
 }
 
-Json eventJson(const DB_EVENT& row) {
+Json eventJson(const DB_EVENT& row, bool kept) {
   return {{"eventID", row.eventID},
           {"extTrg", row.extTrg},
           {"preSec", row.preSec},
@@ -103,7 +109,8 @@ Json eventJson(const DB_EVENT& row) {
           {"endMSec", row.endMSec},
           {"backOffset", row.backOffset},
           {"start", timeJson(row.startDate, row.startMSec)},
-          {"end", timeJson(row.endDate, row.endMSec)}};
+          {"end", timeJson(row.endDate, row.endMSec)},
+          {"kept", kept}};
 }
 
 std::string endText(uint32_t seconds, uint16_t milliseconds) {
@@ -141,6 +148,11 @@ class CommandList : public Command {
     }
     if (databaseIsGood(stopRequested, &error_) && channelsAreKnown()) {
       db_ = std::make_unique<CApiDb>();
+      RowQueries queries(db_.get(), nullptr);
+      if (!queries.streams(kSqlWholeCopies, &kept_)) {
+        complain(kDatabaseUnread);
+        return kExitFailed;
+      }
       const bool listed = what_ == "events" ? listEvents() : listStreams();
       if (listed && refused_.empty()) return kExitGood;
       if (listed) error_ = refused_;
@@ -177,6 +189,29 @@ class CommandList : public Command {
     return false;
   }
 
+  // Whether pictures of it are kept from being overwritten.
+  bool isKeptRow(const DB_STREAM& row) const {
+    return isWholeCopy(row) || std::any_of(kept_.begin(), kept_.end(), [&](const DB_STREAM& copy) {
+             return originalKey(copy) == row.streamID;
+           });
+  }
+  bool isKeptEvent(const DB_EVENT& event) const {
+    const EventPeriod period = periodOf(event);
+    return std::any_of(kept_.begin(), kept_.end(), [&](const DB_STREAM& copy) {
+      return showsAnyOf(copy, period.from, period.to);
+    });
+  }
+  // The last column, where anything is kept.
+  void printKept(const std::string& text) const {
+    if (kept_.empty()) return;
+    fmt::print(" {}", text);
+  }
+  std::string keptText(const DB_STREAM& row) const {
+    if (isKept(row))
+      return (isWholeCopy(row) ? "copy of " : "copying ") + std::to_string(originalKey(row));
+    return isKeptRow(row) ? "kept" : "-";
+  }
+
   uint64_t sizeOf(const DB_STREAM& row) {
     if (!hasCard_) return 0;
     const std::optional<uint64_t> bytes = videoBytes(row);
@@ -194,6 +229,8 @@ class CommandList : public Command {
       fmt::print("{:>8} {:>3} {:<5} {:>5} {:<23} {:<23} {:>10} {:>8} {:>10}", "stream", "ch",
                  "kind", "trig", "start", "end", "duration", "pictures", "size");
       printPlace<std::string>("chunk", "offset", "entries");
+      printKept("kept");
+      fmt::print("\n");
     }
     std::vector<DB_STREAM> page(kPage);
     const unsigned long end = to_ != 0 ? to_ : kLastSecond;
@@ -202,11 +239,11 @@ class CommandList : public Command {
       if (!statementWasDone(*db_, &error_)) return false;
       for (int32_t i = 0; i < count; ++i) {
         const DB_STREAM& row = page[static_cast<size_t>(i)];
-        const int channel = channels_.of(row.chunkID);
+        const int channel = isKept(row) ? keptChannel(row) : channels_.of(row.chunkID);
         if (channel_ && *channel_ != channel) continue;
         const uint64_t bytes = sizeOf(row);
         if (json_) {
-          list.push_back(streamJson(row, channel, bytes));
+          list.push_back(streamJson(row, channel, bytes, isKeptRow(row)));
         } else {
           printStream(row, channel, bytes);
         }
@@ -222,7 +259,6 @@ class CommandList : public Command {
   template <typename Value>
   void printPlace(const Value& chunk, const Value& offset, const Value& entries) const {
     if (long_) fmt::print(" {:>6} {:>10} {:>10}", chunk, offset, entries);
-    fmt::print("\n");
   }
 
   void printStream(const DB_STREAM& row, int channel, uint64_t bytes) const {
@@ -234,19 +270,25 @@ class CommandList : public Command {
                isSound(row) ? "-" : std::to_string(row.recSize),
                bytes == 0 ? "-" : sizeText(bytes));
     printPlace(row.chunkID, row.chunkOffset, row.chunkSize);
+    printKept(keptText(row));
+    fmt::print("\n");
   }
 
   bool listEvents() {
     Json list = Json::array();
     if (!json_) {
-      fmt::print("{:>8} {:>5} {:>4} {:<23} {:<23}\n", "event", "trig", "pre", "start", "end");
+      fmt::print("{:>8} {:>5} {:>4} {:<23} {:<23}", "event", "trig", "pre", "start", "end");
+      printKept("kept");
+      fmt::print("\n");
     }
     const auto show = [&](const DB_EVENT& row) {
       if (json_) {
-        list.push_back(eventJson(row));
+        list.push_back(eventJson(row, isKeptEvent(row)));
       } else {
-        fmt::print("{:>8} {:>5} {:>4} {:<23} {:<23}\n", row.eventID, row.extTrg, row.preSec,
+        fmt::print("{:>8} {:>5} {:>4} {:<23} {:<23}", row.eventID, row.extTrg, row.preSec,
                    timeText(row.startDate, row.startMSec), endText(row.endDate, row.endMSec));
+        printKept(isKeptEvent(row) ? "kept" : "-");
+        fmt::print("\n");
       }
     };
     const bool all = from_ == 0 && to_ == 0 ? walkEvents(show) : walkEventsOfPeriod(show);
@@ -295,6 +337,7 @@ class CommandList : public Command {
   bool long_ = false;
   bool json_ = false;
   ChunkChannels channels_;
+  std::vector<DB_STREAM> kept_;  // whole copies
   bool hasCard_ = false;
   std::string refused_;  // what the card did not deliver of what is shown; empty: nothing
   std::string error_;

@@ -11,6 +11,7 @@ std::vector<std::unique_ptr<Command>> allCommands() {
   commands.push_back(makeRecordCommand());
 #endif
   commands.push_back(makeListCommand());
+  commands.push_back(makeKeepCommand());
 #ifdef TARN_WITH_MEDIA
   commands.push_back(makeExportCommand());
 #endif

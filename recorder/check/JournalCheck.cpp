@@ -4,6 +4,7 @@
 
 #include "dblog/JournalFormat.h"
 #include "recorder/check/CardContents.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/rows/JournalCopies.h"
 
 namespace tarn {
@@ -131,7 +132,7 @@ class JournalCheck {
       newestPlace_ = position;
     }
     if (journalMarker(record) != traits_.liveMarker) return;
-    noteOrder(key, position, record);
+    if (!isOfCopy(record)) noteOrder(key, position, record);
     if (key > newestLiveKey_) {
       newestLiveKey_ = key;
       newestLivePlace_ = position;
@@ -140,6 +141,14 @@ class JournalCheck {
       say(FindingKind::kJournalOrder, record,
           rowName(record) + " has more than one record, one" + placeText(position));
     }
+  }
+
+  // The ring passes over it and leaves it among newer ones.
+  bool isOfCopy(const uint8_t* record) const {
+    if (kind_ != JournalKind::kStream) return false;
+    DB_STREAM row = {};
+    decodeStreamRecord(record, &row);
+    return isKept(row);
   }
 
   // Keys of live records rise along the ring; they fall once, where the newest meets the oldest.

@@ -4,6 +4,7 @@
 #include "base/Wrap.h"
 #include "db/RowStatus.h"
 #include "recorder/check/CardContents.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/PictureStamp.h"
 #include "recorder/recording/RecordFormat.h"
 #include "recorder/recording/RecordingIndex.h"
@@ -46,6 +47,7 @@ class RecordingCheck {
   }
 
   void run() {
+    if (isKept(row_) && !isWholeCopy(row_)) return sayHalfCopy();
     if (!checkRow()) return;
     if (row_.recSize == 0) {
       return say(FindingKind::kOpenRow, "it was never closed", row_.startDate, row_.startDate);
@@ -76,8 +78,17 @@ class RecordingCheck {
     contents_->findings.add(finding);
   }
 
+  void sayHalfCopy() {
+    CardFinding finding;
+    finding.consequence = Consequence::kNone;
+    finding.meaning = "nothing is lost: the next start drops it";
+    say(finding, FindingKind::kOpenRow, "it is a copy that was not finished", row_.startDate,
+        row_.startDate);
+  }
+
   // Of the chunk, which belongs to one.
   int32_t channel() const {
+    if (isKept(row_)) return keptChannel(row_);
     const auto& records = card_.info().management(kFileStreamManage).records;
     return row_.chunkID < records.size() ? records[row_.chunkID].chType : -1;
   }
@@ -89,6 +100,7 @@ class RecordingCheck {
     finding.videoMicros = std::max<int64_t>(to - from, 1);
     finding.isSound = sound_;
     const std::string camera =
+        std::string(isKept(row_) ? "a kept copy of " : "") +
         (channel() < 0 ? (sound_ ? "" : "video") : "camera " + std::to_string(channel())) +
         (sound_ ? (channel() < 0 ? "sound" : "'s sound") : "");
     const char* what = consequence == Consequence::kDamaged ? " are damaged"

@@ -10,6 +10,7 @@
 #include "fat/ChunkFiles.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/recording/AnnexB.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordFormat.h"
 #include "recorder/recording/RecordingIndex.h"
 #include "recorder/recording/RowCorrection.h"
@@ -235,7 +236,7 @@ bool streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg, std::vector<DB_
           const int32_t count = db.selectRipList(page, kPage, out->size(), from, to, inTrg);
           if (db.getStatus() != 1) return false;  // an empty page of its own says nothing
           if (count > 0) out->insert(out->end(), page, page + count);
-          if (count < static_cast<int32_t>(kPage)) return true;
+          if (count < static_cast<int32_t>(kPage)) return leaveOutCopies(&db, out);
         }
       },
       [&]() -> bool { return false; });

@@ -58,8 +58,9 @@ class TARN_API RecordingReader {
 };
 
 // Rows of the period [from, to], seconds, in the order of their keys: those running at `from` and
-// those that begin in it. inTrg 0: of every trigger. Copies, through a connection of its own, so
-// callers may walk them while they run statements.
+// those that begin in it. inTrg 0: of every trigger. Kept copies (recorder/recording/KeptRow.h)
+// only where the recording that they were made of is gone, so that no picture is there twice.
+// Copies, through a connection of its own, so callers may walk them while they run statements.
 TARN_API std::vector<DB_STREAM> streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg = 0);
 // The same into *out. False when the database could not be read; *out holds what was read until
 // then.

@@ -12,6 +12,7 @@
 #include "base/Endian.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManagerNative.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recovery/PhantomRecords.h"
 #include "recorder/rows/JournalCopies.h"
 #include "recorder/rows/JournalMessages.h"
@@ -47,6 +48,7 @@ class Scrub {
   uint32_t passHole(JournalCopies* copies, uint32_t position, uint32_t savedFree);
   void refuse(const JournalCopies& copies);
   void take(const JournalCopies& copies, JournalCopy copy, uint32_t position);
+  bool isOfCopy(const uint8_t* record) const;
   void noteKey(const uint8_t* record, uint32_t position);
   void noteUnequal(const JournalCopies& copies, JournalCopy copy, uint32_t position);
   void count();
@@ -187,7 +189,7 @@ void Scrub::take(const JournalCopies& copies, JournalCopy copy, uint32_t positio
     if (key == 0) {
       phantoms_.push_back(position);  // key 0 is never given out
     } else {
-      live_.push_back({position, key, crc32(record, traits_.recordSize)});
+      live_.push_back({position, key, crc32(record, traits_.recordSize), isOfCopy(record)});
     }
   }
   if (copies.other() == nullptr) {
@@ -195,6 +197,13 @@ void Scrub::take(const JournalCopies& copies, JournalCopy copy, uint32_t positio
   } else if (memcmp(record, copies.other(), traits_.recordSize) != 0) {
     noteUnequal(copies, copy, position);
   }
+}
+
+bool Scrub::isOfCopy(const uint8_t* record) const {
+  if (kind_ != JournalKind::kStream) return false;
+  DB_STREAM row = {};
+  decodeStreamRecord(record, &row);
+  return isKept(row);
 }
 
 void Scrub::noteKey(const uint8_t* record, uint32_t position) {

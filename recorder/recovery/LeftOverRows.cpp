@@ -7,6 +7,7 @@
 #include "db/RowStatus.h"
 #include "dblog/CDbRestore.h"
 #include "recorder/recording/InterruptedRow.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/SoundFormat.h"
 #include "recorder/recovery/NativeRows.h"
 
@@ -19,7 +20,10 @@ using Verdict = InterruptedRow::Verdict;
 constexpr char kWhyTooShort[] = " was interrupted before two pictures of it were on the card";
 constexpr char kWhyNothing[] = " was interrupted before anything of it was on the card";
 constexpr char kWhyOvertaken[] = " was left open, and a newer one began in its chunk";
+constexpr char kWhyHalf[] = " was being copied when the power went: the copy is not whole";
 constexpr char kSqlUnclosed[] = "SELECT * FROM STREAM WHERE recSize = 0 ORDER BY streamID";
+constexpr char kSqlHalfCopies[] = "SELECT * FROM STREAM WHERE " TARN_SQL_KEPT
+                                  " AND NOT ( " TARN_SQL_KEPT_WHOLE " ) ORDER BY streamID";
 constexpr char kSqlOvertaken[] =
     "SELECT * FROM STREAM AS old WHERE recSize = 0 AND EXISTS( SELECT 1 FROM STREAM WHERE chunkID "
     "= old.chunkID AND streamID > old.streamID ) ORDER BY streamID";
@@ -152,6 +156,18 @@ bool settleInterrupted(const std::vector<DB_STREAM>& rows, RecoveryReport* repor
 }
 
 }  // namespace
+
+// Half a copy shows nothing that its recording does not show. Events stay.
+bool dropHalfCopies(RecoveryReport* report) {
+  if (omitted("half-copies")) return true;
+  std::vector<DB_STREAM> rows;
+  if (!selectStreams(kSqlHalfCopies, &rows)) return false;
+  for (const DB_STREAM& row : rows) {
+    if (!deleteStreamNative(row)) return stop(row, report);
+    noteDeleted(row, kWhyHalf, report);
+  }
+  return true;
+}
 
 bool settleOvertakenRows(RecoveryReport* report) {
   std::vector<DB_STREAM> rows;

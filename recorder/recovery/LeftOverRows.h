@@ -11,6 +11,10 @@ namespace tarn {
 // neither go on behind a damaged entry nor read stamps of another time zone. Each returns false
 // when the database or the journal does not go along. Not part of the interface.
 
+// Kept copies of which not all is there (recorder/recording/KeptRow.h) go, whoever closed their
+// rows. Nothing is lost by it but the work.
+bool dropHalfCopies(RecoveryReport* report);
+
 // Those that have a newer row in their chunk. One of which nothing is there goes alone.
 bool settleOvertakenRows(RecoveryReport* report);
 

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "db/RowStatus.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingIndex.h"
 #include "recorder/recording/RowCorrection.h"
 #include "recorder/recovery/NativeRows.h"
@@ -15,14 +16,16 @@ using Kind = RecoveryChange::Kind;
 
 constexpr char kSqlOpen[] = "SELECT * FROM EVENT WHERE endDate = 0 ORDER BY eventID";
 // The newest recording that began before a moment and lasted until then, or nearly: of its last
-// seconds nothing may be safe. 0 is the end of one that is still open.
+// seconds nothing may be safe. 0 is the end of one that is still open. Copies of recordings have
+// keys of their own time and are no part of it.
 constexpr char kSqlRunningAt[] =
-    "SELECT * FROM STREAM WHERE ( frameSet & " TARN_SQL_AUDIO
+    "SELECT * FROM STREAM WHERE " TARN_SQL_NOT_KEPT " AND ( frameSet & " TARN_SQL_AUDIO
     " ) = 0 AND ( startDate < %u OR ( startDate = %u "
     "AND startMSec <= %u ) ) AND ( "
     "recSize = 0 OR endDate + %u >= %u ) ORDER BY streamID DESC LIMIT 1";
-constexpr char kSqlFrom[] = "SELECT * FROM STREAM WHERE ( frameSet & " TARN_SQL_AUDIO
-                            " ) = 0 AND streamID > %u ORDER BY streamID";
+constexpr char kSqlFrom[] =
+    "SELECT * FROM STREAM WHERE " TARN_SQL_NOT_KEPT " AND ( frameSet & " TARN_SQL_AUDIO
+    " ) = 0 AND streamID > %u ORDER BY streamID";
 constexpr char kSqlAnyBetween[] = "SELECT COUNT(*) FROM STREAM WHERE ( frameSet & " TARN_SQL_AUDIO
                                   " ) = 0 AND recSize <> 0 AND startDate <= %u "
                                   "AND endDate >= %u";
@@ -30,7 +33,7 @@ constexpr char kSqlAnyBetween[] = "SELECT COUNT(*) FROM STREAM WHERE ( frameSet 
 constexpr uint32_t kGapSeconds = 10;
 // No decoder holds back more pictures.
 constexpr uint32_t kMostReordered = 16;
-constexpr size_t kSqlRoom = 256;
+constexpr size_t kSqlRoom = 320;
 
 void noteClosed(const DB_EVENT& event, uint32_t end, RecoveryReport* report) {
   report->changes.push_back({Kind::kEventClosed, event.eventID, 0, end,

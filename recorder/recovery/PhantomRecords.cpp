@@ -1,6 +1,7 @@
 #include "recorder/recovery/PhantomRecords.h"
 
 #include <algorithm>
+#include <map>
 
 namespace tarn {
 namespace {
@@ -39,9 +40,7 @@ size_t firstByOffset(const std::vector<LiveRecord>& live, const std::vector<uint
   return std::any_of(live.begin(), live.end(), notGreater) ? next : index;
 }
 
-}  // namespace
-
-std::vector<uint32_t> findPhantomRecords(const std::vector<LiveRecord>& live, uint32_t free) {
+std::vector<uint32_t> phantomsOfRing(const std::vector<LiveRecord>& live, uint32_t free) {
   std::vector<uint32_t> phantoms;
   if (live.size() < 2) return phantoms;
   const std::vector<uint32_t> kept = keptFrom(live);
@@ -61,6 +60,23 @@ std::vector<uint32_t> findPhantomRecords(const std::vector<LiveRecord>& live, ui
     }
   }
   std::sort(phantoms.begin(), phantoms.end());
+  return phantoms;
+}
+
+}  // namespace
+
+std::vector<uint32_t> findPhantomRecords(const std::vector<LiveRecord>& live, uint32_t free) {
+  std::map<uint32_t, uint32_t> records;  // of each key
+  for (const LiveRecord& record : live) ++records[record.key];
+  std::vector<LiveRecord> ring;
+  std::vector<uint32_t> indexes;
+  for (size_t i = 0; i < live.size(); ++i) {
+    if (live[i].kept && records[live[i].key] == 1) continue;
+    ring.push_back(live[i]);
+    indexes.push_back(static_cast<uint32_t>(i));
+  }
+  std::vector<uint32_t> phantoms = phantomsOfRing(ring, free);
+  for (uint32_t& phantom : phantoms) phantom = indexes[phantom];
   return phantoms;
 }
 

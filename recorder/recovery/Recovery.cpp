@@ -121,7 +121,7 @@ bool Recovery::database() {
 }
 
 bool Recovery::redating() { return finishRedating(channels_, &report_); }
-bool Recovery::overtakenRows() { return settleOvertakenRows(&report_); }
+bool Recovery::overtakenRows() { return dropHalfCopies(&report_) && settleOvertakenRows(&report_); }
 bool Recovery::videoRows() { return settleVideoRows(&report_); }
 bool Recovery::remainingRows() { return settleRemainingRows(&report_); }
 bool Recovery::events() { return endOpenEvents(&report_); }

@@ -13,6 +13,7 @@
 #include "dblog/CDbLog.h"
 #include "dblog/JournalFormat.h"
 #include "recorder/card/Source.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/rows/JournalCopies.h"
 #include "recorder/rows/JournalMessages.h"
 #include "recorder/rows/JournaledRows.h"
@@ -25,9 +26,11 @@ namespace {
 constexpr char kSqlEventAt[] =
     "SELECT eventID, (SELECT MIN(eventID) FROM EVENT), (SELECT MAX(eventID) FROM EVENT) "
     "FROM EVENT WHERE backOffset = %u ORDER BY eventID DESC LIMIT 1";
+// The oldest one is that of a camera: kept copies stay where they are.
 constexpr char kSqlStreamAt[] =
-    "SELECT streamID, (SELECT MIN(streamID) FROM STREAM), (SELECT MAX(streamID) FROM STREAM) "
-    "FROM STREAM WHERE backOffset = %u ORDER BY streamID DESC LIMIT 1";
+    "SELECT streamID, (SELECT COALESCE(MIN(streamID), 0) FROM STREAM WHERE " TARN_SQL_NOT_KEPT
+    "), (SELECT MAX(streamID) FROM STREAM), " TARN_SQL_KEPT
+    " FROM STREAM WHERE backOffset = %u ORDER BY streamID DESC LIMIT 1";
 constexpr char kSqlNewestEvent[] = "SELECT * FROM EVENT ORDER BY eventID DESC LIMIT 1";
 constexpr char kSqlNewestStream[] = "SELECT * FROM STREAM ORDER BY streamID DESC LIMIT 1";
 constexpr char kSqlStreamOfKey[] = "SELECT * FROM STREAM WHERE streamID = %u";
@@ -35,7 +38,7 @@ constexpr char kSqlEventCounter[] =
     "SELECT COALESCE((SELECT seq FROM sqlite_sequence WHERE name = 'EVENT'), 0)";
 constexpr char kSqlStreamCounter[] =
     "SELECT COALESCE((SELECT seq FROM sqlite_sequence WHERE name = 'STREAM'), 0)";
-constexpr size_t kSqlRoom = 256;
+constexpr size_t kSqlRoom = 320;
 
 uint32_t nextOffset(JournalKind kind) {
   CDbLog* log = CDbLog::getInstance();
@@ -102,6 +105,7 @@ JournalGuard::Place JournalGuard::look(JournalKind kind) {
   // The newest row's record is never where the next one goes, so an only row means a stale offset
   // as well.
   const bool newest = place.key == db_->getValue(0, 2);
+  place.kept = kind == JournalKind::kStream && !newest && db_->getValue(0, 3) != 0;
   place.verdict = place.oldest && !newest ? Verdict::kOldestRow : Verdict::kStale;
   return place;
 }
@@ -152,15 +156,20 @@ bool JournalGuard::makeFree(JournalKind kind,
   return mayInsert() && lookAndMakeFree(kind, deleteOldest);
 }
 
-// Ends, because every round but the one of the correction takes a row away.
+// Ends, because every round but the one of the correction takes a row away or passes one over.
 bool JournalGuard::lookAndMakeFree(JournalKind kind,
                                    const std::function<bool(uint32_t key)>& deleteOldest) {
   if (omitted("journal-look-up")) return true;
   bool corrected = false;
+  uint32_t passed = 0;
   for (;;) {
     const Place place = look(kind);
     if (place.verdict == Verdict::kFree) return true;
     if (place.verdict == Verdict::kFailed) return false;
+    if (place.kept) {
+      if (!passOver(kind, &passed)) return false;
+      continue;
+    }
     if (place.verdict == Verdict::kStale && !corrected) {
       if (!correctOne(kind)) return false;
       corrected = true;
@@ -174,6 +183,18 @@ bool JournalGuard::lookAndMakeFree(JournalKind kind,
     syslog(LOG_ERR, kMsgJournalOutOfOrder, journalName(kind), place.key);
     if (!deleteRow(kind, place.key)) return false;
   }
+}
+
+// The record of a kept copy stays where it is, among newer ones, as long as there is another place.
+bool JournalGuard::passOver(JournalKind kind, uint32_t* passed) {
+  const JournalTraits& traits = journalTraits(kind);
+  CDbLog* log = CDbLog::getInstance();
+  const uint32_t chunkSize = low32(log->getJournalChunkSize());
+  if (++*passed >= chunkSize / traits.recordSize) {
+    syslog(LOG_ERR, "%s", kMsgJournalFullOfCopies);
+    return false;
+  }
+  return log->correctFreeOffset(kind, nextJournalPlace(traits, nextOffset(kind), chunkSize)) == 0;
 }
 
 bool JournalGuard::beforeEventInsert() {

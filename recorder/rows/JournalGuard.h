@@ -68,12 +68,14 @@ class TARN_API JournalGuard {
     Verdict verdict = Verdict::kFailed;
     uint32_t key = 0;  // of the row that lies there
     bool oldest = false;
+    bool kept = false;  // a kept copy, which is passed over
   };
 
   Place look(JournalKind kind);
   Verdict lookAtCard(JournalKind kind, uint32_t offset);
   bool makeFree(JournalKind kind, const std::function<bool(uint32_t key)>& deleteOldest);
   bool lookAndMakeFree(JournalKind kind, const std::function<bool(uint32_t key)>& deleteOldest);
+  bool passOver(JournalKind kind, uint32_t* passed);
   bool deleteRow(JournalKind kind, uint32_t key);
   bool correctOne(JournalKind kind);
 

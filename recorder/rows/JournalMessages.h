@@ -7,6 +7,8 @@ inline constexpr char kMsgJournalStale[] =
     "journal: free offset %u of the %s journal is stale, corrected to %u";  // LOG_WARNING
 inline constexpr char kMsgJournalOutOfOrder[] =
     "journal: record of %s %u lies in the way, the row is deleted";
+inline constexpr char kMsgJournalFullOfCopies[] =
+    "journal: every place holds the record of a kept copy; release some";
 inline constexpr char kMsgNextPlaceRefused[] =
     "journal: %s cannot be read, nothing is written there";
 inline constexpr char kMsgRecordOfLostRow[] =

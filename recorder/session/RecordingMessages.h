@@ -34,6 +34,8 @@ inline constexpr char kErrSoundFormat[] =
     "configuration";
 inline constexpr char kErrSoundFrame[] = "the frame is empty or larger than 65535 bytes or samples";
 inline constexpr char kErrChannel[] = "the channel must be 0 to 127";
+inline constexpr char kErrKeptChannel[] =
+    "channel 126 holds kept events and has no camera; record on another one";
 inline constexpr char kErrChannelBusy[] = "another session records this channel";
 inline constexpr char kErrChannelLock[] = "the channel's lock in /tmp cannot be taken";
 inline constexpr char kErrOtherProcess[] =

@@ -1,6 +1,7 @@
 #include "recorder/session/RecordingSession.h"
 
 #include "recorder/card/NoThrow.h"
+#include "recorder/session/EventKeeper.h"
 #include "recorder/session/RecordingSessionImpl.h"
 
 namespace tarn {
@@ -82,6 +83,10 @@ uint32_t RecordingSession::beginEvent(uint16_t trigger, PictureTime time, uint16
 int RecordingSession::endEvent(uint32_t eventID, PictureTime time) {
   if (!impl_) return -1;
   return guarded("RecordingSession::endEvent", -1, [&] { return impl_->endEvent(eventID, time); });
+}
+
+int RecordingSession::keepEvent(uint32_t eventID) {
+  return EventKeeper::keepEventOfProcess(eventID);
 }
 
 // What memory is missing for is left out, so that the locks are given back in any case.

@@ -13,7 +13,9 @@ namespace tarn {
 
 // What a session records and how.
 struct RecordingOptions {
-  int8_t channel = 0;  // 0 to 127; chunks belong to one channel, and a channel has one session
+  // 0 to 127 but for 126, which holds kept events; chunks belong to one channel, and a channel has
+  // one session.
+  int8_t channel = 0;
   int8_t recType = 0;
   uint16_t inTrg = 0;     // trigger number of the rows
   uint16_t frameSet = 0;  // stored unchanged; bit 7 (audio) must be clear
@@ -78,6 +80,10 @@ class TARN_API RecordingSession {
   // Ends the event: 0, also when it was given up meanwhile with the recordings that it covered. -1
   // when it is none of this session's running ones, or with error() set.
   int endEvent(uint32_t eventID, PictureTime time);
+  // What the event shows, of all channels, is not to be overwritten: the EventKeeper of this
+  // process copies it in the background once it is over. Does not wait. 0, or -1 when there is no
+  // keeper.
+  int keepEvent(uint32_t eventID);
 
   // Ends running events at the last picture (where the clock was set since an event began: at the
   // last one before that), closes the row and saves. After a failure it keeps listed what is

@@ -4,6 +4,7 @@
 
 #include "db/RowStatus.h"
 #include "fat/FailureMarker.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/SoundFormat.h"
 #include "recorder/rows/ChannelLock.h"
 #include "recorder/rows/RamReserve.h"
@@ -28,6 +29,7 @@ bool RecordingSession::Impl::checkOptions() {
   if (((options_.frameSet & kFrameSetAudio) != 0) != sound_)
     return fail(RecordingError::kBadOption, kErrAudioBit);
   if (options_.channel < 0) return fail(RecordingError::kBadOption, kErrChannel);
+  if (options_.channel == kKeptChannel) return fail(RecordingError::kBadOption, kErrKeptChannel);
   return !cardWriteFailed() || fail(RecordingError::kCard, kErrMarker);
 }
 

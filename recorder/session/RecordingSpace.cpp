@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 #include "base/Omission.h"
 #include "chunk/ChunkArea.h"
@@ -13,6 +14,7 @@
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNStreamManager.h"
 #include "manager/ManageFormat.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingIndex.h"
 #include "recorder/rows/RowMessages.h"
 #include "recorder/rows/ServerRetry.h"
@@ -26,17 +28,26 @@ constexpr int kEventPage = 16;
 // Running or long events that are passed over before the search for ended ones stops.
 constexpr int kEventsPassedOver = 64;
 
-constexpr char kSqlOldestOutside[] =
-    "SELECT * FROM STREAM WHERE chunkID NOT IN (%s) ORDER BY streamID ASC LIMIT 1";
+// Kept copies are not the ring's to take.
+constexpr char kSqlOldestOutside[] = "SELECT * FROM STREAM WHERE " TARN_SQL_NOT_KEPT
+                                     " AND chunkID NOT IN (%s) ORDER BY streamID ASC LIMIT 1";
 constexpr char kSqlOldestInChunk[] =
     "SELECT * FROM STREAM WHERE chunkID = %d ORDER BY streamID ASC LIMIT 1";
 constexpr char kSqlNewestInChunk[] =
     "SELECT * FROM STREAM WHERE chunkID = %d ORDER BY streamID DESC LIMIT 1";
-constexpr char kSqlOldestByTime[] = "SELECT * FROM STREAM WHERE ( frameSet & " TARN_SQL_AUDIO
-                                    " ) = 0 ORDER BY startDate ASC LIMIT 1";
+constexpr char kSqlOldestByTime[] =
+    "SELECT * FROM STREAM WHERE " TARN_SQL_NOT_KEPT " AND ( frameSet & " TARN_SQL_AUDIO
+    " ) = 0 ORDER BY startDate ASC LIMIT 1";
+constexpr char kSqlKept[] = "SELECT * FROM STREAM WHERE " TARN_SQL_KEPT_WHOLE;
 constexpr char kSqlAnyInChunk[] = "SELECT EXISTS(SELECT 1 FROM STREAM WHERE chunkID = %d)";
 constexpr char kSqlEventsAfter[] =
     "SELECT * FROM EVENT WHERE eventID > %" PRIu32 " ORDER BY eventID ASC LIMIT %d";
+
+bool isShown(const DB_EVENT& event, const std::vector<DB_STREAM>& rows) {
+  const EventPeriod period = periodOf(event);
+  return std::any_of(rows.begin(), rows.end(),
+                     [&](const DB_STREAM& row) { return showsAnyOf(row, period.from, period.to); });
+}
 
 }  // namespace
 
@@ -130,7 +141,8 @@ bool RecordingSpace::deleteEvent(uint32_t eventID) {
 }
 
 // Events that ended before the oldest video that is left have nothing to show any more, whatever
-// there is of its sound. They are walked from the oldest until one begins after it.
+// there is of its sound, but for those of which a copy is kept. They are walked from the oldest
+// until one begins after it.
 bool RecordingSpace::deleteEventsBefore(uint32_t now) {
   DB_STREAM oldest = {};
   const RowQueries::Answer answer = selectOne(kSqlOldestByTime, &oldest);
@@ -140,6 +152,10 @@ bool RecordingSpace::deleteEventsBefore(uint32_t now) {
     return fail(RecordingError::kDatabase, queries_.failure());
   }
   const uint32_t limit = answer == RowQueries::Answer::kRow ? oldest.startDate : now;
+  std::vector<DB_STREAM> kept;
+  if (!queries_.streams(kSqlKept, &kept)) {
+    return fail(RecordingError::kDatabase, queries_.failure());
+  }
   uint32_t last = 0;
   int passedOver = 0;
   for (;;) {
@@ -153,12 +169,25 @@ bool RecordingSpace::deleteEventsBefore(uint32_t now) {
     for (int i = 0; i < count; ++i) {
       if (page[i].startDate >= limit) return true;
       const bool over = page[i].endDate != 0 && page[i].endDate < limit;
-      if (over && !deleteEvent(page[i].eventID)) return false;
+      if (over && !isShown(page[i], kept) && !deleteEvent(page[i].eventID)) return false;
       if (!over && ++passedOver > kEventsPassedOver) return true;
       last = page[i].eventID;
     }
     if (count < kEventPage) return true;
   }
+}
+
+// Its space is given free as far as nothing older lies in front of it in the chunk; the rest with
+// that.
+bool RecordingSpace::deleteCopy(const DB_STREAM& row, uint32_t now) {
+  if (!deleteRow(row.streamID)) return false;
+  if (!deleteEventsBefore(now)) return false;
+  if (row.chunkID >= manager_->getNumChunk()) return true;
+  const int chunk = static_cast<int>(row.chunkID);
+  bool anyLeft = true;
+  if (!moveUseToOldest(chunk) || !chunkHasRows(chunk, &anyLeft)) return false;
+  if (!anyLeft && !giveBack(chunk)) return false;
+  return save();
 }
 
 bool RecordingSpace::deleteRecording(const DB_STREAM& row, uint32_t now, int keepChunk) {
@@ -234,8 +263,6 @@ bool RecordingSpace::save() {
          failServer();
 }
 
-// The last resort: chunks of the channel whose rows are gone and whose space a killed process did
-// not give back. True when there were any.
 bool RecordingSpace::reclaimOrphans(int8_t channel) {
   bool found = false;
   for (int chunk = 0; chunk < manager_->getNumChunk(); ++chunk) {

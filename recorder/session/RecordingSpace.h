@@ -28,7 +28,7 @@ class RecordingSpace {
   struct Need {
     uint32_t streamBytes = 0;
     uint32_t pictureBytes = 0;
-    bool sound = false;  // sound and pictures never share a chunk
+    bool sound = false;  // sound and pictures share a chunk of kept copies only
   };
 
   RecordingSpace(CTARNStreamManager* manager, CApiDb* db, const DatabaseWatch* watch,
@@ -45,6 +45,15 @@ class RecordingSpace {
   bool deleteRecording(const DB_STREAM& row, uint32_t now, int keepChunk);
   // The same for the recording whose record the journal is about to overwrite.
   bool deleteForJournal(const DB_STREAM& row, uint32_t now, int keepChunk);
+  // Deletes a kept copy, wherever it lies in its chunk, with the events that nothing else shows.
+  bool deleteCopy(const DB_STREAM& row, uint32_t now);
+  // Claims a chunk and saves the claim. The chunk number, or -1 with *error and *text set.
+  int claim(int chunk, int8_t channel, int8_t recType);
+  // Whether the chunk is the channel's, or nobody's, and has that room in both areas.
+  bool usable(int chunk, int8_t channel, const Need& need);
+  // The last resort: chunks of the channel whose rows are gone and whose space a killed process did
+  // not give back. True when there were any.
+  bool reclaimOrphans(int8_t channel);
   // Deletes a row alone, journal first; its space stays. False when either did not take it.
   bool deleteRow(uint32_t streamID);
 
@@ -62,12 +71,9 @@ class RecordingSpace {
   int pickNow(int8_t channel, int8_t recType, const Need& need);
   int pickAmongKind(int8_t channel, const Need& need);
   int pickUnused(int8_t channel, int8_t recType, const Need& need);
-  int claim(int chunk, int8_t channel, int8_t recType);
   int begun(int chunk);
   bool everyChunkIsBusy();
-  bool usable(int chunk, int8_t channel, const Need& need);
   bool isOfKind(int chunk, bool sound);
-  bool reclaimOrphans(int8_t channel);
   bool isGuardedChunk(int chunk);
   RowQueries::Answer oldestDeletable(DB_STREAM* row);
   bool deleteEventsBefore(uint32_t now);

@@ -8,6 +8,7 @@
 #include "db/RowStatus.h"
 #include "manager/CTARNStreamManager.h"
 #include "manager/ManageFormat.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/SoundFormat.h"
 #include "recorder/rows/RowMessages.h"
 #include "recorder/rows/ServerRetry.h"
@@ -134,7 +135,7 @@ bool RecordingSpace::usable(int chunk, int8_t channel, const Need& need) {
   const auto pictureSize = static_cast<uint32_t>(manager_->pictureChunkSize());
   return manager_->freeSize(asChunk(chunk)) > need.streamBytes &&
          ringFree(picture.useAddr, picture.freeAddr, pictureSize) > need.pictureBytes &&
-         isOfKind(chunk, need.sound);
+         (channel == kKeptChannel || isOfKind(chunk, need.sound));
 }
 
 // A fresh chunk is given its channel. One without a channel whose rows are still there is nobody's

@@ -110,9 +110,8 @@ bool RowWriter::beginHeader() {
   queued_ = 0;
   uint8_t bytes[kRecordSize];
   encodeStreamHeader(header_, bytes);
-  if (chunks_.picture()->write(bytes, kRecordSize) != long{kRecordSize}) {
+  if (chunks_.picture()->write(bytes, kRecordSize) != long{kRecordSize})
     return fail(RecordingError::kCard, kErrWriteHeader);
-  }
   if (headerOffset_ + kRecordSize >= chunks_.pictureSize()) ++statistics_->pictureWraps;
   if (!flushHeader()) return false;
   numbers_.used(header_.firstNumber);
@@ -125,7 +124,7 @@ void RowWriter::initRow(const DB_STREAM& seed) {
   row_.chunkID = static_cast<uint32_t>(chunk());
   row_.chunkOffset = headerOffset_;
   row_.chunkSize = 0;
-  row_.status = kStatusRecording;
+  row_.status = seed.status | kStatusRecording;
   row_.endDate = 0;
   row_.endMSec = 0;
 }
@@ -204,8 +203,6 @@ bool RowWriter::writeStamped(const uint8_t* annexB, size_t size, uint32_t second
 
 bool RowWriter::append(const uint8_t* annexB, size_t size, const PictureEntry& given) {
   PictureEntry entry = given;
-  entry.key = row_.streamID;
-  entry.number = wrapAdd32(header_.firstNumber, written_.pictures);
   entry.dataOffset = static_cast<uint32_t>(chunks_.stream()->getFreeAddr());
   entry.size = static_cast<uint32_t>(isSound(row_) ? size : size + kTimeStampSeiSize);
   dataCrc_ = 0;
@@ -215,10 +212,23 @@ bool RowWriter::append(const uint8_t* annexB, size_t size, const PictureEntry& g
     return fail(RecordingError::kCard, kErrWriteData);
   }
   entry.checksum = pictureChecksum(dataCrc_);
-  encodePictureEntry(entry, queue_.data() + size_t{queued_} * kRecordSize);
-  if (queued_++ == 0) firstQueued_ = entry.decodeTime();
-  written_.add(entry);
-  numbers_.used(entry.number);
+  return queueEntry(&entry);
+}
+
+bool RowWriter::appendCopy(const uint8_t* bytes, const PictureEntry& given) {
+  PictureEntry entry = given;
+  entry.dataOffset = static_cast<uint32_t>(chunks_.stream()->getFreeAddr());
+  if (!writeData(bytes, entry.size)) return fail(RecordingError::kCard, kErrWriteData);
+  return queueEntry(&entry);
+}
+
+bool RowWriter::queueEntry(PictureEntry* entry) {
+  entry->key = row_.streamID;
+  entry->number = wrapAdd32(header_.firstNumber, written_.pictures);
+  encodePictureEntry(*entry, queue_.data() + size_t{queued_} * kRecordSize);
+  if (queued_++ == 0) firstQueued_ = entry->decodeTime();
+  written_.add(*entry);
+  numbers_.used(entry->number);
   return queued_ < kQueueEntries || flush();
 }
 
@@ -268,17 +278,16 @@ bool RowWriter::writeHeader(uint32_t marker) {
   uint8_t bytes[kRecordSize];
   encodeStreamHeader(header_, bytes);
   if (chunks_.picture()->seek(static_cast<long>(headerOffset_), SEEK_SET) < 0 ||
-      chunks_.picture()->writeNoSeek(bytes, kRecordSize) != long{kRecordSize}) {
+      chunks_.picture()->writeNoSeek(bytes, kRecordSize) != long{kRecordSize})
     return fail(RecordingError::kCard, kErrWriteHeader);
-  }
   return chunks_.sync(chunks_.picture(), kErrWriteHeader);
 }
 
-bool RowWriter::updateRow() {
+bool RowWriter::updateRow(uint32_t statusBits) {
   DB_STREAM closed = row_;
   closed.recSize = confirmed_.pictures;
   closed.chunkSize = (confirmed_.pictures + 1) * kRecordSize;
-  closed.status &= ~kStatusRecording;
+  closed.status = (closed.status & ~kStatusRecording) | statusBits;
   closed.endDate = confirmed_.last.seconds;
   closed.endMSec = confirmed_.last.milliseconds();
   // The repair deletes a recording whose header is closed while its record is not; and a row that
@@ -289,11 +298,11 @@ bool RowWriter::updateRow() {
   return true;
 }
 
-bool RowWriter::finish() {
+bool RowWriter::finish(uint32_t statusBits) {
   if (!flush()) return false;
   const bool done = confirmed_.pictures == 0
                         ? removeRow()
-                        : writeTotals() && updateRow() && writeHeader(kMarkerClosed);
+                        : writeTotals() && updateRow(statusBits) && writeHeader(kMarkerClosed);
   running_ = !done;
   return done && chunks_.save();
 }
@@ -313,6 +322,12 @@ bool RowWriter::removeRow() {
   chunks_.picture()->setFreeAddr(headerOffset_);
   return chunks_.sync(chunks_.stream(), kErrWriteData) &&
          chunks_.sync(chunks_.picture(), kErrWriteHeader);
+}
+
+bool RowWriter::drop() {
+  const bool nothing = !running_;
+  running_ = false;
+  return nothing || (removeRow() && chunks_.save());
 }
 
 void RowWriter::rescue() {

@@ -42,6 +42,9 @@ class RowWriter {
   // Takes a picture, or a block of a row of sound as it is; entry carries time, decode offset and
   // flags. It must fit.
   bool append(const uint8_t* annexB, size_t size, const PictureEntry& entry);
+  // Takes a picture of another recording as it lies there, time stamp unit and checksum included;
+  // entry's size and checksum are those of the bytes.
+  bool appendCopy(const uint8_t* bytes, const PictureEntry& entry);
   // Data to the card, then the entries that point at it; then the server is told how far both rings
   // go. Without a server the pictures are safe all the same, and the result is false.
   bool flush();
@@ -51,8 +54,11 @@ class RowWriter {
   // Picture time between the oldest picture that is not yet safe and `decode`; 0 without one.
   int64_t unsafeMicros(PictureTime decode) const;
   bool hasUnsafe() const { return queued_ > 0; }
-  // Ends the recording and lists it as closed; one without pictures is deleted.
-  bool finish();
+  // Ends the recording and lists it as closed; one without pictures is deleted. `statusBits` are
+  // set in the row together with its end.
+  bool finish(uint32_t statusBits = 0);
+  // Gives up the recording that runs: row first, then its space.
+  bool drop();
   // Ends it after a failure, as far as the card and the server still go along: what was confirmed
   // stays listed, what was not is given up.
   void abandon();
@@ -90,7 +96,8 @@ class RowWriter {
   bool writeHeader(uint32_t marker);
   bool writeTotals();
   bool fail(JournaledRows::Outcome outcome);
-  bool updateRow();
+  bool updateRow(uint32_t statusBits = 0);
+  bool queueEntry(PictureEntry* entry);
   bool removeRow();
   void takeOver(const DB_STREAM& row, const InterruptedRow* pictures, bool newestOfChunk);
   bool openLeftOver(uint32_t dataEnd);

@@ -8,6 +8,7 @@
 #include "recorder/rows/JournalPlace.h"
 #include "recorder/rows/RowMessages.h"
 #include "recorder/rows/ServerRetry.h"
+#include "recorder/session/EventKeeper.h"
 #include "recorder/session/RecordingMessages.h"
 
 namespace tarn {
@@ -79,7 +80,9 @@ bool SessionEvents::endRow(const Running& event, PictureTime time) {
   DB_EVENT ended = row;
   ended.endDate = end.seconds;
   ended.endMSec = end.milliseconds();
-  return fail(rows_.update(kEventEnd, row, ended));
+  if (!fail(rows_.update(kEventEnd, row, ended))) return false;
+  EventKeeper::eventEnded(row.eventID);
+  return true;
 }
 
 bool SessionEvents::end(uint32_t eventID, PictureTime time) {

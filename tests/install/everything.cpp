@@ -38,6 +38,8 @@ void makeAll() {
   make<tarn::SoundSession>();
   make<tarn::SoundBlock>();
   tarn::soundCodecText(tarn::SoundCodec::kOpus);
+  make<tarn::EventKeeper>();
+  make<tarn::KeptCopies>();
   make<tarn::ChunkChannels>();
   tarn::PictureClock clock(tarn::PictureClock::Stamps::kOfSource, 0);
   clock.restart();

@@ -19,6 +19,7 @@
 #include "powercut/SoundLife.h"
 #include "recorder/card/CardInfo.h"
 #include "recorder/check/CardCheck.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingReader.h"
 #include "recorder/recording/SoundFormat.h"
 #include "recorder/session/RecordingSession.h"
@@ -148,11 +149,11 @@ uint32_t ownEnd(const DB_EVENT& event, const std::vector<DB_STREAM>& rows) {
   uint32_t own = 0;
   uint32_t end = 0;
   for (const DB_STREAM& row : rows) {
-    if (tarn::isSound(row)) continue;
+    if (tarn::isSound(row) || tarn::isKept(row)) continue;
     if (row.startDate <= event.startDate) own = std::max(own, row.streamID);
   }
   for (const DB_STREAM& row : rows) {
-    if (tarn::isSound(row)) continue;
+    if (tarn::isSound(row) || tarn::isKept(row)) continue;
     if (row.streamID >= own) end = std::max(end, row.endDate);
   }
   return end;
@@ -298,6 +299,19 @@ std::string checkPictures(const std::vector<DB_STREAM>& rows,
   return overlap.empty() ? checkOverlap("stream", &streamRing) : overlap;
 }
 
+// A copy is there with everything that it is to have, or it is not there.
+std::string checkCopies(const std::vector<DB_STREAM>& rows,
+                        const std::map<uint32_t, std::vector<uint32_t>>& expected) {
+  for (const DB_STREAM& row : rows) {
+    if (!tarn::isKept(row)) continue;
+    const auto known = expected.find(row.streamID);
+    const size_t whole = known == expected.end() ? 0 : known->second.size();
+    if (!tarn::isWholeCopy(row) || (whole != 0 && row.recSize != whole))
+      return "I8: half a copy is listed: " + text(row);
+  }
+  return "";
+}
+
 // Everything that was safe, and what a loss may cost at most.
 std::string checkLoss(const Recorded& life, Cut cut, const Model& model,
                       const std::vector<DB_STREAM>& rows,
@@ -413,6 +427,11 @@ std::string checkNewRecording(const std::vector<DB_STREAM>& before,
   bool kept = false;
   for (const DB_STREAM& row : before) {
     const auto place = now.find(row.streamID);
+    if (tarn::isKept(row)) {
+      if (place == now.end()) return "I8: a copy is lost by a new recording: " + text(row);
+      if (!sameBytes(place->second, row)) return "I8: changed by a new recording: " + text(row);
+      continue;
+    }
     if (place == now.end() && kept) return "I6: lost by a new recording: " + text(row);
     if (place == now.end()) continue;  // the oldest make room
     kept = true;
@@ -642,6 +661,7 @@ std::string Checker::checkResult(const tarn::RecoveryReport& report, Cut cut, ui
   if (failure.empty()) failure = checkRows(model.events, events);
   if (failure.empty() && !life_.isRecovery) failure = checkHeaders(report);
   if (failure.empty()) failure = checkOpenEvents(model.events, rows, events);
+  if (failure.empty()) failure = checkCopies(rows, expected_);
   if (failure.empty()) failure = checkChannels(life_, rows);
   if (failure.empty()) failure = checkLoss(life_, cut, model, rows, expected_);
   if (failure.empty()) failure = checkLog(life_, cut.at);

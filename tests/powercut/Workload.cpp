@@ -10,6 +10,7 @@
 
 #include "powercut/Checks.h"
 #include "powercut/FaultLives.h"
+#include "powercut/KeptLife.h"
 #include "powercut/LogLife.h"
 #include "powercut/ReadFaults.h"
 #include "powercut/Script.h"
@@ -369,8 +370,8 @@ std::vector<std::pair<uint64_t, uint64_t>> chunkExtents() {
 
 namespace {
 
-constexpr const char* kLives[] = {"recording", "chunk", "wrap",    "two",
-                                  "log",       "image", "journal", "again"};
+constexpr const char* kLives[] = {"recording", "chunk",   "wrap",  "two", "log",
+                                  "image",     "journal", "again", "kept"};
 // Lives with faults, or of a few writes: fewer variants show all of them.
 constexpr const char* kShortLives[] = {"rows",   "refused", "lost",  "leftover",
                                        "resave", "stale",   "sound", "soundring"};
@@ -394,6 +395,7 @@ void recordLife(const std::string& name, Recorded* out) {
   if (kind == "image") return databaseImage(out);
   if (kind == "journal") return smallJournal(out);
   if (kind == "again") return again(out);
+  if (kind == "kept") return keptEvents(out);
   if (kind == "format") return format(out);
   if (kind == "rows") return changedRows(out);
   if (kind == "refused") return refusedDelete(out);

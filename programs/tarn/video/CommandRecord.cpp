@@ -78,6 +78,14 @@ class CommandRecord : public Command {
     app->add_flag_callback(
         "--no-sound", [this] { request_.sound = false; },
         "Leave out the inputs' sound, which is recorded as it is: AAC, G.711 and Opus");
+    app->add_flag("--keep-events", request_.keeper.everyEvent,
+                  "Keep what each event shows from being overwritten, as \"tarn keep\" does");
+    app->add_option("--keep-budget", request_.keeper.budget.budgetChunks,
+                    "Stream chunks that kept events may take; a tenth of the card's when not given")
+        ->type_name("CHUNKS")
+        ->check(CLI::Range(1u, 65535u));
+    app->add_flag("--keep-strict", request_.keeper.budget.strict,
+                  "Keep nothing new when the budget is full, instead of giving up the oldest copy");
     app->add_flag("--realtime", request_.realtime, "No faster than the pictures' own times");
     app->add_flag("--wait", wait_,
                   "Wait for the management server as long as it takes, instead of five seconds");

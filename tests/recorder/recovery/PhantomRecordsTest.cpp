@@ -70,5 +70,14 @@ TEST(PhantomRecords, TheFewestRecordsAreTaken) {
   }
 }
 
+TEST(PhantomRecords, TheRecordOfAKeptCopyStaysAmongNewerOnes) {
+  std::vector<tarn::LiveRecord> live = {{0, 30, 0}, {64, 5, 0, true}, {128, 31, 0}, {192, 32, 0}};
+  EXPECT_THAT(tarn::findPhantomRecords(live, 256), IsEmpty());
+  live[1].kept = false;
+  EXPECT_THAT(tarn::findPhantomRecords(live, 256), ElementsAre(1));
+  live[1] = {64, 31, 0, true};  // under the key of another
+  EXPECT_EQ(tarn::findPhantomRecords(live, 256).size(), 1u);
+}
+
 }  // namespace
 }  // namespace tarn_test
