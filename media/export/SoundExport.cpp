@@ -48,7 +48,8 @@ bool SoundExport::readBlock() {
         ++totals_.lost;
         continue;
       }
-      if (block_.end() < from_) continue;
+      laterUs_ = entry.presentation.totalMicros() - block_.start().totalMicros();
+      if (timeOf(block_.end()) < from_) continue;
       if (reader_->isDamaged()) ++totals_.damaged;
       return true;
     }
@@ -56,9 +57,14 @@ bool SoundExport::readBlock() {
   return false;
 }
 
+PictureTime SoundExport::timeOf(PictureTime inBlock) const {
+  return PictureTime::fromMicros(inBlock.totalMicros() + laterUs_);
+}
+
 bool SoundExport::isWanted(const SoundFrame& frame) const {
-  const int64_t end = frame.time.totalMicros() + lengthOf(frame, block_.format());
-  return end > from_.totalMicros() && !(to_ < frame.time);
+  const PictureTime time = timeOf(frame.time);
+  const int64_t end = time.totalMicros() + lengthOf(frame, block_.format());
+  return end > from_.totalMicros() && !(to_ < time);
 }
 
 // A track has one format.
@@ -72,11 +78,11 @@ bool SoundExport::take(const SoundFrame& frame) {
     return false;
   }
   sound_.frame.assign(frame.data, frame.data + frame.size);
-  sound_.time = frame.time;
+  sound_.time = timeOf(frame.time);
   sound_.samples = frame.samples;
   const PictureTime end =
-      PictureTime::fromMicros(frame.time.totalMicros() + lengthOf(frame, sound_.format));
-  if (totals_.frames == 0 || frame.time < totals_.first) totals_.first = frame.time;
+      PictureTime::fromMicros(sound_.time.totalMicros() + lengthOf(frame, sound_.format));
+  if (totals_.frames == 0 || sound_.time < totals_.first) totals_.first = sound_.time;
   totals_.last = std::max(totals_.last, end);
   ++totals_.frames;
   totals_.bytes += frame.size;

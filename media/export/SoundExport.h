@@ -31,6 +31,7 @@ class SoundExport : public ExportTrack {
  private:
   bool openRow();
   bool readBlock();
+  PictureTime timeOf(PictureTime inBlock) const;
   bool isWanted(const SoundFrame& frame) const;
   bool take(const SoundFrame& frame);
 
@@ -43,6 +44,7 @@ class SoundExport : public ExportTrack {
   std::unique_ptr<RecordingReader> reader_;
   std::vector<uint8_t> bytes_;
   SoundBlock block_;
+  int64_t laterUs_ = 0;  // than the block says, where its recording was re-dated
   OutputSound sound_;
   SoundTotals totals_;
 };
