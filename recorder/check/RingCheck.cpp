@@ -5,6 +5,7 @@
 #include "base/Wrap.h"
 #include "manager/ManageFormat.h"
 #include "recorder/check/CardContents.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordFormat.h"
 #include "recorder/recording/SoundFormat.h"
 #include "recorder/recovery/NativeRows.h"
@@ -137,7 +138,7 @@ void checkChunk(CardContents* contents, uint32_t chunk, const CHUNK_MANAGE& reco
                    nameOf(*rows.front()) + " and " + std::to_string(rows.size() - 1) + " more";
     return contents->findings.add(finding);
   }
-  checkKinds(contents, chunk, rows);
+  if (!isKept(*rows.front())) checkKinds(contents, chunk, rows);  // copies lie as they come
   std::vector<Extent> pictures;
   std::vector<Extent> data;
   const uint32_t streamSize = contents->card.family(kFileStream).chunkSize;

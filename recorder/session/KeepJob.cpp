@@ -5,6 +5,7 @@
 
 #include "db/CApiDb.h"
 #include "recorder/recording/KeptRow.h"
+#include "recorder/rows/DatabaseConnection.h"
 #include "recorder/rows/DatabaseWatch.h"
 #include "recorder/rows/RowMessages.h"
 #include "recorder/rows/RowQueries.h"
@@ -40,8 +41,8 @@ bool findPeriod(KeepJob* job, KeepWanted* wanted) {
     failJob(job, kErrDatabaseGone);
     return false;
   }
-  CApiDb db;
-  RowQueries queries(&db, &watch);
+  DatabaseConnection connection;
+  RowQueries queries(&connection.db(), &watch);
   char sql[sizeof kSqlEvent + 16];
   snprintf(sql, sizeof sql, kSqlEvent, job->request.number);
   DB_EVENT event = {};
@@ -110,8 +111,8 @@ std::vector<uint32_t> eventsLeftWithoutCopies() {
   std::vector<uint32_t> keys;
   DatabaseWatch watch;
   if (!watch.begin()) return keys;  // nothing makes a database by looking at it
-  CApiDb db;
-  RowQueries queries(&db, &watch);
+  DatabaseConnection connection;
+  RowQueries queries(&connection.db(), &watch);
   std::vector<DB_STREAM> kept;
   uint32_t newestEnd = 0;
   DB_EVENT events[kNewestEvents];

@@ -15,6 +15,7 @@
 #include "recorder/card/NoThrow.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/rows/ChannelLock.h"
+#include "recorder/rows/DatabaseConnection.h"
 #include "recorder/rows/DatabaseWatch.h"
 #include "recorder/rows/FileLock.h"
 #include "recorder/rows/InsertingProcess.h"
@@ -85,7 +86,8 @@ class KeptCopies::Impl {
   FileLock channelLock_;
   InsertingProcess process_;
   CTARNStreamManager manager_{kRecorderPartition};
-  CApiDb db_;
+  DatabaseConnection connection_;
+  CApiDb& db_ = connection_.db();
   DatabaseWatch watch_;
   RowQueries queries_{&db_, &watch_};
   RecordingStatistics statistics_;

@@ -8,6 +8,7 @@
 #include "manager/CTARNStreamManager.h"
 #include "recorder/card/CardGeometry.h"
 #include "recorder/recording/PictureEntry.h"
+#include "recorder/rows/DatabaseConnection.h"
 #include "recorder/rows/DatabaseWatch.h"
 #include "recorder/rows/FileLock.h"
 #include "recorder/rows/InsertingProcess.h"
@@ -86,7 +87,8 @@ class RecordingSession::Impl {
   FileLock channelLock_;
   InsertingProcess process_;
   CTARNStreamManager manager_{kRecorderPartition};
-  CApiDb db_;
+  DatabaseConnection connection_;
+  CApiDb& db_ = connection_.db();
   DatabaseWatch watch_;
   RowQueries queries_{&db_, &watch_};
   RecordingSpace space_{&manager_, &db_, &watch_, &statistics_};

@@ -4,6 +4,7 @@
 
 #include "db/RowStatus.h"
 #include "recorder/RecoveryRig.h"
+#include "recorder/check/CardCheck.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/rows/RowQueries.h"
 #include "recorder/session/KeptCopies.h"
@@ -165,6 +166,11 @@ TEST(KeptCopies, KeepsTheSoundOfThatTimeToo) {
   Bytes bytes;
   ASSERT_TRUE(reader.readPicture(entry, &bytes, true));
   EXPECT_FALSE(reader.isDamaged());
+  CardCheck check;
+  std::string error;
+  ASSERT_EQ(check.run(rig.card.path(), {}, &error), 0) << error;
+  for (const CardFinding& finding : check.findings().list())
+    EXPECT_EQ(finding.streamID, 0u) << finding.text;
 }
 
 TEST(KeptCopies, SaysWhenNothingWasRecorded) {

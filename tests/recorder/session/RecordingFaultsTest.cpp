@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 
 #include "recorder/RecorderRig.h"
 #include "recorder/rows/DatabaseGate.h"
@@ -182,7 +183,8 @@ void dieWithTheLock() {
 TEST(RecordingFaults, ALockOfTheDeadEndsRecordingWithEveryPictureOnTheCard) {
   RecorderRig rig;
   rig.startServerProcess();
-  RecordingSession session;
+  auto own = std::make_unique<RecordingSession>();
+  RecordingSession& session = *own;
   RecordingOptions options;
   options.flushIntervalMs = 60000;
   options.segmentSeconds = 1;
@@ -196,6 +198,7 @@ TEST(RecordingFaults, ALockOfTheDeadEndsRecordingWithEveryPictureOnTheCard) {
   EXPECT_EQ(session.statistics().pictures, session.statistics().confirmed);
   EXPECT_EQ(session.statistics().confirmed, 25u);
   EXPECT_EQ(-1, session.close());
+  own.reset();  // closes the database, which takes the lock
   EXPECT_LT(monotonicMs() - begin, kServerPatienceMs + 2000);
   EXPECT_TRUE(DatabaseGate::releaseDead());
   RecordingSession next;

@@ -6,6 +6,7 @@
 #include "recorder/recovery/Recovery.h"
 #include "recorder/rows/ClockEras.h"
 #include "recorder/rows/JournaledRows.h"
+#include "recorder/session/KeptCopies.h"
 
 namespace tarn_test {
 namespace {
@@ -126,6 +127,26 @@ TEST_F(Redating, RecordingsAndEventsOfThisStartGetTheirTimesWhenTheClockBecomesK
       log_.has(LOG_NOTICE,
                "RecordingSession: channel 0: re-dated 3 of recordings 1 to 3 and 1 of events "
                "1 to 1 by 1700000000 s"));
+  expectNoFindings();
+}
+
+TEST_F(Redating, ACopyThatIsKeptLaterHasTheTimesOfTheRowAndNoFinding) {
+  recordAndRedate();
+  tarn::KeptCopies kept;
+  ASSERT_EQ(0, kept.open({})) << kept.errorText();
+  tarn::KeepWanted wanted;
+  wanted.from = at(kBoot + kStep, 0);
+  wanted.to = at(kBoot + kStep, 149);
+  tarn::KeepResult result;
+  ASSERT_EQ(tarn::KeepOutcome::kDone, kept.keep(wanted, nullptr, &result)) << kept.errorText();
+  kept.close();
+  EXPECT_EQ(150u, result.pictures);
+  for (uint32_t i = 0; i < 3; ++i) {
+    CApiDb db;
+    DB_STREAM copy = {};
+    ASSERT_EQ(1u, db.selectStream(4 + i, &copy));
+    expectTimes(copy, kBoot + kStep, i * 50);
+  }
   expectNoFindings();
 }
 
