@@ -159,12 +159,15 @@ if row["startDate"] != start or back < safe or written - back > 21:
 PY
 }
 
-say "6. Two cameras, one by RTSP, with an event that is kept by itself"
+say "6. Two cameras, one with sound and one by RTSP, and an event that is kept by itself"
+# The clip's own sound is none that a camera sends.
+quietly ffmpeg -nostdin -y -i "$clip" -c:v copy -c:a aac "$out/camera.mp4"
 tests/media/rtsp-server 18554 "yard=$clip" >"$out/rtsp" 2>"$out/log" &
 camera=$!
+disown "$camera"
 for _ in $(seq 100); do grep -qs ready "$out/rtsp" && break; sleep 0.1; done
 from=$(date +%Y-%m-%dT%H:%M:%S)
-timeout --preserve-status --signal INT 9 "$tarn" --card "$card" record "ch0=$clip" \
+timeout --preserve-status --signal INT 9 "$tarn" --card "$card" record "ch0=$out/camera.mp4" \
   ch1=rtsp://127.0.0.1:18554/yard --realtime --event 5@2 --event-length 3 --keep-events |
   sed 's/^/   /'
 kill_tree "$camera"
@@ -179,7 +182,13 @@ print(f"   recorded: channels {sorted(recorded)}; kept of the event: channels {s
 if recorded != {0, 1} or kept != {0, 1}:
     sys.exit("a camera or a copy is missing")
 PY
-"$tarn" --card "$card" export --from "$from" -o "$out/cameras.mp4" | sed 's/^/   /'
+"$tarn" --card "$card" export --from "$from" --force -o "$out/cameras.mp4" | sed 's/^/   /'
+for channel in 0 1; do
+  say "   cameras-ch$channel.mp4 holds $(ffprobe -v error -show_entries stream=codec_name -of csv=p=0 \
+    "$out/cameras-ch$channel.mp4" | tr '\n' ' ')"
+done
+ffprobe -v error -select_streams a -show_entries stream=codec_name -of csv=p=0 \
+  "$out/cameras-ch0.mp4" | grep -q aac || { say "the sound is missing" >&2; exit 1; }
 
 say "7. Kill everything at a random moment while it records (seed $seed)"
 RANDOM=$seed
