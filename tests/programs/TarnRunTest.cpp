@@ -278,15 +278,17 @@ TEST_F(TarnRunTest, ListsRowsByColumnNameWithIsoTimesBeside) {
        "chunkOffset": 0, "chunkSize": 1632, "status": 65536, "startDate": 1000000000,
        "endDate": 1000000010, "startMSec": 250, "endMSec": 750, "backOffset": 0,
        "start": "2001-09-09T07:16:40.250+05:30", "end": "2001-09-09T07:16:50.750+05:30",
-       "channel": null, "kind": "video", "codec": "h264", "durationMs": 10500, "videoBytes": null},
+       "channel": null, "kind": "video", "codec": "h264", "kept": false,
+       "copyOf": null, "durationMs": 10500, "videoBytes": null},
       {"streamID": 2, "inTrg": 5, "frameSet": 20, "bitrateSet": 0, "recSize": 0, "chunkID": 3,
        "chunkOffset": 0, "chunkSize": 0, "status": 1, "startDate": 1000000020, "endDate": 0,
        "startMSec": 0, "endMSec": 0, "backOffset": 64,
        "start": "2001-09-09T07:17:00.000+05:30", "end": null,
-       "channel": null, "kind": "video", "codec": "h264", "durationMs": null, "videoBytes": null}]})"));
+       "channel": null, "kind": "video", "codec": "h264", "kept": false,
+       "copyOf": null, "durationMs": null, "videoBytes": null}]})"));
   EXPECT_EQ(listed("events --trigger 9"), json::parse(R"({"schema": 1, "events": [
       {"eventID": 2, "extTrg": 9, "preSec": 0, "startDate": 1000000021, "endDate": 1000000022,
-       "startMSec": 5, "endMSec": 6, "backOffset": 32,
+       "startMSec": 5, "endMSec": 6, "backOffset": 32, "kept": false,
        "start": "2001-09-09T07:17:01.005+05:30", "end": "2001-09-09T07:17:02.006+05:30"}]})"));
 }
 
