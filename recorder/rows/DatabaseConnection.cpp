@@ -10,14 +10,20 @@ namespace tarn {
 DatabaseConnection::DatabaseConnection() : held_(new Held) {}
 
 DatabaseConnection::~DatabaseConnection() {
-  static std::atomic<Held*> left{nullptr};  // of the process, so that none is lost sight of
-  if (!held_->db.isConnected() ||
-      DatabaseGate::await(kServerPatienceMs) == DatabaseGate::State::kFree) {
+  static std::atomic<Held*> left{nullptr};  // of the process
+  if (!held_->db.isConnected()) {
     delete held_;
-    return;
-  }
-  held_->next = left.load();
-  while (!left.compare_exchange_weak(held_->next, held_)) {
+  } else if (DatabaseGate::await(kServerPatienceMs) == DatabaseGate::State::kFree) {
+    delete held_;
+    for (Held* held = left.exchange(nullptr); held != nullptr;) {
+      const Held* done = held;
+      held = held->next;
+      delete done;
+    }
+  } else {
+    held_->next = left.load();
+    while (!left.compare_exchange_weak(held_->next, held_)) {
+    }
   }
 }
 
