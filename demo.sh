@@ -167,7 +167,7 @@ camera=$!
 disown "$camera"
 for _ in $(seq 100); do grep -qs ready "$out/rtsp" && break; sleep 0.1; done
 from=$(date +%Y-%m-%dT%H:%M:%S)
-timeout --preserve-status --signal INT 9 "$tarn" --card "$card" record "ch0=$out/camera.mp4" \
+timeout --foreground --preserve-status --signal INT 9 "$tarn" --card "$card" record "ch0=$out/camera.mp4" \
   ch1=rtsp://127.0.0.1:18554/yard --realtime --event 5@2 --event-length 3 --keep-events |
   sed 's/^/   /'
 kill_tree "$camera"
