@@ -123,7 +123,7 @@ trap '[ -z "$recorder$camera" ] || kill_tree ${recorder:+"$recorder"} ${camera:+
 # cut_power CARD START NAME DECISECONDS: records in real time, kills everything in the view after
 # that long, recovers, and compares what the interrupted recording still holds.
 cut_power() {
-  local written safe id back verdict
+  local written safe id verdict
   say "   Power goes after $(($4 / 10)).$(($4 % 10)) s"
   "$tarn" --card "$1" record "$clip" --loop 100 --realtime --progress --start "$2" \
     --event 5@1 >"$out/progress" 2>"$out/log" &
@@ -141,20 +141,28 @@ cut_power() {
   "$tarn" --card "$1" recover | sed 's/^/   /'
   "$tarn" check "$1" | sed 's/^/   /'
   "$tarn" --card "$1" list streams --json >"$out/streams.json"
-  read -r id back < <(python3 -c 'import json,sys
-row = json.load(open(sys.argv[1]))["streams"][-1]
-print(row["streamID"], row["recSize"])' "$out/streams.json")
-  "$tarn" --card "$1" export --stream "$id" -o "$out/$3.mp4" | sed 's/^/   /'
-  verdict=$(scripts/compare-frames "$clip" "$out/$3.mp4" "$(date -d "$2" +%s)")
-  say "   $3.mp4: $verdict"
-  python3 - "$written" "$safe" "$back" "$(date -d "$2" +%s)" "$out/streams.json" <<'PY'
+  # More than one recording where the chunk had come to its end meanwhile.
+  local start number=0
+  start=$(date -d "$2" +%s)
+  for id in $(python3 -c 'import json, sys
+rows = json.load(open(sys.argv[1]))["streams"]
+own = [row for row in rows if not row["kept"] and 0 <= row["startDate"] - int(sys.argv[2]) < 100]
+print(*[row["streamID"] for row in own])' "$out/streams.json" "$start"); do
+    number=$((number + 1))
+    "$tarn" --card "$1" export --stream "$id" --force -o "$out/$3-$number.mp4" | sed 's/^/   /'
+    verdict=$(scripts/compare-frames "$clip" "$out/$3-$number.mp4" "$start")
+    say "   $3-$number.mp4: $verdict"
+  done
+  python3 - "$written" "$safe" "$start" "$out/streams.json" <<'PY'
 import json, sys
-written, safe, back, start = map(int, sys.argv[1:5])
-row = json.load(open(sys.argv[5]))["streams"][-1]
+written, safe, start = map(int, sys.argv[1:4])
+rows = json.load(open(sys.argv[4]))["streams"]
+own = [row for row in rows if not row["kept"] and 0 <= row["startDate"] - start < 100]
+back = sum(row["recSize"] for row in own)
 # Pictures of the clip come 20 a second.
 print(f"   {written} pictures written, {safe} of them known to be safe, {back} came back: "
       f"{max(0, written - back) / 20:.2f} s lost")
-if row["startDate"] != start or back < safe or written - back > 21:
+if not own or own[0]["startDate"] != start or back < safe or written - back > 21:
     sys.exit("more was lost than may be")
 PY
 }
