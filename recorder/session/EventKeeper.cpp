@@ -1,7 +1,5 @@
 #include "recorder/session/EventKeeper.h"
 
-#include <sys/resource.h>
-#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -28,13 +26,11 @@ constexpr int kIdleMs = 250;
 constexpr int64_t kRetryMs = 500;
 // Whoever asks is told what became of it as long as this.
 constexpr size_t kJobsRemembered = 64;
-// A copy takes a quarter of the time, and no step makes more than this of a wait.
+// A copy takes a quarter of the time, and no step makes more than this of a wait. That makes it one
+// of low priority, also for the card; the system's own priorities would take calls that the
+// recorder's unit denies.
 constexpr int64_t kRestFactor = 3;
 constexpr int64_t kLongestRestMs = 2000;
-constexpr int kNice = 10;
-constexpr int kIoClassBestEffort = 2;
-constexpr int kIoLowest = 7;
-constexpr int kIoClassShift = 13;
 
 std::mutex theKeeperMutex;
 EventKeeper* theKeeper = nullptr;  // under it
@@ -52,7 +48,6 @@ class EventKeeper::Impl {
   bool keepsEveryEvent() const { return options_.everyEvent; }
 
  private:
-  static void lowerPriority();
   void run();
   void serve();
   KeepAnswer answer(const KeepRequest& request);
@@ -156,13 +151,6 @@ void EventKeeper::Impl::serve() {
   }
 }
 
-// The copy's own threads, which write to the card, are made by this one and are as modest.
-void EventKeeper::Impl::lowerPriority() {
-  const auto self = static_cast<id_t>(syscall(SYS_gettid));
-  setpriority(PRIO_PROCESS, self, kNice);
-  syscall(SYS_ioprio_set, 1, 0, kIoClassBestEffort << kIoClassShift | kIoLowest);
-}
-
 // Between two steps of a copy, with ears for requests.
 bool EventKeeper::Impl::rest(uint32_t) {
   if (finish_) return !stop_;  // nobody records any more
@@ -205,7 +193,6 @@ void EventKeeper::Impl::work(KeepJob* job) {
 }
 
 void EventKeeper::Impl::run() {
-  lowerPriority();
   while (!stop_ && !(finish_ && !hasWork())) {
     orNoMemory(
         "EventKeeper",
