@@ -196,7 +196,7 @@ for channel in 0 1; do
     "$out/cameras-ch$channel.mp4" | tr '\n' ' ')"
 done
 ffprobe -v error -select_streams a -show_entries stream=codec_name -of csv=p=0 \
-  "$out/cameras-ch0.mp4" | grep -q aac || { say "the sound is missing" >&2; exit 1; }
+  "$out/cameras-ch0.mp4" | grep aac >/dev/null || { say "the sound is missing" >&2; exit 1; }
 
 say "7. Kill everything at a random moment while it records (seed $seed)"
 RANDOM=$seed

@@ -139,7 +139,7 @@ where_the_time_went() {
   for preset in "${presets[@]}"; do
     sed -n "s/^passed \([^ ]*\) (\([0-9.]*\) s, processor \([0-9.]*\) s)\$/\2 s, processor \3 s: $preset \1/p" \
       "build/$preset/Testing/Temporary/LastTest.log" 2>/dev/null || true
-  done | sort -rn | head -n 12
+  done | sort -rn | sed -n 1,12p
 }
 
 for preset in "${presets[@]}"; do

@@ -72,7 +72,7 @@ trap '[ -z "${board:-}" ] || kill -9 "$board" 2>/dev/null || true' EXIT
 await() {
   local until=$((SECONDS + $2))
   until grep -aqE "$1" "$log"; do
-    if grep -aq '^BOARD wrong' "$log"; then sleep 1; fail "$(grep -a '^BOARD wrong' "$log" | head -n 3)"; fi
+    if grep -aq '^BOARD wrong' "$log"; then sleep 1; fail "$(grep -a '^BOARD wrong' "$log" | sed -n 1,3p)"; fi
     kill -0 "$board" 2>/dev/null || { cat "$work/qemu.log"; fail "the board ended before $1"; }
     [ $SECONDS -lt $until ] || { kill -9 "$board"; fail "no $1 within $2 s"; }
     sleep 0.05
