@@ -1,0 +1,167 @@
+// Shows all chosen channels in step: one clock, the recorder's, which the first channel with a picture
+// keeps while it plays, and which jumps over what no channel has.
+import { api } from "./api.js";
+import { ChannelPlayer } from "./channelPlayer.js";
+
+export const speeds = [0.5, 1, 2, 4, 8, 16];
+const keysOnlyAbove = 4;     // faster than this, key pictures are enough
+const liveFarMs = 3000, liveNearMs = 1000;  // behind what is there, when live
+const besideMs = 3000;       // on both sides of a moment, where the next picture is looked for
+const stepIntoMs = 0.3;      // a moment just inside a picture, whatever the rounding
+
+export class Player {
+  // told(): anything has changed.
+  constructor(baseMs, told) {
+    this.baseMs = baseMs;
+    this.told = told;
+    this.players = new Map();
+    this.timeMs = baseMs;
+    this.speed = 1;
+    this.playing = false;
+    this.live = false;
+    this.findingNewest = false;  // going live: the time is that of the newest picture, once it is there
+    this.ended = false;
+    const tick = () => {
+      this.tick();
+      requestAnimationFrame(tick);
+    };
+    requestAnimationFrame(tick);
+  }
+
+  get keysOnly() {
+    return this.speed > keysOnlyAbove;
+  }
+
+  // videos: channel number to its video element.
+  setChannels(videos) {
+    for (const [channel, player] of this.players) {
+      if (videos.get(channel) !== player.video) {
+        player.close();
+        this.players.delete(channel);
+      }
+    }
+    for (const [channel, video] of videos) {
+      if (this.players.has(channel)) continue;
+      const player = new ChannelPlayer(channel, video, this.baseMs, () => this.told());
+      this.players.set(channel, player);
+      if (this.live) player.wantLive();
+      else player.want(this.timeMs, this.keysOnly);
+    }
+    this.players = new Map([...this.players].sort(([a], [b]) => a - b));
+  }
+
+  // True time of what is seen: of the leading channel's picture.
+  get shownMs() {
+    const lead = this.lead();
+    return lead?.shownMs ?? this.timeMs;
+  }
+
+  lead() {
+    return [...this.players.values()].find((player) => player.at(this.timeMs).kind === "ready");
+  }
+
+  seek(ms) {
+    this.live = false;
+    this.findingNewest = false;
+    this.ended = false;
+    this.timeMs = ms;
+    for (const player of this.players.values()) player.want(ms, this.keysOnly);
+    this.told();
+  }
+
+  play() {
+    this.playing = true;
+    this.ended = false;
+    this.told();
+  }
+
+  pause() {
+    this.playing = false;
+    this.live = false;
+    this.findingNewest = false;
+    this.told();
+  }
+
+  setSpeed(speed) {
+    const before = this.keysOnly;
+    this.speed = speed;
+    if (before !== this.keysOnly) this.seek(this.timeMs);
+    this.told();
+  }
+
+  goLive() {
+    if (this.keysOnly || this.speed !== 1) this.speed = 1;
+    this.live = true;
+    this.playing = true;
+    this.ended = false;
+    this.findingNewest = true;
+    for (const player of this.players.values()) player.wantLive();
+    this.told();
+  }
+
+  // More is safe on the card.
+  more(channel) {
+    this.players.get(channel)?.more();
+  }
+
+  // Stands at the picture before or behind the one that is shown, on the first channel that has one.
+  async step(forward) {
+    const from = this.shownMs;
+    this.pause();
+    const channel = [...this.players.values()].find((player) => player.at(this.timeMs).kind === "ready")?.channel ??
+      this.players.keys().next().value;
+    if (channel === undefined) return;
+    const { pictures } = await api.pictures({ channel, from: from - besideMs, to: from + besideMs, limit: 1000 });
+    const times = pictures.map((picture) => picture.timeMs).sort((a, b) => a - b);
+    const target = forward ? times.find((ms) => ms > from + 0.1) : times.findLast((ms) => ms < from - 0.1);
+    if (target !== undefined && !this.playing) this.seek(target + stepIntoMs);
+  }
+
+  tick() {
+    if (this.findingNewest) this.findNewest();
+    const players = [...this.players.values()];
+    const before = this.timeMs;
+    if (this.playing && !this.findingNewest) this.advance(players);
+    const rate = this.live ? this.liveRate() : this.speed;
+    for (const player of players) player.follow(this.timeMs, rate, this.playing);
+    if (this.timeMs !== before) this.told();
+  }
+
+  findNewest() {
+    const starts = [...this.players.values()].filter((player) => player.known.length > 0)
+      .map((player) => player.known[0].fromMs);
+    if (starts.length === 0) return;
+    this.timeMs = Math.max(...starts);
+    this.findingNewest = false;
+  }
+
+  advance(players) {
+    const lead = this.lead();
+    if (lead !== undefined) {
+      const { video } = lead;
+      // What the leading video shows is the time, unless it is on its way to it.
+      if (!video.paused && !video.seeking && lead.timeMs > this.timeMs) this.timeMs = lead.timeMs;
+      if (this.live) this.catchUp(lead);
+      return;
+    }
+    const states = players.map((player) => player.at(this.timeMs));
+    if (players.length === 0 || states.some((state) => state.kind === "loading")) return;
+    const next = Math.min(...states.map((state) => state.until ?? Infinity));
+    if (next !== Infinity) this.timeMs = next + stepIntoMs;
+    else if (!this.live) {
+      this.ended = true;
+      this.pause();
+    }
+  }
+
+  catchUp(lead) {
+    const until = lead.readyUntil(this.timeMs);
+    if (until - this.timeMs > liveFarMs) this.timeMs = until - liveNearMs;
+  }
+
+  liveRate() {
+    const lead = this.lead();
+    if (lead === undefined) return 1;
+    return lead.readyUntil(this.timeMs) - this.timeMs > liveNearMs ? 1.2 : 1;
+  }
+}
