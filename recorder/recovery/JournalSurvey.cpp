@@ -20,6 +20,8 @@
 namespace tarn {
 namespace {
 
+constexpr uint32_t kMendBytes = 4 * 1024;  // read at once around a place that is mended
+
 // Where the journal would go on; 0 when nobody knows.
 uint32_t savedFreeOffset(short chunk) {
   CTARNEndlessManagerNative store(kFileJournal);
@@ -32,12 +34,13 @@ uint32_t savedFreeOffset(short chunk) {
 // Looks one journal through and notes what is wrong with it; then, if wanted, mends that.
 class Scrub {
  public:
-  Scrub(JournalKind kind, int flags, JournalSurvey* survey)
+  Scrub(JournalKind kind, int flags, JournalSurvey* survey, JournalBytes* read = nullptr)
       : kind_(kind),
         traits_(journalTraits(kind)),
         original_(kFileJournal, static_cast<uint32_t>(traits_.chunk), flags),
         mirror_(kFileJournal, static_cast<uint32_t>(traits_.chunk + kJournalMirrorStep), flags),
-        survey_(survey) {}
+        survey_(survey),
+        read_(read) {}
 
   bool look();
   void mend();
@@ -46,12 +49,12 @@ class Scrub {
   bool open(const ChunkSource& source, int chunk);
   bool lookAt(JournalCopies* copies, uint32_t position);
   uint32_t passHole(JournalCopies* copies, uint32_t position, uint32_t savedFree);
-  void refuse(const JournalCopies& copies);
+  void refuse(const std::string& place);
   void take(const JournalCopies& copies, JournalCopy copy, uint32_t position);
   bool isOfCopy(const uint8_t* record) const;
-  void noteKey(const uint8_t* record, uint32_t position);
+  void noteKeys(const JournalCopies& copies, uint32_t position);
   void noteUnequal(const JournalCopies& copies, JournalCopy copy, uint32_t position);
-  void count();
+  void count(uint32_t savedFree);
   void countMissing(uint32_t savedFree);
   void makeEqual(JournalCopies* copies);
   void bridge();
@@ -62,6 +65,7 @@ class Scrub {
     return record != nullptr && journalRecordInPlace(traits_, record, position);
   }
   void put(ChunkSource* source, uint32_t position, const uint8_t* record) {
+    if (read_ != nullptr) read_->forget(position);
     if (!source->write(position, record, traits_.recordSize)) ++survey_->refused;
   }
   void flush() {
@@ -73,6 +77,7 @@ class Scrub {
   ChunkSource original_;
   ChunkSource mirror_;
   JournalSurvey* survey_;
+  JournalBytes* read_;  // may be null
   std::vector<LiveRecord> live_;
   std::vector<uint32_t> phantoms_;  // positions, these too:
   std::vector<uint32_t> unequal_;
@@ -108,7 +113,7 @@ bool Scrub::look() {
     if (survey_->error.empty()) position = passHole(&copies, position, savedFree);
     if (!survey_->error.empty()) return false;
   }
-  count();
+  count(savedFree);
   countMissing(savedFree);
   return true;
 }
@@ -127,7 +132,7 @@ bool Scrub::lookAt(JournalCopies* copies, uint32_t position) {
   const JournalCopy copy = copies->at(position);
   if (copy == JournalCopy::kErased) return false;
   if (copy == JournalCopy::kRefused) {
-    if (!copies->endsBesideRefused()) refuse(*copies);
+    if (!copies->endsBesideRefused()) refuse(copies->refusedText());
     return false;
   }
   ++survey_->records;
@@ -144,24 +149,23 @@ bool Scrub::lookAt(JournalCopies* copies, uint32_t position) {
   return true;
 }
 
-void Scrub::refuse(const JournalCopies& copies) {
-  survey_->error = "the " + copies.refusedText() + kErrPlaceRefused;
-}
+void Scrub::refuse(const std::string& place) { survey_->error = "the " + place + kErrPlaceRefused; }
 
 // The rebuild ends at the first erased pair: a hole in front of records would hide them all. A
 // refused copy of a place in front of records, or of the saved end, may hold one of them.
 uint32_t Scrub::passHole(JournalCopies* copies, uint32_t position, uint32_t savedFree) {
+  const bool refused = copies->at(position) == JournalCopy::kRefused;
+  const std::string refusedPlace = copies->refusedText();
   const uint32_t next = copies->nextAfterHole(position, savedFree);
   if (next == copies->size()) {
-    const bool refused = copies->at(position) == JournalCopy::kRefused;
-    if (refused && position < savedFree) refuse(*copies);
-    if (refused && survey_->unread++ == 0) survey_->unreadText = copies->refusedText();
+    if (refused && position < savedFree) refuse(refusedPlace);
+    if (refused && survey_->unread++ == 0) survey_->unreadText = refusedPlace;
     hole_ = position;
     return next;
   }
   for (; position < next; position += traits_.recordSize) {
     if (copies->at(position) == JournalCopy::kRefused) {
-      refuse(*copies);
+      refuse(copies->refusedText());
       return next;
     }
     ++survey_->records;
@@ -173,8 +177,7 @@ uint32_t Scrub::passHole(JournalCopies* copies, uint32_t position, uint32_t save
 }
 
 void Scrub::take(const JournalCopies& copies, JournalCopy copy, uint32_t position) {
-  noteKey(copies.original(), position);
-  noteKey(copies.mirror(), position);
+  noteKeys(copies, position);
   const uint8_t* record = copies.record();
   const bool whole =
       journalMarker(record) == traits_.liveMarker || journalMarker(record) == traits_.deletedMarker;
@@ -184,7 +187,7 @@ void Scrub::take(const JournalCopies& copies, JournalCopy copy, uint32_t positio
   } else {
     lost_.push_back(position);
   }
-  if (journalMarker(record) == traits_.liveMarker && inPlace(record, position)) {
+  if (journalMarker(record) == traits_.liveMarker && copies.isInPlace()) {
     const uint32_t key = journalKey(record);
     if (key == 0) {
       phantoms_.push_back(position);  // key 0 is never given out
@@ -194,8 +197,10 @@ void Scrub::take(const JournalCopies& copies, JournalCopy copy, uint32_t positio
   }
   if (copies.other() == nullptr) {
     if (survey_->unread++ == 0) survey_->unreadText = copies.refusedText();
-  } else if (memcmp(record, copies.other(), traits_.recordSize) != 0) {
+  } else if (!copies.areAlike()) {
     noteUnequal(copies, copy, position);
+  } else if (read_ != nullptr && copies.isInPlace()) {
+    read_->keep(position, record);
   }
 }
 
@@ -206,9 +211,11 @@ bool Scrub::isOfCopy(const uint8_t* record) const {
   return isKept(row);
 }
 
-void Scrub::noteKey(const uint8_t* record, uint32_t position) {
-  if (!inPlace(record, position)) return;
-  survey_->greatestKey = std::max(survey_->greatestKey, journalKey(record));
+void Scrub::noteKeys(const JournalCopies& copies, uint32_t position) {
+  uint32_t* greatest = &survey_->greatestKey;
+  if (copies.isInPlace()) *greatest = std::max(*greatest, journalKey(copies.record()));
+  if (copies.areAlike() || !inPlace(copies.other(), position)) return;
+  *greatest = std::max(*greatest, journalKey(copies.other()));
 }
 
 void Scrub::noteUnequal(const JournalCopies& copies, JournalCopy copy, uint32_t position) {
@@ -218,13 +225,14 @@ void Scrub::noteUnequal(const JournalCopies& copies, JournalCopy copy, uint32_t 
   unequal_.push_back(position);
 }
 
-void Scrub::count() {
-  for (const uint32_t index : findPhantomRecords(live_, savedFreeOffset(traits_.chunk))) {
+void Scrub::count(uint32_t savedFree) {
+  for (const uint32_t index : findPhantomRecords(live_, savedFree)) {
     phantoms_.push_back(live_[index].position);
     live_[index].key = 0;
   }
   survey_->phantoms = static_cast<uint32_t>(phantoms_.size());
   std::vector<uint32_t> keys;
+  keys.reserve(live_.size());
   for (const LiveRecord& record : live_) {
     if (record.key == 0) continue;
     keys.push_back(record.key);
@@ -240,7 +248,7 @@ void Scrub::count() {
 }
 
 void Scrub::mend() {
-  JournalCopies copies(kind_, &original_, &mirror_);
+  JournalCopies copies(kind_, &original_, &mirror_, kMendBytes);
   makeEqual(&copies);
   bridge();
   eraseUnfinished(&copies);
@@ -297,7 +305,7 @@ void Scrub::deletePhantoms() {
 }
 
 void Scrub::deletePhantomsOf(ChunkSource* source, bool mirror) {
-  JournalCopies copies(kind_, &original_, &mirror_);
+  JournalCopies copies(kind_, &original_, &mirror_, kMendBytes);
   for (const uint32_t position : phantoms_) {
     copies.at(position);
     const uint8_t* present = mirror ? copies.mirror() : copies.original();
@@ -317,9 +325,10 @@ int surveyJournal(JournalKind kind, JournalSurvey* survey) {
 }
 
 int scrubJournals(JournalSurvey* events, JournalSurvey* streams,
-                  const std::function<bool()>& mayWrite) {
-  Scrub ofEvents(JournalKind::kEvent, O_RDWR, events);
-  Scrub ofStreams(JournalKind::kStream, O_RDWR, streams);
+                  const std::function<bool()>& mayWrite, JournalBytes* readEvents,
+                  JournalBytes* readStreams) {
+  Scrub ofEvents(JournalKind::kEvent, O_RDWR, events, readEvents);
+  Scrub ofStreams(JournalKind::kStream, O_RDWR, streams, readStreams);
   if (!ofEvents.look() || !ofStreams.look()) return -1;
   if (mayWrite != nullptr && !mayWrite()) return -1;
   ofEvents.mend();

@@ -1,7 +1,6 @@
 #include "recorder/recovery/PhantomRecords.h"
 
 #include <algorithm>
-#include <map>
 
 namespace tarn {
 namespace {
@@ -63,15 +62,44 @@ std::vector<uint32_t> phantomsOfRing(const std::vector<LiveRecord>& live, uint32
   return phantoms;
 }
 
+// Keys of kept copies, and how many records each has, others than copies included.
+class KeysOfCopies {
+ public:
+  explicit KeysOfCopies(const std::vector<LiveRecord>& live) {
+    for (const LiveRecord& record : live) {
+      if (record.kept) keys_.push_back(record.key);
+    }
+    std::sort(keys_.begin(), keys_.end());
+    keys_.erase(std::unique(keys_.begin(), keys_.end()), keys_.end());
+    counts_.resize(keys_.size());
+    if (keys_.empty()) return;
+    for (const LiveRecord& record : live) {
+      const size_t index = indexOf(record.key);
+      if (index < keys_.size() && keys_[index] == record.key) ++counts_[index];
+    }
+  }
+  // `key` is one of them.
+  bool isThereOnce(uint32_t key) const { return counts_[indexOf(key)] == 1; }
+
+ private:
+  size_t indexOf(uint32_t key) const {
+    return static_cast<size_t>(std::lower_bound(keys_.begin(), keys_.end(), key) - keys_.begin());
+  }
+
+  std::vector<uint32_t> keys_;
+  std::vector<uint32_t> counts_;
+};
+
 }  // namespace
 
 std::vector<uint32_t> findPhantomRecords(const std::vector<LiveRecord>& live, uint32_t free) {
-  std::map<uint32_t, uint32_t> records;  // of each key
-  for (const LiveRecord& record : live) ++records[record.key];
+  const KeysOfCopies copies(live);
   std::vector<LiveRecord> ring;
   std::vector<uint32_t> indexes;
+  ring.reserve(live.size());
+  indexes.reserve(live.size());
   for (size_t i = 0; i < live.size(); ++i) {
-    if (live[i].kept && records[live[i].key] == 1) continue;
+    if (live[i].kept && copies.isThereOnce(live[i].key)) continue;
     ring.push_back(live[i]);
     indexes.push_back(static_cast<uint32_t>(i));
   }

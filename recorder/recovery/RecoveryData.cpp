@@ -118,7 +118,10 @@ bool Recovery::freeDatabase() {
 
 // From its image, or anew.
 bool Recovery::rows() {
-  if (restoreImage()) return true;
+  if (restoreImage()) {
+    startUp_->forget();
+    return true;
+  }
   if (!report_.ok()) return false;
   report_.startUp = startUp_->rebuild();
   return report_.startUp.ok() || fail(report_.startUp.error);

@@ -33,10 +33,10 @@ bool surveyBoth(JournalSurvey* events, JournalSurvey* streams) {
 }
 
 // The two copies of each journal, which are counted on the way.
-bool makeEqual(JournalSurvey* events, JournalSurvey* streams,
-               const std::function<bool()>& mayWrite) {
+bool makeEqual(JournalSurvey* events, JournalSurvey* streams, const std::function<bool()>& mayWrite,
+               JournalBytes* readEvents, JournalBytes* readStreams) {
   if (omitted("scrub")) return surveyBoth(events, streams);
-  return scrubJournals(events, streams, mayWrite) == 0;
+  return scrubJournals(events, streams, mayWrite, readEvents, readStreams) == 0;
 }
 
 }  // namespace
@@ -68,9 +68,17 @@ bool StartUp::scrub(const std::function<bool()>& mayWrite) {
   scrubbed_ = true;
   JournalSurvey& events = report_.events;
   JournalSurvey& streams = report_.streams;
-  if (makeEqual(&events, &streams, mayWrite)) return true;
+  readEvents_ = std::make_unique<JournalBytes>(journalTraits(JournalKind::kEvent));
+  readStreams_ = std::make_unique<JournalBytes>(journalTraits(JournalKind::kStream));
+  if (makeEqual(&events, &streams, mayWrite, readEvents_.get(), readStreams_.get())) return true;
+  forget();
   const std::string& reason = events.error.empty() ? streams.error : events.error;
   return fail(StartUpReport::kSurvey, reason.empty() ? kErrSurvey : reason);
+}
+
+void StartUp::forget() {
+  readEvents_.reset();
+  readStreams_.reset();
 }
 
 // Where the replay itself knows why.
@@ -81,10 +89,14 @@ void StartUp::replayFailed(StartUpReport::Step step, const char* text) {
 
 bool StartUp::replay() {
   CDbRestore restore;
-  if (restore.restoreEventDb() != 0) replayFailed(StartUpReport::kEventReplay, kErrEventReplay);
-  if (restore.restoreStreamDb(kStreamJournalChunk) != 0) {
+  if (restore.restoreEventDb(readEvents_.get()) != 0) {
+    replayFailed(StartUpReport::kEventReplay, kErrEventReplay);
+  }
+  readEvents_.reset();
+  if (restore.restoreStreamDb(kStreamJournalChunk, readStreams_.get()) != 0) {
     replayFailed(StartUpReport::kStreamReplay, kErrStreamReplay);
   }
+  readStreams_.reset();
   report_.eventRows = count(kSqlCountEvents);
   report_.streamRows = count(kSqlCountStreams);
   return report_.ok();

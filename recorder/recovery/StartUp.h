@@ -1,9 +1,11 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "base/Export.h"
+#include "dblog/JournalBytes.h"
 #include "recorder/recovery/StartUpReport.h"
 
 namespace tarn {
@@ -23,6 +25,8 @@ class TARN_API StartUp {
   // the report has what they hold. When it refuses this fails without a reason of its own.
   bool scrub(const std::function<bool()>& mayWrite = nullptr);
   StartUpReport rebuild();
+  // For who does not rebuild: gives back the memory of what scrub() read.
+  void forget();
   const StartUpReport& report() const { return report_; }
 
  private:
@@ -40,6 +44,9 @@ class TARN_API StartUp {
 
   StartUpReport report_;
   bool scrubbed_ = false;
+  // What scrub() read, for the replay.
+  std::unique_ptr<JournalBytes> readEvents_;
+  std::unique_ptr<JournalBytes> readStreams_;
 };
 
 }  // namespace tarn

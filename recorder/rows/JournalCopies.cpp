@@ -1,6 +1,7 @@
 #include "recorder/rows/JournalCopies.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace tarn {
 
@@ -26,14 +27,15 @@ JournalCopy JournalCopies::at(uint32_t position) {
   position_ = position;
   first_ = look(&originals_, position);
   second_ = look(&mirrors_, position);
-  copy_ = judgeJournalCopies(traits_, position, first_, second_);
+  alike_ =
+      first_ != nullptr && second_ != nullptr && memcmp(first_, second_, traits_.recordSize) == 0;
+  copy_ = judgeJournalCopies(traits_, position, first_, second_, &inPlace_);
   return copy_;
 }
 
 bool JournalCopies::inPlaceAt(uint32_t position) {
-  const JournalCopy copy = at(position);
-  return (copy == JournalCopy::kOriginal || copy == JournalCopy::kMirror) &&
-         journalRecordInPlace(traits_, record(), position);
+  at(position);
+  return inPlace_;
 }
 
 uint32_t JournalCopies::firstInPlace(uint32_t position, uint32_t end) {

@@ -24,7 +24,8 @@ class JournalCopies {
 
   // Bytes up to the last whole place, as far as a journal is read.
   uint32_t size() const { return size_; }
-  // Judges a place below size(). What is below is of this place until the next call.
+  // Judges a place below size(). What is below is of this place until the next call. Of two copies
+  // that are alike one checksum is worked out.
   JournalCopy at(uint32_t position);
 
   // Behind an erased place: the next record that lies where it says, or size() when the journal
@@ -34,6 +35,10 @@ class JournalCopies {
   // there proves nothing either way.
   uint32_t nextAfterHole(uint32_t position, uint32_t savedFree);
 
+  // After kOriginal and kMirror: whether record() lies where it says; and whether both copies came
+  // and are the same, so that what is true of one is true of the other.
+  bool isInPlace() const { return inPlace_; }
+  bool areAlike() const { return alike_; }
   // What the device gave; null where it gave nothing.
   const uint8_t* original() const { return first_; }
   const uint8_t* mirror() const { return second_; }
@@ -71,6 +76,8 @@ class JournalCopies {
   const uint8_t* first_ = nullptr;
   const uint8_t* second_ = nullptr;
   JournalCopy copy_ = JournalCopy::kRefused;
+  bool inPlace_ = false;
+  bool alike_ = false;
 };
 
 // "event" or "stream", for messages.

@@ -6,6 +6,9 @@
 #include "base/Export.h"
 #include "db/DbRecords.h"
 
+namespace tarn {
+class JournalBytes;
+}
 class CTARNEndlessManagerNative;
 class CTARNStreamChunk;
 class CTARNStreamManagerNative;
@@ -31,6 +34,9 @@ class TARN_API CDbRestore {
   // rows before it stay.
   int restoreEventDb();
   int restoreStreamDb(short chunk);
+  // The same, but what `before` has of the journal is not read again; null for nothing.
+  int restoreEventDb(const tarn::JournalBytes* before);
+  int restoreStreamDb(short chunk, const tarn::JournalBytes* before);
 
   // After both replays: moves the free offset of each journal, on both its chunks, behind the
   // record of the row with the greatest key, and saves. The card may have lost power after a record

@@ -134,7 +134,8 @@ bool replayInTransaction(JournalReader* reader, const Replay& replay) {
   return true;
 }
 
-bool replayJournal(CTARNEndlessManagerNative* store, short chunk, const Replay& replay) {
+bool replayJournal(CTARNEndlessManagerNative* store, short chunk, const Replay& replay,
+                   const JournalBytes* before) {
   const int mirrorChunk = chunk + kJournalMirrorStep;
   if (chunk < 0 || mirrorChunk >= store->numChunk()) {
     syslog(LOG_ERR, kMsgReplayNoChunk);
@@ -142,20 +143,28 @@ bool replayJournal(CTARNEndlessManagerNative* store, short chunk, const Replay& 
   }
   // On the heap: the blocks are large for a stack.
   const std::unique_ptr<JournalReader> reader(new (std::nothrow) JournalReader(
-      journalTraits(replay.kind), chunk, low32(store->getChunkSize(tarn::kAreaStream))));
+      journalTraits(replay.kind), chunk, low32(store->getChunkSize(tarn::kAreaStream)), before));
   return reader != nullptr && replayInTransaction(reader.get(), replay);
 }
 
-int restore(short chunk, const Replay& replay) {
+int restore(short chunk, const Replay& replay, const JournalBytes* before) {
   clearReplayFailure();
   CTARNEndlessManagerNative store(kFileJournal);
   if (openForRestore(&store) != 0) return -1;
-  if (!replayJournal(&store, chunk, replay)) return -1;
+  if (!replayJournal(&store, chunk, replay, before)) return -1;
   return saveForRestore(&store) == 0 ? 0 : -1;
 }
 
 }  // namespace
 
-int CDbRestore::restoreEventDb() { return restore(kEventJournalChunk, kReplayEvents); }
+int CDbRestore::restoreEventDb() { return restoreEventDb(nullptr); }
 
-int CDbRestore::restoreStreamDb(short chunk) { return restore(chunk, kReplayStreams); }
+int CDbRestore::restoreStreamDb(short chunk) { return restoreStreamDb(chunk, nullptr); }
+
+int CDbRestore::restoreEventDb(const JournalBytes* before) {
+  return restore(kEventJournalChunk, kReplayEvents, before);
+}
+
+int CDbRestore::restoreStreamDb(short chunk, const JournalBytes* before) {
+  return restore(chunk, kReplayStreams, before);
+}

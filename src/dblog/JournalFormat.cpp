@@ -90,11 +90,19 @@ JournalCopy beside(const uint8_t* original, const uint8_t* mirror) {
 
 JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
                                const uint8_t* original, const uint8_t* mirror) {
-  const auto inPlace = [&](const uint8_t* record) {
+  bool inPlace = false;
+  return judgeJournalCopies(traits, position, original, mirror, &inPlace);
+}
+
+JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
+                               const uint8_t* original, const uint8_t* mirror, bool* inPlace) {
+  const auto liesHere = [&](const uint8_t* record) {
     return record != nullptr && journalRecordInPlace(traits, record, position);
   };
-  if (inPlace(original)) return JournalCopy::kOriginal;
-  if (inPlace(mirror)) return JournalCopy::kMirror;
+  *inPlace = true;
+  if (liesHere(original)) return JournalCopy::kOriginal;
+  if (liesHere(mirror)) return JournalCopy::kMirror;
+  *inPlace = false;
   if (original == nullptr || mirror == nullptr) return beside(original, mirror);
   // Zeros beside an erased copy are what a card made of the other one, and no record.
   const bool erased = isErased(original) || isErased(mirror);

@@ -97,6 +97,11 @@ enum class JournalCopy : uint8_t {
 // other one counts only when it lies in its place.
 TARN_API JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
                                         const uint8_t* original, const uint8_t* mirror);
+// The same; *inPlace tells whether the copy that counts lies where it says
+// (journalRecordInPlace()), so that who needs to know need not work its checksum out once more.
+TARN_API JournalCopy judgeJournalCopies(const JournalTraits& traits, uint32_t position,
+                                        const uint8_t* original, const uint8_t* mirror,
+                                        bool* inPlace);
 
 // Live, sealed records, and the rows in records.
 TARN_API void encodeEventRecord(const DB_EVENT& row, void* record);

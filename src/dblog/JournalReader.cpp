@@ -19,8 +19,9 @@ constexpr useconds_t kPauseUs = 10000;
 
 }  // namespace
 
-JournalReader::JournalReader(const JournalTraits& traits, short chunk, uint32_t chunkSize)
-    : traits_(traits), chunkSize_(chunkSize), record_(original_.single) {
+JournalReader::JournalReader(const JournalTraits& traits, short chunk, uint32_t chunkSize,
+                             const JournalBytes* before)
+    : traits_(traits), chunkSize_(chunkSize), before_(before), record_(original_.single) {
   open(&original_, chunk);
   open(&mirror_, static_cast<short>(chunk + kJournalMirrorStep));
 }
@@ -40,12 +41,19 @@ bool JournalReader::readSide(Side* side, uint32_t position, void* out, uint32_t 
          side->fat.read(side->handle, out, length) == static_cast<long>(length);
 }
 
+// A block, or no more than lies in front of what is known.
+uint32_t JournalReader::lengthToRead() const {
+  const uint32_t left = chunkSize_ - position_;
+  const uint32_t most = std::min(kBlockSize, left - left % traits_.recordSize);
+  if (before_ == nullptr) return most;
+  return std::min(most, std::max(kLeastSize, before_->gapFrom(position_, most)));
+}
+
 // Null when the device does not give it.
 const uint8_t* JournalReader::at(Side* side) {
   if (position_ < side->start || position_ - side->start >= side->length) {
-    const uint32_t left = chunkSize_ - position_;
     side->start = position_;
-    side->length = std::min(kBlockSize, left - left % traits_.recordSize);
+    side->length = lengthToRead();
     side->good = readSide(side, position_, side->block, side->length);
   }
   if (side->good) return side->block + (position_ - side->start);
@@ -80,6 +88,10 @@ bool JournalReader::endsHere() {
 
 JournalReader::Result JournalReader::read() {
   if (position_ > chunkSize_ || chunkSize_ - position_ < traits_.recordSize) return Result::kEnd;
+  if (const uint8_t* known = before_ == nullptr ? nullptr : before_->at(position_)) {
+    record_ = known;
+    return Result::kRecord;
+  }
   JournalCopy copy = judge();
   for (int tries = 1; copy == JournalCopy::kRefused && tries < kTries; ++tries) {
     usleep(kPauseUs);

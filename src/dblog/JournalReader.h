@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "dblog/JournalBytes.h"
 #include "dblog/JournalFormat.h"
 #include "fat/CFATAccess.h"
 
@@ -10,7 +11,8 @@ namespace tarn {
 // Reads a journal from its first record on, one record a call, as judgeJournalCopies() takes it
 // from the two copies. Both are read in large blocks, the mirror only where the original alone does
 // not tell; a record of a block that the device did not deliver is asked for by itself, a few times
-// where neither copy comes. Not part of the interface. Used by one thread.
+// where neither copy comes. What has been read of the journal before is not read again. Not part of
+// the interface. Used by one thread.
 class JournalReader {
  public:
   enum class Result {
@@ -22,8 +24,10 @@ class JournalReader {
     kEnd,      // the chunk has no room for another record; record() is not changed
   };
 
-  // `chunk` is the original's, its mirror's the next one. chunkSize in bytes, of both.
-  JournalReader(const JournalTraits& traits, short chunk, uint32_t chunkSize);
+  // `chunk` is the original's, its mirror's the next one. chunkSize in bytes, of both. `before`,
+  // where given, outlives this.
+  JournalReader(const JournalTraits& traits, short chunk, uint32_t chunkSize,
+                const JournalBytes* before = nullptr);
   ~JournalReader();
   JournalReader(const JournalReader&) = delete;
   JournalReader& operator=(const JournalReader&) = delete;
@@ -37,6 +41,7 @@ class JournalReader {
 
  private:
   static constexpr uint32_t kBlockSize = 64 * 1024;
+  static constexpr uint32_t kLeastSize = 4 * 1024;  // of a read between records known before
 
   // One copy.
   struct Side {
@@ -51,12 +56,14 @@ class JournalReader {
 
   void open(Side* side, short chunk);
   bool readSide(Side* side, uint32_t position, void* out, uint32_t length);
+  uint32_t lengthToRead() const;
   const uint8_t* at(Side* side);
   JournalCopy judge();
   bool endsHere();
 
   const JournalTraits& traits_;
   const uint32_t chunkSize_;
+  const JournalBytes* const before_;
   uint32_t position_ = 0;
   const uint8_t* record_;
   Side original_;

@@ -512,9 +512,10 @@ bool CDbLog::deleteEvent(unsigned long key) {
                 [&] { return real(this, key); });
 }
 
-int CDbRestore::restoreStreamDb(short chunk) {
-  static const auto real = next<int (*)(CDbRestore*, short)>("_ZN10CDbRestore15restoreStreamDbEs");
-  const int result = real(this, chunk);
+int CDbRestore::restoreStreamDb(short chunk, const tarn::JournalBytes* before) {
+  static const auto real = next<int (*)(CDbRestore*, short, const tarn::JournalBytes*)>(
+      "_ZN10CDbRestore15restoreStreamDbEsPKN4tarn12JournalBytesE");
+  const int result = real(this, chunk, before);
   CApiDb db;
   if (!g_loseRow || db.setSql("SELECT streamID FROM STREAM LIMIT 1") != 0 || db.getNTuple() == 0)
     return result;
