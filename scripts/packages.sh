@@ -1,7 +1,7 @@
 # Debian packages, by what they are needed for. Sourced by the commands.
 # shellcheck shell=bash disable=SC2034
 build_packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcli11-dev libfmt-dev
-  nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev)
+  nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev libmicrohttpd-dev)
 # 32-bit ARM: built here and run through QEMU.
 arm_packages=(g++-arm-linux-gnueabihf qemu-user googletest)
 # The emulated board.

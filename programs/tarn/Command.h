@@ -37,6 +37,8 @@ class Command {
   virtual std::vector<std::string> shownPaths() const { return {}; }
   // The global option --card, for commands that do not need a recorder.
   virtual void setCard(const std::string& card) { static_cast<void>(card); }
+  // The card that the command itself names to be shown in a private view; "" without one.
+  virtual std::string ownCard() const { return ""; }
 };
 
 // Every command, in the order of the help text; Commands.cpp lists them.
@@ -54,5 +56,7 @@ std::unique_ptr<Command> makeSaveCommand();
 // In video/, where the build has libavformat.
 std::unique_ptr<Command> makeRecordCommand();
 std::unique_ptr<Command> makeExportCommand();
+// Where the build has libmicrohttpd, too.
+std::unique_ptr<Command> makeServeCommand();
 
 }  // namespace tarn

@@ -15,6 +15,9 @@ std::vector<std::unique_ptr<Command>> allCommands() {
 #ifdef TARN_WITH_MEDIA
   commands.push_back(makeExportCommand());
 #endif
+#ifdef TARN_WITH_SERVE
+  commands.push_back(makeServeCommand());
+#endif
   commands.push_back(makeLogCommand());
   commands.push_back(makeRunCommand());
   commands.push_back(makeRecoverCommand());

@@ -143,6 +143,7 @@ int runTool(int argc, char** argv) {
     return kExitUsage;
   }
   if (tool.viewPipe >= 0) return runInside(command, tool.viewPipe);
+  if (tool.card.empty()) tool.card = command->ownCard();
   if (!command->needsRecorder()) {
     if (!tool.card.empty()) command->setCard(tool.card);
     return runCommand(command);

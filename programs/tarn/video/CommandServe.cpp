@@ -1,0 +1,78 @@
+#include <fmt/format.h>
+#include <poll.h>
+
+#include "Command.h"
+#include "Console.h"
+#include "media/serve/HttpServer.h"
+#include "media/serve/ServeApi.h"
+#include "recorder/rows/RecorderDatabase.h"
+#include "video/PageFiles.h"
+
+namespace tarn {
+namespace {
+
+constexpr int kLookMs = 100;
+
+class CommandServe : public Command {
+ public:
+  CLI::App* addTo(CLI::App& tool) override {
+    CLI::App* app = tool.add_subcommand(
+        "serve", "Show what is recorded, and what is being recorded, in a browser");
+    app->add_option("CARD", card_,
+                    "block device or image file, shown in a private view; default: the recorder "
+                    "that runs on this machine");
+    app->add_option("--listen", listen_, "where to listen; port 0 takes a free one")
+        ->type_name("ADDRESS:PORT")
+        ->capture_default_str();
+    app->add_flag("--read-only", settings_.readOnly, "no check of the card from the page");
+    app->add_option("--token-file", options_.tokenFile,
+                    "only for who knows the first line of this file")
+        ->type_name("FILE");
+    app->add_option("--tls-certificate", options_.certificate, "answer over TLS, with this chain")
+        ->type_name("FILE");
+    app->add_option("--tls-key", options_.key, "private key of the certificate")->type_name("FILE");
+    app->footer("Beyond the loopback (--listen 0.0.0.0:8420) all three files are needed.");
+    return app;
+  }
+
+  std::string ownCard() const override { return card_; }
+  std::vector<std::string*> userPaths() override {
+    return {&options_.tokenFile, &options_.certificate, &options_.key};
+  }
+
+  int run() override {
+    std::string error;
+    if (!options_.place.parse(listen_, &error)) {
+      complain(error);
+      return kExitUsage;
+    }
+    settings_.version = TARN_VERSION;
+    if (databaseIsGood(stopRequested, &error) && serve(&error)) return kExitGood;
+    complain(error);
+    return kExitFailed;
+  }
+
+ private:
+  bool serve(std::string* error) {
+    ServeApi api(settings_, pageFiles());
+    HttpServer server([&api](const HttpRequest& request) { return api.answer(request); });
+    if (!api.start(error) || !server.start(options_, error)) return false;
+    fmt::print("{}\n", server.address());
+    fflush(stdout);
+    while (!stopRequested()) poll(nullptr, 0, kLookMs);
+    api.stop();
+    server.stop();
+    return true;
+  }
+
+  std::string card_;
+  std::string listen_ = "127.0.0.1:8420";
+  ServeSettings settings_;
+  HttpOptions options_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeServeCommand() { return std::make_unique<CommandServe>(); }
+
+}  // namespace tarn
