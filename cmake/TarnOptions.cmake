@@ -1,7 +1,7 @@
 option(TARN_BUILD_TESTS "Build the tests (needs GoogleTest and bubblewrap)" OFF)
 option(TARN_BUILD_BENCH "Build the benchmarks (needs Google Benchmark)" OFF)
 option(TARN_BUILD_FUZZ "Build the fuzz targets (needs clang and its libFuzzer)" OFF)
-option(TARN_TESTS_TOGETHER "Compile several test sources as one: half the time for all, more for one" OFF)
+option(TARN_TESTS_TOGETHER "Compile several sources of what is not shipped as one: half the time for all, more for one" OFF)
 option(TARN_WERROR "Treat warnings as errors" ON)
 set(TARN_MEDIA AUTO CACHE STRING "Media commands of the tool, which need libavformat: AUTO, ON or OFF")
 set(TARN_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
@@ -38,3 +38,11 @@ if(TARN_SANITIZE)
   add_compile_options(-fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g1 -Og)
   add_link_options(-fsanitize=${TARN_SANITIZE})
 endif()
+
+# For what is built to test and never shipped. The build as shipped compiles each source by itself, and
+# so shows what one lacks.
+function(tarn_compiled_together)
+  if(TARN_TESTS_TOGETHER)
+    set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 10)
+  endif()
+endfunction()

@@ -57,6 +57,10 @@ foreach(kind systemd:systemd/system tmpfiles.d:tmpfiles.d)
   install(DIRECTORY ${CMAKE_CURRENT_LIST_DIR}/${folder}/ DESTINATION lib/${place} COMPONENT tools
     ${without_media})
 endforeach()
+if(TARGET TarnMedia)
+  install(FILES ${CMAKE_CURRENT_LIST_DIR}/examples/record.conf
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tarn-tools/examples COMPONENT tools)
+endif()
 
 set(same "(= ${PROJECT_VERSION})")
 # tarn_package(component name section depends summary text)

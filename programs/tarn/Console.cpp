@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cinttypes>
 #include <cstdio>
@@ -16,10 +17,23 @@ namespace {
 
 constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
+// A terminal, or a program that ends us and our group, may send two for one: those are one request.
+constexpr uint32_t kOneRequestMs = 500;
+
 volatile sig_atomic_t g_stop = 0;
+std::atomic<uint32_t> g_stoppedAt{0};  // by the monotonic clock, which may wrap
+
+uint32_t monotonicMs() {
+  struct timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint32_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec / 1000000);
+}
 
 void onStopSignal(int signal) {
-  if (g_stop != 0 && signal == SIGINT) _exit(128 + SIGINT);
+  if (g_stop == 0) g_stoppedAt = monotonicMs();
+  if (g_stop != 0 && signal == SIGINT && monotonicMs() - g_stoppedAt >= kOneRequestMs) {
+    _exit(128 + SIGINT);
+  }
   g_stop = 1;
   RequestPatience::hurry();
 }

@@ -28,7 +28,7 @@ class ProgressLine {
 };
 
 // From the first call on, SIGINT, SIGTERM and SIGHUP ask for an orderly stop instead of ending the
-// program; a second SIGINT ends it.
+// program; a second SIGINT, half a second after it or later, ends it.
 void catchStopSignals();
 bool stopRequested();
 // Back to what signals do by themselves; for a child process about to run another program.

@@ -21,6 +21,7 @@
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
 #include "dblog/CDbRestore.h"
+#include "powercut/NextCall.h"
 
 using namespace powercut;
 
@@ -46,11 +47,6 @@ bool g_rowLost = false;
 bool g_keepLog = false;
 std::string g_log;
 std::mutex g_logMutex;
-
-template <typename Function>
-Function next(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
 
 bool isCard(int fd) { return fd >= 0 && fd < kDescriptors && g_isCard[fd].load(); }
 void setCard(int fd, bool card) {

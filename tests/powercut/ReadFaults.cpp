@@ -66,7 +66,7 @@ std::string checkReadable(const Recorded& life, const ReadFault& fault, const DB
   return "";
 }
 
-std::string text(const DB_STREAM& row) {
+std::string shortText(const DB_STREAM& row) {
   return "recording " + std::to_string(row.streamID) + " (" + std::to_string(row.recSize) +
          " pictures)";
 }
@@ -78,15 +78,15 @@ std::string checkStreams(const Recorded& life, const ReadFault& fault) {
   const auto touched = touchedRows(life, fault);
   for (const DB_STREAM& row : life.finalStreams) {
     const auto place = now.find(row.streamID);
-    if (place == now.end()) return "gone: " + text(row);
+    if (place == now.end()) return "gone: " + shortText(row);
     const bool same = memcmp(&place->second, &row, sizeof row) == 0;
     const bool left = fault.kind != ReadFault::kSector && place->second.recSize == 0;
     if (!same && !left && touched.count(row.streamID) == 0)
-      return text(row) + " has become " + text(place->second);
+      return shortText(row) + " has become " + shortText(place->second);
     // What else refuses reads ends with the recovery, or at the next read.
     if (fault.kind != ReadFault::kSector || place->second.recSize == 0) continue;
     const std::string failure = checkReadable(life, fault, place->second);
-    if (!failure.empty()) return text(row) + ": " + failure;
+    if (!failure.empty()) return shortText(row) + ": " + failure;
   }
   return "";
 }

@@ -15,17 +15,13 @@
 #include <vector>
 
 #include "powercut/CardTrace.h"
+#include "powercut/NextCall.h"
 #include "recorder/rows/DatabaseSetup.h"
 
 using namespace powercut;
 
 namespace powercut {
 namespace {
-
-template <typename Function>
-Function next(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
 
 // The set-up program's file, made once: its bytes are the same every time.
 bool putEmptyDatabase() {
