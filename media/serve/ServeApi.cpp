@@ -9,6 +9,7 @@
 #include "media/serve/QueryReader.h"
 #include "media/serve/RowAnswers.h"
 #include "media/serve/RowFollower.h"
+#include "media/serve/VideoAnswers.h"
 #include "recorder/card/NoThrow.h"
 
 namespace tarn {
@@ -67,6 +68,10 @@ class ServeApi::Impl {
         {"/api/health", Method::kGet, &Impl::health},
         {"/api/check", Method::kGet, &Impl::check},
         {"/api/check", Method::kPost, &Impl::beginCheck},
+        {"/api/pictures", Method::kGet, &Impl::pictures},
+        {"/api/segments", Method::kGet, &Impl::segments},
+        {"/api/thumbnail", Method::kGet, &Impl::thumbnail},
+        {"/api/export", Method::kGet, &Impl::exported},
         {"/api/stream", Method::kGet, &Impl::stream},
         {"/metrics", Method::kGet, &Impl::metrics},
     };
@@ -77,7 +82,8 @@ class ServeApi::Impl {
       known = true;
     }
     if (known) return errorResponse(405, "this address does not take that method");
-    return request.method == Method::kGet ? page(request) : errorResponse(404, kNoSuchAddress);
+    if (request.method != Method::kGet) return errorResponse(404, kNoSuchAddress);
+    return request.path.rfind("/hls/", 0) == 0 ? video_.hls(request) : page(request);
   }
 
  private:
@@ -89,6 +95,10 @@ class ServeApi::Impl {
   HttpResponse health(const HttpRequest& request) { return card_.health(request); }
   HttpResponse check(const HttpRequest& request) { return card_.check(request); }
   HttpResponse beginCheck(const HttpRequest& request) { return card_.beginCheck(request); }
+  HttpResponse pictures(const HttpRequest& request) { return video_.pictures(request); }
+  HttpResponse segments(const HttpRequest& request) { return video_.segments(request); }
+  HttpResponse thumbnail(const HttpRequest& request) { return video_.thumbnail(request); }
+  HttpResponse exported(const HttpRequest& request) { return video_.exported(request); }
   HttpResponse metrics(const HttpRequest& request) { return card_.metrics(request); }
 
   HttpResponse stream(const HttpRequest& request) {
@@ -119,6 +129,7 @@ class ServeApi::Impl {
   RowAnswers rows_{&follower_};
   CardAnswers card_{settings_, &follower_, &rows_};
   LogAnswers log_;
+  VideoAnswers video_{&follower_};
 };
 
 ServeApi::ServeApi(const ServeSettings& settings, std::vector<PageFile> page)

@@ -1,0 +1,69 @@
+#include "media/serve/ExportStream.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace tarn {
+
+ExportStream::ExportStream(std::unique_ptr<PieceWalker> walker, int64_t toUs)
+    : walker_(std::move(walker)), toUs_(toUs) {}
+
+bool ExportStream::begin() {
+  const auto sink = [this](const uint8_t* data, size_t size) {
+    made_.append(reinterpret_cast<const char*>(data), size);
+    return true;
+  };
+  // The file begins with its first picture, whose date is in it.
+  return takePiece() && movie_.open(FragmentedMovie::Plan(), sink);
+}
+
+bool ExportStream::takePiece() {
+  if (!walker_->next(false, &piece_) || piece_.fromUs > toUs_) return false;
+  next_ = piece_.first;
+  return true;
+}
+
+bool ExportStream::takePicture() {
+  PictureEntry entry;
+  RecordingReader* reader = walker_->reader();
+  if (!reader->picture(next_, &entry)) return true;
+  OutputPicture picture;
+  if (!reader->readPicture(entry, &picture.annexB)) return true;  // missing, and nothing else
+  picture.presentation = entry.presentation;
+  picture.decodeOffsetUs = entry.decodeOffsetUs;
+  picture.key = entry.isKey();
+  if (picture.key && entry.presentation.totalMicros() > toUs_) {
+    ended_ = true;
+    return true;
+  }
+  return movie_.write(picture);
+}
+
+// One picture more, or the end.
+bool ExportStream::makeMore() {
+  if (next_ == piece_.end() && !takePiece()) ended_ = true;
+  if (!ended_ && !takePicture()) return false;
+  if (ended_) return movie_.finish();
+  ++next_;
+  return true;
+}
+
+ssize_t ExportStream::read(char* out, size_t room) {
+  if (failed_) return -2;
+  if (sent_ == made_.size()) {
+    made_.clear();
+    sent_ = 0;
+    while (made_.empty() && !ended_) {
+      failed_ = !makeMore();
+      if (failed_) return -2;
+    }
+    if (made_.empty()) return -1;
+  }
+  const size_t size = std::min(room, made_.size() - sent_);
+  memcpy(out, made_.data() + sent_, size);
+  sent_ += size;
+  return static_cast<ssize_t>(size);
+}
+
+}  // namespace tarn
