@@ -1,12 +1,13 @@
 # Debian packages, by what they are needed for. Sourced by the commands.
 # shellcheck shell=bash disable=SC2034
 build_packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcli11-dev libfmt-dev
-  nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev libmicrohttpd-dev)
+  nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev libmicrohttpd-dev
+  libfuse3-dev libewf-dev)
 # 32-bit ARM: built here and run through QEMU.
 arm_packages=(g++-arm-linux-gnueabihf qemu-user googletest)
 # The emulated board.
 board_packages=(qemu-system-arm cpio kmod mtools)
-run_packages=(bubblewrap)
+run_packages=(bubblewrap fuse3)
 # A server of cameras.
 camera_packages=(gir1.2-gst-rtsp-server-1.0 python3-gi gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-bad)

@@ -23,6 +23,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr char kMsgOverlayFull[] =
+    " is only read, and the memory for what is written meanwhile is used up: nothing more is taken";
 constexpr char kTmp[] = "/tmp";
 constexpr char kDev[] = "/dev";
 constexpr char kTerminals[] = "/dev/pts";
@@ -102,6 +104,23 @@ std::string CardView::pathInside(const std::string& path) {
 int CardView::run(const std::string& card, const std::vector<std::string>& arguments,
                   const std::vector<std::string>& shown, std::string* error) {
   if (lock_.acquire(card, false, error) != 0) return -1;
+  return runOn(lock_.isBlockDevice() ? "--dev-bind" : "--bind", resolved(card).string(), arguments,
+               shown, error);
+}
+
+int CardView::runReadOnly(const std::string& card, CardOriginal* original,
+                          const std::vector<std::string>& arguments,
+                          const std::vector<std::string>& shown, std::string* error) {
+  if (lock_.acquireToRead(card, error) != 0) return -1;
+  if (overlay_.start(original, card + kMsgOverlayFull, error) != 0) return -1;
+  const int exitCode = runOn("--bind", overlay_.path(), arguments, shown, error);
+  overlay_.stop();
+  return exitCode;
+}
+
+int CardView::runOn(const char* option, const std::string& shownCard,
+                    const std::vector<std::string>& arguments,
+                    const std::vector<std::string>& shown, std::string* error) {
   int pidPipe[2];
   if (pipe(pidPipe) != 0) {
     *error = "cannot make a pipe";
@@ -113,7 +132,7 @@ int CardView::run(const std::string& card, const std::vector<std::string>& argum
   fcntl(reading.get(), F_SETFL, O_NONBLOCK);
 
   words_ = {"bwrap", "--bind", "/", "/", "--dev", "/dev", "--unshare-ipc", "--die-with-parent"};
-  addCard(card);
+  addCard(option, shownCard);
   addTmp(shown);
   addSetupCommand();
   words_.insert(words_.end(), {"--", ownPath(), "--inside-view", std::to_string(writing.get())});
@@ -137,9 +156,8 @@ int CardView::run(const std::string& card, const std::vector<std::string>& argum
   });
 }
 
-void CardView::addCard(const std::string& card) {
-  const char* option = lock_.isBlockDevice() ? "--dev-bind" : "--bind";
-  words_.insert(words_.end(), {option, resolved(card).string(), deviceName(kRecorderPartition)});
+void CardView::addCard(const char* option, const std::string& card) {
+  words_.insert(words_.end(), {option, card, deviceName(kRecorderPartition)});
   // The system log stays in reach.
   words_.insert(words_.end(), {"--bind-try", "/dev/log", "/dev/log"});
 }

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "original/OverlayMount.h"
 #include "recorder/card/CardLock.h"
 
 namespace tarn {
@@ -23,18 +24,29 @@ class CardView {
   int run(const std::string& card, const std::vector<std::string>& arguments,
           const std::vector<std::string>& shown, std::string* error);
 
+  // The same with what `card` holds as it is now: what is written in the view is kept in memory and
+  // dropped at its end, and the original is only read. It must outlive the call. From then on this
+  // process may have namespaces of its own.
+  int runReadOnly(const std::string& card, CardOriginal* original,
+                  const std::vector<std::string>& arguments, const std::vector<std::string>& shown,
+                  std::string* error);
+
   // Inside a view: where a path given by the user is found. Only what lies in /tmp itself, or in a
   // directory of it that run() was not told to show, has another name there.
   static std::string pathInside(const std::string& path);
 
  private:
-  void addCard(const std::string& card);
+  int runOn(const char* option, const std::string& shownCard,
+            const std::vector<std::string>& arguments, const std::vector<std::string>& shown,
+            std::string* error);
+  void addCard(const char* option, const std::string& card);
   void addTmp(const std::vector<std::string>& shown);
   void addSetupCommand();
   void showHidden(const std::string& path);
   void bind(const std::string& from, const std::string& to);
 
   CardLock lock_;
+  OverlayMount overlay_;
   std::vector<std::string> words_;
 };
 

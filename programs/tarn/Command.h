@@ -28,6 +28,13 @@ class Command {
   // False for commands that must run before the management server does; in a private view nothing
   // is started around them.
   virtual bool needsServer() const { return true; }
+  // Whether it changes the card that it works on; one that is only read is refused to it then.
+  // Asked once its options are parsed.
+  virtual bool changesCard() const { return true; }
+  // Whether it works, all the same, where its changes are kept in memory and dropped.
+  virtual bool worksReadOnly() const { return !changesCard(); }
+  // Whether it was asked to show what it would change, and is to be run where that is dropped.
+  virtual bool isDryRun() const { return false; }
   // Exit code for a command line that makes no sense.
   virtual int usageExitCode() const { return kExitUsage; }
   // Members that hold paths given by the user, "" and "-" meaning none. In a private view, where

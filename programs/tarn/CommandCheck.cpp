@@ -87,6 +87,7 @@ class CommandCheck : public Command {
   }
 
   bool needsRecorder() const override { return false; }
+  bool changesCard() const override { return (repair_ && !dryRun_) || !takeBack_.empty(); }
   int usageExitCode() const override { return kExitCheckUsage; }
   void setCard(const std::string& card) override {
     if (card_.empty()) card_ = card;

@@ -51,6 +51,7 @@ class CommandInfo : public Command {
   }
 
   bool needsRecorder() const override { return false; }
+  bool changesCard() const override { return false; }
   void setCard(const std::string& card) override {
     if (card_.empty()) card_ = card;
   }

@@ -54,6 +54,8 @@ class CommandKeep : public Command {
     return app;
   }
 
+  bool changesCard() const override { return !list_; }
+
   int run() override {
     if (!takeRequest()) return kExitUsage;
     std::string error;

@@ -134,6 +134,8 @@ class CommandList : public Command {
     return app;
   }
 
+  bool changesCard() const override { return false; }
+
   int run() override {
     if (what_ == "events" && (channel_ || long_)) {
       complain("events belong to no channel and lie nowhere: --channel and --long are for streams");

@@ -104,6 +104,7 @@ class CommandLog : public Command {
     return app;
   }
 
+  bool changesCard() const override { return write_; }
   int run() override { return write_ ? writeLines() : showLines(); }
 
  private:

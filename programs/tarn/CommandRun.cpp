@@ -19,6 +19,9 @@ class CommandRun : public Command {
     return app;
   }
 
+  // Whatever the program does.
+  bool worksReadOnly() const override { return true; }
+
   int run() override {
     ChildProcess program;
     // A tool that is killed must not leave its command behind, alone with the card.

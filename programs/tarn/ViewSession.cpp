@@ -36,7 +36,7 @@ int ViewSession::open(std::string* error) {
   RecoveryReport report;
   {
     const StandardOutputMuted muted;
-    report = Recovery().run();
+    report = Recovery(readOnly_ ? FusePolicy::kGuard : FusePolicy::kStop).run();
   }
   for (const std::string& problem : report.problems) complain(problem);
   if (!report.ok()) {
@@ -98,7 +98,7 @@ int ViewSession::close(std::string* error) {
     }
   }
   if (exitCode == 0) {
-    saveImage();
+    if (!readOnly_) saveImage();
     return 0;
   }
   *error = "the management server ended with code " + std::to_string(exitCode) +

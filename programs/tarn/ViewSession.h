@@ -10,6 +10,9 @@ namespace tarn {
 // then the management server; at a clean end the database is saved into its image.
 class ViewSession {
  public:
+  // Of a card that is only read: what its damage leads to costs nothing, so that all is shown that
+  // there is, and nothing is left for a next start.
+  explicit ViewSession(bool readOnly = false) : readOnly_(readOnly) {}
   // 0, or -1 with the reason in *error; then there is nothing to close.
   int open(std::string* error);
   // Stops the server in order, which saves the management data, then saves the database's image. 0,
@@ -21,6 +24,7 @@ class ViewSession {
   bool waitForServer(int* exitCode);
   static void saveImage();
 
+  const bool readOnly_;
   ChildProcess server_;
 };
 

@@ -10,6 +10,7 @@
 #include <new>
 #include <system_error>
 
+#include "CardAccess.h"
 #include "CardView.h"
 #include "Command.h"
 #include "Console.h"
@@ -21,6 +22,8 @@ namespace tarn {
 namespace {
 
 constexpr char kOutputFailed[] = "standard output could not be written";
+// Beside --inside-view: the card is an overlay, which nobody will see again.
+constexpr char kInsideReadOnly[] = "--inside-read-only";
 constexpr char kFooter[] =
     "Exit codes: 0 done; 1 failed, with the reason on standard error; 2 wrong usage.\n"
     "run passes on the exit code of its command.";
@@ -30,6 +33,8 @@ struct Tool {
   std::vector<std::unique_ptr<Command>> commands = allCommands();
   std::vector<CLI::App*> subcommands;
   std::string card;
+  CardAccess access;
+  bool insideReadOnly = false;
   int viewPipe = -1;
 
   Tool() {
@@ -37,7 +42,10 @@ struct Tool {
                    "run the command in a private view in which CARD, a block device or image "
                    "file, is the recorder's card")
         ->type_name("CARD");
+    app.add_flag("--read-only", access.readOnly,
+                 "leave CARD as it is; what changes meanwhile is kept in memory and dropped");
     app.add_option("--inside-view", viewPipe)->group("");
+    app.add_flag(kInsideReadOnly, insideReadOnly)->group("");
     app.set_version_flag("--version", "tarn " TARN_VERSION, "print the version and exit");
     app.require_subcommand(0, 1);
     app.footer(kFooter);
@@ -49,6 +57,13 @@ struct Tool {
       if (subcommands[i]->parsed()) return commands[i].get();
     }
     return nullptr;
+  }
+
+  std::string nameOf(const Command* command) const {
+    for (size_t i = 0; i < commands.size(); ++i) {
+      if (commands[i].get() == command) return subcommands[i]->get_name();
+    }
+    return "";
   }
 };
 
@@ -85,13 +100,13 @@ int runCommand(Command* command) {
 }
 
 // Inside the view: the recorder's surroundings, then the command.
-int runInside(Command* command, int viewPipe) {
+int runInside(Command* command, const Tool& tool) {
   catchStopSignals();
   const pid_t own = getpid();
-  const bool told = write(viewPipe, &own, sizeof own) == static_cast<ssize_t>(sizeof own);
-  close(viewPipe);
+  const bool told = write(tool.viewPipe, &own, sizeof own) == static_cast<ssize_t>(sizeof own);
+  close(tool.viewPipe);
   for (std::string* path : command->userPaths()) *path = CardView::pathInside(*path);
-  ViewSession session;
+  ViewSession session(tool.insideReadOnly);
   std::string error;
   if (told && !command->needsServer()) return runCommand(command);
   if (!told || session.open(&error) != 0) {
@@ -118,11 +133,16 @@ std::vector<std::string> pathsToShow(Command* command) {
   return paths;
 }
 
-int runInView(const std::string& card, Command* command, int argc, char** argv) {
+int runInView(const Tool& tool, Command* command, int argc, char** argv) {
   CardView view;
   std::string error;
-  const std::vector<std::string> arguments(argv + 1, argv + argc);
-  const int exitCode = view.run(card, arguments, pathsToShow(command), &error);
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  CardOriginal* original = tool.access.original();
+  if (original != nullptr) arguments.insert(arguments.begin(), kInsideReadOnly);
+  const int exitCode =
+      original == nullptr
+          ? view.run(tool.card, arguments, pathsToShow(command), &error)
+          : view.runReadOnly(tool.card, original, arguments, pathsToShow(command), &error);
   if (exitCode >= 0) return exitCode;
   complain(error);
   return kExitFailed;
@@ -142,13 +162,18 @@ int runTool(int argc, char** argv) {
     complain("which command? tarn --help lists them");
     return kExitUsage;
   }
-  if (tool.viewPipe >= 0) return runInside(command, tool.viewPipe);
+  if (tool.viewPipe >= 0) return runInside(command, tool);
   if (tool.card.empty()) tool.card = command->ownCard();
+  std::string error;
+  if (!tool.access.decide(tool.card, *command, tool.nameOf(command), &error)) {
+    complain(error);
+    return kExitFailed;
+  }
   if (!command->needsRecorder()) {
     if (!tool.card.empty()) command->setCard(tool.card);
     return runCommand(command);
   }
-  if (!tool.card.empty()) return runInView(tool.card, command, argc, argv);
+  if (!tool.card.empty()) return runInView(tool, command, argc, argv);
   catchStopSignals();
   return runCommand(command);
 }

@@ -24,13 +24,18 @@ class TARN_API CardLock {
   // 0, or -1 with the reason in *error: missing, not writable, neither file nor block device,
   // mounted, attached to a loop device, or in use by the recorder or another of our tools.
   int acquire(const std::string& path, bool create, std::string* error);
+  // For who only reads: opens `path`, which may be a folder as well, for reading, and keeps
+  // everybody out who writes. Others that only read are welcome in a file; a block device has one
+  // user of ours at a time, unless it is mounted, for reading only. 0, or -1 with the reason in
+  // *error.
+  int acquireToRead(const std::string& path, std::string* error);
   void release();
   int fd() const { return fd_; }
   bool isBlockDevice() const { return isBlockDevice_; }
 
  private:
   bool checkIdle(const std::string& path, std::string* error) const;
-  bool keepServerOut(const std::string& path, const struct stat& card, std::string* error);
+  bool keepServerOut(const std::string& path, const struct stat& card, int how, std::string* error);
 
   int fd_ = -1;
   int serverLock_ = -1;  // of the recorder's own card, where a server has run

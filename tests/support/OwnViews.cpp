@@ -60,7 +60,7 @@ void newTmpfs(const char* place) {
 
 void newDev() {
   newTmpfs("/tmp/.dev");
-  for (const std::string name : {"null", "zero", "full", "random", "urandom", "tty"}) {
+  for (const std::string name : {"null", "zero", "full", "random", "urandom", "tty", "fuse"}) {
     if (access(("/dev/" + name).c_str(), F_OK) != 0) continue;
     close(open(("/tmp/.dev/" + name).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
     bindMount("/dev/" + name, "/tmp/.dev/" + name);

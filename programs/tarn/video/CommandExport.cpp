@@ -52,6 +52,8 @@ class CommandExport : public Command {
     return app;
   }
 
+  bool changesCard() const override { return false; }
+
   int run() override {
     if (!readTime("--from", from_, 0, &request_.from) ||
         !readTime("--to", to_, 999999, &request_.to))

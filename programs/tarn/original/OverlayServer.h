@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+#include "OverlayPages.h"
+
+namespace tarn {
+
+// The process that answers the kernel for the file system of one file.
+class OverlayServer {
+ public:
+  // `full`: what to complain about when the memory is used up.
+  OverlayServer(CardOriginal* original, std::string full)
+      : pages_(original), full_(std::move(full)) {}
+
+  // Whether this build can.
+  static bool isBuilt();
+  // Mounts it at `place`, "/dev/fd/N" for a device of FUSE that is mounted already, writes a byte
+  // to `readyFd` and closes it, and serves until it is unmounted or SIGTERM comes. 0, or -1.
+  int run(const std::string& place, int readyFd);
+
+  OverlayPages* pages() { return &pages_; }
+  // Complains, once.
+  void complainFull();
+
+ private:
+  OverlayPages pages_;
+  std::string full_;
+};
+
+}  // namespace tarn
