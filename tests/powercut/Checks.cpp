@@ -16,6 +16,7 @@
 #include "fat/CFATAccess.h"
 #include "powercut/LogLife.h"
 #include "powercut/ReadFaults.h"
+#include "powercut/RedatedLife.h"
 #include "powercut/SoundLife.h"
 #include "recorder/card/CardInfo.h"
 #include "recorder/check/CardCheck.h"
@@ -52,23 +53,32 @@ struct Model {
 
 template <typename Row>
 void apply(std::map<uint32_t, Allowed<Row>>* rows, const RowMark& mark, bool there, const Row& row,
-           Cut cut) {
-  if (mark.begin > cut.at) return;
+           Cut cut, bool alsoLater) {
+  if (mark.begin > cut.at && !alsoLater) return;
   auto& versions = (*rows)[mark.key].versions;
   if (versions.empty()) versions.push_back({false, Row{}});
   if (mark.end <= cut.at) versions.clear();
   versions.push_back({there, row});
 }
 
+// Of the changes between a re-dating's first and last operation, of which others close what runs.
+bool isRedating(const RowMark& mark) {
+  if (mark.kind == RowMark::kEventPut) return true;
+  return mark.kind == RowMark::kStreamPut && redatedBy(mark.stream) != 0;
+}
+
 Model modelAt(const Recorded& life, Cut cut) {
   Model model;
   for (const RowMark& mark : life.trace.rows) {
     const bool put = mark.kind == RowMark::kStreamPut || mark.kind == RowMark::kEventPut;
+    // A re-dating that has begun is ended by the recovery.
+    const bool redating = mark.begin >= life.redatingFrom && mark.end <= life.redatingTo &&
+                          cut.at > life.redatingFrom && isRedating(mark);
     if (mark.kind == RowMark::kStreamPut || mark.kind == RowMark::kStreamDelete) {
-      apply(&model.streams, mark, put, mark.stream, cut);
+      apply(&model.streams, mark, put, mark.stream, cut, redating);
       if (mark.end <= cut.at) model.lastStreamKey = std::max(model.lastStreamKey, mark.key);
     } else {
-      apply(&model.events, mark, put, mark.event, cut);
+      apply(&model.events, mark, put, mark.event, cut, redating);
       if (mark.end <= cut.at) model.lastEventKey = std::max(model.lastEventKey, mark.key);
     }
   }
@@ -288,7 +298,9 @@ std::string checkPictures(const std::vector<DB_STREAM>& rows,
       }
       const uint32_t number = known->second[i];
       if (!reader.picture(i, &entry) || !reader.readPicture(entry, &bytes) ||
-          !(entry.presentation == pictureTime(number)) || bytes != pictureBytes(number)) {
+          entry.presentation.totalMicros() !=
+              pictureTime(number).totalMicros() + int64_t{redatedBy(row)} * 1000000 ||
+          bytes != pictureBytes(number)) {
         return "I3: picture " + std::to_string(i) + " (" + std::to_string(number) +
                ") is not what was recorded in " + text(row);
       }
@@ -662,6 +674,7 @@ std::string Checker::checkResult(const tarn::RecoveryReport& report, Cut cut, ui
   if (failure.empty() && !life_.isRecovery) failure = checkHeaders(report);
   if (failure.empty()) failure = checkOpenEvents(model.events, rows, events);
   if (failure.empty()) failure = checkCopies(rows, expected_);
+  if (failure.empty()) failure = checkRedated(life_, rows, events);
   if (failure.empty()) failure = checkChannels(life_, rows);
   if (failure.empty()) failure = checkLoss(life_, cut, model, rows, expected_);
   if (failure.empty()) failure = checkLog(life_, cut.at);

@@ -85,6 +85,11 @@ class Recorder {
   void endEvent(size_t session, uint32_t key, uint32_t number) {
     require(sessions_[session]->endEvent(key, pictureTime(number)) == 0, "event does not end");
   }
+  void clockBecameKnown(size_t session, uint32_t seconds) {
+    require(sessions_[session]->clockBecameKnown(int64_t{seconds} * 1000000) == 0,
+            sessions_[session]->errorText());
+    note(session);
+  }
   void close(size_t session) {
     require(sessions_[session]->close() == 0, sessions_[session]->errorText());
     note(session);

@@ -13,6 +13,7 @@
 #include "powercut/KeptLife.h"
 #include "powercut/LogLife.h"
 #include "powercut/ReadFaults.h"
+#include "powercut/RedatedLife.h"
 #include "powercut/Script.h"
 #include "powercut/SoundLife.h"
 #include "powercut/States.h"
@@ -373,8 +374,8 @@ namespace {
 constexpr const char* kLives[] = {"recording", "chunk",   "wrap",  "two", "log",
                                   "image",     "journal", "again", "kept"};
 // Lives with faults, or of a few writes: fewer variants show all of them.
-constexpr const char* kShortLives[] = {"rows",   "refused", "lost",  "leftover",
-                                       "resave", "stale",   "sound", "soundring"};
+constexpr const char* kShortLives[] = {"rows",  "refused", "lost",      "leftover", "resave",
+                                       "stale", "sound",   "soundring", "redated"};
 constexpr int kVariants = 42;
 constexpr int kFewVariants = 2;
 constexpr int kShortVariants = 6;
@@ -403,6 +404,7 @@ void recordLife(const std::string& name, Recorded* out) {
   if (kind == "leftover") return leftOvers(out);
   if (kind == "resave") return savedTwice(out);
   if (kind == "sound") return soundBesidePictures(out);
+  if (kind == "redated") return clockBecomesKnown(out);
   if (kind == "soundring") return soundRings(out);
   if (kind == "stale") return staleImage(out);
   throw std::runtime_error("there is no workload " + name);

@@ -82,6 +82,9 @@ struct Recorded {
   uint32_t flushPictures = 0;                  // most that may be handed over and not be safe
   std::map<size_t, uint32_t> mostUnsafe;       // the same of sessions of sound, in frames
   std::vector<LogMark> log;                    // only of lives that write a system log
+  // Operations between which rows are re-dated: once that has begun, a recovery ends it.
+  size_t redatingFrom = 0;
+  size_t redatingTo = 0;
   bool isFormat = false;
   bool replayLosesRow = false;  // the first start after a cut loses a row
   // Of the workload that makes a recovery's writes: where in the life it recovers, and what it ends

@@ -1,0 +1,61 @@
+#include "powercut/RedatedLife.h"
+
+#include "db/RowStatus.h"
+#include "powercut/Script.h"
+
+namespace powercut {
+namespace {
+
+constexpr uint32_t kLater = kClockBehind * kRate;  // number of the picture that is as much later
+constexpr uint32_t kEnded = 10;                    // where the event that ends begins
+
+bool isOld(uint32_t startDate) { return startDate < pictureTime(kLater).totalMicros() / 1000000; }
+
+}  // namespace
+
+void clockBecomesKnown(Recorded* out) {
+  shape() = {128 * 1024, 8192, 3, 4096};
+  formatCard();
+  boot();
+  const Server server;
+  begin(out);
+  Recorder recorder(out);
+  const size_t session = recorder.open(0, 1);
+  const uint32_t known = 70 + variant() % 30;
+  recorder.pictures(session, 0, kEnded);
+  const uint32_t ended = recorder.beginEvent(session, 5, kEnded);
+  recorder.pictures(session, kEnded, kEnded + 25);
+  recorder.endEvent(session, ended, kEnded + 25);
+  recorder.pictures(session, kEnded + 25, known - 10);
+  const uint32_t running = recorder.beginEvent(session, 6, known - 10);
+  recorder.pictures(session, known - 10, known);
+  const Trace* trace = Card::get().trace();
+  out->redatingFrom = trace->ops.size();
+  recorder.clockBecameKnown(session, kClockBehind);
+  out->redatingTo = trace->ops.size();
+  recorder.pictures(session, kLater + known, kLater + known + 30);
+  recorder.endEvent(session, running, kLater + known + 30);
+  recorder.pictures(session, kLater + known + 30, kLater + known + 50);
+  recorder.close(session);
+}
+
+uint32_t redatedBy(const DB_STREAM& row) {
+  return (row.status & tarn::kStatusRedated) != 0 ? kClockBehind : 0;
+}
+
+std::string checkRedated(const Recorded& life, const std::vector<DB_STREAM>& rows,
+                         const std::vector<DB_EVENT>& events) {
+  if (life.redatingTo == 0) return "";
+  bool old = false;
+  bool redated = false;
+  for (const DB_STREAM& row : rows) {
+    if ((row.status & tarn::kStatusRedating) != 0)
+      return "I9: recording " + std::to_string(row.streamID) + " is in the midst of a re-dating";
+    redated = redated || (row.status & tarn::kStatusRedated) != 0;
+    old = old || isOld(row.startDate);
+  }
+  for (const DB_EVENT& event : events) old = old || isOld(event.startDate);
+  return old && redated ? "I9: of what was recorded by the old clock only a part is re-dated" : "";
+}
+
+}  // namespace powercut
