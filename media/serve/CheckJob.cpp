@@ -57,7 +57,10 @@ bool CheckJob::begin() {
 }
 
 void CheckJob::stop() {
-  stopped_ = true;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    stopped_ = true;
+  }
   if (thread_.joinable()) thread_.join();
 }
 

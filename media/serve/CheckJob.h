@@ -41,8 +41,8 @@ class TARN_API CheckJob {
   int64_t endedUs_ = 0;
   std::string meaning_;
   CardFindings findings_;
-  std::atomic<bool> stopped_{false};
-  std::thread thread_;
+  std::atomic<bool> stopped_{false};  // set with mutex_ held
+  std::thread thread_;                // begun with mutex_ held and stopped_ not set
 };
 
 }  // namespace tarn

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "media/MonotonicTime.h"
@@ -9,18 +10,16 @@
 namespace tarn {
 namespace {
 
-constexpr auto kLook = std::chrono::seconds(1);
-constexpr int64_t kAskingUs = 15000000;
-constexpr int64_t kAnsweringUs = 120000000;
+constexpr int64_t kMostLookMs = 1000;
 
 }  // namespace
 
-int64_t ConnectionWatch::patienceUs(Phase phase) {
+int64_t ConnectionWatch::patienceUs(Phase phase) const {
   switch (phase) {
     case Phase::kAsking:
-      return kAskingUs;
+      return askingMs_ * 1000;
     case Phase::kAnswering:
-      return kAnsweringUs;
+      return answeringMs_ * 1000;
     case Phase::kListening:
       break;
   }
@@ -59,8 +58,9 @@ void ConnectionWatch::closed(const void* connection) {
 }
 
 void ConnectionWatch::run() {
+  const auto look = std::chrono::milliseconds(std::min(kMostLookMs, askingMs_));
   std::unique_lock<std::mutex> lock(mutex_);
-  while (!wake_.wait_for(lock, kLook, [this] { return stopped_; })) {
+  while (!wake_.wait_for(lock, look, [this] { return stopped_; })) {
     const int64_t now = monotonicUs();
     for (const auto& one : known_) {
       if (now - one.second.sinceUs > patienceUs(one.second.phase))

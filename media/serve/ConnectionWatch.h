@@ -19,7 +19,11 @@ class ConnectionWatch {
     kListening,  // one that lasts as long as the client likes, or as it takes
   };
 
-  ConnectionWatch() = default;
+  static constexpr int64_t kAskingMs = 15000;
+  static constexpr int64_t kAnsweringMs = 120000;
+
+  explicit ConnectionWatch(int64_t askingMs = kAskingMs, int64_t answeringMs = kAnsweringMs)
+      : askingMs_(askingMs), answeringMs_(answeringMs) {}
   ~ConnectionWatch() { stop(); }
   ConnectionWatch(const ConnectionWatch&) = delete;
   ConnectionWatch& operator=(const ConnectionWatch&) = delete;
@@ -40,8 +44,10 @@ class ConnectionWatch {
   };
 
   void run();
-  static int64_t patienceUs(Phase phase);
+  int64_t patienceUs(Phase phase) const;
 
+  const int64_t askingMs_;
+  const int64_t answeringMs_;
   std::mutex mutex_;
   std::condition_variable wake_;
   std::map<const void*, Known> known_;  // guarded by mutex_

@@ -104,6 +104,7 @@ class HttpServer::Impl {
   static MHD_Result handle(void* self, MHD_Connection* connection, const char* url,
                            const char* method, const char* version, const char* data,
                            size_t* dataSize, void** asked);
+  static void* judgeAddress(void* self, const char* address, MHD_Connection* connection);
   static void notifyConnection(void* self, MHD_Connection* connection, void** context,
                                MHD_ConnectionNotificationCode code);
   static void notifyCompleted(void* self, MHD_Connection* connection, void** asked,
@@ -123,6 +124,7 @@ class HttpServer::Impl {
   std::string key_;
   ConnectionWatch watch_;
   MHD_Daemon* daemon_ = nullptr;
+  char zeroByte_ = 0;  // its address marks a question whose address has one
 };
 
 bool HttpServer::Impl::mayListen(const HttpOptions& options, std::string* error) {
@@ -164,8 +166,9 @@ bool HttpServer::Impl::start(const HttpOptions& options, std::string* error) {
       MHD_OPTION_CONNECTION_LIMIT, kConnections, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
       kConnectionsOfOne, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
       MHD_OPTION_CONNECTION_MEMORY_LIMIT, kRequestBytes, MHD_OPTION_THREAD_STACK_SIZE, kStackBytes,
-      MHD_OPTION_NOTIFY_COMPLETED, &Impl::notifyCompleted, this, MHD_OPTION_NOTIFY_CONNECTION,
-      &Impl::notifyConnection, this, MHD_OPTION_ARRAY, secure ? tls : none, MHD_OPTION_END);
+      MHD_OPTION_URI_LOG_CALLBACK, &Impl::judgeAddress, this, MHD_OPTION_NOTIFY_COMPLETED,
+      &Impl::notifyCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &Impl::notifyConnection, this,
+      MHD_OPTION_ARRAY, secure ? tls : none, MHD_OPTION_END);
   if (daemon_ == nullptr) {
     *error = secure ? "the server cannot begin: are certificate and key a pair?"
                     : "the server cannot begin";
@@ -193,6 +196,12 @@ void HttpServer::Impl::notifyConnection(void* self, MHD_Connection* connection, 
 void HttpServer::Impl::notifyCompleted(void* self, MHD_Connection* connection, void** /*asked*/,
                                        MHD_RequestTerminationCode /*code*/) {
   static_cast<Impl*>(self)->watch_.enters(connection, ConnectionWatch::Phase::kAsking);
+}
+
+// A zero byte would end the address early, and lead to another one.
+void* HttpServer::Impl::judgeAddress(void* self, const char* address,
+                                     MHD_Connection* /*connection*/) {
+  return strstr(address, "%00") != nullptr ? &static_cast<Impl*>(self)->zeroByte_ : nullptr;
 }
 
 MHD_Result HttpServer::Impl::takeArgument(void* request, MHD_ValueKind /*kind*/, const char* name,
@@ -291,6 +300,8 @@ MHD_Result HttpServer::Impl::handle(void* self, MHD_Connection* connection, cons
         const std::string length = headerOf(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
         const bool hasBody = (!length.empty() && length != "0") ||
                              !headerOf(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING).empty();
+        if (*asked == &server->zeroByte_)
+          return server->send(connection, errorResponse(404, "there is nothing at this address"));
         // Nothing that is asked here has a body.
         if (hasBody) {
           if (*asked != nullptr || *dataSize != 0) return MHD_NO;
