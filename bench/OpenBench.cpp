@@ -69,10 +69,11 @@ class OpenRig : public Rig {
   CFATAccess fat_;  // keeps its worker from open to open
 };
 
-Pair openPair(const char* name, Medium medium, bool cold, int opens, const char* chunk, int flags) {
+Pair openPair(const char* name, Medium medium, bool cold, int opens, const char* chunk, int flags,
+              double limit = 1.1) {
   return {
       "open", name, Goal::kCost,
-      1.1,    11,   [=] { return std::make_unique<OpenRig>(medium, cold, opens, chunk, flags); }};
+      limit,  11,   [=] { return std::make_unique<OpenRig>(medium, cold, opens, chunk, flags); }};
 }
 
 const bool kJournal =
@@ -80,7 +81,7 @@ const bool kJournal =
 const bool kPicture =
     add(openPair("open/ram_picture", Medium::kRam, false, 2000, "CKPC0000", O_RDONLY));
 const bool kStream =
-    add(openPair("open/ram_stream", Medium::kRam, false, 2000, "CKST0000", O_RDWR));
+    add(openPair("open/ram_stream", Medium::kRam, false, 2000, "CKST0000", O_RDWR, 1.3));
 const bool kCold = add(openPair("open/disk_cold", Medium::kDisk, true, 40, "CKST0000", O_RDWR));
 
 }  // namespace

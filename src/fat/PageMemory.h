@@ -6,7 +6,9 @@
 namespace tarn {
 
 // Memory of a buffer, from malloc, that begins on a page: the system copies from and to any other
-// place at half the speed. Empty until allocate(). Not copyable; used by one thread.
+// place at half the speed. What is released goes to the next buffer of its size: the process keeps
+// at most two of each, those of one handle. Empty until allocate(). Not copyable; used by one
+// thread.
 class PageMemory {
  public:
   PageMemory() = default;
@@ -14,7 +16,8 @@ class PageMemory {
   PageMemory(const PageMemory&) = delete;
   PageMemory& operator=(const PageMemory&) = delete;
 
-  // False when there is no memory. Frees what it had before.
+  // False when there is no memory. Releases what it had before. What it holds is whatever was
+  // there.
   bool allocate(size_t bytes);
   void release();
   // Null when empty.
@@ -22,6 +25,7 @@ class PageMemory {
 
  private:
   void* memory_ = nullptr;
+  size_t bytes_ = 0;
   uint8_t* data_ = nullptr;  // in it
 };
 

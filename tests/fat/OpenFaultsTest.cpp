@@ -118,6 +118,9 @@ TEST(FatOpenFaults, MissingBufferMemoryIsReported) {
     SyslogCapture log;
     CFATAccess fat;
     const std::string name = card.name(c.type, 0);
+    // Takes what handles of before have given back.
+    CFATAccess other;
+    ASSERT_EQ(other.open(name.c_str(), c.flags), 0);
     const size_t descriptors = openDescriptors();
     int handle = 0;
     {
