@@ -1,8 +1,10 @@
 #include "recorder/session/ChunkPair.h"
 
 #include "chunk/ChunkArea.h"
+#include "fat/CardWear.h"
 #include "fat/FailureMarker.h"
 #include "manager/CTARNStreamManager.h"
+#include "recorder/recording/RecordFormat.h"
 #include "recorder/rows/ServerRetry.h"
 #include "recorder/session/RecordingMessages.h"
 #include "recorder/session/ServerFailure.h"
@@ -62,6 +64,11 @@ void ChunkPair::close() {
 bool ChunkPair::toCard(CTARNStreamChunk* chunk, const char* text) {
   if (chunk->flush() == 0 && !chunk->hasLostData() && !cardWriteFailed()) return true;
   return fail(RecordingError::kCard, text);
+}
+
+bool ChunkPair::syncHeader(const char* text) {
+  noteCardHeader(kRecordSize);
+  return sync(picture(), text);
 }
 
 bool ChunkPair::tell(CTARNStreamChunk* chunk) {

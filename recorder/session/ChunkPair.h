@@ -36,6 +36,8 @@ class ChunkPair {
   bool sync(CTARNStreamChunk* chunk, const char* text) {
     return toCard(chunk, text) && tell(chunk);
   }
+  // The same of the picture chunk, to which a header was written.
+  bool syncHeader(const char* text);
   // Has the server save the management data.
   bool save();
 

@@ -142,7 +142,7 @@ bool RowWriter::begin(const DB_STREAM& seed) {
 
 bool RowWriter::flushHeader() {
   if (omitted("header-before-row")) return true;
-  return chunks_.sync(chunks_.picture(), kErrWriteHeader);
+  return chunks_.syncHeader(kErrWriteHeader);
 }
 
 // recSize of a row until its end.
@@ -280,7 +280,7 @@ bool RowWriter::writeHeader(uint32_t marker) {
   if (chunks_.picture()->seek(static_cast<long>(headerOffset_), SEEK_SET) < 0 ||
       chunks_.picture()->writeNoSeek(bytes, kRecordSize) != long{kRecordSize})
     return fail(RecordingError::kCard, kErrWriteHeader);
-  return chunks_.sync(chunks_.picture(), kErrWriteHeader);
+  return chunks_.syncHeader(kErrWriteHeader);
 }
 
 bool RowWriter::updateRow(uint32_t statusBits) {

@@ -10,6 +10,7 @@
 
 #include "base/UniqueFd.h"
 #include "base/Wrap.h"
+#include "fat/CardWear.h"
 #include "fat/ChunkFiles.h"
 #include "fat/FatLog.h"
 #include "fat/FatMessages.h"
@@ -207,7 +208,11 @@ long CFATAccess::write(int index, const void* buf, unsigned long len) {
   }
   const uint32_t length = low32(len);
   m_position[index] += length;
-  if (!isWriteBuffered(index)) return ::write(m_fd[index], buf, length);
+  if (!isWriteBuffered(index)) {
+    const ssize_t result = ::write(m_fd[index], buf, length);
+    tarn::noteCardWrite(m_fileType[index], result);
+    return result;
+  }
   if (length > writeBuffer(index)->capacity()) {
     m_astray[index] = true;
     logFat(__func__, __LINE__, tarn::kMsgWriteTooLarge);
@@ -342,6 +347,7 @@ int CFATAccess::fsync(int index) {
   drain(index);
   if (!empty) return 0;
   const int result = ::fsync(m_fd[index]);
+  tarn::noteCardFlush(m_fileType[index]);
   if (result != 0) m_lostData[index] = 1;
   return result;
 }

@@ -6,6 +6,7 @@
 
 #include "base/UniqueFd.h"
 #include "fat/CFATAccess.h"
+#include "fat/CardWear.h"
 #include "fat/FailureMarker.h"
 #include "fat/FatLog.h"
 #include "fat/FatMessages.h"
@@ -119,6 +120,7 @@ void CFATAccess::writePending(int index) {
     result = ::write(m_fd[index], buffer.pendingData() + written, buffer.pendingSize() - written);
     if (result > 0) written += static_cast<uint32_t>(result);
   } while (written < buffer.pendingSize() && errno == EINTR);
+  tarn::noteCardWrite(m_fileType[index], static_cast<long>(written));
   if (written == buffer.pendingSize()) {
     flushDevice(index);
   } else {
@@ -137,7 +139,9 @@ void CFATAccess::finishPending(WriteBuffer& buffer) {
 }
 
 void CFATAccess::flushDevice(int index) {
-  if (::fsync(m_fd[index]) == 0) return;
+  const int result = ::fsync(m_fd[index]);
+  tarn::noteCardFlush(m_fileType[index]);
+  if (result == 0) return;
   m_lostData[index] = 1;
   logFat(kWorker, __LINE__, tarn::kMsgSyncError, errno);
   createMarker();

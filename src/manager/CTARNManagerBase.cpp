@@ -6,8 +6,10 @@
 #include <new>
 
 #include "base/Wrap.h"
+#include "fat/CardWear.h"
 #include "fat/ChunkFiles.h"
 #include "manager/DeleteRange.h"
+#include "manager/ManageFormat.h"
 #include "manager/ManagerMessages.h"
 #include "manager/RequestFormat.h"
 #include "mesg/CMesgClient.h"
@@ -157,7 +159,9 @@ int CTARNManagerBase::setFreeOffset(short chunk, unsigned long offset) {
 
 int CTARNManagerBase::saveManageData() {
   RequestRecord record = newRequest(tarn::kRequestSaveManageData);
-  return request(record, tarn::kWordSaveManageData);
+  const int result = request(record, tarn::kWordSaveManageData);
+  if (result == 0) tarn::noteCardSave(tarn::manageDataSize(m_numChunk));
+  return result;
 }
 
 unsigned long CTARNManagerBase::freeSize(short chunk) {

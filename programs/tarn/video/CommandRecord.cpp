@@ -7,11 +7,13 @@
 #include "Command.h"
 #include "Console.h"
 #include "dblog/CDbLog.h"
+#include "fat/CardWear.h"
 #include "media/MediaInput.h"
 #include "media/record/MediaRecorder.h"
 #include "media/record/RecordConfig.h"
 #include "recorder/rows/ServerRetry.h"
 #include "video/RecordOutput.h"
+#include "video/WearText.h"
 
 namespace tarn {
 namespace {
@@ -91,6 +93,7 @@ class CommandRecord : public Command {
                   "Wait for the management server as long as it takes, instead of five seconds");
     app->add_flag("--progress", progress_,
                   "Print how many pictures are written and safe, as soon as more are safe");
+    app->add_flag("--stats", stats_, "Print at the end what was written to the card, by its cause");
     return app;
   }
 
@@ -181,10 +184,13 @@ class CommandRecord : public Command {
   int record() const {
     RecordOutput output(request_.inputs.size() == 1, progress_);
     MediaRecorder recorder(request_, &output);
+    const CardWear before = cardWear();
     const bool good = recorder.run();
     if (*recorder.error() != '\0') complain(recorder.error());
     CDbLog::getInstance()->finish();
-    for (const ChannelRecording& recording : recorder.recordings()) output.report(recording);
+    const std::vector<ChannelRecording> recordings = recorder.recordings();
+    for (const ChannelRecording& recording : recordings) output.report(recording);
+    if (stats_) fputs(wearText(cardWear().since(before), recordings).c_str(), stdout);
     return good ? kExitGood : kExitFailed;
   }
 
@@ -209,6 +215,7 @@ class CommandRecord : public Command {
   std::string start_;
   bool wait_ = false;
   bool progress_ = false;
+  bool stats_ = false;
   std::vector<std::string> events_;
 };
 
