@@ -31,6 +31,12 @@ int ContainerInput::readBytes(void* self, uint8_t* out, int size) {
   return got == 0 ? AVERROR_EOF : AVERROR(errno);
 }
 
+// What libavformat knows by a name of its own is said apart.
+static std::string withoutTransport(std::string url) {
+  constexpr char kPlus[] = "+udp";
+  return MediaInput::isOverUdp(url) ? url.erase(url.find(kPlus), sizeof kPlus - 1) : url;
+}
+
 bool ContainerInput::openFormat(const std::string& url, const std::string& name,
                                 std::string* error) {
   av_log_set_level(AV_LOG_FATAL);
@@ -46,11 +52,11 @@ bool ContainerInput::openFormat(const std::string& url, const std::string& name,
   }
   AVDictionary* options = nullptr;
   if (isAddress(url)) {
-    av_dict_set(&options, "rtsp_transport", "tcp", 0);
+    av_dict_set(&options, "rtsp_transport", isOverUdp(url) ? "udp" : "tcp", 0);
     av_dict_set(&options, "timeout", kSilenceUs, 0);
   }
   // On failure the context is freed, too.
-  const int result = avformat_open_input(&raw, url.c_str(), nullptr, &options);
+  const int result = avformat_open_input(&raw, withoutTransport(url).c_str(), nullptr, &options);
   av_dict_free(&options);
   if (result < 0) {
     *error = "cannot open " + name + ": " + avErrorText(result);

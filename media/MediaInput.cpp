@@ -7,6 +7,8 @@
 namespace tarn {
 namespace {
 
+constexpr char kOverUdp[] = "rtsp+udp://";
+
 constexpr size_t kProbeBytes = 2048;  // ten packets of a transport stream
 
 // A byte stream that begins with a unit of one.
@@ -48,8 +50,10 @@ std::unique_ptr<MediaInput> openStandardInput(double frameRate, StopAsked stopAs
 }  // namespace
 
 bool MediaInput::isAddress(const std::string& path) {
-  return path.rfind("rtsp://", 0) == 0 || path.rfind("rtsps://", 0) == 0;
+  return path.rfind("rtsp://", 0) == 0 || path.rfind("rtsps://", 0) == 0 || isOverUdp(path);
 }
+
+bool MediaInput::isOverUdp(const std::string& address) { return address.rfind(kOverUdp, 0) == 0; }
 
 std::unique_ptr<MediaInput> MediaInput::open(const std::string& path, double frameRate,
                                              StopAsked stopAsked, std::string* error) {

@@ -68,14 +68,17 @@ class TARN_API MediaInput {
   int64_t lengthUs() const { return lengthUs_; }
 
   // Opens `path`: a file; "-", an Annex B stream or a transport stream, Matroska and the like on
-  // standard input; or an address that isAddress(), over TCP. `frameRate` above 0 is used for
-  // streams that carry no times (25 when the stream does not tell either). Null with *error set.
-  // Where the input is a stream, opening and reading end as an error once `stopAsked` says so, and
-  // a camera that has sent nothing for ten seconds is gone.
+  // standard input; or an address that isAddress(), over TCP unless isOverUdp(). `frameRate` above
+  // 0 is used for streams that carry no times (25 when the stream does not tell either). Null with
+  // *error set. Where the input is a stream, opening and reading end as an error once `stopAsked`
+  // says so, and a camera that has sent nothing for ten seconds is gone.
   static std::unique_ptr<MediaInput> open(const std::string& path, double frameRate,
                                           StopAsked stopAsked, std::string* error);
-  // An rtsp:// or rtsps:// address; anything else names a file.
+  // An rtsp://, rtsps:// or rtsp+udp:// address; anything else names a file.
   static bool isAddress(const std::string& path);
+  // A camera that is asked to send its packets by UDP, as rtsp+udp://. What the network loses then
+  // is missing in the recording; over TCP it comes late.
+  static bool isOverUdp(const std::string& address);
 
  protected:
   std::string error_;

@@ -19,7 +19,7 @@ struct EventRequest {
 
 // One input with the channel that it is recorded on.
 struct InputRequest {
-  std::string input;    // as MediaInput::open() takes it: a file, "-", or an rtsp:// address
+  std::string input;    // as MediaInput::open() takes it: a file, "-", or an address
   uint8_t channel = 0;  // 0 to 127
 };
 
