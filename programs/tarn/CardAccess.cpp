@@ -2,7 +2,7 @@
 
 #include "Command.h"
 #include "Console.h"
-#include "original/FileOriginal.h"
+#include "original/OriginalCard.h"
 #include "original/WriteProtection.h"
 
 namespace tarn {
@@ -14,24 +14,42 @@ bool CardAccess::decide(const std::string& card, const Command& command, const s
     *error = name + " changes a card, and --read-only leaves it as it is";
     return false;
   }
-  if (readOnly && card.empty() && command.needsRecorder()) {
-    *error = "--read-only is for a card that is named: --card CARD";
+  if ((readOnly || partition != 0) && card.empty() && command.needsRecorder()) {
+    *error = "--read-only and --partition are for a card that is named: --card CARD";
     return false;
   }
-  if (card.empty() || !command.needsRecorder()) return true;
-  const std::string why = asked ? "" : whyNotWritable(card);
-  if (!asked && why.empty()) return true;
+  if (card.empty()) return true;
+  const std::string kind = OriginalCard::whyOverlaid(card);
+  // What only looks at a card of the plain kind opens it for reading by itself.
+  if (!command.needsRecorder() && (kind.empty() || command.changesCard())) return true;
+  const std::string protection = kind.empty() ? whyNotWritable(card) : "";
+  const bool chosen = asked || partition != 0;
+  if (!chosen && kind.empty() && protection.empty()) return isNoOther(card, error);
   if (!asked && command.changesCard()) {
     *error =
-        name + " changes a card, and " + card + " cannot be written to: " + why +
+        name + " changes a card, and " + card +
+        (kind.empty() ? " cannot be written to: " + protection : " is only read: " + kind) +
         (command.worksReadOnly() ? "; --read-only keeps changes in memory and drops them" : "");
     return false;
   }
-  original_ = FileOriginal::open(card, error);
-  if (original_ != nullptr && !asked) {
-    complain(card + " cannot be written to (" + why + "): it is only read, and stays as it is");
+  OriginalCard opened;
+  if (!opened.open(card, partition, error)) return false;
+  if (!asked && !protection.empty()) {
+    complain(card + " cannot be written to (" + protection +
+             "): it is only read, and stays as it is");
+  } else if (!asked && !kind.empty()) {
+    complain(card + " is only read, and stays as it is: " + kind);
   }
-  return original_ != nullptr;
+  if (!opened.note().empty()) complain(opened.note());
+  original_ = opened.take();
+  return true;
+}
+
+// Where something else is named for sure, nobody needs a recovery to find out.
+bool CardAccess::isNoOther(const std::string& card, std::string* error) {
+  const std::string other = OriginalCard::foreignContent(card);
+  if (!other.empty()) *error = card + " is no card of the recorder: it holds " + other;
+  return other.empty();
 }
 
 }  // namespace tarn

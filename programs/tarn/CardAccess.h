@@ -15,6 +15,7 @@ class CardAccess {
  public:
   // Asked for on the command line.
   bool readOnly = false;
+  int partition = 0;  // of a whole device; 0: the one that holds a card
 
   // Decides it for `command`, called `name`, and opens what is to be overlaid. Tells on standard
   // error what was not asked for. False with the reason in *error: a command that changes cards on
@@ -25,6 +26,8 @@ class CardAccess {
   CardOriginal* original() const { return original_.get(); }
 
  private:
+  static bool isNoOther(const std::string& card, std::string* error);
+
   std::unique_ptr<CardOriginal> original_;
 };
 

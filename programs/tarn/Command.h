@@ -46,6 +46,17 @@ class Command {
   virtual void setCard(const std::string& card) { static_cast<void>(card); }
   // The card that the command itself names to be shown in a private view; "" without one.
   virtual std::string ownCard() const { return ""; }
+  // In a private view on a card that is not what the user named: how to call it.
+  void showCardAs(const std::string& name) { shownCard_ = name; }
+
+ protected:
+  // What to call the card that lies at `path`.
+  const std::string& cardName(const std::string& path) const {
+    return shownCard_.empty() ? path : shownCard_;
+  }
+
+ private:
+  std::string shownCard_;  // "": by its path
 };
 
 // Every command, in the order of the help text; Commands.cpp lists them.

@@ -89,9 +89,8 @@ class CommandCheck : public Command {
   bool needsRecorder() const override { return false; }
   bool changesCard() const override { return (repair_ && !dryRun_) || !takeBack_.empty(); }
   int usageExitCode() const override { return kExitCheckUsage; }
-  void setCard(const std::string& card) override {
-    if (card_.empty()) card_ = card;
-  }
+  void setCard(const std::string& card) override { card_ = card; }
+  std::string ownCard() const override { return card_; }
 
   int run() override {
     if (card_.empty()) card_ = deviceName(kRecorderPartition);
@@ -139,7 +138,7 @@ class CommandCheck : public Command {
       return kExitNotRun;
     }
     if (json_) {
-      Json json = {{"schema", 1}, {"card", card_}, {"clean", false}};
+      Json json = {{"schema", 1}, {"card", cardName(card_)}, {"clean", false}};
       json["counts"] = {{findingKindName(FindingKind::kFat), 1}};
       json["findings"] = {{{"kind", findingKindName(FindingKind::kFat)},
                            {"text", text},
@@ -248,7 +247,7 @@ class CommandCheck : public Command {
     }
     const CardCheck& last = after != nullptr ? *after : before;
     if (last.findings().total() != 0 || !last.eventsWithoutVideo().empty()) tellMeaning(last);
-    fmt::print("{}: {}, {} recordings, {} events, {} pictures\n", card_,
+    fmt::print("{}: {}, {} recordings, {} events, {} pictures\n", cardName(card_),
                last.findings().total() == 0 ? "clean" : countText(last.findings().total()),
                last.streamRows(), last.eventRows(), last.pictures());
     for (size_t i = 0; i < kFindingKinds; ++i) {
@@ -285,7 +284,7 @@ class CommandCheck : public Command {
   void printJson(const CardCheck& before, const CardCheck* after) const {
     const CardCheck& last = after != nullptr ? *after : before;
     Json json = {{"schema", 1},
-                 {"card", card_},
+                 {"card", cardName(card_)},
                  {"clean", last.findings().total() == 0},
                  {"recordings", last.streamRows()},
                  {"events", last.eventRows()},

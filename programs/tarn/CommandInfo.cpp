@@ -52,9 +52,8 @@ class CommandInfo : public Command {
 
   bool needsRecorder() const override { return false; }
   bool changesCard() const override { return false; }
-  void setCard(const std::string& card) override {
-    if (card_.empty()) card_ = card;
-  }
+  void setCard(const std::string& card) override { card_ = card; }
+  std::string ownCard() const override { return card_; }
 
   int run() override {
     if (card_.empty()) card_ = deviceName(kRecorderPartition);
@@ -73,7 +72,7 @@ class CommandInfo : public Command {
 
  private:
   void printText() const {
-    fmt::print("{}\n", card_);
+    fmt::print("{}\n", cardName(card_));
     fmt::print("  volume    {} \"{}\", {} of {}\n", volumeId(), info_.label(),
                sizeText(info_.volumeBytes()), sizeText(info_.deviceBytes()));
     fmt::print("  clusters  {} of {}\n\n", info_.clusters(), sizeText(info_.clusterBytes()));
@@ -176,7 +175,7 @@ class CommandInfo : public Command {
     nlohmann::ordered_json families = nlohmann::ordered_json::array();
     for (int type = 0; type < kFileTypeCount; ++type) families.push_back(familyJson(type));
     const nlohmann::ordered_json card = {{"schema", 1},
-                                         {"card", card_},
+                                         {"card", cardName(card_)},
                                          {"volumeId", volumeId()},
                                          {"label", info_.label()},
                                          {"deviceBytes", info_.deviceBytes()},

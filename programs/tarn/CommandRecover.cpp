@@ -71,8 +71,9 @@ Json changeJson(const RecoveryChange& change) {
   return json;
 }
 
-Json reportJson(const RecoveryReport& report) {
+Json reportJson(const RecoveryReport& report, bool dryRun) {
   Json json = {{"schema", 1},
+               {"dryRun", dryRun},
                {"ok", report.ok()},
                {"error", report.error},
                {"fuse", report.fuse},
@@ -128,11 +129,15 @@ class CommandRecover : public Command {
         "--accept", accept_, "give up recordings in bulk where the card's damage leads to it");
     app->add_flag("--unattended", unattended_, "go on with what is intact, and guard the rest")
         ->excludes(accept);
+    app->add_flag("--dry-run", dryRun_,
+                  "show what it would do: it runs on a card that is only read, and drops it all");
     app->add_flag("--json", json_, "print JSON");
     return app;
   }
 
   bool needsServer() const override { return false; }
+  bool changesCard() const override { return !dryRun_; }
+  bool isDryRun() const override { return dryRun_; }
 
   int run() override {
     RecoveryReport report;
@@ -141,8 +146,10 @@ class CommandRecover : public Command {
       report = Recovery(policy()).run();
     }
     if (json_) {
-      fmt::print("{}\n", reportJson(report).dump(2, ' ', false, Json::error_handler_t::replace));
+      fmt::print("{}\n",
+                 reportJson(report, dryRun_).dump(2, ' ', false, Json::error_handler_t::replace));
     } else {
+      if (dryRun_) fmt::print("what a recovery would do; nothing of it was done:\n");
       printText(report);
     }
     for (const std::string& problem : report.problems) complain(problem);
@@ -159,6 +166,7 @@ class CommandRecover : public Command {
 
   bool accept_ = false;
   bool unattended_ = false;
+  bool dryRun_ = false;
   bool json_ = false;
 };
 

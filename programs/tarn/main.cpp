@@ -16,6 +16,7 @@
 #include "Console.h"
 #include "ViewSession.h"
 #include "base/StandardStreams.h"
+#include "fat/ChunkFiles.h"
 #include "programs/OutOfMemory.h"
 
 namespace tarn {
@@ -35,6 +36,7 @@ struct Tool {
   std::string card;
   CardAccess access;
   bool insideReadOnly = false;
+  std::string shownName;
   int viewPipe = -1;
 
   Tool() {
@@ -44,6 +46,12 @@ struct Tool {
         ->type_name("CARD");
     app.add_flag("--read-only", access.readOnly,
                  "leave CARD as it is; what changes meanwhile is kept in memory and dropped");
+    app.add_option("--partition", access.partition,
+                   "where CARD is a whole device or an image of one: which partition; default: the "
+                   "one that holds a card")
+        ->type_name("N")
+        ->check(CLI::Range(1, 1024));
+    app.add_option("--shown-name", shownName)->group("");
     app.add_option("--inside-view", viewPipe)->group("");
     app.add_flag(kInsideReadOnly, insideReadOnly)->group("");
     app.set_version_flag("--version", "tarn " TARN_VERSION, "print the version and exit");
@@ -106,9 +114,13 @@ int runInside(Command* command, const Tool& tool) {
   const bool told = write(tool.viewPipe, &own, sizeof own) == static_cast<ssize_t>(sizeof own);
   close(tool.viewPipe);
   for (std::string* path : command->userPaths()) *path = CardView::pathInside(*path);
+  if (tool.insideReadOnly) {
+    command->showCardAs(tool.shownName);
+    command->setCard(deviceName(kRecorderPartition));
+  }
   ViewSession session(tool.insideReadOnly);
   std::string error;
-  if (told && !command->needsServer()) return runCommand(command);
+  if (told && !(command->needsRecorder() && command->needsServer())) return runCommand(command);
   if (!told || session.open(&error) != 0) {
     complain(error);
     return kExitFailed;
@@ -138,7 +150,9 @@ int runInView(const Tool& tool, Command* command, int argc, char** argv) {
   std::string error;
   std::vector<std::string> arguments(argv + 1, argv + argc);
   CardOriginal* original = tool.access.original();
-  if (original != nullptr) arguments.insert(arguments.begin(), kInsideReadOnly);
+  if (original != nullptr) {
+    arguments.insert(arguments.begin(), {kInsideReadOnly, "--shown-name", tool.card});
+  }
   const int exitCode =
       original == nullptr
           ? view.run(tool.card, arguments, pathsToShow(command), &error)
@@ -164,12 +178,13 @@ int runTool(int argc, char** argv) {
   }
   if (tool.viewPipe >= 0) return runInside(command, tool);
   if (tool.card.empty()) tool.card = command->ownCard();
+  if (tool.card.empty() && command->isDryRun()) tool.card = deviceName(kRecorderPartition);
   std::string error;
   if (!tool.access.decide(tool.card, *command, tool.nameOf(command), &error)) {
     complain(error);
     return kExitFailed;
   }
-  if (!command->needsRecorder()) {
+  if (!command->needsRecorder() && tool.access.original() == nullptr) {
     if (!tool.card.empty()) command->setCard(tool.card);
     return runCommand(command);
   }

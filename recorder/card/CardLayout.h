@@ -62,6 +62,10 @@ class TARN_API CardLayout {
   // holds nothing useful.
   int plan(const CardRequest& request, std::string* error);
 
+  // The same around chunk files whose places are known: what leads to them lies in front of them.
+  // 0, or -1 with the reason in *error.
+  int planAround(const std::array<CardFamily, kFileTypeCount>& families, std::string* error);
+
   uint64_t sizeBytes() const { return uint64_t{totalSectors_} * 512; }  // of the volume
   uint32_t totalSectors() const { return totalSectors_; }
   uint32_t clusterBytes() const { return clusterBytes_; }
@@ -82,6 +86,7 @@ class TARN_API CardLayout {
   uint32_t usedClusters() const;
 
  private:
+  bool aroundWith(uint32_t clusterBytes);
   bool planVolume(const CardRequest& request, std::string* error);
   bool planClusters(uint32_t clusterBytes);
   bool planSmallFamilies(const CardRequest& request, std::string* error);

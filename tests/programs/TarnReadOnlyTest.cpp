@@ -29,11 +29,11 @@ class TarnReadOnly : public ::testing::Test {
     rig.powerOff();
     rig.reopenRow(last);
     ASSERT_EQ(shell("cp /dev/sdblk0p1 /tmp/card && rm /dev/sdblk0p1").exitCode, 0);
-    const ShellResult works = tarn("--card /tmp/card --read-only run -- true");
+    const ShellResult works = tarn("--card /tmp/card recover --dry-run");
     if (works.exitCode != 0 && works.output.find("FUSE") != std::string::npos) {
       GTEST_SKIP() << works.output;
     }
-    ASSERT_EQ(works.output, "");
+    ASSERT_EQ(works.exitCode, 0) << works.output;
     before = state();
   }
   void TearDown() override {
@@ -89,7 +89,7 @@ TEST_F(TarnReadOnly, CommandsThatChangeACardAreRefused) {
                                  " changes a card, and --read-only leaves it as it is\n");
   }
   EXPECT_EQ(tarn("--read-only list").output,
-            "tarn: --read-only is for a card that is named: --card CARD\n");
+            "tarn: --read-only and --partition are for a card that is named: --card CARD\n");
 }
 
 TEST_F(TarnReadOnly, ACardThatNobodyMayWriteToIsOnlyReadByItself) {
@@ -158,6 +158,33 @@ TEST_F(TarnReadOnly, AnOrdinaryUserNeedsNoMoreThanPermissionToRead) {
   EXPECT_EQ(shell(user + "--read-only run -- sh -c 'printf x >>/dev/sdblk0p1; id -u'").output,
             "sh: 1: printf: printf: I/O error\n65534\n")
       << "a card does not grow";
+}
+
+TEST_F(TarnReadOnly, ADryRunShowsWhatARecoveryWouldDoAndDoesNothingOfIt) {
+  const std::string head = "what a recovery would do; nothing of it was done:\n";
+  const ShellResult dry = tarn("--card /tmp/card recover --dry-run");
+  EXPECT_EQ(dry.exitCode, 0);
+  EXPECT_EQ(tarn("--card /tmp/card recover --dry-run").output, dry.output)
+      << "it is still to be done";
+  const json report =
+      json::parse(tarn("--card /tmp/card recover --dry-run --json").output, nullptr, false);
+  EXPECT_EQ(report["dryRun"], true);
+  ASSERT_EQ(report["changes"].size(), 1u) << report;
+  EXPECT_EQ(report["changes"][0]["kind"], "recordingClosed");
+  EXPECT_EQ(report["changes"][0]["pictures"], 40);
+  EXPECT_EQ(state(), before);
+  EXPECT_EQ(head + tarn("--card /tmp/card recover").output, dry.output) << "what it did is that";
+  before.clear();
+}
+
+TEST_F(TarnReadOnly, ADryRunOnTheRecorderItselfLeavesItsCardAndDatabaseAlone) {
+  ASSERT_EQ(shell("cp /tmp/card /dev/sdblk0p1").exitCode, 0);
+  const std::string card = state("/dev/sdblk0p1");
+  const ShellResult result = tarn("recover --dry-run");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, HasSubstr("2 recordings and 0 events, from the journal\n"));
+  EXPECT_EQ(state("/dev/sdblk0p1"), card);
+  EXPECT_NE(access("/tmp/DB.dat", F_OK), 0);
 }
 
 TEST_F(TarnReadOnly, NothingOfItStaysBehind) {

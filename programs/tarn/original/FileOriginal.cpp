@@ -1,6 +1,7 @@
 #include "FileOriginal.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 
@@ -17,6 +18,16 @@ int openUntouched(const std::string& path) {
 }
 
 std::unique_ptr<FileOriginal> FileOriginal::open(const std::string& path, std::string* error) {
+  struct stat file;
+  if (stat(path.c_str(), &file) != 0) {
+    *error = errnoText("cannot open " + path, errno);
+    return nullptr;
+  }
+  // A pipe would be waited for.
+  if (!S_ISREG(file.st_mode) && !S_ISBLK(file.st_mode)) {
+    *error = path + " is neither a block device nor an image file nor a folder";
+    return nullptr;
+  }
   UniqueFd fd(openUntouched(path));
   if (!fd.valid()) {
     *error = errnoText("cannot open " + path, errno);
