@@ -95,7 +95,7 @@ AccessToken::Tries* AccessToken::triesOf(const std::string& address, int64_t now
     }
     if (tries_.size() >= kMostAddresses) return nullptr;
   }
-  Tries& tries = tries_[address];
+  Tries& tries = tries_.try_emplace(address, Tries{0, nowMs}).first->second;
   if (nowMs - tries.sinceMs >= kForgetMs) tries = {0, nowMs};
   return &tries;
 }

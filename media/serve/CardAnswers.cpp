@@ -204,7 +204,8 @@ HttpResponse CardAnswers::check(const HttpRequest& request) {
 HttpResponse CardAnswers::beginCheck(const HttpRequest& request) {
   const QueryReader query(request, {});
   if (!query.ok()) return errorResponse(400, query.error());
-  if (settings_.readOnly) return errorResponse(409, "this server was started to be looked at only");
+  if (!settings_.mayCheck)
+    return errorResponse(409, "this server was started to be looked at only");
   if (isLive(*follower_->rows()))
     return errorResponse(409, "a recording runs: the card is checked when it is at rest");
   if (!check_.begin()) return errorResponse(409, "a check is under way");

@@ -7,7 +7,8 @@ namespace tarn {
 // What answers have to know of the server as a whole.
 struct ServeSettings {
   std::string version;    // of the program
-  bool readOnly = false;  // nothing may be asked for that is more than looking
+  bool readOnly = false;  // it was asked for; for whoever looks
+  bool mayCheck = true;   // the card may be checked from the page
 };
 
 }  // namespace tarn

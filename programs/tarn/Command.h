@@ -46,6 +46,8 @@ class Command {
   virtual void setCard(const std::string& card) { static_cast<void>(card); }
   // The card that the command itself names to be shown in a private view; "" without one.
   virtual std::string ownCard() const { return ""; }
+  // Whether the command was asked itself to leave the card as it is.
+  virtual bool asksReadOnly() const { return false; }
   // In a private view on a card that is not what the user named: how to call it.
   void showCardAs(const std::string& name) { shownCard_ = name; }
 

@@ -179,6 +179,8 @@ int runTool(int argc, char** argv) {
   if (tool.viewPipe >= 0) return runInside(command, tool);
   if (tool.card.empty()) tool.card = command->ownCard();
   if (tool.card.empty() && command->isDryRun()) tool.card = deviceName(kRecorderPartition);
+  // On the recorder itself there is no view, and nothing that it would keep from the card.
+  if (!tool.card.empty() && command->asksReadOnly()) tool.access.readOnly = true;
   std::string error;
   if (!tool.access.decide(tool.card, *command, tool.nameOf(command), &error)) {
     complain(error);

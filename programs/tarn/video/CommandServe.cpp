@@ -24,7 +24,7 @@ class CommandServe : public Command {
     app->add_option("--listen", listen_, "where to listen; port 0 takes a free one")
         ->type_name("ADDRESS:PORT")
         ->capture_default_str();
-    app->add_flag("--read-only", settings_.readOnly, "no check of the card from the page");
+    app->add_flag("--read-only", settings_.readOnly, "leave CARD as it is: what its start mends stays in memory; on a recorder, no check of its card from the page");
     app->add_option("--token-file", options_.tokenFile,
                     "only for who knows the first line of this file")
         ->type_name("FILE");
@@ -36,6 +36,8 @@ class CommandServe : public Command {
   }
 
   std::string ownCard() const override { return card_; }
+  bool changesCard() const override { return false; }
+  bool asksReadOnly() const override { return settings_.readOnly; }
   std::vector<std::string*> userPaths() override {
     return {&options_.tokenFile, &options_.certificate, &options_.key};
   }
@@ -49,6 +51,7 @@ class CommandServe : public Command {
       return kExitUsage;
     }
     settings_.version = TARN_VERSION;
+    settings_.mayCheck = !(settings_.readOnly && card_.empty());
     if (databaseIsGood(stopRequested, &error) && serve(&error)) return kExitGood;
     complain(error);
     return kExitFailed;
