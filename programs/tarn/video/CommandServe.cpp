@@ -42,7 +42,6 @@ class CommandServe : public Command {
     return {&options_.tokenFile, &options_.certificate, &options_.key};
   }
 
-  bool changesCard() const override { return false; }
 
   int run() override {
     std::string error;
