@@ -26,9 +26,11 @@ int fuzz_undo(const uint8_t* data, size_t size);
 int fuzz_config(const uint8_t* data, size_t size);
 int fuzz_argument(const uint8_t* data, size_t size);
 int fuzz_container(const uint8_t* data, size_t size);
+int fuzz_serve(const uint8_t* data, size_t size);
 int begin_card(int*, char***);
 int begin_image(int*, char***);
 int begin_argument(int*, char***);
+int begin_serve(int*, char***);
 }
 
 namespace {
@@ -54,6 +56,9 @@ constexpr Target kTargets[] = {
     {"argument", fuzz_argument, begin_argument},
 #ifdef TARN_WITH_MEDIA
     {"container", fuzz_container, nullptr},
+#endif
+#ifdef TARN_WITH_SERVE
+    {"serve", fuzz_serve, begin_serve},
 #endif
 };
 
