@@ -65,5 +65,12 @@ install(TARGETS tarn-server dbsetup DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONEN
 install(FILES docs/man/tarn.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 install(FILES docs/man/tarn-server.8 docs/man/dbsetup.8
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT server)
+# Where each shell looks for completions. Debian's zsh looks elsewhere in packages: before-packing.
+install(FILES packaging/completions/tarn.bash RENAME tarn
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tools)
+install(FILES packaging/completions/_tarn
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/zsh/site-functions COMPONENT tools)
+install(FILES packaging/completions/tarn.fish
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/fish/vendor_completions.d COMPONENT tools)
 # What of other people's work is compiled in, as its licences ask for: most of it in the tool.
 install(FILES NOTICES.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tarn-tools COMPONENT tools)

@@ -8,19 +8,17 @@
 
 #include "base/UniqueFd.h"
 #include "media/MovieOutput.h"
+#include "media/OutputFormat.h"
 
 namespace tarn {
 namespace {
 
-bool endsWith(const std::string& text, const std::string& ending) {
-  return text.size() > ending.size() &&
-         text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
-}
-
 class StreamOutput : public MediaOutput {
  public:
   bool open(const std::string& path) {
-    file_.reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    file_.reset(path == kStandardOutput
+                    ? ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)
+                    : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     if (!file_.valid()) error_ = "cannot create " + path + ": " + strerror(errno);
     return file_.valid();
   }
@@ -35,7 +33,7 @@ class StreamOutput : public MediaOutput {
     while (left > 0) {
       const ssize_t put = TEMP_FAILURE_RETRY(::write(file_.get(), data, left));
       if (put <= 0) {
-        error_ = "cannot write " + partPath_ + ": " + strerror(put == 0 ? ENOSPC : errno);
+        error_ = "cannot write " + name() + ": " + strerror(put == 0 ? ENOSPC : errno);
         return false;
       }
       data += put;
@@ -52,9 +50,10 @@ class StreamOutput : public MediaOutput {
 
   bool complete() override {
     if (file_.close() == 0) return true;
-    error_ = "cannot write " + partPath_ + ": " + strerror(errno);
+    error_ = "cannot write " + name() + ": " + strerror(errno);
     return false;
   }
+  std::string name() const { return partPath_.empty() ? "standard output" : partPath_; }
 
   UniqueFd file_;
 };
@@ -64,27 +63,29 @@ class StreamOutput : public MediaOutput {
 std::unique_ptr<MediaOutput> MediaOutput::create(const std::string& path, bool overwrite,
                                                  std::string* error, size_t tracks) {
   av_log_set_level(AV_LOG_FATAL);
-  if (!overwrite && ::access(path.c_str(), F_OK) == 0) {
+  const OutputFormat format = outputFormat(path);
+  const bool file = path != kStandardOutput;
+  if (file && !overwrite && ::access(path.c_str(), F_OK) == 0) {
     *error = path + " exists; --force replaces it";
     return nullptr;
   }
-  const std::string partPath = path + ".part";
+  const std::string target = file ? path + ".part" : path;
   const auto opened = [&](auto output, auto... how) -> std::unique_ptr<MediaOutput> {
     output->path_ = path;
-    output->partPath_ = partPath;
+    if (file) output->partPath_ = target;
     if (output->open(how...)) return output;
     *error = output->error();
     return nullptr;
   };
-  for (const char* muxer : {"mp4", "mov"}) {
-    if (endsWith(path, std::string(".") + muxer))
-      return opened(std::make_unique<MovieOutput>(), muxer, partPath, tracks);
+  if (format == OutputFormat::kMp4 || format == OutputFormat::kMov) {
+    const char* const muxer = format == OutputFormat::kMp4 ? "mp4" : "mov";
+    return opened(std::make_unique<MovieOutput>(), muxer, target, tracks);
   }
   if (tracks > 1) {
     *error = path + ": only an .mp4 or .mov holds several tracks";
     return nullptr;
   }
-  if (endsWith(path, ".h264")) return opened(std::make_unique<StreamOutput>(), partPath);
+  if (format == OutputFormat::kBare) return opened(std::make_unique<StreamOutput>(), target);
   *error = path + ": the name must end in .mp4, .mov or .h264";
   return nullptr;
 }
@@ -95,6 +96,7 @@ MediaOutput::~MediaOutput() {
 
 bool MediaOutput::finish() {
   if (!complete()) return false;
+  if (partPath_.empty()) return true;
   const UniqueFd file(::open(partPath_.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.valid() || ::fsync(file.get()) != 0 ||
       ::rename(partPath_.c_str(), path_.c_str()) != 0) {

@@ -36,7 +36,8 @@ class TARN_API MediaOutput {
  public:
   virtual ~MediaOutput();
 
-  // The format follows from the ending, .mp4, .mov or .h264. Refuses an existing file unless
+  // The format follows from the ending, .mp4, .mov or .h264, in capitals or not; "-" is standard
+  // output, where what was written stays also after a failure. Refuses an existing file unless
   // `overwrite`. A file of several tracks must not be .h264. Null with *error set.
   static std::unique_ptr<MediaOutput> create(const std::string& path, bool overwrite,
                                              std::string* error, size_t tracks = 1);

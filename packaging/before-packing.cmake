@@ -17,6 +17,10 @@ foreach(component ${CPACK_COMPONENTS_ALL})
     compress(${page})
   endforeach()
 
+  if(EXISTS ${root}/usr/share/zsh/site-functions)
+    file(RENAME ${root}/usr/share/zsh/site-functions ${root}/usr/share/zsh/vendor-completions)
+  endif()
+
   # The loader finds libraries below /usr by itself.
   file(GLOB_RECURSE binaries ${root}/usr/bin/* ${root}/usr/lib/*/*.so.*)
   foreach(binary ${binaries})

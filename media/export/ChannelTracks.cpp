@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "media/OutputFormat.h"
+
 namespace tarn {
 namespace {
 
@@ -26,12 +28,6 @@ std::vector<DB_STREAM> only(bool sound, const std::vector<DB_STREAM>& rows) {
   return chosen;
 }
 
-bool isBare(const std::string& path) {
-  constexpr char kEnding[] = ".h264";
-  constexpr size_t kLength = sizeof kEnding - 1;
-  return path.size() >= kLength && path.compare(path.size() - kLength, kLength, kEnding) == 0;
-}
-
 }  // namespace
 
 ChannelTracks::ChannelTracks(int channel, const ExportSelection& selection,
@@ -41,7 +37,7 @@ ChannelTracks::ChannelTracks(int channel, const ExportSelection& selection,
       sound_(request.sound ? only(true, rows) : std::vector<DB_STREAM>(), selection.from(),
              selection.soundTo()),
       hasSoundRows_(request.sound && !only(true, rows).empty()),
-      bare_(isBare(request.output)) {}
+      bare_(outputFormat(request.output) == OutputFormat::kBare) {}
 
 // Pictures that cannot be read are an error, however much sound there is.
 std::string ChannelTracks::begin() {

@@ -18,10 +18,10 @@ struct ExportRequest {
   std::optional<PictureTime> to;
   std::optional<uint16_t> trigger;  // of a period: only recordings of this trigger
   std::optional<int> channel;       // only recordings of this channel
-  std::string output;               // .mp4, .mov or .h264; of several channels NAME-chN.mp4 each
-  bool sound = true;                // the channels' sound, too
-  bool tracks = false;              // several channels into one file, a track each
-  bool overwrite = false;           // replace a file that exists
+  std::string output;      // .mp4, .mov or .h264, of several channels NAME-chN.mp4 each; - (a pipe)
+  bool sound = true;       // the channels' sound, too
+  bool tracks = false;     // several channels into one file, a track each
+  bool overwrite = false;  // replace a file that exists
 };
 
 }  // namespace tarn

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "media/MediaOutput.h"
+#include "media/OutputFormat.h"
 #include "media/export/ChannelTracks.h"
 #include "media/export/ExportSelection.h"
 #include "media/export/TrackTurns.h"
@@ -14,6 +15,9 @@ namespace tarn {
 namespace {
 
 constexpr char kErrStopped[] = "stopped before its end";
+constexpr char kErrOnePipe[] =
+    "several channels were recorded then, and standard output takes one: choose it with --channel";
+
 }  // namespace
 
 class MediaExporter::Impl {
@@ -128,6 +132,7 @@ bool MediaExporter::Impl::run(const StopAsked& stopAsked) {
   if (!selection.choose(stopAsked_)) return fail(selection.error());
   for (const auto& [channel, rows] : selection.rowsOfChannels())
     channels_.emplace_back(channel, selection, request_, rows);
+  if (request_.output == kStandardOutput && channels_.size() > 1) return fail(kErrOnePipe);
   return request_.tracks ? exportTracks() : exportFiles();
 }
 

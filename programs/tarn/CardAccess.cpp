@@ -35,12 +35,11 @@ bool CardAccess::decide(const std::string& card, const Command& command, const s
   OriginalCard opened;
   if (!opened.open(card, partition, error)) return false;
   if (!asked && !protection.empty()) {
-    complain(card + " cannot be written to (" + protection +
-             "): it is only read, and stays as it is");
+    warn(card + " cannot be written to (" + protection + "): it is only read, and stays as it is");
   } else if (!asked && !kind.empty()) {
-    complain(card + " is only read, and stays as it is: " + kind);
+    warn(card + " is only read, and stays as it is: " + kind);
   }
-  if (!opened.note().empty()) complain(opened.note());
+  if (!opened.note().empty()) warn(opened.note());
   original_ = opened.take();
   return true;
 }

@@ -2,8 +2,12 @@
 
 #include <CLI/CLI.hpp>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "recorder/card/PictureTime.h"
+#include "recorder/card/TimeInput.h"
 
 namespace tarn {
 
@@ -11,6 +15,9 @@ namespace tarn {
 inline constexpr int kExitGood = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
+
+// A command line as it was given, without the program's name.
+using WordsAsGiven = std::vector<std::string>;
 
 // One command of the tool. It lives from before parsing until the program ends.
 class Command {
@@ -23,6 +30,13 @@ class Command {
   // what went wrong on standard error, through complain(). Ends in order, finishing the database
   // and its journal, when stopRequested() turns true.
   virtual int run() = 0;
+  // Once they are parsed: tells the card among its words, where that takes more than a word CARD.
+  // False with the reason in *error when they make no sense. `given`: the whole command line.
+  virtual bool sortWords(const WordsAsGiven& given, std::string* error);
+  // The card that its words name; "" for none.
+  const std::string& card() const { return card_; }
+  // The card of the global option --card, for commands that do not need a recorder.
+  void setCard(const std::string& card) { card_ = card; }
   // False for commands that work on a card as such and need neither database nor server.
   virtual bool needsRecorder() const { return true; }
   // False for commands that must run before the management server does; in a private view nothing
@@ -42,10 +56,6 @@ class Command {
   virtual std::vector<std::string*> userPaths() { return {}; }
   // Words of a command line that may name files, where userPaths() does not do.
   virtual std::vector<std::string> shownPaths() const { return {}; }
-  // The global option --card, for commands that do not need a recorder.
-  virtual void setCard(const std::string& card) { static_cast<void>(card); }
-  // The card that the command itself names to be shown in a private view; "" without one.
-  virtual std::string ownCard() const { return ""; }
   // Whether the command was asked itself to leave the card as it is.
   virtual bool asksReadOnly() const { return false; }
   // In a private view on a card that is not what the user named: how to call it.
@@ -56,6 +66,13 @@ class Command {
   const std::string& cardName(const std::string& path) const {
     return shownCard_.empty() ? path : shownCard_;
   }
+  // Adds an option that takes a time, as TimeInput reads it; `edge`: which end of a period it is.
+  static CLI::Option* addTime(CLI::App* app, const std::string& name, const std::string& help,
+                              TimeInput::Edge edge, std::optional<PictureTime>* out);
+  // Adds the word CARD, which means what --card means.
+  CLI::Option* addCard(CLI::App* app);
+
+  std::string card_;
 
  private:
   std::string shownCard_;  // "": by its path
@@ -73,6 +90,9 @@ std::unique_ptr<Command> makeRecoverCommand();
 std::unique_ptr<Command> makeLogCommand();
 std::unique_ptr<Command> makeRunCommand();
 std::unique_ptr<Command> makeSaveCommand();
+std::unique_ptr<Command> makeHelpCommand();
+// Of shells, which ask it what can stand next on a command line.
+std::unique_ptr<Command> makeCompleteCommand();
 // In video/, where the build has libavformat.
 std::unique_ptr<Command> makeRecordCommand();
 std::unique_ptr<Command> makeExportCommand();

@@ -11,6 +11,7 @@
 #include "fat/ChunkFiles.h"
 #include "recorder/card/CardGeometry.h"
 #include "recorder/card/CardRepair.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/check/CardCheck.h"
 
 namespace tarn {
@@ -39,8 +40,8 @@ Json findingJson(const CardFinding& finding) {
   if (finding.streamID != 0) json["streamID"] = finding.streamID;
   if (finding.eventID != 0) json["eventID"] = finding.eventID;
   if (finding.chunk >= 0) json["chunk"] = finding.chunk;
-  if (finding.from != 0) json["from"] = isoTime(finding.from, 0);
-  if (finding.to != 0) json["to"] = isoTime(finding.to, 0);
+  if (finding.from != 0) json["from"] = TimeText::iso(finding.from, 0);
+  if (finding.to != 0) json["to"] = TimeText::iso(finding.to, 0);
   return json;
 }
 
@@ -64,7 +65,7 @@ class CommandCheck : public Command {
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand(
         "check", "Look through a card for whatever is wrong with it; changes nothing");
-    app->add_option("CARD", card_, "block device or image file; default: the recorder's own");
+    addCard(app);
     app->add_flag("--json", json_, "print JSON");
     app->add_flag("--quick", quick_,
                   "read only the beginning of each picture: damage further on stays unseen");
@@ -89,8 +90,6 @@ class CommandCheck : public Command {
   bool needsRecorder() const override { return false; }
   bool changesCard() const override { return (repair_ && !dryRun_) || !takeBack_.empty(); }
   int usageExitCode() const override { return kExitCheckUsage; }
-  void setCard(const std::string& card) override { card_ = card; }
-  std::string ownCard() const override { return card_; }
 
   int run() override {
     if (card_.empty()) card_ = deviceName(kRecorderPartition);
@@ -308,7 +307,6 @@ class CommandCheck : public Command {
     fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
   }
 
-  std::string card_;
   bool json_ = false;
   bool quick_ = false;
   bool repair_ = false;

@@ -33,15 +33,26 @@ std::string profileHelp() {
   return text;
 }
 
+std::vector<std::string> profileNames() {
+  std::vector<std::string> names;
+  for (const CardProfile& profile : CardLayout::profiles()) names.emplace_back(profile.name);
+  return names;
+}
+
+// Of cards that do not tell their size yet: what fits none of these fits no card.
+constexpr uint64_t kSomeSizes[] = {uint64_t{64} << 20, uint64_t{1} << 30, uint64_t{32} << 30,
+                                   uint64_t{1} << 40};
+
 class CommandFormat : public Command {
  public:
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand("format", "Lay out a card on a block device or image file");
-    app->add_option("CARD", card_, "block device or image file, created where it is missing")
-        ->required();
+    app->add_option("CARD", card_, "block device or image file, created where it is missing");
     addSize(app, "--size", "size of the card (256M, 64G); default: as large as it is",
             &request_.sizeBytes);
-    app->add_option("--profile", request_.profile, profileHelp());
+    app->add_option("--profile", request_.profile, profileHelp())
+        ->type_name("NAME")
+        ->check(CLI::IsMember(profileNames()));
     addSize(app, "--cluster-size", "FAT32 cluster, 512 to 65536 bytes", &clusterBytes_);
     for (int type : {kFileStream, kFilePicture, kFileJournal, kFileSyslog, kFileDbImage, kFileInfo,
                      kFileStreamManage, kFileJournalManage, kFileSyslogManage}) {
@@ -56,14 +67,10 @@ class CommandFormat : public Command {
   }
 
   bool needsRecorder() const override { return false; }
-  void setCard(const std::string&) override { cardGiven_ = true; }
 
   int run() override {
-    if (cardGiven_) {
-      complain("format takes its card as an argument: tarn format CARD, without --card");
-      return kExitUsage;
-    }
     request_.clusterBytes = static_cast<uint32_t>(std::min<uint64_t>(clusterBytes_, 0x80000000));
+    if (!makesSense()) return kExitUsage;
     // Where nobody can be asked, what is on the card stays.
     if (isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0) options_.confirm = ask;
     options_.look = cardHoldings;
@@ -78,6 +85,28 @@ class CommandFormat : public Command {
   }
 
  private:
+  // Whether there can be a card as it is asked for. What the card that is there is too small for
+  // shows when it is formatted, and is no wrong usage.
+  bool makesSense() const {
+    if (card_.empty()) {
+      complain("which card? tarn format CARD");
+      return false;
+    }
+    std::string error;
+    CardRequest request = request_;
+    CardLayout layout;
+    if (request.sizeBytes != 0) {
+      if (layout.plan(request, &error) != 0) complain(error);
+      return error.empty();
+    }
+    for (const uint64_t size : kSomeSizes) {
+      request.sizeBytes = size;
+      if (layout.plan(request, &error) == 0) return true;
+    }
+    complain(error);
+    return false;
+  }
+
   static bool ask(const std::string& holdings) {
     fprintf(stderr, "%s.\nFormat it anyway? [y/N] ", asUserSees(holdings).c_str());
     fflush(stderr);
@@ -112,7 +141,8 @@ class CommandFormat : public Command {
     }
     app->add_option("--" + optionName(type) + "-chunks", family.chunks,
                     "number of " + name + " chunks")
-        ->check(CLI::PositiveNumber);
+        ->type_name("N")
+        ->check(CLI::Range(1u, CardLayout::kMaxChunks));
   }
 
   int format(std::string* error) {
@@ -133,8 +163,6 @@ class CommandFormat : public Command {
                formatter_.volumeId());
   }
 
-  std::string card_;
-  bool cardGiven_ = false;
   uint64_t clusterBytes_ = 0;
   CardRequest request_;
   FormatOptions options_;

@@ -42,7 +42,7 @@ class CommandInfo : public Command {
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app =
         tool.add_subcommand("info", "Show a card's geometry and what is used; changes nothing");
-    app->add_option("CARD", card_, "block device or image file; default: the recorder's own");
+    addCard(app);
     app->add_flag("--chunks", chunks_, "show every stream chunk in use");
     app->add_option("--channel", channel_, "with --chunks only this channel's")
         ->check(CLI::Range(0, 127));
@@ -52,8 +52,6 @@ class CommandInfo : public Command {
 
   bool needsRecorder() const override { return false; }
   bool changesCard() const override { return false; }
-  void setCard(const std::string& card) override { card_ = card; }
-  std::string ownCard() const override { return card_; }
 
   int run() override {
     if (card_.empty()) card_ = deviceName(kRecorderPartition);
@@ -224,7 +222,6 @@ class CommandInfo : public Command {
     return fmt::format("{:04X}-{:04X}", info_.volumeId() >> 16, info_.volumeId() & 0xFFFF);
   }
 
-  std::string card_;
   bool chunks_ = false;
   std::optional<int> channel_;
   bool json_ = false;

@@ -11,6 +11,7 @@
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
 #include "recorder/card/CardText.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingReader.h"
 #include "recorder/rows/RecorderDatabase.h"
@@ -32,15 +33,17 @@ class CommandKeep : public Command {
  public:
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand("keep", "Keep recordings from being overwritten");
+    addCard(app);
     CLI::Option* event = app->add_option("--event", event_, "What was recorded during this event");
-    CLI::Option* from = app->add_option("--from", from_, "All from this local time on");
-    CLI::Option* to = app->add_option("--to", to_, "All up to this local time");
+    CLI::Option* from =
+        addTime(app, "--from", "All from this time on", TimeInput::Edge::kStart, &from_);
+    CLI::Option* to = addTime(app, "--to", "All up to this time", TimeInput::Edge::kEnd, &to_);
     CLI::Option* release =
         app->add_option("--release", release_, "Give up what is kept of this event");
     CLI::Option* list = app->add_flag("--list", list_, "Say what is kept");
     event->type_name("ID")->excludes(from)->excludes(to)->excludes(release)->excludes(list);
-    from->type_name("TIME")->excludes(release)->excludes(list);
-    to->type_name("TIME")->excludes(release)->excludes(list);
+    from->excludes(release)->excludes(list);
+    to->excludes(release)->excludes(list);
     release->type_name("ID")->excludes(list);
     app->add_option("--channel", request_.channel, "Only what this channel recorded")
         ->check(CLI::Range(0, 127));
@@ -74,23 +77,16 @@ class CommandKeep : public Command {
     return kExitFailed;
   }
 
-  static bool takeTime(const char* name, const std::string& text, PictureTime* out) {
-    if (text.empty() || parseTime(text, &out->seconds)) return true;
-    complain(std::string(name) + " " + text + ": expected YYYY-MM-DDTHH:MM:SS");
-    return false;
-  }
-
   bool takeRequest() {
-    request_.to = kForEver;
-    if (!takeTime("--from", from_, &request_.from) || !takeTime("--to", to_, &request_.to))
-      return false;
+    request_.from = from_.value_or(PictureTime{});
+    request_.to = to_.value_or(kForEver);
     if (event_ || release_) {
       request_.command = event_ ? KeepCommand::kKeepEvent : KeepCommand::kReleaseEvent;
       request_.number = event_ ? *event_ : *release_;
     } else {
       request_.command = KeepCommand::kKeepPeriod;
     }
-    if (!list_ && !event_ && !release_ && from_.empty() && to_.empty()) {
+    if (!list_ && !event_ && !release_ && !from_ && !to_) {
       complain("say what to keep: --event, or --from and --to; or --release, or --list");
       return false;
     }
@@ -158,7 +154,7 @@ class CommandKeep : public Command {
                  result.copies);
     }
     if (result.missing > 0)
-      complain(fmt::format("{} pictures cannot be read and are missing", result.missing));
+      warn(fmt::format("{} pictures cannot be read and are missing", result.missing));
     if (result.givenUp > 0 && !json_)
       fmt::print("the {} oldest copies went to make room\n", result.givenUp);
   }
@@ -170,21 +166,21 @@ class CommandKeep : public Command {
     if (!queries.streams(kSqlKept, &rows)) return failed(queries.failure());
     Json all = Json::array();
     if (!json_)
-      fmt::print("{:>8} {:>3} {:>9} {:<23} {:<23} {:>8}\n", "stream", "ch", "copy of", "start",
+      fmt::print("{:>8} {:>3} {:>9} {:<29} {:<29} {:>8}\n", "stream", "ch", "copy of", "start",
                  "end", "pictures");
     for (const DB_STREAM& row : rows) {
       if (json_) {
         all.push_back({{"streamID", row.streamID},
                        {"channel", keptChannel(row)},
                        {"copyOf", originalKey(row)},
-                       {"start", isoTime(row.startDate, row.startMSec)},
-                       {"end", isoTime(row.endDate, row.endMSec)},
+                       {"start", TimeText::iso(row.startDate, row.startMSec)},
+                       {"end", TimeText::iso(row.endDate, row.endMSec)},
                        {"pictures", row.recSize},
                        {"chunkID", row.chunkID}});
       } else {
-        fmt::print("{:>8} {:>3} {:>9} {:<23} {:<23} {:>8}\n", row.streamID, keptChannel(row),
-                   originalKey(row), timeText(row.startDate, row.startMSec),
-                   timeText(row.endDate, row.endMSec), row.recSize);
+        fmt::print("{:>8} {:>3} {:>9} {:<29} {:<29} {:>8}\n", row.streamID, keptChannel(row),
+                   originalKey(row), TimeText::of(row.startDate, row.startMSec),
+                   TimeText::of(row.endDate, row.endMSec), row.recSize);
       }
     }
     if (json_) fmt::print("{}\n", Json{{"schema", 1}, {"kept", all}}.dump(2));
@@ -194,8 +190,8 @@ class CommandKeep : public Command {
   KeepRequest request_;
   std::optional<uint32_t> event_;
   std::optional<uint32_t> release_;
-  std::string from_;
-  std::string to_;
+  std::optional<PictureTime> from_;
+  std::optional<PictureTime> to_;
   bool list_ = false;
   bool json_ = false;
 };

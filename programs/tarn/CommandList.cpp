@@ -14,6 +14,7 @@
 #include "recorder/card/CardGeometry.h"
 #include "recorder/card/CardText.h"
 #include "recorder/card/ChunkChannels.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingIndex.h"
 #include "recorder/recording/SoundFormat.h"
@@ -31,7 +32,7 @@ constexpr uint32_t kLastSecond = 0xFFFFFFFF;
 
 Json timeJson(uint32_t seconds, uint16_t milliseconds) {
   // An end of 0 is a recording that still runs.
-  return seconds == 0 ? Json(nullptr) : Json(isoTime(seconds, milliseconds));
+  return seconds == 0 ? Json(nullptr) : Json(TimeText::iso(seconds, milliseconds));
 }
 
 // Bytes of a recording's pictures or sound; 0 where header or entries are damaged. Nothing where
@@ -114,18 +115,18 @@ Json eventJson(const DB_EVENT& row, bool kept) {
 }
 
 std::string endText(uint32_t seconds, uint16_t milliseconds) {
-  return seconds == 0 ? "recording" : timeText(seconds, milliseconds);
+  return seconds == 0 ? "recording" : TimeText::of(seconds, milliseconds);
 }
 
 class CommandList : public Command {
  public:
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand("list", "List what is recorded");
-    app->add_option("WHAT", what_, "streams (the default) or events")
-        ->check(CLI::IsMember({"streams", "events"}));
+    app->add_option("WHAT", words_, "streams (the default) or events; a CARD, as with --card");
     addTime(app, "--from", "streams that run at or start after this time, events that start after",
-            &from_);
-    addTime(app, "--to", "streams and events that start up to this time", &to_);
+            TimeInput::Edge::kStart, &from_);
+    addTime(app, "--to", "streams and events that start up to this time", TimeInput::Edge::kEnd,
+            &to_);
     app->add_option("--trigger", trigger_, "only this trigger number")->check(CLI::Range(1, 65535));
     app->add_option("--channel", channel_, "only streams of this channel")
         ->check(CLI::Range(0, 127));
@@ -135,10 +136,29 @@ class CommandList : public Command {
   }
 
   bool changesCard() const override { return false; }
+  bool sortWords(const WordsAsGiven& /*given*/, std::string* error) override {
+    bool known = false;
+    for (const std::string& word : words_) {
+      if (word == "streams" || word == "events") {
+        if (known) *error = "list streams or events, one of them";
+        known = true;
+        what_ = word;
+      } else if (!card_.empty() || access(word.c_str(), F_OK) != 0) {
+        *error = "\"" + word + "\" is neither streams nor events, and no card";
+      } else {
+        card_ = word;
+      }
+    }
+    return error->empty();
+  }
 
   int run() override {
     if (what_ == "events" && (channel_ || long_)) {
       complain("events belong to no channel and lie nowhere: --channel and --long are for streams");
+      return kExitUsage;
+    }
+    if (from_ && to_ && *to_ < *from_) {
+      complain("--to lies before --from");
       return kExitUsage;
     }
     // Rows of a card that contradicts itself lead nowhere. Of one that cannot be read right now the
@@ -164,18 +184,15 @@ class CommandList : public Command {
   }
 
  private:
-  static void addTime(CLI::App* app, const std::string& name, const std::string& help,
-                      uint32_t* out) {
-    app->add_option_function<std::string>(
-           name,
-           [name, out](const std::string& text) {
-             if (!parseTime(text, out)) {
-               throw CLI::ValidationError(
-                   name, "\"" + text + "\" is not a time; write YYYY-MM-DDTHH:MM:SS, local time");
-             }
-           },
-           help)
-        ->type_name("TIME");
+  // The database is asked for whole seconds; what a fraction leaves out of them goes afterwards.
+  unsigned long firstSecond() const { return from_ ? from_->seconds : 0; }
+  unsigned long lastSecond() const { return to_ ? to_->seconds : kLastSecond; }
+  // A row's time is known to the millisecond, of which any part may be meant.
+  bool isFrom(uint32_t seconds, uint16_t milliseconds) const {
+    return !from_ || !(PictureTime{seconds, milliseconds * 1000u + 999} < *from_);
+  }
+  bool isUpTo(uint32_t seconds, uint16_t milliseconds) const {
+    return !to_ || !(*to_ < PictureTime{seconds, milliseconds * 1000u});
   }
 
   // Without a card the rows of the database are all that there is to see. What a card that is there
@@ -228,21 +245,23 @@ class CommandList : public Command {
   bool listStreams() {
     Json list = Json::array();
     if (!json_) {
-      fmt::print("{:>8} {:>3} {:<5} {:>5} {:<23} {:<23} {:>10} {:>8} {:>10}", "stream", "ch",
+      fmt::print("{:>8} {:>3} {:<5} {:>5} {:<29} {:<29} {:>10} {:>8} {:>10}", "stream", "ch",
                  "kind", "trig", "start", "end", "duration", "pictures", "size");
       printPlace<std::string>("chunk", "offset", "entries");
       printKept("kept");
       fmt::print("\n");
     }
     std::vector<DB_STREAM> page(kPage);
-    const unsigned long end = to_ != 0 ? to_ : kLastSecond;
     for (unsigned long offset = 0;; offset += kPage) {
-      const int32_t count = db_->selectRipList(page.data(), kPage, offset, from_, end, trigger_);
+      const int32_t count =
+          db_->selectRipList(page.data(), kPage, offset, firstSecond(), lastSecond(), trigger_);
       if (!statementWasDone(*db_, &error_)) return false;
       for (int32_t i = 0; i < count; ++i) {
         const DB_STREAM& row = page[static_cast<size_t>(i)];
         const int channel = isKept(row) ? keptChannel(row) : channels_.of(row.chunkID);
         if (channel_ && *channel_ != channel) continue;
+        if (!isUpTo(row.startDate, row.startMSec)) continue;
+        if (row.endDate != 0 && !isFrom(row.endDate, row.endMSec)) continue;
         const uint64_t bytes = sizeOf(row);
         if (json_) {
           list.push_back(streamJson(row, channel, bytes, isKeptRow(row)));
@@ -265,9 +284,9 @@ class CommandList : public Command {
 
   void printStream(const DB_STREAM& row, int channel, uint64_t bytes) const {
     const std::optional<int64_t> duration = durationMs(row);
-    fmt::print("{:>8} {:>3} {:<5} {:>5} {:<23} {:<23} {:>10} {:>8} {:>10}", row.streamID,
+    fmt::print("{:>8} {:>3} {:<5} {:>5} {:<29} {:<29} {:>10} {:>8} {:>10}", row.streamID,
                channelText(channel), kindText(row), row.inTrg,
-               timeText(row.startDate, row.startMSec), endText(row.endDate, row.endMSec),
+               TimeText::of(row.startDate, row.startMSec), endText(row.endDate, row.endMSec),
                duration ? fmt::format("{:.1f} s", static_cast<double>(*duration) / 1e3) : "-",
                isSound(row) ? "-" : std::to_string(row.recSize),
                bytes == 0 ? "-" : sizeText(bytes));
@@ -279,7 +298,7 @@ class CommandList : public Command {
   bool listEvents() {
     Json list = Json::array();
     if (!json_) {
-      fmt::print("{:>8} {:>5} {:>4} {:<23} {:<23}", "event", "trig", "pre", "start", "end");
+      fmt::print("{:>8} {:>5} {:>4} {:<29} {:<29}", "event", "trig", "pre", "start", "end");
       printKept("kept");
       fmt::print("\n");
     }
@@ -287,13 +306,13 @@ class CommandList : public Command {
       if (json_) {
         list.push_back(eventJson(row, isKeptEvent(row)));
       } else {
-        fmt::print("{:>8} {:>5} {:>4} {:<23} {:<23}", row.eventID, row.extTrg, row.preSec,
-                   timeText(row.startDate, row.startMSec), endText(row.endDate, row.endMSec));
+        fmt::print("{:>8} {:>5} {:>4} {:<29} {:<29}", row.eventID, row.extTrg, row.preSec,
+                   TimeText::of(row.startDate, row.startMSec), endText(row.endDate, row.endMSec));
         printKept(isKeptEvent(row) ? "kept" : "-");
         fmt::print("\n");
       }
     };
-    const bool all = from_ == 0 && to_ == 0 ? walkEvents(show) : walkEventsOfPeriod(show);
+    const bool all = !from_ && !to_ ? walkEvents(show) : walkEventsOfPeriod(show);
     if (all && json_) fmt::print("{}\n", Json{{"schema", 1}, {"events", list}}.dump(2));
     return all;
   }
@@ -315,13 +334,14 @@ class CommandList : public Command {
   // A period comes in order of time, where keys lead nowhere: the count says how much to fetch.
   template <typename Show>
   bool walkEventsOfPeriod(Show show) {
-    const unsigned long end = to_ != 0 ? to_ : kLastSecond;
-    std::vector<DB_EVENT> all(events(nullptr, 0, from_, end, 0));
+    std::vector<DB_EVENT> all(events(nullptr, 0, firstSecond(), lastSecond(), 0));
     if (!statementWasDone(*db_, &error_)) return false;
     if (all.empty()) return true;
-    all.resize(events(all.data(), all.size(), from_, end, 0));
+    all.resize(events(all.data(), all.size(), firstSecond(), lastSecond(), 0));
     if (!statementWasDone(*db_, &error_)) return false;
-    for (const DB_EVENT& row : all) show(row);
+    for (const DB_EVENT& row : all) {
+      if (isFrom(row.startDate, row.startMSec) && isUpTo(row.startDate, row.startMSec)) show(row);
+    }
     return true;
   }
 
@@ -331,9 +351,10 @@ class CommandList : public Command {
                                  0);
   }
 
+  std::vector<std::string> words_;
   std::string what_ = "streams";
-  uint32_t from_ = 0;
-  uint32_t to_ = 0;
+  std::optional<PictureTime> from_;
+  std::optional<PictureTime> to_;
   unsigned short trigger_ = 0;
   std::optional<int> channel_;
   bool long_ = false;

@@ -4,7 +4,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <functional>
+#include <nlohmann/json.hpp>
 
 #include "Command.h"
 #include "Console.h"
@@ -12,6 +14,7 @@
 #include "chunk/LogChunks.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNSyslogManager.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/log/LogFormat.h"
 #include "recorder/log/LogWriter.h"
 #include "recorder/rows/ServerRetry.h"
@@ -25,6 +28,8 @@ constexpr size_t kReadBytes = 64 * 1024;
 constexpr size_t kLongestLine = 256 * 1024;
 // Text that keeps coming in is safe after so long at most.
 constexpr int64_t kFlushMs = 1000;
+// More lines than five chunks hold.
+constexpr uint32_t kMostLines = 10000000;
 constexpr char kNoServer[] =
     "the management server does not answer; use --card CARD to look at a card without one";
 
@@ -82,22 +87,18 @@ class CommandLog : public Command {
  public:
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand("log", "Show the system log on the card, or write to it");
+    addCard(app);
     CLI::Option* write =
         app->add_flag("--write", write_, "append each line of standard input, until its end");
     app->add_flag("-f,--follow", follow_, "go on showing what is added, until interrupted")
         ->excludes(write);
-    app->add_option_function<std::string>(
-           "--since",
-           [this](const std::string& text) {
-             if (!parseTime(text, &since_)) {
-               throw CLI::ValidationError(
-                   "--since",
-                   "\"" + text + "\" is not a time; write YYYY-MM-DDTHH:MM:SS, local time");
-             }
-           },
-           "only lines of this time or later")
-        ->type_name("TIME")
+    addTime(app, "--since", "only lines of this time or later", TimeInput::Edge::kStart, &since_)
         ->excludes(write);
+    app->add_option("-n,--lines", last_, "only the last N lines of what is there")
+        ->type_name("N")
+        ->check(CLI::Range(1u, kMostLines))
+        ->excludes(write);
+    app->add_flag("--json", json_, "print each line as JSON, an object a line")->excludes(write);
     app->add_option("--chunk", chunk_, "only this syslog chunk, 0 to 4")
         ->check(CLI::Range(0, kLogChunks - 1))
         ->excludes(write);
@@ -139,6 +140,7 @@ class CommandLog : public Command {
       lines.start((active + i) % kLogChunks);
       if (!show(&reader, &lines)) return kExitFailed;
     }
+    if (!showLast()) return kExitFailed;
     return follow_ ? followLines(&reader, &lines) : kExitGood;
   }
 
@@ -153,8 +155,37 @@ class CommandLog : public Command {
 
   bool showLine(const std::string& text) {
     const LogLine line = parseLogLine(text);
-    if (line.filling || (since_ != 0 && line.seconds < int64_t{since_})) return true;
-    const std::string whole = line.text + "\n";
+    if (line.filling || (since_ && line.seconds < int64_t{since_->seconds})) return true;
+    const std::string whole = (json_ ? asJson(line) : line.text) + "\n";
+    if (last_ == 0 || lastShown_) return put(whole);
+    kept_.push_back(whole);
+    if (kept_.size() > last_) kept_.pop_front();
+    return true;
+  }
+
+  // The lines that were held back until it was known which are the last; what comes from now on is
+  // shown as it comes.
+  bool showLast() {
+    lastShown_ = true;
+    while (!kept_.empty()) {
+      if (!put(kept_.front())) return false;
+      kept_.pop_front();
+    }
+    return true;
+  }
+
+  // The time is the clock's own where the line has one, or null.
+  static std::string asJson(const LogLine& line) {
+    const bool known = line.seconds >= 0;
+    const nlohmann::ordered_json json = {
+        {"time", known
+                     ? nlohmann::ordered_json(TimeText::iso(static_cast<uint32_t>(line.seconds), 0))
+                     : nlohmann::ordered_json(nullptr)},
+        {"text", line.text}};
+    return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  }
+
+  bool put(const std::string& whole) {
     return fwrite(whole.data(), 1, whole.size(), stdout) == whole.size() || stopOutput();
   }
 
@@ -239,7 +270,11 @@ class CommandLog : public Command {
 
   bool write_ = false;
   bool follow_ = false;
-  uint32_t since_ = 0;
+  std::optional<PictureTime> since_;
+  uint32_t last_ = 0;  // lines; 0: all
+  bool lastShown_ = false;
+  std::deque<std::string> kept_;  // the last ones so far
+  bool json_ = false;
   int chunk_ = -1;
   std::string inputError_;
   int outputError_ = 0;

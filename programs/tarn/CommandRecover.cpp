@@ -5,6 +5,7 @@
 #include "Command.h"
 #include "Console.h"
 #include "StandardOutputMuted.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/recovery/Recovery.h"
 
 namespace tarn {
@@ -65,7 +66,7 @@ Json changeJson(const RecoveryChange& change) {
   if (change.pictures != 0) json["pictures"] = change.pictures;
   if (change.endDate != 0) {
     json["endDate"] = change.endDate;
-    json["end"] = isoTime(change.endDate, 0);
+    json["end"] = TimeText::iso(change.endDate, 0);
   }
   json["text"] = change.text;
   return json;
@@ -125,6 +126,7 @@ class CommandRecover : public Command {
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand(
         "recover", "Make card and database consistent, as a recorder does before it starts");
+    addCard(app);
     CLI::Option* accept = app->add_flag(
         "--accept", accept_, "give up recordings in bulk where the card's damage leads to it");
     app->add_flag("--unattended", unattended_, "go on with what is intact, and guard the rest")
@@ -152,7 +154,7 @@ class CommandRecover : public Command {
       if (dryRun_) fmt::print("what a recovery would do; nothing of it was done:\n");
       printText(report);
     }
-    for (const std::string& problem : report.problems) complain(problem);
+    for (const std::string& problem : report.problems) warn(problem);
     if (report.ok()) return kExitGood;
     complain(report.error);
     return kExitFailed;

@@ -1,6 +1,8 @@
 #include <signal.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <filesystem>
 
 #include "ChildProcess.h"
@@ -15,12 +17,28 @@ class CommandRun : public Command {
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand(
         "run", "Run a program on the recorder; with --card, in a private view on a card");
-    app->add_option("COMMAND", words_, "the program and its arguments, behind --")->required();
+    app->add_option("CARD", card_, "block device or image file, as with --card");
+    app->add_option("COMMAND", words_, "the program and its arguments, behind --");
     return app;
   }
 
   // Whatever the program does.
   bool worksReadOnly() const override { return true; }
+
+  // Only the dashes tell a card in front of the program from the program.
+  bool sortWords(const WordsAsGiven& given, std::string* error) override {
+    const auto dashes = std::find(given.begin(), given.end(), "--");
+    const size_t behind =
+        dashes == given.end() ? SIZE_MAX : static_cast<size_t>(given.end() - dashes) - 1;
+    if (!card_.empty() && words_.size() < behind) {
+      words_.insert(words_.begin(), card_);
+      card_.clear();
+    }
+    if (words_.empty()) *error = "which program? It stands behind --";
+    if (dashes != given.end() && words_.size() > behind)
+      *error = "behind -- stands the program, in front of it no more than a card";
+    return error->empty();
+  }
 
   int run() override {
     ChildProcess program;

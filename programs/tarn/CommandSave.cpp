@@ -9,8 +9,10 @@ namespace {
 class CommandSave : public Command {
  public:
   CLI::App* addTo(CLI::App& tool) override {
-    return tool.add_subcommand(
+    CLI::App* app = tool.add_subcommand(
         "save", "Save the database into its image on the card, as the last step of a clean stop");
+    addCard(app);
+    return app;
   }
 
   bool needsServer() const override { return false; }

@@ -2,6 +2,27 @@
 
 namespace tarn {
 
+bool Command::sortWords(const WordsAsGiven& /*given*/, std::string* /*error*/) { return true; }
+
+CLI::Option* Command::addTime(CLI::App* app, const std::string& name, const std::string& help,
+                              TimeInput::Edge edge, std::optional<PictureTime>* out) {
+  return app
+      ->add_option_function<std::string>(
+          name,
+          [name, edge, out](const std::string& text) {
+            std::string error;
+            if (!TimeInput::parse(text, edge, &out->emplace(), &error))
+              throw CLI::ValidationError(name, error);
+          },
+          help)
+      ->type_name("TIME");
+}
+
+CLI::Option* Command::addCard(CLI::App* app) {
+  return app->add_option("CARD", card_,
+                         "block device or image file, as with --card; default: the recorder's own");
+}
+
 std::vector<std::unique_ptr<Command>> allCommands() {
   std::vector<std::unique_ptr<Command>> commands;
   commands.push_back(makeFormatCommand());
@@ -22,6 +43,8 @@ std::vector<std::unique_ptr<Command>> allCommands() {
   commands.push_back(makeRunCommand());
   commands.push_back(makeRecoverCommand());
   commands.push_back(makeSaveCommand());
+  commands.push_back(makeHelpCommand());
+  commands.push_back(makeCompleteCommand());
   return commands;
 }
 

@@ -5,9 +5,7 @@
 
 #include <atomic>
 #include <cctype>
-#include <cinttypes>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 
 #include "mesg/RequestPatience.h"
@@ -27,6 +25,13 @@ uint32_t monotonicMs() {
   struct timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<uint32_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec / 1000000);
+}
+
+ComplaintForm g_form = nullptr;
+
+void say(const char* kind, const std::string& text) {
+  const std::string seen = asUserSees(text);
+  fprintf(stderr, "%s\n", (g_form != nullptr ? g_form(kind, seen) : "tarn: " + seen).c_str());
 }
 
 void onStopSignal(int signal) {
@@ -52,10 +57,6 @@ uint64_t unitFactor(std::string unit) {
   return unit.empty() || unit == "B" ? 1 : 0;
 }
 
-bool sameDay(const struct tm& a, const struct tm& b) {
-  return a.tm_year == b.tm_year && a.tm_mon == b.tm_mon && a.tm_mday == b.tm_mday;
-}
-
 }  // namespace
 
 std::string asUserSees(std::string text) {
@@ -66,7 +67,21 @@ std::string asUserSees(std::string text) {
   return text;
 }
 
-void complain(const std::string& text) { fprintf(stderr, "tarn: %s\n", asUserSees(text).c_str()); }
+void complain(const std::string& text) { say("error", text); }
+void warn(const std::string& text) { say("warning", text); }
+void complainAs(ComplaintForm form) { g_form = form; }
+
+std::string withShortNumbers(const std::string& text) {
+  constexpr size_t kMostDigits = 20;
+  std::string shown;
+  size_t digits = 0;
+  for (const char c : text) {
+    digits = isdigit(static_cast<unsigned char>(c)) != 0 ? digits + 1 : 0;
+    if (digits <= kMostDigits) shown += c;
+    if (digits == kMostDigits + 1) shown += "...";
+  }
+  return shown;
+}
 
 ProgressLine::ProgressLine() : terminal_(isatty(STDERR_FILENO) != 0) {}
 
@@ -105,46 +120,6 @@ bool parseSize(const std::string& text, uint64_t* bytes) {
   if (digits == 0 || factor == 0 || value > UINT64_MAX / factor) return false;
   *bytes = value * factor;
   return true;
-}
-
-bool parseTime(const std::string& text, uint32_t* seconds) {
-  struct tm parsed = {};
-  const char* rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parsed);
-  if (rest == nullptr) {
-    parsed = {};
-    rest = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parsed);
-  }
-  if (rest == nullptr || *rest != '\0') return false;
-  struct tm local = parsed;
-  local.tm_isdst = -1;
-  const time_t when = mktime(&local);
-  // mktime moves a 31 April into May; a person who writes it made a mistake.
-  if (!sameDay(parsed, local) || when < 0 || when > 0xFFFFFFFELL) return false;
-  *seconds = static_cast<uint32_t>(when);
-  return true;
-}
-
-std::string timeText(uint32_t seconds, uint16_t milliseconds) {
-  const time_t when = seconds;
-  struct tm local;
-  localtime_r(&when, &local);
-  char text[40];
-  const size_t length = strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-  snprintf(text + length, sizeof text - length, ".%03u", unsigned{milliseconds});
-  return text;
-}
-
-std::string isoTime(uint32_t seconds, uint16_t milliseconds) {
-  const time_t when = seconds;
-  struct tm local;
-  localtime_r(&when, &local);
-  char text[40];
-  char zone[8];
-  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
-  strftime(zone, sizeof zone, "%z", &local);
-  char whole[64];
-  snprintf(whole, sizeof whole, "%s.%03u%.3s:%s", text, unsigned{milliseconds}, zone, zone + 3);
-  return whole;
 }
 
 }  // namespace tarn

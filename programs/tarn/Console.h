@@ -12,6 +12,16 @@ std::string asUserSees(std::string text);
 
 // "tarn: text" on standard error, as the user sees it.
 void complain(const std::string& text);
+// The same of what is worth knowing and no failure.
+void warn(const std::string& text);
+// The form in which both say things from now on, for programs that read them: what it makes of a
+// text, and of "error" or "warning", is a line of its own. Set before there is a second thread.
+using ComplaintForm = std::string (*)(const char* kind, const std::string& text);
+void complainAs(ComplaintForm form);
+
+// A text of which no number is longer than anybody can read: digits behind the twentieth of a row
+// go.
+std::string withShortNumbers(const std::string& text);
 
 // One line on standard error that is written over and over, and only where a person looks at it.
 class ProgressLine {
@@ -37,13 +47,5 @@ void resetStopSignals();
 // A size: digits with an optional K, M, G or T (powers of 1024; "MiB" and "MB" are the same). False
 // for anything else and for what 64 bits cannot hold.
 bool parseSize(const std::string& text, uint64_t* bytes);
-
-// 'YYYY-MM-DDTHH:MM:SS' (or with a blank instead of T) in local time, to seconds. False for
-// anything else, for days that do not exist, and for what 32 bits cannot hold.
-bool parseTime(const std::string& text, uint32_t* seconds);
-// Seconds and milliseconds as "YYYY-MM-DD HH:MM:SS.mmm" local time, and as ISO 8601 with the
-// offset from UTC.
-std::string timeText(uint32_t seconds, uint16_t milliseconds);
-std::string isoTime(uint32_t seconds, uint16_t milliseconds);
 
 }  // namespace tarn

@@ -38,7 +38,7 @@ int ViewSession::open(std::string* error) {
     const StandardOutputMuted muted;
     report = Recovery(readOnly_ ? FusePolicy::kGuard : FusePolicy::kStop).run();
   }
-  for (const std::string& problem : report.problems) complain(problem);
+  for (const std::string& problem : report.problems) warn(problem);
   if (!report.ok()) {
     *error = "the recorder could not be started up on this card: " + report.error;
     return -1;

@@ -3,11 +3,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <new>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <system_error>
 
 #include "CardAccess.h"
@@ -18,6 +21,7 @@
 #include "base/StandardStreams.h"
 #include "fat/ChunkFiles.h"
 #include "programs/OutOfMemory.h"
+#include "recorder/card/TimeZone.h"
 
 namespace tarn {
 namespace {
@@ -28,6 +32,12 @@ constexpr char kInsideReadOnly[] = "--inside-read-only";
 constexpr char kFooter[] =
     "Exit codes: 0 done; 1 failed, with the reason on standard error; 2 wrong usage.\n"
     "run passes on the exit code of its command.";
+
+// Before the times of a command are read: the tool's own options come first.
+void chooseZone(const char* option, const std::string& name) {
+  std::string error;
+  if (!TimeZone::choose(name, &error)) throw CLI::ValidationError(option, error);
+}
 
 struct Tool {
   CLI::App app{"Storage of a video recorder: cards, recordings, exports", "tarn"};
@@ -52,12 +62,21 @@ struct Tool {
         ->type_name("N")
         ->check(CLI::Range(1, 1024));
     app.add_option("--shown-name", shownName)->group("");
-    app.add_option("--inside-view", viewPipe)->group("");
     app.add_flag(kInsideReadOnly, insideReadOnly)->group("");
-    app.set_version_flag("--version", "tarn " TARN_VERSION, "print the version and exit");
+    app.add_flag_function(
+        "--utc", [](int64_t) { chooseZone("--utc", "UTC"); }, "understand and show times in UTC");
+    app.add_option_function<std::string>(
+           "--zone", [](const std::string& name) { chooseZone("--zone", name); },
+           "understand and show times in this zone, as Europe/Berlin or +02:00; default: the "
+           "machine's")
+        ->type_name("NAME")
+        ->excludes("--utc");
+    app.add_option("--inside-view", viewPipe)->group("");
+    app.set_version_flag("-V,--version", "tarn " TARN_VERSION, "print the version and exit");
     app.require_subcommand(0, 1);
     app.footer(kFooter);
     for (const auto& command : commands) subcommands.push_back(command->addTo(app));
+    for (CLI::App* subcommand : subcommands) subcommand->fallthrough();
   }
 
   Command* chosen() const {
@@ -145,52 +164,94 @@ std::vector<std::string> pathsToShow(Command* command) {
   return paths;
 }
 
-int runInView(const Tool& tool, Command* command, int argc, char** argv) {
+// In the view the card has its place, and is no word any more.
+int runInView(const Tool& tool, Command* command, WordsAsGiven words) {
+  auto word = std::find(words.begin(), words.end(), command->card());
+  if (word != words.begin() && word != words.end() && *(word - 1) == "--card")
+    word = std::find(word + 1, words.end(), command->card());
+  if (!command->card().empty() && word != words.end()) words.erase(word);
   CardView view;
   std::string error;
-  std::vector<std::string> arguments(argv + 1, argv + argc);
   CardOriginal* original = tool.access.original();
-  if (original != nullptr) {
-    arguments.insert(arguments.begin(), {kInsideReadOnly, "--shown-name", tool.card});
-  }
+  if (original != nullptr)
+    words.insert(words.begin(), {kInsideReadOnly, "--shown-name", tool.card});
   const int exitCode =
       original == nullptr
-          ? view.run(tool.card, arguments, pathsToShow(command), &error)
-          : view.runReadOnly(tool.card, original, arguments, pathsToShow(command), &error);
+          ? view.run(tool.card, words, pathsToShow(command), &error)
+          : view.runReadOnly(tool.card, original, words, pathsToShow(command), &error);
   if (exitCode >= 0) return exitCode;
   complain(error);
   return kExitFailed;
 }
 
+// Whoever asks for JSON reads errors as JSON, too: a line {"error": "..."} each.
+std::string complaintAsJson(const char* kind, const std::string& text) {
+  return nlohmann::json{{kind, text}}.dump(-1, ' ', false,
+                                           nlohmann::json::error_handler_t::replace);
+}
+
+void chooseForm(const WordsAsGiven& words) {
+  const auto end = std::find(words.begin(), words.end(), "--");
+  if (std::find(words.begin(), end, "--json") != end) complainAs(complaintAsJson);
+}
+
+// What the parser has to say of a command line, or what it asked for.
+int tellUsage(const Tool& tool, const CLI::ParseError& error) {
+  if (error.get_exit_code() == 0) {
+    tool.app.exit(error);
+    return kExitGood;
+  }
+  const Command* command = tool.chosen();
+  complain(withShortNumbers(error.what()) + "; \"tarn help" +
+           (command != nullptr ? " " + tool.nameOf(command) : "") + "\" says more");
+  return command != nullptr ? command->usageExitCode() : kExitUsage;
+}
+
+// One card, given in one way or the other.
+bool takeCard(Tool* tool, Command* command, const WordsAsGiven& words, std::string* error) {
+  if (!command->sortWords(words, error)) return false;
+  if (tool->card.empty()) tool->card = command->card();
+  if (!command->card().empty() && command->card() != tool->card)
+    *error = "two cards, " + tool->card + " and " + command->card() + ": which one?";
+  return error->empty();
+}
+
 int runTool(int argc, char** argv) {
+  const WordsAsGiven words(argv + std::min(argc, 1), argv + argc);
+  chooseForm(words);
   Tool tool;
   try {
     tool.app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    const Command* command = tool.chosen();
-    const int usage = command != nullptr ? command->usageExitCode() : kExitUsage;
-    return tool.app.exit(error) == 0 ? kExitGood : usage;
+    return tellUsage(tool, error);
+  } catch (const std::logic_error&) {
+    // What the parser makes of a flag with a value that is none: --utc=x.
+    complain("a flag takes no value; \"tarn help\" says more");
+    return tool.chosen() != nullptr ? tool.chosen()->usageExitCode() : kExitUsage;
   }
   Command* command = tool.chosen();
+  std::string error;
   if (command == nullptr) {
     complain("which command? tarn --help lists them");
     return kExitUsage;
   }
+  if (!takeCard(&tool, command, words, &error)) {
+    complain(withShortNumbers(error));
+    return command->usageExitCode();
+  }
   if (tool.viewPipe >= 0) return runInside(command, tool);
-  if (tool.card.empty()) tool.card = command->ownCard();
   if (tool.card.empty() && command->isDryRun()) tool.card = deviceName(kRecorderPartition);
   // On the recorder itself there is no view, and nothing that it would keep from the card.
   if (!tool.card.empty() && command->asksReadOnly()) tool.access.readOnly = true;
-  std::string error;
   if (!tool.access.decide(tool.card, *command, tool.nameOf(command), &error)) {
     complain(error);
     return kExitFailed;
   }
   if (!command->needsRecorder() && tool.access.original() == nullptr) {
-    if (!tool.card.empty()) command->setCard(tool.card);
+    command->setCard(tool.card);
     return runCommand(command);
   }
-  if (!tool.card.empty()) return runInView(tool, command, argc, argv);
+  if (!tool.card.empty()) return runInView(tool, command, words);
   catchStopSignals();
   return runCommand(command);
 }

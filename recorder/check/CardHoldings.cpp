@@ -1,9 +1,9 @@
 #include "recorder/check/CardHoldings.h"
 
 #include <algorithm>
-#include <ctime>
 
 #include "recorder/card/CardText.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/check/CardContents.h"
 
 namespace tarn {
@@ -11,15 +11,6 @@ namespace {
 
 std::string countText(size_t count, const char* what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
-std::string dateText(uint32_t seconds) {
-  const time_t when = seconds;
-  struct tm local;
-  char text[40];
-  localtime_r(&when, &local);
-  strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-  return text;
 }
 
 // ", from ... to ..."
@@ -30,7 +21,7 @@ std::string periodText(const std::map<uint32_t, DB_STREAM>& rows) {
     first = std::min(first, row.startDate);
     last = std::max({last, row.startDate, row.endDate});
   }
-  return ", from " + dateText(first) + " to " + dateText(last);
+  return ", from " + TimeText::of(first) + " to " + TimeText::of(last);
 }
 
 bool managementIsLost(const CardInfo& info) {

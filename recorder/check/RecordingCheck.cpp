@@ -3,6 +3,7 @@
 
 #include "base/Wrap.h"
 #include "db/RowStatus.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/check/CardContents.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/PictureStamp.h"
@@ -107,7 +108,7 @@ class RecordingCheck {
                        : consequence == Consequence::kLost  ? " are lost"
                                                             : " were not delivered by the card";
     finding.meaning = videoText(finding.videoMicros) + " of " + camera + " at " +
-                      momentText(static_cast<uint32_t>(from / 1000000)) + what;
+                      TimeText::of(static_cast<uint32_t>(from / 1000000)) + what;
     return finding;
   }
   int64_t rowStart() const { return micros(row_.startDate, row_.startMSec); }
@@ -255,8 +256,8 @@ class RecordingCheck {
                                     : runState_ == State::kBadData ? Consequence::kDamaged
                                                                    : Consequence::kUnread;
     say(meaning(consequence, runMicros_, untilMicros), stateKind(runState_),
-        pictures + " of " + std::to_string(row_.recSize) + ", between " + momentText(lastGood_) +
-            " and " + momentText(to) + ": " + stateText(runState_, sound_),
+        pictures + " of " + std::to_string(row_.recSize) + ", between " + TimeText::of(lastGood_) +
+            " and " + TimeText::of(to) + ": " + stateText(runState_, sound_),
         lastGood_, to);
     runState_ = State::kGood;
     return until;

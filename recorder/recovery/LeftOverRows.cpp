@@ -6,6 +6,7 @@
 #include "base/Omission.h"
 #include "db/RowStatus.h"
 #include "dblog/CDbRestore.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/recording/InterruptedRow.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/SoundFormat.h"
@@ -54,7 +55,7 @@ std::string countText(const DB_STREAM& row, uint32_t count) {
 void noteClosed(const DB_STREAM& row, uint32_t pictures, uint32_t end, RecoveryReport* report) {
   report->changes.push_back({Kind::kRecordingClosed, row.streamID, pictures, end,
                              nameOf(row) + " was interrupted: " + countText(row, pictures) +
-                                 " came back, up to " + momentText(end)});
+                                 " came back, up to " + TimeText::of(end)});
 }
 
 void noteDeleted(const DB_STREAM& row, const char* why, RecoveryReport* report) {

@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <syslog.h>
 
-#include <ctime>
-
 #include "base/Endian.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
@@ -13,6 +11,7 @@
 #include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/card/Source.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/recording/RecordFormat.h"
 #include "recorder/recovery/RecoveryMessages.h"
 
@@ -169,22 +168,12 @@ bool redateEventNative(const DB_EVENT& row) {
                  ", endDate = " + number(row.endDate) + " WHERE eventID = " + number(row.eventID));
 }
 
-std::string momentText(uint32_t seconds) {
-  const time_t when = seconds;
-  struct tm parts = {};
-  char text[32] = "";
-  if (localtime_r(&when, &parts) == nullptr || strftime(text, sizeof text, "%F %T", &parts) == 0) {
-    return number(seconds);
-  }
-  return text;
-}
-
 std::string nameOf(const DB_STREAM& row) {
-  return "recording " + number(row.streamID) + " of " + momentText(row.startDate);
+  return "recording " + number(row.streamID) + " of " + TimeText::of(row.startDate);
 }
 
 std::string nameOf(const DB_EVENT& row) {
-  return "event " + number(row.eventID) + " of " + momentText(row.startDate);
+  return "event " + number(row.eventID) + " of " + TimeText::of(row.startDate);
 }
 
 std::string cannotChange(const DB_STREAM& row) {

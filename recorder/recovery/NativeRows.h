@@ -34,9 +34,8 @@ bool redateEventNative(const DB_EVENT& row);
 std::string cannotChange(const DB_STREAM& row);
 std::string cannotChange(const DB_EVENT& row);
 
-// "recording 12 of 2026-03-01 09:00:00" and "event 3 of …"; and a moment alone.
+// "recording 12 of 2026-03-01 09:00:00+01:00" and "event 3 of …".
 std::string nameOf(const DB_STREAM& row);
 std::string nameOf(const DB_EVENT& row);
-std::string momentText(uint32_t seconds);
 
 }  // namespace tarn

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "db/RowStatus.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingIndex.h"
 #include "recorder/recording/RowCorrection.h"
@@ -36,8 +37,9 @@ constexpr uint32_t kMostReordered = 16;
 constexpr size_t kSqlRoom = 320;
 
 void noteClosed(const DB_EVENT& event, uint32_t end, RecoveryReport* report) {
-  report->changes.push_back({Kind::kEventClosed, event.eventID, 0, end,
-                             nameOf(event) + " was still running: it ends at " + momentText(end)});
+  report->changes.push_back(
+      {Kind::kEventClosed, event.eventID, 0, end,
+       nameOf(event) + " was still running: it ends at " + TimeText::of(end)});
 }
 
 void noteDeleted(const DB_EVENT& event, RecoveryReport* report) {

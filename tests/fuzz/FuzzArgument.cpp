@@ -3,6 +3,8 @@
 #include <ctime>
 #include <string>
 
+#include "recorder/card/TimeInput.h"
+#include "recorder/card/TimeText.h"
 #include "tarn/Console.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -13,14 +15,16 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  uint32_t seconds = 0;
-  if (tarn::parseTime(text, &seconds)) {
-    uint32_t again = 0;
-    tarn::isoTime(seconds, 999);
-    const std::string shown = tarn::timeText(seconds, 0);
-    if (!tarn::parseTime(shown.substr(0, 19), &again)) abort();
-    // The times themselves may differ: an hour of autumn is there twice.
-    if (tarn::timeText(again, 0) != shown) abort();
+  for (const auto edge : {tarn::TimeInput::Edge::kStart, tarn::TimeInput::Edge::kEnd}) {
+    tarn::PictureTime time, again;
+    std::string error;
+    if (!tarn::TimeInput::parse(text, edge, {1772357200, 250000}, &time, &error)) {
+      if (error.empty()) abort();
+      continue;
+    }
+    const std::string shown = tarn::TimeText::iso(time.seconds, time.milliseconds());
+    if (!tarn::TimeInput::parse(shown, edge, &again, &error)) abort();
+    if (again.seconds != time.seconds || again.milliseconds() != time.milliseconds()) abort();
   }
   uint64_t bytes = 0;
   if (tarn::parseSize(text, &bytes)) {

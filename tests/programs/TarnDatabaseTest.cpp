@@ -39,7 +39,9 @@ class TarnDatabaseTest : public ::testing::Test {
   static void expectError(const std::string& command, const std::string& text) {
     const ShellResult result = tarn(command + " 2>&1 >/dev/null");
     EXPECT_EQ(result.exitCode, 1) << command;
-    EXPECT_THAT(result.output, StartsWith("tarn: ")) << command;
+    EXPECT_THAT(result.output,
+                StartsWith(command.find("--json") != std::string::npos ? "{\"error\":" : "tarn: "))
+        << command;
     EXPECT_THAT(result.output, HasSubstr(text)) << command;
   }
   void expectExportError(const std::string& what, const std::string& text) const {

@@ -68,8 +68,8 @@ TEST_F(TarnExport, WritesDamagedPicturesAndNamesThem) {
   EXPECT_EQ(report["damages"][0]["pictures"], 2);
   EXPECT_EQ(report["damages"][0]["from"], "2023-11-15T00:13:21.200+02:00");
   const std::string told = shell("cat /tmp/err").output;
-  EXPECT_THAT(told,
-              HasSubstr("recording 1: 2 pictures are damaged between 2023-11-15 00:13:21.200"));
+  EXPECT_THAT(
+      told, HasSubstr("recording 1: 2 pictures are damaged between 2023-11-15 00:13:21.200+02:00"));
   EXPECT_THAT(told, HasSubstr("2 of " + std::to_string(row.recSize) + " pictures are damaged"));
 }
 

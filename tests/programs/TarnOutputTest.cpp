@@ -13,6 +13,8 @@ using ::testing::HasSubstr;
 
 constexpr char kFull[] = "tarn: standard output could not be written\n";
 
+constexpr char kFullAsJson[] = "{\"error\":\"standard output could not be written\"}\n";
+
 ShellResult tarn(const std::string& arguments) {
   return shell(std::string(TARN_BIN_DIR "/tarn ") + arguments);
 }
@@ -27,7 +29,8 @@ class TarnOutputTest : public ::testing::Test {
   static void expectFailure(const std::string& command) {
     const ShellResult result = tarn(command + " >/dev/full");
     EXPECT_EQ(result.exitCode, 1) << command;
-    EXPECT_EQ(result.output, kFull) << command;
+    const bool json = command.find("--json") != std::string::npos;
+    EXPECT_EQ(result.output, json ? kFullAsJson : kFull) << command;
   }
 };
 

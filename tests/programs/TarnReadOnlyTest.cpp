@@ -116,7 +116,7 @@ TEST_F(TarnReadOnly, ACardOfAReadOnlyFileSystemIsOnlyReadByItself) {
       "/tarn --card /tmp/case/card list --json "
       "2>/tmp/said; cat /tmp/said >&2");
   EXPECT_THAT(result.output, HasSubstr("/tmp/case/card cannot be written to (Read-only file "
-                                       "system): it is only read, and stays as it is\n"));
+                                       "system): it is only read, and stays as it is"));
   EXPECT_THAT(result.output, HasSubstr("\"streams\""));
 }
 

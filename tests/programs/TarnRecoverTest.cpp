@@ -109,7 +109,7 @@ TEST_F(TarnRecoverTest, SetsTheDatabaseFreeOfAProcessThatIsGone) {
   const std::string text =
       "the database was locked by process " + dead + ", which is gone; it was set free";
   EXPECT_EQ(nlohmann::json::parse(json.output)["problems"], nlohmann::json::array({text}));
-  EXPECT_EQ(shell("cat /tmp/said").output, "tarn: " + text + "\n");
+  EXPECT_EQ(shell("cat /tmp/said").output, "{\"warning\":\"" + text + "\"}\n");
   EXPECT_EQ(shell(recover).output, "0 recordings and 0 events, from the journal\n");
   EXPECT_EQ(shell("timeout -s KILL 60 " TARN_BIN_DIR "/tarn list --json").exitCode, 0);
 }
@@ -141,7 +141,7 @@ TEST_F(TarnRecoverTest, NothingIsSavedBesideAServerOrWithoutADatabase) {
   const ShellResult without = tarn("save");
   EXPECT_EQ(without.exitCode, 1);
   EXPECT_EQ(without.output, "tarn: there is no database /tmp/DB.dat to save\n");
-  EXPECT_EQ(tarn("save something").exitCode, 2);
+  EXPECT_EQ(tarn("save something else").exitCode, 2);
 }
 
 TEST_F(TarnRecoverTest, ADatabaseThatTheCardDoesNotTakeIsReported) {

@@ -332,7 +332,7 @@ TEST_F(TarnRunTest, ListPagesThroughManyRows) {
 
 TEST_F(TarnRunTest, TimesAndTriggersThatMeanNothingAreWrongUsage) {
   for (const char* arguments :
-       {"--from yesterday", "--from 2001-02-30T00:00:00", "--to 2001-01-01",
+       {"--from yesterday", "--from 2001-02-30T00:00:00", "--to 2001-01-32",
         "--to 1960-01-01T00:00:00", "--trigger 0", "--trigger 65536", "--trigger x", "rows"}) {
     EXPECT_EQ(tarn(std::string("list ") + arguments).exitCode, 2) << arguments;
   }

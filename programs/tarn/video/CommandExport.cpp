@@ -1,39 +1,29 @@
+#include <unistd.h>
+
 #include "Command.h"
 #include "Console.h"
 #include "RecorderHint.h"
+#include "media/OutputFormat.h"
 #include "media/export/MediaExporter.h"
 #include "video/ExportOutput.h"
 
 namespace tarn {
 namespace {
 
-// Reads an optional time option. False after complaining.
-bool readTime(const char* name, const std::string& text, uint32_t micros,
-              std::optional<PictureTime>* out) {
-  if (text.empty()) return true;
-  PictureTime time;
-  time.micros = micros;
-  if (!parseTime(text, &time.seconds)) {
-    complain(std::string(name) + " " + text + ": expected YYYY-MM-DDTHH:MM:SS");
-    return false;
-  }
-  *out = time;
-  return true;
-}
-
 class CommandExport : public Command {
  public:
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand("export", "Write recorded pictures and sound to a file");
+    addCard(app);
     CLI::Option* stream = app->add_option("--stream", request_.streamID, "This recording");
     CLI::Option* event =
         app->add_option("--event", request_.eventID, "All that was recorded during this event");
-    CLI::Option* from = app->add_option("--from", from_, "All from this local time on");
-    CLI::Option* to = app->add_option("--to", to_, "All up to this local time");
+    CLI::Option* from =
+        addTime(app, "--from", "All from this time on", TimeInput::Edge::kStart, &request_.from);
+    CLI::Option* to =
+        addTime(app, "--to", "All up to this time", TimeInput::Edge::kEnd, &request_.to);
     stream->excludes(event)->excludes(from)->excludes(to)->type_name("ID");
     event->excludes(from)->excludes(to)->type_name("ID");
-    from->type_name("'YYYY-MM-DDTHH:MM:SS'");
-    to->type_name("'YYYY-MM-DDTHH:MM:SS'");
     app->add_option("--trigger", request_.trigger, "Only recordings of this trigger")
         ->excludes(stream)
         ->excludes(event);
@@ -41,8 +31,8 @@ class CommandExport : public Command {
         ->check(CLI::Range(0, 127));
     app->add_option(
            "-o,--output", request_.output,
-           "File to write: .mp4 or .mov with each picture's time, or .h264 bare; of several "
-           "channels one each, NAME-ch0.mp4 and so on")
+           "File to write: .mp4 or .mov with each picture's time, or .h264 bare, - for standard "
+           "output; of several channels one each, NAME-ch0.mp4 and so on")
         ->required();
     app->add_flag_callback(
         "--no-sound", [this] { request_.sound = false; }, "Leave out the recorded sound");
@@ -55,9 +45,6 @@ class CommandExport : public Command {
   bool changesCard() const override { return false; }
 
   int run() override {
-    if (!readTime("--from", from_, 0, &request_.from) ||
-        !readTime("--to", to_, 999999, &request_.to))
-      return kExitUsage;
     if (!request_.streamID && !request_.eventID && !request_.from && !request_.to) {
       complain("say what to export: --stream, --event, or --from and --to");
       return kExitUsage;
@@ -66,8 +53,9 @@ class CommandExport : public Command {
       complain("--to lies before --from");
       return kExitUsage;
     }
+    if (!outputMakesSense()) return kExitUsage;
     MediaExporter exporter(request_);
-    const bool good = exporter.run(stopRequested);
+    const bool good = runShown(&exporter);
     const ExportOutput output(exporter.channels());
     if (json_) output.printJson(request_.tracks);
     output.tell(json_);
@@ -78,10 +66,37 @@ class CommandExport : public Command {
   std::vector<std::string*> userPaths() override { return {&request_.output}; }
 
  private:
+  static bool refuse(const std::string& text) {
+    complain(text);
+    return false;
+  }
+
+  bool outputMakesSense() const {
+    const OutputFormat format = outputFormat(request_.output);
+    if (format == OutputFormat::kUnknown)
+      return refuse(request_.output + ": the name must end in .mp4, .mov or .h264, or be -");
+    if (request_.tracks && format == OutputFormat::kBare)
+      return refuse(request_.output + ": only an .mp4 or .mov holds several tracks");
+    if (request_.output != kStandardOutput) return true;
+    if (json_) return refuse("-o -: standard output takes the pictures, and no JSON");
+    return isatty(STDOUT_FILENO) == 0 ||
+           refuse("-o -: standard output is a terminal; send it to a program or a file");
+  }
+
+  // How far it is, for whoever looks on.
+  static bool runShown(MediaExporter* exporter) {
+    constexpr uint64_t kEach = 100;
+    ProgressLine line;
+    uint64_t pieces = 0;
+    return exporter->run([&] {
+      if (++pieces % kEach == 0)
+        line.show(std::to_string(pieces) + " pictures and pieces of sound");
+      return stopRequested();
+    });
+  }
+
   ExportRequest request_;
   bool json_ = false;
-  std::string from_;
-  std::string to_;
 };
 
 }  // namespace

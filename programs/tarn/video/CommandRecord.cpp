@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 
 #include "Command.h"
@@ -11,6 +12,7 @@
 #include "media/MediaInput.h"
 #include "media/record/MediaRecorder.h"
 #include "media/record/RecordConfig.h"
+#include "recorder/card/CardGeometry.h"
 #include "recorder/rows/ServerRetry.h"
 #include "video/RecordOutput.h"
 #include "video/WearText.h"
@@ -32,6 +34,14 @@ std::optional<EventRequest> parseEvent(const std::string& text) {
   return EventRequest{static_cast<uint16_t>(trigger), seconds};
 }
 
+bool isCard(const std::string& word) {
+  std::error_code error;
+  if (std::filesystem::is_block_file(word, error)) return true;
+  if (!std::filesystem::is_regular_file(word, error)) return false;
+  const GeometryReport geometry = CardGeometry::verify(word, GeometryDepth::kStart);
+  return geometry.opened && geometry.verdict != Delivery::kBad;
+}
+
 class CommandRecord : public Command {
  public:
   CLI::App* addTo(CLI::App& tool) override {
@@ -41,7 +51,7 @@ class CommandRecord : public Command {
         "INPUT", inputs_,
         "File whose H.264 video is recorded as it is, - for a stream on standard input, "
         "or an rtsp:// address; chN=INPUT for a channel of its own; without any: what the "
-        "configuration says");
+        "configuration says. In front of them may stand a CARD, as with --card");
     app->add_option("--config", config_, "Configuration that is used without INPUT")
         ->type_name("FILE")
         ->capture_default_str();
@@ -50,8 +60,8 @@ class CommandRecord : public Command {
     app->add_option("--loop", request_.loop, "Record files N times, one after the other")
         ->type_name("N")
         ->check(CLI::Range(1u, 1000000u));
-    app->add_option("--start", start_, "Local time of the first picture; now when not given")
-        ->type_name("'YYYY-MM-DDTHH:MM:SS'");
+    addTime(app, "--start", "Time of the first picture; now when not given",
+            TimeInput::Edge::kStart, &request_.start);
     app->add_option("--segment", request_.segmentSeconds,
                     "Begin a new recording after so many seconds; 0: only when room asks for it")
         ->type_name("SECONDS")
@@ -97,8 +107,16 @@ class CommandRecord : public Command {
     return app;
   }
 
+  // A card is no input, and an input no card.
+  bool sortWords(const WordsAsGiven& /*given*/, std::string* /*error*/) override {
+    if (inputs_.empty() || !isCard(inputs_[0])) return true;
+    card_ = inputs_[0];
+    inputs_.erase(inputs_.begin());
+    return true;
+  }
+
   int run() override {
-    if (!takeEvents() || !takeStart() || !takeConfig()) return kExitUsage;
+    if (!takeEvents() || !takeConfig()) return kExitUsage;
     if (checkConfig_) return tellConfig();
     if (!takeTimes()) return kExitUsage;
     resolveInputs();
@@ -157,15 +175,6 @@ class CommandRecord : public Command {
     return true;
   }
 
-  bool takeStart() {
-    if (start_.empty()) return true;
-    PictureTime time;
-    if (!parseTime(start_, &time.seconds))
-      return refuse("--start " + start_ + ": expected YYYY-MM-DDTHH:MM:SS");
-    request_.start = time;
-    return true;
-  }
-
   bool takeConfig() {
     if (checkConfig_ && !inputs_.empty())
       return refuse("--check-config: an INPUT is not the configuration's");
@@ -212,7 +221,6 @@ class CommandRecord : public Command {
   std::string times_;
   std::string config_ = kRecordConfig;
   bool checkConfig_ = false;
-  std::string start_;
   bool wait_ = false;
   bool progress_ = false;
   bool stats_ = false;

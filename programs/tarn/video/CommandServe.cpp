@@ -18,9 +18,7 @@ class CommandServe : public Command {
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand(
         "serve", "Show what is recorded, and what is being recorded, in a browser");
-    app->add_option("CARD", card_,
-                    "block device or image file, shown in a private view; default: the recorder "
-                    "that runs on this machine");
+    addCard(app);
     app->add_option("--listen", listen_, "where to listen; port 0 takes a free one")
         ->type_name("ADDRESS:PORT")
         ->capture_default_str();
@@ -35,7 +33,6 @@ class CommandServe : public Command {
     return app;
   }
 
-  std::string ownCard() const override { return card_; }
   bool changesCard() const override { return false; }
   bool asksReadOnly() const override { return settings_.readOnly; }
   std::vector<std::string*> userPaths() override {
@@ -69,7 +66,6 @@ class CommandServe : public Command {
     return true;
   }
 
-  std::string card_;
   std::string listen_ = "127.0.0.1:8420";
   ServeSettings settings_;
   HttpOptions options_;

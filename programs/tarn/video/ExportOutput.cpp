@@ -6,7 +6,9 @@
 #include <nlohmann/json.hpp>
 
 #include "Console.h"
+#include "media/OutputFormat.h"
 #include "recorder/card/ChunkChannels.h"
+#include "recorder/card/TimeText.h"
 
 namespace tarn {
 namespace {
@@ -15,8 +17,8 @@ constexpr size_t kDamagesNamed = 20;
 
 using Json = nlohmann::ordered_json;
 
-std::string clockText(PictureTime time) { return timeText(time.seconds, time.milliseconds()); }
-std::string jsonTime(PictureTime time) { return isoTime(time.seconds, time.milliseconds()); }
+std::string clockText(PictureTime time) { return TimeText::of(time.seconds, time.milliseconds()); }
+std::string jsonTime(PictureTime time) { return TimeText::iso(time.seconds, time.milliseconds()); }
 
 uint32_t countOf(const DamagedRun& run) { return run.lastIndex - run.firstIndex + 1; }
 
@@ -25,39 +27,39 @@ void tellDamage(const ExportTotals& totals) {
   for (size_t i = 0; i < std::min(totals.damages.size(), kDamagesNamed); ++i) {
     const DamagedRun& run = totals.damages[i];
     const uint32_t count = countOf(run);
-    complain(fmt::format("recording {}: {} damaged between {} and {}", run.streamID,
-                         count == 1 ? "1 picture is" : fmt::format("{} pictures are", count),
-                         clockText(run.from), clockText(run.to)));
+    warn(fmt::format("recording {}: {} damaged between {} and {}", run.streamID,
+                     count == 1 ? "1 picture is" : fmt::format("{} pictures are", count),
+                     clockText(run.from), clockText(run.to)));
   }
   if (totals.damages.size() > kDamagesNamed) {
-    complain(fmt::format("and {} more places", totals.damages.size() - kDamagesNamed));
+    warn(fmt::format("and {} more places", totals.damages.size() - kDamagesNamed));
   }
-  complain(fmt::format("{} of {} pictures are damaged on the card and were written as they are",
-                       totals.damaged, totals.written));
+  warn(fmt::format("{} of {} pictures are damaged on the card and were written as they are",
+                   totals.damaged, totals.written));
 }
 
 // Why there are fewer pictures than were recorded: a recording that goes on with the one before it
 // may begin between two key pictures.
 void tellMissing(const ExportTotals& totals) {
   if (totals.undecodable > 0)
-    complain(fmt::format("{} pictures need a key picture that is not among them and are left out",
-                         totals.undecodable));
+    warn(fmt::format("{} pictures need a key picture that is not among them and are left out",
+                     totals.undecodable));
   if (totals.lost > 0)
-    complain(fmt::format("{} pictures could not be read and are missing", totals.lost));
+    warn(fmt::format("{} pictures could not be read and are missing", totals.lost));
 }
 
 void tellSoundFaults(const SoundTotals& sound) {
-  if (sound.leftOut) complain("the sound is left out: a .h264 holds none");
+  if (sound.leftOut) warn("the sound is left out: a .h264 holds none");
   if (sound.damaged > 0)
-    complain(fmt::format("{} blocks of sound are damaged on the card and were written as they are",
-                         sound.damaged));
+    warn(fmt::format("{} blocks of sound are damaged on the card and were written as they are",
+                     sound.damaged));
   if (sound.otherFormat > 0)
-    complain(
+    warn(
         fmt::format("{} frames of sound are left out, because they have another format than "
                     "those before them",
                     sound.otherFormat));
   if (sound.lost > 0)
-    complain(fmt::format("{} blocks of sound could not be read and are missing", sound.lost));
+    warn(fmt::format("{} blocks of sound could not be read and are missing", sound.lost));
 }
 
 Json soundJson(const SoundTotals& sound) {
@@ -109,15 +111,17 @@ std::string ExportOutput::label(const ExportedChannel& channel, const char* behi
 void ExportOutput::tellContents(const ExportedChannel& channel) const {
   const ExportTotals& t = channel.totals;
   const SoundTotals& s = channel.sound;
+  // What goes to standard output has it for itself.
+  FILE* const out = channel.path == kStandardOutput ? stderr : stdout;
   if (t.written == 0) {
-    fmt::print("{}: {}{} sound, {} to {}, {:.1f} MB\n", asUserSees(channel.path),
+    fmt::print(out, "{}: {}{} sound, {} to {}, {:.1f} MB\n", asUserSees(channel.path),
                label(channel, ", "), soundCodecText(s.codec), clockText(s.first), clockText(s.last),
                static_cast<double>(s.bytes) / 1e6);
     return;
   }
   const std::string sound =
       s.frames == 0 ? "" : fmt::format(", with {} sound", soundCodecText(s.codec));
-  fmt::print("{}: {}{} pictures, {} to {}, {:.1f} MB{}\n", asUserSees(channel.path),
+  fmt::print(out, "{}: {}{} pictures, {} to {}, {:.1f} MB{}\n", asUserSees(channel.path),
              label(channel, ", "), t.written, clockText(t.first), clockText(t.last),
              static_cast<double>(t.bytes + s.bytes) / 1e6, sound);
 }

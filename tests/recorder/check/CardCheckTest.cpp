@@ -68,7 +68,7 @@ class CardCheckTest : public CheckRig {
   }
   std::string name(size_t row) const {
     const char* times[] = {"00:13:20", "00:13:22", "00:13:24"};
-    return "recording " + std::to_string(rows_[row].streamID) + " of 2023-11-15 " + times[row];
+    return "recording " + std::to_string(rows_[row].streamID) + " of 2023-11-15 " + times[row] + "+02:00";
   }
 };
 
@@ -303,7 +303,7 @@ TEST_F(CardCheckTest, FindsRowsThatWereLeftOpen) {
   {
     const Undo undo(this);
     editRecord(0, 32, tarn::kEventRecordCrcLength, tarn::kEventEndDateOff, 0);
-    expectOne(FindingKind::kOpenRow, "event 2 of 2023-11-15 00:13:24: it was never ended");
+    expectOne(FindingKind::kOpenRow, "event 2 of 2023-11-15 00:13:24+02:00: it was never ended");
   }
 }
 
@@ -335,7 +335,7 @@ TEST_F(CardCheckTest, FindsRowsThatCannotBe) {
   {
     const Undo undo(this);
     editRecord(0, 0, tarn::kEventRecordCrcLength, tarn::kEventEndDateOff, 5);
-    expectOne(FindingKind::kRow, "event 1 of 2023-11-15 00:13:21: it ends before it begins");
+    expectOne(FindingKind::kRow, "event 1 of 2023-11-15 00:13:21+02:00: it ends before it begins");
   }
 }
 
@@ -369,13 +369,14 @@ TEST_F(CardCheckTest, FindsDamagedEntriesAndNamesPicturesAndSeconds) {
   flip(entryByte(rows_[2], 49) + 30);
   findings();
   EXPECT_EQ(check_.findings().count(FindingKind::kEntry), 2u);
-  EXPECT_EQ(texts(),
-            "entry: " + name(1) +
-                ": pictures 31 to 33 of 50, between 2023-11-15 00:13:23 and 2023-11-15 00:13:23: "
-                "index entries are damaged\nentry: " +
-                name(2) +
-                ": picture 50 of 50, between 2023-11-15 00:13:25 and 2023-11-15 00:13:25: index "
-                "entries are damaged; affects event 2\n");
+  EXPECT_EQ(texts(), "entry: " + name(1) +
+                         ": pictures 31 to 33 of 50, between 2023-11-15 00:13:23+02:00 and "
+                         "2023-11-15 00:13:23+02:00: "
+                         "index entries are damaged\nentry: " +
+                         name(2) +
+                         ": picture 50 of 50, between 2023-11-15 00:13:25+02:00 and 2023-11-15 "
+                         "00:13:25+02:00: index "
+                         "entries are damaged; affects event 2\n");
   EXPECT_EQ(check_.pictures(), 150u);
 }
 
@@ -391,7 +392,8 @@ TEST_F(CardCheckTest, FindsPicturesThatAreNotTheirOwn) {
   const tarn::PictureEntry last = entryOf(rows_[0], 42);
   const uint64_t at = chunkByte(tarn::kFileStream, rows_[0].chunkID, first.dataOffset);
   const std::string text =
-      ": pictures 41 to 43 of 50, between 2023-11-15 00:13:21 and 2023-11-15 00:13:21: pictures "
+      ": pictures 41 to 43 of 50, between 2023-11-15 00:13:21+02:00 and 2023-11-15 00:13:21+02:00: "
+      "pictures "
       "are damaged or overwritten; affects event 1";
   {
     const Undo undo(this);
@@ -412,10 +414,11 @@ TEST_F(CardCheckTest, FindsOneTurnedBitAnywhereInAPicture) {
   for (const uint32_t place : {0u, 60u, 300u, 511u, 849u}) {
     const Undo undo(this);
     flip(chunkByte(tarn::kFileStream, rows_[0].chunkID, entry.dataOffset + place));
-    expectOne(FindingKind::kData,
-              name(0) +
-                  ": picture 41 of 50, between 2023-11-15 00:13:21 and 2023-11-15 00:13:21: "
-                  "pictures are damaged or overwritten; affects event 1");
+    expectOne(
+        FindingKind::kData,
+        name(0) +
+            ": picture 41 of 50, between 2023-11-15 00:13:21+02:00 and 2023-11-15 00:13:21+02:00: "
+            "pictures are damaged or overwritten; affects event 1");
   }
 }
 
@@ -431,7 +434,7 @@ TEST_F(CardCheckTest, SaysHowManySecondsOfWhichCameraAreDamagedOrLost) {
     ASSERT_EQ(findings().list().size(), 1u) << texts();
     const tarn::CardFinding& finding = check_.findings().list()[0];
     EXPECT_EQ(finding.consequence, tarn::Consequence::kDamaged);
-    EXPECT_EQ(finding.meaning, "0.4 s of camera 0 at 2023-11-15 00:13:20 are damaged");
+    EXPECT_EQ(finding.meaning, "0.4 s of camera 0 at 2023-11-15 00:13:20+02:00 are damaged");
     EXPECT_EQ(finding.videoMicros, 400000);
     EXPECT_EQ(finding.channel, 0);
     EXPECT_EQ(check_.meaning(), "0.4 s of video damaged");
@@ -440,7 +443,7 @@ TEST_F(CardCheckTest, SaysHowManySecondsOfWhichCameraAreDamagedOrLost) {
   ASSERT_EQ(findings().list().size(), 1u) << texts();
   const tarn::CardFinding& finding = check_.findings().list()[0];
   EXPECT_EQ(finding.consequence, tarn::Consequence::kLost);
-  EXPECT_EQ(finding.meaning, "0.1 s of camera 0 at 2023-11-15 00:13:23 are lost");
+  EXPECT_EQ(finding.meaning, "0.1 s of camera 0 at 2023-11-15 00:13:23+02:00 are lost");
 }
 
 // The second event lies in the third recording, the first one in the first two.

@@ -68,7 +68,7 @@ TEST_F(RecoveryTest, ARecordingThatLostPowerComesBackPictureByPicture) {
   EXPECT_EQ(verifyAll(), range(0, rows[0].recSize));
   EXPECT_EQ(report.changes[0].pictures, rows[0].recSize);
   EXPECT_THAT(report.changes[0].text,
-              HasSubstr("recording 1 of 2023-11-15 00:13:20 was interrupted"));
+              HasSubstr("recording 1 of 2023-11-15 00:13:20+02:00 was interrupted"));
   const tarn::StreamHeader header = rig.headerOf(rows[0]);
   EXPECT_EQ(header.pictures, rows[0].recSize);
   EXPECT_EQ(header.gops, (rows[0].recSize + kRate - 1) / kRate);
