@@ -159,8 +159,8 @@ HttpResponse VideoAnswers::pictures(const HttpRequest& request) {
   return bodyOf("application/json", list.take());
 }
 
-// Recordings whose parameter sets are the same share the beginning of the first that was asked for:
-// a player that is given another one throws away what it cannot decode alone.
+// Recordings of a channel whose parameter sets are the same share the beginning of the first that
+// was asked for: a player that is given another one throws away what it cannot decode alone.
 VideoAnswers::Init VideoAnswers::initOf(const ServedRows& rows, uint32_t streamID) {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto known = inits_.find(streamID);
@@ -170,7 +170,7 @@ VideoAnswers::Init VideoAnswers::initOf(const ServedRows& rows, uint32_t streamI
   if (description == nullptr) return Init();
   if (inits_.size() >= kKnownInits) inits_.clear();
   if (initOfSets_.size() >= kKnownInits) initOfSets_.clear();
-  uint32_t& shared = initOfSets_[description->sets];
+  uint32_t& shared = initOfSets_[std::to_string(recording->channel) + ":" + description->sets];
   if (shared == 0 || rows.find(shared) == nullptr) shared = streamID;
   return inits_[streamID] = {shared, description->codec};
 }

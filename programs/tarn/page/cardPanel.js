@@ -111,7 +111,7 @@ export class CardPanel {
 
   showCheck(check) {
     const running = check.state === "running";
-    this.button.disabled = running;
+    this.button.disabled = running || this.state.card.readOnly;
     this.button.textContent = check.state === "none" || running ? strings.startCheck : strings.checkAgain;
     this.progress.hidden = !running;
     if (running && check.total > 0) {
@@ -137,7 +137,7 @@ export class CardPanel {
   }
 
   checkText(check) {
-    if (check.state === "none") return strings.checkNever;
+    if (check.state === "none") return this.state.card.readOnly ? strings.checkNotAllowed : strings.checkNever;
     if (check.state === "running") return check.total === 0 ? strings.checkStarting : strings.checkRuns(check.done, check.total);
     const ended = check.endedMs === null ? "" : ` ${strings.checkEnded(this.state.zone.dateTime(check.endedMs))}.`;
     if (check.state === "failed") return `${check.meaning}${ended}`;

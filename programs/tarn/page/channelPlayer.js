@@ -17,15 +17,20 @@ export class ChannelPlayer {
     this.video = video;
     this.baseMs = baseMs;
     this.changed = changed;
+    this.soughtMs = null;
     this.known = [];           // pieces that were appended, in order
+    this.held = null;          // the piece behind a gap, appended when its time has come
     this.pieces = null;
     this.wantedMs = baseMs;
     this.rate = 1;
     this.shownMs = null;       // true time of the picture on the screen
     this.problem = null;       // "cannotDecode", "pieceMissing"
+    this.refusal = null;       // the server's words
+    this.following = false;
     this.stale = false;
     this.asked = false;
     this.busy = false;
+    this.retryAt = 0;          // what was not reached is not asked for before
     this.opened = this.open();
     this.watchPictures();
   }
@@ -69,8 +74,10 @@ export class ChannelPlayer {
     this.pieces?.stop();
     this.pieces = new Pieces(this.channel, start, keysOnly);
     this.known = [];
+    this.held = null;
     this.stale = true;
     this.problem = null;
+    this.refusal = null;
     this.shownMs = null;
     this.wake();
   }
@@ -78,6 +85,7 @@ export class ChannelPlayer {
   // Makes a moment the one that is wanted, and begins anew only where it is not at hand.
   want(ms, keysOnly) {
     this.wantedMs = ms;
+    this.following = false;
     const last = this.known.at(-1);
     const near = this.known.length > 0 && ms >= this.known[0].fromMs && ms <= last.toMs + aheadMs;
     if (this.pieces === null || this.keysOnly !== keysOnly || !(near || this.beginsAt === ms)) {
@@ -89,7 +97,9 @@ export class ChannelPlayer {
     }
   }
 
+  // From the newest picture on; more is waited for.
   wantLive() {
+    this.following = true;
     this.keysOnly = false;
     this.beginsAt = null;
     this.begin({ live: 1 }, false);
@@ -103,9 +113,10 @@ export class ChannelPlayer {
         if (x >= buffered.start(i) - 0.0005 && x < buffered.end(i) - 0.001) return { kind: "ready" };
       }
     }
-    const next = this.known.find((piece) => piece.fromMs > ms);
-    if (next !== undefined) return { kind: "gap", until: next.fromMs };
-    return { kind: this.pieces?.atEnd && this.pieces.waiting.length === 0 && !this.busy ? "end" : "loading" };
+    const next = this.known.find((piece) => piece.fromMs > ms) ?? this.held?.piece;
+    if (next !== undefined && next.fromMs > ms) return { kind: "gap", until: next.fromMs };
+    const ended = this.pieces?.exhausted && this.held === null && !this.busy;
+    return { kind: ended ? "end" : "loading" };
   }
 
   // End of what is there without a gap from a moment on.
@@ -123,21 +134,29 @@ export class ChannelPlayer {
     this.rate = rate;
     if (this.at(ms).kind !== "ready") {
       if (!this.video.paused) this.video.pause();
-      this.wake();
+      this.feed();
       return false;
     }
     const driftMs = Math.abs(this.timeMs - ms);
     const allowedMs = playing && !this.video.paused ? 150 * Math.max(1, rate) : 0.2;
-    // Once for each moment: what the browser makes of it stays.
-    if (driftMs > allowedMs && !this.video.seeking && (playing || this.soughtMs !== ms)) {
+    // Once for each moment: what the browser makes of it stays. Always after the buffer was cleared: of
+    // what it held, pictures are decoded in advance.
+    const needed = this.soughtMs === null || (driftMs > allowedMs && (playing || this.soughtMs !== ms));
+    if (needed && !this.video.seeking) {
       this.soughtMs = ms;
       this.video.currentTime = this.seconds(ms);
     }
     if (this.video.playbackRate !== rate) this.video.playbackRate = rate;
-    if (playing && this.video.paused) this.video.play().catch(() => {});
+    if (playing && this.video.paused && !this.video.ended) this.video.play().catch(() => {});
     if (!playing && !this.video.paused) this.video.pause();
-    this.wake();
+    this.feed();
     return true;
+  }
+
+  // Called for every picture of the screen: does nothing where nothing is to be had.
+  feed() {
+    if (this.pieces === null || performance.now() < this.retryAt) return;
+    if (this.hungry() && (this.held !== null || !this.pieces.exhausted)) this.wake();
   }
 
   more() {
@@ -160,9 +179,9 @@ export class ChannelPlayer {
       try {
         if (this.stale) await this.clear();
         await this.forget();
-        if (pieces !== null && this.hungry() && (await this.appendNext(pieces))) this.asked = true;
+        if (pieces !== null && !this.stale && this.hungry() && (await this.appendNext(pieces))) this.asked = true;
       } catch (error) {
-        if (error.name !== "AbortError") setTimeout(() => this.wake(), retryMs);
+        if (error.name !== "AbortError") this.postpone(error);
       }
       if (pieces !== this.pieces) this.asked = true;
     }
@@ -170,51 +189,79 @@ export class ChannelPlayer {
     this.changed();
   }
 
+  // Asks again later, and tells what the server has against it; that it is not reached, the page says.
+  postpone(error) {
+    this.retryAt = performance.now() + retryMs;
+    if (!(error instanceof TypeError)) this.refusal = error.message;
+  }
+
   hungry() {
+    if (this.held !== null) return this.wantedMs >= this.held.piece.fromMs;
     const last = this.known.at(-1);
     return last === undefined || last.toMs - this.wantedMs < aheadMs * Math.max(1, this.rate);
   }
 
+  // What stands behind a gap waits: the browser shows the last pictures before it only when it is told
+  // that none follow, and that it is told of the end of what is there.
   async appendNext(pieces) {
-    const piece = await pieces.next();
-    if (piece === null || pieces !== this.pieces) return false;
-    let init = null, media;
-    try {
-      if (piece.init !== this.init) init = await api.bytes(piece.init, pieces.signal);
-      media = await api.bytes(piece.media, pieces.signal);
-    } catch (error) {
-      // Not reached is asked for again; what the server refuses has gone or is damaged, and is a gap.
-      if (error.name === "AbortError") throw error;
-      if (error instanceof TypeError) {
-        pieces.putBack(piece);
-        throw error;
-      }
-      this.problem = "pieceMissing";
-      return true;
-    }
+    const loaded = this.held ?? (await this.load(pieces));
+    this.held = null;
     if (pieces !== this.pieces) return false;
-    if (!(await this.append(piece, init, media))) return false;
-    this.known.push(piece);
+    if (loaded === null) {
+      if (!this.following) this.showLast();
+      return false;
+    }
+    if (loaded.media === null) return true;
+    const last = this.known.at(-1);
+    if (last !== undefined && loaded.piece.fromMs - last.toMs > holeMs && this.wantedMs < loaded.piece.fromMs) {
+      this.held = loaded;
+      this.showLast();
+      return false;
+    }
+    if (!(await this.append(loaded))) return false;
+    this.refusal = null;
+    this.known.push(loaded.piece);
     this.changed();
     return true;
   }
 
-  async append(piece, init, media) {
+  showLast() {
+    if (this.source.readyState === "open" && this.buffer !== undefined && !this.buffer.updating) this.source.endOfStream();
+  }
+
+  // The next piece with its bytes, {piece, init, media}; media is null where the server refuses them:
+  // they have gone or are damaged, and are a gap. Null where nothing follows yet.
+  async load(pieces) {
+    const piece = await pieces.next();
+    if (piece === null || pieces !== this.pieces) return null;
+    try {
+      const init = piece.init === this.init ? null : await api.bytes(piece.init, pieces.signal);
+      return { piece, init, media: await api.bytes(piece.media, pieces.signal) };
+    } catch (error) {
+      if (error.name === "AbortError") throw error;
+      if (error instanceof TypeError) {
+        pieces.putBack(piece);  // not reached: asked for again
+        throw error;
+      }
+      this.problem = "pieceMissing";
+      return { piece, init: null, media: null };
+    }
+  }
+
+  async append({ piece, init, media }) {
     const type = `video/mp4; codecs="${piece.codec}"`;
     if (!MediaSource.isTypeSupported(type)) {
       this.problem = "cannotDecode";
       return false;
     }
-    if (this.buffer === undefined) {
-      this.buffer = this.source.addSourceBuffer(type);
-      this.source.duration = wholeSeconds;
-    } else if (init !== null) {
-      this.buffer.changeType(type);
-    }
+    if (this.buffer === undefined) this.buffer = this.source.addSourceBuffer(type);
+    else if (init !== null) this.buffer.changeType(type);
     this.buffer.timestampOffset = -this.baseMs / 1000;
     if (init !== null) await this.done(() => this.buffer.appendBuffer(init));
     this.init = piece.init;
     await this.done(() => this.buffer.appendBuffer(media));
+    // It shrinks whenever the end was told.
+    if (this.source.duration !== wholeSeconds) this.source.duration = wholeSeconds;
     return true;
   }
 
@@ -241,12 +288,15 @@ export class ChannelPlayer {
   }
 
   async clear() {
-    this.stale = false;
-    this.soughtMs = null;
-    if (this.buffer === undefined) return;
-    this.buffer.abort();
-    await this.done(() => this.buffer.remove(0, wholeSeconds));
+    const { pieces } = this;
+    if (this.buffer !== undefined) {
+      if (this.source.readyState === "open") this.buffer.abort();
+      await this.done(() => this.buffer.remove(0, wholeSeconds));
+    }
     this.init = null;
+    this.soughtMs = null;
+    // What is there is that of these pieces only now, unless others were begun meanwhile.
+    this.stale = pieces !== this.pieces;
   }
 
   async forget() {

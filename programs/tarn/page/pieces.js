@@ -22,6 +22,10 @@ export class Pieces {
     this.stopper.abort();
   }
 
+  get exhausted() {
+    return this.atEnd && this.waiting.length === 0;
+  }
+
   // There may be more than when last asked.
   more() {
     this.atEnd = false;

@@ -140,7 +140,8 @@ export class Player {
     if (lead !== undefined) {
       const { video } = lead;
       // What the leading video shows is the time, unless it is on its way to it.
-      if (!video.paused && !video.seeking && lead.timeMs > this.timeMs) this.timeMs = lead.timeMs;
+      const runs = !video.paused || video.ended;
+      if (runs && !video.seeking && lead.timeMs > this.timeMs) this.timeMs = lead.timeMs;
       if (this.live) this.catchUp(lead);
       return;
     }

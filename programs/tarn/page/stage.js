@@ -68,6 +68,7 @@ export class Stage {
 
   noteFor(channel, kind) {
     if (channel.problem === "cannotDecode") return strings.cannotDecode;
+    if (channel.refusal !== null) return strings.refused(channel.refusal);
     if (kind === "gap" || kind === "end") {
       return channel.problem === "pieceMissing" ? strings.pieceMissing : strings.nothingHere;
     }

@@ -56,7 +56,7 @@ export const strings = {
   clearSelection: "Clear the selection",
   download: "Download",
   saveRange: (from, to, length) => `${from} to ${to} (${length})`,
-  saveNote: "The pictures as they were recorded, as .mp4, from the key picture at or before the beginning.",
+  saveNote: "The pictures as they were recorded, as .mp4, from the key picture at or before the beginning to the next one behind the end.",
   saveTooLong: "At most a day can be downloaded at once.",
 
   // Timeline.
@@ -67,7 +67,6 @@ export const strings = {
   zoomOut: "Zoom out",
   wholeCard: "All",
   eventsLane: "Events",
-  period: (from, to) => `${from} – ${to}`,
   hoverEvents: (count) => plural(count, "event", "events"),
 
   // Beside the video.
@@ -101,6 +100,7 @@ export const strings = {
   startCheck: "Check this card",
   checkAgain: "Check again",
   checkNever: "Not checked yet. A check reads every record and changes nothing.",
+  checkNotAllowed: "This server reads only: a check cannot be started here.",
   checkStarting: "Beginning…",
   checkRuns: (done, total) => `${done} of ${plural(total, "recording", "recordings")} looked at`,
   checkEnded: (when) => `Ended ${when}`,

@@ -1,6 +1,6 @@
 // The timeline under the hand: wheel, drag, pinch, click, keys and the overview below it.
 import { api } from "./api.js";
-import { colours, drawOverview, drawTimeline, gutterOf, heightFor } from "./draw.js";
+import { colours, drawOverview, drawTimeline, gutterOf, heightFor, sizes } from "./draw.js";
 import { strings } from "./strings.js";
 import { periodTitle } from "./ticks.js";
 import { TimelineData, View } from "./view.js";
@@ -8,7 +8,7 @@ import { TimelineData, View } from "./view.js";
 const overviewHeight = 22;
 const stillPixels = 4;       // less than this is a click
 const handlePixels = 7;
-const hoverAfterMs = 60;
+const hoverAfterMs = 60, scrubEveryMs = 100;
 const thumbWidth = 192;
 const wheelStep = 1.0016;    // per unit of the wheel
 const keyShare = 1 / 50;     // of the view, for a key
@@ -27,7 +27,9 @@ export class Timeline {
     this.selection = null;
     this.selecting = false;
     this.hoverMs = null;
+    this.drawnX = 0;           // of the moment that is shown
     this.pointers = new Map();
+    this.scrubbing = null;
     this.data = new TimelineData(() => this.changed(), (error) => told.failed(error));
     this.wholeData = new TimelineData(() => this.changed(), (error) => told.failed(error));
     this.look = colours(this.section);
@@ -87,7 +89,8 @@ export class Timeline {
     const { view } = this;
     const wasSeen = this.lastMs !== undefined && view.includes(this.lastMs);
     this.lastMs = ms;
-    this.changed();
+    // Less than half a pixel is not seen.
+    if (force || Math.abs(view.x(ms) - this.drawnX) >= 0.5) this.changed();
     if (this.pointers.size > 0 || !(force || wasSeen)) return;
     if (!view.includes(ms)) view.move(ms - (view.from + view.to) / 2);
     else if (this.state.playing && ms > view.to - view.span * 0.05 && this.state.newestMs > view.to) view.move(ms - (view.from + view.span * 0.75));
@@ -114,6 +117,7 @@ export class Timeline {
     this.lanes.style.height = `${height}px`;
     view.width = Math.max(1, width - gutterOf(width) - 8);
     whole.width = view.width;
+    this.drawnX = view.x(state.timeMs);
     drawTimeline(this.lanes.firstElementChild, width, this.look, {
       ...state, view, data: this.data, hoverMs: this.hoverMs, selection: this.selection,
     });
@@ -165,9 +169,10 @@ export class Timeline {
     if (event.button !== 0) return;
     this.lanes.setPointerCapture(event.pointerId);
     this.pointers.set(event.pointerId, event);
-    this.from = { x: event.clientX, ms: this.msAt(event), moved: false };
-    this.grip = this.gripAt(event);
-    if (this.grip === null && (this.selecting || event.shiftKey)) this.grip = this.from.ms;
+    const onAxis = event.clientY - this.lanes.getBoundingClientRect().top < sizes.axis;
+    this.from = { x: event.clientX, ms: this.msAt(event), moved: false, onAxis };
+    this.grip = onAxis ? null : this.gripAt(event);
+    if (this.grip === null && !onAxis && (this.selecting || event.shiftKey)) this.grip = this.from.ms;
     this.hideHover();
   }
 
@@ -195,10 +200,20 @@ export class Timeline {
     if (Math.abs(event.clientX - this.from.x) > stillPixels) this.from.moved = true;
     if (!this.from.moved) return;
     if (this.grip !== null) this.drawSelectionTo(this.msAt(event));
+    else if (this.from.onAxis) this.scrub(this.msAt(event));
     else {
       this.view.move(this.from.ms - this.msAt(event));
       this.moved();
     }
+  }
+
+  // Drags the moment that is shown: not more often than pictures can follow.
+  scrub(ms) {
+    this.scrubMs = ms;
+    this.scrubbing ??= setTimeout(() => {
+      this.scrubbing = null;
+      this.told.seek(this.scrubMs, false);
+    }, scrubEveryMs);
   }
 
   drawSelectionTo(ms) {
@@ -267,7 +282,7 @@ export class Timeline {
   showThumbnail(y) {
     const channels = this.state.channels.map((channel) => channel.channel);
     // Of the lane under the pointer or else of the first channel that has one.
-    const lane = channels[Math.floor((y - 24) / 26)];
+    const lane = channels[Math.floor((y - sizes.axis) / (sizes.lane + sizes.apart))];
     const channel = [lane, ...channels].find((number) => number !== undefined &&
       this.hoverMs !== null && this.data.bins !== null && this.data.recorded(number, this.hoverMs));
     const picture = this.hover.firstElementChild;

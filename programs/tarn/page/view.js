@@ -47,9 +47,9 @@ export class View {
 
   // Keeps a part of the card in sight.
   keepWithin(oldest, newest) {
-    const reach = this.span * 0.9;
-    if (this.from > newest + this.span - reach) this.move(newest + this.span - reach - this.from);
-    if (this.to < oldest - this.span + reach) this.move(oldest - this.span + reach - this.to);
+    const part = this.span / 10;
+    if (this.from > newest - part) this.move(newest - part - this.from);
+    if (this.to < oldest + part) this.move(oldest + part - this.to);
   }
 
   includes(ms) {
