@@ -226,8 +226,12 @@ TEST_F(TarnCardKinds, WhatIsNoCardIsNamed) {
   EXPECT_EQ(with(3, "NTFS    "), begin + "an NTFS volume\n");
   EXPECT_EQ(with(3, "EXFAT   "), begin + "an exFAT volume\n");
   EXPECT_EQ(with(1080, "\x53\xEF"), begin + "an ext2, ext3 or ext4 volume\n");
+  EXPECT_EQ(with(82, "FAT32   "), begin + "a FAT32 volume without the files of a recorder\n");
+  EXPECT_THAT(tarn("--card /tmp/x list").output, HasSubstr("; nothing was written; "))
+      << "it may be a damaged card: what leads to its files is looked at";
   EXPECT_EQ(with(0, "PK\x03\x04"), begin + "a zip archive\n");
   EXPECT_EQ(with(0, "\x89PNG"), begin + "a PNG picture\n");
+  EXPECT_EQ(tarn("--card /tmp/x list").output, begin + "a PNG picture\n") << "without asking, too";
   EXPECT_EQ(with(0, "\x01\x02"),
             begin + "nothing that is known; it begins with 01 02 F6 F6 F6 F6 F6 F6\n");
   writeFile("/tmp/x", {});
@@ -243,13 +247,16 @@ TEST_F(TarnCardKinds, WhatIsNoCardIsNamed) {
 }
 
 #ifdef TARN_WITH_EWF
-void writeEwf(const std::string& base, const Bytes& media, bool compressed) {
+void writeEwf(const std::string& base, const Bytes& media, bool compressed, size_t segmentBytes) {
   libewf_handle_t* handle = nullptr;
   ASSERT_EQ(libewf_handle_initialize(&handle, nullptr), 1);
   std::string name = base;
   char* names[] = {name.data()};
   ASSERT_EQ(libewf_handle_open(handle, names, 1, LIBEWF_OPEN_WRITE, nullptr), 1);
   ASSERT_EQ(libewf_handle_set_media_size(handle, media.size(), nullptr), 1);
+  if (segmentBytes != 0) {
+    ASSERT_EQ(libewf_handle_set_maximum_segment_size(handle, segmentBytes, nullptr), 1);
+  }
   if (compressed) {
     ASSERT_EQ(libewf_handle_set_compression_values(handle, LIBEWF_COMPRESSION_FAST, 0, nullptr), 1);
   }
@@ -263,12 +270,16 @@ void writeEwf(const std::string& base, const Bytes& media, bool compressed) {
 
 TEST_F(TarnCardKinds, AnExpertWitnessImageOfAVolumeOrADevice) {
 #ifdef TARN_WITH_EWF
-  writeEwf("/tmp/volume", card, false);
+  writeEwf("/tmp/volume", card, false, 1 * kMiB);
   expectListed("/tmp/volume.E01");
   EXPECT_EQ(said(),
             "tarn: /tmp/volume.E01 is only read, and stays as it is: it is an Expert "
             "Witness image\n");
-  writeEwf("/tmp/device", Device({card}).mbr().bytes, true);
+  ASSERT_EQ(shell("rm /tmp/volume.E02").exitCode, 0);
+  const ShellResult cut = tarn("--card /tmp/volume.E01 list");
+  EXPECT_EQ(cut.exitCode, 1) << "what a segment held that is missing is refused, not zeros";
+  EXPECT_THAT(cut.output, HasSubstr(" cannot be read"));
+  writeEwf("/tmp/device", Device({card}).mbr().bytes, true, 0);
   expectListed("/tmp/device.E01");
   EXPECT_THAT(said(), HasSubstr("/tmp/device.E01: partition 1 ("));
 #else
@@ -278,7 +289,7 @@ TEST_F(TarnCardKinds, AnExpertWitnessImageOfAVolumeOrADevice) {
 
 TEST_F(TarnCardKinds, WhatIsDamagedInAnExpertWitnessImageIsRefused) {
 #ifdef TARN_WITH_EWF
-  writeEwf("/tmp/volume", card, false);
+  writeEwf("/tmp/volume", card, false, 0);
   // The pictures' first bytes, found by what lies there.
   const Bytes data = rig.card.readChunk(tarn::kFileStream, chunk, 0, 64);
   std::ifstream in("/tmp/volume.E01", std::ios::binary);

@@ -18,6 +18,9 @@ constexpr char kEvf[] = "EVF\x09\x0D\x0A\xFF\x00";
 constexpr char kEvf2[] = "EVF2\x0D\x0A\x81\x00";
 constexpr uint32_t kEvfBytes = 8;
 
+// May be a card of another formatter whose root directory is damaged: that is for a check to say.
+constexpr char kOtherFat32[] = "a FAT32 volume without the files of a recorder";
+
 struct Mark {
   uint32_t offset;
   const char* bytes;
@@ -35,7 +38,7 @@ constexpr Mark kMarks[] = {
     {0, "LUKS\xBA\xBE", 6, "an encrypted volume (LUKS)"},
     {0, "hsqs", 4, "a SquashFS volume"},
     {32769, "CD001", 5, "an ISO 9660 volume"},
-    {82, "FAT32   ", 8, "a FAT32 volume without the files of a recorder"},
+    {82, "FAT32   ", 8, kOtherFat32},
     {54, "FAT16   ", 8, "a FAT16 volume"},
     {54, "FAT12   ", 8, "a FAT12 volume"},
     {0, kEvf, kEvfBytes, "an Expert Witness image"},
@@ -146,6 +149,7 @@ CardContent CardContent::look(CardOriginal* original) {
   for (const Mark& mark : kMarks) {
     if (!has(head, mark)) continue;
     content.words_ = mark.words;
+    content.known_ = mark.words != kOtherFat32;
     return content;
   }
   if (isText(head)) {

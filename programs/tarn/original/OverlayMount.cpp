@@ -72,7 +72,7 @@ bool canMountOnDevice() {
 
 int OverlayMount::start(CardOriginal* original, const std::string& full, std::string* error) {
   if (!OverlayServer::isBuilt()) {
-    *error = "this build cannot show a card without changing it: it was built without libfuse3";
+    *error = "this build cannot show a card without changing it: it lacks FUSE (libfuse3)";
     return -1;
   }
   UniqueFd device;
