@@ -211,3 +211,6 @@ say "   What a killed program has handed to the kernel stays. tests/powercut/run
 say "   it cuts the power at every write, with and without what was not flushed."
 
 say "Done in $SECONDS s. The videos: $out/event.mp4 and $out/period.mp4"
+if "$tarn" serve --help >/dev/null 2>&1; then
+  say "Look at its card in a browser: $tarn serve --read-only $card"
+fi
