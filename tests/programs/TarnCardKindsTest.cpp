@@ -279,6 +279,9 @@ TEST_F(TarnCardKinds, AnExpertWitnessImageOfAVolumeOrADevice) {
   const ShellResult cut = tarn("--card /tmp/volume.E01 list");
   EXPECT_EQ(cut.exitCode, 1) << "what a segment held that is missing is refused, not zeros";
   EXPECT_THAT(cut.output, HasSubstr(" cannot be read"));
+  EXPECT_THAT(cut.output,
+              HasSubstr("tarn: /tmp/volume.E01: segments of the image are missing or cut short: "
+                        "what they held is not known\n"));
   writeEwf("/tmp/device", Device({card}).mbr().bytes, true, 0);
   expectListed("/tmp/device.E01");
   EXPECT_THAT(said(), HasSubstr("/tmp/device.E01: partition 1 ("));

@@ -40,6 +40,10 @@ class OpenEwf : public CardOriginal {
     return opened;
   }
 
+  bool lacksSegments() const {
+    return libewf_handle_segment_files_corrupted(handle_, nullptr) != 0;
+  }
+
   uint64_t size() const override { return size_; }
 
   // Damaged chunks are given all the same, and only counted: that there is one more now is how it
@@ -81,9 +85,13 @@ class OpenEwf : public CardOriginal {
 
 }  // namespace
 
-std::unique_ptr<CardOriginal> EwfOriginal::open(const std::string& path, std::string* error) {
+std::unique_ptr<CardOriginal> EwfOriginal::open(const std::string& path, std::string* note,
+                                                std::string* error) {
   auto image = std::make_unique<OpenEwf>();
   if (!image->open(path, error)) return nullptr;
+  if (image->lacksSegments()) {
+    *note = path + ": segments of the image are missing or cut short: what they held is not known";
+  }
   return image;
 }
 
@@ -93,7 +101,8 @@ std::unique_ptr<CardOriginal> EwfOriginal::open(const std::string& path, std::st
 
 namespace tarn {
 
-std::unique_ptr<CardOriginal> EwfOriginal::open(const std::string& path, std::string* error) {
+std::unique_ptr<CardOriginal> EwfOriginal::open(const std::string& path, std::string*,
+                                                std::string* error) {
   *error = path +
            " is an Expert Witness image, which this build cannot read: it was built without "
            "libewf";

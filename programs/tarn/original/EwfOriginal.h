@@ -11,8 +11,10 @@ namespace tarn {
 // to be damaged, and what lies in a segment that is missing, is refused.
 class EwfOriginal : public CardOriginal {
  public:
-  // By the first segment's file. Null with the reason in *error.
-  static std::unique_ptr<CardOriginal> open(const std::string& path, std::string* error);
+  // By the first segment's file. Null with the reason in *error. *note gets what is missing, and
+  // stays as it is where nothing is.
+  static std::unique_ptr<CardOriginal> open(const std::string& path, std::string* note,
+                                            std::string* error);
 };
 
 }  // namespace tarn

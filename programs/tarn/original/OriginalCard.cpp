@@ -79,7 +79,7 @@ bool OriginalCard::openWhole(const std::string& path, std::string* error) {
   }
   card_ = FileOriginal::open(path, error);
   if (card_ != nullptr && CardContent::isExpertWitness(card_.get())) {
-    card_ = EwfOriginal::open(path, error);
+    card_ = EwfOriginal::open(path, &note_, error);
   }
   return card_ != nullptr;
 }
@@ -120,7 +120,7 @@ bool OriginalCard::choose(const std::string& path, int partition, std::string* e
 }
 
 void OriginalCard::take(const std::string& path, const Partition& partition) {
-  note_ = path + ": " + describe(partition, "the card");
+  note_ += (note_.empty() ? "" : "; ") + path + ": " + describe(partition, "the card");
   card_ = std::make_unique<PartOriginal>(std::move(card_), partition.firstByte, partition.bytes);
 }
 
