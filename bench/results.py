@@ -46,6 +46,8 @@ TITLES = {
     "format/ram": "image in memory",
     "format/disk": "image on disk",
     "export/mp4": "to .mp4, against `ffmpeg -c copy`",
+    "view/list": "`tarn --card CARD list`",
+    "view/export": "`tarn --card CARD export` of a second",
     "crc/28_bytes": "28 bytes, an event record",
     "crc/4_KiB": "4 KiB",
     "server/rate": "requests per second",

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -15,6 +16,7 @@ namespace {
 
 constexpr int kCannotRun = 126;
 constexpr int kNotFound = 127;
+constexpr int kLongestStepMs = 10;
 
 // Signals that wait() takes while it lives.
 class SignalsHeld {
@@ -90,8 +92,10 @@ bool ChildProcess::stopped() const {
          info.si_pid == pid_;
 }
 
+// Looks often at first: a server that is told to stop has done so in a few milliseconds, and
+// whoever lists a card waits for it.
 bool ChildProcess::waitFor(int milliseconds, int* exitCode) {
-  for (;; milliseconds -= 10) {
+  for (int step = 1;; milliseconds -= step, step = std::min(2 * step, kLongestStepMs)) {
     int status = 0;
     if (pid_ <= 0) return true;
     const pid_t ended = waitpid(pid_, &status, WNOHANG);
@@ -101,7 +105,7 @@ bool ChildProcess::waitFor(int milliseconds, int* exitCode) {
       return true;
     }
     if (milliseconds <= 0) return false;
-    usleep(10000);
+    usleep(static_cast<useconds_t>(step) * 1000);
   }
 }
 

@@ -42,6 +42,9 @@ class Command {
   // False for commands that must run before the management server does; in a private view nothing
   // is started around them.
   virtual bool needsServer() const { return true; }
+  // False for commands that only read rows and chunks: a private view starts no server for them, only
+  // what brings the rows back.
+  virtual bool asksServer() const { return true; }
   // Whether it changes the card that it works on; one that is only read is refused to it then.
   // Asked once its options are parsed.
   virtual bool changesCard() const { return true; }

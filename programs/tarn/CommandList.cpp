@@ -136,6 +136,7 @@ class CommandList : public Command {
   }
 
   bool changesCard() const override { return false; }
+  bool asksServer() const override { return false; }
   bool sortWords(const WordsAsGiven& /*given*/, std::string* error) override {
     bool known = false;
     for (const std::string& word : words_) {

@@ -32,7 +32,7 @@ void prepareServer(int readyFd, int parent) {
 
 }  // namespace
 
-int ViewSession::open(std::string* error) {
+int ViewSession::open(bool server, std::string* error) {
   RecoveryReport report;
   {
     const StandardOutputMuted muted;
@@ -43,7 +43,8 @@ int ViewSession::open(std::string* error) {
     *error = "the recorder could not be started up on this card: " + report.error;
     return -1;
   }
-  return startServer(error);
+  served_ = server;
+  return server ? startServer(error) : 0;
 }
 
 int ViewSession::startServer(std::string* error) {
@@ -107,10 +108,11 @@ int ViewSession::close(std::string* error) {
 }
 
 // Without an image the next start reads the journal instead, so that is no failure.
-void ViewSession::saveImage() {
+void ViewSession::saveImage() const {
   const StandardOutputMuted muted;
   std::string reason;
-  if (Recovery().saveImage(&reason) != 0)
+  Recovery recovery;
+  if ((served_ ? recovery.saveImage(&reason) : recovery.keepImage(&reason)) != 0)
     syslog(LOG_NOTICE, "no database image: %s", reason.c_str());
 }
 

@@ -14,7 +14,8 @@ class ViewSession {
   // there is, and nothing is left for a next start.
   explicit ViewSession(bool readOnly = false) : readOnly_(readOnly) {}
   // 0, or -1 with the reason in *error; then there is nothing to close.
-  int open(std::string* error);
+  // Without `server` there is only the recovery, and close() leaves no image but the one of before.
+  int open(bool server, std::string* error);
   // Stops the server in order, which saves the management data, then saves the database's image. 0,
   // or -1 with the reason.
   int close(std::string* error);
@@ -22,9 +23,10 @@ class ViewSession {
  private:
   int startServer(std::string* error);
   bool waitForServer(int* exitCode);
-  static void saveImage();
+  void saveImage() const;
 
   const bool readOnly_;
+  bool served_ = false;
   ChildProcess server_;
 };
 

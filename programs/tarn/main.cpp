@@ -140,7 +140,7 @@ int runInside(Command* command, const Tool& tool) {
   ViewSession session(tool.insideReadOnly);
   std::string error;
   if (told && !(command->needsRecorder() && command->needsServer())) return runCommand(command);
-  if (!told || session.open(&error) != 0) {
+  if (!told || session.open(command->asksServer(), &error) != 0) {
     complain(error);
     return kExitFailed;
   }

@@ -35,6 +35,7 @@ constexpr char kUnreadableImage[] = "the database image cannot be read";
 constexpr char kDamagedImage[] = "the database image is damaged";
 constexpr char kOldImage[] = "the database image is older than the journal";
 constexpr char kForeignImage[] = "the database image has other tables than the recorder's";
+constexpr char kNoImageOfIt[] = "the card has no image of this database";
 constexpr char kNoRoomForImage[] = "the database does not fit into its image or cannot be written";
 
 bool unusable(std::string* error, const char* text) {
@@ -253,10 +254,11 @@ bool announceAgain(const ImageSeal& seal) {
   return chunk.write(0, size, sizeof size) && chunk.flush() && isSaved(seal);
 }
 
-bool save(CTARNDBChunk* chunk, std::string* error) {
+bool save(CTARNDBChunk* chunk, ImageSave how, std::string* error) {
   ImageSeal seal;
   if (!makeSeal(&seal, error)) return false;
   if (announceAgain(seal)) return true;
+  if (how == ImageSave::kAgain) return unusable(error, kNoImageOfIt);
   if (!writeSeal(seal, error)) return false;
   if (chunk->copyIn(DatabaseSetup::defaultPath()) != 0) return unusable(error, kNoRoomForImage);
   return isSaved(seal) || unusable(error, "the saved database image is not what was saved");
@@ -310,7 +312,7 @@ bool dropDatabaseImage() {
   return chunk.clearDBChunk(0) == 0 || size == kUnreadable;
 }
 
-bool saveDatabaseImage(std::string* error) {
+bool saveDatabaseImage(ImageSave how, std::string* error) {
   CTARNDBChunk chunk;
   if (!markEmpty(&chunk)) return unusable(error, "the card has no place for an image");
   struct stat journal;
@@ -319,7 +321,7 @@ bool saveDatabaseImage(std::string* error) {
     return unusable(error, "the database has an unfinished transaction");
   }
   if (!DatabaseSetup::check(DatabaseSetup::defaultPath(), error)) return false;
-  if (save(&chunk, error)) return true;
+  if (save(&chunk, how, error)) return true;
   if (!markEmpty(&chunk)) {
     *error += "; nor can the image be marked empty, run recovery before anything else";
   }

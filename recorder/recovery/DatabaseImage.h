@@ -33,6 +33,10 @@ bool dropDatabaseImage();
 // meanwhile. What was saved is read back and compared. False, with the reason, when there is none
 // to save, the chunk has no room, or the copy is not what the database is: there is no image then,
 // and the next start rebuilds the database from the journal.
-bool saveDatabaseImage(std::string* error);
+//
+// With kAgain only the image that the database came from is marked full again, if it is still the
+// database's; none is written. False where it is not.
+enum class ImageSave { kAnew, kAgain };
+bool saveDatabaseImage(ImageSave how, std::string* error);
 
 }  // namespace tarn

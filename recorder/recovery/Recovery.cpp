@@ -226,12 +226,16 @@ void Recovery::attempt() {
   lock_.reset();
 }
 
-int Recovery::saveImage(std::string* error) {
+int Recovery::saveImage(std::string* error) { return leaveImage(true, error); }
+int Recovery::keepImage(std::string* error) { return leaveImage(false, error); }
+
+int Recovery::leaveImage(bool anew, std::string* error) {
   return orNoMemory(
       "Recovery",
       [&]() -> int {
         const bool saved = keepServerOut(kErrSaveServerRuns, error) && nothingToWaitFor(error) &&
-                           mayBeWritten(error) && saveDatabaseImage(error);
+                           mayBeWritten(error) &&
+                           saveDatabaseImage(anew ? ImageSave::kAnew : ImageSave::kAgain, error);
         lock_.reset();
         return saved ? 0 : -1;
       },

@@ -52,10 +52,15 @@ class TARN_API Recovery {
   // next start rebuilds the database from the journal: no loss, only time. Refused, with the card
   // left alone, while a server or a recording session runs and where there is no database.
   int saveImage(std::string* error);
+  // The same for who has only read: the image that the database came from is good again, unless it
+  // is not the database's any more; then -1. None is written, so that it takes neither time nor
+  // room.
+  int keepImage(std::string* error);
 
  private:
   struct Step;
 
+  int leaveImage(bool anew, std::string* error);
   void attempt();
   void keepChanges(const RecoveryReport& before);
   bool keepServerOut(const char* refusal, std::string* error);

@@ -261,6 +261,19 @@ TEST_F(TarnRunTest, ListWithoutADatabaseFailsInWords) {
   EXPECT_EQ(tarn("list").exitCode, 1);
 }
 
+// Beside the tool lies no server here.
+TEST_F(TarnRunTest, WhatOnlyReadsRowsStartsNoServer) {
+  ASSERT_EQ(
+      shell("mkdir /tmp/tools && cp " TARN_BIN_DIR "/tarn " TARN_BIN_DIR "/dbsetup /tmp/tools")
+          .exitCode,
+      0);
+  const ShellResult run = shell("/tmp/tools/tarn --card /tmp/card run -- true");
+  EXPECT_NE(run.exitCode, 0);
+  EXPECT_THAT(run.output, HasSubstr("tarn-server is missing"));
+  const ShellResult list = shell("/tmp/tools/tarn --card /tmp/card list");
+  EXPECT_EQ(list.exitCode, 0) << list.output;
+}
+
 TEST_F(TarnRunTest, ListOfAFreshCardIsEmpty) {
   const ShellResult streams = tarn("--card /tmp/card list");
   EXPECT_EQ(streams.exitCode, 0);

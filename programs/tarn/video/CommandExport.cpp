@@ -43,6 +43,7 @@ class CommandExport : public Command {
   }
 
   bool changesCard() const override { return false; }
+  bool asksServer() const override { return false; }
 
   int run() override {
     if (!request_.streamID && !request_.eventID && !request_.from && !request_.to) {

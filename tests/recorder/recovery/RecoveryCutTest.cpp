@@ -233,6 +233,34 @@ TEST_F(DatabaseImageTest, AfterARunThatChangedNothingOnlyItsSizeIsWritten) {
   EXPECT_EQ(verifyAll(), range(0, 40));
 }
 
+// A whole image is half a second and the size of the database: more than who only reads should
+// cost.
+TEST_F(DatabaseImageTest, WhoOnlyReadsLeavesTheImageOfBeforeOrNone) {
+  rig.record(0, 40);
+  stopCleanly();
+  ASSERT_TRUE(rig.boot().fromImage);
+  std::string error;
+  EXPECT_EQ(Recovery().keepImage(&error), 0) << error;
+  ASSERT_TRUE(rig.boot().fromImage);
+  rig.startServer();
+  rig.record(50, 90);
+  CDbLog::getInstance()->finish();
+  rig.stopServer();
+  const auto begin = static_cast<int64_t>(rig.card.chunkStart(tarn::kFileDbImage, 0));
+  {
+    const IoFaults counted(kCardPath);
+    EXPECT_EQ(Recovery().keepImage(&error), -1);
+    EXPECT_EQ(error, "the card has no image of this database");
+    for (const WriteRecord& write : counted.writes()) {
+      EXPECT_EQ(write.offset, begin);
+      EXPECT_LE(write.length, 512u);
+    }
+  }
+  EXPECT_EQ(imageSize(), 0);
+  EXPECT_FALSE(rig.boot().fromImage);
+  EXPECT_EQ(verifyAll().size(), 80u);
+}
+
 // Nor is what lies there taken for what was saved, because its seal says so.
 TEST_F(DatabaseImageTest, ADamagedOneIsNotAnnouncedAgain) {
   rig.record(0, 40);
