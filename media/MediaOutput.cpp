@@ -62,18 +62,10 @@ class StreamOutput : public MediaOutput {
 
 std::unique_ptr<MediaOutput> MediaOutput::create(const std::string& path, bool overwrite,
                                                  std::string* error, size_t tracks) {
-  av_log_set_level(AV_LOG_FATAL);
   const OutputFormat format = outputFormat(path);
-  const bool file = path != kStandardOutput;
-  if (file && !overwrite && ::access(path.c_str(), F_OK) == 0) {
-    *error = path + " exists; --force replaces it";
-    return nullptr;
-  }
-  const std::string target = file ? path + ".part" : path;
+  const std::string target = path == kStandardOutput ? path : path + ".part";
   const auto opened = [&](auto output, auto... how) -> std::unique_ptr<MediaOutput> {
-    output->path_ = path;
-    if (file) output->partPath_ = target;
-    if (output->open(how...)) return output;
+    if (output->takeName(path, overwrite) && output->open(how...)) return output;
     *error = output->error();
     return nullptr;
   };
@@ -88,6 +80,18 @@ std::unique_ptr<MediaOutput> MediaOutput::create(const std::string& path, bool o
   if (format == OutputFormat::kBare) return opened(std::make_unique<StreamOutput>(), target);
   *error = path + ": the name must end in .mp4, .mov or .h264";
   return nullptr;
+}
+
+bool MediaOutput::takeName(const std::string& path, bool overwrite) {
+  av_log_set_level(AV_LOG_FATAL);
+  const bool file = path != kStandardOutput;
+  if (file && !overwrite && ::access(path.c_str(), F_OK) == 0) {
+    error_ = path + " exists; --force replaces it";
+    return false;
+  }
+  path_ = path;
+  if (file) partPath_ = path + ".part";
+  return true;
 }
 
 MediaOutput::~MediaOutput() {

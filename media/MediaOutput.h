@@ -61,6 +61,8 @@ class TARN_API MediaOutput {
 
  protected:
   virtual bool complete() = 0;
+  // The name that the file is to have. False with error() set where a file has it already.
+  bool takeName(const std::string& path, bool overwrite);
 
   std::string path_;
   std::string partPath_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "media/OutputFormat.h"
+#include "recorder/card/ChunkChannels.h"
 
 namespace tarn {
 namespace {
@@ -53,6 +54,19 @@ std::string ChannelTracks::begin() {
   if (hasSoundRows_ && !bare_ && sound_.next() == ExportTrack::Result::kPiece)
     tracks_.push_back(&sound_);
   return tracks_.empty() ? kErrNoSoundReadable : "";
+}
+
+std::vector<ExportStatement::Source> ChannelTracks::sources() const {
+  const bool known = channel() != ChunkChannels::kUnknown;
+  ExportStatement::Source source;
+  source.line = known ? std::to_string(channel()) : "";
+  const std::string name = known ? "channel " + source.line : "unknown channel";
+  std::vector<ExportStatement::Source> sources;
+  for (const ExportTrack* track : tracks_) {
+    source.name = name + (track == &sound_ ? ", sound" : ", pictures");
+    sources.push_back(source);
+  }
+  return sources;
 }
 
 ExportedChannel ChannelTracks::report() const {

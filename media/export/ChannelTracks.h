@@ -9,6 +9,7 @@
 #include "media/export/ExportRequest.h"
 #include "media/export/ExportSelection.h"
 #include "media/export/SoundExport.h"
+#include "media/seal/SealBoxes.h"
 
 namespace tarn {
 
@@ -23,6 +24,8 @@ class ChannelTracks {
   std::string begin();
   // Those that have a first piece; after begin().
   const std::vector<ExportTrack*>& tracks() const { return tracks_; }
+  // Where each of these comes from.
+  std::vector<ExportStatement::Source> sources() const;
 
   int channel() const { return pictures_.channel(); }
   // Of what was read so far, without path and error.

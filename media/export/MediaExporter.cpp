@@ -1,6 +1,10 @@
 #include "media/export/MediaExporter.h"
 
+#include <sys/utsname.h>
+
+#include <ctime>
 #include <list>
+#include <optional>
 #include <utility>
 
 #include "media/MediaOutput.h"
@@ -8,6 +12,7 @@
 #include "media/export/ChannelTracks.h"
 #include "media/export/ExportSelection.h"
 #include "media/export/TrackTurns.h"
+#include "media/seal/SealedOutput.h"
 #include "recorder/card/ChunkChannels.h"
 #include "recorder/card/NoThrow.h"
 
@@ -23,21 +28,31 @@ constexpr char kErrOnePipe[] =
 class MediaExporter::Impl {
  public:
   explicit Impl(const ExportRequest& request) : request_(request) {}
+  void seal(const SealRequest& seal) { seal_ = seal; }
   bool run(const StopAsked& stopAsked);
   bool failForMemory();
   const char* error() const { return noMemory_ ? kErrNoMemory : error_.c_str(); }
   const std::vector<ExportedChannel>& channels() const { return exported_; }
 
  private:
+  using Sources = std::vector<ExportStatement::Source>;
+
   bool fail(const std::string& text);
   bool exportFiles();
   bool exportTracks();
-  std::string writeFile(const std::vector<ExportTrack*>& tracks, const std::string& path);
+  bool loadKey();
+  std::unique_ptr<MediaOutput> create(const std::string& path, const Sources& sources,
+                                      std::string* error);
+  std::string writeFile(const std::vector<ExportTrack*>& tracks, const Sources& sources,
+                        const std::string& path);
   bool report(const ChannelTracks& channel, const std::string& path, const std::string& error);
   std::string pathOf(int channel) const;
   bool stopped() const { return stopAsked_ && stopAsked_(); }
 
   const ExportRequest request_;
+  std::optional<SealRequest> seal_;
+  SealingKey key_;
+  int64_t began_ = 0;  // seconds since 1970
   StopAsked stopAsked_;
   std::list<ChannelTracks> channels_;  // in the order of their numbers
   std::vector<ExportedChannel> exported_;
@@ -75,11 +90,31 @@ bool MediaExporter::Impl::report(const ChannelTracks& channel, const std::string
   return error.empty() && exported.totals.lost == 0 && exported.sound.lost == 0;
 }
 
+// A key that does not do is told before anything is read.
+bool MediaExporter::Impl::loadKey() {
+  began_ = time(nullptr);
+  return !seal_ || key_.load(*seal_) || fail(key_.error());
+}
+
+std::unique_ptr<MediaOutput> MediaExporter::Impl::create(const std::string& path,
+                                                         const Sources& sources,
+                                                         std::string* error) {
+  if (!seal_) return MediaOutput::create(path, request_.overwrite, error, sources.size());
+  ExportStatement statement;
+  utsname machine{};
+  if (uname(&machine) == 0) statement.unitName = machine.nodename;
+  statement.time = static_cast<uint64_t>(began_ + kSecondsFrom1904);
+  statement.operatorName = seal_->operatorName;
+  statement.sources = sources;
+  return SealedOutput::create(path, request_.overwrite, &key_, statement, sealWords(*seal_, began_),
+                              error);
+}
+
 // Why there is no file; "" when there is one.
 std::string MediaExporter::Impl::writeFile(const std::vector<ExportTrack*>& tracks,
-                                           const std::string& path) {
+                                           const Sources& sources, const std::string& path) {
   std::string error;
-  const auto output = MediaOutput::create(path, request_.overwrite, &error, tracks.size());
+  const auto output = create(path, sources, &error);
   if (output == nullptr) return error;
   for (size_t i = 0; i < tracks.size(); ++i) {
     if (!tracks[i]->describe(output.get(), i)) return output->error();
@@ -99,7 +134,7 @@ bool MediaExporter::Impl::exportFiles() {
   for (ChannelTracks& channel : channels_) {
     const std::string path = pathOf(channel.channel());
     std::string error = channel.begin();
-    if (error.empty()) error = writeFile(channel.tracks(), path);
+    if (error.empty()) error = writeFile(channel.tracks(), channel.sources(), path);
     good = report(channel, path, error) && good;
   }
   return good;
@@ -109,6 +144,7 @@ bool MediaExporter::Impl::exportFiles() {
 bool MediaExporter::Impl::exportTracks() {
   std::vector<ExportTrack*> tracks;
   std::vector<const ChannelTracks*> written;
+  Sources sources;
   bool good = true;
   for (ChannelTracks& channel : channels_) {
     const std::string error = channel.begin();
@@ -118,9 +154,11 @@ bool MediaExporter::Impl::exportTracks() {
     }
     written.push_back(&channel);
     tracks.insert(tracks.end(), channel.tracks().begin(), channel.tracks().end());
+    const Sources own = channel.sources();
+    sources.insert(sources.end(), own.begin(), own.end());
   }
   if (tracks.empty()) return false;
-  const std::string error = writeFile(tracks, request_.output);
+  const std::string error = writeFile(tracks, sources, request_.output);
   if (!error.empty()) return fail(error);
   for (const ChannelTracks* channel : written) good = report(*channel, request_.output, "") && good;
   return good;
@@ -128,6 +166,7 @@ bool MediaExporter::Impl::exportTracks() {
 
 bool MediaExporter::Impl::run(const StopAsked& stopAsked) {
   stopAsked_ = stopAsked;
+  if (noMemory_ || !loadKey()) return false;
   ExportSelection selection(request_);
   if (!selection.choose(stopAsked_)) return fail(selection.error());
   for (const auto& [channel, rows] : selection.rowsOfChannels())
@@ -143,6 +182,17 @@ MediaExporter::MediaExporter(const ExportRequest& request) noexcept {
 }
 
 MediaExporter::~MediaExporter() = default;
+
+void MediaExporter::seal(const SealRequest& seal) noexcept {
+  if (!impl_) return;
+  orNoMemory(
+      "MediaExporter::seal",
+      [&] {
+        impl_->seal(seal);
+        return true;
+      },
+      [this] { return impl_->failForMemory(); });
+}
 
 bool MediaExporter::run(const StopAsked& stopAsked) noexcept {
   if (!impl_) return false;

@@ -8,6 +8,7 @@
 #include "media/MediaInput.h"
 #include "media/export/ExportReport.h"
 #include "media/export/ExportRequest.h"
+#include "media/seal/SealRequest.h"
 
 namespace tarn {
 
@@ -22,6 +23,8 @@ class TARN_API MediaExporter {
   MediaExporter(const MediaExporter&) = delete;
   MediaExporter& operator=(const MediaExporter&) = delete;
 
+  // Before run(): the files are sealed, as docs/evidence.md says, each a fragmented .mp4 or .mov.
+  void seal(const SealRequest& seal) noexcept;
   // Once. True when all that is there was written; false when something failed or is missing: see
   // error() and channels(). A file exists only once it is complete. `stopAsked` (may be empty) is
   // asked before each picture, and ends the work as an error.

@@ -9,6 +9,7 @@
 
 #include "media/FragmentedMovie.h"
 #include "media/MediaInput.h"
+#include "media/MoviePieces.h"
 
 namespace tarn_test {
 namespace {
@@ -16,37 +17,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using tarn::FragmentedMovie;
 
-constexpr int64_t kWall = int64_t{1700000000} * 1000000 + 123456;
 constexpr int64_t kHour = int64_t{3600} * 1000000;
-
-// A picture of 64 by 48; a key picture has its parameter sets.
-tarn::OutputPicture pictureAt(int64_t us, bool key, int32_t decodeOffsetUs = 0) {
-  tarn::OutputPicture picture;
-  picture.key = key;
-  picture.presentation = tarn::PictureTime::fromMicros(kWall + us);
-  picture.decodeOffsetUs = decodeOffsetUs;
-  if (key)
-    picture.annexB = {0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0xc0, 0x0a, 0xda, 0x11, 0xec,
-                      0x04, 0x40, 0x00, 0x00, 0x03, 0x00, 0x40, 0x00, 0x00, 0x03, 0x00,
-                      0x83, 0xc4, 0x89, 0xa8, 0x00, 0x00, 0x00, 0x01, 0x68, 0xce, 0x0f,
-                      0xc8, 0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x84, 0x3a};
-  else
-    picture.annexB = {0x00, 0x00, 0x00, 0x01, 0x41, 0x9a};
-  for (int shift = 0; shift < 42; shift += 7)
-    picture.annexB.push_back(static_cast<uint8_t>(0x80 | (us >> shift & 0x7F)));
-  return picture;
-}
-
-tarn::OutputSound soundAt(int64_t us, tarn::SoundCodec codec = tarn::SoundCodec::kAac) {
-  tarn::OutputSound sound;
-  const bool aac = codec == tarn::SoundCodec::kAac;
-  sound.format = aac ? tarn::SoundFormat{codec, 1, 16000, {0x14, 0x08}}
-                     : tarn::SoundFormat{codec, 1, 8000, {}};
-  sound.samples = aac ? 1024 : 320;
-  sound.frame.assign(aac ? 20 : 320, 0x21);
-  sound.time = tarn::PictureTime::fromMicros(kWall + us);
-  return sound;
-}
 
 uint64_t number(const Bytes& bytes, size_t at, size_t size) {
   uint64_t value = 0;

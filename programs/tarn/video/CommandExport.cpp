@@ -6,6 +6,7 @@
 #include "media/OutputFormat.h"
 #include "media/export/MediaExporter.h"
 #include "video/ExportOutput.h"
+#include "video/SealOptions.h"
 
 namespace tarn {
 namespace {
@@ -37,6 +38,7 @@ class CommandExport : public Command {
     app->add_flag_callback(
         "--no-sound", [this] { request_.sound = false; }, "Leave out the recorded sound");
     app->add_flag("--tracks", request_.tracks, "Several channels into one .mp4, a track each");
+    seal_.addTo(app, false);
     app->add_flag("--json", json_, "Print as JSON what the file holds");
     app->add_flag("--force", request_.overwrite, "Replace the file when it exists");
     return app;
@@ -56,6 +58,7 @@ class CommandExport : public Command {
     }
     if (!outputMakesSense()) return kExitUsage;
     MediaExporter exporter(request_);
+    if (seal_.asked()) exporter.seal(seal_.request());
     const bool good = runShown(&exporter);
     const ExportOutput output(exporter.channels());
     if (json_) output.printJson(request_.tracks);
@@ -64,7 +67,11 @@ class CommandExport : public Command {
     return good ? kExitGood : kExitFailed;
   }
 
-  std::vector<std::string*> userPaths() override { return {&request_.output}; }
+  std::vector<std::string*> userPaths() override {
+    std::vector<std::string*> paths = seal_.paths();
+    paths.push_back(&request_.output);
+    return paths;
+  }
 
  private:
   static bool refuse(const std::string& text) {
@@ -78,6 +85,8 @@ class CommandExport : public Command {
       return refuse(request_.output + ": the name must end in .mp4, .mov or .h264, or be -");
     if (request_.tracks && format == OutputFormat::kBare)
       return refuse(request_.output + ": only an .mp4 or .mov holds several tracks");
+    if (seal_.asked() && (request_.output == kStandardOutput || format == OutputFormat::kBare))
+      return refuse(request_.output + ": only a file can be sealed, an .mp4 or .mov");
     if (request_.output != kStandardOutput) return true;
     if (json_) return refuse("-o -: standard output takes the pictures, and no JSON");
     return isatty(STDOUT_FILENO) == 0 ||
@@ -97,6 +106,7 @@ class CommandExport : public Command {
   }
 
   ExportRequest request_;
+  SealOptions seal_;
   bool json_ = false;
 };
 
