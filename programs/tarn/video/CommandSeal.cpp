@@ -18,6 +18,7 @@ class CommandSeal : public Command {
   }
 
   bool needsRecorder() const override { return false; }
+  bool changesCard() const override { return false; }
 
   int run() override {
     std::string error;

@@ -24,6 +24,7 @@ class CommandVerify : public Command {
   }
 
   bool needsRecorder() const override { return false; }
+  bool changesCard() const override { return false; }
 
   int run() override {
     FileVerifier verifier;
