@@ -6,6 +6,7 @@
 #include <strings.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -25,6 +26,7 @@ constexpr size_t kRequestBytes = 32 * 1024;  // line, headers and what leads to 
 constexpr size_t kStackBytes = 512 * 1024;
 constexpr size_t kStreamBlock = 64 * 1024;
 constexpr size_t kMostParameters = 16;
+constexpr size_t kMostUnderWay = size_t{96} * 1024 * 1024;  // of answers, all together
 constexpr size_t kMostPathBytes = 200;
 
 // Everything comes from this server, and nothing of it runs but its own scripts.
@@ -41,10 +43,24 @@ constexpr char kOpenWithoutTls[] =
     "beyond this machine it listens only with --tls-certificate, --tls-key and --token-file: "
     "whoever "
     "reached it would see everything";
+constexpr char kTooMuch[] = "too much is on its way: try again in a moment";
 constexpr char kHalfOfTls[] = "--tls-certificate and --tls-key belong together";
 
-// A body whose bytes belong to the response that sends it.
-void freeBody(void* body) { delete static_cast<std::string*>(body); }
+// A body whose bytes belong to the response that sends it, counted among those that are on their
+// way.
+struct Body {
+  Body(std::string text, std::atomic<size_t>* all) : bytes(std::move(text)), underWay(all) {
+    *underWay += bytes.size();
+  }
+  ~Body() { *underWay -= bytes.size(); }
+  Body(const Body&) = delete;
+  Body& operator=(const Body&) = delete;
+
+  std::string bytes;
+  std::atomic<size_t>* underWay;
+};
+
+void freeBody(void* body) { delete static_cast<Body*>(body); }
 
 ssize_t readStream(void* stream, uint64_t /*position*/, char* out, size_t room) {
   return orNoMemory(
@@ -123,6 +139,7 @@ class HttpServer::Impl {
   std::string certificate_;
   std::string key_;
   ConnectionWatch watch_;
+  std::atomic<size_t> underWay_{0};  // bytes of answers that are sent
   MHD_Daemon* daemon_ = nullptr;
   char zeroByte_ = 0;  // its address marks a question whose address has one
 };
@@ -267,9 +284,11 @@ MHD_Result HttpServer::Impl::send(MHD_Connection* connection, HttpResponse answe
                                                  stream, &freeStream);
     if (response == nullptr) freeStream(stream);
   } else {
-    auto* body = new std::string(std::move(answer.body));
-    response = MHD_create_response_from_buffer_with_free_callback_cls(body->size(), body->data(),
-                                                                      &freeBody, body);
+    // Clients that do not take what they asked for would fill the memory with it.
+    if (underWay_ + answer.body.size() > kMostUnderWay) answer = errorResponse(503, kTooMuch);
+    auto* body = new Body(std::move(answer.body), &underWay_);
+    response = MHD_create_response_from_buffer_with_free_callback_cls(
+        body->bytes.size(), body->bytes.data(), &freeBody, body);
     if (response == nullptr) freeBody(body);
   }
   if (response == nullptr) return MHD_NO;
