@@ -28,6 +28,11 @@ packages=("${build_packages[@]}" "${run_packages[@]}" "${test_packages[@]}" "${a
 [[ " ${presets[*]} " != *" fuzz "* ]] || packages+=("${fuzz_packages[@]}")
 [ $# -gt 0 ] || packages+=("${lint_packages[@]}")
 scripts/install-packages "${packages[@]}"
+if [[ " ${presets[*]} " == *" release "* ]]; then
+  scripts/install-packages "${browser_packages[@]}" ||
+    echo "No browser can be installed here: the tests of the page are skipped."
+  tests/page/axe build/axe || echo "axe-core cannot be fetched here: the page's accessibility is not checked."
+fi
 
 work=$(mktemp -d)
 testing=''  # process of the tests that run beside the next build

@@ -14,6 +14,8 @@ camera_packages=(gir1.2-gst-rtsp-server-1.0 python3-gi gstreamer1.0-plugins-base
 demo_packages=(python3-imageio ffmpeg dosfstools "${camera_packages[@]}")
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
   file man-db dpkg-dev lintian systemd procps doxygen abigail-tools python3-cryptography "${camera_packages[@]}")
+# A browser, for the tests of the page; where there is none they are skipped.
+browser_packages=(chromium chromium-driver python3-selenium)
 bench_packages=(libbenchmark-dev nbdkit libnbd-bin util-linux python3-imageio ffmpeg)
 lint_packages=(shellcheck clang-14 clang-tidy-14 git)
 fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)

@@ -56,8 +56,7 @@ class Page:
 
     def open(self, address, at_ms=None):
         # Another fragment alone would not load the page anew.
-        self.note_problems()
-        self.driver.get("about:blank")
+        self.leave()
         self.driver.get(address + "/" + ("" if at_ms is None else f"#at={at_ms:.0f}"))
         self.wait("document.body.dataset.ready === 'yes'")
 
@@ -106,6 +105,11 @@ class Page:
         for entry in self.driver.get_log("browser"):
             if entry["level"] in ("SEVERE", "WARNING"):
                 self.problems.append(entry["message"])
+
+    def leave(self):
+        """Before the server goes: that it went is nothing to complain of."""
+        self.note_problems()
+        self.driver.get("about:blank")
 
     # Of every picture that reaches the screen: the time that the page shows, and its grey.
     def watch(self, channel_index=0):

@@ -37,10 +37,11 @@ def number_of(grey):
 class Server:
     """tarn serve, on a port of its own, in whatever view its command makes."""
 
-    def __init__(self, *command):
+    def __init__(self, *command, stdin=None):
         environment = {**os.environ, "TZ": ZONE}
-        self.process = subprocess.Popen([str(word) for word in command], stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT, text=True, env=environment, start_new_session=True)
+        self.process = subprocess.Popen([str(word) for word in command], stdin=stdin, stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT, text=True, env=environment,
+                                        start_new_session=True)
         self.said = []
         self.address = None
         for line in self.process.stdout:
