@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Export.h"
 #include "base/UniqueFd.h"
 #include "media/seal/BoxReader.h"
 #include "media/seal/Crypto.h"
@@ -15,7 +16,7 @@ namespace tarn {
 // A file that was sealed, by whomever: what its seals say, and what they were made over. Nothing in
 // it is believed: work and memory have bounds that do not depend on what it says. Used by one
 // thread. Not part of the interface.
-class SealedFile {
+class TARN_API SealedFile {
  public:
   enum class State {
     kSealed,

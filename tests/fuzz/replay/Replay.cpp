@@ -26,6 +26,7 @@ int fuzz_undo(const uint8_t* data, size_t size);
 int fuzz_config(const uint8_t* data, size_t size);
 int fuzz_argument(const uint8_t* data, size_t size);
 int fuzz_container(const uint8_t* data, size_t size);
+int fuzz_sealed(const uint8_t* data, size_t size);
 int fuzz_serve(const uint8_t* data, size_t size);
 int begin_card(int*, char***);
 int begin_image(int*, char***);
@@ -56,6 +57,7 @@ constexpr Target kTargets[] = {
     {"argument", fuzz_argument, begin_argument},
 #ifdef TARN_WITH_MEDIA
     {"container", fuzz_container, nullptr},
+    {"sealed", fuzz_sealed, nullptr},
 #endif
 #ifdef TARN_WITH_SERVE
     {"serve", fuzz_serve, begin_serve},
