@@ -246,6 +246,7 @@ class CommandCheck : public Command {
     }
     const CardCheck& last = after != nullptr ? *after : before;
     if (last.findings().total() != 0 || !last.eventsWithoutVideo().empty()) tellMeaning(last);
+    for (const std::string& text : last.notes()) fmt::print("note: {}\n", text);
     fmt::print("{}: {}, {} recordings, {} events, {} pictures\n", cardName(card_),
                last.findings().total() == 0 ? "clean" : countText(last.findings().total()),
                last.streamRows(), last.eventRows(), last.pictures());
@@ -291,7 +292,8 @@ class CommandCheck : public Command {
                  {"meaning", last.meaning()},
                  {"eventsWithoutVideo", last.eventsWithoutVideo()},
                  {"counts", countsJson(last.findings())},
-                 {"findings", findingsJson(last.findings())}};
+                 {"findings", findingsJson(last.findings())},
+                 {"notes", last.notes()}};
     if (after != nullptr) {
       json["corrected"] = {{"counts", countsJson(before.findings())},
                            {"findings", findingsJson(before.findings())}};

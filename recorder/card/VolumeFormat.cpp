@@ -291,6 +291,48 @@ std::vector<DirectoryFile> decodeRootDirectory(const uint8_t* bytes, size_t leng
   return files;
 }
 
+namespace {
+
+// "NAME.EXT" of an entry without a long name.
+std::string wholeShortName(const uint8_t* entry) {
+  std::string ending(reinterpret_cast<const char*>(entry) + kDirNameBytes,
+                     kFullNameBytes - kDirNameBytes);
+  ending.erase(ending.find_last_not_of(' ') + 1);
+  return decodeShortName(entry) + (ending.empty() ? "" : "." + ending);
+}
+
+bool isChunkFileName(const std::string& name) {
+  constexpr size_t kTagBytes = 4;
+  if (name.size() <= kTagBytes || name.find_first_not_of("0123456789", kTagBytes) != name.npos)
+    return false;
+  for (int type = 0; type < kFileTypeCount; ++type) {
+    if (name.compare(0, kTagBytes, fileTag(type)) == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+std::vector<std::string> foreignNames(const uint8_t* bytes, size_t length) {
+  std::vector<std::string> names;
+  std::string longName;
+  for (size_t at = 0; length - at >= kDirEntryBytes; at += kDirEntryBytes) {
+    const uint8_t* entry = bytes + at;
+    if (entry[0] == kDirEnd) break;
+    const uint8_t attribute = entry[kDirAttributeOff];
+    if (entry[0] == kDirDeleted) continue;
+    if (attribute == kAttributeLongName) {
+      // The last piece of a name comes first.
+      longName = decodeLongPiece(entry) + longName;
+      continue;
+    }
+    const std::string name = longName.empty() ? wholeShortName(entry) : longName;
+    if ((attribute & kAttributeLabel) == 0 && !isChunkFileName(name)) names.push_back(name);
+    longName.clear();
+  }
+  return names;
+}
+
 void encodeInfoFile(const CardLayout& layout, uint8_t* out) {
   static_assert(kInfoFileBytes == kInfoLengthBytes + kInfoLengthMin);
   memset(out, 0, kInfoSealedBytes);

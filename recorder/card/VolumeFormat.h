@@ -22,6 +22,7 @@ inline constexpr uint32_t kBootTotalSectorsOff = 32;  //  32  4
 inline constexpr uint32_t kBootFsInfoOff = 48;        //  48  2  sector of FSInfo
 inline constexpr uint32_t kBootBackupOff = 50;        //  50  2  sector of the backup
 inline constexpr uint32_t kBootDriveOff = 64;         //  64  1  0x80
+inline constexpr uint32_t kBootStateOff = 65;         //  65  1  kBootStateMarks while a PC writes
 inline constexpr uint32_t kBootExtendedOff = 66;      //  66  1  0x29: the next three are there
 inline constexpr uint32_t kBootVolumeIdOff = 67;      //  67  4
 inline constexpr uint32_t kBootLabelOff = 71;         //  71 11
@@ -50,6 +51,11 @@ void encodeFat(const CardLayout& layout, uint32_t first, uint32_t count, uint8_t
 // all other chunk files. `when` stamps the files; 0 gives FAT's first day.
 void encodeRootDirectory(const CardLayout& layout, time_t when, uint8_t* out);
 
+// A PC that has a volume mounted says so in the boot sector, or by clearing bits of the FAT's
+// second entry, and takes it back when it lets go of it in order.
+inline constexpr uint8_t kBootStateMarks = 0x03;
+inline constexpr uint32_t kFatStateMarks = 0x0C000000;
+
 // A FAT entry without the four bits that mean nothing, and what ends a chain.
 inline constexpr uint32_t kFatEntryMask = 0x0FFFFFFF;
 inline constexpr uint32_t kFatChainEndLeast = 0x0FFFFFF8;
@@ -75,6 +81,9 @@ struct DirectoryFile {
 };
 // All files up to the directory's end; labels, directories and deleted files are passed over.
 std::vector<DirectoryFile> decodeRootDirectory(const uint8_t* bytes, size_t length);
+
+// Names of what lies in a root directory beside chunk files and label: files, and folders.
+std::vector<std::string> foreignNames(const uint8_t* bytes, size_t length);
 
 // Bytes of the info file in use: the length and nine records.
 inline constexpr uint32_t kInfoFileBytes = 760;

@@ -24,6 +24,7 @@ int CardCheck::run(const std::string& path, const CardCheckOptions& options, std
         checkRings(&contents);
         checkLog(&contents);
         findings_ = contents.findings;
+        notes_ = contents.notes;
         eventsWithoutVideo_ = contents.eventsWithoutVideo;
         streamRows_ = static_cast<uint32_t>(contents.streams.size());
         eventRows_ = static_cast<uint32_t>(contents.events.size());

@@ -30,6 +30,9 @@ class TARN_API CardCheck {
   int run(const std::string& path, const CardCheckOptions& options, std::string* error);
 
   const CardFindings& findings() const { return findings_; }
+  // What a PC left on the card that only had it mounted, in a sentence each: its mark, a folder of
+  // its own, files in free clusters. Nothing of the recorder's is touched by it.
+  const std::vector<std::string>& notes() const { return notes_; }
   uint32_t streamRows() const { return streamRows_; }
   uint32_t eventRows() const { return eventRows_; }
   // Events in whose time no recording leads to a picture, by key. They may be all that is left
@@ -45,6 +48,7 @@ class TARN_API CardCheck {
   uint32_t streamRows_ = 0;
   uint32_t eventRows_ = 0;
   uint64_t pictures_ = 0;
+  std::vector<std::string> notes_;
 };
 
 }  // namespace tarn

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "db/DbRecords.h"
@@ -16,6 +17,7 @@ namespace tarn {
 struct CardContents {
   CardReader card;
   CardFindings findings;
+  std::vector<std::string> notes;         // what a PC left, which harms nothing
   std::map<uint32_t, DB_STREAM> streams;  // rows of the journal, by key
   std::map<uint32_t, DB_EVENT> events;
   uint64_t pictures = 0;

@@ -7,6 +7,7 @@
 
 #include "base/Endian.h"
 #include "fat/FatFormat.h"
+#include "recorder/card/CardMap.h"
 #include "recorder/card/VolumeFormat.h"
 #include "recorder/check/CardContents.h"
 
@@ -28,14 +29,16 @@ class VolumeCheck {
     boot_ = decodeFatBoot(sector_);
     checkBoot();
     checkFats();
-    checkFsInfo();
     checkRoot();
+    checkFsInfo();
     checkFiles();
+    tellState();
   }
 
  private:
   void add(FindingKind kind, const std::string& text) { contents_->findings.add(kind, text); }
   void fat(const std::string& text) { add(FindingKind::kFat, text); }
+  void note(const std::string& text) { contents_->notes.push_back(text); }
   void unreadable(const std::string& what) {
     add(FindingKind::kUnreadable, what + " cannot be read");
   }
@@ -51,9 +54,17 @@ class VolumeCheck {
       fat("there is no backup of the boot sector");
     } else if (!card_.read(uint64_t{backup} * kSectorBytes, copy, sizeof copy)) {
       unreadable("the backup of the boot sector");
-    } else if (memcmp(copy, sector_, sizeof copy) != 0) {
+    } else if (isOtherBoot(copy)) {
       fat("the backup of the boot sector differs from it");
     }
+  }
+
+  // The mark of a PC stands in the first of them only.
+  bool isOtherBoot(uint8_t* copy) {
+    mounted_ = (sector_[kBootStateOff] & kBootStateMarks) != 0;
+    const uint8_t marks = (copy[kBootStateOff] ^ sector_[kBootStateOff]) & kBootStateMarks;
+    copy[kBootStateOff] = static_cast<uint8_t>(copy[kBootStateOff] ^ marks);
+    return memcmp(copy, sector_, kSectorBytes) != 0;
   }
 
   uint64_t fatByte(uint32_t number) const {
@@ -72,11 +83,57 @@ class VolumeCheck {
       const uint8_t* one = first.at(at, kSectorBytes);
       const uint8_t* two = boot_.fatCount > 1 ? second.at(at, kSectorBytes) : one;
       if (one == nullptr || two == nullptr) ++missing;
-      if (one != nullptr && two != nullptr && memcmp(one, two, kSectorBytes) != 0) ++different;
-      if (one != nullptr) countFree(one, static_cast<uint32_t>(at / 4));
+      const auto cluster = static_cast<uint32_t>(at / 4);
+      if (one != nullptr && two != nullptr && differ(one, two, cluster)) ++different;
+      if (one != nullptr) countFree(one, cluster);
+      if (one != nullptr && at == 0 && (~getLe32(one + 4) & kFatStateMarks) != 0) mounted_ = true;
     }
     if (missing != 0) unreadable(std::to_string(missing) + " sectors of the FATs");
     if (different != 0) fat("the two FATs differ in " + std::to_string(different) + " sectors");
+  }
+
+  // Whether two sectors of the FATs, which begin with `first`, differ in what is the recorder's. A
+  // PC that was torn off may have written one of them only.
+  bool differ(const uint8_t* one, const uint8_t* two, uint32_t first) {
+    if (memcmp(one, two, kSectorBytes) == 0) return false;
+    for (uint32_t i = 0; i < kSectorBytes / 4; ++i) {
+      const uint32_t change = getLe32(one + i * 4) ^ getLe32(two + i * 4);
+      if (change == 0) continue;
+      const bool mark = first + i == 1 && (change & ~kFatStateMarks) == 0;
+      if (!mark &&
+          (isOurs(first + i) || !isLink(getLe32(one + i * 4)) || !isLink(getLe32(two + i * 4)))) {
+        return true;
+      }
+      (mark ? mounted_ : foreign_) = true;
+    }
+    return false;
+  }
+
+  // Whether an entry is one that a PC writes: free, a cluster that there is, or an end. Noise is
+  // not.
+  bool isLink(uint32_t entry) const {
+    return entry == 0 || (entry >= kFatChainEndLeast && entry <= kFatEntryMask) ||
+           (entry >= kFirstCluster && entry - kFirstCluster < card_.info().clusters());
+  }
+
+  // Whether a cluster is the root directory's or a chunk's.
+  bool isOurs(uint32_t cluster) const {
+    if (cluster < kFirstCluster) return true;
+    const uint64_t byte = boot_.dataSector() * kSectorBytes +
+                          uint64_t{cluster - kFirstCluster} * card_.info().clusterBytes();
+    uint64_t first = UINT64_MAX;
+    for (int type = 0; type < kFileTypeCount; ++type) {
+      const CardFamily& family = card_.family(type);
+      if (byte >= family.startByte() && byte - family.startByte() < family.bytes()) return true;
+      first = std::min(first, family.startByte());
+    }
+    return byte < first;
+  }
+
+  // What a PC has done, said once all of it was seen.
+  void tellState() {
+    if (mounted_) note("a PC had the card mounted and did not let go of it in order");
+    if (foreign_) note("a PC was torn off while it wrote files of its own: the FATs differ there");
   }
 
   void countFree(const uint8_t* entries, uint32_t first) {
@@ -97,8 +154,11 @@ class VolumeCheck {
     const FsInfo info = decodeFsInfo(sector);
     if (!info.marked) return fat("the FSInfo sector lacks its signatures");
     if (info.freeClusters == kFreeUnknown || info.freeClusters == free_) return;
-    fat("the FSInfo sector counts " + std::to_string(info.freeClusters) +
-        " free clusters, the FAT has " + std::to_string(free_));
+    const std::string text = "the FSInfo sector counts " + std::to_string(info.freeClusters) +
+                             " free clusters, the FAT has " + std::to_string(free_);
+    // A PC counts when it lets go of the card.
+    if (mounted_ || foreign_ || !contents_->notes.empty()) return note(text);
+    fat(text);
   }
 
   uint64_t directoryBytes() const {
@@ -115,12 +175,26 @@ class VolumeCheck {
     if (!card_.read(boot_.dataSector() * kSectorBytes, bytes.data(), bytes.size())) {
       return unreadable("the root directory");
     }
+    tellForeign(foreignNames(bytes.data(), bytes.size()));
     uint32_t twice = 0;
     for (const DirectoryFile& file : decodeRootDirectory(bytes.data(), bytes.size())) {
+      int type = 0;
+      uint32_t chunk = 0;
+      if (!parseChunkFile(file.name, &type, &chunk)) continue;
       if (!files_.emplace(file.name, file).second) ++twice;
     }
     if (twice != 0)
       fat("the root directory has " + std::to_string(twice) + " names more than once");
+  }
+
+  void tellForeign(const std::vector<std::string>& names) {
+    constexpr size_t kNamed = 5;
+    if (names.empty()) return;
+    std::string text = "the root directory has what is not the recorder's:";
+    for (size_t i = 0; i < std::min(names.size(), kNamed); ++i)
+      text += (i == 0 ? " " : ", ") + names[i];
+    if (names.size() > kNamed) text += " and " + std::to_string(names.size() - kNamed) + " more";
+    note(text);
   }
 
   // The chain of `clusters` from `first` on is one piece in order: the cluster that breaks it, 0
@@ -179,6 +253,8 @@ class VolumeCheck {
   uint8_t sector_[kSectorBytes] = {};
   FatBoot boot_;
   uint32_t free_ = 0;
+  bool mounted_ = false;  // a PC's mark says so
+  bool foreign_ = false;  // the FATs differ in clusters that are nobody's of the recorder
   std::unordered_map<std::string, DirectoryFile> files_;
 };
 

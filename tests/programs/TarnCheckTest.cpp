@@ -68,7 +68,7 @@ TEST_F(TarnCheckTest, JsonHasKindsTextsAndCounts) {
       "findings": [{"kind": "management",
                     "text": "MGST: the main copy is damaged, the backup is good",
                     "consequence": "none",
-                    "meaning": "nothing is lost: the other copy has the same"}]})"));
+                    "meaning": "nothing is lost: the other copy has the same"}], "notes": []})"));
 }
 
 TEST_F(TarnCheckTest, ADryRunSaysThatTheRecoveryWouldRunAndChangesNothing) {

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "base/Endian.h"
 #include "dblog/JournalFormat.h"
 #include "fat/FatFormat.h"
 #include "recorder/CheckRig.h"
@@ -68,9 +69,42 @@ class CardCheckTest : public CheckRig {
   }
   std::string name(size_t row) const {
     const char* times[] = {"00:13:20", "00:13:22", "00:13:24"};
-    return "recording " + std::to_string(rows_[row].streamID) + " of 2023-11-15 " + times[row] + "+02:00";
+    return "recording " + std::to_string(rows_[row].streamID) + " of 2023-11-15 " + times[row] +
+           "+02:00";
   }
 };
+
+// What a PC leaves that was torn off while it had the card mounted.
+TEST_F(CardCheckTest, WhatAPcLeftIsANoteAndNoFinding) {
+  constexpr uint64_t kFree = 512 + 488;  // as FSInfo counts
+  const Bytes counted = read(kFree, 4);
+  const uint32_t free = tarn::getLe32(counted.data());
+  write(65, Bytes{1});
+  write(fatByte(0) + 7, Bytes{0x07});  // bit 27 of the second entry, in one FAT only
+  uint64_t end = dataByte();
+  while (read(end, 1)[0] != 0) end += 32;
+  Bytes folder(32, 0);
+  memcpy(folder.data(), "SYSTEM~1   ", 11);
+  folder[11] = 0x16;
+  write(end, folder);
+  write(fatByte(0) + uint64_t{info_.clusters() + 1} * 4, Bytes{0xFF});  // behind every chunk
+  EXPECT_EQ(findings().total(), 0u) << texts();
+  EXPECT_EQ(check_.notes(),
+            (std::vector<std::string>{
+                "the root directory has what is not the recorder's: SYSTEM~1",
+                "the FSInfo sector counts " + std::to_string(free) +
+                    " free clusters, the FAT has " + std::to_string(free - 1),
+                "a PC had the card mounted and did not let go of it in order",
+                "a PC was torn off while it wrote files of its own: the FATs differ there"}));
+}
+
+TEST_F(CardCheckTest, WhatIsTheRecordersIsAFindingWhateverAPcDid) {
+  write(65, Bytes{1});
+  flip(fatByte(1) + uint64_t{clusterOf(tarn::kFileStream, 0)} * 4);
+  expectOne(FindingKind::kFat, "the two FATs differ in 1 sectors");
+  EXPECT_EQ(check_.notes(), std::vector<std::string>{
+                                "a PC had the card mounted and did not let go of it in order"});
+}
 
 TEST_F(CardCheckTest, AFreshCardIsClean) {
   format();
