@@ -12,6 +12,7 @@
 #include "media/MonotonicTime.h"
 #include "media/serve/JsonText.h"
 #include "media/serve/QueryReader.h"
+#include "recorder/card/TimeText.h"
 #include "recorder/recording/SoundFormat.h"
 
 namespace tarn {
@@ -19,6 +20,8 @@ namespace {
 
 // Of the card's own numbers, which nobody needs newer.
 constexpr int64_t kInfoUs = 5000000;
+constexpr int64_t kSecondUs = 1000000;
+constexpr int64_t kDaySeconds = 86400;
 constexpr char kCardFailed[] = "the card failed while it was written to: check it";
 
 HttpResponse done(JsonText* json, int status = 200) {
@@ -31,6 +34,36 @@ HttpResponse done(JsonText* json, int status = 200) {
 void addTime(JsonText* json, const char* name, int64_t us) {
   json->key(name);
   us == 0 ? json->null() : json->thousandths(us);
+}
+
+// The first second with the offset that `end` has; `begin` has another.
+int64_t changeBetween(int64_t begin, int64_t end) {
+  while (end - begin > 1) {
+    const int64_t middle = begin + (end - begin) / 2;
+    (TimeText::offsetAt(middle) == TimeText::offsetAt(end) ? end : begin) = middle;
+  }
+  return end;
+}
+
+void addOffset(JsonText* json, int64_t second) {
+  json->beginObject().key("fromMs").thousandths(second * kSecondUs);
+  json->key("offsetMinutes").number(TimeText::offsetAt(second) / 60).end();
+}
+
+// The zone's offset at the beginning of a period, and wherever it changes in it: what was recorded
+// in winter is shown with winter's hours in summer, too. No zone changes twice within a day.
+void addZoneChanges(JsonText* json, const TimeSpan& held) {
+  const int64_t last = held.toUs / kSecondUs;
+  int64_t at = held.fromUs / kSecondUs;
+  json->key("zoneChanges").beginArray();
+  if (held.fromUs != 0) addOffset(json, at);
+  while (at < last) {
+    const int64_t next = std::min(at + kDaySeconds, last);
+    if (TimeText::offsetAt(next) != TimeText::offsetAt(at))
+      addOffset(json, changeBetween(at, next));
+    at = next;
+  }
+  json->end();
 }
 
 // One number for Prometheus, with what it is.
@@ -163,6 +196,7 @@ HttpResponse CardAnswers::card(const HttpRequest& request) {
   const TimeSpan held = holdings(*rows);
   addTime(&json, "oldestMs", held.fromUs);
   addTime(&json, "newestMs", held.toUs);
+  addZoneChanges(&json, held);
   json.end();
   return done(&json);
 }

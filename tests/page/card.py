@@ -11,8 +11,7 @@ RATE = 10
 PICTURE_MS = 1000 // RATE
 # Grey tells a picture's number within these many: neighbours differ by four, more than coding does.
 NUMBERS = 50
-# Without summer time: the page has the offset of now.
-ZONE = "NST3:30"
+ZONE = "NST3:30NDT,M3.2.0,M11.1.0"
 
 
 def run(*command, **options):

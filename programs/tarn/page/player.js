@@ -75,7 +75,13 @@ export class Player {
     this.told();
   }
 
+  // Where the leading video stands: it may be a picture further than it was a moment ago.
   pause() {
+    const lead = this.playing ? this.lead() : undefined;
+    if (lead !== undefined) {
+      lead.video.pause();
+      this.timeMs = Math.max(this.timeMs, lead.timeMs);
+    }
     this.playing = false;
     this.live = false;
     this.findingNewest = false;
