@@ -120,7 +120,13 @@ class CommandKeep : public Command {
     KeepOptions options;
     options.budgetChunks = request_.budgetChunks;
     options.strict = request_.strict;
-    const auto goOn = [](uint32_t) { return !stopRequested(); };
+    ProgressLine line;
+    uint64_t copied = 0;
+    const auto goOn = [&](uint32_t bytes) {
+      copied += bytes;
+      line.show(sizeText(copied) + " copied");
+      return !stopRequested();
+    };
     carryOut(&copies, options, goOn, &job);
     // Nobody records, so that nothing gets longer by waiting.
     if (job.state == KeepState::kWaiting) {

@@ -3,7 +3,10 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <set>
+#include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "base/Endian.h"
 #include "fat/FatFormat.h"
@@ -175,8 +178,10 @@ class VolumeCheck {
     if (!card_.read(boot_.dataSector() * kSectorBytes, bytes.data(), bytes.size())) {
       return unreadable("the root directory");
     }
-    tellForeign(foreignNames(bytes.data(), bytes.size()));
-    uint32_t twice = 0;
+    const std::vector<std::string> foreign = foreignNames(bytes.data(), bytes.size());
+    tellForeign(foreign);
+    auto twice = static_cast<uint32_t>(
+        foreign.size() - std::set<std::string>(foreign.begin(), foreign.end()).size());
     for (const DirectoryFile& file : decodeRootDirectory(bytes.data(), bytes.size())) {
       int type = 0;
       uint32_t chunk = 0;
