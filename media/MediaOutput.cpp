@@ -7,7 +7,9 @@
 #include <cstring>
 
 #include "base/UniqueFd.h"
+#include "media/FragmentedOutput.h"
 #include "media/MovieOutput.h"
+#include "media/OutputFile.h"
 #include "media/OutputFormat.h"
 
 namespace tarn {
@@ -15,31 +17,14 @@ namespace {
 
 class StreamOutput : public MediaOutput {
  public:
-  bool open(const std::string& path) {
-    file_.reset(path == kStandardOutput
-                    ? ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)
-                    : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (!file_.valid()) error_ = "cannot create " + path + ": " + strerror(errno);
-    return file_.valid();
-  }
+  bool open(const std::string& path) { return told(file_.open(path)); }
 
   bool describe(size_t /*track*/, const OutputPicture& /*first*/) override { return true; }
   bool describe(size_t /*track*/, const OutputSound& /*first*/) override { return noSound(); }
   bool write(const OutputSound& /*sound*/, size_t /*track*/) override { return noSound(); }
 
   bool write(const OutputPicture& picture, size_t /*track*/) override {
-    const uint8_t* data = picture.annexB.data();
-    size_t left = picture.annexB.size();
-    while (left > 0) {
-      const ssize_t put = TEMP_FAILURE_RETRY(::write(file_.get(), data, left));
-      if (put <= 0) {
-        error_ = "cannot write " + name() + ": " + strerror(put == 0 ? ENOSPC : errno);
-        return false;
-      }
-      data += put;
-      left -= static_cast<size_t>(put);
-    }
-    return true;
+    return told(file_.write(picture.annexB.data(), picture.annexB.size()));
   }
 
  private:
@@ -48,20 +33,25 @@ class StreamOutput : public MediaOutput {
     return false;
   }
 
-  bool complete() override {
-    if (file_.close() == 0) return true;
-    error_ = "cannot write " + name() + ": " + strerror(errno);
-    return false;
+  bool told(bool good) {
+    if (!good) error_ = file_.error();
+    return good;
   }
-  std::string name() const { return partPath_.empty() ? "standard output" : partPath_; }
+  bool complete() override { return told(file_.close()); }
 
-  UniqueFd file_;
+  OutputFile file_;
 };
 
 }  // namespace
 
 std::unique_ptr<MediaOutput> MediaOutput::create(const std::string& path, bool overwrite,
                                                  std::string* error, size_t tracks) {
+  return create(path, overwrite, error, tracks, 0);
+}
+
+std::unique_ptr<MediaOutput> MediaOutput::create(const std::string& path, bool overwrite,
+                                                 std::string* error, size_t tracks,
+                                                 int64_t longestGapUs) {
   const OutputFormat format = outputFormat(path);
   const std::string target = path == kStandardOutput ? path : path + ".part";
   const auto opened = [&](auto output, auto... how) -> std::unique_ptr<MediaOutput> {
@@ -71,6 +61,8 @@ std::unique_ptr<MediaOutput> MediaOutput::create(const std::string& path, bool o
   };
   if (format == OutputFormat::kMp4 || format == OutputFormat::kMov) {
     const char* const muxer = format == OutputFormat::kMp4 ? "mp4" : "mov";
+    if (longestGapUs > MovieOutput::kMostGapUs)
+      return opened(std::make_unique<FragmentedOutput>(), muxer, target, tracks);
     return opened(std::make_unique<MovieOutput>(), muxer, target, tracks);
   }
   if (tracks > 1) {

@@ -41,6 +41,12 @@ class TARN_API MediaOutput {
   // `overwrite`. A file of several tracks must not be .h264. Null with *error set.
   static std::unique_ptr<MediaOutput> create(const std::string& path, bool overwrite,
                                              std::string* error, size_t tracks = 1);
+  // The same of pictures and sound with gaps of up to `longestGapUs` microseconds: above half an
+  // hour the movie is one in fragments, since no piece of another lasts as long as 36 minutes. A
+  // longer gap than was told is an error of write().
+  static std::unique_ptr<MediaOutput> create(const std::string& path, bool overwrite,
+                                             std::string* error, size_t tracks,
+                                             int64_t longestGapUs);
 
   // Of a file of several tracks, before anything is written, of each track: its first picture,
   // which is a key picture with its parameter sets. False with error() set.

@@ -1,5 +1,8 @@
 #include "media/MovieOutput.h"
 
+#include <cstdint>
+#include <vector>
+
 namespace tarn {
 
 // The movie whose parts are put in order when it is complete: it can be written to a file only.
@@ -37,10 +40,21 @@ class MovieOutput::File : public MovieMuxer {
     return writeHeader((lead ? sound : picture)->totalMicros(), nullptr);
   }
 
+  // The muxer would put what is later than that right behind the piece before, and all that
+  // follows.
   bool put(AVPacket* piece) override {
+    lastDts_.resize(muxer()->nb_streams, INT64_MAX);
+    int64_t& last = lastDts_[static_cast<size_t>(piece->stream_index)];
+    if (last != INT64_MAX && piece->dts - last > INT32_MAX)
+      return fail(
+          "a gap is longer than a movie in one part can have: export what is before and "
+          "behind it by itself");
+    last = piece->dts;
     const int result = av_write_frame(muxer(), piece);
     return result >= 0 || failWith("write", result);
   }
+
+  std::vector<int64_t> lastDts_;  // of each stream, in its time base; INT64_MAX before the first
 };
 
 bool MovieOutput::told(bool good) {

@@ -11,6 +11,9 @@ namespace tarn {
 // An .mp4 or .mov file, with tracks of pictures and of sound. Not part of the interface.
 class MovieOutput : public MediaOutput {
  public:
+  // Of a track, in microseconds; what 31 bits of them hold is 35 minutes.
+  static constexpr int64_t kMostGapUs = int64_t{30} * 60 * 1000000;
+
   // `kind`: "mp4" or "mov". False with error() set.
   bool open(const char* kind, const std::string& path, size_t tracks);
 

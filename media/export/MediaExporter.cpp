@@ -2,6 +2,8 @@
 
 #include <sys/utsname.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <ctime>
 #include <list>
 #include <optional>
@@ -15,6 +17,7 @@
 #include "media/seal/SealedOutput.h"
 #include "recorder/card/ChunkChannels.h"
 #include "recorder/card/NoThrow.h"
+#include "recorder/recording/SoundFormat.h"
 
 namespace tarn {
 namespace {
@@ -22,6 +25,19 @@ namespace {
 constexpr char kErrStopped[] = "stopped before its end";
 constexpr char kErrOnePipe[] =
     "several channels were recorded then, and standard output takes one: choose it with --channel";
+
+// Between one recording of video, or of sound, and the next, in microseconds.
+int64_t longestGap(const std::vector<DB_STREAM>& rows, bool sound) {
+  int64_t longest = 0;
+  int64_t end = INT64_MAX;
+  for (const DB_STREAM& row : rows) {
+    if (isSound(row) != sound) continue;
+    const PictureTime start = {row.startDate, row.startMSec * 1000u};
+    if (end != INT64_MAX) longest = std::max(longest, start.totalMicros() - end);
+    end = PictureTime{row.endDate, row.endMSec * 1000u}.totalMicros();
+  }
+  return longest;
+}
 
 }  // namespace
 
@@ -55,6 +71,7 @@ class MediaExporter::Impl {
   int64_t began_ = 0;  // seconds since 1970
   StopAsked stopAsked_;
   std::list<ChannelTracks> channels_;  // in the order of their numbers
+  int64_t longestGapUs_ = 0;           // between two recordings of one of them
   std::vector<ExportedChannel> exported_;
   std::string error_;
   bool noMemory_ = false;
@@ -99,7 +116,8 @@ bool MediaExporter::Impl::loadKey() {
 std::unique_ptr<MediaOutput> MediaExporter::Impl::create(const std::string& path,
                                                          const Sources& sources,
                                                          std::string* error) {
-  if (!seal_) return MediaOutput::create(path, request_.overwrite, error, sources.size());
+  if (!seal_)
+    return MediaOutput::create(path, request_.overwrite, error, sources.size(), longestGapUs_);
   ExportStatement statement;
   utsname machine{};
   if (uname(&machine) == 0) statement.unitName = machine.nodename;
@@ -169,8 +187,10 @@ bool MediaExporter::Impl::run(const StopAsked& stopAsked) {
   if (noMemory_ || !loadKey()) return false;
   ExportSelection selection(request_);
   if (!selection.choose(stopAsked_)) return fail(selection.error());
-  for (const auto& [channel, rows] : selection.rowsOfChannels())
+  for (const auto& [channel, rows] : selection.rowsOfChannels()) {
     channels_.emplace_back(channel, selection, request_, rows);
+    longestGapUs_ = std::max({longestGapUs_, longestGap(rows, false), longestGap(rows, true)});
+  }
   if (request_.output == kStandardOutput && channels_.size() > 1) return fail(kErrOnePipe);
   return request_.tracks ? exportTracks() : exportFiles();
 }

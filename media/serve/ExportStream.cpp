@@ -27,9 +27,10 @@ bool ExportStream::takePiece() {
 bool ExportStream::takePicture() {
   PictureEntry entry;
   RecordingReader* reader = walker_->reader();
-  if (!reader->picture(next_, &entry)) return true;
   OutputPicture picture;
-  if (!reader->readPicture(entry, &picture.annexB)) return true;  // missing, and nothing else
+  // A download can say no more than that it did not come whole. "tarn export" writes what there is,
+  // and says what is missing.
+  if (!reader->picture(next_, &entry) || !reader->readPicture(entry, &picture.annexB)) return false;
   picture.presentation = entry.presentation;
   picture.decodeOffsetUs = entry.decodeOffsetUs;
   picture.key = entry.isKey();

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include "media/MediaInput.h"
+#include "media/MoviePieces.h"
 #include "media/export/MediaExporter.h"
 #include "recorder/RecorderRig.h"
 
@@ -59,6 +61,33 @@ TEST_F(MediaExporterTest, AStopLeavesNoFileAndIsAnError) {
   EXPECT_LT(exporter.channels()[0].totals.written, row_.recSize);
   EXPECT_FALSE(exists(kOut));
   EXPECT_FALSE(exists(std::string(kOut) + ".part"));
+}
+
+TEST_F(MediaExporterTest, APeriodWithAGapOfHoursHasTheTimesOfItsPictures) {
+  constexpr int64_t kHour = int64_t{3600} * 1000000;
+  for (const int64_t begin : {10 * kHour, 15 * kHour}) {
+    tarn::RecordingSession session;
+    ASSERT_TRUE(openSession(session));
+    for (int64_t i = 0; i < 50; ++i) {
+      const tarn::OutputPicture one = pictureAt(begin + i * 40000, true);
+      ASSERT_EQ(
+          session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, true), 0);
+    }
+    ASSERT_EQ(session.close(), 0);
+  }
+  tarn::ExportRequest wanted;
+  wanted.from = tarn::PictureTime::fromMicros(kWall + 9 * kHour);
+  wanted.output = "/tmp/out.mp4";
+  tarn::MediaExporter exporter(wanted);
+  ASSERT_TRUE(exporter.run()) << exporter.error();
+  std::string error;
+  const auto input = tarn::MediaInput::open(
+      wanted.output, 0, [] { return false; }, &error);
+  ASSERT_NE(input, nullptr) << error;
+  tarn::MediaPicture picture;
+  int64_t last = 0;
+  while (input->next(&picture) == tarn::MediaInput::Result::kPicture) last = picture.presentationUs;
+  EXPECT_EQ(last, 5 * kHour + 49 * 40000);
 }
 
 TEST_F(MediaExporterTest, SaysWhyThereIsNothingToExport) {
