@@ -249,6 +249,7 @@ namespace {
 constexpr uint8_t kDirEnd = 0x00;
 constexpr uint8_t kDirDeleted = 0xE5;
 constexpr uint8_t kAttributeDirectory = 0x10;
+constexpr size_t kMostLongName = 255;
 
 std::string decodeLongPiece(const uint8_t* entry) {
   std::string name;
@@ -322,8 +323,9 @@ std::vector<std::string> foreignNames(const uint8_t* bytes, size_t length) {
     const uint8_t attribute = entry[kDirAttributeOff];
     if (entry[0] == kDirDeleted) continue;
     if (attribute == kAttributeLongName) {
-      // The last piece of a name comes first.
-      longName = decodeLongPiece(entry) + longName;
+      // The last piece of a name comes first. A chain of pieces that goes on for ever is no name.
+      longName.insert(0, decodeLongPiece(entry));
+      if (longName.size() > kMostLongName) longName.clear();
       continue;
     }
     const std::string name = longName.empty() ? wholeShortName(entry) : longName;
