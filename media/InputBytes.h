@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "base/UniqueFd.h"
@@ -18,7 +19,8 @@ class InputBytes {
  public:
   static constexpr int kForever = -1;
 
-  InputBytes(UniqueFd fd, StopAsked stopAsked) : fd_(std::move(fd)), stopAsked_(stopAsked) {}
+  InputBytes(UniqueFd fd, StopAsked stopAsked)
+      : fd_(std::move(fd)), stopAsked_(std::move(stopAsked)) {}
 
   // Up to `size` bytes; 0 at the end; -1 with errno: EINTR when asked to stop, ETIMEDOUT when there
   // is a patience and nothing came for so long.

@@ -38,7 +38,7 @@ bool isContainer(std::vector<uint8_t> bytes) {
   return false;
 }
 
-std::unique_ptr<MediaInput> openStandardInput(double frameRate, StopAsked stopAsked,
+std::unique_ptr<MediaInput> openStandardInput(double frameRate, const StopAsked& stopAsked,
                                               std::string* error) {
   auto bytes = std::make_unique<InputBytes>(UniqueFd(0), stopAsked);
   // A slow encoder's first picture may be small, and must not wait for the next ones.
@@ -57,7 +57,7 @@ bool MediaInput::isOverUdp(const std::string& address) { return address.rfind(kO
 
 std::unique_ptr<MediaInput> MediaInput::open(const std::string& path, double frameRate,
                                              StopAsked stopAsked, std::string* error) {
-  if (path == "-") return openStandardInput(frameRate, std::move(stopAsked), error);
+  if (path == "-") return openStandardInput(frameRate, stopAsked, error);
   return ContainerInput::open(path, frameRate, std::move(stopAsked), error);
 }
 

@@ -86,7 +86,7 @@ bool isExecutable(const std::string& path) {
 std::string findCompanion(const std::string& name) {
   const fs::path own = fs::path(ownPath()).parent_path();
   for (const char* place : {".", "../sbin", "../bin", "../libexec", "../libexec/tarn"}) {
-    const std::string path = (own / place / name).lexically_normal().string();
+    std::string path = (own / place / name).lexically_normal().string();
     if (isExecutable(path)) return path;
   }
   return "";

@@ -61,6 +61,7 @@ int exitCodeOf(int status) {
 bool ChildProcess::start(const std::vector<std::string>& arguments,
                          const std::function<void()>& prepare) {
   std::vector<char*> words;
+  words.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments)
     words.push_back(const_cast<char*>(argument.c_str()));
   words.push_back(nullptr);
