@@ -7,8 +7,9 @@ namespace {
 
 constexpr char kReplacement[] = "\xEF\xBF\xBD";
 
-// Bytes of the character of UTF-8 that begins there; 0 when none does.
-size_t characterBytes(std::string_view text) {
+}  // namespace
+
+size_t utf8CharacterBytes(std::string_view text) {
   const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
   const uint8_t head = byte(0);
   if (head < 0x80) return 1;
@@ -23,8 +24,6 @@ size_t characterBytes(std::string_view text) {
   if (head == 0xF0 && byte(1) < 0x90) return 0;
   return head == 0xF4 && byte(1) > 0x8F ? 0 : size;
 }
-
-}  // namespace
 
 void JsonText::comma() {
   if (!first_) out_ += ',';
@@ -57,7 +56,7 @@ JsonText& JsonText::text(std::string_view value) {
   comma();
   out_ += '"';
   for (size_t size; !value.empty(); value.remove_prefix(size)) {
-    size = characterBytes(value);
+    size = utf8CharacterBytes(value);
     const auto head = static_cast<uint8_t>(value[0]);
     if (size == 0) {
       out_ += kReplacement;

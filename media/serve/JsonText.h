@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -7,6 +8,9 @@
 #include "base/Export.h"
 
 namespace tarn {
+
+// Bytes of the character of UTF-8 that begins there; 0 when none does. Not of an empty text.
+TARN_API size_t utf8CharacterBytes(std::string_view text);
 
 // Writes JSON in one go, without a tree of it in memory: answers tell of hundreds of thousands of
 // rows. The caller keeps beginnings, keys and ends in order. Used by one thread.

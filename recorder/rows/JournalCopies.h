@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Export.h"
 #include "dblog/JournalEnd.h"
 #include "dblog/JournalFormat.h"
 #include "recorder/card/Source.h"
@@ -14,7 +15,7 @@ namespace tarn {
 // Read in large blocks; around what the device does not deliver, sector by sector, asked for again
 // a few times. Not part of the interface. Used by one thread; the sources stay the caller's and
 // outlive this.
-class JournalCopies {
+class TARN_API JournalCopies {
  public:
   JournalCopies(JournalKind kind, Source* original, Source* mirror,
                 uint32_t blockBytes = kBlockBytes);

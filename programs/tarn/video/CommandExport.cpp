@@ -4,6 +4,7 @@
 #include "Console.h"
 #include "RecorderHint.h"
 #include "media/OutputFormat.h"
+#include "media/evidence/EvidenceExporter.h"
 #include "media/export/MediaExporter.h"
 #include "video/ExportOutput.h"
 #include "video/SealOptions.h"
@@ -30,22 +31,29 @@ class CommandExport : public Command {
         ->excludes(event);
     app->add_option("--channel", request_.channel, "Only recordings of this channel")
         ->check(CLI::Range(0, 127));
-    app->add_option(
-           "-o,--output", request_.output,
-           "File to write: .mp4 or .mov with each picture's time, or .h264 bare, - for standard "
-           "output; of several channels one each, NAME-ch0.mp4 and so on")
-        ->required();
+    CLI::Option* output = app->add_option(
+        "-o,--output", request_.output,
+        "File to write: .mp4 or .mov with each picture's time, or .h264 bare, - for standard "
+        "output; of several channels one each, NAME-ch0.mp4 and so on");
+    app->add_option("--evidence", evidence_,
+                    "Folder to make instead, of all that the card holds of a case: video, rows, "
+                    "log, a manifest with sums and a report")
+        ->type_name("DIR")
+        ->excludes(output);
     app->add_flag_callback(
         "--no-sound", [this] { request_.sound = false; }, "Leave out the recorded sound");
-    app->add_flag("--tracks", request_.tracks, "Several channels into one .mp4, a track each");
+    app->add_flag("--tracks", request_.tracks, "Several channels into one .mp4, a track each")
+        ->excludes("--evidence");
     seal_.addTo(app, false);
     app->add_flag("--json", json_, "Print as JSON what the file holds");
-    app->add_flag("--force", request_.overwrite, "Replace the file when it exists");
+    app->add_flag("--force", request_.overwrite,
+                  "Replace the file, or the evidence folder, when it exists");
     return app;
   }
 
   bool changesCard() const override { return false; }
-  bool asksServer() const override { return false; }
+  // For the system log.
+  bool asksServer() const override { return !evidence_.empty(); }
 
   int run() override {
     if (!request_.streamID && !request_.eventID && !request_.from && !request_.to) {
@@ -56,10 +64,11 @@ class CommandExport : public Command {
       complain("--to lies before --from");
       return kExitUsage;
     }
+    if (!evidence_.empty()) return makeEvidence();
     if (!outputMakesSense()) return kExitUsage;
     MediaExporter exporter(request_);
     if (seal_.asked()) exporter.seal(seal_.request());
-    const bool good = runShown(&exporter);
+    const bool good = runShown(&exporter, "pictures and pieces of sound");
     const ExportOutput output(exporter.channels());
     if (json_) output.printJson(request_.tracks);
     output.tell(json_);
@@ -69,7 +78,10 @@ class CommandExport : public Command {
 
   std::vector<std::string*> userPaths() override {
     std::vector<std::string*> paths = seal_.paths();
+    // Of a folder that is named as one, what it lies in is looked for.
+    while (evidence_.size() > 1 && evidence_.back() == '/') evidence_.pop_back();
     paths.push_back(&request_.output);
+    paths.push_back(&evidence_);
     return paths;
   }
 
@@ -79,7 +91,32 @@ class CommandExport : public Command {
     return false;
   }
 
+  int makeEvidence() {
+    EvidenceRequest request;
+    request.what = request_;
+    request.folder = evidence_;
+    request.overwrite = request_.overwrite;
+    if (seal_.asked()) request.seal = seal_.request();
+    EvidenceExporter exporter(request);
+    const bool good = runShown(&exporter, "steps");
+    if (exporter.beganAnew())
+      warn(evidence_ + ".part was left by a run that did not end: made anew");
+    const bool made = *exporter.error() == '\0';
+    if (made) tellEvidence(exporter);
+    if (!made) complain(withHint(exporter.error()));
+    return good ? kExitGood : kExitFailed;
+  }
+
+  void tellEvidence(const EvidenceExporter& exporter) const {
+    const ExportOutput output(exporter.channels());
+    if (json_) output.printJson(false);
+    output.tell(json_);
+    for (const std::string& text : exporter.missing()) complain(text);
+    if (!seal_.asked()) warn(evidence_ + " is not sealed: no --seal was given");
+  }
+
   bool outputMakesSense() const {
+    if (request_.output.empty()) return refuse("say where to: -o OUT or --evidence DIR");
     const OutputFormat format = outputFormat(request_.output);
     if (format == OutputFormat::kUnknown)
       return refuse(request_.output + ": the name must end in .mp4, .mov or .h264, or be -");
@@ -94,18 +131,19 @@ class CommandExport : public Command {
   }
 
   // How far it is, for whoever looks on.
-  static bool runShown(MediaExporter* exporter) {
+  template <class Exporter>
+  static bool runShown(Exporter* exporter, const char* what) {
     constexpr uint64_t kEach = 100;
     ProgressLine line;
     uint64_t pieces = 0;
     return exporter->run([&] {
-      if (++pieces % kEach == 0)
-        line.show(std::to_string(pieces) + " pictures and pieces of sound");
+      if (++pieces % kEach == 0) line.show(std::to_string(pieces) + " " + what);
       return stopRequested();
     });
   }
 
   ExportRequest request_;
+  std::string evidence_;  // a folder; "": a file is written
   SealOptions seal_;
   bool json_ = false;
 };

@@ -1,0 +1,152 @@
+#include "media/evidence/EvidenceFolder.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include "media/OutputFile.h"
+#include "recorder/card/CardText.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Stands in a folder that is being made, and is no file of the case.
+constexpr char kMark[] = ".unfinished";
+
+bool isThere(const std::string& path) {
+  struct stat found = {};
+  return lstat(path.c_str(), &found) == 0;
+}
+
+bool isEvidence(const std::string& folder) {
+  std::ifstream manifest(folder + "/manifest.json");
+  std::string head(200, '\0');
+  manifest.read(head.data(), static_cast<std::streamsize>(head.size()));
+  return head.find(EvidenceFolder::kKind) != std::string::npos;
+}
+
+bool isOfARun(const std::string& folder) {
+  std::error_code ignored;
+  return isThere(folder + "/" + kMark) || isEvidence(folder) || fs::is_empty(folder, ignored);
+}
+
+bool syncOne(const std::string& path) {
+  const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  return file.valid() && fsync(file.get()) == 0;
+}
+
+std::string withoutSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+}  // namespace
+
+EvidenceFolder::EvidenceFolder(const std::string& path)
+    : path_(withoutSlashes(path)), part_(path_ + ".part") {}
+
+EvidenceFolder::~EvidenceFolder() { abandon(); }
+
+void EvidenceFolder::abandon() {
+  std::error_code ignored;
+  if (begun_) fs::remove_all(part_, ignored);
+  begun_ = false;
+}
+
+bool EvidenceFolder::fail(const std::string& text) {
+  error_ = text;
+  return false;
+}
+
+bool EvidenceFolder::failFor(const std::string& what, int code) {
+  return fail(errnoText("cannot " + what, code));
+}
+
+bool EvidenceFolder::mayReplace(bool overwrite) {
+  replaces_ = isThere(path_);
+  if (!replaces_) return true;
+  if (!overwrite) return fail(path_ + " exists already; --force replaces it");
+  return isEvidence(path_) || fail(path_ + " exists and is no evidence folder: it stays as it is");
+}
+
+// Nobody else makes the same folder meanwhile.
+bool EvidenceFolder::mark() {
+  mark_.reset(open(pathOf(kMark).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666));
+  if (!mark_.valid()) return failFor("create " + pathOf(kMark), errno);
+  return flock(mark_.get(), LOCK_EX | LOCK_NB) == 0 ||
+         fail(part_ + " is being made by another run right now");
+}
+
+bool EvidenceFolder::clear() {
+  std::error_code error;
+  for (const fs::directory_entry& entry : fs::directory_iterator(part_, error)) {
+    if (entry.path().filename() == kMark) continue;
+    std::error_code removing;
+    fs::remove_all(entry.path(), removing);
+    if (removing) return failFor("remove " + entry.path().string(), removing.value());
+  }
+  return !error || failFor("read " + part_, error.value());
+}
+
+bool EvidenceFolder::begin(bool overwrite) {
+  if (!mayReplace(overwrite)) return false;
+  if (mkdir(part_.c_str(), 0777) != 0) {
+    if (errno != EEXIST) return failFor("create " + part_, errno);
+    std::error_code ignored;
+    if (!fs::is_directory(fs::symlink_status(part_, ignored)) || !isOfARun(part_))
+      return fail(part_ + " exists and is not what an interrupted run left: it stays as it is");
+    beganAnew_ = true;
+  }
+  if (!mark() || !clear()) return false;
+  begun_ = true;
+  for (const char* name : {"video", "original"}) {
+    if (mkdir(pathOf(name).c_str(), 0777) != 0) return failFor("create " + pathOf(name), errno);
+  }
+  return true;
+}
+
+bool EvidenceFolder::write(const std::string& name, const std::string& text) {
+  OutputFile file;
+  return (file.open(pathOf(name)) &&
+          file.write(reinterpret_cast<const uint8_t*>(text.data()), text.size()) && file.close()) ||
+         fail(file.error());
+}
+
+// Folders behind what is in them.
+bool EvidenceFolder::syncAll() {
+  std::error_code error;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(part_, error)) {
+    if (!syncOne(entry.path().string())) return failFor("write " + entry.path().string(), errno);
+  }
+  if (error) return failFor("read " + part_, error.value());
+  return syncOne(part_) || failFor("write " + part_, errno);
+}
+
+// One that is replaced is there until the new one is, and then lies where that was made.
+bool EvidenceFolder::rename() {
+  const unsigned how = replaces_ ? RENAME_EXCHANGE : RENAME_NOREPLACE;
+  if (renameat2(AT_FDCWD, part_.c_str(), AT_FDCWD, path_.c_str(), how) != 0) {
+    const bool plain = errno == EINVAL && !replaces_ && !isThere(path_);
+    if (!plain || ::rename(part_.c_str(), path_.c_str()) != 0)
+      return failFor("rename " + part_ + " to " + path_, errno);
+  }
+  begun_ = replaces_;
+  std::error_code ignored;
+  const fs::path parent = fs::absolute(path_, ignored).parent_path();
+  return syncOne(parent.string()) || failFor("write " + parent.string(), errno);
+}
+
+bool EvidenceFolder::finish() {
+  if (unlink(pathOf(kMark).c_str()) != 0) return failFor("remove " + pathOf(kMark), errno);
+  return syncAll() && rename();
+}
+
+}  // namespace tarn
