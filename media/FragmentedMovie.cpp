@@ -101,7 +101,8 @@ bool FragmentedMovie::Impl::open(const Plan& plan, Sink sink) {
 
 void FragmentedMovie::Impl::direct() {
   muxer()->pb = io_.get();
-  muxer()->flags |= AVFMT_FLAG_CUSTOM_IO;
+  // The same pieces make the same bytes: the muxer does not write its own version into them.
+  muxer()->flags |= AVFMT_FLAG_CUSTOM_IO | AVFMT_FLAG_BITEXACT;
   // Times are what they are: nobody moves them to zero.
   muxer()->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;
 }

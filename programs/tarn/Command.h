@@ -99,6 +99,7 @@ std::unique_ptr<Command> makeCompleteCommand();
 // In video/, where the build has libavformat.
 std::unique_ptr<Command> makeRecordCommand();
 std::unique_ptr<Command> makeExportCommand();
+std::unique_ptr<Command> makeArchiveCommand();
 std::unique_ptr<Command> makeSealCommand();
 std::unique_ptr<Command> makeVerifyCommand();
 // Where the build has libmicrohttpd, too.

@@ -35,6 +35,7 @@ std::vector<std::unique_ptr<Command>> allCommands() {
   commands.push_back(makeKeepCommand());
 #ifdef TARN_WITH_MEDIA
   commands.push_back(makeExportCommand());
+  commands.push_back(makeArchiveCommand());
   commands.push_back(makeSealCommand());
   commands.push_back(makeVerifyCommand());
 #endif

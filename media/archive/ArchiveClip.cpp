@@ -1,0 +1,108 @@
+#include "media/archive/ArchiveClip.h"
+
+#include "media/FragmentedMovie.h"
+#include "media/archive/ArchiveNames.h"
+#include "media/export/ChannelTracks.h"
+#include "media/export/ExportSelection.h"
+#include "media/export/TrackTurns.h"
+
+namespace tarn {
+namespace {
+
+constexpr char kErrStoppedInside[] = "stopped before its end";
+
+// A movie that goes to a sink instead of a file.
+class SentMovie : public MediaOutput {
+ public:
+  bool open(const ByteSink& sink, size_t tracks, bool quickTime) {
+    FragmentedMovie::Plan plan;
+    plan.tracks = tracks;
+    plan.quickTime = quickTime;
+    return told(movie_.open(plan, sink));
+  }
+  bool describe(size_t track, const OutputPicture& first) override {
+    return told(movie_.describe(track, first));
+  }
+  bool write(const OutputPicture& picture, size_t track) override {
+    return told(movie_.write(picture, track));
+  }
+  bool describe(size_t track, const OutputSound& first) override {
+    return told(movie_.describe(track, first));
+  }
+  bool write(const OutputSound& sound, size_t track) override {
+    return told(movie_.write(sound, track));
+  }
+  bool complete() override { return told(movie_.finish()); }
+
+ private:
+  bool told(bool good) {
+    if (!good) error_ = movie_.error();
+    return good;
+  }
+  FragmentedMovie movie_;
+};
+
+ExportRequest requestOf(const ArchiveLine& line) {
+  ExportRequest request;
+  (line.kind == "event" ? request.eventID : request.streamID) = line.key;
+  if (line.channel >= 0) request.channel = line.channel;
+  request.output = line.object;
+  return request;
+}
+
+}  // namespace
+
+bool ArchiveClip::fail(const std::string& text) {
+  error_ = text;
+  return false;
+}
+
+bool ArchiveClip::writeTracks(ChannelTracks* channel, const ByteSink& sink) {
+  bool refused = false;
+  const auto send = [&](const uint8_t* data, size_t size) {
+    refused = refused || !sink(data, size);
+    return !refused;
+  };
+  SentMovie movie;
+  // What the sink refuses is for the one whose sink it is to tell.
+  const auto failed = [&](const std::string& text) { return refused ? false : fail(text); };
+  const std::vector<ExportTrack*>& tracks = channel->tracks();
+  if (!movie.open(send, tracks.size(), endsIn(line_.object, ".mov"))) return failed(movie.error());
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    if (!tracks[i]->describe(&movie, i)) return failed(movie.error());
+  }
+  TrackTurns turns(tracks);
+  while (turns.hasNext()) {
+    if (!turns.piece().write(&movie, turns.track())) return failed(movie.error());
+    if (!turns.advance()) return fail(turns.error());
+    if (stopAsked_ && stopAsked_()) return fail(kErrStoppedInside);
+  }
+  return movie.complete() || failed(movie.error());
+}
+
+void ArchiveClip::note(const ChannelTracks& channel) {
+  const ExportedChannel report = channel.report();
+  line_.pictures = report.totals.written;
+  line_.soundFrames = report.sound.frames;
+  line_.damaged = report.totals.damaged + report.sound.damaged;
+  line_.missing = report.totals.lost + report.sound.lost;
+  line_.undecodable = report.totals.undecodable;
+  line_.soundLeftOut = report.sound.otherFormat;
+}
+
+bool ArchiveClip::write(const ByteSink& sink) {
+  const ExportRequest request = requestOf(line_);
+  ExportSelection selection(request);
+  if (!selection.choose(stopAsked_)) return fail(selection.error());
+  const auto found = selection.rowsOfChannels().find(line_.channel);
+  if (found == selection.rowsOfChannels().end())
+    return fail("it is no longer of the channel that it was");
+  ChannelTracks channel(line_.channel, selection, request, found->second);
+  const std::string reason = channel.begin();
+  if (!reason.empty()) return fail(reason);
+  const bool written = writeTracks(&channel, sink);
+  note(channel);
+  return written;
+}
+
+}  // namespace tarn

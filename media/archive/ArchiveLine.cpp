@@ -1,0 +1,100 @@
+#include "media/archive/ArchiveLine.h"
+
+#include <nlohmann/json.hpp>
+#include <tuple>
+
+#include "recorder/card/TimeText.h"
+
+namespace tarn {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::string utc(int64_t ms) {
+  return TimeText::iso(static_cast<uint32_t>(ms / 1000), static_cast<uint16_t>(ms % 1000), 0);
+}
+
+uint64_t numberIn(const Json& json, const char* name) {
+  const auto found = json.find(name);
+  return found != json.end() && found->is_number_unsigned() ? found->get<uint64_t>() : 0;
+}
+
+std::string textIn(const Json& json, const char* name) {
+  const auto found = json.find(name);
+  return found != json.end() && found->is_string() ? found->get<std::string>() : "";
+}
+
+// What there is to say of an object, and of what is in it.
+void addObject(Json* json, const ArchiveLine& line) {
+  (*json)["media"] = line.media;
+  (*json)["object"] = line.object;
+  (*json)["bytes"] = line.bytes;
+  (*json)["sha256"] = line.hashes.sha256;
+  (*json)["sha1"] = line.hashes.sha1;
+  (*json)["md5"] = line.hashes.md5;
+  (*json)["pictures"] = line.pictures;
+  (*json)["soundFrames"] = line.soundFrames;
+  (*json)["damaged"] = line.damaged;
+  (*json)["missing"] = line.missing;
+  (*json)["undecodable"] = line.undecodable;
+  (*json)["soundLeftOut"] = line.soundLeftOut;
+}
+
+void takeObject(const Json& json, ArchiveLine* line) {
+  line->media = textIn(json, "media");
+  line->object = textIn(json, "object");
+  line->bytes = numberIn(json, "bytes");
+  line->hashes = {textIn(json, "md5"), textIn(json, "sha1"), textIn(json, "sha256")};
+  line->pictures = numberIn(json, "pictures");
+  line->soundFrames = numberIn(json, "soundFrames");
+  line->damaged = numberIn(json, "damaged");
+  line->missing = numberIn(json, "missing");
+  line->undecodable = numberIn(json, "undecodable");
+  line->soundLeftOut = numberIn(json, "soundLeftOut");
+}
+
+}  // namespace
+
+std::string ArchiveLine::text() const {
+  Json json = {{"schema", kSchema},     {"kind", kind},
+               {"recorder", recorder},  {"channel", channel < 0 ? Json(nullptr) : Json(channel)},
+               {"start", utc(startMs)}, {"end", utc(endMs)},
+               {"startMs", startMs},    {"endMs", endMs}};
+  if (key != 0) json["key"] = key;
+  if (copyOf != 0) json["copyOf"] = copyOf;
+  if (key != 0) json["trigger"] = trigger;
+  if (kind == "event") json["preSeconds"] = preSeconds;
+  if (!object.empty()) addObject(&json, *this);
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+bool ArchiveLine::parse(const std::string& text, ArchiveLine* line) {
+  const Json json = Json::parse(text, nullptr, false);
+  if (!json.is_object() || numberIn(json, "schema") != kSchema) return false;
+  *line = ArchiveLine();
+  line->kind = textIn(json, "kind");
+  line->recorder = textIn(json, "recorder");
+  const auto channel = json.find("channel");
+  if (channel != json.end() && channel->is_number_unsigned()) line->channel = channel->get<int>();
+  line->startMs = static_cast<int64_t>(numberIn(json, "startMs"));
+  line->endMs = static_cast<int64_t>(numberIn(json, "endMs"));
+  line->key = static_cast<uint32_t>(numberIn(json, "key"));
+  line->copyOf = static_cast<uint32_t>(numberIn(json, "copyOf"));
+  line->trigger = static_cast<uint32_t>(numberIn(json, "trigger"));
+  line->preSeconds = static_cast<uint32_t>(numberIn(json, "preSeconds"));
+  takeObject(json, line);
+  // A byte that turned over in it does not leave the line that it was.
+  return line->text() == text;
+}
+
+std::string ArchiveLine::identity() const {
+  if (!object.empty()) return object;
+  return kind + " " + std::to_string(channel) + " " + std::to_string(startMs) + " " +
+         std::to_string(key);
+}
+
+bool ArchiveLine::operator<(const ArchiveLine& other) const {
+  return std::make_tuple(startMs, identity()) < std::make_tuple(other.startMs, other.identity());
+}
+
+}  // namespace tarn

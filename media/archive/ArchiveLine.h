@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "media/archive/ContentHashes.h"
+
+namespace tarn {
+
+// What an archive says of a recording, an event or a gap: the sidecar of its object and a line of
+// its day's index, in the same words (docs/fleet.md). Not part of the interface.
+struct ArchiveLine {
+  static constexpr int kSchema = 1;
+
+  std::string kind;  // "recording", "event" or "gap"
+  std::string recorder;
+  int channel = -1;     // ChunkChannels::kUnknown where the card does not tell; of an event without
+                        // an object none
+  uint32_t key = 0;     // of a recording or an event
+  uint32_t copyOf = 0;  // of a kept copy: the key of the recording that it is one of
+  int64_t startMs = 0;  // since 1970
+  int64_t endMs = 0;
+  uint32_t trigger = 0;
+  uint32_t preSeconds = 0;  // of an event
+  std::string media;        // "video" or "sound"
+  std::string object;       // its name; "" without one
+  uint64_t bytes = 0;
+  ContentHashes hashes;
+  uint64_t pictures = 0;
+  uint64_t soundFrames = 0;
+  uint64_t damaged = 0;       // pictures, and blocks of sound, that are damaged on the card
+  uint64_t missing = 0;       // the same of those that could not be read
+  uint64_t undecodable = 0;   // pictures left out, because their key picture is not there
+  uint64_t soundLeftOut = 0;  // frames of another format than those before them
+
+  // One line of JSON, without its end.
+  std::string text() const;
+  // False for what is no such line.
+  static bool parse(const std::string& text, ArchiveLine* line);
+  // The same for whatever is the same recording, event on a channel, or gap.
+  std::string identity() const;
+  // Its place in an index: by time.
+  bool operator<(const ArchiveLine& other) const;
+};
+
+}  // namespace tarn

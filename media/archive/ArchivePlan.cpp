@@ -1,0 +1,175 @@
+#include "media/archive/ArchivePlan.h"
+
+#include <algorithm>
+#include <iterator>
+#include <map>
+#include <utility>
+
+#include "db/CApiDb.h"
+#include "media/archive/ArchiveNames.h"
+#include "recorder/recording/KeptRow.h"
+#include "recorder/recording/RecordingReader.h"
+#include "recorder/recording/SoundFormat.h"
+#include "recorder/rows/RecorderDatabase.h"
+#include "recorder/rows/RowQueries.h"
+
+namespace tarn {
+namespace {
+
+constexpr char kSqlEvents[] = "SELECT * FROM EVENT";
+// What is nearer follows without a gap: a row ends when its last picture begins.
+constexpr int64_t kLeastGapMs = 1000;
+
+int64_t msOf(uint32_t seconds, uint16_t milliseconds) {
+  return int64_t{seconds} * 1000 + milliseconds;
+}
+
+bool isRunning(const DB_STREAM& row) { return row.recSize == 0; }
+
+bool anyRuns(const std::vector<DB_STREAM>& rows) {
+  return std::any_of(rows.begin(), rows.end(), isRunning);
+}
+
+// Sound that an .mp4 does not hold.
+bool isRaw(const DB_STREAM& row) {
+  const SoundCodec codec = isSound(row) ? soundCodecOf(row) : SoundCodec::kUnknown;
+  return codec == SoundCodec::kAlaw || codec == SoundCodec::kMulaw;
+}
+
+void sortNewestFirst(std::vector<ArchiveLine>* lines, size_t from) {
+  std::sort(lines->begin() + static_cast<ptrdiff_t>(from), lines->end(),
+            [](const ArchiveLine& a, const ArchiveLine& b) { return b < a; });
+}
+
+}  // namespace
+
+// As an export sorts them.
+int ArchivePlan::channelOf(const DB_STREAM& row) const {
+  return isKept(row) ? keptChannel(row) : chunks_.of(row.chunkID);
+}
+
+bool ArchivePlan::readRows() {
+  CApiDb database;
+  RowQueries queries(&database, nullptr);
+  if (chunks_.read(&error_) != 0) return false;
+  if (streamsOfPeriod(0, UINT32_MAX, 0, &rows_) && queries.events(kSqlEvents, &events_))
+    return true;
+  error_ = kDatabaseUnread;
+  return false;
+}
+
+bool ArchivePlan::read(const StopAsked& stopAsked) {
+  if (!databaseIsGood(stopAsked, &error_) || !readRows()) return false;
+  for (const DB_EVENT& event : events_) addEvent(event);
+  sortNewestFirst(&clips_, 0);
+  const size_t recordings = clips_.size();
+  for (const DB_STREAM& row : rows_) addRecording(row);
+  sortNewestFirst(&clips_, recordings);
+  addGaps();
+  return true;
+}
+
+void ArchivePlan::addClip(ArchiveLine line, const std::vector<DB_STREAM>& rows) {
+  const bool video =
+      std::any_of(rows.begin(), rows.end(), [](const DB_STREAM& row) { return !isSound(row); });
+  line.media = video ? "video" : "sound";
+  line.object = clipName(line, std::any_of(rows.begin(), rows.end(), isRaw));
+  clips_.push_back(std::move(line));
+}
+
+// What a row still gets would make other bytes of the same clip.
+void ArchivePlan::addEvent(const DB_EVENT& event) {
+  const EventPeriod period = periodOf(event);
+  std::map<int, std::vector<DB_STREAM>> rowsOf;
+  bool running = event.endDate == 0;
+  for (const DB_STREAM& row : rows_) {
+    if (!showsAnyOf(row, period.from, period.to)) continue;
+    running = running || isRunning(row);
+    rowsOf[channelOf(row)].push_back(row);
+  }
+  ArchiveLine line;
+  line.kind = "event";
+  line.recorder = recorder_;
+  line.key = event.eventID;
+  line.startMs = msOf(event.startDate, event.startMSec);
+  line.endMs = msOf(event.endDate, event.endMSec);
+  line.trigger = event.extTrg;
+  line.preSeconds = event.preSec;
+  if (running) {
+    ++waiting_;
+  } else if (rowsOf.empty()) {
+    others_.push_back(line);
+  }
+  for (const auto& [channel, rows] : rowsOf) {
+    line.channel = channel;
+    if (!running) addClip(line, rows);
+  }
+}
+
+// The sound that a clip of these pictures takes along.
+std::vector<DB_STREAM> ArchivePlan::soundBeside(const DB_STREAM& row) const {
+  std::vector<DB_STREAM> beside;
+  const PictureTime from = {row.startDate, row.startMSec * 1000u};
+  const PictureTime to = {row.endDate + 1, row.endMSec * 1000u};
+  std::copy_if(rows_.begin(), rows_.end(), std::back_inserter(beside), [&](const DB_STREAM& other) {
+    return isSound(other) && channelOf(other) == channelOf(row) && showsAnyOf(other, from, to);
+  });
+  return beside;
+}
+
+void ArchivePlan::addRecording(const DB_STREAM& row) {
+  std::vector<DB_STREAM> rows = {row};
+  if (!isRunning(row) && !isSound(row)) {
+    const std::vector<DB_STREAM> sound = soundBeside(row);
+    rows.insert(rows.end(), sound.begin(), sound.end());
+  }
+  if (anyRuns(rows)) {
+    ++waiting_;
+    return;
+  }
+  ArchiveLine line;
+  line.kind = "recording";
+  line.recorder = recorder_;
+  line.channel = channelOf(row);
+  line.key = row.streamID;
+  line.copyOf = isKept(row) ? originalKey(row) : 0;
+  line.startMs = msOf(row.startDate, row.startMSec);
+  line.endMs = msOf(row.endDate, row.endMSec);
+  line.trigger = row.inTrg;
+  addClip(line, rows);
+}
+
+void ArchivePlan::addGap(int channel, int64_t fromMs, int64_t toMs) {
+  ArchiveLine line;
+  line.kind = "gap";
+  line.recorder = recorder_;
+  line.channel = channel;
+  line.startMs = fromMs;
+  line.endMs = toMs;
+  others_.push_back(line);
+}
+
+// Kept copies are what is left of a time that the ring has overwritten: around them nothing is
+// missing that was not recorded.
+void ArchivePlan::addGaps() {
+  std::map<int, std::vector<DB_STREAM>> videoOf;
+  for (const DB_STREAM& row : rows_) {
+    if (!isSound(row) && !isKept(row)) videoOf[channelOf(row)].push_back(row);
+  }
+  for (auto& [channel, rows] : videoOf) {
+    std::sort(rows.begin(), rows.end(), [](const DB_STREAM& a, const DB_STREAM& b) {
+      return msOf(a.startDate, a.startMSec) < msOf(b.startDate, b.startMSec);
+    });
+    int64_t coveredMs = INT64_MAX;  // nothing is known of what was before
+    for (const DB_STREAM& row : rows) {
+      const int64_t startMs = msOf(row.startDate, row.startMSec);
+      if (&row != &rows.front() && coveredMs < startMs - kLeastGapMs)
+        addGap(channel, coveredMs, startMs);
+      // One that runs is not over: nothing behind it is a gap.
+      const int64_t endMs = isRunning(row) ? INT64_MAX : msOf(row.endDate, row.endMSec);
+      coveredMs = &row == &rows.front() ? endMs : std::max(coveredMs, endMs);
+    }
+  }
+}
+
+}  // namespace tarn

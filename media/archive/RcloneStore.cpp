@@ -1,0 +1,108 @@
+#include "media/archive/RcloneStore.h"
+
+#include <nlohmann/json.hpp>
+
+namespace tarn {
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr char kErrNoListing[] = "rclone gives a listing that is none";
+
+std::string textOf(const Json& json, const char* name) {
+  const auto found = json.find(name);
+  return found != json.end() && found->is_string() ? found->get<std::string>() : "";
+}
+
+int64_t sizeOf(const Json& json) {
+  const auto found = json.find("Size");
+  return found != json.end() && found->is_number_integer() ? found->get<int64_t>() : -1;
+}
+
+}  // namespace
+
+std::string RcloneStore::addressOf(const std::string& name) const {
+  const char last = root_.back();
+  return root_ + (last == ':' || last == '/' ? "" : "/") + name;
+}
+
+bool RcloneStore::run(const std::vector<std::string>& arguments, const ByteSink& take) {
+  RcloneProcess process;
+  exitCode_ = -1;
+  if (!process.start(arguments, false)) return fail(process.complaint());
+  if (!process.read(take)) return fail("what rclone gives cannot be taken");
+  exitCode_ = process.wait();
+  return exitCode_ == 0 || fail(process.complaint());
+}
+
+bool RcloneStore::run(const std::vector<std::string>& arguments, std::string* output) {
+  return run(arguments, [output](const uint8_t* data, size_t size) {
+    output->append(reinterpret_cast<const char*>(data), size);
+    return true;
+  });
+}
+
+bool RcloneStore::list(const std::string& folder, std::vector<Object>* objects) {
+  std::string text;
+  if (!run({"lsjson", "-R", "--files-only", "--no-modtime", "--no-mimetype", addressOf(folder)},
+           &text))
+    return exitCode_ == RcloneProcess::kNoFolder;
+  const Json listing = Json::parse(text, nullptr, false);
+  if (!listing.is_array()) return fail(kErrNoListing);
+  const std::string before = folder.empty() ? "" : folder + "/";
+  for (const Json& one : listing) {
+    if (!one.is_object()) return fail(kErrNoListing);
+    objects->push_back({before + textOf(one, "Path"), sizeOf(one), {}});
+  }
+  return true;
+}
+
+bool RcloneStore::get(const std::string& name, const ByteSink& take) {
+  return run({"cat", addressOf(name)}, take);
+}
+
+bool RcloneStore::look(const std::string& name, Object* object) {
+  std::string text;
+  if (!run({"lsjson", "--stat", "--hash", "--no-mimetype", addressOf(name)}, &text)) return false;
+  const Json one = Json::parse(text, nullptr, false);
+  if (!one.is_object()) return fail(name + " is not there: " + kErrNoListing);
+  const auto hashes = one.find("Hashes");
+  object->name = name;
+  object->bytes = sizeOf(one);
+  if (hashes != one.end() && hashes->is_object())
+    object->hashes = {textOf(*hashes, "md5"), textOf(*hashes, "sha1"), textOf(*hashes, "sha256")};
+  return true;
+}
+
+bool RcloneStore::begin(const std::string& name) {
+  sending_ = std::make_unique<RcloneProcess>();
+  return sending_->start({"rcat", addressOf(name)}, true) || fail(sending_->complaint());
+}
+
+// One that takes no more has ended, and says why.
+bool RcloneStore::add(const uint8_t* data, size_t size) {
+  if (sending_->write(data, size)) return true;
+  sending_->wait();
+  return fail(sending_->complaint());
+}
+
+bool RcloneStore::finish() {
+  const int exitCode = sending_->wait();
+  const std::string complaint = sending_->complaint();
+  sending_.reset();
+  return exitCode == 0 || fail(complaint);
+}
+
+// Also one of the same size is another one: an index whose numbers have changed.
+bool RcloneStore::rename(const std::string& from, const std::string& to) {
+  std::string ignored;
+  return run({"moveto", "--ignore-times", addressOf(from), addressOf(to)}, &ignored);
+}
+
+bool RcloneStore::remove(const std::string& name) {
+  std::string ignored;
+  return run({"deletefile", addressOf(name)}, &ignored) || exitCode_ == RcloneProcess::kNoFolder ||
+         exitCode_ == RcloneProcess::kNoFile;
+}
+
+}  // namespace tarn

@@ -1,0 +1,167 @@
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include "Command.h"
+#include "Console.h"
+#include "RecorderHint.h"
+#include "media/archive/ArchiveStore.h"
+#include "media/archive/ArchiveVerifier.h"
+#include "media/archive/CardArchiver.h"
+#include "recorder/card/CardText.h"
+
+namespace tarn {
+namespace {
+
+class CommandArchive : public Command {
+ public:
+  CLI::App* addTo(CLI::App& tool) override {
+    CLI::App* app =
+        tool.add_subcommand("archive", "Archive recordings and events in a directory or a remote");
+    app->add_option("PLACE", words_,
+                    "a CARD, as with --card, where it is not the recorder's own; then where the "
+                    "archive is: a directory, or REMOTE:PATH of rclone's")
+        ->required();
+    app->add_flag("--verify", verify_,
+                  "Compare an archive with what it says of itself; needs no card");
+    app->add_option("--recorder", settings_.recorder,
+                    "What the recorder is called in the archive; default: the number of its card")
+        ->type_name("ID");
+    addTime(app, "--since", "Only what ends at this time or later", TimeInput::Edge::kStart,
+            &settings_.since);
+    app->add_option_function<std::string>(
+           "--limit-rate",
+           [this](const std::string& text) {
+             if (!parseSize(text, &settings_.bytesPerSecond) || settings_.bytesPerSecond == 0)
+               throw CLI::ValidationError("--limit-rate", "\"" + text + "\" is no size");
+           },
+           "Send no more than this in a second: bytes, or K, M, G")
+        ->type_name("SIZE");
+    app->add_flag("--dry-run", settings_.dryRun, "Only say what would be sent");
+    app->add_flag("--json", json_, "Print as JSON what was done");
+    return app;
+  }
+
+  bool changesCard() const override { return false; }
+  bool asksServer() const override { return false; }
+  bool needsRecorder() const override { return !verify_; }
+
+  bool sortWords(const WordsAsGiven& /*given*/, std::string* error) override {
+    const size_t most = verify_ ? 1 : 2;
+    if (words_.size() > most) *error = "archive one card in one place";
+    settings_.place = words_.back();
+    while (settings_.place.size() > 1 && settings_.place.back() == '/') settings_.place.pop_back();
+    if (settings_.place.empty()) *error = "say where the archive is";
+    if (words_.size() == 2) card_ = words_.front();
+    if (verify_ && (settings_.since || settings_.dryRun || settings_.bytesPerSecond != 0))
+      *error = "--verify compares all of an archive, and sends nothing";
+    return error->empty();
+  }
+
+  std::vector<std::string*> userPaths() override {
+    if (ArchiveStore::isRemote(settings_.place)) return {};
+    return {&settings_.place};
+  }
+
+  int run() override { return verify_ ? verify() : archive(); }
+
+ private:
+  int archive() {
+    CardArchiver archiver(settings_);
+    bool good = false;
+    {
+      ProgressLine line;
+      good = archiver.run(stopRequested, [&line](const std::string& clip, size_t done, size_t clips,
+                                                 uint64_t bytes) {
+        line.show(fmt::format("{} of {}, {} sent: {}", done, clips, sizeText(bytes), clip));
+      });
+    }
+    const ArchiveReport& report = archiver.report();
+    if (json_) {
+      printJson(report);
+    } else {
+      print(report);
+    }
+    for (const auto& one : report.incomplete) warn(one.object + ": " + one.reason);
+    for (const auto& one : report.failures) complain(one.object + ": " + one.reason);
+    if (*archiver.error() != '\0') complain(withHint(archiver.error()));
+    return good ? kExitGood : kExitFailed;
+  }
+
+  void print(const ArchiveReport& report) const {
+    if (settings_.dryRun) {
+      for (const std::string& clip : report.uploaded) fmt::print("{}\n", clip);
+      fmt::print("{} clips would be sent, {} are there already, {} are not over\n",
+                 report.uploaded.size(), report.present, report.waiting);
+      return;
+    }
+    fmt::print("{} clips sent ({}), {} were there already, {} are not over\n",
+               report.uploaded.size(), sizeText(report.bytes), report.present, report.waiting);
+    if (report.byHash + report.byReadBack + report.bySize > 0)
+      fmt::print(
+          "proven by the remote's hash: {} objects, by reading back: {}, by size alone: {}\n",
+          report.byHash, report.byReadBack, report.bySize);
+  }
+
+  static nlohmann::ordered_json listOf(const std::vector<ArchiveReport::Failure>& failures) {
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const auto& one : failures)
+      list.push_back({{"object", one.object}, {"reason", one.reason}});
+    return list;
+  }
+
+  void printJson(const ArchiveReport& report) const {
+    const nlohmann::ordered_json json = {
+        {"schema", 1},
+        {"recorder", report.recorder},
+        {"dryRun", settings_.dryRun},
+        {"sent", report.uploaded},
+        {"bytes", report.bytes},
+        {"present", report.present},
+        {"waiting", report.waiting},
+        {"indexes", report.indexes},
+        {"proven",
+         {{"hash", report.byHash}, {"readBack", report.byReadBack}, {"size", report.bySize}}},
+        {"incomplete", listOf(report.incomplete)},
+        {"failed", listOf(report.failures)}};
+    fmt::print("{}\n", json.dump(2));
+  }
+
+  int verify() {
+    catchStopSignals();
+    ArchiveVerifier verifier(settings_.place, settings_.recorder);
+    bool read = false;
+    {
+      ProgressLine line;
+      read = verifier.run(stopRequested, [&line](size_t done, size_t objects) {
+        line.show(fmt::format("{} of {} objects compared", done, objects));
+      });
+    }
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const auto& one : verifier.findings()) {
+      list.push_back({{"object", one.object}, {"text", one.text}});
+      if (!json_) fmt::print("{} {}\n", one.object, one.text);
+    }
+    if (json_) {
+      fmt::print(
+          "{}\n",
+          nlohmann::ordered_json{{"schema", 1}, {"clips", verifier.objects()}, {"findings", list}}
+              .dump(2));
+    } else {
+      fmt::print("{} clips compared, {} findings\n", verifier.objects(), list.size());
+    }
+    if (!read) complain(verifier.error());
+    return read && list.empty() ? kExitGood : kExitFailed;
+  }
+
+  std::vector<std::string> words_;
+  CardArchiver::Settings settings_;
+  bool verify_ = false;
+  bool json_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeArchiveCommand() { return std::make_unique<CommandArchive>(); }
+
+}  // namespace tarn
