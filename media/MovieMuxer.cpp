@@ -6,7 +6,7 @@
 #include <ctime>
 #include <utility>
 
-#include "recorder/recording/AnnexB.h"
+#include "media/PictureFormat.h"
 
 namespace tarn {
 namespace {
@@ -99,28 +99,15 @@ bool MovieMuxer::describe(size_t track, const OutputPicture& first) {
 bool MovieMuxer::describe(AVCodecParameters* parameters, const OutputPicture& first) {
   parameters->codec_type = AVMEDIA_TYPE_VIDEO;
   parameters->codec_id = AV_CODEC_ID_H264;
-  const AVCodec* decoder = avcodec_find_decoder(AV_CODEC_ID_H264);
-  AvOwned<AVCodecContext> codec(avcodec_alloc_context3(decoder));
-  AvOwned<AVCodecParserContext> parser(av_parser_init(AV_CODEC_ID_H264));
-  NalUnit sps, pps;
-  if (codec == nullptr || parser == nullptr ||
-      !findParameterSets(first.annexB.data(), first.annexB.size(), &sps, &pps))
+  const ParameterSets sets = parameterSetsOf(first.annexB);
+  if (sets.sequence.empty() || sets.picture.empty())
     return fail("the first picture carries no parameter sets; it cannot be decoded on its own");
-  parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
-  std::vector<uint8_t> padded(first.annexB);
-  padded.resize(padded.size() + AV_INPUT_BUFFER_PADDING_SIZE);
-  uint8_t* out = nullptr;
-  int outSize = 0;
-  av_parser_parse2(parser.get(), codec.get(), &out, &outSize, padded.data(),
-                   static_cast<int>(first.annexB.size()), 0, 0, 0);
-  parameters->width = parser->width;
-  parameters->height = parser->height;
-  std::vector<uint8_t> sets;
-  for (const NalUnit* unit : {&sps, &pps}) {
-    sets.insert(sets.end(), {0, 0, 0, 1});
-    sets.insert(sets.end(), unit->data, unit->data + unit->size);
-  }
-  return setExtradata(parameters, sets);
+  const PictureSize size = pictureSizeOf(first.annexB);
+  parameters->width = static_cast<int>(size.width);
+  parameters->height = static_cast<int>(size.height);
+  std::vector<uint8_t> all(sets.sequence);
+  all.insert(all.end(), sets.picture.begin(), sets.picture.end());
+  return setExtradata(parameters, all);
 }
 
 bool MovieMuxer::setExtradata(AVCodecParameters* parameters, const std::vector<uint8_t>& bytes) {

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "media/PictureFormat.h"
+#include "recorder/recording/RecordingZone.h"
+
 namespace tarn {
 
 ChannelExport::ChannelExport(int channel, std::vector<DB_STREAM> rows, PictureTime from,
@@ -11,7 +14,7 @@ ChannelExport::ChannelExport(int channel, std::vector<DB_STREAM> rows, PictureTi
 
 // Only a key picture can begin a file; the one before the wanted time comes along.
 uint32_t ChannelExport::firstPicture() {
-  if (totals_.written > 0) return 0;
+  if (begun_) return 0;
   const int64_t key = reader_->findKeyPictureBefore(from_);
   return key > 0 ? static_cast<uint32_t>(key) : 0;
 }
@@ -23,6 +26,7 @@ bool ChannelExport::openRow() {
     return false;
   }
   index_ = firstPicture();
+  zone_ = zoneOfRecording(rows_[row_]);
   return true;
 }
 
@@ -38,19 +42,56 @@ bool ChannelExport::neededLater() {
   return false;
 }
 
-void ChannelExport::noteDamage(const PictureEntry& entry) {
+void ChannelExport::noteDamage() {
   ++totals_.damaged;
   const uint32_t key = reader_->row().streamID;
-  const PictureTime at = entry.presentation;
+  const PictureTime at = picture_.presentation;
   std::vector<DamagedRun>& damages = totals_.damages;
-  if (damages.empty() || damages.back().streamID != key || damages.back().lastIndex + 1 != index_) {
-    damages.push_back({key, index_, index_, at, at});
+  if (damages.empty() || damages.back().streamID != key ||
+      damages.back().lastIndex + 1 != pictureIndex_) {
+    damages.push_back({key, pictureIndex_, pictureIndex_, at, at});
     return;
   }
   DamagedRun& run = damages.back();
-  run.lastIndex = index_;
+  run.lastIndex = pictureIndex_;
   run.from = std::min(run.from, at);
   run.to = std::max(run.to, at);
+}
+
+// Key pictures that have no sets of their own are decoded with those before them.
+void ChannelExport::noteFormat() {
+  beginsFile_ = false;
+  if (!picture_.key) return;
+  ParameterSets sets = parameterSetsOf(picture_.annexB);
+  if (sets.sequence.empty() || sets.sequence == sequence_) return;
+  const PictureSize former = size_;
+  size_ = pictureSizeOf(picture_.annexB);
+  beginsFile_ = !sequence_.empty();
+  sequence_.swap(sets.sequence);
+  if (!beginsFile_) return;
+  totals_.changes.push_back({picture_.presentation, former, size_, ""});
+  before_ = totals_;
+}
+
+void ChannelExport::count() {
+  const PictureTime at = picture_.presentation;
+  // Most of a damaged picture is still to be seen, and what follows is decoded with it.
+  if (damaged_) noteDamage();
+  if (totals_.written == 0) totals_.size = size_;
+  std::vector<int32_t>& zones = totals_.zones;
+  if (zone_ && std::find(zones.begin(), zones.end(), *zone_) == zones.end())
+    zones.push_back(*zone_);
+  if (totals_.written == 0 || at < totals_.first) totals_.first = at;
+  if (totals_.last < at) totals_.last = at;
+  ++totals_.written;
+  totals_.bytes += picture_.annexB.size();
+}
+
+ExportTotals ChannelExport::closeFile() {
+  totals_ = ExportTotals();
+  beginsFile_ = false;
+  count();
+  return std::move(before_);
 }
 
 // Reads a picture. False when it cannot be had: what follows cannot be decoded without it.
@@ -60,16 +101,14 @@ bool ChannelExport::take(const PictureEntry& entry) {
     ++totals_.lost;
     return false;
   }
-  // Most of a damaged picture is still to be seen, and what follows is decoded with it.
-  if (reader_->isDamaged()) noteDamage(entry);
+  begun_ = true;
+  damaged_ = reader_->isDamaged();
+  pictureIndex_ = index_;
   picture_.presentation = entry.presentation;
   picture_.decodeOffsetUs = entry.decodeOffsetUs;
   picture_.key = entry.isKey();
-  if (totals_.written == 0 || entry.presentation < totals_.first)
-    totals_.first = entry.presentation;
-  if (totals_.last < entry.presentation) totals_.last = entry.presentation;
-  ++totals_.written;
-  totals_.bytes += picture_.annexB.size();
+  noteFormat();
+  count();
   return true;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,13 @@ class ChannelExport : public ExportTrack {
   bool write(MediaOutput* output, size_t track) const override {
     return output->write(picture_, track);
   }
+  // No file that has the picture before can take the one at hand: its sequence parameter sets are
+  // not those of the file. Where only picture parameter sets are others, which some encoders send
+  // with each group, the file goes on: its pictures carry their own.
+  bool beginsFile() const { return beginsFile_; }
+  // When the piece at hand begins a file: what the one before it has. From then on totals() are
+  // those of the new one.
+  ExportTotals closeFile();
   const OutputPicture& picture() const { return picture_; }
 
   int channel() const { return channel_; }  // ChunkChannels::kUnknown where the card does not tell
@@ -38,7 +46,9 @@ class ChannelExport : public ExportTrack {
   uint32_t firstPicture();
   bool neededLater();
   bool take(const PictureEntry& entry);
-  void noteDamage(const PictureEntry& entry);
+  void noteFormat();
+  void count();
+  void noteDamage();
 
   const int channel_;
   const std::vector<DB_STREAM> rows_;
@@ -49,7 +59,15 @@ class ChannelExport : public ExportTrack {
   std::unique_ptr<RecordingReader> reader_;
   bool waitForKey_ = true;
   OutputPicture picture_;
+  uint32_t pictureIndex_ = 0;  // of picture_
+  bool damaged_ = false;       // and so is it
+  bool begun_ = false;         // a picture was taken
+  bool beginsFile_ = false;
+  std::vector<uint8_t> sequence_;  // parameter sets
+  PictureSize size_;
+  std::optional<int32_t> zone_;  // of the recording that is read
   ExportTotals totals_;
+  ExportTotals before_;  // of all before picture_, while beginsFile_
 };
 
 }  // namespace tarn

@@ -69,7 +69,26 @@ std::vector<ExportStatement::Source> ChannelTracks::sources() const {
   return sources;
 }
 
+bool ChannelTracks::leavesBefore(const ExportTrack& piece) const {
+  return pictures_.beginsFile() && piece.decodeUs() >= pictures_.decodeUs() - SoundExport::kLeadUs;
+}
+
+void ChannelTracks::leaveFile() {
+  left_.emplace();
+  left_->channel = channel();
+  left_->totals = pictures_.closeFile();
+  left_->sound = sound_.closeFile();
+  if (sound_.atEnd()) tracks_ = {&pictures_};
+}
+
+bool ChannelTracks::goesOn() {
+  const bool more = left_.has_value();
+  left_.reset();
+  return more;
+}
+
 ExportedChannel ChannelTracks::report() const {
+  if (left_) return *left_;
   ExportedChannel exported;
   exported.channel = channel();
   exported.totals = pictures_.totals();

@@ -22,13 +22,20 @@ class ChannelTracks {
 
   // Reads the first piece of each track. Empty, or why there is nothing to export.
   std::string begin();
+  // Whether this piece, the next one of the channel, belongs to the file behind the one at hand:
+  // its pictures at hand begin that, and it is one of them or of the sound right before them.
+  bool leavesBefore(const ExportTrack& piece) const;
+  // Then: it has no more in the file at hand.
+  void leaveFile();
+  // Behind a file that it left: true when it has more, for another one. Once for each.
+  bool goesOn();
   // Those that have a first piece; after begin().
   const std::vector<ExportTrack*>& tracks() const { return tracks_; }
   // Where each of these comes from.
   std::vector<ExportStatement::Source> sources() const;
 
   int channel() const { return pictures_.channel(); }
-  // Of what was read so far, without path and error.
+  // Of the file that it left, or of what was read so far, without path and error.
   ExportedChannel report() const;
 
  private:
@@ -38,6 +45,7 @@ class ChannelTracks {
   bool hasSoundRows_;
   const bool bare_;  // the file takes pictures only
   std::vector<ExportTrack*> tracks_;
+  std::optional<ExportedChannel> left_;  // what the file has that it left
 };
 
 }  // namespace tarn

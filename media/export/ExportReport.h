@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "media/PictureSize.h"
 #include "recorder/card/PictureTime.h"
 #include "recorder/recording/SoundFormat.h"
 
@@ -18,7 +19,16 @@ struct DamagedRun {
   PictureTime to;
 };
 
-// What an export holds of one channel, and what is missing in it.
+// Where pictures begin that are decoded in another way than those before them. A movie has one
+// description for all of its pictures, so they begin another file.
+struct FormatChange {
+  PictureTime time;
+  PictureSize before;
+  PictureSize after;
+  std::string next;  // the file that goes on there; "": the same, a bare stream
+};
+
+// What a file holds of one channel, and what is missing in it.
 struct ExportTotals {
   uint64_t written = 0;      // pictures
   uint64_t bytes = 0;        // of them
@@ -26,8 +36,11 @@ struct ExportTotals {
   uint64_t damaged = 0;      // of those written
   uint64_t undecodable = 0;  // left out, because the key picture that they need is not there
   std::vector<DamagedRun> damages;
+  PictureSize size;  // of the first of those written
+  std::vector<FormatChange> changes;
   PictureTime first;  // of those written
   PictureTime last;
+  std::vector<int32_t> zones;  // seconds ahead of UTC that the recorder's local time was, each once
 };
 
 // What an export holds of the sound of one channel, and what is missing in it.
@@ -43,7 +56,7 @@ struct SoundTotals {
   PictureTime last;          // end of the last
 };
 
-// One channel of an export.
+// One channel of an export, or one file of it where its pictures change their format.
 struct ExportedChannel {
   std::string path;  // the file that holds it
   int channel = 0;   // ChunkChannels::kUnknown where the card does not tell

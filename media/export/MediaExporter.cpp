@@ -52,6 +52,7 @@ class MediaExporter::Impl {
 
  private:
   using Sources = std::vector<ExportStatement::Source>;
+  using Channels = std::vector<ChannelTracks*>;
 
   bool fail(const std::string& text);
   bool exportFiles();
@@ -59,10 +60,12 @@ class MediaExporter::Impl {
   bool loadKey();
   std::unique_ptr<MediaOutput> create(const std::string& path, const Sources& sources,
                                       std::string* error);
-  std::string writeFile(const std::vector<ExportTrack*>& tracks, const Sources& sources,
-                        const std::string& path);
-  bool report(const ChannelTracks& channel, const std::string& path, const std::string& error);
-  std::string pathOf(int channel) const;
+  std::string writePieces(const Channels& channels, MediaOutput* output);
+  std::string writeFile(const Channels& channels, const std::string& path);
+  bool writeFiles(ChannelTracks* channel, int number);
+  bool report(const ChannelTracks& channel, const std::string& path, const std::string& error,
+              int next);
+  std::string pathOf(int channel, int number) const;
   bool stopped() const { return stopAsked_ && stopAsked_(); }
 
   const ExportRequest request_;
@@ -87,22 +90,27 @@ bool MediaExporter::Impl::failForMemory() {
   return false;
 }
 
-// NAME.mp4, of several channels NAME-chN.mp4.
-std::string MediaExporter::Impl::pathOf(int channel) const {
-  if (channels_.size() == 1) return request_.output;
+// NAME.mp4, of several channels NAME-chN.mp4; where the format changes NAME-2.mp4, NAME-chN-2.mp4.
+std::string MediaExporter::Impl::pathOf(int channel, int number) const {
   const size_t dot = request_.output.rfind('.');
   if (dot == std::string::npos) return request_.output;
-  const std::string name =
-      channel == ChunkChannels::kUnknown ? "-unknown" : "-ch" + std::to_string(channel);
+  std::string name;
+  if (channels_.size() > 1)
+    name = channel == ChunkChannels::kUnknown ? "-unknown" : "-ch" + std::to_string(channel);
+  if (number > 1) name += "-" + std::to_string(number);
   return request_.output.substr(0, dot) + name + request_.output.substr(dot);
 }
 
-// False when something is missing.
+// False when something is missing. `next`: the number of its file behind this one.
 bool MediaExporter::Impl::report(const ChannelTracks& channel, const std::string& path,
-                                 const std::string& error) {
+                                 const std::string& error, int next) {
   ExportedChannel exported = channel.report();
   exported.path = path;
   exported.error = error;
+  if (outputFormat(path) != OutputFormat::kBare) {
+    for (FormatChange& change : exported.totals.changes)
+      change.next = pathOf(channel.channel(), next);
+  }
   exported_.push_back(exported);
   return error.empty() && exported.totals.lost == 0 && exported.sound.lost == 0;
 }
@@ -128,57 +136,95 @@ std::unique_ptr<MediaOutput> MediaExporter::Impl::create(const std::string& path
                               error);
 }
 
-// Why there is no file; "" when there is one.
-std::string MediaExporter::Impl::writeFile(const std::vector<ExportTrack*>& tracks,
-                                           const Sources& sources, const std::string& path) {
-  std::string error;
-  const auto output = create(path, sources, &error);
-  if (output == nullptr) return error;
-  for (size_t i = 0; i < tracks.size(); ++i) {
-    if (!tracks[i]->describe(output.get(), i)) return output->error();
+// Where a piece begins another file, its channel leaves this one.
+std::string MediaExporter::Impl::writePieces(const Channels& channels, MediaOutput* output) {
+  std::vector<ExportTrack*> tracks;
+  std::vector<ChannelTracks*> owners;
+  for (ChannelTracks* channel : channels) {
+    tracks.insert(tracks.end(), channel->tracks().begin(), channel->tracks().end());
+    owners.resize(tracks.size(), channel);
   }
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    if (!tracks[i]->describe(output, i)) return output->error();
+  }
+  const bool splits = outputFormat(request_.output) != OutputFormat::kBare;
   TrackTurns turns(tracks);
   while (turns.hasNext()) {
-    if (!turns.piece().write(output.get(), turns.track())) return output->error();
+    ChannelTracks* const channel = owners[turns.track()];
+    if (splits && channel->leavesBefore(turns.piece())) {
+      channel->leaveFile();
+      for (size_t i = 0; i < owners.size(); ++i) {
+        if (owners[i] == channel) turns.drop(i);
+      }
+      continue;
+    }
+    if (!turns.piece().write(output, turns.track())) return output->error();
     if (!turns.advance()) return turns.error();
     if (stopped()) return kErrStopped;
   }
+  return "";
+}
+
+// Why there is no file; "" when there is one.
+std::string MediaExporter::Impl::writeFile(const Channels& channels, const std::string& path) {
+  Sources sources;
+  for (const ChannelTracks* channel : channels) {
+    const Sources own = channel->sources();
+    sources.insert(sources.end(), own.begin(), own.end());
+  }
+  std::string error;
+  const auto output = create(path, sources, &error);
+  if (output == nullptr) return error;
+  error = writePieces(channels, output.get());
+  if (!error.empty()) return error;
   return output->finish() ? "" : output->error();
+}
+
+// What a channel has from its file of that number on.
+bool MediaExporter::Impl::writeFiles(ChannelTracks* channel, int number) {
+  bool good = true;
+  bool more = true;
+  for (; more; ++number) {
+    const std::string path = pathOf(channel->channel(), number);
+    const std::string error = writeFile({channel}, path);
+    good = report(*channel, path, error, number + 1) && good;
+    more = error.empty() && channel->goesOn();
+  }
+  return good;
 }
 
 // One channel that cannot be read is no reason to leave out the others.
 bool MediaExporter::Impl::exportFiles() {
   bool good = true;
   for (ChannelTracks& channel : channels_) {
-    const std::string path = pathOf(channel.channel());
-    std::string error = channel.begin();
-    if (error.empty()) error = writeFile(channel.tracks(), channel.sources(), path);
-    good = report(channel, path, error) && good;
+    const std::string error = channel.begin();
+    const bool written = error.empty() ? writeFiles(&channel, 1)
+                                       : report(channel, pathOf(channel.channel(), 1), error, 2);
+    good = written && good;
   }
   return good;
 }
 
-// Channels that have nothing are told, and get no track.
+// Channels that have nothing are told, and get no track. Those whose format changes go on in files
+// of their own, because all tracks of a file are described at its beginning.
 bool MediaExporter::Impl::exportTracks() {
-  std::vector<ExportTrack*> tracks;
-  std::vector<const ChannelTracks*> written;
-  Sources sources;
+  Channels written;
   bool good = true;
   for (ChannelTracks& channel : channels_) {
     const std::string error = channel.begin();
-    if (!error.empty()) {
-      good = report(channel, request_.output, error);
-      continue;
+    if (error.empty()) {
+      written.push_back(&channel);
+    } else {
+      good = report(channel, request_.output, error, 2);
     }
-    written.push_back(&channel);
-    tracks.insert(tracks.end(), channel.tracks().begin(), channel.tracks().end());
-    const Sources own = channel.sources();
-    sources.insert(sources.end(), own.begin(), own.end());
   }
-  if (tracks.empty()) return false;
-  const std::string error = writeFile(tracks, sources, request_.output);
+  if (written.empty()) return false;
+  const std::string error = writeFile(written, request_.output);
   if (!error.empty()) return fail(error);
-  for (const ChannelTracks* channel : written) good = report(*channel, request_.output, "") && good;
+  for (ChannelTracks* channel : written) {
+    good = report(*channel, request_.output, "", 2) && good;
+    if (channel->goesOn()) good = writeFiles(channel, 2) && good;
+  }
   return good;
 }
 

@@ -6,11 +6,8 @@
 namespace tarn {
 namespace {
 
-// Decoders need some frames to swing in: AAC one or two, Opus 80 ms.
-constexpr int64_t kLeadUs = 100000;
-
-int64_t lengthOf(const SoundFrame& frame, const SoundFormat& format) {
-  return int64_t{frame.samples} * 1000000 / format.sampleRate;
+int64_t lengthOf(uint32_t samples, const SoundFormat& format) {
+  return int64_t{samples} * 1000000 / format.sampleRate;
 }
 
 }  // namespace
@@ -63,7 +60,7 @@ PictureTime SoundExport::timeOf(PictureTime inBlock) const {
 
 bool SoundExport::isWanted(const SoundFrame& frame) const {
   const PictureTime time = timeOf(frame.time);
-  const int64_t end = time.totalMicros() + lengthOf(frame, block_.format());
+  const int64_t end = time.totalMicros() + lengthOf(frame.samples, block_.format());
   return end > from_.totalMicros() && !(to_ < time);
 }
 
@@ -80,22 +77,38 @@ bool SoundExport::take(const SoundFrame& frame) {
   sound_.frame.assign(frame.data, frame.data + frame.size);
   sound_.time = timeOf(frame.time);
   sound_.samples = frame.samples;
-  const PictureTime end =
-      PictureTime::fromMicros(sound_.time.totalMicros() + lengthOf(frame, sound_.format));
-  if (totals_.frames == 0 || sound_.time < totals_.first) totals_.first = sound_.time;
-  totals_.last = std::max(totals_.last, end);
-  ++totals_.frames;
-  totals_.bytes += frame.size;
+  before_ = totals_;
+  count();
   return true;
 }
 
+void SoundExport::count() {
+  const int64_t length = lengthOf(sound_.samples, sound_.format);
+  const PictureTime end = PictureTime::fromMicros(sound_.time.totalMicros() + length);
+  if (totals_.frames == 0 || sound_.time < totals_.first) totals_.first = sound_.time;
+  totals_.last = std::max(totals_.last, end);
+  ++totals_.frames;
+  totals_.bytes += sound_.frame.size();
+}
+
+SoundTotals SoundExport::closeFile() {
+  const SoundTotals closed = atEnd_ ? totals_ : before_;
+  totals_ = SoundTotals();
+  if (atEnd_) return closed;
+  totals_.codec = sound_.format.codec;
+  count();
+  return closed;
+}
+
 ExportTrack::Result SoundExport::next() {
-  for (;;) {
+  for (atEnd_ = false;;) {
     while (frame_ < block_.frames().size()) {
       const SoundFrame& frame = block_.frames()[frame_++];
       if (isWanted(frame) && take(frame)) return Result::kPiece;
     }
-    if (!readBlock()) return Result::kEnd;
+    if (readBlock()) continue;
+    atEnd_ = true;
+    return Result::kEnd;
   }
 }
 

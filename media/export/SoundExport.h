@@ -15,6 +15,10 @@ namespace tarn {
 // counted, and is no reason to stop.
 class SoundExport : public ExportTrack {
  public:
+  // Microseconds in front of pictures: decoders need some frames to swing in, AAC one or two, Opus
+  // 80 ms.
+  static constexpr int64_t kLeadUs = 100000;
+
   // `rows` of sound of one channel, in the order of their times. Frames that end before `from` or
   // begin behind `to` are left out.
   SoundExport(std::vector<DB_STREAM> rows, PictureTime from, PictureTime to);
@@ -26,6 +30,12 @@ class SoundExport : public ExportTrack {
   bool describe(MediaOutput* output, size_t track) const override;
   bool write(MediaOutput* output, size_t track) const override;
 
+  // Where pictures begin another file: what the one before it has. From then on totals() are those
+  // of the new one, to which the frame at hand belongs.
+  SoundTotals closeFile();
+  // Whether there is no frame at hand.
+  bool atEnd() const { return atEnd_; }
+
   const SoundTotals& totals() const { return totals_; }
 
  private:
@@ -34,6 +44,7 @@ class SoundExport : public ExportTrack {
   PictureTime timeOf(PictureTime inBlock) const;
   bool isWanted(const SoundFrame& frame) const;
   bool take(const SoundFrame& frame);
+  void count();
 
   const std::vector<DB_STREAM> rows_;
   PictureTime from_;
@@ -46,7 +57,9 @@ class SoundExport : public ExportTrack {
   SoundBlock block_;
   int64_t laterUs_ = 0;  // than the block says, where its recording was re-dated
   OutputSound sound_;
+  bool atEnd_ = true;
   SoundTotals totals_;
+  SoundTotals before_;  // of all before the frame at hand
 };
 
 }  // namespace tarn

@@ -18,6 +18,11 @@ void TrackTurns::chooseTrack() {
   }
 }
 
+void TrackTurns::drop(size_t track) {
+  more_[track] = false;
+  chooseTrack();
+}
+
 bool TrackTurns::advance() {
   const ExportTrack::Result result = tracks_[track_]->next();
   if (result == ExportTrack::Result::kError) {

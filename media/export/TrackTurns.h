@@ -19,6 +19,8 @@ class TrackTurns {
   bool hasNext() const { return track_ < tracks_.size(); }
   size_t track() const { return track_; }
   const ExportTrack& piece() const { return *tracks_[track_]; }
+  // Leaves out what there still is of a track.
+  void drop(size_t track);
   // To the piece behind it. False with error() set when the track cannot be read.
   bool advance();
   const std::string& error() const { return error_; }

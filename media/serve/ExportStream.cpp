@@ -4,6 +4,8 @@
 #include <cstring>
 #include <utility>
 
+#include "media/PictureFormat.h"
+
 namespace tarn {
 
 ExportStream::ExportStream(std::unique_ptr<PieceWalker> walker, int64_t toUs)
@@ -38,7 +40,15 @@ bool ExportStream::takePicture() {
     ended_ = true;
     return true;
   }
+  // One description cannot tell of both; the part in front of the change would pass for the whole.
+  if (picture.key && isOtherFormat(picture)) return false;
   return movie_.write(picture);
+}
+
+bool ExportStream::isOtherFormat(const OutputPicture& key) {
+  const ParameterSets sets = parameterSetsOf(key.annexB);
+  if (sequence_.empty()) sequence_ = sets.sequence;
+  return !sets.sequence.empty() && sets.sequence != sequence_;
 }
 
 // One picture more, or the end.

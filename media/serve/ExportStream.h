@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "media/FragmentedMovie.h"
 #include "media/serve/BodyStream.h"
@@ -25,12 +26,14 @@ class ExportStream : public BodyStream {
   bool makeMore();
   bool takePiece();
   bool takePicture();
+  bool isOtherFormat(const OutputPicture& key);
 
   std::unique_ptr<PieceWalker> walker_;
   const int64_t toUs_;
   FragmentedMovie movie_;
   Piece piece_;
-  uint32_t next_ = 0;  // picture of the piece
+  std::vector<uint8_t> sequence_;  // parameter sets of its pictures
+  uint32_t next_ = 0;              // picture of the piece
   bool ended_ = false;
   bool failed_ = false;
   std::string made_;

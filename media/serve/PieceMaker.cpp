@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "media/FragmentedMovie.h"
+#include "media/PictureFormat.h"
 #include "recorder/recording/AnnexB.h"
 
 namespace tarn {
@@ -71,8 +72,9 @@ std::shared_ptr<const PieceMaker::Description> PieceMaker::look(const ServedReco
             findParameterSets(first->annexB.data(), first->annexB.size(), &sps, &pps);
   }
   if (!found || sps.size < 4) return nullptr;
-  return std::make_shared<Description>(
-      Description{recording.row.streamID, codecOf(sps), bytesOf(sps) + bytesOf(pps), first});
+  return std::make_shared<Description>(Description{recording.row.streamID, codecOf(sps),
+                                                   bytesOf(sps) + bytesOf(pps), first,
+                                                   parameterSetsOf(first->annexB).sequence});
 }
 
 std::shared_ptr<const PieceMaker::Description> PieceMaker::describe(

@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "base/Export.h"
 #include "media/MediaOutput.h"
@@ -24,6 +25,7 @@ class TARN_API PieceMaker {
     std::string codec;  // "avc1.64001F"
     std::string sets;   // its parameter sets: recordings with the same ones share a beginning
     std::shared_ptr<const OutputPicture> first;  // its first key picture
+    std::vector<uint8_t> sequence;               // what of its sets one movie has one of
   };
 
   // Of a recording; null when no key picture of it can be read. Those asked for last are kept.

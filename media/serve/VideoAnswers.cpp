@@ -9,6 +9,7 @@
 #include "media/serve/ExportStream.h"
 #include "media/serve/JsonText.h"
 #include "media/serve/QueryReader.h"
+#include "recorder/card/TimeText.h"
 
 namespace tarn {
 namespace {
@@ -31,6 +32,9 @@ constexpr char kCached[] = "private, max-age=60";
 
 constexpr char kNothingThere[] = "nothing was recorded there";
 constexpr char kNothingHere[] = "there is nothing at this address";
+constexpr char kFormatChanges[] =
+    "the pictures change their format in that time, and one movie has one: ask for what is before "
+    "and behind it by itself, from ";
 constexpr char kTooBusy[] = "too many ask at once: try again in a moment";
 
 HttpResponse bodyOf(const char* type, std::string body) {
@@ -261,6 +265,24 @@ HttpResponse VideoAnswers::thumbnail(const HttpRequest& request) {
   return response;
 }
 
+// The first of the period that has another format than those before it; null where none has. A
+// change within one breaks the download off.
+const ServedRecording* VideoAnswers::otherFormat(const ServedRows& rows, int channel,
+                                                 int64_t fromUs, int64_t toUs) {
+  std::shared_ptr<const PieceMaker::Description> first;
+  const auto found = rows.videoOf.find(channel);
+  if (found == rows.videoOf.end()) return nullptr;
+  for (uint32_t place : found->second) {
+    const ServedRecording& one = rows.recordings[place];
+    if (one.startUs() > toUs || (!one.isRunning() && one.endUs() < fromUs)) continue;
+    const auto description = maker_.describe(one);
+    if (description == nullptr) continue;
+    if (first == nullptr) first = description;
+    if (description->sequence != first->sequence) return &one;
+  }
+  return nullptr;
+}
+
 HttpResponse VideoAnswers::exported(const HttpRequest& request) {
   QueryReader query(request, {"channel", "from", "to"});
   const int channel = query.channelNeeded();
@@ -268,7 +290,12 @@ HttpResponse VideoAnswers::exported(const HttpRequest& request) {
   const int64_t toUs = query.timeUsNeeded("to");
   if (toUs <= fromUs || toUs - fromUs > kDayUs) query.fail("the period is up to a day long");
   if (!query.ok()) return errorResponse(400, query.error());
-  auto walker = std::make_unique<PieceWalker>(follower_->rows(), channel);
+  const std::shared_ptr<const ServedRows> rows = follower_->rows();
+  const ServedRecording* other = otherFormat(*rows, channel, fromUs, toUs);
+  if (other != nullptr)
+    return errorResponse(409,
+                         kFormatChanges + TimeText::of(other->row.startDate, other->row.startMSec));
+  auto walker = std::make_unique<PieceWalker>(rows, channel);
   if (!walker->toTime(fromUs)) return errorResponse(404, kNothingThere);
   auto stream = std::make_shared<ExportStream>(std::move(walker), toUs);
   if (!stream->begin()) return errorResponse(404, kNothingThere);

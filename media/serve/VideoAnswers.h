@@ -47,6 +47,8 @@ class VideoAnswers {
   HttpResponse init(int channel, const std::string& name, const HttpRequest& request);
   HttpResponse media(int channel, const std::string& name, const HttpRequest& request);
   Init initOf(const ServedRows& rows, uint32_t streamID);
+  const ServedRecording* otherFormat(const ServedRows& rows, int channel, int64_t fromUs,
+                                     int64_t toUs);
   static bool place(PieceWalker* walker, QueryReader* query, bool* behind);
   static void addSegment(JsonText* json, int channel, const Piece& piece, const Init& init,
                          bool keysOnly);

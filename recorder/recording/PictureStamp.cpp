@@ -41,6 +41,11 @@ int32_t distance(const uint8_t* digits, uint32_t seconds) {
 }  // namespace
 
 Delivery lookAtPicture(Source* stream, const PictureEntry& entry) {
+  int32_t zone = 0;
+  return zoneOfPicture(stream, entry, &zone);
+}
+
+Delivery zoneOfPicture(Source* stream, const PictureEntry& entry, int32_t* zone) {
   uint8_t bytes[kTimeStampWindow];
   const auto length = static_cast<uint32_t>(std::min<size_t>(entry.size, sizeof bytes));
   const Delivery got = stream->read(entry.dataOffset, bytes, length);
@@ -49,6 +54,7 @@ Delivery lookAtPicture(Source* stream, const PictureEntry& entry) {
   if (length < kTimeStampSeiSize || !findTimeStampSei(bytes, length, &place)) return Delivery::kBad;
   const int32_t away = distance(bytes + place + kDigitsEnd - kDigits, entry.presentation.seconds);
   const bool fits = away % kZoneStep == 0 && away >= -kZoneMost && away <= kZoneMost;
+  if (fits) *zone = away;
   return fits ? Delivery::kGood : Delivery::kBad;
 }
 

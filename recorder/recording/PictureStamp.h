@@ -14,6 +14,10 @@ namespace tarn {
 // give the bytes. Not part of the interface.
 Delivery lookAtPicture(Source* stream, const PictureEntry& entry);
 
+// The same, and how far local time was ahead of UTC then, in seconds: whole quarters of an hour.
+// *zone is set on kGood alone.
+Delivery zoneOfPicture(Source* stream, const PictureEntry& entry, int32_t* zone);
+
 // The same of a block of sound, which has its time in its head. What does not begin as a block is
 // proved by its checksum, as far as it has one.
 Delivery lookAtSound(Source* stream, const PictureEntry& entry);

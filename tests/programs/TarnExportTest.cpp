@@ -47,6 +47,16 @@ TEST_F(TarnExport, SaysNothingWhereTheRecordingBeforeHasTheKeyPicture) {
   EXPECT_THAT(result.output, testing::Not(HasSubstr("key picture")));
 }
 
+// The pictures have the recorder's local time in them, whatever this machine's is.
+TEST_F(TarnExport, SaysInWhichZoneTheRecorderWas) {
+  const std::string what =
+      "export --force --from 2001-01-01T00:00:00 --zone America/St_Johns -o /tmp/out.h264";
+  EXPECT_THAT(tarn(what).output, HasSubstr(" MB, recorded in +02:00\n"));
+  EXPECT_THAT(tarn(what).output, HasSubstr("18:43:20.000-03:30 to "));
+  EXPECT_EQ(nlohmann::json::parse(tarn(what + " --json").output)["zones"],
+            nlohmann::json({"+02:00"}));
+}
+
 TEST_F(TarnExport, WritesDamagedPicturesAndNamesThem) {
   const DB_STREAM row = allStreams()[0];
   tarn::RecordingReader reader;

@@ -48,6 +48,21 @@ void tellMissing(const ExportTotals& totals) {
     warn(fmt::format("{} pictures could not be read and are missing", totals.lost));
 }
 
+std::string pixelsText(PictureSize size) { return fmt::format("{}x{}", size.width, size.height); }
+
+// Not wrong, but not to be overlooked by whoever hands on the file.
+void tellChanges(const ExportTotals& totals) {
+  for (const FormatChange& change : totals.changes) {
+    const std::string before = pixelsText(change.before);
+    const std::string after = pixelsText(change.after);
+    warn(fmt::format("the format of the pictures changes at {}, {}: {}", clockText(change.time),
+                     before == after ? "their size stays " + before
+                                     : fmt::format("from {} to {}", before, after),
+                     change.next.empty() ? "the stream goes on with both"
+                                         : "what follows is in " + asUserSees(change.next)));
+  }
+}
+
 void tellSoundFaults(const SoundTotals& sound) {
   if (sound.leftOut) warn("the sound is left out: a .h264 holds none");
   if (sound.damaged > 0)
@@ -74,6 +89,32 @@ Json soundJson(const SoundTotals& sound) {
           {"leftOut", sound.otherFormat}};
 }
 
+Json changesJson(const ExportTotals& totals) {
+  Json changes = Json::array();
+  for (const FormatChange& change : totals.changes) {
+    changes.push_back(
+        {{"at", jsonTime(change.time)},
+         {"width", change.after.width},
+         {"height", change.after.height},
+         {"output", change.next.empty() ? Json(nullptr) : Json(asUserSees(change.next))}});
+  }
+  return changes;
+}
+
+Json zonesJson(const ExportTotals& totals) {
+  Json zones = Json::array();
+  for (const int32_t zone : totals.zones) zones.push_back(TimeText::offset(zone));
+  return zones;
+}
+
+// Times are shown as this machine counts them; the recorder's own may have been others.
+std::string zonesText(const ExportTotals& totals) {
+  std::string text;
+  for (const int32_t zone : totals.zones)
+    text += (text.empty() ? ", recorded in " : " and ") + TimeText::offset(zone);
+  return text;
+}
+
 Json damagesJson(const ExportTotals& totals) {
   Json damages = Json::array();
   for (const DamagedRun& run : totals.damages) {
@@ -91,14 +132,18 @@ Json channelJson(const ExportedChannel& exported) {
   return {{"output", asUserSees(exported.path)},
           {"channel", known ? Json(exported.channel) : Json(nullptr)},
           {"pictures", t.written},
+          {"width", t.size.width == 0 ? Json(nullptr) : Json(t.size.width)},
+          {"height", t.size.height == 0 ? Json(nullptr) : Json(t.size.height)},
           {"from", t.written == 0 ? Json(nullptr) : Json(jsonTime(t.first))},
           {"to", t.written == 0 ? Json(nullptr) : Json(jsonTime(t.last))},
+          {"zones", zonesJson(t)},
           {"bytes", t.bytes},
           {"damaged", t.damaged},
           {"missing", t.lost},
           {"leftOut", t.undecodable},
           {"sound", soundJson(exported.sound)},
-          {"damages", damagesJson(t)}};
+          {"damages", damagesJson(t)},
+          {"changes", changesJson(t)}};
 }
 
 }  // namespace
@@ -121,9 +166,9 @@ void ExportOutput::tellContents(const ExportedChannel& channel) const {
   }
   const std::string sound =
       s.frames == 0 ? "" : fmt::format(", with {} sound", soundCodecText(s.codec));
-  fmt::print(out, "{}: {}{} pictures, {} to {}, {:.1f} MB{}\n", asUserSees(channel.path),
+  fmt::print(out, "{}: {}{} pictures, {} to {}, {:.1f} MB{}{}\n", asUserSees(channel.path),
              label(channel, ", "), t.written, clockText(t.first), clockText(t.last),
-             static_cast<double>(t.bytes + s.bytes) / 1e6, sound);
+             static_cast<double>(t.bytes + s.bytes) / 1e6, sound, zonesText(t));
 }
 
 void ExportOutput::tell(bool quiet) const {
@@ -133,6 +178,7 @@ void ExportOutput::tell(bool quiet) const {
       continue;
     }
     if (!quiet) tellContents(channel);
+    tellChanges(channel.totals);
     tellDamage(channel.totals);
     tellMissing(channel.totals);
     tellSoundFaults(channel.sound);
