@@ -9,6 +9,7 @@ const behindMs = 20000;      // kept behind what is shown
 const retryMs = 1000;
 const wholeSeconds = 1e9;    // more than any card holds
 const holeMs = 60;           // what a browser plays across
+export const stuckMs = 2000; // a video that comes no further for so long is told again where to go
 
 export class ChannelPlayer {
   // changed(): what is there has changed.
@@ -32,6 +33,8 @@ export class ChannelPlayer {
     this.busy = false;
     this.retryAt = 0;          // what was not reached is not asked for before
     this.opened = this.open();
+    this.seekingSince = 0;
+    video.addEventListener("seeking", () => (this.seekingSince = performance.now()));
     this.watchPictures();
   }
 
@@ -142,7 +145,9 @@ export class ChannelPlayer {
     // Once for each moment: what the browser makes of it stays. Always after the buffer was cleared: of
     // what it held, pictures are decoded in advance.
     const needed = this.soughtMs === null || (driftMs > allowedMs && (playing || this.soughtMs !== ms));
-    if (needed && !this.video.seeking) {
+    // A browser that is sent to the very end of what is there may never arrive.
+    const arriving = this.video.seeking && performance.now() - this.seekingSince < stuckMs;
+    if (needed && !arriving) {
       this.soughtMs = ms;
       this.video.currentTime = this.seconds(ms);
     }

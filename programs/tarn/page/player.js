@@ -1,11 +1,12 @@
 // Shows all chosen channels in step: one clock, the recorder's, which the first channel with a picture
 // keeps while it plays, and which jumps over what no channel has.
 import { api } from "./api.js";
-import { ChannelPlayer } from "./channelPlayer.js";
+import { ChannelPlayer, stuckMs } from "./channelPlayer.js";
 
 export const speeds = [0.5, 1, 2, 4, 8, 16];
 const keysOnlyAbove = 4;     // faster than this, key pictures are enough
 const liveFarMs = 3000, liveNearMs = 1000;  // behind what is there, when live
+const lastMs = 500;          // before the end of what is there, where a video may stand still
 const besideMs = 3000;       // on both sides of a moment, where the next picture is looked for
 const stepIntoMs = 0.3;      // a moment just inside a picture, whatever the rounding
 
@@ -21,6 +22,8 @@ export class Player {
     this.live = false;
     this.findingNewest = false;  // going live: the time is that of the newest picture, once it is there
     this.ended = false;
+    this.stoodMs = null;         // the time that does not move on, and since when
+    this.stoodSince = 0;
     const tick = () => {
       this.tick();
       requestAnimationFrame(tick);
@@ -149,6 +152,7 @@ export class Player {
       const runs = !video.paused || video.ended;
       if (runs && !video.seeking && lead.timeMs > this.timeMs) this.timeMs = lead.timeMs;
       if (this.live) this.catchUp(lead);
+      this.moveOn(lead);
       return;
     }
     const states = players.map((player) => player.at(this.timeMs));
@@ -158,6 +162,21 @@ export class Player {
     else if (!this.live) {
       this.ended = true;
       this.pause();
+    }
+  }
+
+  // Where the leading video has not moved for a while: over the rest of what is there when that is
+  // next to nothing, or to the same place once more.
+  moveOn(lead) {
+    const now = performance.now();
+    if (this.timeMs !== this.stoodMs) {
+      this.stoodMs = this.timeMs;
+      this.stoodSince = now;
+    } else if (now - this.stoodSince > stuckMs && !this.live) {
+      this.stoodSince = now;
+      const until = lead.readyUntil(this.timeMs);
+      if (until - this.timeMs < lastMs) this.timeMs = until;
+      else lead.soughtMs = null;
     }
   }
 
