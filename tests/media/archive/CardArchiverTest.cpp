@@ -1,0 +1,116 @@
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "media/MoviePieces.h"
+#include "media/archive/CardArchiver.h"
+#include "recorder/RecorderRig.h"
+
+namespace tarn_test {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr char kPlace[] = "/tmp/archive";
+constexpr char kDay[] = "/tmp/archive/recorder=van-7/date=2023-11-14/index.jsonl";
+constexpr uint64_t kSlot = 32;  // header and entries in a picture chunk
+
+// Archives by the class that programs have for it.
+class CardArchiverTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(mkdir(kPlace, 0777), 0);
+    ASSERT_TRUE(openSession(session));
+    for (uint32_t i = 0; i < 30; ++i) {
+      const tarn::OutputPicture one = pictureAt(i * 40000, i % 10 == 0);
+      ASSERT_EQ(
+          session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, one.key),
+          0)
+          << session.errorText();
+    }
+  }
+  bool archive(const tarn::StopAsked& stopAsked = nullptr) {
+    tarn::CardArchiver::Settings settings;
+    settings.place = kPlace;
+    settings.recorder = "van-7";
+    tarn::CardArchiver archiver(settings);
+    const bool good = archiver.run(stopAsked, nullptr);
+    report = archiver.report();
+    error = archiver.error();
+    return good;
+  }
+  static std::string index() {
+    std::ostringstream text;
+    text << std::ifstream(kDay).rdbuf();
+    return text.str();
+  }
+  static size_t files() {
+    size_t count = 0;
+    for (const auto& one : std::filesystem::recursive_directory_iterator(kPlace))
+      count += one.is_regular_file() ? 1 : 0;
+    return count;
+  }
+
+  RecorderRig rig{{256 * kKiB, 64 * kKiB, 3, 64 * kKiB}};
+  SyslogCapture log;
+  tarn::RecordingSession session;
+  tarn::ArchiveReport report;
+  std::string error;
+};
+
+TEST_F(CardArchiverTest, WhatIsStillRecordedIsLeftForALaterRun) {
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_EQ(report.waiting, 1u);
+  EXPECT_THAT(report.uploaded, IsEmpty());
+  EXPECT_EQ(files(), 0u);
+  ASSERT_EQ(session.close(), 0);
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_EQ(report.waiting, 0u);
+  EXPECT_THAT(report.uploaded, SizeIs(1));
+  EXPECT_EQ(files(), 3u) << "clip, sidecar and index";
+  EXPECT_THAT(index(), HasSubstr("\"pictures\":30,"));
+}
+
+TEST_F(CardArchiverTest, PicturesThatTheCardGivesLaterReplaceAClipThatLacksThem) {
+  ASSERT_EQ(session.close(), 0);
+  const DB_STREAM row = allStreams().at(0);
+  const auto chunk = static_cast<int>(row.chunkID);
+  const uint64_t entry = row.chunkOffset + (1 + 25) * kSlot;
+  const Bytes whole = rig.card.readChunk(tarn::kFilePicture, chunk, entry, kSlot);
+  rig.card.writeChunk(tarn::kFilePicture, chunk, entry, Bytes(kSlot, 0x5A));
+
+  EXPECT_FALSE(archive()) << "it is not all there";
+  EXPECT_EQ(error, "");
+  EXPECT_THAT(report.uploaded, SizeIs(1)) << "but what there is, is archived";
+  EXPECT_THAT(report.incomplete, SizeIs(1));
+  EXPECT_THAT(index(), testing::Not(HasSubstr("\"missing\":0,")));
+
+  EXPECT_FALSE(archive());
+  EXPECT_THAT(report.uploaded, IsEmpty()) << "no more of it than before";
+  EXPECT_THAT(report.incomplete, SizeIs(1));
+
+  rig.card.writeChunk(tarn::kFilePicture, chunk, entry, whole);
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_THAT(report.uploaded, SizeIs(1));
+  EXPECT_THAT(index(), HasSubstr("\"pictures\":30,"));
+  EXPECT_THAT(index(), HasSubstr("\"missing\":0,"));
+  EXPECT_EQ(files(), 3u);
+}
+
+TEST_F(CardArchiverTest, AStopLeavesNothingHalfAndIsAnError) {
+  ASSERT_EQ(session.close(), 0);
+  int asked = 0;
+  EXPECT_FALSE(archive([&] { return ++asked > 10; }));
+  EXPECT_THAT(error, HasSubstr("the next run goes on from there"));
+  EXPECT_EQ(files(), 0u);
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_EQ(files(), 3u);
+}
+
+}  // namespace
+}  // namespace tarn_test
