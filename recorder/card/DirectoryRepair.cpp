@@ -81,6 +81,28 @@ void copyTimes(const uint8_t* from, uint8_t* to) {
   }
 }
 
+// A file or folder of a PC's, a piece of a long name, or nothing; noise hardly ever.
+bool isForeignEntry(const uint8_t* entry) {
+  constexpr uint8_t kLongName = 0x0F;
+  constexpr uint8_t kNoAttributes = 0xC0;
+  constexpr uint8_t kCase = 0x18;  // of a short name, in byte 12
+  if (entry[0] == 0)
+    return std::all_of(entry, entry + kDirEntryBytes, [](uint8_t b) { return !b; });
+  if (entry[kDirAttributeOff] == kLongName) return entry[12] == 0 && getLe16(entry + 26) == 0;
+  return (entry[kDirAttributeOff] & kNoAttributes) == 0 && (entry[12] & ~kCase) == 0 &&
+         std::all_of(entry, entry + 11, [](uint8_t byte) { return byte >= ' '; });
+}
+
+// What a PC added where the formatter left room stays, unless that is damaged as well.
+void keepForeign(const uint8_t* present, const uint8_t* wanted, Bytes* sector) {
+  for (uint32_t at = 0; at < kSectorBytes; at += kDirEntryBytes) {
+    if (wanted[at] == 0 && !isForeignEntry(present + at)) return;
+  }
+  for (uint32_t at = 0; at < kSectorBytes; at += kDirEntryBytes) {
+    if (wanted[at] == 0) memcpy(sector->data() + at, present + at, kDirEntryBytes);
+  }
+}
+
 // The formatter stamps all entries with one time: that of any entry that is left.
 void takeTimes(const Bytes& present, const Bytes& wanted, Bytes* sector) {
   for (size_t at = 0; at < wanted.size(); at += kDirEntryBytes) {
@@ -113,6 +135,7 @@ std::map<uint64_t, Bytes> lostDirectorySectors(const CardBytes& card, const Card
     Bytes bytes(wanted.begin() + static_cast<std::ptrdiff_t>(at),
                 wanted.begin() + static_cast<std::ptrdiff_t>(at + kSectorBytes));
     takeTimes(present, wanted, &bytes);
+    keepForeign(present.data() + at, wanted.data() + at, &bytes);
     lost[layout.dataByte() + at] = bytes;
   }
   if (lost.size() > same) lost.clear();

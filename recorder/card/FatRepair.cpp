@@ -28,6 +28,12 @@ FatRepair::FatRepair(const CardMap& map, RepairSteps* steps)
       fatBytes_(uint64_t{map.boot.fat32Size} * kSectorBytes),
       start_(uint64_t{map.boot.reservedSectors} * kSectorBytes) {}
 
+// Whether an entry is one that a PC writes: free, a cluster that there is, or an end.
+bool FatRepair::isLink(uint32_t entry) const {
+  return entry == 0 || (entry >= kFatChainEndLeast && entry <= kFatEntryMask) ||
+         (entry >= 2 && entry < fatBytes_ / 4);
+}
+
 // What follows a cluster, if that is known.
 uint32_t FatRepair::expected(uint64_t cluster) const {
   if (cluster == 0) return kMediaEntry;
@@ -79,13 +85,28 @@ void FatRepair::mendSector(uint32_t first, uint8_t* one, const uint8_t* other, u
     if (wanted == kUnknown || means(a, wanted) == means(b, wanted)) continue;
     wrong[means(a, wanted) ? 1 : 0] = true;
   }
-  // Of the rest of a damaged sector nothing is known but that its twin is good.
-  if (wrong[0] && !wrong[1]) changes_[0][byte] = Bytes(other, other + kSectorBytes);
-  if (wrong[1] && !wrong[0]) changes_[1][byte + fatBytes_] = Bytes(one, one + kSectorBytes);
+  if (wrong[0] && !wrong[1]) changes_[0][byte] = mended(first, one, other);
+  if (wrong[1] && !wrong[0]) changes_[1][byte + fatBytes_] = mended(first, other, one);
   if (!wrong[0] || !wrong[1]) return;
   mixSectors(first, one, other);
   changes_[0][byte] = Bytes(one, one + kSectorBytes);
   changes_[1][byte + fatBytes_] = Bytes(one, one + kSectorBytes);
+}
+
+// Of the rest of a damaged sector nothing is known but that its twin is good. Where only some of it
+// is damaged it may have links of a PC's files that the PC did not get to write twice.
+FatRepair::Bytes FatRepair::mended(uint32_t first, const uint8_t* damaged,
+                                   const uint8_t* good) const {
+  Bytes sector(good, good + kSectorBytes);
+  for (uint32_t i = 0; i < kSectorBytes / 4; ++i) {
+    const uint32_t was = getLe32(damaged + i * 4);
+    const uint32_t is = getLe32(good + i * 4);
+    if (was == is || expected(uint64_t{first} + i) != kUnknown) continue;
+    if (first + i == 1 ? ((was ^ is) & ~kFatStateMarks) != 0 : !isLink(was))
+      return Bytes(good, good + kSectorBytes);
+    if (first + i == 1 || is == 0) putLe32(sector.data() + i * 4, was);
+  }
+  return sector;
 }
 
 // Both are damaged, in different entries: `one` gets the good ones of each.

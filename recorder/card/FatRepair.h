@@ -35,6 +35,8 @@ class FatRepair {
   bool readBlocks(uint64_t at, size_t length, Bytes* blocks) const;
   void mendBlock(uint64_t at, Bytes* blocks);
   void mendSector(uint32_t first, uint8_t* one, const uint8_t* other, uint64_t byte);
+  bool isLink(uint32_t entry) const;
+  Bytes mended(uint32_t first, const uint8_t* damaged, const uint8_t* good) const;
   void mixSectors(uint32_t first, uint8_t* one, const uint8_t* other) const;
   void addSteps();
 

@@ -28,6 +28,14 @@ bool isWholeBoot(const uint8_t* sector) {
          memcmp(sector + kBootSystemOff, "FAT32   ", 8) == 0;
 }
 
+// The backup in the place of a damaged boot sector. What a PC marked in that stays the PC's matter.
+Bytes restoredBoot(const uint8_t* damaged, const uint8_t* backup) {
+  Bytes sector(backup, backup + kSectorBytes);
+  const auto change = static_cast<uint8_t>(damaged[kBootStateOff] ^ backup[kBootStateOff]);
+  if ((change & ~kBootStateMarks) == 0) sector[kBootStateOff] = damaged[kBootStateOff];
+  return sector;
+}
+
 }  // namespace
 
 bool RepairPlan::agrees() const {
@@ -67,10 +75,9 @@ bool RepairPlan::startFrom(bool fromBackup) {
     map_.boot = decodeFatBoot(boot_);
     return isBootUsable(map_.boot, card().size());
   }
-  if (!hasBackup_ || memcmp(boot_, backup_, sizeof boot_) == 0) return false;
+  if (!hasBackup_ || isSameBoot(boot_, backup_)) return false;
   map_.boot = decodeFatBoot(backup_);
-  steps_.add("the boot sector is restored from its backup",
-             {{0, Bytes(backup_, backup_ + sizeof backup_)}});
+  steps_.add("the boot sector is restored from its backup", {{0, restoredBoot(boot_, backup_)}});
   return true;
 }
 
@@ -121,21 +128,22 @@ bool RepairPlan::attempt(const Way& way) {
   return false;
 }
 
-// When all the rest agrees.
+// When all the rest agrees. What a PC marked in the first is no difference, and does not get into
+// the backup.
 void RepairPlan::mendBootTwin() {
   uint8_t now[kSectorBytes];
   uint8_t copy[kSectorBytes];
   if (!card().read(0, now, sizeof now) || !card().read(kBackupByte, copy, sizeof copy) ||
-      memcmp(now, copy, sizeof now) == 0) {
+      isSameBoot(now, copy)) {
     return;
   }
   const RepairSteps::Mark before = steps_.mark();
   if (isWholeBoot(now)) {
+    now[kBootStateOff] = static_cast<uint8_t>(now[kBootStateOff] & ~kBootStateMarks);
     steps_.add("the backup of the boot sector is made the same as the boot sector",
                {{kBackupByte, Bytes(now, now + sizeof now)}});
   } else if (isWholeBoot(copy)) {
-    steps_.add("the boot sector is restored from its backup",
-               {{0, Bytes(copy, copy + sizeof copy)}});
+    steps_.add("the boot sector is restored from its backup", {{0, restoredBoot(now, copy)}});
     if (!agrees()) steps_.backTo(before);
   }
 }

@@ -335,6 +335,13 @@ std::vector<std::string> foreignNames(const uint8_t* bytes, size_t length) {
   return names;
 }
 
+bool isSameBoot(const uint8_t* one, const uint8_t* other) {
+  return memcmp(one, other, kBootStateOff) == 0 &&
+         ((one[kBootStateOff] ^ other[kBootStateOff]) & ~kBootStateMarks) == 0 &&
+         memcmp(one + kBootExtendedOff, other + kBootExtendedOff,
+                kSectorBytes - kBootExtendedOff) == 0;
+}
+
 void encodeInfoFile(const CardLayout& layout, uint8_t* out) {
   static_assert(kInfoFileBytes == kInfoLengthBytes + kInfoLengthMin);
   memset(out, 0, kInfoSealedBytes);

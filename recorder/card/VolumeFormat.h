@@ -55,6 +55,8 @@ void encodeRootDirectory(const CardLayout& layout, time_t when, uint8_t* out);
 // second entry, and takes it back when it lets go of it in order.
 inline constexpr uint8_t kBootStateMarks = 0x03;
 inline constexpr uint32_t kFatStateMarks = 0x0C000000;
+// Whether two boot sectors are the same but for the mark, which a PC puts into the first alone.
+bool isSameBoot(const uint8_t* one, const uint8_t* other);
 
 // A FAT entry without the four bits that mean nothing, and what ends a chain.
 inline constexpr uint32_t kFatEntryMask = 0x0FFFFFFF;

@@ -47,6 +47,7 @@ class VolumeCheck {
   }
 
   void checkBoot() {
+    mounted_ = (sector_[kBootStateOff] & kBootStateMarks) != 0;
     if (getLe16(sector_ + kBootSignatureOff) != kSignature)
       fat("the boot sector lacks its signature");
     if (getLe16(sector_ + kBootSectorBytesOff) != kSectorBytes)
@@ -57,17 +58,9 @@ class VolumeCheck {
       fat("there is no backup of the boot sector");
     } else if (!card_.read(uint64_t{backup} * kSectorBytes, copy, sizeof copy)) {
       unreadable("the backup of the boot sector");
-    } else if (isOtherBoot(copy)) {
+    } else if (!isSameBoot(copy, sector_)) {
       fat("the backup of the boot sector differs from it");
     }
-  }
-
-  // The mark of a PC stands in the first of them only.
-  bool isOtherBoot(uint8_t* copy) {
-    mounted_ = (sector_[kBootStateOff] & kBootStateMarks) != 0;
-    const uint8_t marks = (copy[kBootStateOff] ^ sector_[kBootStateOff]) & kBootStateMarks;
-    copy[kBootStateOff] = static_cast<uint8_t>(copy[kBootStateOff] ^ marks);
-    return memcmp(copy, sector_, kSectorBytes) != 0;
   }
 
   uint64_t fatByte(uint32_t number) const {

@@ -173,6 +173,64 @@ TEST_F(CardRepairTest, AWholeSectorOfTheDirectoryIsMadeAnewFromTheInfoFile) {
   EXPECT_EQ(findings().total(), 0u) << texts();
 }
 
+// What a PC leaves that had the card mounted: its marks, a folder, and a file that it had not got
+// to write into both FATs.
+class CardThatAPcHad : public CardRepairTest {
+ protected:
+  void SetUp() override {
+    CardRepairTest::SetUp();
+    write(65, Bytes{1});
+    write(fatByte() + 7, Bytes{0x07});
+    firstFree_ = info_.clusters() + 1;
+    while (entryOf(firstFree_) == 0) --firstFree_;
+    ++firstFree_;
+    write(fatByte() + firstFree_ * 4, Bytes{0xFF, 0xFF, 0xFF, 0x0F});
+    end_ = dataByte();
+    while (before_[static_cast<size_t>(end_)] != 0) end_ += 32;
+    Bytes folder(32, 0);
+    memcpy(folder.data(), "SYSTEM~1   ", 11);
+    folder[11] = 0x16;
+    write(end_, folder);
+    before_ = head();
+  }
+
+  uint64_t fatByte() const { return uint64_t{reserved()} * 512; }
+  uint32_t entryOf(uint64_t cluster) const {
+    return tarn::getLe32(before_.data() + fatByte() + cluster * 4);
+  }
+
+  uint64_t firstFree_ = 0;  // cluster
+  uint64_t end_ = 0;        // of our entries of the directory
+};
+
+TEST_F(CardThatAPcHad, NeedsNothing) {
+  const Bytes whole = wholeCard();
+  EXPECT_EQ(mend(), "");
+  EXPECT_TRUE(wholeCard() == whole);
+}
+
+TEST_F(CardThatAPcHad, KeepsThePcsMarkWhereItsBootSectorIsMended) {
+  flip(13);
+  expectMended("the boot sector is restored from its backup\n");
+  const Bytes backup = read(6 * 512, 512);
+  write(6 * 512, Bytes(512, 0));
+  EXPECT_EQ(mend(), "the backup of the boot sector is made the same as the boot sector\n");
+  EXPECT_TRUE(read(6 * 512, 512) == backup);
+}
+
+TEST_F(CardThatAPcHad, KeepsThePcsFolderBesideAnEntryOfOursThatIsMadeAnew) {
+  ASSERT_NE(end_ % 512, 0u);
+  write(end_ - 32, Bytes(32, 0xFF));
+  ASSERT_FALSE(fits());
+  expectMended("the root directory gets 1 sector of entries anew, from the info file\n");
+}
+
+TEST_F(CardThatAPcHad, KeepsThePcsLinksBesideAnEntryOfOursThatIsMended) {
+  ASSERT_NE(firstFree_ % 128, 0u) << "both lie in one sector";
+  flip(fatByte() + (firstFree_ - 1) * 4 + 1);
+  expectMended("FAT 1 gets 1 sector from its twin\n");
+}
+
 TEST_F(CardRepairTest, ADirectoryOfWhichMostIsLostIsLeftAlone) {
   uint64_t used = dataByte();
   while (before_[static_cast<size_t>(used)] != 0) used += 512;
