@@ -94,6 +94,7 @@ bool EvidenceExporter::Impl::prepare() {
   making_.tool = std::string("tarn ") + tarn_version();
   utsname machine{};
   if (uname(&machine) == 0) making_.unit = machine.nodename;
+  making_.card = request_.card;
   making_.sealed = request_.seal.has_value();
   if (making_.sealed) {
     making_.operatorName = request_.seal->operatorName;

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+
+#include "media/evidence/FileSum.h"
 
 namespace tarn {
 
@@ -19,6 +22,7 @@ struct EvidenceMaking {
   bool sealed = false;
   std::string operatorName;
   std::string note;
+  std::optional<FileSum> card;  // the whole of it
 };
 
 }  // namespace tarn

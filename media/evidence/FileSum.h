@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Export.h"
 #include "media/MediaInput.h"
 
 namespace tarn {
@@ -16,8 +17,8 @@ struct FileSum {
 };
 
 // Of one file. False with *error set, also when `stopAsked` (may be empty) says so.
-bool sumFile(const std::string& folder, const std::string& name, const StopAsked& stopAsked,
-             FileSum* sum, std::string* error);
+TARN_API bool sumFile(const std::string& folder, const std::string& name,
+                      const StopAsked& stopAsked, FileSum* sum, std::string* error);
 // Of all files below a folder but those whose names begin with a dot, in the order of their names.
 bool sumFolder(const std::string& folder, const StopAsked& stopAsked, std::vector<FileSum>* sums,
                std::string* error);

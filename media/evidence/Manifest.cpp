@@ -61,6 +61,14 @@ void Manifest::addCard() {
   number("volumeBytes", card_.volumeBytes());
   number("clusterBytes", card_.clusterBytes());
   number("clusters", card_.clusters());
+  json_.key("whole");
+  if (making_.card) {
+    json_.beginObject().key("name").text(making_.card->name);
+    number("bytes", making_.card->bytes);
+    json_.key("sha256").text(making_.card->sha256).end();
+  } else {
+    json_.null();
+  }
   json_.key("families").beginArray();
   for (int type = 0; type < kFileTypeCount; ++type) {
     const CardFamily& family = card_.family(type);

@@ -93,6 +93,10 @@ void Report::addCard() {
            static_cast<unsigned>(card_.volumeId() & 0xFFFF));
   page_ += "<h2>The card</h2>\n<table>\n" + row("volume ID", serial) + row("label", card_.label());
   page_ += row("size", std::to_string(card_.deviceBytes()) + " bytes");
+  if (making_.card)
+    page_ += row("SHA-256 of the whole", making_.card->sha256 + ", " +
+                                             std::to_string(making_.card->bytes) + " bytes of " +
+                                             making_.card->name);
   page_ += row("cluster", sizeText(card_.clusterBytes()));
   for (int type = 0; type < kFileTypeCount; ++type) {
     const CardFamily& family = card_.family(type);

@@ -42,8 +42,8 @@ class Command {
   // False for commands that must run before the management server does; in a private view nothing
   // is started around them.
   virtual bool needsServer() const { return true; }
-  // False for commands that only read rows and chunks: a private view starts no server for them, only
-  // what brings the rows back.
+  // False for commands that only read rows and chunks: a private view starts no server for them,
+  // only what brings the rows back.
   virtual bool asksServer() const { return true; }
   // Whether it changes the card that it works on; one that is only read is refused to it then.
   // Asked once its options are parsed.
@@ -59,6 +59,10 @@ class Command {
   virtual std::vector<std::string*> userPaths() { return {}; }
   // Words of a command line that may name files, where userPaths() does not do.
   virtual std::vector<std::string> shownPaths() const { return {}; }
+  // In front of a private view on `card`, whether it is only read there: may add to the command
+  // line for the view. False with the reason in *error.
+  virtual bool beforeView(const std::string& card, bool readOnly, WordsAsGiven* words,
+                          std::string* error);
   // Whether the command was asked itself to leave the card as it is.
   virtual bool asksReadOnly() const { return false; }
   // In a private view on a card that is not what the user named: how to call it.

@@ -2,6 +2,8 @@
 
 namespace tarn {
 
+bool Command::beforeView(const std::string&, bool, WordsAsGiven*, std::string*) { return true; }
+
 bool Command::sortWords(const WordsAsGiven& /*given*/, std::string* /*error*/) { return true; }
 
 CLI::Option* Command::addTime(CLI::App* app, const std::string& name, const std::string& help,

@@ -173,6 +173,10 @@ int runInView(const Tool& tool, Command* command, WordsAsGiven words) {
   CardView view;
   std::string error;
   CardOriginal* original = tool.access.original();
+  if (!command->beforeView(tool.card, original != nullptr, &words, &error)) {
+    complain(error);
+    return kExitFailed;
+  }
   if (original != nullptr)
     words.insert(words.begin(), {kInsideReadOnly, "--shown-name", tool.card});
   const int exitCode =

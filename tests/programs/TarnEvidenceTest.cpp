@@ -62,6 +62,21 @@ TEST_F(TarnEvidence, IsMadeOfACardThatIsOnlyRead) {
   EXPECT_EQ(shell("sha256sum /tmp/card").output, before);
 }
 
+TEST_F(TarnEvidence, NamesTheSumOfTheWholeCardWhenAskedAndOnlyOfOneThatStaysAsItIs) {
+  const std::string all = "export --from 2001-01-01T00:00:00 --evidence /tmp/case --hash-card";
+  const ShellResult made = tarn(readOnly + all);
+  EXPECT_EQ(made.exitCode, 0) << made.output;
+  const json whole =
+      json::parse(shell("cat /tmp/case/manifest.json").output, nullptr, false)["card"]["whole"];
+  EXPECT_EQ(whole["name"], "/tmp/card");
+  EXPECT_EQ(whole["bytes"], rig.card.size());
+  EXPECT_EQ(whole["sha256"].get<std::string>() + "  -\n", shell("sha256sum </tmp/card").output);
+  EXPECT_THAT(shell("cat /tmp/case/report.html").output, HasSubstr(whole["sha256"]));
+  const ShellResult refused = tarn("--card /tmp/card " + all + " --force");
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_THAT(refused.output, HasSubstr("--hash-card is for a card whose bytes stay as they are"));
+}
+
 TEST_F(TarnEvidence, IsMadeInPlaceOfAFile) {
   const std::string all = "export --from 2001-01-01T00:00:00 ";
   EXPECT_EQ(tarn(all).exitCode, 2) << "neither";

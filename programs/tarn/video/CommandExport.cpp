@@ -1,5 +1,7 @@
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include "Command.h"
 #include "Console.h"
 #include "RecorderHint.h"
@@ -11,6 +13,10 @@
 
 namespace tarn {
 namespace {
+
+constexpr char kCardSum[] = "--card-sum";
+constexpr char kHashOfChanging[] =
+    "--hash-card is for a card whose bytes stay as they are: --card CARD --read-only";
 
 class CommandExport : public Command {
  public:
@@ -40,6 +46,12 @@ class CommandExport : public Command {
                     "log, a manifest with sums and a report")
         ->type_name("DIR")
         ->excludes(output);
+    app->add_flag(
+           "--hash-card", hashCard_,
+           "Name the SHA-256 of the whole card, too, in the evidence folder; for a card that is "
+           "only read")
+        ->needs("--evidence");
+    app->add_option(kCardSum, cardSum_)->group("");
     app->add_flag_callback(
         "--no-sound", [this] { request_.sound = false; }, "Leave out the recorded sound");
     app->add_flag("--tracks", request_.tracks, "Several channels into one .mp4, a track each")
@@ -76,6 +88,28 @@ class CommandExport : public Command {
     return good ? kExitGood : kExitFailed;
   }
 
+  // What changes in the view is in memory only, and the card itself is not there to be read.
+  bool beforeView(const std::string& card, bool readOnly, WordsAsGiven* words,
+                  std::string* error) override {
+    if (!hashCard_) return true;
+    *error = kHashOfChanging;
+    if (!readOnly) return false;
+    ProgressLine line;
+    uint64_t blocks = 0;
+    const auto shown = [&] {
+      if (++blocks % 400 == 0) line.show(std::to_string(blocks / 4) + " MiB of the card read");
+      return false;
+    };
+    const size_t slash = card.rfind('/');
+    const bool here = slash == std::string::npos;
+    FileSum sum;
+    if (!sumFile(here ? "." : card.substr(0, slash), here ? card : card.substr(slash + 1), shown,
+                 &sum, error))
+      return false;
+    words->insert(words->end(), {kCardSum, sum.sha256 + ":" + std::to_string(sum.bytes)});
+    return true;
+  }
+
   std::vector<std::string*> userPaths() override {
     std::vector<std::string*> paths = seal_.paths();
     // Of a folder that is named as one, what it lies in is looked for.
@@ -97,6 +131,14 @@ class CommandExport : public Command {
     request.folder = evidence_;
     request.overwrite = request_.overwrite;
     if (seal_.asked()) request.seal = seal_.request();
+    if (hashCard_ && cardSum_.empty()) {
+      complain(kHashOfChanging);
+      return kExitFailed;
+    }
+    const size_t mark = cardSum_.find(':');
+    if (hashCard_ && mark != std::string::npos)
+      request.card = FileSum{cardName(card_), strtoull(cardSum_.c_str() + mark + 1, nullptr, 10),
+                             cardSum_.substr(0, mark)};
     EvidenceExporter exporter(request);
     const bool good = runShown(&exporter, "steps");
     if (exporter.beganAnew())
@@ -143,6 +185,8 @@ class CommandExport : public Command {
   }
 
   ExportRequest request_;
+  bool hashCard_ = false;
+  std::string cardSum_;   // in a view: SHA256:BYTES of the card around it
   std::string evidence_;  // a folder; "": a file is written
   SealOptions seal_;
   bool json_ = false;
