@@ -102,6 +102,21 @@ TEST_F(CardArchiverTest, PicturesThatTheCardGivesLaterReplaceAClipThatLacksThem)
   EXPECT_EQ(files(), 3u);
 }
 
+TEST_F(CardArchiverTest, EventDuringWhichNothingWasRecordedHasALineAndNoClip) {
+  ASSERT_EQ(session.close(), 0);
+  DB_EVENT event = {};
+  event.extTrg = 9;
+  event.startDate = kStart + 5000;
+  event.endDate = event.startDate + 2;
+  CApiDb().insertEvent(&event);
+  ASSERT_THAT(allEvents(), SizeIs(1));
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_EQ(files(), 3u) << "of the recording alone";
+  EXPECT_THAT(index(), HasSubstr("\"kind\":\"event\",\"recorder\":\"van-7\",\"channel\":null,"
+                                 "\"start\":\"2023-11-14T23:36:40.000+00:00\""));
+  EXPECT_THAT(index(), HasSubstr("\"trigger\":9,"));
+}
+
 TEST_F(CardArchiverTest, AStopLeavesNothingHalfAndIsAnError) {
   ASSERT_EQ(session.close(), 0);
   int asked = 0;
