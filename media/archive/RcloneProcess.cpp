@@ -82,6 +82,7 @@ bool RcloneProcess::start(const std::vector<std::string>& arguments, bool feed) 
   std::vector<std::string> all = {"rclone", "--ask-password=false", "--log-level", "ERROR"};
   all.insert(all.end(), arguments.begin(), arguments.end());
   std::vector<char*> words;
+  words.reserve(all.size() + 1);
   for (std::string& word : all) words.push_back(word.data());
   words.push_back(nullptr);
   int ends[2];
