@@ -102,7 +102,11 @@ void ContainerInput::noteLeftOut() {
   }
   const uint8_t* matrix = av_stream_get_side_data(stream_, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
   if (matrix == nullptr) return;
-  const double angle = av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
+  const auto* m = reinterpret_cast<const int32_t*>(matrix);
+  // A determinant below 0 is that of a mirror.
+  if (int64_t{m[0]} * m[4] < int64_t{m[1]} * m[3])
+    leftOut_.push_back("its mirroring is not recorded");
+  const double angle = av_display_rotation_get(m);
   const long degrees = std::isnan(angle) ? 0 : std::lround(angle);
   if (degrees != 0)
     leftOut_.push_back("its rotation by " + std::to_string(degrees) + " degrees is not recorded");

@@ -151,9 +151,15 @@ bool EvidenceExporter::Impl::takeVideo(ExportedChannel exported) {
   const bool nothing = exported.totals.written == 0 && exported.sound.frames == 0;
   if (!exported.error.empty() && !nothing && !channel->hasUnreadable()) return fail(exported.error);
   const std::string inside = folder_.part() + "/";
-  if (exported.path.compare(0, inside.size(), inside) == 0) exported.path.erase(0, inside.size());
+  const auto strip = [&inside](std::string* path) {
+    if (path->compare(0, inside.size(), inside) == 0) path->erase(0, inside.size());
+  };
+  strip(&exported.path);
+  std::vector<FormatChange>& changes = exported.totals.changes;
+  for (FormatChange& change : changes) strip(&change.next);
   channel->videos.push_back(exported);
   exported.path = request_.folder + "/" + exported.path;
+  for (FormatChange& change : changes) change.next = request_.folder + "/" + change.next;
   exported_.push_back(exported);
   return true;
 }
