@@ -36,6 +36,16 @@ bool needsMov(const DB_STREAM& row) {
   return codec == SoundCodec::kAlaw || codec == SoundCodec::kMulaw;
 }
 
+// The paths of a file and of those that go on behind it, with another beginning.
+void movePaths(const std::string& from, const std::string& to, ExportedChannel* exported) {
+  const auto move = [&](std::string* path) {
+    if (!path->empty() && path->compare(0, from.size(), from) == 0)
+      *path = to + path->substr(from.size());
+  };
+  move(&exported->path);
+  for (FormatChange& change : exported->totals.changes) move(&change.next);
+}
+
 }  // namespace
 
 class EvidenceExporter::Impl {
@@ -150,16 +160,9 @@ bool EvidenceExporter::Impl::takeVideo(ExportedChannel exported) {
   EvidenceChannel* channel = storyOf(exported.channel);
   const bool nothing = exported.totals.written == 0 && exported.sound.frames == 0;
   if (!exported.error.empty() && !nothing && !channel->hasUnreadable()) return fail(exported.error);
-  const std::string inside = folder_.part() + "/";
-  const auto strip = [&inside](std::string* path) {
-    if (path->compare(0, inside.size(), inside) == 0) path->erase(0, inside.size());
-  };
-  strip(&exported.path);
-  std::vector<FormatChange>& changes = exported.totals.changes;
-  for (FormatChange& change : changes) strip(&change.next);
+  movePaths(folder_.part() + "/", "", &exported);
   channel->videos.push_back(exported);
-  exported.path = request_.folder + "/" + exported.path;
-  for (FormatChange& change : changes) change.next = request_.folder + "/" + change.next;
+  movePaths("", request_.folder + "/", &exported);
   exported_.push_back(exported);
   return true;
 }

@@ -107,7 +107,15 @@ void Manifest::addVideo(const ExportedChannel& video) {
   json_.key("lost").number(static_cast<int64_t>(totals.lost));
   json_.key("damaged").number(static_cast<int64_t>(totals.damaged));
   json_.key("leftOut").number(static_cast<int64_t>(totals.undecodable));
-  json_.key("damages").beginArray();
+  json_.key("goesOnIn").beginArray();
+  for (const FormatChange& change : totals.changes) {
+    json_.beginObject();
+    addTime("time", true, change.time);
+    json_.key("file").text(change.next).end();
+  }
+  json_.end().key("recorderZones").beginArray();
+  for (const int32_t offset : totals.zones) json_.text(TimeText::offset(offset));
+  json_.end().key("damages").beginArray();
   for (const DamagedRun& run : totals.damages) {
     json_.beginObject().key("recording").number(run.streamID);
     json_.key("firstIndex").number(run.firstIndex).key("lastIndex").number(run.lastIndex);

@@ -54,11 +54,13 @@ class EvidenceExporterTest : public testing::Test {
     ASSERT_EQ(writer.append("long behind", 11, kBegin + 1000), 0);
     ASSERT_EQ(writer.close(), 0) << writer.errorText();
   }
-  static void record(int64_t from, bool withEvent) {
+  // `wide`: 80 pixels instead of 64.
+  static void record(int64_t from, bool withEvent, bool wide = false) {
     tarn::RecordingSession session;
     ASSERT_TRUE(openSession(session));
     for (int64_t i = 0; i < 50; ++i) {
-      const tarn::OutputPicture one = pictureAt(from + i * 40000, i % 25 == 0);
+      tarn::OutputPicture one = pictureAt(from + i * 40000, i % 25 == 0);
+      if (wide && one.key) one.annexB[9] = 0x15;
       ASSERT_EQ(
           session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, one.key),
           0);
@@ -142,6 +144,8 @@ TEST_F(EvidenceExporterTest, TheManifestTellsGapsEventsRecordingsAndTheCard) {
   const json& channel = told["channels"][0];
   EXPECT_EQ(channel["channel"], 0);
   EXPECT_EQ(channel["videos"][0]["pictures"], 100);
+  EXPECT_EQ(channel["videos"][0]["recorderZones"], json::array({"+02:00"}));
+  EXPECT_EQ(channel["videos"][0]["goesOnIn"], json::array());
   ASSERT_EQ(channel["recordings"].size(), 2u);
   EXPECT_EQ(channel["recordings"][1]["pictures"], 50);
   EXPECT_EQ(channel["recordings"][1]["first"], "2023-11-15T00:13:40.123+02:00");
@@ -156,6 +160,21 @@ TEST_F(EvidenceExporterTest, TheManifestTellsGapsEventsRecordingsAndTheCard) {
   EXPECT_EQ(told["log"]["lines"], 2);
   EXPECT_EQ(told["card"]["deviceBytes"], rig.card.size());
   EXPECT_EQ(told["card"]["families"].size(), size_t{tarn::kFileTypeCount});
+}
+
+TEST_F(EvidenceExporterTest, EachFileOfAChannelIsNamedByWhereItEndsUp) {
+  record(40 * kSecond, false, true);
+  tarn::EvidenceRequest wanted = request();
+  wanted.what.to = tarn::PictureTime{kBegin + 60, 0};
+  tarn::EvidenceExporter exporter(wanted);
+  ASSERT_TRUE(exporter.run()) << exporter.error();
+  const json videos = manifest()["channels"][0]["videos"];
+  ASSERT_EQ(videos.size(), 2u) << videos;
+  const std::string second = videos[1]["file"];
+  EXPECT_EQ(videos[0]["goesOnIn"][0]["file"], second);
+  EXPECT_TRUE(exists(std::string(kDir) + "/" + second)) << second;
+  ASSERT_EQ(exporter.channels().size(), 2u);
+  EXPECT_EQ(exporter.channels()[0].totals.changes.at(0).next, std::string(kDir) + "/" + second);
 }
 
 TEST_F(EvidenceExporterTest, TheReportNeedsNothingAndIsNotSteeredByTheLog) {
