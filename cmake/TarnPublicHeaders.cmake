@@ -33,4 +33,4 @@ set(TARN_MEDIA_PUBLIC_HEADERS  # installed with the media library
   media/record/MediaRecorder.h media/record/RecordConfig.h media/record/RecordListener.h
   media/record/RecordRequest.h media/record/SafetyWatch.h
   media/seal/FileSealer.h media/seal/FileVerifier.h media/seal/SealRequest.h
-  media/export/ExportReport.h media/export/ExportRequest.h media/export/MediaExporter.h)
+  media/PictureSize.h media/export/ExportReport.h media/export/ExportRequest.h media/export/MediaExporter.h)
