@@ -1,6 +1,7 @@
 #pragma once
 
 #include <openssl/evp.h>
+#include <openssl/provider.h>
 #include <openssl/x509.h>
 
 #include <array>
@@ -20,6 +21,7 @@ struct CryptoDeleter {
   void operator()(X509_STORE* store) const { X509_STORE_free(store); }
   void operator()(X509_STORE_CTX* context) const { X509_STORE_CTX_free(context); }
   void operator()(BIO* bio) const { BIO_free_all(bio); }
+  void operator()(OSSL_PROVIDER* provider) const { OSSL_PROVIDER_unload(provider); }
 };
 template <class T>
 using CryptoOwned = std::unique_ptr<T, CryptoDeleter>;

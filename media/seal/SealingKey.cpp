@@ -2,7 +2,6 @@
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
-#include <openssl/provider.h>
 #include <openssl/store.h>
 #include <openssl/ui.h>
 #include <unistd.h>
@@ -43,9 +42,10 @@ bool SealingKey::fail(const std::string& text) {
 
 bool SealingKey::loadKey(const std::string& place) {
   if (isToken(place)) {
-    // Where the configuration does not name it, it may still be installed.
-    OSSL_PROVIDER_load(nullptr, "default");
-    OSSL_PROVIDER_load(nullptr, "pkcs11");
+    // Where the configuration does not name it, it may still be installed. What else is worked with
+    // stays there as it is.
+    constexpr int kKeepOthers = 1;
+    tokens_.reset(OSSL_PROVIDER_try_load(nullptr, "pkcs11", kKeepOthers));
     ERR_clear_error();
     key_ = firstKey(place);
     if (key_ == nullptr)

@@ -31,6 +31,7 @@ class TARN_API SealingKey {
   bool loadCertificate(const std::string& path);
   bool provePair();
 
+  CryptoOwned<OSSL_PROVIDER> tokens_;  // goes after the key that is in one
   CryptoOwned<EVP_PKEY> key_;
   CryptoOwned<X509> x509_;
   std::vector<uint8_t> certificate_;
