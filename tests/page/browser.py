@@ -113,14 +113,17 @@ class Page:
 
     # Of every picture that reaches the screen: the time that the page shows, and its grey.
     def watch(self, channel_index=0):
+        """From now on seen() has, of each picture that reached the screen, the time that the page tells, its grey,
+        and how many milliseconds later that was taken: the video may have gone on meanwhile."""
         self.driver.execute_script("""
           const video = document.querySelectorAll('video')[arguments[0]], clock = document.getElementById('clock');
           const canvas = Object.assign(document.createElement('canvas'), {width: 4, height: 4});
           const pen = canvas.getContext('2d', {willReadFrequently: true});
           window.seen = [];
-          const take = () => {
+          const take = (now, picture) => {
             pen.drawImage(video, 0, 0, 4, 4);
-            window.seen.push([Number(clock.dataset.ms), pen.getImageData(1, 1, 1, 1).data[1]]);
+            const late = performance.now() - picture.presentationTime;
+            window.seen.push([Number(clock.dataset.ms), pen.getImageData(1, 1, 1, 1).data[1], late]);
             video.requestVideoFrameCallback(take);
           };
           video.requestVideoFrameCallback(take);""", channel_index)
