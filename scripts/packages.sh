@@ -1,7 +1,7 @@
 # Debian packages, by what they are needed for. Sourced by the commands.
 # shellcheck shell=bash disable=SC2034
 build_packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcli11-dev libfmt-dev
-  nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev libssl-dev libmicrohttpd-dev
+  nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev libssl-dev libzstd-dev libmicrohttpd-dev
   libfuse3-dev libewf-dev)
 # 32-bit ARM: built here and run through QEMU.
 arm_packages=(g++-arm-linux-gnueabihf qemu-user googletest)
@@ -13,7 +13,7 @@ camera_packages=(gir1.2-gst-rtsp-server-1.0 python3-gi gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-bad)
 demo_packages=(python3-imageio ffmpeg dosfstools "${camera_packages[@]}")
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
-  file man-db dpkg-dev lintian systemd procps doxygen abigail-tools python3-cryptography rclone "${camera_packages[@]}")
+  file man-db dpkg-dev lintian systemd procps doxygen abigail-tools python3-cryptography rclone zstd "${camera_packages[@]}")
 # A browser, for the tests of the page; where there is none they are skipped.
 browser_packages=(chromium chromium-driver python3-selenium)
 bench_packages=(libbenchmark-dev nbdkit libnbd-bin util-linux python3-imageio ffmpeg)

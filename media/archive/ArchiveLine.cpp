@@ -38,6 +38,14 @@ void addObject(Json* json, const ArchiveLine& line) {
   (*json)["missing"] = line.missing;
   (*json)["undecodable"] = line.undecodable;
   (*json)["soundLeftOut"] = line.soundLeftOut;
+  if (!line.sealed) return;
+  (*json)["sealed"] = true;
+  (*json)["contentSha256"] = line.contentSha256;
+}
+
+// Where it has something to say: lines of former releases have less.
+void addText(Json* json, const char* name, const std::string& text) {
+  if (!text.empty()) (*json)[name] = text;
 }
 
 void takeObject(const Json& json, ArchiveLine* line) {
@@ -51,6 +59,8 @@ void takeObject(const Json& json, ArchiveLine* line) {
   line->missing = numberIn(json, "missing");
   line->undecodable = numberIn(json, "undecodable");
   line->soundLeftOut = numberIn(json, "soundLeftOut");
+  line->sealed = json.find("sealed") != json.end();
+  line->contentSha256 = textIn(json, "contentSha256");
 }
 
 }  // namespace
@@ -62,8 +72,13 @@ std::string ArchiveLine::text() const {
                {"startMs", startMs},    {"endMs", endMs}};
   if (key != 0) json["key"] = key;
   if (copyOf != 0) json["copyOf"] = copyOf;
-  if (key != 0) json["trigger"] = trigger;
+  if (key != 0 && kind != "finding") json["trigger"] = trigger;
   if (kind == "event") json["preSeconds"] = preSeconds;
+  addText(&json, "reason", reason);
+  addText(&json, "finding", finding);
+  addText(&json, "consequence", consequence);
+  addText(&json, "text", words);
+  addText(&json, "meaning", meaning);
   if (!object.empty()) addObject(&json, *this);
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
@@ -82,6 +97,11 @@ bool ArchiveLine::parse(const std::string& text, ArchiveLine* line) {
   line->copyOf = static_cast<uint32_t>(numberIn(json, "copyOf"));
   line->trigger = static_cast<uint32_t>(numberIn(json, "trigger"));
   line->preSeconds = static_cast<uint32_t>(numberIn(json, "preSeconds"));
+  line->reason = textIn(json, "reason");
+  line->finding = textIn(json, "finding");
+  line->consequence = textIn(json, "consequence");
+  line->words = textIn(json, "text");
+  line->meaning = textIn(json, "meaning");
   takeObject(json, line);
   // A byte that turned over in it does not leave the line that it was.
   return line->text() == text;
@@ -90,7 +110,7 @@ bool ArchiveLine::parse(const std::string& text, ArchiveLine* line) {
 std::string ArchiveLine::identity() const {
   if (!object.empty()) return object;
   return kind + " " + std::to_string(channel) + " " + std::to_string(startMs) + " " +
-         std::to_string(key);
+         std::to_string(key) + (kind == "finding" ? " " + words : "");
 }
 
 bool ArchiveLine::operator<(const ArchiveLine& other) const {

@@ -3,20 +3,21 @@
 #include <cstdint>
 #include <string>
 
+#include "base/Export.h"
 #include "media/archive/ContentHashes.h"
 
 namespace tarn {
 
-// What an archive says of a recording, an event or a gap: the sidecar of its object and a line of
-// its day's index, in the same words (docs/fleet.md). Not part of the interface.
-struct ArchiveLine {
+// What an archive says of a recording, an event, a gap or a finding: the sidecar of its object and
+// a line of its day's index, in the same words (docs/fleet.md). Not part of the interface.
+struct TARN_API ArchiveLine {
   static constexpr int kSchema = 1;
 
-  std::string kind;  // "recording", "event" or "gap"
+  std::string kind;  // "recording", "event", "gap" or "finding"
   std::string recorder;
   int channel = -1;     // ChunkChannels::kUnknown where the card does not tell; of an event without
                         // an object none
-  uint32_t key = 0;     // of a recording or an event
+  uint32_t key = 0;     // of a recording or an event; of a finding its recording's
   uint32_t copyOf = 0;  // of a kept copy: the key of the recording that it is one of
   int64_t startMs = 0;  // since 1970
   int64_t endMs = 0;
@@ -32,6 +33,13 @@ struct ArchiveLine {
   uint64_t missing = 0;       // the same of those that could not be read
   uint64_t undecodable = 0;   // pictures left out, because their key picture is not there
   uint64_t soundLeftOut = 0;  // frames of another format than those before them
+  bool sealed = false;
+  std::string contentSha256;  // of a sealed clip as it is without its seal
+  std::string reason;         // of a gap, for programs
+  std::string words;          // of a gap: why; of a finding: what it is
+  std::string finding;        // its kind, for programs
+  std::string consequence;    // of a finding, for programs
+  std::string meaning;        // of a finding, for a person
 
   // One line of JSON, without its end.
   std::string text() const;

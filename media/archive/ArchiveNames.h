@@ -9,7 +9,9 @@
 namespace tarn {
 
 inline constexpr char kSidecarEnding[] = ".json";
-inline constexpr char kIndexName[] = "/index.jsonl";
+inline constexpr char kIndexName[] = "/index.jsonl.zst";
+// What early archives have. It counts where a day has no other, and stays where it is.
+inline constexpr char kPlainIndexName[] = "/index.jsonl";
 
 inline constexpr char kErrRecorderName[] =
     "a recorder's name has letters, digits, - and _, and 64 of them at the most";

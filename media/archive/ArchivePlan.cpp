@@ -17,8 +17,6 @@ namespace tarn {
 namespace {
 
 constexpr char kSqlEvents[] = "SELECT * FROM EVENT";
-// What is nearer follows without a gap: a row ends when its last picture begins.
-constexpr int64_t kLeastGapMs = 1000;
 
 int64_t msOf(uint32_t seconds, uint16_t milliseconds) {
   return int64_t{seconds} * 1000 + milliseconds;
@@ -43,15 +41,10 @@ void sortNewestFirst(std::vector<ArchiveLine>* lines, size_t from) {
 
 }  // namespace
 
-// As an export sorts them.
-int ArchivePlan::channelOf(const DB_STREAM& row) const {
-  return isKept(row) ? keptChannel(row) : chunks_.of(row.chunkID);
-}
-
 bool ArchivePlan::readRows() {
   CApiDb database;
   RowQueries queries(&database, nullptr);
-  if (chunks_.read(&error_) != 0) return false;
+  if (!story_.read(&error_)) return false;
   if (streamsOfPeriod(0, UINT32_MAX, 0, &rows_) && queries.events(kSqlEvents, &events_))
     return true;
   error_ = kDatabaseUnread;
@@ -65,7 +58,8 @@ bool ArchivePlan::read(const StopAsked& stopAsked) {
   const size_t recordings = clips_.size();
   for (const DB_STREAM& row : rows_) addRecording(row);
   sortNewestFirst(&clips_, recordings);
-  addGaps();
+  const std::vector<ArchiveLine> gaps = story_.gapsBetween(rows_);
+  others_.insert(others_.end(), gaps.begin(), gaps.end());
   return true;
 }
 
@@ -139,37 +133,10 @@ void ArchivePlan::addRecording(const DB_STREAM& row) {
   addClip(line, rows);
 }
 
-void ArchivePlan::addGap(int channel, int64_t fromMs, int64_t toMs) {
-  ArchiveLine line;
-  line.kind = "gap";
-  line.recorder = recorder_;
-  line.channel = channel;
-  line.startMs = fromMs;
-  line.endMs = toMs;
-  others_.push_back(line);
-}
-
-// Kept copies are what is left of a time that the ring has overwritten: around them nothing is
-// missing that was not recorded.
-void ArchivePlan::addGaps() {
-  std::map<int, std::vector<DB_STREAM>> videoOf;
-  for (const DB_STREAM& row : rows_) {
-    if (!isSound(row) && !isKept(row)) videoOf[channelOf(row)].push_back(row);
-  }
-  for (auto& [channel, rows] : videoOf) {
-    std::sort(rows.begin(), rows.end(), [](const DB_STREAM& a, const DB_STREAM& b) {
-      return msOf(a.startDate, a.startMSec) < msOf(b.startDate, b.startMSec);
-    });
-    int64_t coveredMs = INT64_MAX;  // nothing is known of what was before
-    for (const DB_STREAM& row : rows) {
-      const int64_t startMs = msOf(row.startDate, row.startMSec);
-      if (&row != &rows.front() && coveredMs < startMs - kLeastGapMs)
-        addGap(channel, coveredMs, startMs);
-      // One that runs is not over: nothing behind it is a gap.
-      const int64_t endMs = isRunning(row) ? INT64_MAX : msOf(row.endDate, row.endMSec);
-      coveredMs = &row == &rows.front() ? endMs : std::max(coveredMs, endMs);
-    }
-  }
+const DB_STREAM* ArchivePlan::rowOf(uint32_t key) const {
+  const auto found = std::find_if(rows_.begin(), rows_.end(),
+                                  [&](const DB_STREAM& row) { return row.streamID == key; });
+  return found != rows_.end() ? &*found : nullptr;
 }
 
 }  // namespace tarn

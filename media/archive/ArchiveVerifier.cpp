@@ -100,7 +100,8 @@ bool ArchiveVerifier::Impl::verifyLine(const ArchiveLine& line) {
 void ArchiveVerifier::Impl::findUnlisted(const std::string& day) {
   for (auto object = held_.lower_bound(day + "/"); object != held_.end(); ++object) {
     if (object->compare(0, day.size() + 1, day + "/") != 0) break;
-    if (*object == day + kIndexName || listed_.count(*object) != 0) continue;
+    if (*object == day + kIndexName || *object == day + kPlainIndexName) continue;
+    if (listed_.count(*object) != 0) continue;
     note(*object, endsIn(*object, kPartEnding)
                       ? "is left over from a run that was interrupted"
                       : "is not in its day's index; archive the card again, or it is not of an "
@@ -110,13 +111,15 @@ void ArchiveVerifier::Impl::findUnlisted(const std::string& day) {
 
 bool ArchiveVerifier::Impl::verifyDay(const std::string& day) {
   DayIndex index(store_.get(), day);
-  if (held_.count(day + kIndexName) == 0) {
+  const char* const name = held_.count(day + kIndexName) != 0 ? kIndexName : kPlainIndexName;
+  if (held_.count(day + name) == 0) {
     note(day, "has no index");
-  } else if (!index.read()) {
+  } else if (!index.read(name)) {
     return fail(store_->error());
   }
+  if (index.isBroken()) note(day + name, "is damaged: it cannot be unpacked");
   if (index.brokenLines() > 0)
-    note(day + kIndexName, "has " + std::to_string(index.brokenLines()) + " damaged lines");
+    note(day + name, "has " + std::to_string(index.brokenLines()) + " damaged lines");
   for (const auto& one : index.lines()) {
     if (stopAsked_ && stopAsked_()) return fail(kErrVerifyStopped);
     if (!verifyLine(one.second)) return false;

@@ -46,6 +46,7 @@ class CardArchiver::Impl {
   bool sendSidecar(const ArchiveLine& line);
   bool put(const std::string& name, const ByteSource& source, ArchiveStore::Stored* stored);
   bool updateIndexes(const ArchivePlan& plan);
+  bool addStories(const ArchivePlan& plan);
   bool addSidecars(const std::string& day, DayIndex* index);
   bool indexOf(const std::string& day, DayIndex** index);
   void noteMissing(const ArchiveLine& line);
@@ -56,6 +57,7 @@ class CardArchiver::Impl {
   std::unique_ptr<ArchiveStore> store_;
   std::map<std::string, int64_t> held_;      // objects of the archive with their bytes
   std::map<std::string, DayIndex> indexes_;  // by day's folder, those that were asked for
+  std::set<std::string> fresh_;              // recordings that were sent
   size_t done_ = 0;
   size_t clips_ = 0;
   uint64_t sent_ = 0;
@@ -115,8 +117,11 @@ bool CardArchiver::Impl::isWanted(const ArchiveLine& clip) const {
 bool CardArchiver::Impl::indexOf(const std::string& day, DayIndex** index) {
   const auto [place, isNew] = indexes_.try_emplace(day, store_.get(), day);
   *index = &place->second;
-  if (!isNew || held_.count(day + kIndexName) == 0 || place->second.read()) return true;
-  return fail(store_->error());
+  if (!isNew) return true;
+  for (const char* name : {kIndexName, kPlainIndexName}) {
+    if (held_.count(day + name) != 0) return place->second.read(name) || fail(store_->error());
+  }
+  return true;
 }
 
 // A clip counts once its sidecar is there. One that lacks pictures is made again, and replaced
@@ -183,6 +188,7 @@ bool CardArchiver::Impl::send(const ArchiveLine& clip) {
   DayIndex* index = nullptr;
   if (!indexOf(dayOf(line.object), &index)) return false;
   index->add(line);
+  if (line.kind == "recording") fresh_.insert(line.object);
   noteMissing(line);
   report_.uploaded.push_back(line.object);
   report_.bytes += line.bytes;
@@ -226,6 +232,34 @@ bool CardArchiver::Impl::addSidecars(const std::string& day, DayIndex* index) {
   return true;
 }
 
+// What an index says beside the sidecars of the recordings that are new to it. A card is recorded
+// on while this runs: what is wrong with a recording that has gone meanwhile is no finding of it.
+bool CardArchiver::Impl::addStories(const ArchivePlan& plan) {
+  std::vector<DB_STREAM> rows;
+  std::map<uint32_t, DayIndex*> indexOfKey;
+  for (const ArchiveLine& clip : plan.clips()) {
+    DayIndex* index = nullptr;
+    if (clip.kind != "recording") continue;
+    if (!indexOf(dayOf(clip.object), &index)) return false;
+    const bool isNew = fresh_.count(clip.object) != 0 || !index->had(clip.object);
+    const DB_STREAM* row = plan.rowOf(clip.key);
+    if (!isNew || index->find(clip.object) == nullptr || row == nullptr) continue;
+    index->forgetStory(clip);
+    for (const ArchiveLine& gap : plan.story().gapsInside(*row)) {
+      DayIndex* ofGap = nullptr;
+      if (!indexOf(folderOfDay(report_.recorder, gap.startMs), &ofGap)) return false;
+      ofGap->add(gap);
+    }
+    rows.push_back(*row);
+    indexOfKey[clip.key] = index;
+  }
+  std::vector<ArchiveLine> findings;
+  if (!rows.empty() && !plan.story().findings(rows, plan.events(), stopAsked_, &findings, &error_))
+    return false;
+  for (const ArchiveLine& one : findings) indexOfKey[one.key]->add(one);
+  return true;
+}
+
 // Days of which the card holds something, and those that have no index yet.
 bool CardArchiver::Impl::updateIndexes(const ArchivePlan& plan) {
   std::set<std::string> days;
@@ -235,17 +269,21 @@ bool CardArchiver::Impl::updateIndexes(const ArchivePlan& plan) {
     if (!day.empty() && held_.count(day + kIndexName) == 0) days.insert(day);
   }
   DayIndex* index = nullptr;
+  for (const std::string& day : days) {
+    if (!indexOf(day, &index) || !addSidecars(day, index)) return false;
+  }
+  if (!addStories(plan)) return false;
   for (const ArchiveLine& line : plan.others()) {
     const std::string day = folderOfDay(report_.recorder, line.startMs);
     if (!indexOf(day, &index)) return false;
+    if (line.kind == "gap" && index->fills(line)) continue;
     index->add(line);
     days.insert(day);
   }
-  for (const std::string& day : days) {
+  for (auto& [day, one] : indexes_) {
     bool written = false;
-    if (!indexOf(day, &index) || !addSidecars(day, index)) return false;
-    if (index->lines().empty()) continue;
-    if (!index->write(&written)) return fail(store_->error());
+    if (one.lines().empty()) continue;
+    if (!one.write(&written)) return fail(store_->error());
     if (written) ++report_.indexes;
   }
   return true;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "media/archive/ArchiveLine.h"
+#include "media/archive/ArchiveNames.h"
 #include "media/archive/ArchiveStore.h"
 
 namespace tarn {
@@ -16,13 +17,21 @@ class DayIndex {
   // `day`: its folder.
   DayIndex(ArchiveStore* store, const std::string& day) : store_(store), day_(day) {}
 
-  // What the storage has of it. Lines that are none are left out, and counted. False with the
+  // What the storage has of it, under this name, packed or not. Lines that are none are left out,
+  // and counted; a packed one that cannot be unpacked has no lines, and isBroken(). False with the
   // storage's error.
-  bool read();
+  bool read(const char* name = kIndexName);
   size_t brokenLines() const { return broken_; }
+  bool isBroken() const { return isBroken_; }
+  // Whether read() found it.
+  bool had(const std::string& identity) const { return had_.count(identity) != 0; }
   // Reads a sidecar and adds what it says, where it is one. False with the storage's error.
   bool addSidecar(const std::string& name);
   void add(const ArchiveLine& line) { lines_[line.identity()] = line; }
+  // Forgets what was said of a recording beside its own line: findings, and gaps within it.
+  void forgetStory(const ArchiveLine& recording);
+  // Whether it has a recording that lies in a gap: the card has given that up, the archive not.
+  bool fills(const ArchiveLine& gap) const;
   const ArchiveLine* find(const std::string& identity) const;
   const std::map<std::string, ArchiveLine>& lines() const { return lines_; }
   // Writes it where it is not what the storage has. False with the storage's error.
@@ -35,8 +44,10 @@ class DayIndex {
   ArchiveStore* store_;
   const std::string day_;
   std::map<std::string, ArchiveLine> lines_;  // by their identity
-  std::string stored_;
+  std::set<std::string> had_;
+  std::string stored_;  // the text that the storage has, packed
   size_t broken_ = 0;
+  bool isBroken_ = false;
 };
 
 }  // namespace tarn

@@ -26,6 +26,11 @@ void GapFinder::picture(int64_t us) {
   damaged_ = unreadable_ = ended_ = false;
 }
 
+void GapFinder::stretch(int64_t fromUs, int64_t toUs) {
+  picture(fromUs);
+  lastUs_ = std::max(lastUs_, toUs);
+}
+
 void GapFinder::missing(Delivery why) {
   (why == Delivery::kRefused ? unreadable_ : damaged_) = true;
 }

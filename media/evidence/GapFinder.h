@@ -28,6 +28,9 @@ class TARN_API GapFinder {
   void beginAt(int64_t us);
   void recording(const DB_STREAM* row);
   void picture(int64_t us);
+  // Instead of the pictures of a recording that are not looked at one by one: nothing is missing in
+  // between.
+  void stretch(int64_t fromUs, int64_t toUs);
   // Instead of a picture, or of all of a recording.
   void missing(Delivery why);
   void endAt(int64_t us);

@@ -65,7 +65,8 @@ void JournalExtract::add(const JournalCopies& copies, uint32_t position, uint32_
   }
 }
 
-bool JournalExtract::writeOne(JournalKind kind, EvidenceFolder* folder, const char* name) {
+// The records that are wanted, as they lie there.
+std::string JournalExtract::readOne(JournalKind kind) {
   const JournalTraits& traits = journalTraits(kind);
   const auto chunk = static_cast<uint32_t>(traits.chunk);
   ChunkSource original(kFileJournal, chunk, O_RDONLY);
@@ -84,8 +85,14 @@ bool JournalExtract::writeOne(JournalKind kind, EvidenceFolder* folder, const ch
     add(copies, at, traits.recordSize, &out);
     ++count;
   }
-  return folder->write(name, out);
+  return out;
 }
+
+bool JournalExtract::writeOne(JournalKind kind, EvidenceFolder* folder, const char* name) {
+  return folder->write(name, readOne(kind));
+}
+
+void JournalExtract::read() { readOne(JournalKind::kStream); }
 
 bool JournalExtract::write(EvidenceFolder* folder) {
   return writeOne(JournalKind::kStream, folder, "original/journal-recordings.bin") &&

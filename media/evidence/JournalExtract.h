@@ -21,8 +21,11 @@ class JournalExtract {
   // Into original/journal-recordings.bin and original/journal-events.bin. False with the folder's
   // error when they cannot be written; a journal that cannot be read is told by `journal`.
   bool write(EvidenceFolder* folder);
+  // Only into what the constructor was given.
+  void read();
 
  private:
+  std::string readOne(JournalKind kind);
   bool writeOne(JournalKind kind, EvidenceFolder* folder, const char* name);
   bool isWanted(JournalKind kind, const uint8_t* record);
   bool isWantedStream(const uint8_t* record);

@@ -34,4 +34,29 @@ int CardCheck::run(const std::string& path, const CardCheckOptions& options, std
       [&]() -> int { return memoryOut(error); });
 }
 
+int CardCheck::runOn(const std::string& path, const std::vector<DB_STREAM>& rows,
+                     const std::vector<DB_EVENT>& events, const CardCheckOptions& options,
+                     std::string* error) {
+  return orNoMemory(
+      "CardCheck::runOn",
+      [&]() -> int {
+        *this = CardCheck();
+        CardContents contents;
+        contents.progress = options.progress;
+        contents.wholePictures = options.wholePictures;
+        for (const DB_STREAM& row : rows) contents.streams[row.streamID] = row;
+        for (const DB_EVENT& event : events) contents.events[event.eventID] = event;
+        if (contents.card.open(path, error) != 0) return -1;
+        if (!checkRows(&contents)) {
+          *error = "stopped before all recordings of " + path + " were looked at";
+          return -1;
+        }
+        findings_ = contents.findings;
+        streamRows_ = static_cast<uint32_t>(contents.streams.size());
+        pictures_ = contents.pictures;
+        return 0;
+      },
+      [&]() -> int { return memoryOut(error); });
+}
+
 }  // namespace tarn

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/Export.h"
+#include "db/DbRecords.h"
 #include "recorder/check/CardFinding.h"
 
 namespace tarn {
@@ -28,6 +29,12 @@ class TARN_API CardCheck {
  public:
   // 0, or -1 with the reason in *error when there is no card to look at, or when it was stopped.
   int run(const std::string& path, const CardCheckOptions& options, std::string* error);
+
+  // The same of these recordings alone, whose rows the caller has, and which are closed: for a card
+  // that is recorded on meanwhile. `events` are for the texts.
+  int runOn(const std::string& path, const std::vector<DB_STREAM>& rows,
+            const std::vector<DB_EVENT>& events, const CardCheckOptions& options,
+            std::string* error);
 
   const CardFindings& findings() const { return findings_; }
   // What a PC left on the card that only had it mounted, in a sentence each: its mark, a folder of

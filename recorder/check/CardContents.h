@@ -39,6 +39,7 @@ void checkVolume(CardContents* contents);
 void checkManagement(CardContents* contents);
 void checkJournals(CardContents* contents);  // fills in the rows
 bool checkRecordings(CardContents* contents);
+bool checkRows(CardContents* contents);  // of it only the recordings, and no event
 void checkRings(CardContents* contents);
 void checkLog(CardContents* contents);
 

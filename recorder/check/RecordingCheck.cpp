@@ -349,13 +349,18 @@ void findEventsWithoutVideo(CardContents* contents) {
 
 }  // namespace
 
-bool checkRecordings(CardContents* contents) {
+bool checkRows(CardContents* contents) {
   for (const auto& [key, row] : contents->streams) {
     RecordingCheck(contents, row).run();
     ++contents->recordings;
     contents->step();
     if (contents->stopped) return false;
   }
+  return true;
+}
+
+bool checkRecordings(CardContents* contents) {
+  if (!checkRows(contents)) return false;
   for (const auto& [key, event] : contents->events) checkEvent(contents, event);
   if (!contents->rowsRefused) findEventsWithoutVideo(contents);
   return true;

@@ -9,6 +9,7 @@
 #include "media/archive/ArchiveVerifier.h"
 #include "media/archive/CardArchiver.h"
 #include "recorder/card/CardText.h"
+#include "recorder/card/TimeZone.h"
 
 namespace tarn {
 namespace {
@@ -67,6 +68,9 @@ class CommandArchive : public Command {
 
  private:
   int archive() {
+    // Findings tell times, and an archive has those of UTC.
+    std::string ignored;
+    TimeZone::choose("UTC", &ignored);
     CardArchiver archiver(settings_);
     bool good = false;
     {

@@ -1,12 +1,17 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "media/MoviePieces.h"
+#include "media/archive/ArchiveLine.h"
+#include "media/archive/ArchiveVerifier.h"
 #include "media/archive/CardArchiver.h"
+#include "media/archive/PackedText.h"
 #include "recorder/RecorderRig.h"
 
 namespace tarn_test {
@@ -17,7 +22,7 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 constexpr char kPlace[] = "/tmp/archive";
-constexpr char kDay[] = "/tmp/archive/recorder=van-7/date=2023-11-14/index.jsonl";
+constexpr char kDay[] = "/tmp/archive/recorder=van-7/date=2023-11-14/index.jsonl.zst";
 constexpr uint64_t kSlot = 32;  // header and entries in a picture chunk
 
 // Archives by the class that programs have for it.
@@ -47,7 +52,9 @@ class CardArchiverTest : public testing::Test {
   static std::string index() {
     std::ostringstream text;
     text << std::ifstream(kDay).rdbuf();
-    return text.str();
+    std::string unpacked;
+    EXPECT_TRUE(tarn::unpackText(text.str(), &unpacked));
+    return unpacked;
   }
   static size_t files() {
     size_t count = 0;
@@ -89,6 +96,9 @@ TEST_F(CardArchiverTest, PicturesThatTheCardGivesLaterReplaceAClipThatLacksThem)
   EXPECT_THAT(report.uploaded, SizeIs(1)) << "but what there is, is archived";
   EXPECT_THAT(report.incomplete, SizeIs(1));
   EXPECT_THAT(index(), testing::Not(HasSubstr("\"missing\":0,")));
+  EXPECT_THAT(index(), HasSubstr("\"kind\":\"finding\",\"recorder\":\"van-7\","));
+  EXPECT_THAT(index(), HasSubstr("\"finding\":\"entry\",\"consequence\":\"lost\","));
+  EXPECT_THAT(index(), HasSubstr("index entries are damaged"));
 
   EXPECT_FALSE(archive());
   EXPECT_THAT(report.uploaded, IsEmpty()) << "no more of it than before";
@@ -99,7 +109,51 @@ TEST_F(CardArchiverTest, PicturesThatTheCardGivesLaterReplaceAClipThatLacksThem)
   EXPECT_THAT(report.uploaded, SizeIs(1));
   EXPECT_THAT(index(), HasSubstr("\"pictures\":30,"));
   EXPECT_THAT(index(), HasSubstr("\"missing\":0,"));
+  EXPECT_THAT(index(), testing::Not(HasSubstr("finding"))) << "it was of the clip before";
   EXPECT_EQ(files(), 3u);
+}
+
+TEST_F(CardArchiverTest, GapWithinARecordingHasItsReasonAsInEvidence) {
+  const tarn::OutputPicture late = pictureAt(30 * 40000 + 5000000, true);
+  ASSERT_EQ(
+      session.writePicture(late.annexB.data(), late.annexB.size(), late.presentation, 0, true), 0);
+  ASSERT_EQ(session.close(), 0);
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_THAT(index(), HasSubstr("\"reason\":\"noRecording\","));
+}
+
+TEST_F(CardArchiverTest, IndexOfAnEarlyArchiveIsReadAndGoesOnPacked) {
+  ASSERT_EQ(session.close(), 0);
+  ASSERT_TRUE(archive()) << error;
+  const std::string text = index();
+  const std::string plain = std::string(kDay, strlen(kDay) - strlen(".zst"));
+  ASSERT_EQ(unlink(kDay), 0);
+  // Of a recording that the card has lost since, and whose sidecar is gone.
+  tarn::ArchiveLine lost;
+  lost.kind = "gap";
+  lost.recorder = "van-7";
+  lost.startMs = int64_t{kStart} * 1000 - 5000;
+  lost.endMs = lost.startMs + 3000;
+  std::ofstream(plain) << lost.text() << "\n" << text;
+  tarn::ArchiveVerifier verifier(kPlace, "");
+  EXPECT_TRUE(verifier.run(nullptr, nullptr)) << verifier.error();
+  EXPECT_THAT(verifier.findings(), IsEmpty());
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_THAT(report.uploaded, IsEmpty());
+  EXPECT_EQ(index(), lost.text() + "\n" + text);
+}
+
+TEST_F(CardArchiverTest, IndexThatCannotBeUnpackedIsMadeAgain) {
+  ASSERT_EQ(session.close(), 0);
+  ASSERT_TRUE(archive()) << error;
+  const std::string text = index();
+  std::ofstream(kDay) << "none";
+  tarn::ArchiveVerifier verifier(kPlace, "");
+  EXPECT_TRUE(verifier.run(nullptr, nullptr)) << verifier.error();
+  ASSERT_FALSE(verifier.findings().empty());
+  EXPECT_EQ(verifier.findings().front().text, "is damaged: it cannot be unpacked");
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_EQ(index(), text);
 }
 
 TEST_F(CardArchiverTest, EventDuringWhichNothingWasRecordedHasALineAndNoClip) {
