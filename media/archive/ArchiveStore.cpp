@@ -67,7 +67,7 @@ bool ArchiveStore::put(const std::string& name, const ByteSource& source, Stored
   error_.clear();
   const std::string part = name + kPartEnding;
   if (!begin(part)) return false;
-  if (send(part, source, stored) && compare(part, true, stored) == Answer::kSame &&
+  if (send(part, source, stored) && compare(part, trustsSize_, stored) == Answer::kSame &&
       rename(part, name))
     return true;
   // Why it failed is what is told, and not that there was nothing to remove.
@@ -82,21 +82,44 @@ ArchiveStore::Answer ArchiveStore::differs(const std::string& name, const std::s
   return Answer::kDiffers;
 }
 
-ArchiveStore::Answer ArchiveStore::readBack(const std::string& name, Stored* expected) {
+bool ArchiveStore::readAll(const std::string& name, Stored* got) {
   ContentHasher hasher;
-  ContentHashes hashes;
   const auto take = [&](const uint8_t* data, size_t size) {
     hasher.add(data, size);
     return true;
   };
-  if (!get(name, take)) return Answer::kFailed;
-  if (!hasher.finish(&hashes)) {
-    fail("SHA-256 of " + name + " cannot be made");
+  if (!get(name, take)) return false;
+  got->bytes = hasher.bytes();
+  return hasher.finish(&got->hashes) || fail("SHA-256 of " + name + " cannot be made");
+}
+
+// A way that changes bytes changes others the next time; so far it says nothing of the object.
+ArchiveStore::Answer ArchiveStore::confirm(const std::string& name, const Stored& got) {
+  Object seen;
+  bool same = false;
+  if (!look(name, &seen)) return Answer::kFailed;
+  if (seen.bytes >= 0 && static_cast<uint64_t>(seen.bytes) != got.bytes) {
+    fail(name + ": " + std::to_string(got.bytes) + " of its " + std::to_string(seen.bytes) +
+         " bytes came");
     return Answer::kFailed;
   }
+  if (!haveInCommon(seen.hashes, got.hashes, &same)) {
+    Stored again;
+    if (!readAll(name, &again)) return Answer::kFailed;
+    same = again.hashes.sha256 == got.hashes.sha256;
+  }
+  if (same) return Answer::kSame;
+  fail(name + ": the bytes that came are not those that the archive has");
+  return Answer::kFailed;
+}
+
+ArchiveStore::Answer ArchiveStore::readBack(const std::string& name, Stored* expected) {
+  Stored got;
+  if (!readAll(name, &got)) return Answer::kFailed;
   expected->proof = Proof::kReadBack;
-  if (hasher.bytes() == expected->bytes && hashes.sha256 == expected->hashes.sha256)
+  if (got.bytes == expected->bytes && got.hashes.sha256 == expected->hashes.sha256)
     return Answer::kSame;
+  if (confirm(name, got) == Answer::kFailed) return Answer::kFailed;
   return differs(name, "does not hold the bytes that were sent");
 }
 

@@ -19,6 +19,8 @@ using ByteSource = std::function<bool(const ByteSink& sink)>;
 
 // What an object that is being sent is called until it is whole and proven.
 inline constexpr char kPartEnding[] = ".part";
+// A remote that moves nothing for so long is given up, unless something else is asked for.
+inline constexpr uint32_t kPatienceSeconds = 120;
 
 // A place for an archive's objects, by names with slashes. An object appears under its name as a
 // whole and proven, or not at all, and none is ever removed. Used by one thread.
@@ -47,7 +49,12 @@ class TARN_API ArchiveStore {
   // Bytes in a second that put() sends at most; 0: as many as there are.
   void limitRate(uint64_t bytesPerSecond) { rate_ = RateLimit(bytesPerSecond); }
 
-  // All of these: false with error() set.
+  // How long a remote may move nothing before it is given up. A directory waits as its medium does.
+  void waitAtMost(uint32_t seconds) { patienceSeconds_ = seconds; }
+  // What has arrived where the storage tells no hash is read back, unless its size is to be enough.
+  void trustSize(bool trusts) { trustsSize_ = trusts; }
+
+  // All of these: false with error() set, which names the object.
   // Every object below a folder; none where there is no such folder.
   virtual bool list(const std::string& folder, std::vector<Object>* objects) = 0;
   virtual bool get(const std::string& name, const ByteSink& take) = 0;
@@ -61,6 +68,10 @@ class TARN_API ArchiveStore {
   // Whether an object has these bytes; by its size alone only where that is asked for. kDiffers and
   // kFailed set error().
   Answer compare(const std::string& name, bool sizeIsEnough, Stored* expected);
+  // Behind a get() whose bytes are not what they should be, and before they are called damaged:
+  // whether these are the bytes that the storage has. kFailed with error() set where the way here
+  // changed them, or may have.
+  Answer confirm(const std::string& name, const Stored& got);
 
   const std::string& error() const { return error_; }
 
@@ -76,13 +87,16 @@ class TARN_API ArchiveStore {
   bool fail(const std::string& text);
 
   std::string error_;
+  uint32_t patienceSeconds_ = kPatienceSeconds;
 
  private:
   bool send(const std::string& name, const ByteSource& source, Stored* stored);
   Answer readBack(const std::string& name, Stored* expected);
+  bool readAll(const std::string& name, Stored* got);
   Answer differs(const std::string& name, const std::string& how);
 
   RateLimit rate_{0};
+  bool trustsSize_ = false;
 };
 
 }  // namespace tarn

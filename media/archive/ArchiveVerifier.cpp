@@ -21,6 +21,7 @@ class ArchiveVerifier::Impl {
   Impl(const std::string& place, const std::string& recorder)
       : place_(place), recorder_(recorder) {}
   bool run(const StopAsked& stopAsked, const Progress& progress);
+  void waitAtMost(uint32_t seconds) { patienceSeconds_ = seconds; }
   bool failForMemory() {
     noMemory_ = true;
     return false;
@@ -41,6 +42,7 @@ class ArchiveVerifier::Impl {
 
   const std::string place_;
   const std::string recorder_;
+  uint32_t patienceSeconds_ = kPatienceSeconds;
   StopAsked stopAsked_;
   Progress progress_;
   std::unique_ptr<ArchiveStore> store_;
@@ -134,6 +136,7 @@ bool ArchiveVerifier::Impl::run(const StopAsked& stopAsked, const Progress& prog
   if (!recorder_.empty() && !isRecorderName(recorder_)) return fail(kErrRecorderName);
   store_ = ArchiveStore::open(place_, &error_);
   if (store_ == nullptr) return false;
+  store_->waitAtMost(patienceSeconds_);
   std::vector<ArchiveStore::Object> objects;
   if (!store_->list(recorder_.empty() ? "" : folderOfRecorder(recorder_), &objects))
     return fail(store_->error());
@@ -159,6 +162,10 @@ ArchiveVerifier::ArchiveVerifier(const std::string& place, const std::string& re
 }
 
 ArchiveVerifier::~ArchiveVerifier() = default;
+
+void ArchiveVerifier::waitAtMost(uint32_t seconds) noexcept {
+  if (impl_) impl_->waitAtMost(seconds);
+}
 
 bool ArchiveVerifier::run(const StopAsked& stopAsked, const Progress& progress) noexcept {
   if (!impl_) return false;

@@ -27,6 +27,8 @@ class TARN_API ArchiveVerifier {
   ArchiveVerifier(const ArchiveVerifier&) = delete;
   ArchiveVerifier& operator=(const ArchiveVerifier&) = delete;
 
+  // How long a remote may move nothing before it is given up; 120.
+  void waitAtMost(uint32_t seconds) noexcept;
   // Once. False with error() set when the archive, or a part of it, could not be read.
   bool run(const StopAsked& stopAsked, const Progress& progress) noexcept;
   const std::vector<Finding>& findings() const noexcept;  // nothing where all is as it should be

@@ -89,6 +89,8 @@ bool CardArchiver::Impl::lookAround() {
   store_ = ArchiveStore::open(settings_.place, &error_);
   if (store_ == nullptr) return false;
   store_->limitRate(settings_.bytesPerSecond);
+  store_->waitAtMost(settings_.patienceSeconds);
+  store_->trustSize(settings_.trustSize);
   std::vector<ArchiveStore::Object> objects;
   if (!store_->list(folderOfRecorder(report_.recorder), &objects)) return fail(store_->error());
   for (const ArchiveStore::Object& object : objects) held_[object.name] = object.bytes;

@@ -8,6 +8,7 @@
 #include "base/Export.h"
 #include "media/MediaInput.h"
 #include "media/archive/ArchiveReport.h"
+#include "media/archive/ArchiveStore.h"
 #include "recorder/card/PictureTime.h"
 
 namespace tarn {
@@ -25,7 +26,10 @@ class TARN_API CardArchiver {
     std::string recorder;              // "": the number of the card's volume
     std::optional<PictureTime> since;  // only what ends then or later
     uint64_t bytesPerSecond = 0;       // to send at most; 0: as many as there are
-    bool dryRun = false;               // tells what is to be sent, and sends nothing
+    uint32_t patienceSeconds =
+        kPatienceSeconds;    // that a remote may move nothing before it is given up
+    bool trustSize = false;  // no reading back from a remote that tells no hash
+    bool dryRun = false;     // tells what is to be sent, and sends nothing
   };
   // Told as it goes: the clip at hand, how many of them are done and how many there are, and bytes
   // that were sent in all.

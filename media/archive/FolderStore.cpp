@@ -18,6 +18,13 @@ constexpr char kErrFolderFull[] = "the archive is full";
 
 std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
+// A directory can be of the network, where a signal that asks this program to stop interrupts
+// calls.
+UniqueFd openPath(const std::string& path, int flags) {
+  return UniqueFd(
+      static_cast<int>(TEMP_FAILURE_RETRY(::open(path.c_str(), flags | O_CLOEXEC, 0666))));
+}
+
 }  // namespace
 
 bool FolderStore::exists(std::string* error) const {
@@ -50,11 +57,11 @@ bool FolderStore::list(const std::string& folder, std::vector<Object>* objects) 
 
 bool FolderStore::get(const std::string& name, const ByteSink& take) {
   const std::string path = pathOf(name);
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  const UniqueFd file = openPath(path, O_RDONLY | O_NOFOLLOW);
   if (!file.valid()) return failWith("read", path, errno);
   std::array<uint8_t, 64 * 1024> piece;
   for (;;) {
-    const ssize_t got = read(file.get(), piece.data(), piece.size());
+    const ssize_t got = TEMP_FAILURE_RETRY(read(file.get(), piece.data(), piece.size()));
     if (got == 0) return true;
     if (got < 0) return failWith("read", path, errno);
     if (!take(piece.data(), static_cast<size_t>(got))) return false;
@@ -70,8 +77,9 @@ bool FolderStore::look(const std::string& name, Object* object) {
 }
 
 bool FolderStore::flushFolder(const std::string& path) {
-  const UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return (folder.valid() && fsync(folder.get()) == 0) || failWith("flush", path, errno);
+  const UniqueFd folder = openPath(path, O_RDONLY | O_DIRECTORY);
+  return (folder.valid() && TEMP_FAILURE_RETRY(fsync(folder.get())) == 0) ||
+         failWith("flush", path, errno);
 }
 
 // Each new one is flushed into the one above it, or a power loss takes all that is in it.
@@ -86,14 +94,13 @@ bool FolderStore::makeFolders(const std::string& path) {
 bool FolderStore::begin(const std::string& name) {
   path_ = pathOf(name);
   if (!makeFolders(folderOf(path_))) return false;
-  file_.reset(::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666));
+  file_ = openPath(path_, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW);
   return file_.valid() || failWith("write", path_, errno);
 }
 
 bool FolderStore::add(const uint8_t* data, size_t size) {
   while (size > 0) {
-    const ssize_t written = write(file_.get(), data, size);
-    if (written < 0 && errno == EINTR) continue;
+    const ssize_t written = TEMP_FAILURE_RETRY(write(file_.get(), data, size));
     if (written < 0) return failWith("write", path_, errno);
     data += written;
     size -= static_cast<size_t>(written);
@@ -102,13 +109,14 @@ bool FolderStore::add(const uint8_t* data, size_t size) {
 }
 
 bool FolderStore::finish() {
-  const bool flushed = fsync(file_.get()) == 0;
+  const bool flushed = TEMP_FAILURE_RETRY(fsync(file_.get())) == 0;
   const int reason = errno;
   if (!flushed) {
     file_.reset();
     return failWith("flush", path_, reason);
   }
-  return file_.close() == 0 || failWith("close", path_, errno);
+  // Flushed it is already, and closed by a call that a signal interrupts, too.
+  return file_.close() == 0 || errno == EINTR || failWith("close", path_, errno);
 }
 
 bool FolderStore::rename(const std::string& from, const std::string& to) {

@@ -1,6 +1,7 @@
 #include "media/archive/RcloneProcess.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -18,12 +19,17 @@ namespace tarn {
 namespace {
 
 constexpr int kNotFound = 127;
+constexpr uint32_t kAttempts = 3;  // of rclone's, at one request
+constexpr uint32_t kConnectSeconds = 60;
 constexpr char kErrNotInstalled[] =
     "the program rclone is missing, which carries to remotes (Debian: apt-get install rclone)";
 constexpr char kErrRemoteFull[] = "the remote is full";
 constexpr char kErrCredentials[] = "the remote does not accept the credentials that rclone has";
 constexpr char kErrNoRemote[] = "rclone knows no such remote; \"rclone config\" makes one";
 constexpr char kErrNotReached[] = "the remote cannot be reached";
+constexpr char kErrNoAnswer[] =
+    "the remote moved nothing for too long and was given up (--timeout)";
+constexpr char kErrClock[] = "the remote does not accept the time that this machine's clock has";
 
 struct Meaning {
   const char* said;  // in small letters
@@ -34,6 +40,10 @@ constexpr Meaning kMeanings[] = {
     {"no space left", kErrRemoteFull},
     {"insufficient storage", kErrRemoteFull},
     {"quota", kErrRemoteFull},
+    {"toolargeskew", kErrClock},
+    {"tooskewed", kErrClock},
+    {"expiredtoken", kErrCredentials},
+    {"token has expired", kErrCredentials},
     {"unauthorized", kErrCredentials},
     {"access denied", kErrCredentials},
     {"accessdenied", kErrCredentials},
@@ -43,7 +53,12 @@ constexpr Meaning kMeanings[] = {
     {"token expired", kErrCredentials},
     {"connection refused", kErrNotReached},
     {"no such host", kErrNotReached},
-    {"i/o timeout", kErrNotReached},
+    {"no route to host", kErrNotReached},
+    {"network is unreachable", kErrNotReached},
+    {"i/o timeout", kErrNoAnswer},
+    {"timeout awaiting response", kErrNoAnswer},
+    {"handshake timeout", kErrNoAnswer},
+    {"deadline exceeded", kErrNoAnswer},
 };
 
 std::string meaningOf(const std::string& said) {
@@ -76,11 +91,30 @@ std::string lastLine(std::string text) {
   _exit(errno == ENOENT ? kNotFound : kNotFound - 1);
 }
 
+// Ten times ten attempts of five minutes each are what it makes by itself. What is smaller than the
+// last of these it sends as a whole, so that a remote can tell a hash of it.
+std::vector<std::string> boundsFor(uint32_t patienceSeconds) {
+  const std::string limit = std::to_string(patienceSeconds) + "s";
+  const std::string toConnect = std::to_string(std::min(patienceSeconds, kConnectSeconds)) + "s";
+  return {"--timeout",
+          limit,
+          "--contimeout",
+          toConnect,
+          "--retries",
+          "1",
+          "--low-level-retries",
+          std::to_string(kAttempts),
+          "--streaming-upload-cutoff",
+          "8M"};
+}
+
 }  // namespace
 
 bool RcloneProcess::start(const std::vector<std::string>& arguments, bool feed) {
   std::vector<std::string> all = {"rclone", "--ask-password=false", "--log-level", "ERROR"};
+  const std::vector<std::string> bounds = boundsFor(patienceSeconds_);
   all.insert(all.end(), arguments.begin(), arguments.end());
+  all.insert(all.end(), bounds.begin(), bounds.end());
   std::vector<char*> words;
   words.reserve(all.size() + 1);
   for (std::string& word : all) words.push_back(word.data());
@@ -104,10 +138,22 @@ bool RcloneProcess::start(const std::vector<std::string>& arguments, bool feed) 
   return pid_ > 0;
 }
 
+// All its attempts may pass before it has something to give, or takes more.
+bool RcloneProcess::isReady(short events) {
+  pollfd data = {data_.get(), events, 0};
+  const uint64_t limitMs = uint64_t{patienceSeconds_} * (kAttempts + 1) * 1000;
+  const auto ready = TEMP_FAILURE_RETRY(poll(&data, 1, static_cast<int>(limitMs)));
+  if (ready != 0) return ready > 0;
+  wasStuck_ = true;
+  kill(pid_, SIGKILL);
+  return false;
+}
+
 bool RcloneProcess::write(const uint8_t* data, size_t size) {
   while (size > 0) {
-    const ssize_t sent = send(data_.get(), data, size, MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
+    if (!isReady(POLLOUT)) return false;
+    const ssize_t sent = send(data_.get(), data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (sent < 0) return false;
     data += sent;
     size -= static_cast<size_t>(sent);
@@ -118,8 +164,8 @@ bool RcloneProcess::write(const uint8_t* data, size_t size) {
 bool RcloneProcess::read(const ByteSink& take) {
   std::array<uint8_t, 64 * 1024> piece;
   for (;;) {
-    const ssize_t got = recv(data_.get(), piece.data(), piece.size(), 0);
-    if (got < 0 && errno == EINTR) continue;
+    if (!isReady(POLLIN)) return false;
+    const ssize_t got = TEMP_FAILURE_RETRY(recv(data_.get(), piece.data(), piece.size(), 0));
     if (got <= 0) return got == 0;
     if (!take(piece.data(), static_cast<size_t>(got))) return false;
   }
@@ -152,6 +198,10 @@ void RcloneProcess::takeComplaint(int exitCode) {
   said.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
   if (exitCode == kNotFound) {
     complaint_ = kErrNotInstalled;
+    return;
+  }
+  if (wasStuck_) {
+    complaint_ = kErrNoAnswer;
     return;
   }
   const std::string line = lastLine(said);

@@ -18,7 +18,9 @@ class RcloneProcess {
   static constexpr int kNoFolder = 3;
   static constexpr int kNoFile = 4;
 
-  RcloneProcess() = default;
+  // It is told to give up a connection that moves nothing for so long, and is ended where it does
+  // not do so.
+  explicit RcloneProcess(uint32_t patienceSeconds) : patienceSeconds_(patienceSeconds) {}
   ~RcloneProcess() { stop(); }
   RcloneProcess(const RcloneProcess&) = delete;
   RcloneProcess& operator=(const RcloneProcess&) = delete;
@@ -34,14 +36,18 @@ class RcloneProcess {
   // Ends it at once.
   void stop();
   // Behind wait(): what it complained of, in a person's words.
+  bool wasStuck() const { return wasStuck_; }
   std::string complaint() const { return complaint_; }
 
  private:
+  bool isReady(short events);
   void takeComplaint(int exitCode);
 
+  const uint32_t patienceSeconds_;
   pid_t pid_ = 0;
   UniqueFd data_;    // to it or from it
   UniqueFd errors_;  // what it says on standard error
+  bool wasStuck_ = false;
   std::string complaint_;
 };
 

@@ -8,6 +8,7 @@ namespace {
 using Json = nlohmann::json;
 
 constexpr char kErrNoListing[] = "rclone gives a listing that is none";
+constexpr char kErrNotTaken[] = "what rclone gives cannot be taken";
 
 std::string textOf(const Json& json, const char* name) {
   const auto found = json.find(name);
@@ -26,17 +27,26 @@ std::string RcloneStore::addressOf(const std::string& name) const {
   return root_ + (last == ':' || last == '/' ? "" : "/") + name;
 }
 
-bool RcloneStore::run(const std::vector<std::string>& arguments, const ByteSink& take) {
-  RcloneProcess process;
-  exitCode_ = -1;
-  if (!process.start(arguments, false)) return fail(process.complaint());
-  if (!process.read(take)) return fail("what rclone gives cannot be taken");
-  exitCode_ = process.wait();
-  return exitCode_ == 0 || fail(process.complaint());
+bool RcloneStore::failOf(const std::string& name, const std::string& complaint) {
+  return fail((name.empty() ? root_ : name) + ": " + complaint);
 }
 
-bool RcloneStore::run(const std::vector<std::string>& arguments, std::string* output) {
-  return run(arguments, [output](const uint8_t* data, size_t size) {
+bool RcloneStore::run(const std::string& name, const std::vector<std::string>& words,
+                      const ByteSink& take) {
+  RcloneProcess process(patienceSeconds_);
+  exitCode_ = -1;
+  if (!process.start(words, false)) return failOf(name, process.complaint());
+  if (!process.read(take)) {
+    process.stop();
+    return failOf(name, process.wasStuck() ? process.complaint() : kErrNotTaken);
+  }
+  exitCode_ = process.wait();
+  return exitCode_ == 0 || failOf(name, process.complaint());
+}
+
+bool RcloneStore::run(const std::string& name, const std::vector<std::string>& words,
+                      std::string* output) {
+  return run(name, words, [output](const uint8_t* data, size_t size) {
     output->append(reinterpret_cast<const char*>(data), size);
     return true;
   });
@@ -44,28 +54,30 @@ bool RcloneStore::run(const std::vector<std::string>& arguments, std::string* ou
 
 bool RcloneStore::list(const std::string& folder, std::vector<Object>* objects) {
   std::string text;
-  if (!run({"lsjson", "-R", "--files-only", "--no-modtime", "--no-mimetype", addressOf(folder)},
+  if (!run(folder,
+           {"lsjson", "-R", "--files-only", "--no-modtime", "--no-mimetype", addressOf(folder)},
            &text))
     return exitCode_ == RcloneProcess::kNoFolder;
   const Json listing = Json::parse(text, nullptr, false);
-  if (!listing.is_array()) return fail(kErrNoListing);
+  if (!listing.is_array()) return failOf(folder, kErrNoListing);
   const std::string before = folder.empty() ? "" : folder + "/";
   for (const Json& one : listing) {
-    if (!one.is_object()) return fail(kErrNoListing);
+    if (!one.is_object()) return failOf(folder, kErrNoListing);
     objects->push_back({before + textOf(one, "Path"), sizeOf(one), {}});
   }
   return true;
 }
 
 bool RcloneStore::get(const std::string& name, const ByteSink& take) {
-  return run({"cat", addressOf(name)}, take);
+  return run(name, {"cat", addressOf(name)}, take);
 }
 
 bool RcloneStore::look(const std::string& name, Object* object) {
   std::string text;
-  if (!run({"lsjson", "--stat", "--hash", "--no-mimetype", addressOf(name)}, &text)) return false;
+  if (!run(name, {"lsjson", "--stat", "--hash", "--no-mimetype", addressOf(name)}, &text))
+    return false;
   const Json one = Json::parse(text, nullptr, false);
-  if (!one.is_object()) return fail(name + " is not there: " + kErrNoListing);
+  if (!one.is_object()) return failOf(name, kErrNoListing);
   const auto hashes = one.find("Hashes");
   object->name = name;
   object->bytes = sizeOf(one);
@@ -75,34 +87,35 @@ bool RcloneStore::look(const std::string& name, Object* object) {
 }
 
 bool RcloneStore::begin(const std::string& name) {
-  sending_ = std::make_unique<RcloneProcess>();
-  return sending_->start({"rcat", addressOf(name)}, true) || fail(sending_->complaint());
+  sendingName_ = name;
+  sending_ = std::make_unique<RcloneProcess>(patienceSeconds_);
+  return sending_->start({"rcat", addressOf(name)}, true) || failOf(name, sending_->complaint());
 }
 
 // One that takes no more has ended, and says why.
 bool RcloneStore::add(const uint8_t* data, size_t size) {
   if (sending_->write(data, size)) return true;
   sending_->wait();
-  return fail(sending_->complaint());
+  return failOf(sendingName_, sending_->complaint());
 }
 
 bool RcloneStore::finish() {
   const int exitCode = sending_->wait();
   const std::string complaint = sending_->complaint();
   sending_.reset();
-  return exitCode == 0 || fail(complaint);
+  return exitCode == 0 || failOf(sendingName_, complaint);
 }
 
 // Also one of the same size is another one: an index whose numbers have changed.
 bool RcloneStore::rename(const std::string& from, const std::string& to) {
   std::string ignored;
-  return run({"moveto", "--ignore-times", addressOf(from), addressOf(to)}, &ignored);
+  return run(to, {"moveto", "--ignore-times", addressOf(from), addressOf(to)}, &ignored);
 }
 
 bool RcloneStore::remove(const std::string& name) {
   std::string ignored;
-  return run({"deletefile", addressOf(name)}, &ignored) || exitCode_ == RcloneProcess::kNoFolder ||
-         exitCode_ == RcloneProcess::kNoFile;
+  return run(name, {"deletefile", addressOf(name)}, &ignored) ||
+         exitCode_ == RcloneProcess::kNoFolder || exitCode_ == RcloneProcess::kNoFile;
 }
 
 }  // namespace tarn

@@ -28,12 +28,15 @@ class RcloneStore : public ArchiveStore {
   bool readsBack() const override { return false; }
 
   std::string addressOf(const std::string& name) const;
-  bool run(const std::vector<std::string>& arguments, std::string* output);
-  bool run(const std::vector<std::string>& arguments, const ByteSink& take);
+  // `name`: of the object or folder that it is about.
+  bool run(const std::string& name, const std::vector<std::string>& words, std::string* output);
+  bool run(const std::string& name, const std::vector<std::string>& words, const ByteSink& take);
+  bool failOf(const std::string& name, const std::string& complaint);
 
   const std::string root_;
   int exitCode_ = 0;  // of the last run()
   std::unique_ptr<RcloneProcess> sending_;
+  std::string sendingName_;
 };
 
 }  // namespace tarn

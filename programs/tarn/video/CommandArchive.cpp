@@ -38,6 +38,12 @@ class CommandArchive : public Command {
            },
            "Send no more than this in a second: bytes, or K, M, G")
         ->type_name("SIZE");
+    app->add_option("--timeout", settings_.patienceSeconds,
+                    "Seconds that a remote may move nothing before it is given up; default: 120")
+        ->check(CLI::Range(1, 86400))
+        ->type_name("SECONDS");
+    app->add_flag("--trust-size", settings_.trustSize,
+                  "Do not read back what a remote without hashes has taken");
     app->add_flag("--dry-run", settings_.dryRun, "Only say what would be sent");
     app->add_flag("--json", json_, "Print as JSON what was done");
     return app;
@@ -54,7 +60,8 @@ class CommandArchive : public Command {
     while (settings_.place.size() > 1 && settings_.place.back() == '/') settings_.place.pop_back();
     if (settings_.place.empty()) *error = "say where the archive is";
     if (words_.size() == 2) card_ = words_.front();
-    if (verify_ && (settings_.since || settings_.dryRun || settings_.bytesPerSecond != 0))
+    if (verify_ && (settings_.since || settings_.dryRun || settings_.trustSize ||
+                    settings_.bytesPerSecond != 0))
       *error = "--verify compares all of an archive, and sends nothing";
     return error->empty();
   }
@@ -134,6 +141,7 @@ class CommandArchive : public Command {
   int verify() {
     catchStopSignals();
     ArchiveVerifier verifier(settings_.place, settings_.recorder);
+    verifier.waitAtMost(settings_.patienceSeconds);
     bool read = false;
     {
       ProgressLine line;

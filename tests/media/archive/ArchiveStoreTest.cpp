@@ -26,6 +26,8 @@ class FaultyStore : public tarn::ArchiveStore {
   bool tellsSize = true;
   std::string md5;  // that it says its objects have
   bool renames = true;
+  int spoilsOnTheWay = 0;          // of the next reads
+  size_t cutsOnTheWay = SIZE_MAX;  // bytes of an object that arrive
 
   bool list(const std::string& folder, std::vector<Object>* out) override {
     for (const auto& one : objects) {
@@ -34,8 +36,10 @@ class FaultyStore : public tarn::ArchiveStore {
     return true;
   }
   bool get(const std::string& name, const tarn::ByteSink& take) override {
-    const std::string& held = objects[name];
+    std::string held = objects[name];
     ++reads;
+    if (spoilsOnTheWay > 0 && spoilsOnTheWay-- > 0) held[0] = static_cast<char>(held[0] ^ 1);
+    held.resize(std::min(held.size(), cutsOnTheWay));
     return take(reinterpret_cast<const uint8_t*>(held.data()), held.size());
   }
   bool look(const std::string& name, Object* object) override {
@@ -105,13 +109,22 @@ TEST_F(ArchiveStoreTest, ObjectIsProvenByTheHashThatItsStorageTells) {
   EXPECT_EQ(store.reads, 0);
 }
 
-TEST_F(ArchiveStoreTest, WithoutAHashItIsProvenByItsSize) {
+TEST_F(ArchiveStoreTest, WithoutAHashItsSizeIsEnoughWhereThatIsAskedFor) {
+  store.trustSize(true);
   ASSERT_TRUE(put()) << store.error();
   EXPECT_EQ(stored.proof, tarn::ArchiveStore::Proof::kSize);
+  EXPECT_EQ(store.reads, 0);
 }
 
-TEST_F(ArchiveStoreTest, WithoutHashAndSizeItIsReadBack) {
+TEST_F(ArchiveStoreTest, WithoutAHashItIsReadBack) {
+  ASSERT_TRUE(put()) << store.error();
+  EXPECT_EQ(stored.proof, tarn::ArchiveStore::Proof::kReadBack);
+  EXPECT_EQ(store.reads, 1);
+}
+
+TEST_F(ArchiveStoreTest, WithoutHashAndSizeItIsReadBackWhateverIsAskedFor) {
   store.tellsSize = false;
+  store.trustSize(true);
   ASSERT_TRUE(put()) << store.error();
   EXPECT_EQ(stored.proof, tarn::ArchiveStore::Proof::kReadBack);
   EXPECT_EQ(store.reads, 1);
@@ -158,6 +171,16 @@ TEST_F(ArchiveStoreTest, ComparingForGoodReadsWhatHasNoHash) {
   store.objects["a/b.mp4"] = "abd";
   EXPECT_EQ(store.compare("a/b.mp4", true, &stored), tarn::ArchiveStore::Answer::kSame);
   EXPECT_EQ(store.compare("a/b.mp4", false, &stored), tarn::ArchiveStore::Answer::kDiffers);
+}
+
+TEST_F(ArchiveStoreTest, WhatTheWayChangesIsNotCalledDamaged) {
+  ASSERT_TRUE(put());
+  store.spoilsOnTheWay = 1;
+  EXPECT_EQ(store.compare("a/b.mp4", false, &stored), tarn::ArchiveStore::Answer::kFailed);
+  EXPECT_EQ(store.error(), "a/b.mp4: the bytes that came are not those that the archive has");
+  store.cutsOnTheWay = 2;
+  EXPECT_EQ(store.compare("a/b.mp4", false, &stored), tarn::ArchiveStore::Answer::kFailed);
+  EXPECT_EQ(store.error(), "a/b.mp4: 2 of its 3 bytes came");
 }
 
 TEST_F(ArchiveStoreTest, ColonInFrontOfTheFirstSlashMakesARemote) {
