@@ -1,7 +1,10 @@
 #include "media/archive/ArchiveClip.h"
 
+#include <utility>
+
 #include "media/FragmentedMovie.h"
 #include "media/archive/ArchiveNames.h"
+#include "media/archive/ClipSeal.h"
 #include "media/export/ChannelTracks.h"
 #include "media/export/ExportSelection.h"
 #include "media/export/TrackTurns.h"
@@ -11,34 +14,46 @@ namespace {
 
 constexpr char kErrStoppedInside[] = "stopped before its end";
 
-// A movie that goes to a sink instead of a file.
+// A movie that goes to a sink instead of a file, with a seal in it or without.
 class SentMovie : public MediaOutput {
  public:
-  bool open(const ByteSink& sink, size_t tracks, bool quickTime) {
+  SentMovie(ByteSink sink, ClipSeal* seal) : sink_(std::move(sink)), seal_(seal) {}
+  bool open(size_t tracks, bool quickTime) {
     FragmentedMovie::Plan plan;
     plan.tracks = tracks;
     plan.quickTime = quickTime;
-    return told(movie_.open(plan, sink));
+    return told(movie_.open(plan, [this](const uint8_t* data, size_t size) {
+      return seal_ != nullptr ? seal_->add(data, size) : sink_(data, size);
+    }));
   }
   bool describe(size_t track, const OutputPicture& first) override {
     return told(movie_.describe(track, first));
   }
   bool write(const OutputPicture& picture, size_t track) override {
-    return told(movie_.write(picture, track));
+    return begin() && told(movie_.write(picture, track));
   }
   bool describe(size_t track, const OutputSound& first) override {
     return told(movie_.describe(track, first));
   }
   bool write(const OutputSound& sound, size_t track) override {
-    return told(movie_.write(sound, track));
+    return begin() && told(movie_.write(sound, track));
   }
   bool complete() override { return told(movie_.finish()); }
 
  private:
+  // As an export has it, the seal stands in front of the pictures.
+  bool begin() {
+    if (begun_ || seal_ == nullptr) return true;
+    begun_ = true;
+    return told(movie_.begin()) && seal_->addSeal(movie_.origin().totalMicros());
+  }
   bool told(bool good) {
     if (!good) error_ = movie_.error();
     return good;
   }
+  const ByteSink sink_;
+  ClipSeal* const seal_;
+  bool begun_ = false;
   FragmentedMovie movie_;
 };
 
@@ -57,17 +72,18 @@ bool ArchiveClip::fail(const std::string& text) {
   return false;
 }
 
-bool ArchiveClip::writeTracks(ChannelTracks* channel, const ByteSink& sink) {
+bool ArchiveClip::writeTracks(ChannelTracks* channel, const ByteSink* sink) {
   bool refused = false;
-  const auto send = [&](const uint8_t* data, size_t size) {
-    refused = refused || !sink(data, size);
+  const ByteSink send = [&](const uint8_t* data, size_t size) {
+    refused = refused || (sink != nullptr && !(*sink)(data, size));
     return !refused;
   };
-  SentMovie movie;
+  if (seal_ != nullptr) seal_->begin(sink == nullptr ? nullptr : &send, channel->sources());
+  SentMovie movie(send, seal_);
   // What the sink refuses is for the one whose sink it is to tell.
   const auto failed = [&](const std::string& text) { return refused ? false : fail(text); };
   const std::vector<ExportTrack*>& tracks = channel->tracks();
-  if (!movie.open(send, tracks.size(), endsIn(line_.object, ".mov"))) return failed(movie.error());
+  if (!movie.open(tracks.size(), endsIn(line_.object, ".mov"))) return failed(movie.error());
   for (size_t i = 0; i < tracks.size(); ++i) {
     if (!tracks[i]->describe(&movie, i)) return failed(movie.error());
   }
@@ -77,7 +93,8 @@ bool ArchiveClip::writeTracks(ChannelTracks* channel, const ByteSink& sink) {
     if (!turns.advance()) return fail(turns.error());
     if (stopAsked_ && stopAsked_()) return fail(kErrStoppedInside);
   }
-  return movie.complete() || failed(movie.error());
+  if (!movie.complete()) return failed(movie.error());
+  return seal_ == nullptr || seal_->end() || fail(seal_->error());
 }
 
 void ArchiveClip::note(const ChannelTracks& channel) {
@@ -90,7 +107,7 @@ void ArchiveClip::note(const ChannelTracks& channel) {
   line_.soundLeftOut = report.sound.otherFormat;
 }
 
-bool ArchiveClip::write(const ByteSink& sink) {
+bool ArchiveClip::pass(const ByteSink* sink) {
   const ExportRequest request = requestOf(line_);
   ExportSelection selection(request);
   if (!selection.choose(stopAsked_)) return fail(selection.error());
@@ -103,6 +120,14 @@ bool ArchiveClip::write(const ByteSink& sink) {
   const bool written = writeTracks(&channel, sink);
   note(channel);
   return written;
+}
+
+bool ArchiveClip::write(const ByteSink& sink) {
+  if (seal_ == nullptr) return pass(&sink);
+  if (!pass(nullptr) || !pass(&sink)) return false;
+  line_.sealed = true;
+  line_.contentSha256 = seal_->content();
+  return true;
 }
 
 }  // namespace tarn

@@ -9,15 +9,16 @@
 namespace tarn {
 
 class ChannelTracks;
+class ClipSeal;
 
 // The bytes of a recording's or an event's clip: a fragmented movie at its true times, the same
 // whenever it is made of the same pictures and sound. Used by one thread. Not part of the
 // interface.
 class ArchiveClip {
  public:
-  // `line` has kind, key, channel and object.
-  ArchiveClip(const ArchiveLine& line, StopAsked stopAsked)
-      : line_(line), stopAsked_(std::move(stopAsked)) {}
+  // `line` has kind, key, channel and object. `seal`, which outlives this, seals it; null: nobody.
+  ArchiveClip(const ArchiveLine& line, StopAsked stopAsked, ClipSeal* seal = nullptr)
+      : line_(line), stopAsked_(std::move(stopAsked)), seal_(seal) {}
 
   // False when the sink refused, or with error() set.
   bool write(const ByteSink& sink);
@@ -27,11 +28,13 @@ class ArchiveClip {
 
  private:
   bool fail(const std::string& text);
-  bool writeTracks(ChannelTracks* channel, const ByteSink& sink);
+  bool pass(const ByteSink* sink);
+  bool writeTracks(ChannelTracks* channel, const ByteSink* sink);
   void note(const ChannelTracks& channel);
 
   ArchiveLine line_;
   const StopAsked stopAsked_;
+  ClipSeal* const seal_;
   std::string error_;
 };
 

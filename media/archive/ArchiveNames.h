@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "base/Export.h"
 #include "media/archive/ArchiveLine.h"
 
 // How objects of an archive are called (docs/fleet.md). Dates and times are UTC. Not part of the
@@ -27,7 +28,7 @@ std::string dayOf(const std::string& object);
 // What the clip of a line is called: FOLDER/ch=0/081929250-r12.mp4, of an event 081929250-e3.mp4;
 // .mov where its sound does not go into an .mp4.
 std::string clipName(const ArchiveLine& line, bool quickTime);
-std::string sidecarOf(const std::string& clip);
+TARN_API std::string sidecarOf(const std::string& clip);
 bool endsIn(const std::string& name, const std::string& ending);
 
 }  // namespace tarn

@@ -28,6 +28,8 @@ bool haveInCommon(const ContentHashes& a, const ContentHashes& b, bool* same) {
 
 ArchiveStore::~ArchiveStore() = default;
 
+std::string ArchiveStore::localPath(const std::string& /*name*/) const { return ""; }
+
 // As rclone has it: a colon in front of the first slash makes a remote.
 bool ArchiveStore::isRemote(const std::string& place) { return place.find(':') < place.find('/'); }
 

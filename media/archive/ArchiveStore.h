@@ -58,6 +58,8 @@ class TARN_API ArchiveStore {
   // Every object below a folder; none where there is no such folder.
   virtual bool list(const std::string& folder, std::vector<Object>* objects) = 0;
   virtual bool get(const std::string& name, const ByteSink& take) = 0;
+  // A path of this machine under which an object can be read; "" where it has none.
+  virtual std::string localPath(const std::string& name) const;
   // One object, with the hashes that the storage has of it.
   virtual bool look(const std::string& name, Object* object) = 0;
   // Sends an object, proves it, and gives it its name, in place of one that has it. error() is

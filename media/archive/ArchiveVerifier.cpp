@@ -6,6 +6,7 @@
 #include "media/archive/ArchiveNames.h"
 #include "media/archive/ArchiveStore.h"
 #include "media/archive/DayIndex.h"
+#include "media/archive/SealCheck.h"
 #include "recorder/card/NoThrow.h"
 
 namespace tarn {
@@ -22,6 +23,7 @@ class ArchiveVerifier::Impl {
       : place_(place), recorder_(recorder) {}
   bool run(const StopAsked& stopAsked, const Progress& progress);
   void waitAtMost(uint32_t seconds) { patienceSeconds_ = seconds; }
+  void trust(const std::vector<std::string>& authorities) { authorities_ = authorities; }
   bool failForMemory() {
     noMemory_ = true;
     return false;
@@ -33,6 +35,7 @@ class ArchiveVerifier::Impl {
  private:
   bool fail(const std::string& text);
   bool verifyDay(const std::string& day);
+  bool verifySeal(const ArchiveLine& line);
   bool verifyLine(const ArchiveLine& line);
   bool verifySidecar(const ArchiveLine& line);
   void findUnlisted(const std::string& day);
@@ -46,6 +49,8 @@ class ArchiveVerifier::Impl {
   StopAsked stopAsked_;
   Progress progress_;
   std::unique_ptr<ArchiveStore> store_;
+  std::unique_ptr<SealCheck> seals_;
+  std::vector<std::string> authorities_;
   std::set<std::string> held_;
   std::set<std::string> listed_;  // clips and sidecars that an index names
   size_t clips_ = 0;
@@ -78,6 +83,14 @@ bool ArchiveVerifier::Impl::verifySidecar(const ArchiveLine& line) {
   return true;
 }
 
+bool ArchiveVerifier::Impl::verifySeal(const ArchiveLine& line) {
+  std::string finding;
+  if (!seals_->isAsked(line)) return true;
+  if (!seals_->prove(line, &finding)) return fail(seals_->error());
+  if (!finding.empty()) note(line.object, finding);
+  return true;
+}
+
 bool ArchiveVerifier::Impl::verifyLine(const ArchiveLine& line) {
   if (line.object.empty()) return true;
   listed_.insert(line.object);
@@ -93,6 +106,7 @@ bool ArchiveVerifier::Impl::verifyLine(const ArchiveLine& line) {
   if (answer == ArchiveStore::Answer::kFailed) return fail(store_->error());
   if (answer == ArchiveStore::Answer::kDiffers)
     note(line.object, store_->error().substr(line.object.size() + 1));
+  if (answer == ArchiveStore::Answer::kSame && !verifySeal(line)) return false;
   ++objects_;
   if (progress_) progress_(objects_, clips_);
   return true;
@@ -137,6 +151,8 @@ bool ArchiveVerifier::Impl::run(const StopAsked& stopAsked, const Progress& prog
   store_ = ArchiveStore::open(place_, &error_);
   if (store_ == nullptr) return false;
   store_->waitAtMost(patienceSeconds_);
+  seals_ = std::make_unique<SealCheck>(store_.get());
+  if (!seals_->trust(authorities_)) return fail(seals_->error());
   std::vector<ArchiveStore::Object> objects;
   if (!store_->list(recorder_.empty() ? "" : folderOfRecorder(recorder_), &objects))
     return fail(store_->error());
@@ -165,6 +181,17 @@ ArchiveVerifier::~ArchiveVerifier() = default;
 
 void ArchiveVerifier::waitAtMost(uint32_t seconds) noexcept {
   if (impl_) impl_->waitAtMost(seconds);
+}
+
+void ArchiveVerifier::trust(const std::vector<std::string>& authorities) noexcept {
+  if (!impl_) return;
+  orNoMemory(
+      "ArchiveVerifier::trust",
+      [&] {
+        impl_->trust(authorities);
+        return true;
+      },
+      [this] { return impl_->failForMemory(); });
 }
 
 bool ArchiveVerifier::run(const StopAsked& stopAsked, const Progress& progress) noexcept {

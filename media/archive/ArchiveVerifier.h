@@ -10,9 +10,9 @@
 
 namespace tarn {
 
-// Compares an archive with what it says of itself: indexes, sidecars, and the hash of each object,
-// which is read as a whole where its storage has no hash. Changes nothing. Throws nothing. Used by
-// one thread.
+// Compares an archive with what it says of itself: indexes, sidecars, seals, and the hash of each
+// object, which is read as a whole where its storage has no hash, or where it is sealed. Changes
+// nothing. Throws nothing. Used by one thread.
 class TARN_API ArchiveVerifier {
  public:
   struct Finding {
@@ -29,6 +29,9 @@ class TARN_API ArchiveVerifier {
 
   // How long a remote may move nothing before it is given up; 120.
   void waitAtMost(uint32_t seconds) noexcept;
+  // Certificates, PEM: one of them must vouch for the seal of every clip. In front of run().
+  void trust(const std::vector<std::string>& authorities) noexcept;
+
   // Once. False with error() set when the archive, or a part of it, could not be read.
   bool run(const StopAsked& stopAsked, const Progress& progress) noexcept;
   const std::vector<Finding>& findings() const noexcept;  // nothing where all is as it should be

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -10,7 +11,9 @@
 #include "media/archive/ArchiveNames.h"
 #include "media/archive/ArchivePlan.h"
 #include "media/archive/ArchiveStore.h"
+#include "media/archive/ClipSeal.h"
 #include "media/archive/DayIndex.h"
+#include "media/seal/SealingKey.h"
 #include "recorder/card/CardInfo.h"
 #include "recorder/card/NoThrow.h"
 
@@ -61,6 +64,7 @@ class CardArchiver::Impl {
   size_t done_ = 0;
   size_t clips_ = 0;
   uint64_t sent_ = 0;
+  SealingKey key_;  // loaded where something is sealed
   ArchiveReport report_;
   std::string error_;
   bool noMemory_ = false;
@@ -168,7 +172,9 @@ bool CardArchiver::Impl::sendSidecar(const ArchiveLine& line) {
 
 // A clip that cannot be made is no reason to leave out the others; one that cannot be sent is.
 bool CardArchiver::Impl::send(const ArchiveLine& clip) {
-  ArchiveClip maker(clip, stopAsked_);
+  std::optional<ClipSeal> seal;
+  if (settings_.seal) seal.emplace(&key_, *settings_.seal, report_.recorder, clip.object);
+  ArchiveClip maker(clip, stopAsked_, seal ? &*seal : nullptr);
   ArchiveStore::Stored stored;
   const auto source = [&](const ByteSink& sink) {
     return maker.write([&](const uint8_t* data, size_t size) {
@@ -295,6 +301,7 @@ bool CardArchiver::Impl::run(const StopAsked& stopAsked, const Progress& progres
   stopAsked_ = stopAsked;
   progress_ = progress;
   if (!nameRecorder()) return false;
+  if (settings_.seal && !key_.load(*settings_.seal)) return fail(key_.error());
   ArchivePlan plan(report_.recorder);
   if (!plan.read(stopAsked_)) return fail(plan.error());
   clips_ = plan.clips().size();

@@ -9,6 +9,7 @@
 #include "media/MediaInput.h"
 #include "media/archive/ArchiveReport.h"
 #include "media/archive/ArchiveStore.h"
+#include "media/seal/SealRequest.h"
 #include "recorder/card/PictureTime.h"
 
 namespace tarn {
@@ -27,9 +28,10 @@ class TARN_API CardArchiver {
     std::optional<PictureTime> since;  // only what ends then or later
     uint64_t bytesPerSecond = 0;       // to send at most; 0: as many as there are
     uint32_t patienceSeconds =
-        kPatienceSeconds;    // that a remote may move nothing before it is given up
-    bool trustSize = false;  // no reading back from a remote that tells no hash
-    bool dryRun = false;     // tells what is to be sent, and sends nothing
+        kPatienceSeconds;             // that a remote may move nothing before it is given up
+    bool trustSize = false;           // no reading back from a remote that tells no hash
+    std::optional<SealRequest> seal;  // seals what is sent
+    bool dryRun = false;              // tells what is to be sent, and sends nothing
   };
   // Told as it goes: the clip at hand, how many of them are done and how many there are, and bytes
   // that were sent in all.

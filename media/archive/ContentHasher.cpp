@@ -1,9 +1,7 @@
 #include "media/archive/ContentHasher.h"
 
 namespace tarn {
-namespace {
-
-std::string hexOf(const uint8_t* bytes, size_t size) {
+std::string hexText(const uint8_t* bytes, size_t size) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string text;
   for (size_t i = 0; i < size; ++i) {
@@ -12,8 +10,6 @@ std::string hexOf(const uint8_t* bytes, size_t size) {
   }
   return text;
 }
-
-}  // namespace
 
 ContentHasher::ContentHasher() {
   const EVP_MD* algorithms[kAlgorithms] = {EVP_md5(), EVP_sha1(), EVP_sha256()};
@@ -38,7 +34,7 @@ bool ContentHasher::finish(ContentHashes* hashes) {
     std::array<uint8_t, EVP_MAX_MD_SIZE> value = {};
     unsigned size = 0;
     if (contexts_[i] != nullptr && EVP_DigestFinal_ex(contexts_[i].get(), value.data(), &size) == 1)
-      *texts[i] = hexOf(value.data(), size);
+      *texts[i] = hexText(value.data(), size);
   }
   return !hashes->sha256.empty();
 }

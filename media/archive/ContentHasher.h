@@ -3,11 +3,15 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "media/archive/ContentHashes.h"
 #include "media/seal/Crypto.h"
 
 namespace tarn {
+
+// In small letters.
+std::string hexText(const uint8_t* bytes, size_t size);
 
 // All hashes of some bytes in one go. Used by one thread. Not part of the interface.
 class ContentHasher {

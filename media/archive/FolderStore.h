@@ -17,6 +17,7 @@ class FolderStore : public ArchiveStore {
 
   bool list(const std::string& folder, std::vector<Object>* objects) override;
   bool get(const std::string& name, const ByteSink& take) override;
+  std::string localPath(const std::string& name) const override { return pathOf(name); }
   bool look(const std::string& name, Object* object) override;
 
  private:

@@ -124,4 +124,18 @@ std::vector<uint8_t> makeMeta(const ExportStatement& statement, const std::vecto
   return out.all();
 }
 
+std::vector<uint8_t> makeSealedMeta(const SealingKey& key, const std::string& words,
+                                    const ExportStatement& statement, int64_t originUs,
+                                    size_t* signatureAt) {
+  std::vector<TrackStart> starts;
+  for (const ExportStatement::Source& source : statement.sources)
+    starts.push_back({source.track, ticksOf(originUs)});
+  size_t inSeal = 0;
+  size_t sealAt = 0;
+  const std::vector<uint8_t> seal = makeSeal(key, words, starts, &inSeal);
+  std::vector<uint8_t> meta = makeMeta(statement, seal, &sealAt);
+  *signatureAt = sealAt + inSeal;
+  return meta;
+}
+
 }  // namespace tarn

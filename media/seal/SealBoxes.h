@@ -56,5 +56,10 @@ std::vector<uint8_t> makeSeal(const SealingKey& key, const std::string& words,
 // The box `meta` of a file with one seal: *sealAt is where that stands in it.
 std::vector<uint8_t> makeMeta(const ExportStatement& statement, const std::vector<uint8_t>& seal,
                               size_t* sealAt);
+// The box `meta` of a movie whose tracks are the statement's sources, in their order, and all begin
+// to count at `originUs` (since 1970), with a signature of zeros: *signatureAt is where in the box.
+std::vector<uint8_t> makeSealedMeta(const SealingKey& key, const std::string& words,
+                                    const ExportStatement& statement, int64_t originUs,
+                                    size_t* signatureAt);
 
 }  // namespace tarn

@@ -41,14 +41,10 @@ std::unique_ptr<MediaOutput> SealedOutput::create(const std::string& path, bool 
 bool SealedOutput::begin() {
   begun_ = true;
   if (!told(movie_.begin())) return false;
-  std::vector<TrackStart> starts;
-  for (const ExportStatement::Source& source : statement_.sources)
-    starts.push_back({source.track, ticksOf(movie_.origin().totalMicros())});
-  size_t inSeal = 0;
-  size_t sealAt = 0;
-  const std::vector<uint8_t> seal = makeSeal(*key_, words_, starts, &inSeal);
-  const std::vector<uint8_t> meta = makeMeta(statement_, seal, &sealAt);
-  signatureAt_ = file_.written() + sealAt + inSeal;
+  size_t inMeta = 0;
+  const std::vector<uint8_t> meta =
+      makeSealedMeta(*key_, words_, statement_, movie_.origin().totalMicros(), &inMeta);
+  signatureAt_ = file_.written() + inMeta;
   return told(file_.write(meta));
 }
 

@@ -10,6 +10,7 @@
 #include "media/archive/CardArchiver.h"
 #include "recorder/card/CardText.h"
 #include "recorder/card/TimeZone.h"
+#include "video/SealOptions.h"
 
 namespace tarn {
 namespace {
@@ -44,6 +45,11 @@ class CommandArchive : public Command {
         ->type_name("SECONDS");
     app->add_flag("--trust-size", settings_.trustSize,
                   "Do not read back what a remote without hashes has taken");
+    seal_.addTo(app, false);
+    app->add_option("--ca", authorities_,
+                    "With --verify: certificates to believe, PEM: one of them must vouch for the "
+                    "seal of every clip")
+        ->type_name("FILE");
     app->add_flag("--dry-run", settings_.dryRun, "Only say what would be sent");
     app->add_flag("--json", json_, "Print as JSON what was done");
     return app;
@@ -60,15 +66,18 @@ class CommandArchive : public Command {
     while (settings_.place.size() > 1 && settings_.place.back() == '/') settings_.place.pop_back();
     if (settings_.place.empty()) *error = "say where the archive is";
     if (words_.size() == 2) card_ = words_.front();
+    if (!verify_ && !authorities_.empty()) *error = "--ca is for --verify";
     if (verify_ && (settings_.since || settings_.dryRun || settings_.trustSize ||
-                    settings_.bytesPerSecond != 0))
+                    settings_.bytesPerSecond != 0 || seal_.asked()))
       *error = "--verify compares all of an archive, and sends nothing";
     return error->empty();
   }
 
   std::vector<std::string*> userPaths() override {
-    if (ArchiveStore::isRemote(settings_.place)) return {};
-    return {&settings_.place};
+    std::vector<std::string*> paths = seal_.paths();
+    for (std::string& authority : authorities_) paths.push_back(&authority);
+    if (!ArchiveStore::isRemote(settings_.place)) paths.push_back(&settings_.place);
+    return paths;
   }
 
   int run() override { return verify_ ? verify() : archive(); }
@@ -78,6 +87,7 @@ class CommandArchive : public Command {
     // Findings tell times, and an archive has those of UTC.
     std::string ignored;
     TimeZone::choose("UTC", &ignored);
+    if (seal_.asked()) settings_.seal = seal_.request();  // its paths as they are here
     CardArchiver archiver(settings_);
     bool good = false;
     {
@@ -142,6 +152,7 @@ class CommandArchive : public Command {
     catchStopSignals();
     ArchiveVerifier verifier(settings_.place, settings_.recorder);
     verifier.waitAtMost(settings_.patienceSeconds);
+    verifier.trust(authorities_);
     bool read = false;
     {
       ProgressLine line;
@@ -168,6 +179,8 @@ class CommandArchive : public Command {
 
   std::vector<std::string> words_;
   CardArchiver::Settings settings_;
+  SealOptions seal_;
+  std::vector<std::string> authorities_;
   bool verify_ = false;
   bool json_ = false;
 };

@@ -5,18 +5,24 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
+#include <vector>
 
 #include "media/MoviePieces.h"
 #include "media/archive/ArchiveLine.h"
+#include "media/archive/ArchiveNames.h"
 #include "media/archive/ArchiveVerifier.h"
 #include "media/archive/CardArchiver.h"
 #include "media/archive/PackedText.h"
+#include "media/seal/FileVerifier.h"
+#include "media/seal/SealKeys.h"
 #include "recorder/RecorderRig.h"
 
 namespace tarn_test {
 namespace {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -43,6 +49,7 @@ class CardArchiverTest : public testing::Test {
     tarn::CardArchiver::Settings settings;
     settings.place = kPlace;
     settings.recorder = "van-7";
+    settings.seal = seal;
     tarn::CardArchiver archiver(settings);
     const bool good = archiver.run(stopAsked, nullptr);
     report = archiver.report();
@@ -66,6 +73,7 @@ class CardArchiverTest : public testing::Test {
   RecorderRig rig{{256 * kKiB, 64 * kKiB, 3, 64 * kKiB}};
   SyslogCapture log;
   tarn::RecordingSession session;
+  std::optional<tarn::SealRequest> seal;
   tarn::ArchiveReport report;
   std::string error;
 };
@@ -179,6 +187,70 @@ TEST_F(CardArchiverTest, AStopLeavesNothingHalfAndIsAnError) {
   EXPECT_EQ(files(), 0u);
   EXPECT_TRUE(archive()) << error;
   EXPECT_EQ(files(), 3u);
+}
+
+// What is wrong with the archive, in words; `authority` "": whoever sealed it.
+std::vector<std::string> findings(const std::string& authority = "") {
+  tarn::ArchiveVerifier verifier(kPlace, "");
+  if (!authority.empty()) verifier.trust({authority});
+  EXPECT_TRUE(verifier.run(nullptr, nullptr)) << verifier.error();
+  std::vector<std::string> texts;
+  for (const auto& one : verifier.findings()) texts.push_back(one.text);
+  return texts;
+}
+
+TEST_F(CardArchiverTest, SealedClipsProveThemselvesAndTellWhatTheyAreWithoutTheirSeal) {
+  const SealKey key("recorder");
+  const SealKey stranger("stranger");
+  ASSERT_EQ(session.close(), 0);
+  ASSERT_TRUE(archive()) << error;
+  tarn::ArchiveLine plain;
+  ASSERT_TRUE(tarn::ArchiveLine::parse(index().substr(0, index().find('\n')), &plain));
+  EXPECT_THAT(findings(key.path()), ElementsAre("has no seal"));
+
+  std::filesystem::remove_all(std::string(kPlace) + "/recorder=van-7");
+  seal = key.request();
+  ASSERT_TRUE(archive()) << error;
+  tarn::ArchiveLine sealed;
+  ASSERT_TRUE(tarn::ArchiveLine::parse(index().substr(0, index().find('\n')), &sealed));
+  EXPECT_TRUE(sealed.sealed);
+  EXPECT_EQ(sealed.contentSha256, plain.hashes.sha256) << "the same, whenever it is made";
+  EXPECT_NE(sealed.hashes.sha256, plain.hashes.sha256);
+  EXPECT_TRUE(tarn::FileVerifier().verify(std::string(kPlace) + "/" + sealed.object).proven());
+  EXPECT_THAT(findings(), IsEmpty());
+  EXPECT_THAT(findings(key.path()), IsEmpty());
+  EXPECT_THAT(findings(stranger.path()),
+              ElementsAre(HasSubstr("nobody who is trusted vouches for it")));
+  ASSERT_TRUE(archive()) << error;
+  EXPECT_THAT(report.uploaded, IsEmpty()) << "a seal of another moment is no reason to send it";
+}
+
+TEST_F(CardArchiverTest, SealedClipUnderAnotherNameIsFoundThoughIndexAndSidecarFitIt) {
+  const SealKey key("recorder");
+  ASSERT_EQ(session.close(), 0);
+  seal = key.request();
+  ASSERT_TRUE(archive()) << error;
+  tarn::ArchiveLine line;
+  ASSERT_TRUE(tarn::ArchiveLine::parse(index().substr(0, index().find('\n')), &line));
+  const std::string place = std::string(kPlace) + "/";
+  const std::string was = line.object;
+  line.object.replace(line.object.rfind('/') + 1, 2, "23");
+  ASSERT_NE(line.object, was);
+  std::filesystem::rename(place + was, place + line.object);
+  std::filesystem::remove(place + tarn::sidecarOf(was));
+  std::ofstream(place + tarn::sidecarOf(line.object)) << line.text() << "\n";
+  std::string packed;
+  ASSERT_TRUE(tarn::packText(line.text() + "\n", &packed));
+  std::ofstream(kDay, std::ios::binary) << packed;
+  EXPECT_THAT(findings(), ElementsAre("was sealed as " + was));
+}
+
+TEST_F(CardArchiverTest, KeyThatCannotBeReadSendsNothing) {
+  ASSERT_EQ(session.close(), 0);
+  seal = tarn::SealRequest{"/tmp/none.key", "/tmp/none.pem", "", ""};
+  EXPECT_FALSE(archive());
+  EXPECT_THAT(error, HasSubstr("cannot read the key /tmp/none.key"));
+  EXPECT_EQ(files(), 0u);
 }
 
 }  // namespace
