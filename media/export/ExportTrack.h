@@ -4,13 +4,14 @@
 #include <cstdint>
 #include <string>
 
+#include "base/Export.h"
 #include "media/MediaOutput.h"
 
 namespace tarn {
 
 // What becomes one track of an exported file, piece by piece in the order of decoding. Used by one
 // thread.
-class ExportTrack {
+class TARN_API ExportTrack {
  public:
   virtual ~ExportTrack() = default;
 

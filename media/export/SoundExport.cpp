@@ -6,6 +6,8 @@
 namespace tarn {
 namespace {
 
+constexpr int64_t kLongestStepBackUs = 1000000;
+
 int64_t lengthOf(uint32_t samples, const SoundFormat& format) {
   return int64_t{samples} * 1000000 / format.sampleRate;
 }
@@ -25,9 +27,20 @@ void SoundExport::beginWith(PictureTime picture) {
 bool SoundExport::openRow() {
   reader_ = std::make_unique<RecordingReader>();
   index_ = 0;
-  if (reader_->open(rows_[row_]) == 0) return true;
+  if (reader_->open(rows_[row_]) == 0) {
+    skipEarlier();
+    return true;
+  }
   totals_.lost += rows_[row_].recSize;
   return false;
+}
+
+// Blocks long before the period are not read. A frame that goes back in time by a second and more
+// begins another recording.
+void SoundExport::skipEarlier() {
+  const int64_t us = from_.totalMicros() - 2 * kLongestStepBackUs;
+  const int64_t block = us > 0 ? reader_->findKeyPictureBefore(PictureTime::fromMicros(us)) : -1;
+  if (block > 0) index_ = static_cast<uint32_t>(block);
 }
 
 // The next block that can be read and has something of the period.

@@ -3,6 +3,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/Export.h"
 #include "db/DbRecords.h"
 #include "media/export/ExportReport.h"
 #include "media/export/ExportTrack.h"
@@ -13,7 +14,7 @@ namespace tarn {
 
 // The sound of one channel's recordings in a period, frame by frame. What cannot be read is
 // counted, and is no reason to stop.
-class SoundExport : public ExportTrack {
+class TARN_API SoundExport : public ExportTrack {
  public:
   // Microseconds in front of pictures: decoders need some frames to swing in, AAC one or two, Opus
   // 80 ms.
@@ -33,6 +34,8 @@ class SoundExport : public ExportTrack {
   // Where pictures begin another file: what the one before it has. From then on totals() are those
   // of the new one, to which the frame at hand belongs.
   SoundTotals closeFile();
+  // The frame at hand.
+  const OutputSound& sound() const { return sound_; }
   // Whether there is no frame at hand.
   bool atEnd() const { return atEnd_; }
 
@@ -40,6 +43,7 @@ class SoundExport : public ExportTrack {
 
  private:
   bool openRow();
+  void skipEarlier();
   bool readBlock();
   PictureTime timeOf(PictureTime inBlock) const;
   bool isWanted(const SoundFrame& frame) const;

@@ -145,9 +145,9 @@ TimeSpan CardAnswers::holdings(const ServedRows& rows) {
 }
 
 void CardAnswers::addChannels(JsonText* json, const ServedRows& rows) {
-  std::set<int> withSound;
+  std::map<int, std::set<std::string>> withSound;
   for (const ServedRecording& one : rows.recordings) {
-    if (isSound(one.row)) withSound.insert(one.channel);
+    if (isSound(one.row)) withSound[one.channel].insert(soundCodecName(soundCodecOf(one.row)));
   }
   json->key("channels").beginArray();
   for (const auto& channel : rows.videoOf) {
@@ -162,6 +162,9 @@ void CardAnswers::addChannels(JsonText* json, const ServedRows& rows) {
     json->beginObject().key("channel").number(channel.first).key("running").boolean(running);
     json->key("recordings").number(static_cast<int64_t>(channel.second.size()));
     json->key("sound").boolean(withSound.count(channel.first) != 0);
+    json->key("soundCodecs").beginArray();
+    for (const std::string& codec : withSound[channel.first]) json->text(codec);
+    json->end();
     json->key("oldestMs").thousandths(held.fromUs).key("newestMs").thousandths(held.toUs).end();
   }
   json->end();

@@ -7,17 +7,46 @@
 #include "media/PictureFormat.h"
 
 namespace tarn {
+namespace {
 
-ExportStream::ExportStream(std::unique_ptr<PieceWalker> walker, int64_t toUs)
-    : walker_(std::move(walker)), toUs_(toUs) {}
+constexpr int64_t kShownUs = 40000;  // of the last picture
+
+}  // namespace
+
+ExportStream::ExportStream(std::unique_ptr<PieceWalker> walker, SoundToo sound, int64_t toUs)
+    : walker_(std::move(walker)), sound_(std::move(sound)), toUs_(toUs) {}
 
 bool ExportStream::begin() {
   const auto sink = [this](const uint8_t* data, size_t size) {
     made_.append(reinterpret_cast<const char*>(data), size);
     return true;
   };
+  if (!takePiece()) return false;
+  if (sound_.format.codec != SoundCodec::kUnknown) {
+    const int64_t fromUs = piece_.fromUs - SoundExport::kLeadUs;
+    frames_ = std::make_unique<SoundFrames>(sound_.rows, sound_.format, fromUs, INT64_MAX);
+    if (frames_->frame() == nullptr) frames_.reset();
+  }
   // The file begins with its first picture, whose date is in it.
-  return takePiece() && movie_.open(FragmentedMovie::Plan(), sink);
+  FragmentedMovie::Plan plan;
+  plan.tracks = frames_ != nullptr ? 2 : 1;
+  plan.quickTime = frames_ != nullptr && needsQuickTime(sound_);
+  return movie_.open(plan, sink) && (frames_ == nullptr || describe());
+}
+
+// A movie of several tracks wants to know all of them first.
+bool ExportStream::describe() {
+  OutputPicture first;
+  return readPicture(&first) && movie_.describe(0, first) && movie_.describe(1, *frames_->frame());
+}
+
+// All that begins before that time.
+bool ExportStream::writeSoundUntil(int64_t us) {
+  for (; frames_ != nullptr && frames_->frame() != nullptr; frames_->next()) {
+    if (frames_->frame()->time.totalMicros() >= us) return true;
+    if (!movie_.write(*frames_->frame(), 1)) return false;
+  }
+  return true;
 }
 
 bool ExportStream::takePiece() {
@@ -26,23 +55,32 @@ bool ExportStream::takePiece() {
   return true;
 }
 
-bool ExportStream::takePicture() {
+bool ExportStream::readPicture(OutputPicture* picture) {
   PictureEntry entry;
   RecordingReader* reader = walker_->reader();
-  OutputPicture picture;
   // A download can say no more than that it did not come whole. "tarn export" writes what there is,
   // and says what is missing.
-  if (!reader->picture(next_, &entry) || !reader->readPicture(entry, &picture.annexB)) return false;
-  picture.presentation = entry.presentation;
-  picture.decodeOffsetUs = entry.decodeOffsetUs;
-  picture.key = entry.isKey();
-  if (picture.key && entry.presentation.totalMicros() > toUs_) {
+  if (!reader->picture(next_, &entry) || !reader->readPicture(entry, &picture->annexB))
+    return false;
+  picture->presentation = entry.presentation;
+  picture->decodeOffsetUs = entry.decodeOffsetUs;
+  picture->key = entry.isKey();
+  return true;
+}
+
+bool ExportStream::takePicture() {
+  OutputPicture picture;
+  if (!readPicture(&picture)) return false;
+  const int64_t at = picture.presentation.totalMicros();
+  if (picture.key && at > toUs_) {
     ended_ = true;
+    lastUs_ = at;
     return true;
   }
+  lastUs_ = std::max(lastUs_, at + kShownUs);
   // One description cannot tell of both; the part in front of the change would pass for the whole.
   if (picture.key && isOtherFormat(picture)) return false;
-  return movie_.write(picture);
+  return writeSoundUntil(at + picture.decodeOffsetUs) && movie_.write(picture);
 }
 
 bool ExportStream::isOtherFormat(const OutputPicture& key) {
@@ -55,7 +93,7 @@ bool ExportStream::isOtherFormat(const OutputPicture& key) {
 bool ExportStream::makeMore() {
   if (next_ == piece_.end() && !takePiece()) ended_ = true;
   if (!ended_ && !takePicture()) return false;
-  if (ended_) return movie_.finish();
+  if (ended_) return writeSoundUntil(lastUs_) && movie_.finish();
   ++next_;
   return true;
 }

@@ -15,14 +15,17 @@ namespace tarn {
 // for everybody, counted on for as long as somebody asks. The caller lets one thread in at a time.
 class LivePlaylist {
  public:
-  // The recording whose beginning a recording's pieces share; 0 when it cannot be told.
-  using InitOf = std::function<uint32_t(uint32_t streamID)>;
+  // What becomes of a piece: what has to be known before it is filled in, it cannot be played, or
+  // not all of it is safe yet.
+  enum class Judgement { kTake, kLeaveOut, kWait };
+  using Judge = std::function<Judgement(PlaylistPiece* piece)>;
 
   // Adds what has become safe since the last call. `rows` is the list of now.
   void refresh(const std::shared_ptr<const ServedRows>& rows, int channel, int64_t nowUs,
-               const InitOf& initOf);
+               const Judge& judge);
   // Nothing was recorded since anybody looked first.
   bool isEmpty() const { return pieces_.empty(); }
+  const std::vector<PlaylistPiece>& pieces() const { return pieces_; }
   std::string text() const { return playlistText(pieces_, sequence_, discontinuities_, false); }
 
  private:

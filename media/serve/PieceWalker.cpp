@@ -13,6 +13,7 @@ constexpr int64_t kUsualUs = 1900000;
 constexpr int64_t kLongestUs = 10000000;
 constexpr int64_t kShownUs = 40000;  // of a picture that nothing tells of how long it is shown
 constexpr int64_t kLongestShownUs = 1000000;
+constexpr int64_t kBlockUs = 500000;  // of sound, which a row's end does not tell the length of
 
 const std::vector<uint32_t>& noPlaces() {
   static const std::vector<uint32_t> none;
@@ -21,10 +22,12 @@ const std::vector<uint32_t>& noPlaces() {
 
 }  // namespace
 
-PieceWalker::PieceWalker(std::shared_ptr<const ServedRows> rows, int channel)
-    : rows_(std::move(rows)), places_(&noPlaces()) {
-  const auto found = rows_->videoOf.find(channel);
-  if (found != rows_->videoOf.end()) places_ = &found->second;
+PieceWalker::PieceWalker(std::shared_ptr<const ServedRows> rows, int channel, Kind kind,
+                         Formats formats)
+    : rows_(std::move(rows)), kind_(kind), formats_(formats), places_(&noPlaces()) {
+  const auto& all = kind == Kind::kSound ? rows_->soundOf : rows_->videoOf;
+  const auto found = all.find(channel);
+  if (found != all.end()) places_ = &found->second;
 }
 
 uint32_t PieceWalker::streamID() const { return place_ < places_->size() ? row().row.streamID : 0; }
@@ -35,9 +38,13 @@ bool PieceWalker::open(size_t place) {
   place_ = place;
   index_ = 0;
   reader_ = std::make_unique<RecordingReader>();
-  if (reader_->open(row().row) == 0) return true;
-  reader_.reset();
-  return false;
+  if (reader_->open(row().row) != 0) {
+    reader_.reset();
+    return false;
+  }
+  if (kind_ == Kind::kPictures) format_.begin(reader_.get());
+  walked_ = changes_ = false;
+  return true;
 }
 
 // A recording may go on in the middle of a group where the one before ended with its chunk.
@@ -65,7 +72,8 @@ bool PieceWalker::toKeyIn(size_t place, int64_t us) {
 bool PieceWalker::toTime(int64_t us) {
   for (size_t place = 0; place < places_->size(); ++place) {
     const ServedRecording& one = rows_->recordings[(*places_)[place]];
-    const bool over = !one.isRunning() && one.endUs() + kShownUs < us;
+    const int64_t shown = kind_ == Kind::kSound ? kBlockUs : kShownUs;
+    const bool over = !one.isRunning() && one.endUs() + shown < us;
     if (!over && toKeyIn(place, us)) return true;
   }
   return false;
@@ -118,31 +126,39 @@ int64_t PieceWalker::endOfLast(const Piece& piece, int64_t latestUs, int64_t ste
   return next.isKey() && at > latestUs ? at : latestUs + shown;
 }
 
+// Whether the key picture begins another format; the piece in front of it ends there.
+bool PieceWalker::endsAt(const PictureEntry& key, uint32_t index) {
+  const bool asked = formats_ == Formats::kOfEveryKey || format_.endsDiffer();
+  if (kind_ == Kind::kSound || !key.isKey() || !asked) return false;
+  const uint32_t before = format_.format();
+  return format_.formatAt(index) != before;
+}
+
 bool PieceWalker::cut(bool whole, Piece* out) {
   const uint32_t count = reader_->pictureCount();
   PictureEntry entry;
   while (index_ < count && !reader_->picture(index_, &entry)) ++index_;
   if (index_ >= count) return false;
   const int64_t from = entry.presentation.totalMicros();
-  *out = {row().row.streamID,
-          index_,
-          0,
-          from,
-          from,
-          entry.isKey(),
-          index_ == 0 || entry.isDiscontinuity()};
-  uint64_t bytes = entry.size;
+  // In front of the first one that is cut here nobody knows what there was.
+  const bool change = endsAt(entry, index_) && walked_;
+  const bool discontinuity = index_ == 0 || entry.isDiscontinuity() || change || changes_;
+  *out = {row().row.streamID, index_,       0, format_.format(), entry.size, from, from,
+          entry.isKey(),      discontinuity};
+  walked_ = true;
+  changes_ = false;
   int64_t latest = from;
   int64_t decoded = entry.decodeTime().totalMicros();
   int64_t step = 0;
   bool ended = false;
   for (out->count = 1; !ended && index_ + out->count < count; ++out->count) {
     ended = !reader_->picture(out->end(), &entry) || entry.isDiscontinuity() ||
-            out->count >= kMostPictures || bytes + entry.size > kMostBytes;
+            out->count >= kMostPictures || out->bytes + entry.size > kMostBytes;
     const int64_t at = entry.presentation.totalMicros();
     ended = ended || (entry.isKey() && at - from >= kUsualUs) || at - from >= kLongestUs;
+    if (!ended) ended = changes_ = endsAt(entry, out->end());
     if (ended) break;
-    bytes += entry.size;
+    out->bytes += entry.size;
     latest = std::max(latest, at);
     step = entry.decodeTime().totalMicros() - decoded;
     decoded = entry.decodeTime().totalMicros();

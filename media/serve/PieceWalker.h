@@ -5,21 +5,29 @@
 #include <vector>
 
 #include "base/Export.h"
+#include "media/serve/KeyFormat.h"
 #include "media/serve/Piece.h"
 #include "media/serve/ServedRows.h"
 #include "recorder/recording/RecordingReader.h"
 
 namespace tarn {
 
-// Walks over a channel's pictures from a moment on, across recordings and gaps, and cuts them into
-// pieces. What cannot be read is passed over. Used by one thread.
+// Walks over a channel's pictures, or over its sound block by block, from a moment on, across
+// recordings and gaps, and cuts them into pieces, each of one format. What cannot be read is passed
+// over. Used by one thread.
 class TARN_API PieceWalker {
  public:
   // A piece has at most so many pictures and, of more than one, so many bytes.
   static constexpr uint32_t kMostPictures = 600;
   static constexpr uint64_t kMostBytes = uint64_t{4} * 1024 * 1024;
 
-  PieceWalker(std::shared_ptr<const ServedRows> rows, int channel);
+  enum class Kind { kPictures, kSound };
+  // Where a change of the format within a recording is looked for: at every key picture or, of a
+  // long period, only in recordings whose first and last key pictures differ.
+  enum class Formats { kOfEveryKey, kOfEnds };
+
+  PieceWalker(std::shared_ptr<const ServedRows> rows, int channel, Kind kind = Kind::kPictures,
+              Formats formats = Formats::kOfEveryKey);
 
   // Each of these says where to begin; false when there is nothing to begin with.
   // The key picture at or before the time or, in a gap, the next recording.
@@ -47,13 +55,19 @@ class TARN_API PieceWalker {
   bool continuesBefore(size_t place) const;
   void passUndecodable();
   bool cut(bool whole, Piece* out);
+  bool endsAt(const PictureEntry& key, uint32_t index);
   int64_t endOfLast(const Piece& piece, int64_t latestUs, int64_t stepUs) const;
 
   const std::shared_ptr<const ServedRows> rows_;
+  const Kind kind_;
+  const Formats formats_;
   const std::vector<uint32_t>* places_ = nullptr;  // of the channel, in the order of time
   size_t place_ = 0;
   uint32_t index_ = 0;                       // of the next picture
   std::unique_ptr<RecordingReader> reader_;  // of the recording at place_, once it is needed
+  KeyFormat format_;                         // in it
+  bool walked_ = false;                      // a piece of it was cut
+  bool changes_ = false;                     // the next one begins another format
 };
 
 }  // namespace tarn

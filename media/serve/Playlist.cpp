@@ -28,11 +28,9 @@ int64_t lengthUs(const Piece& piece) { return std::max<int64_t>(piece.toUs - pie
 
 }  // namespace
 
-std::string initName(uint32_t streamID) { return "init-" + std::to_string(streamID) + ".mp4"; }
-
-std::string pieceName(const Piece& piece, bool keysOnly) {
-  return std::to_string(piece.streamID) + "-" + std::to_string(piece.first) + "-" +
-         std::to_string(piece.count) + (keysOnly ? "-k.m4s" : ".m4s");
+void addPiece(std::vector<PlaylistPiece>* pieces, PlaylistPiece piece) {
+  if (!pieces->empty() && pieces->back().init != piece.init) piece.piece.discontinuity = true;
+  pieces->push_back(piece);
 }
 
 std::string playlistText(const std::vector<PlaylistPiece>& pieces, uint64_t sequence,
@@ -45,19 +43,35 @@ std::string playlistText(const std::vector<PlaylistPiece>& pieces, uint64_t sequ
   if (discontinuities > 0)
     text += "#EXT-X-DISCONTINUITY-SEQUENCE:" + std::to_string(discontinuities) + "\n";
   if (ended) text += "#EXT-X-PLAYLIST-TYPE:VOD\n";
-  uint32_t initID = 0;
+  InitPlace init;
   bool first = true;
   for (const PlaylistPiece& one : pieces) {
     if (one.piece.discontinuity && !first) text += "#EXT-X-DISCONTINUITY\n";
-    if (one.initID != initID) text += "#EXT-X-MAP:URI=\"" + initName(one.initID) + "\"\n";
+    if (one.init != init) text += "#EXT-X-MAP:URI=\"" + nameOf(one.init) + "\"\n";
     if (first || one.piece.discontinuity)
       text += "#EXT-X-PROGRAM-DATE-TIME:" + dateText(one.piece.fromUs) + "\n";
     text +=
-        "#EXTINF:" + secondsText(lengthUs(one.piece)) + ",\n" + pieceName(one.piece, false) + "\n";
-    initID = one.initID;
+        "#EXTINF:" + secondsText(lengthUs(one.piece)) + ",\n" + nameOf(placeOf(one, false)) + "\n";
+    init = one.init;
     first = false;
   }
   return text + (ended ? "#EXT-X-ENDLIST\n" : "");
+}
+
+std::string masterText(const std::string& address, const std::vector<std::string>& codecs,
+                       const std::vector<PlaylistPiece>& pieces, PictureSize size) {
+  // Of what is around the pictures, and of sound, which is little beside them.
+  constexpr uint64_t kBesideBits = 256000;
+  uint64_t most = 0;
+  for (const PlaylistPiece& one : pieces) {
+    const auto lasts = static_cast<uint64_t>(lengthUs(one.piece));
+    most = std::max(most, one.piece.bytes * 8 * 1000000 / lasts);
+  }
+  std::string all;
+  for (const std::string& codec : codecs) all += (all.empty() ? "" : ",") + codec;
+  return "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-STREAM-INF:BANDWIDTH=" +
+         std::to_string(most + kBesideBits) + ",RESOLUTION=" + std::to_string(size.width) + "x" +
+         std::to_string(size.height) + ",CODECS=\"" + all + "\"\n" + address + "\n";
 }
 
 }  // namespace tarn

@@ -34,13 +34,15 @@ int channelOf(const DB_STREAM& row, const ChunkChannels& chunks) {
 void sortByTime(ServedRows* rows) {
   for (uint32_t i = 0; i < rows->recordings.size(); ++i) {
     const ServedRecording& one = rows->recordings[i];
-    if (!isSound(one.row) && one.channel != ChunkChannels::kUnknown)
-      rows->videoOf[one.channel].push_back(i);
+    if (one.channel == ChunkChannels::kUnknown) continue;
+    (isSound(one.row) ? rows->soundOf : rows->videoOf)[one.channel].push_back(i);
   }
-  for (auto& channel : rows->videoOf) {
-    std::stable_sort(channel.second.begin(), channel.second.end(), [&](uint32_t a, uint32_t b) {
-      return rows->recordings[a].startUs() < rows->recordings[b].startUs();
-    });
+  for (auto* all : {&rows->videoOf, &rows->soundOf}) {
+    for (auto& channel : *all) {
+      std::stable_sort(channel.second.begin(), channel.second.end(), [&](uint32_t a, uint32_t b) {
+        return rows->recordings[a].startUs() < rows->recordings[b].startUs();
+      });
+    }
   }
 }
 

@@ -5,6 +5,8 @@
 
 #include "media/serve/CardAnswers.h"
 #include "media/serve/EventFeed.h"
+#include "media/serve/ExportAnswers.h"
+#include "media/serve/HlsAnswers.h"
 #include "media/serve/LogAnswers.h"
 #include "media/serve/QueryReader.h"
 #include "media/serve/RowAnswers.h"
@@ -17,6 +19,7 @@ namespace {
 
 constexpr char kNoSuchAddress[] = "there is nothing at this address";
 constexpr char kIndex[] = "index.html";
+constexpr int kAtATime = 4;
 
 struct FileType {
   const char* ending;
@@ -83,7 +86,7 @@ class ServeApi::Impl {
     }
     if (known) return errorResponse(405, "this address does not take that method");
     if (request.method != Method::kGet) return errorResponse(404, kNoSuchAddress);
-    return request.path.rfind("/hls/", 0) == 0 ? video_.hls(request) : page(request);
+    return request.path.rfind("/hls/", 0) == 0 ? hls_.answer(request) : page(request);
   }
 
  private:
@@ -98,7 +101,7 @@ class ServeApi::Impl {
   HttpResponse pictures(const HttpRequest& request) { return video_.pictures(request); }
   HttpResponse segments(const HttpRequest& request) { return video_.segments(request); }
   HttpResponse thumbnail(const HttpRequest& request) { return video_.thumbnail(request); }
-  HttpResponse exported(const HttpRequest& request) { return video_.exported(request); }
+  HttpResponse exported(const HttpRequest& request) { return exports_.exported(request); }
   HttpResponse metrics(const HttpRequest& request) { return card_.metrics(request); }
 
   HttpResponse stream(const HttpRequest& request) {
@@ -129,7 +132,11 @@ class ServeApi::Impl {
   RowAnswers rows_{&follower_};
   CardAnswers card_{settings_, &follower_, &rows_};
   LogAnswers log_;
-  VideoAnswers video_{&follower_};
+  PieceInits inits_;
+  Turns turns_{kAtATime};  // of all that reads pictures
+  VideoAnswers video_{&follower_, &inits_, &turns_};
+  HlsAnswers hls_{&follower_, &inits_, &turns_};
+  ExportAnswers exports_{&follower_, &inits_};
 };
 
 ServeApi::ServeApi(const ServeSettings& settings, std::vector<PageFile> page)

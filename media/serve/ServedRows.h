@@ -33,6 +33,7 @@ struct ServedRows {
   std::vector<ServedRecording> recordings;  // by key; each picture once
   // Places in `recordings` of each channel's recordings of pictures, in the order of time.
   std::map<int, std::vector<uint32_t>> videoOf;
+  std::map<int, std::vector<uint32_t>> soundOf;         // the same of sound
   std::shared_ptr<const std::vector<DB_EVENT>> events;  // by key
 
   // Null when it is not listed.

@@ -22,8 +22,9 @@ def run(*command, **options):
 
 
 def clip(path, seconds, size="160x120"):
-    """A video whose pictures are grey, each as grey as its number says; a key picture every second."""
-    run("ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", f"color=black:s={size}:r={RATE}:d={seconds}", "-vf",
+    """A video whose pictures are grey, each as grey as its number says; a key picture every second. And a tone."""
+    run("ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", f"color=black:s={size}:r={RATE}:d={seconds}",
+        "-f", "lavfi", "-i", f"sine=sample_rate=16000:duration={seconds}", "-c:a", "aac", "-vf",
         f"geq=lum='30+4*mod(N\\,{NUMBERS})':cb=128:cr=128", "-c:v", "libx264", "-preset", "ultrafast", "-qp", "12",
         "-g", str(RATE), "-bf", "2", "-pix_fmt", "yuv420p", "-threads", "1", path)
     return path

@@ -83,7 +83,7 @@ export class CardPanel {
     const rows = card.channels.map((channel) => make("tr", {},
       make("th", { scope: "row" }, String(channel.channel),
         channel.running ? make("span", { className: "runs", textContent: strings.running }) : null),
-      make("td", { textContent: channel.recordings.toLocaleString("en") + (channel.sound ? ` + ${strings.sound}` : "") }),
+      make("td", { textContent: channel.recordings.toLocaleString("en") + (channel.sound ? ` + ${strings.withSound}` : "") }),
       make("td", { textContent: zone.dateTime(channel.oldestMs) }),
       make("td", { textContent: zone.dateTime(channel.newestMs) })));
     this.channels.replaceChildren(make("thead", {}, make("tr", {}, ...head)), make("tbody", {}, ...rows));

@@ -1,4 +1,4 @@
-// Shows one channel's video: appends pieces to a media source whose time is the recorder's, shifted by
+// Shows one channel's video, or lets its sound be heard: appends pieces to a media source whose time is the recorder's, shifted by
 // a base, so that a gap is a gap there, too, and every channel has the same time. What is to be shown
 // when is told by the Player; this only sees to it that it is there.
 import { api } from "./api.js";
@@ -8,14 +8,16 @@ const aheadMs = 8000;        // fetched in advance, at single speed
 const behindMs = 20000;      // kept behind what is shown
 const retryMs = 1000;
 const wholeSeconds = 1e9;    // more than any card holds
+const soundFarMs = 700;      // between pictures and sound; what is less is caught up with gently
 const holeMs = 60;           // what a browser plays across
 export const stuckMs = 2000; // a video that comes no further for so long is told again where to go
 
 export class ChannelPlayer {
-  // changed(): what is there has changed.
+  // video: the element, of sound an audio one; changed(): what is there has changed.
   constructor(channel, video, baseMs, changed) {
     this.channel = channel;
     this.video = video;
+    this.isSound = video instanceof HTMLAudioElement;
     this.baseMs = baseMs;
     this.changed = changed;
     this.soughtMs = null;
@@ -75,7 +77,7 @@ export class ChannelPlayer {
   // Begins anew from {from: ms} or {live: 1}.
   begin(start, keysOnly) {
     this.pieces?.stop();
-    this.pieces = new Pieces(this.channel, start, keysOnly);
+    this.pieces = new Pieces(this.channel, start, keysOnly, this.isSound);
     this.known = [];
     this.held = null;
     this.stale = true;
@@ -141,7 +143,8 @@ export class ChannelPlayer {
       return false;
     }
     const driftMs = Math.abs(this.timeMs - ms);
-    const allowedMs = playing && !this.video.paused ? 150 * Math.max(1, rate) : 0.2;
+    const runningMs = this.isSound ? soundFarMs : 150 * Math.max(1, rate);
+    const allowedMs = playing && !this.video.paused ? runningMs : 0.2;
     // Once for each moment: what the browser makes of it stays. Always after the buffer was cleared: of
     // what it held, pictures are decoded in advance.
     const needed = this.soughtMs === null || (driftMs > allowedMs && (playing || this.soughtMs !== ms));
@@ -151,11 +154,18 @@ export class ChannelPlayer {
       this.soughtMs = ms;
       this.video.currentTime = this.seconds(ms);
     }
-    if (this.video.playbackRate !== rate) this.video.playbackRate = rate;
+    const kept = this.isSound ? this.rateBeside(ms, rate) : rate;
+    if (this.video.playbackRate !== kept) this.video.playbackRate = kept;
     if (playing && this.video.paused && !this.video.ended) this.video.play().catch(() => {});
     if (!playing && !this.video.paused) this.video.pause();
     this.feed();
     return true;
+  }
+
+  // Sound that is sent to another place is not heard for a while: it goes a little faster or slower instead.
+  rateBeside(ms, rate) {
+    const behindMs = ms - this.timeMs;
+    return Math.abs(behindMs) < 30 ? rate : rate * Math.min(Math.max(1 + behindMs / 3000, 0.92), 1.08);
   }
 
   // Called for every picture of the screen: does nothing where nothing is to be had.
@@ -254,7 +264,7 @@ export class ChannelPlayer {
   }
 
   async append({ piece, init, media }) {
-    const type = `video/mp4; codecs="${piece.codec}"`;
+    const type = `${this.isSound ? "audio" : "video"}/mp4; codecs="${piece.codec}"`;
     if (!MediaSource.isTypeSupported(type)) {
       this.problem = "cannotDecode";
       return false;

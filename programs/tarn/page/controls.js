@@ -1,11 +1,13 @@
 // Buttons and keys.
 import { api } from "./api.js";
 import { speeds } from "./player.js";
+import { notPlayed, played } from "./sound.js";
 import { strings } from "./strings.js";
 
 const by = (id) => document.getElementById(id);
 const keyZoom = 1.6;
 const keySeekMs = 5000;
+const keyVolume = 0.1;
 const mostEvents = 1000;
 const eventSearchMs = [3600000, 86400000, 40 * 86400000];  // how far back one is looked for, in turn
 
@@ -27,10 +29,12 @@ export class Controls {
       "select": () => this.setSelecting(!this.timeline.selecting),
       "clear-selection": () => this.clearSelection(), "download": () => this.told.save(),
       "whole": () => this.timeline.showAll(), "zoom-in": () => this.timeline.zoom(1 / 2),
-      "zoom-out": () => this.timeline.zoom(2),
+      "zoom-out": () => this.timeline.zoom(2), "mute": () => this.mute(),
     };
     for (const [id, act] of Object.entries(actions)) by(id).addEventListener("click", act);
     this.speed.addEventListener("change", () => this.player.setSpeed(Number(this.speed.value)));
+    by("volume").addEventListener("input", () => this.setVolume(Number(by("volume").value) / 100));
+    by("sound-channel").addEventListener("change", () => this.player.sound.setChannel(Number(by("sound-channel").value)));
   }
 
   toggle() {
@@ -113,6 +117,39 @@ export class Controls {
     if (Number(this.speed.value) !== player.speed) this.speed.value = String(player.speed);
   }
 
+  // Sound: of one of the channels that are shown, the first unless another one is chosen.
+
+  setChannels() {
+    const shown = this.state.channels.filter(({ channel }) => this.state.shown.has(channel));
+    const heard = shown.filter(({ soundCodecs }) => played(soundCodecs).length > 0).map(({ channel }) => channel);
+    const { sound } = this.player, choice = by("sound-channel");
+    sound.setChannel(heard.includes(sound.channel) ? sound.channel : heard[0] ?? null);
+    choice.replaceChildren(...heard.map((channel) => new Option(strings.channelShort(channel), channel)));
+    choice.value = String(sound.channel);
+    choice.hidden = heard.length < 2;
+    by("mute").disabled = by("volume").disabled = heard.length === 0;
+    by("sound").title = heard.length === 0 ? strings.noSound : "";
+    const left = shown.filter(({ soundCodecs }) => notPlayed(soundCodecs).length > 0);
+    const codecs = new Set(left.flatMap(({ soundCodecs }) => notPlayed(soundCodecs)).map(strings.codecName));
+    by("sound-note").hidden = left.length === 0;
+    by("sound-note").textContent = left.length === 0 ? "" : strings.soundNotPlayed(
+      left.map(({ channel }) => strings.channelShort(channel)).join(", "), [...codecs].join(", "));
+  }
+
+  mute() {
+    const { sound } = this.player;
+    if (by("mute").disabled) return;
+    sound.setMuted(!sound.muted);
+    by("mute").setAttribute("aria-pressed", String(sound.muted));
+  }
+
+  setVolume(volume) {
+    const { sound } = this.player;
+    sound.volume = volume;
+    by("volume").value = String(Math.round(sound.volume * 100));
+    if (sound.muted) this.mute();
+  }
+
   // The selection.
 
   setSelecting(on) {
@@ -171,6 +208,9 @@ export class Controls {
       "ArrowRight": event.shiftKey ? pan(0.2) : seekBy(keySeekMs),
       "Home": () => this.told.seek(state.oldestMs, true), "End": () => this.told.seek(state.newestMs - 100, true),
       "p": () => this.event(false), "n": () => this.event(true),
+      "m": () => this.mute(),
+      "ArrowUp": event.shiftKey ? () => this.setVolume(this.player.sound.volume + keyVolume) : undefined,
+      "ArrowDown": event.shiftKey ? () => this.setVolume(this.player.sound.volume - keyVolume) : undefined,
       "<": () => this.changeSpeed(-1), ">": () => this.changeSpeed(1),
       "[": () => this.selectHere(true), "]": () => this.selectHere(false), "Escape": () => this.clearSelection(),
       "d": () => this.told.save(), "l": () => this.live(), "0": () => timeline.showAll(),

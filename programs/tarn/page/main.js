@@ -56,6 +56,7 @@ function takeCard(card) {
 
 function showChannels() {
   player.setChannels(stage.setChannels([...state.shown].sort((a, b) => a - b)));
+  controls.setChannels();
   if (state.card.oldestMs === null) stage.say(strings.nothingYet);
   const chips = state.channels.map(({ channel }) => {
     const chip = document.createElement("button");
@@ -88,14 +89,17 @@ function playerChanged() {
   log.step();
 }
 
+const soundOf = (channels) => channels.map(({ channel, soundCodecs }) => `${channel}: ${soundCodecs}`).join();
+
 // Asks for the card anew, at most once a second.
 let refreshing = null;
 function refresh() {
   refreshing ??= setTimeout(async () => {
     refreshing = null;
     try {
-      const before = state.channels.length;
+      const before = state.channels.length, sound = soundOf(state.channels);
       takeCard(await api.card());
+      if (sound !== soundOf(state.channels)) controls.setChannels();
       if (before !== state.channels.length) {
         for (const { channel } of state.channels) if (state.shown.size < mostTiles) state.shown.add(channel);
         showChannels();
@@ -164,7 +168,7 @@ async function start() {
   controls = new Controls(state, timeline, stage, { seek, failed, go: watchGo(state, seek), save: watchSave(state, timeline) });
   takeCard(card);
   // A day before the oldest picture: the media source knows no time before its base.
-  player = new Player(Math.floor((state.oldestMs - dayMs) / 1000) * 1000, playerChanged);
+  player = new Player(Math.floor((state.oldestMs - dayMs) / 1000) * 1000, by("heard"), playerChanged);
   controls.player = player;
   for (const { channel } of state.channels.slice(0, mostTiles)) state.shown.add(channel);
   timeline.showAll();

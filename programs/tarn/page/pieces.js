@@ -4,9 +4,10 @@ import { api } from "./api.js";
 const askedAtOnce = 8;
 
 export class Pieces {
-  // start: {from: ms} or {live: 1}; keysOnly: pieces that hold key pictures only.
-  constructor(channel, start, keysOnly) {
-    this.question = { channel, keys: keysOnly ? 1 : 0, limit: keysOnly ? 32 : askedAtOnce };
+  // start: {from: ms} or {live: 1}; keysOnly: pieces that hold key pictures only; sound: of the channel's
+  // sound instead.
+  constructor(channel, start, keysOnly, sound) {
+    this.question = { channel, keys: keysOnly ? 1 : 0, sound: sound ? 1 : 0, limit: keysOnly ? 32 : askedAtOnce };
     this.start = start;
     this.after = null;
     this.waiting = [];

@@ -2,6 +2,7 @@
 // keeps while it plays, and which jumps over what no channel has.
 import { api } from "./api.js";
 import { ChannelPlayer, stuckMs } from "./channelPlayer.js";
+import { Sound } from "./sound.js";
 
 export const speeds = [0.5, 1, 2, 4, 8, 16];
 const keysOnlyAbove = 4;     // faster than this, key pictures are enough
@@ -11,10 +12,11 @@ const besideMs = 3000;       // on both sides of a moment, where the next pictur
 const stepIntoMs = 0.3;      // a moment just inside a picture, whatever the rounding
 
 export class Player {
-  // told(): anything has changed.
-  constructor(baseMs, told) {
+  // element: what the sound comes from; told(): anything has changed.
+  constructor(baseMs, element, told) {
     this.baseMs = baseMs;
     this.told = told;
+    this.sound = new Sound(element, baseMs, told);
     this.players = new Map();
     this.timeMs = baseMs;
     this.speed = 1;
@@ -68,6 +70,7 @@ export class Player {
     this.findingNewest = false;
     this.ended = false;
     this.timeMs = ms;
+    this.sound.restart();
     for (const player of this.players.values()) player.want(ms, this.keysOnly);
     this.told();
   }
@@ -104,6 +107,7 @@ export class Player {
     this.playing = true;
     this.ended = false;
     this.findingNewest = true;
+    this.sound.restart();
     for (const player of this.players.values()) player.wantLive();
     this.told();
   }
@@ -133,6 +137,8 @@ export class Player {
     if (this.playing && !this.findingNewest) this.advance(players);
     const rate = this.live ? this.liveRate() : this.speed;
     for (const player of players) player.follow(this.timeMs, rate, this.playing);
+    const lead = this.playing && !this.findingNewest ? this.lead() : undefined;
+    this.sound.follow(this.timeMs, rate, lead !== undefined && !lead.video.paused, this.live);
     if (this.timeMs !== before) this.told();
   }
 

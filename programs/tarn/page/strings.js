@@ -49,6 +49,13 @@ export const strings = {
   noEvent: "No event there",
   speed: "Speed",
   speedName: (speed) => `${speed === 0.5 ? "½" : speed} ×`,
+  sound: "Sound",
+  mute: "Mute (M)",
+  volume: "Volume",
+  soundOf: "Channel that is heard",
+  noSound: "No sound was recorded",
+  soundNotPlayed: (channels, codecs) => `${channels}: browsers do not play ${codecs}; a download has it`,
+  codecName: (codec) => ({ alaw: "G.711 A-law", mulaw: "G.711 µ-law" })[codec] ?? codec,
   selection: "Selection",
   select: "Select",
   selectTip: "Drag on the timeline to select a period",
@@ -110,7 +117,7 @@ export const strings = {
   perChannel: "Channels",
   recordings: "Recordings",
   running: "records now",
-  sound: "sound",
+  withSound: "sound",
 
   // Lengths and sizes.
   bytes: (count) => {
@@ -141,6 +148,8 @@ export const keys = [
   ["Home  End", "Oldest, newest picture"],
   ["P  N", "Previous, next event"],
   ["<  >", "Slower, faster"],
+  ["M", "Sound off, on"],
+  ["Shift ↑  ↓", "Louder, softer"],
   ["[  ]", "Begin, end the selection here"],
   ["Esc", "Clear the selection"],
   ["D", "Download the selection"],

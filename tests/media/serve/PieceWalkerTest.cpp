@@ -183,7 +183,10 @@ TEST_F(PieceWalkerTest, ADatabaseThatIsGoneIsToldAndWhatWasReadStays) {
 TEST_F(PieceWalkerTest, PiecesOfALivePlaylistKeepTheirNumbers) {
   tarn::RecordingSession session;
   ASSERT_TRUE(openSession(session));
-  const auto own = [](uint32_t streamID) { return streamID; };
+  const auto own = [](tarn::PlaylistPiece* piece) {
+    piece->init.streamID = piece->piece.streamID;
+    return tarn::LivePlaylist::Judgement::kTake;
+  };
   tarn::LivePlaylist list;
   list.refresh(rows(), 0, 0, own);
   EXPECT_TRUE(list.isEmpty());

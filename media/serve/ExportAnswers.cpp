@@ -1,0 +1,100 @@
+#include "media/serve/ExportAnswers.h"
+
+#include <ctime>
+#include <memory>
+#include <utility>
+
+#include "media/serve/ExportStream.h"
+#include "media/serve/QueryReader.h"
+#include "recorder/card/TimeText.h"
+
+namespace tarn {
+namespace {
+
+constexpr int64_t kDayUs = int64_t{86400} * 1000000;
+// A download begins with a key picture before its period, and ends with one behind it.
+constexpr int64_t kBeforeUs = int64_t{600} * 1000000;
+constexpr int64_t kBehindUs = int64_t{60} * 1000000;
+constexpr char kMovieType[] = "video/mp4";
+constexpr char kQuickTimeType[] = "video/quicktime";
+constexpr char kNothingThere[] = "nothing was recorded there";
+constexpr char kFormatChanges[] =
+    "the pictures change their format in that time, and one movie has one: ask for what is before "
+    "and behind it by itself, from ";
+
+std::string fileName(int channel, int64_t us, const char* ending) {
+  const auto seconds = static_cast<time_t>(us / 1000000);
+  struct tm local = {};
+  char text[80];
+  const int length = snprintf(text, sizeof text, "channel%d-", channel);
+  strftime(text + length, sizeof text - static_cast<size_t>(length), "%Y%m%d-%H%M%S",
+           localtime_r(&seconds, &local));
+  return std::string(text) + ending;
+}
+
+}  // namespace
+
+// The first of the period that has another format than those before it; null where none has. A
+// change within one breaks the download off.
+const ServedRecording* ExportAnswers::otherFormat(const ServedRows& rows, int channel,
+                                                  int64_t fromUs, int64_t toUs) {
+  std::shared_ptr<const PieceMaker::Description> first;
+  const auto found = rows.videoOf.find(channel);
+  if (found == rows.videoOf.end()) return nullptr;
+  for (uint32_t place : found->second) {
+    const ServedRecording& one = rows.recordings[place];
+    if (one.startUs() > toUs || (!one.isRunning() && one.endUs() < fromUs)) continue;
+    const auto description = inits_->maker()->describe(one);
+    if (description == nullptr) continue;
+    if (first == nullptr) first = description;
+    if (description->sequence != first->sequence) return &one;
+  }
+  return nullptr;
+}
+
+// The sound of a period, by its first recording that can be read; null where there is none.
+std::shared_ptr<const SoundMaker::Description> ExportAnswers::soundOf(const ServedRows& rows,
+                                                                      int channel, int64_t fromUs,
+                                                                      int64_t toUs) {
+  for (const DB_STREAM& row : SoundMaker::rowsOf(rows, channel, fromUs, toUs)) {
+    const ServedRecording* recording = rows.find(row.streamID);
+    const auto sound = recording != nullptr ? inits_->sound()->describe(*recording) : nullptr;
+    if (sound != nullptr) return sound;
+  }
+  return nullptr;
+}
+
+HttpResponse ExportAnswers::exported(const HttpRequest& request) {
+  QueryReader query(request, {"channel", "from", "to"});
+  const int channel = query.channelNeeded();
+  const int64_t fromUs = query.timeUsNeeded("from");
+  const int64_t toUs = query.timeUsNeeded("to");
+  if (toUs <= fromUs || toUs - fromUs > kDayUs) query.fail("the period is up to a day long");
+  if (!query.ok()) return errorResponse(400, query.error());
+  const std::shared_ptr<const ServedRows> rows = follower_->rows();
+  const ServedRecording* other = otherFormat(*rows, channel, fromUs, toUs);
+  if (other != nullptr)
+    return errorResponse(409,
+                         kFormatChanges + TimeText::of(other->row.startDate, other->row.startMSec));
+  auto walker = std::make_unique<PieceWalker>(rows, channel, PieceWalker::Kind::kPictures,
+                                              PieceWalker::Formats::kOfEnds);
+  if (!walker->toTime(fromUs)) return errorResponse(404, kNothingThere);
+  ExportStream::SoundToo sound;
+  const auto described = soundOf(*rows, channel, fromUs, toUs);
+  if (described != nullptr) {
+    sound.format = described->first->format;
+    sound.rows = SoundMaker::rowsOf(*rows, channel, fromUs - kBeforeUs, toUs + kBehindUs);
+  }
+  const bool quickTime = ExportStream::needsQuickTime(sound);
+  auto stream = std::make_shared<ExportStream>(std::move(walker), std::move(sound), toUs);
+  if (!stream->begin()) return errorResponse(404, kNothingThere);
+  HttpResponse response;
+  response.type = quickTime ? kQuickTimeType : kMovieType;
+  response.headers.emplace_back(
+      "Content-Disposition",
+      "attachment; filename=\"" + fileName(channel, fromUs, quickTime ? ".mov" : ".mp4") + "\"");
+  response.stream = stream;
+  return response;
+}
+
+}  // namespace tarn
