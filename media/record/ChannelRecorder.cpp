@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "media/MonotonicTime.h"
+#include "recorder/rows/ServerProbe.h"
 
 namespace tarn {
 namespace {
@@ -28,7 +29,10 @@ int64_t wallUs() {
 
 ChannelRecorder::ChannelRecorder(const RecordRequest& request, const InputRequest& input,
                                  RecordListener* listener)
-    : request_(request), input_(input), listener_(listener) {
+    : request_(request),
+      input_(input),
+      listener_(listener),
+      early_(&session_, PictureQueue::kDefaultLimit / std::max<size_t>(request.inputs.size(), 1)) {
   if (&input != &request.inputs.front()) return;
   for (const EventRequest& event : request.events) events_.add(event, request.eventSeconds);
 }

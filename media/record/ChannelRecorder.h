@@ -78,7 +78,7 @@ class ChannelRecorder {
   const InputRequest& input_;
   RecordListener* const listener_;
   RecordingSession session_;
-  EarlyPictures early_{&session_};
+  EarlyPictures early_;
   SoundSession soundSession_;
   SoundFormat soundFormat_;  // of its frames
   bool soundGood_ = true;

@@ -4,15 +4,8 @@
 #include <utility>
 
 #include "recorder/rows/ServerProbe.h"
-#include "recorder/rows/ServerRetry.h"
 
 namespace tarn {
-
-void awaitServer(const std::atomic<bool>& stopped) {
-  if (serverPatienceMs() <= kServerPatienceMs) return;
-  retryFor(kServerPatienceMs,
-           [&stopped] { return stopped || probeServer() == ServerProbe::kAnswered; });
-}
 
 EarlyPictures::~EarlyPictures() {
   stopped_ = true;

@@ -17,14 +17,15 @@ namespace tarn {
 // says so the session belongs to the other one.
 class EarlyPictures {
  public:
-  // The session outlives this.
-  explicit EarlyPictures(RecordingSession* session) : session_(session) {}
+  // The session outlives this. `limitBytes`: most memory that the pictures take.
+  EarlyPictures(RecordingSession* session, size_t limitBytes)
+      : session_(session), queue_(limitBytes) {}
   ~EarlyPictures();
   EarlyPictures(const EarlyPictures&) = delete;
   EarlyPictures& operator=(const EarlyPictures&) = delete;
 
   // Begins to open it. Where the program waits for its server as long as it takes
-  // (waitForServerForever()), neither card nor database are touched before there is one: a recovery
+  // (ServerPatience.h), neither card nor database are touched before there is one: a recovery
   // may be at work on them. Throws std::system_error without a thread.
   void open(const RecordingOptions& options);
   // Whether the session is not yet the caller's.
@@ -64,9 +65,5 @@ class EarlyPictures {
   ClockWatch::Verdict clock_ = ClockWatch::Verdict::kSame;
   int64_t clockStepUs_ = 0;
 };
-
-// Until a management server answers, where the program waits for it as long as it takes, or
-// `stopped`; at once elsewhere.
-void awaitServer(const std::atomic<bool>& stopped);
 
 }  // namespace tarn

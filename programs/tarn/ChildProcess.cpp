@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -69,6 +70,17 @@ bool ChildProcess::start(const std::vector<std::string>& arguments,
   pid_ = fork();
   if (pid_ == 0) runProgram(std::move(words), prepare);
   return pid_ > 0;
+}
+
+bool ChildProcess::split(bool* inChild) {
+  const pid_t parent = getpid();
+  fflush(nullptr);
+  pid_ = fork();
+  *inChild = pid_ == 0;
+  if (!*inChild) return pid_ > 0;
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  if (getppid() != parent) raise(SIGTERM);
+  return true;
 }
 
 int ChildProcess::wait(const std::function<pid_t()>& target) {

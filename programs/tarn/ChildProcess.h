@@ -21,6 +21,9 @@ class ChildProcess {
   // signals have been reset to what they do by themselves. False when no process could be made; a
   // program that cannot be run shows as exit code 127 (not found) or 126.
   bool start(const std::vector<std::string>& arguments, const std::function<void()>& prepare);
+  // Goes on in two processes, of which only the other one sees true in *inChild: it has the signal
+  // handlers of this one, and is stopped when this one dies. False when no process could be made.
+  bool split(bool* inChild);
   // Waits for the end; stop requests of this program go on to the child, SIGINT only where it did
   // not come from the terminal, which gives it to both. A `target` that gives a process gets a
   // SIGTERM for each instead. Returns the exit code, 128 + signal number for a child that a signal

@@ -45,6 +45,10 @@ class Command {
   // False for commands that only read rows and chunks: a private view starts no server for them,
   // only what brings the rows back.
   virtual bool asksServer() const { return true; }
+  // Asked in a private view: whether it is begun while the recorder around it is still being
+  // started up. It waits for the management server then, however long that takes, and touches
+  // neither card nor database before.
+  virtual bool beginEarly() { return false; }
   // Whether it changes the card that it works on; one that is only read is refused to it then.
   // Asked once its options are parsed.
   virtual bool changesCard() const { return true; }

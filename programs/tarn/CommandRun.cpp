@@ -18,6 +18,9 @@ class CommandRun : public Command {
     CLI::App* app = tool.add_subcommand(
         "run", "Run a program on the recorder; with --card, in a private view on a card");
     app->add_option("CARD", card_, "block device or image file, as with --card");
+    app->add_flag("--early", early_,
+                  "With --card: start the program beside the recovery, not behind it; for programs "
+                  "that wait for the management server themselves, as \"tarn record\" does");
     app->add_option("COMMAND", words_, "the program and its arguments, behind --");
     return app;
   }
@@ -38,6 +41,13 @@ class CommandRun : public Command {
     if (dashes != given.end() && words_.size() > behind)
       *error = "behind -- stands the program, in front of it no more than a card";
     return error->empty();
+  }
+
+  // A recorder receives from the first moment on.
+  bool beginEarly() override {
+    if (!isRecorder()) return early_;
+    words_.insert(words_.begin() + 2, "--wait-for-start");
+    return true;
   }
 
   int run() override {
@@ -62,7 +72,14 @@ class CommandRun : public Command {
   }
 
  private:
+  // This tool's own, which can wait.
+  bool isRecorder() const {
+    return words_.size() > 1 && words_[1] == "record" &&
+           std::filesystem::path(words_[0]).filename() == "tarn";
+  }
+
   std::vector<std::string> words_;
+  bool early_ = false;
 };
 
 }  // namespace

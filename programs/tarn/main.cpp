@@ -15,6 +15,7 @@
 
 #include "CardAccess.h"
 #include "CardView.h"
+#include "ChildProcess.h"
 #include "Command.h"
 #include "Console.h"
 #include "ViewSession.h"
@@ -126,6 +127,32 @@ int runCommand(Command* command) {
   return withOutput(guarded([command] { return command->run(); }));
 }
 
+int closeSession(ViewSession* session, int exitCode) {
+  std::string error;
+  if (session->close(&error) == 0) return exitCode;
+  complain(error);
+  return exitCode == kExitGood ? kExitFailed : exitCode;
+}
+
+// The command in a process of its own, which returns from here as well, with its exit code.
+int runBeside(Command* command, ViewSession* session) {
+  ChildProcess beside;
+  bool inChild = false;
+  std::string error;
+  if (!beside.split(&inChild)) {
+    complain("cannot make a process for the command");
+    return kExitFailed;
+  }
+  if (inChild) return runCommand(command);
+  const bool opened = session->open(command->asksServer(), &error) == 0;
+  if (!opened) {
+    complain(error);
+    kill(beside.pid(), SIGTERM);
+  }
+  const int exitCode = beside.wait();
+  return opened ? closeSession(session, exitCode) : kExitFailed;
+}
+
 // Inside the view: the recorder's surroundings, then the command.
 int runInside(Command* command, const Tool& tool) {
   catchStopSignals();
@@ -140,16 +167,12 @@ int runInside(Command* command, const Tool& tool) {
   ViewSession session(tool.insideReadOnly);
   std::string error;
   if (told && !(command->needsRecorder() && command->needsServer())) return runCommand(command);
+  if (told && command->beginEarly()) return runBeside(command, &session);
   if (!told || session.open(command->asksServer(), &error) != 0) {
     complain(error);
     return kExitFailed;
   }
-  const int exitCode = runCommand(command);
-  if (session.close(&error) != 0) {
-    complain(error);
-    return exitCode == kExitGood ? kExitFailed : exitCode;
-  }
-  return exitCode;
+  return closeSession(&session, runCommand(command));
 }
 
 // What must be visible in the view: what the command names, and the directories of its paths.

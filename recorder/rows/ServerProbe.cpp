@@ -8,6 +8,7 @@
 
 #include "base/UniqueFd.h"
 #include "manager/RequestFormat.h"
+#include "recorder/rows/ServerRetry.h"
 
 namespace tarn {
 
@@ -24,6 +25,17 @@ ServerProbe probeServer() {
   if (errno == ENOENT || errno == ECONNREFUSED) return ServerProbe::kFree;
   if (errno == EAGAIN || errno == EPROTOTYPE) return ServerProbe::kAnswered;
   return ServerProbe::kUnknown;
+}
+
+bool serverIsThere() {
+  if (serverPatienceMs() <= kServerPatienceMs) return true;
+  if (probeServer() != ServerProbe::kAnswered) return false;
+  serverHasStarted();
+  return true;
+}
+
+void awaitServer(const std::atomic<bool>& stopped) {
+  retryFor(kServerPatienceMs, [&stopped] { return stopped || serverIsThere(); });
 }
 
 }  // namespace tarn

@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <thread>
 
 #include "mesg/CMesgServer.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/rows/FileLock.h"
+#include "recorder/rows/ServerProbe.h"
 #include "recorder/rows/ServerRetry.h"
 #include "recorder/session/KeepJob.h"
 #include "recorder/session/KeepRequest.h"
@@ -35,6 +37,8 @@ constexpr int64_t kLongestRestMs = 2000;
 std::mutex theKeeperMutex;
 EventKeeper* theKeeper = nullptr;  // under it
 
+bool isWaiting(const KeepJob& job) { return job.state == KeepState::kWaiting; }
+
 }  // namespace
 
 class EventKeeper::Impl {
@@ -44,7 +48,7 @@ class EventKeeper::Impl {
 
   int start();
   void stop(bool finish);
-  void add(const KeepRequest& request);
+  bool add(const KeepRequest& request);
   bool keepsEveryEvent() const { return options_.everyEvent; }
 
  private:
@@ -52,10 +56,13 @@ class EventKeeper::Impl {
   void serve();
   KeepAnswer answer(const KeepRequest& request);
   uint32_t addLocked(const KeepRequest& request);
+  const KeepJob* sameWaiting(const KeepRequest& request) const;
+  void forgetOldLocked();
   KeepJob* due(int64_t nowMs);
   void work(KeepJob* job);
   bool rest(uint32_t bytes);
   bool hasWork();
+  void lookForServer();
 
   const KeeperOptions options_;
   FileLock lock_;
@@ -64,6 +71,7 @@ class EventKeeper::Impl {
   std::thread thread_;
   std::atomic<bool> stop_{false};
   std::atomic<bool> finish_{false};
+  bool serverIsThere_ = false;  // of the thread, once it runs
   int64_t stepBeganMs_ = 0;
   std::mutex mutex_;
   std::deque<KeepJob> jobs_;  // under mutex_; only the thread takes any away
@@ -81,16 +89,22 @@ int EventKeeper::Impl::start() {
     syslog(LOG_ERR, "%s", kMsgKeeperNoSocket);
     return -1;
   }
-  if (options_.everyEvent) {
-    for (const uint32_t eventID : eventsLeftWithoutCopies()) {
-      KeepRequest request;
-      request.command = KeepCommand::kKeepEvent;
-      request.number = eventID;
-      add(request);
-    }
-  }
+  lookForServer();
   thread_ = std::thread([this] { run(); });
   return 0;
+}
+
+// A recovery may be at work on the database: nothing is asked of it before there is a server.
+void EventKeeper::Impl::lookForServer() {
+  if (serverIsThere_ || !serverIsThere()) return;
+  serverIsThere_ = true;
+  if (!options_.everyEvent) return;
+  for (const uint32_t eventID : eventsLeftWithoutCopies()) {
+    KeepRequest request;
+    request.command = KeepCommand::kKeepEvent;
+    request.number = eventID;
+    add(request);
+  }
 }
 
 void EventKeeper::Impl::stop(bool finish) {
@@ -103,16 +117,35 @@ void EventKeeper::Impl::stop(bool finish) {
   lock_.unlock();
 }
 
+// The job that does the same already. What was asked for before a release does not: it is gone
+// then.
+const KeepJob* EventKeeper::Impl::sameWaiting(const KeepRequest& request) const {
+  for (auto job = jobs_.rbegin(); job != jobs_.rend(); ++job) {
+    if (job->state != KeepState::kWaiting) continue;
+    if (job->request == request) return &*job;
+    if (job->request.command == KeepCommand::kReleaseEvent) return nullptr;
+  }
+  return nullptr;
+}
+
+// The job's ticket; 0 when there is no place for one more.
 uint32_t EventKeeper::Impl::addLocked(const KeepRequest& request) {
+  if (const KeepJob* same = sameWaiting(request)) return same->ticket;
+  const auto waiting = std::count_if(jobs_.begin(), jobs_.end(), isWaiting);
+  if (static_cast<size_t>(waiting) >= kMostWaiting) {
+    if (request.command == KeepCommand::kKeepEvent)
+      syslog(LOG_WARNING, kMsgNotKept, request.number, kErrKeeperFull);
+    return 0;
+  }
   jobs_.emplace_back();
   jobs_.back().request = request;
   jobs_.back().ticket = ++lastTicket_;
   return lastTicket_;
 }
 
-void EventKeeper::Impl::add(const KeepRequest& request) {
+bool EventKeeper::Impl::add(const KeepRequest& request) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  addLocked(request);
+  return addLocked(request) != 0;
 }
 
 // A request is noted, and its ticket asked for until it is done: a copy takes longer than anybody
@@ -122,7 +155,8 @@ KeepAnswer EventKeeper::Impl::answer(const KeepRequest& request) {
   KeepAnswer answer;
   if (request.command != KeepCommand::kAsk) {
     answer.ticket = addLocked(request);
-    answer.state = KeepState::kWaiting;
+    answer.state = answer.ticket != 0 ? KeepState::kWaiting : KeepState::kFailed;
+    if (answer.ticket == 0) answer.text = kErrKeeperFull;
     return answer;
   }
   answer.ticket = request.number;
@@ -161,20 +195,32 @@ bool EventKeeper::Impl::rest(uint32_t) {
   return !stop_;
 }
 
+// Of those that are done only the newest stay, also behind one that waits for its event's end.
+void EventKeeper::Impl::forgetOldLocked() {
+  auto done = std::count_if(jobs_.begin(), jobs_.end(), std::not_fn(isWaiting));
+  for (auto job = jobs_.begin(); static_cast<size_t>(done) > kJobsRemembered;) {
+    if (isWaiting(*job)) {
+      ++job;
+      continue;
+    }
+    job = jobs_.erase(job);
+    --done;
+  }
+}
+
 KeepJob* EventKeeper::Impl::due(int64_t nowMs) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  while (jobs_.size() > kJobsRemembered && jobs_.front().state != KeepState::kWaiting)
-    jobs_.pop_front();
+  forgetOldLocked();
   const auto found = std::find_if(jobs_.begin(), jobs_.end(), [nowMs](const KeepJob& job) {
-    return job.state == KeepState::kWaiting && job.nextTryMs <= nowMs;
+    return isWaiting(job) && job.nextTryMs <= nowMs;
   });
   return found == jobs_.end() ? nullptr : &*found;  // others are added behind it, and it stays
 }
 
 bool EventKeeper::Impl::hasWork() {
+  if (!serverIsThere_) return false;
   const std::lock_guard<std::mutex> lock(mutex_);
-  return std::any_of(jobs_.begin(), jobs_.end(),
-                     [](const KeepJob& job) { return job.state == KeepState::kWaiting; });
+  return std::any_of(jobs_.begin(), jobs_.end(), isWaiting);
 }
 
 void EventKeeper::Impl::work(KeepJob* job) {
@@ -198,7 +244,8 @@ void EventKeeper::Impl::run() {
         "EventKeeper",
         [this] {
           serve();
-          KeepJob* job = due(monotonicMs());
+          lookForServer();
+          KeepJob* job = serverIsThere_ ? due(monotonicMs()) : nullptr;
           if (job != nullptr) work(job);
           return 0;
         },
@@ -246,8 +293,7 @@ int EventKeeper::keepEvent(uint32_t eventID) {
         KeepRequest request;
         request.command = KeepCommand::kKeepEvent;
         request.number = eventID;
-        impl_->add(request);
-        return 0;
+        return impl_->add(request) ? 0 : -1;
       },
       []() -> int { return -1; });
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -19,11 +20,16 @@ struct KeeperOptions {
 // recordings have the card. It is asked by the process itself and by others, through a socket
 // (`tarn keep`). One a process; another process's stands in the way of start().
 //
+// kMostWaiting requests wait at most; one more is refused, and the log names its event. Asking
+// twice for the same takes one place.
+//
 // With everyEvent, start() goes on with the last events before it that a power loss left without
 // their copies. What else was asked for and not done is forgotten at the end of the process:
 // whoever asked is told when it is on the card. Any thread. Nothing throws.
 class TARN_API EventKeeper {
  public:
+  static constexpr size_t kMostWaiting = 1000;
+
   EventKeeper();
   ~EventKeeper();  // stop()
   EventKeeper(const EventKeeper&) = delete;
@@ -34,7 +40,8 @@ class TARN_API EventKeeper {
   // Ends within one step of a copy, which is dropped; finishes what is waiting first with `finish`.
   void stop(bool finish = false);
 
-  // Notes that an event is to be kept once it is over. 0, or -1 when no keeper runs.
+  // Notes that an event is to be kept once it is over. 0, or -1 when no keeper runs or too many
+  // requests wait.
   int keepEvent(uint32_t eventID);
 
   // The same of the keeper of this process, whichever object that is.

@@ -36,6 +36,11 @@ struct KeepRequest {
   bool strict = false;
 };
 
+inline bool operator==(const KeepRequest& a, const KeepRequest& b) {
+  return a.command == b.command && a.number == b.number && a.from == b.from && a.to == b.to &&
+         a.channel == b.channel && a.budgetChunks == b.budgetChunks && a.strict == b.strict;
+}
+
 enum class KeepState : uint32_t { kUnknown = 0, kWaiting = 1, kDone = 2, kFailed = 3 };
 
 // Answer                                                   off size

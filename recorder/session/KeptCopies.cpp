@@ -14,14 +14,10 @@
 #include "recorder/card/ChunkChannels.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/recording/KeptRow.h"
-#include "recorder/rows/ChannelLock.h"
 #include "recorder/rows/DatabaseConnection.h"
 #include "recorder/rows/DatabaseWatch.h"
 #include "recorder/rows/FileLock.h"
-#include "recorder/rows/InsertingProcess.h"
-#include "recorder/rows/RamReserve.h"
 #include "recorder/rows/RowMessages.h"
-#include "recorder/rows/ServerRetry.h"
 #include "recorder/session/AllocationLock.h"
 #include "recorder/session/CopyPlan.h"
 #include "recorder/session/KeptMessages.h"
@@ -29,7 +25,7 @@
 #include "recorder/session/PieceCopier.h"
 #include "recorder/session/RecordingMessages.h"
 #include "recorder/session/RecordingSpace.h"
-#include "recorder/session/ServerFailure.h"
+#include "recorder/session/SessionOpening.h"
 
 namespace tarn {
 namespace {
@@ -40,8 +36,6 @@ constexpr char kSqlInterrupted[] =
     "SELECT * FROM STREAM WHERE " TARN_SQL_KEPT " AND NOT ( " TARN_SQL_KEPT_WHOLE " )";
 constexpr char kSqlCopiesOf[] =
     "SELECT * FROM STREAM WHERE " TARN_SQL_KEPT_WHOLE " AND bitrateSet = %u";
-constexpr char kSqlGreatestKey[] =
-    "SELECT COALESCE((SELECT seq FROM sqlite_sequence WHERE name = 'STREAM'), 0)";
 
 }  // namespace
 
@@ -67,9 +61,8 @@ class KeptCopies::Impl {
   bool failDatabase() { return fail(RecordingError::kDatabase, queries_.failure()); }
   KeepOutcome end(KeepOutcome outcome, const char* text);
   KeepOutcome failed() const { return KeepOutcome::kFailed; }
-  bool takeLocks();
+  bool begin(const OpeningFailure& failure);
   bool checkCard();
-  bool watchDatabase();
   bool connect();
   bool dropInterrupted();
   bool chooseSources(const KeepWanted& wanted, std::vector<CopySource>* sources, bool* any);
@@ -83,8 +76,7 @@ class KeptCopies::Impl {
   const char* text_ = "";
   std::string geometry_;  // text_ may be its
 
-  FileLock channelLock_;
-  InsertingProcess process_;
+  InserterLocks locks_;
   CTARNStreamManager manager_{kRecorderPartition};
   DatabaseConnection connection_;
   CApiDb& db_ = connection_.db();
@@ -108,19 +100,8 @@ KeepOutcome KeptCopies::Impl::end(KeepOutcome outcome, const char* text) {
   return outcome;
 }
 
-bool KeptCopies::Impl::takeLocks() {
-  const FileLock::Outcome process = process_.enter();
-  if (process == FileLock::Outcome::kHeldByOther)
-    return fail(RecordingError::kBadOption, kErrKeepOtherProcess);
-  if (process != FileLock::Outcome::kTaken) return fail(RecordingError::kDatabase, kErrInsertLock);
-  char path[64];
-  snprintf(path, sizeof path, kChannelLock, kKeptChannel);
-  const FileLock::Outcome channel = channelLock_.take(path, false);
-  if (channel == FileLock::Outcome::kHeldByOther)
-    return fail(RecordingError::kBadOption, kErrKeepBusy);
-  if (channel != FileLock::Outcome::kTaken) return fail(RecordingError::kDatabase, kErrChannelLock);
-  RamReserve::keep();
-  return true;
+bool KeptCopies::Impl::begin(const OpeningFailure& failure) {
+  return failure.none() || fail(failure.error, failure.text);
 }
 
 bool KeptCopies::Impl::checkCard() {
@@ -130,24 +111,11 @@ bool KeptCopies::Impl::checkCard() {
   return report.ok() || fail(RecordingError::kCard, geometry_.c_str());
 }
 
-bool KeptCopies::Impl::watchDatabase() {
-  if (!watch_.begin()) return fail(RecordingError::kDatabase, kErrDatabaseGone);
-  uint32_t greatest = 0;
-  if (!queries_.number(kSqlGreatestKey, &greatest)) return failDatabase();
-  rings_.noteKey(greatest);
-  return true;
-}
-
 bool KeptCopies::Impl::connect() {
-  bool good = false;
-  retryFor(kServerPatienceMs, [&] {
-    good = manager_.openManageData() == 0;
-    if (!good) manager_.closeManageData();
-    return good || cardRefused(manager_);
-  });
-  const ServerFailure failure = serverFailure(manager_);
-  if (!good) return fail(failure.error, failure.text);
-  return manager_.getNumChunk() >= 2 || fail(RecordingError::kNoRoom, kErrKeepOneChunk);
+  return begin(locks_.take(kKeptChannel, false, {kErrKeepOtherProcess, kErrKeepBusy})) &&
+         checkCard() && begin(watchDatabase(&watch_, &queries_, &rings_)) &&
+         begin(connectToServer(&manager_)) &&
+         (manager_.getNumChunk() >= 2 || fail(RecordingError::kNoRoom, kErrKeepOneChunk));
 }
 
 // A copy that never became whole shows nothing, whoever closed its row.
@@ -163,7 +131,7 @@ bool KeptCopies::Impl::dropInterrupted() {
 }
 
 int KeptCopies::Impl::open(const KeepOptions& options) {
-  if (!takeLocks() || !checkCard() || !watchDatabase() || !connect()) return -1;
+  if (!connect()) return -1;
   copier_ = std::make_unique<PieceCopier>(&manager_, &db_, &watch_, &rings_, &space_);
   setOptions(options);
   FileLock allocation;
@@ -179,8 +147,7 @@ void KeptCopies::Impl::close() {
   copier_.reset();  // while there is still a server to tell
   manager_.closeManageData();
   open_ = false;
-  channelLock_.unlock();
-  process_.leave();
+  locks_.letGo();
 }
 
 CopyPlan::Limits KeptCopies::Impl::limits() const {

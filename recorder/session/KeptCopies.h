@@ -26,7 +26,7 @@ struct KeepWanted {
 
 enum class KeepOutcome {
   kDone,     // all of it is on the card twice, or was kept before
-  kNotYet,   // a recording of that time still runs; nothing was copied
+  kNotYet,   // a recording of that time still runs, or was re-dated meanwhile; to be asked again
   kNothing,  // nothing was recorded in that time
   kFull,     // the budget is full, or too small for it
   kGone,     // the ring of recordings was faster; what was copied is kept

@@ -19,12 +19,16 @@ inline constexpr char kMsgKeeperNoSocket[] =
     "EventKeeper: its socket in /tmp cannot be made; events are not kept";
 inline constexpr char kMsgNotKept[] = "EventKeeper: event %u: %s";
 
+inline constexpr char kErrKeeperFull[] =
+    "as many requests to keep something wait already as are taken; ask again later";
 inline constexpr char kErrKeepBusy[] = "another program keeps events on this card";
 inline constexpr char kErrKeepOtherProcess[] =
     "another process records on this machine and takes no requests to keep; let it keep, or stop "
     "it";
 inline constexpr char kErrKeepNothing[] = "nothing was recorded in that time";
 inline constexpr char kErrKeepNotOver[] = "what is to be kept is still being recorded";
+inline constexpr char kErrKeepRedated[] =
+    "a recording that is to be kept was given its right time meanwhile; ask again";
 inline constexpr char kErrKeepGone[] =
     "the recording was overwritten before all that is to be kept was copied";
 inline constexpr char kErrKeepFull[] =

@@ -193,8 +193,7 @@ int RecordingSession::Impl::close() {
   allocation.unlock();
   manager_.closeManageData();
   open_ = false;
-  channelLock_.unlock();
-  process_.leave();
+  locks_.letGo();
   return error_ == RecordingError::kNone ? 0 : -1;
 }
 

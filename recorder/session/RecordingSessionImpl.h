@@ -10,14 +10,13 @@
 #include "recorder/recording/PictureEntry.h"
 #include "recorder/rows/DatabaseConnection.h"
 #include "recorder/rows/DatabaseWatch.h"
-#include "recorder/rows/FileLock.h"
-#include "recorder/rows/InsertingProcess.h"
 #include "recorder/rows/RowQueries.h"
 #include "recorder/session/GopRoom.h"
 #include "recorder/session/RecordingSession.h"
 #include "recorder/session/RecordingSpace.h"
 #include "recorder/session/RowWriter.h"
 #include "recorder/session/SessionEvents.h"
+#include "recorder/session/SessionOpening.h"
 
 namespace tarn {
 
@@ -54,8 +53,7 @@ class RecordingSession::Impl {
   bool checkOptions();
   bool checkCard();
   bool takeLocks();
-  bool watchDatabase();
-  bool connect();
+  bool begin(const OpeningFailure& failure);
   bool closeLeftOvers();
   bool ownedByChannel(const DB_STREAM& row);
 
@@ -84,8 +82,7 @@ class RecordingSession::Impl {
   GeometryReport geometry_;  // of the last open(), whose text text_ may be
   RecordingStatistics statistics_;
 
-  FileLock channelLock_;
-  InsertingProcess process_;
+  InserterLocks locks_;
   CTARNStreamManager manager_{kRecorderPartition};
   DatabaseConnection connection_;
   CApiDb& db_ = connection_.db();

@@ -101,6 +101,8 @@ class CommandRecord : public Command {
     app->add_flag("--realtime", request_.realtime, "No faster than the pictures' own times");
     app->add_flag("--wait", wait_,
                   "Wait for the management server as long as it takes, instead of five seconds");
+    app->add_flag("--wait-for-start", waitForStart_,
+                  "As --wait, until the server has answered once: it is being started up");
     app->add_flag("--progress", progress_,
                   "Print how many pictures are written and safe, as soon as more are safe");
     app->add_flag("--stats", stats_, "Print at the end what was written to the card, by its cause");
@@ -115,6 +117,8 @@ class CommandRecord : public Command {
     return true;
   }
 
+  bool beginEarly() override { return waitForStart_ = true; }
+
   int run() override {
     if (!takeEvents() || !takeConfig()) return kExitUsage;
     if (checkConfig_) return tellConfig();
@@ -122,6 +126,7 @@ class CommandRecord : public Command {
     resolveInputs();
     if (!inputsAreGood()) return kExitUsage;
     waitForServerForever(wait_);
+    if (waitForStart_) waitForServerStart();
     return record();
   }
 
@@ -222,6 +227,7 @@ class CommandRecord : public Command {
   std::string config_ = kRecordConfig;
   bool checkConfig_ = false;
   bool wait_ = false;
+  bool waitForStart_ = false;
   bool progress_ = false;
   bool stats_ = false;
   std::vector<std::string> events_;

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include "recorder/RecoveryRig.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/rows/RowQueries.h"
+#include "recorder/rows/ServerRetry.h"
 #include "recorder/session/EventKeeper.h"
 #include "recorder/session/KeepClient.h"
 #include "recorder/session/KeepJob.h"
@@ -149,6 +151,53 @@ TEST(EventKeeper, OneRunsInAProcess) {
   EXPECT_EQ(second.start({}), -1);
   first.stop();
   EXPECT_EQ(second.start({}), 0);
+}
+
+TEST(EventKeeper, TouchesNothingBeforeThereIsAServer) {
+  RecoveryRig rig(eightChunks());
+  {
+    RecordingSession session;
+    ASSERT_TRUE(openSession(session));
+    recordEvent(session);
+    ASSERT_EQ(session.close(), 0);
+  }
+  rig.stopServer();
+  ASSERT_EQ(rename("/tmp/DB.dat", "/tmp/later.dat"), 0);  // a recovery is still at work on it
+  waitForServerStart();
+  EventKeeper keeper;
+  ASSERT_EQ(keeper.start(everyEvent()), 0);
+  ASSERT_EQ(rename("/tmp/later.dat", "/tmp/DB.dat"), 0);
+  EXPECT_EQ(serverPatienceMs(), RequestPatience::kForever);
+  rig.startServer();
+  for (int i = 0; i < 3000 && copies().empty(); ++i) usleep(10000);
+  EXPECT_EQ(copies().size(), 1u);
+  EXPECT_EQ(serverPatienceMs(), kServerPatienceMs);
+}
+
+TEST(EventKeeper, RefusesWhatItHasNoPlaceFor) {
+  RecoveryRig rig(eightChunks());
+  rig.stopServer();
+  waitForServerForever(true);  // so that everything waits
+  EventKeeper keeper;
+  ASSERT_EQ(keeper.start({}), 0);
+  for (uint32_t event = 1; event <= EventKeeper::kMostWaiting; ++event)
+    ASSERT_EQ(keeper.keepEvent(event), 0) << event;
+  SyslogCapture log;
+  EXPECT_EQ(keeper.keepEvent(5000), -1);
+  EXPECT_EQ(keeper.keepEvent(1), 0) << "the same again takes no place";
+  EXPECT_TRUE(log.has(LOG_WARNING,
+                      "EventKeeper: event 5000: as many requests to keep something wait already as "
+                      "are taken; ask again later"));
+  KeepClient client;
+  KeepRequest request;
+  KeepAnswer answer;
+  request.command = KeepCommand::kReleaseEvent;
+  request.number = 1;
+  ASSERT_TRUE(client.ask(request, &answer));
+  EXPECT_EQ(answer.state, KeepState::kFailed);
+  EXPECT_EQ(answer.text, kErrKeeperFull);
+  keeper.stop();
+  waitForServerForever(false);
 }
 
 TEST(KeepRequest, SaysWhatWasMeant) {
