@@ -6,6 +6,7 @@
 #include <cinttypes>
 
 #include "db/RowStatus.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RowCorrection.h"
 #include "recorder/rows/RowMessages.h"
 
@@ -25,6 +26,14 @@ std::string markedRows() {
 
 std::string eventsFrom(uint32_t key) {
   return "SELECT * FROM EVENT WHERE eventID >= " + number(key) + " ORDER BY eventID";
+}
+
+// In the order of what they show; a copy counts as what it is one of, which was recorded when its
+// key was given.
+void sortByOriginal(std::vector<DB_STREAM>* rows) {
+  std::stable_sort(rows->begin(), rows->end(), [](const DB_STREAM& a, const DB_STREAM& b) {
+    return originalKey(a) < originalKey(b);
+  });
 }
 
 // Events that begin within these seconds and that no recording shows.
@@ -58,8 +67,23 @@ bool Redating::move(const DB_EVENT& row, int64_t seconds) {
   return true;
 }
 
+int Redating::channelOf(const DB_STREAM& row) {
+  return isKept(row) ? keptChannel(row) : tables_->channelOf(row.chunkID);
+}
+
 int Redating::familyOf(const DB_STREAM& row) {
-  return family(tables_->channelOf(row.chunkID), (row.frameSet & kFrameSetAudio) != 0);
+  return family(channelOf(row), (row.frameSet & kFrameSetAudio) != 0);
+}
+
+// Closed recordings of the family from the key on, and copies of such ones, kept in the old times.
+bool Redating::recorded(int family, uint32_t firstStream, std::vector<DB_STREAM>* rows) {
+  std::vector<DB_STREAM> all;
+  if (!tables_->streams(closedFrom(firstStream), &all)) return false;
+  for (const DB_STREAM& row : all) {
+    if (familyOf(row) == family && originalKey(row) >= firstStream) rows->push_back(row);
+  }
+  sortByOriginal(rows);
+  return true;
 }
 
 bool Redating::unmark(DB_STREAM row) {
@@ -72,21 +96,20 @@ bool Redating::unmark(DB_STREAM row) {
 // What follows the marked recording of its family that has its old times.
 bool Redating::rest(const DB_STREAM& marked, int family, int64_t seconds) {
   std::vector<DB_STREAM> rows;
-  if (!tables_->streams(closedFrom(marked.streamID + 1), &rows)) return false;
+  if (!recorded(family, originalKey(marked), &rows)) return false;
   return std::all_of(rows.begin(), rows.end(), [&](const DB_STREAM& row) {
-    return (row.status & kStatusRedated) != 0 || familyOf(row) != family || move(row, seconds, 0);
+    return (row.status & kStatusRedated) != 0 || move(row, seconds, 0);
   });
 }
 
 bool Redating::run(int family, uint32_t firstStream, uint32_t firstEvent, int64_t seconds) {
   std::vector<DB_STREAM> rows;
   std::vector<DB_EVENT> events;
-  if (!tables_->streams(closedFrom(firstStream), &rows) ||
-      !tables_->events(eventsFrom(firstEvent), &events))
+  if (!recorded(family, firstStream, &rows) || !tables_->events(eventsFrom(firstEvent), &events))
     return false;
   const auto first = std::find_if(rows.begin(), rows.end(), [&](const DB_STREAM& row) {
     DB_STREAM moved = row;
-    return familyOf(row) == family && moveRow(seconds, &moved);
+    return (row.status & kStatusRedated) == 0 && moveRow(seconds, &moved);
   });
   const bool any = first != rows.end();
   if (any && !move(*first, seconds, kStatusRedating)) return false;
@@ -102,12 +125,11 @@ bool Redating::run(int family, uint32_t firstStream, uint32_t firstEvent, int64_
 
 bool Redating::eventsOf(const DB_STREAM& marked, int family, int64_t seconds) {
   std::vector<DB_STREAM> rows;
-  if (!tables_->streams(closedFrom(marked.streamID), &rows)) return false;
+  if (!recorded(family, originalKey(marked), &rows)) return false;
   const int64_t from = marked.startDate - seconds;
   int64_t to = from;
   for (const DB_STREAM& row : rows) {
-    if ((row.status & kStatusRedated) != 0 && familyOf(row) == family)
-      to = std::max<int64_t>(to, row.endDate - seconds);
+    if ((row.status & kStatusRedated) != 0) to = std::max<int64_t>(to, row.endDate - seconds);
   }
   std::vector<DB_EVENT> events;
   if (!tables_->events(orphansBetween(from, to), &events)) return false;
@@ -127,8 +149,8 @@ bool Redating::finishOne(const DB_STREAM& marked) {
   const uint32_t before = recordings_ + events_;
   if (!rest(marked, family, seconds) || !eventsOf(marked, family, seconds) || !unmark(marked))
     return false;
-  syslog(LOG_NOTICE, kMsgRedatingFinished, tables_->channelOf(marked.chunkID),
-         recordings_ + events_ - before, seconds);
+  syslog(LOG_NOTICE, kMsgRedatingFinished, channelOf(marked), recordings_ + events_ - before,
+         seconds);
   return true;
 }
 

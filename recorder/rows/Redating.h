@@ -27,6 +27,9 @@ class RedatedTables {
 // rows are moved by whole seconds, so that the journal has both; pictures, entries and headers stay
 // as they were written.
 //
+// Copies of them that were kept meanwhile (KeptRow.h) go along, also those whose recording has been
+// overwritten; one that is made later has the right times already.
+//
 // A recording at a time, the oldest first. It carries a mark until all are done: whoever finds it
 // after a power loss knows by its correction what is still to be done, and by which channel and
 // which keys. Not part of the interface. Used by one thread, with the allocation lock held while
@@ -38,8 +41,9 @@ class TARN_API Redating {
 
   explicit Redating(RedatedTables* tables) : tables_(tables) {}
 
-  // Closed recordings of the family from `firstStream` on and all events from `firstEvent` on.
-  // False when a change was not taken; what is done stays, and finish() does the rest.
+  // Closed recordings of the family from `firstStream` on, their copies, and all events from
+  // `firstEvent` on. False when a change was not taken; what is done stays, and finish() does the
+  // rest.
   bool run(int family, uint32_t firstStream, uint32_t firstEvent, int64_t seconds);
   // Goes on with what a power loss or a death of the process cut short; of one family, or with -1
   // of all. Of the events those go along that lie in the old times of what was moved and that no
@@ -54,7 +58,9 @@ class TARN_API Redating {
  private:
   static constexpr int kSound = 128;
 
+  int channelOf(const DB_STREAM& row);
   int familyOf(const DB_STREAM& row);
+  bool recorded(int family, uint32_t firstStream, std::vector<DB_STREAM>* rows);
   bool rest(const DB_STREAM& marked, int family, int64_t seconds);
   bool move(const DB_STREAM& row, int64_t seconds, uint32_t mark);
   bool move(const DB_EVENT& row, int64_t seconds);

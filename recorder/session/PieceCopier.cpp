@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "base/Omission.h"
+#include "db/RowStatus.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/rows/FileLock.h"
 #include "recorder/session/AllocationLock.h"
@@ -17,12 +18,18 @@ namespace {
 // What is copied between two pauses, flushed at its end: so much may wait in the system's memory
 // when a session flushes its own.
 constexpr uint32_t kStepBytes = 256 * 1024;
-constexpr char kSqlListed[] = "SELECT COUNT(*) FROM STREAM WHERE streamID = %u";
+constexpr char kSqlListed[] = "SELECT * FROM STREAM WHERE streamID = %u";
+
+// A copy of a recording that was re-dated has its right times in its entries, and is marked: it is
+// not one to be re-dated with the others.
+uint32_t statusOfCopy(const CopySource& source) {
+  return keptStatus(source.channel) | (source.row.status & kStatusRedated);
+}
 
 // What makes it a whole one comes with its end.
-uint32_t statusWhileOpen(int channel) {
-  if (omitted("kept-whole-last")) return keptStatus(channel) | kStatusKeptWhole;
-  return keptStatus(channel);
+uint32_t statusWhileOpen(const CopySource& source) {
+  if (omitted("kept-whole-last")) return statusOfCopy(source) | kStatusKeptWhole;
+  return statusOfCopy(source);
 }
 
 }  // namespace
@@ -73,7 +80,7 @@ KeepOutcome PieceCopier::begin(const CopySource& source, const std::vector<Pictu
   seed.inTrg = source.row.inTrg;
   seed.frameSet = source.row.frameSet;
   seed.bitrateSet = source.row.streamID;
-  seed.status = statusWhileOpen(source.channel);
+  seed.status = statusWhileOpen(source);
   seed.startDate = start.seconds;
   seed.startMSec = start.milliseconds();
   if (writer_.openChunk(chunk) && writer_.begin(seed)) return KeepOutcome::kDone;
@@ -113,18 +120,23 @@ KeepOutcome PieceCopier::copyPictures(CopyPlan* plan, const std::vector<PictureE
 }
 
 // Room is written over only once its row is gone. So what was read is what was recorded if the row
-// is still there when all of it has been read.
-KeepOutcome PieceCopier::isListed(const CopySource& source) {
+// is still there when all of it has been read. Where it was re-dated meanwhile the copy has the
+// times of before, and nothing would move them any more.
+KeepOutcome PieceCopier::isAsItWas(const CopySource& source) {
   char sql[sizeof kSqlListed + 16];
   snprintf(sql, sizeof sql, kSqlListed, source.row.streamID);
-  uint32_t listed = 0;
-  if (!queries_.number(sql, &listed)) return fail(RecordingError::kDatabase, queries_.failure());
-  return listed != 0 ? KeepOutcome::kDone : end(KeepOutcome::kGone, kErrKeepGone);
+  DB_STREAM now = {};
+  const RowQueries::Answer answer = queries_.stream(sql, &now);
+  if (answer == RowQueries::Answer::kFailed)
+    return fail(RecordingError::kDatabase, queries_.failure());
+  if (answer == RowQueries::Answer::kNone) return end(KeepOutcome::kGone, kErrKeepGone);
+  const bool same = now.startDate == source.row.startDate;
+  return same ? KeepOutcome::kDone : end(KeepOutcome::kNotYet, kErrKeepRedated);
 }
 
 KeepOutcome PieceCopier::finish(const CopySource& source) {
-  const KeepOutcome listed = isListed(source);
-  if (listed != KeepOutcome::kDone) return listed;
+  const KeepOutcome same = isAsItWas(source);
+  if (same != KeepOutcome::kDone) return same;
   return writer_.finish(kStatusKeptWhole) ? KeepOutcome::kDone : failWriter();
 }
 

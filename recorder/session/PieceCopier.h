@@ -46,7 +46,7 @@ class PieceCopier {
   KeepOutcome copyPictures(CopyPlan* plan, const std::vector<PictureEntry>& piece);
   KeepOutcome step(uint32_t bytes);
   KeepOutcome finish(const CopySource& source);
-  KeepOutcome isListed(const CopySource& source);
+  KeepOutcome isAsItWas(const CopySource& source);
 
   RowQueries queries_;
   KeptSpace* space_;

@@ -1,6 +1,7 @@
 #include "powercut/RedatedLife.h"
 
 #include "db/RowStatus.h"
+#include "powercut/Keeper.h"
 #include "powercut/Script.h"
 
 namespace powercut {
@@ -27,6 +28,7 @@ void clockBecomesKnown(Recorded* out) {
   recorder.pictures(session, kEnded, kEnded + 25);
   recorder.endEvent(session, ended, kEnded + 25);
   recorder.pictures(session, kEnded + 25, known - 10);
+  Keeper(out).keep(kEnded, kEnded + 25);
   const uint32_t running = recorder.beginEvent(session, 6, known - 10);
   recorder.pictures(session, known - 10, known);
   const Trace* trace = Card::get().trace();

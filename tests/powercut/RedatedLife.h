@@ -9,7 +9,7 @@ namespace powercut {
 inline constexpr uint32_t kClockBehind = 1000;
 
 // The clock becomes known in the midst of a recording: what was recorded before, an event that has
-// ended and one that runs on are re-dated.
+// ended with the copies that are kept of it, and one that runs on are re-dated.
 void clockBecomesKnown(Recorded* out);
 
 // Seconds that a row's pictures are later than their entries.

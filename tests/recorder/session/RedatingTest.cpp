@@ -3,10 +3,13 @@
 #include "db/DbRecordFormat.h"
 #include "db/RowStatus.h"
 #include "recorder/CheckRig.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recovery/Recovery.h"
 #include "recorder/rows/ClockEras.h"
 #include "recorder/rows/JournaledRows.h"
+#include "recorder/rows/RowQueries.h"
 #include "recorder/session/KeptCopies.h"
+#include "recorder/session/KeptMessages.h"
 
 namespace tarn_test {
 namespace {
@@ -266,6 +269,111 @@ TEST_F(Redating, RecoveryMakesTheHeaderOfARedatedRecordingByItsEntriesClock) {
   ASSERT_EQ(0, reader.open(row));
   EXPECT_EQ(at(kBoot, 49).seconds, reader.header().lastTime);
   expectNoFindings();
+}
+
+// Keeps pictures `from` to `to` of channel 0, by the times of `base`.
+uint32_t keep(tarn::KeptCopies* kept, int64_t base, uint32_t from, uint32_t to) {
+  tarn::KeepWanted wanted;
+  wanted.from = at(base, from);
+  wanted.to = at(base, to);
+  wanted.asItIs = true;
+  tarn::KeepResult result;
+  EXPECT_EQ(tarn::KeepOutcome::kDone, kept->keep(wanted, nullptr, &result)) << kept->errorText();
+  return result.copies;
+}
+
+std::vector<DB_STREAM> copies() {
+  CApiDb db;
+  tarn::RowQueries queries(&db, nullptr);
+  std::vector<DB_STREAM> rows;
+  EXPECT_TRUE(queries.streams(
+      "SELECT * FROM STREAM WHERE " TARN_SQL_KEPT_WHOLE " ORDER BY streamID", &rows));
+  return rows;
+}
+
+TEST_F(Redating, CopiesThatWereKeptBeforeGoAlongWithTheirRecordings) {
+  {
+    RecordingSession before;
+    ASSERT_EQ(0, before.open(options(0)));
+    recordPictures(before, kBoot + 1000, 0, 50);
+    ASSERT_EQ(0, before.close());
+  }
+  tarn::ClockEras::forget();  // as a recovery does
+  RecordingSession session;
+  ASSERT_EQ(0, session.open(options(0)));
+  recordPictures(session, kBoot, 0, 110);
+  tarn::KeptCopies kept;
+  ASSERT_EQ(0, kept.open({})) << kept.errorText();
+  ASSERT_EQ(1u, keep(&kept, kBoot + 1000, 0, 10));  // of an earlier start
+  ASSERT_EQ(2u, keep(&kept, kBoot, 30, 60));        // of this one, of two recordings
+  ASSERT_EQ(0, session.clockBecameKnown(kStep * kSecond)) << session.errorText();
+  EXPECT_EQ(0u, keep(&kept, kBoot + kStep, 30, 60)) << "they are known as what they are";
+  kept.close();
+  ASSERT_EQ(0, session.close());
+  ASSERT_EQ(3u, copies().size());
+  for (int start = 0; start < 2; ++start) {
+    expectTimes(copies()[0], kBoot + 1000, 0);
+    expectTimes(copies()[1], kBoot + kStep, 25);
+    expectTimes(copies()[2], kBoot + kStep, 50);
+    restart();
+  }
+  EXPECT_EQ(0u, findings().total()) << texts();
+}
+
+TEST_F(Redating, CopyThatIsBeingMadeMeanwhileIsMadeAgainWithTheRightTimes) {
+  RecordingSession session;
+  ASSERT_EQ(0, session.open(options(0)));
+  recordPictures(session, kBoot, 0, 110);
+  tarn::KeptCopies kept;
+  ASSERT_EQ(0, kept.open({})) << kept.errorText();
+  tarn::KeepWanted wanted;
+  wanted.from = at(kBoot, 0);
+  wanted.to = at(kBoot, 20);
+  tarn::KeepResult result;
+  const auto clock = [&](uint32_t) {
+    EXPECT_EQ(0, session.clockBecameKnown(kStep * kSecond));
+    return true;
+  };
+  EXPECT_EQ(tarn::KeepOutcome::kNotYet, kept.keep(wanted, clock, &result));
+  EXPECT_STREQ(tarn::kErrKeepRedated, kept.errorText());
+  EXPECT_TRUE(copies().empty());
+  ASSERT_EQ(1u, keep(&kept, kBoot + kStep, 0, 20));
+  kept.close();
+  ASSERT_EQ(0, session.close());
+  ASSERT_EQ(1u, copies().size());
+  expectTimes(copies()[0], kBoot + kStep, 0);
+  expectNoFindings();
+}
+
+// A copy whose recording has been overwritten is the first to be moved, and the one with the mark.
+TEST_F(Redating, CopiesThatPowerLeftInTheOldTimesAreMovedByTheNextStart) {
+  {
+    RecordingSession session;
+    ASSERT_EQ(0, session.open(options(0)));
+    recordPictures(session, kBoot, 0, 150);
+    tarn::KeptCopies kept;
+    ASSERT_EQ(0, kept.open({})) << kept.errorText();
+    ASSERT_EQ(2u, keep(&kept, kBoot, 0, 60));
+    kept.close();
+    CApiDb db;
+    ASSERT_EQ(1u, db.deleteStream(1));
+    ASSERT_EQ(0, session.clockBecameKnown(kStep * kSecond)) << session.errorText();
+    ASSERT_EQ(0, session.close());
+  }
+  const DB_STREAM first = copies().at(0);
+  const DB_STREAM second = copies().at(1);
+  EXPECT_EQ(1u, tarn::originalKey(first));
+  expectTimes(first, kBoot + kStep, 0);
+  stopServer();
+  editRow(first, tarn::kStreamStatusOff, first.status | tarn::kStatusRedating);
+  editRow(second, tarn::kStreamStartDateOff, static_cast<uint32_t>(second.startDate - kStep));
+  editRow(second, tarn::kStreamEndDateOff, static_cast<uint32_t>(second.endDate - kStep));
+  editRow(second, tarn::kStreamStatusOff, second.status & ~tarn::kStatusRedated);
+  restart();
+  ASSERT_EQ(2u, copies().size());
+  expectTimes(copies()[0], kBoot + kStep, 0);
+  expectTimes(copies()[1], kBoot + kStep, 50);
+  EXPECT_EQ(0u, copies()[0].status & tarn::kStatusRedating);
 }
 
 // The order of the changes: the first recording with the mark, the event, the other recordings, the
