@@ -13,6 +13,7 @@
 #include "db/CApiDb.h"
 #include "dblog/CDbLog.h"
 #include "recorder/check/CardCheck.h"
+#include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingReader.h"
 #include "recorder/recovery/Recovery.h"
 #include "recorder/rows/DatabaseSetup.h"
@@ -67,6 +68,12 @@ void Judge::takePromise(const std::string& line) {
     deleted_.insert(a);
   } else if (sscanf(line.c_str(), "event-deleted %u", &a) == 1) {
     eventsDeleted_.insert(a);
+  } else if (sscanf(line.c_str(), "kept %u %u %u %u", &a, &b, &c, &d) == 4) {
+    kept_[{a, b}] = {c, d};
+  } else if (line == "releasing") {
+    releasing_ = true;
+  } else if (line == "released") {
+    released_ = true;
   } else if (sscanf(line.c_str(), "clip %u", &a) == 1) {
     clipSafe_ = a;
   } else if (sscanf(line.c_str(), "line %u", &a) == 1) {
@@ -104,6 +111,8 @@ void Judge::readRow(const DB_STREAM& row, const char* when) {
   tarn::RecordingReader reader;
   if (reader.open(row) != 0) return wrong(name + " cannot be opened");
   if (row.recSize == 0) return wrong(name + " is open");
+  if (tarn::isKept(row) && !tarn::isWholeCopy(row)) return wrong(name + " is a part of a copy");
+  auto& there = tarn::isKept(row) ? copied_ : found_;
   std::vector<uint8_t> bytes;
   for (uint32_t i = 0; i < row.recSize; ++i) {
     tarn::PictureEntry entry;
@@ -118,13 +127,14 @@ void Judge::readRow(const DB_STREAM& row, const char* when) {
       return wrong(name + ": picture " + text(i) + " has other bytes");
     if (!(entry.presentation == pictureTime(stamp.session, stamp.index)))
       return wrong(name + ": picture " + text(i) + " has another time");
-    if (!found_[{stamp.session, stamp.channel}].insert(stamp.index).second)
+    if (!there[{stamp.session, stamp.channel}].insert(stamp.index).second)
       return wrong(name + ": picture " + text(i) + " is there twice");
   }
 }
 
 void Judge::readRows(const char* when) {
   found_.clear();
+  copied_.clear();
   clipFound_ = 0;
   rows_.clear();
   CApiDb db;
@@ -164,6 +174,20 @@ void Judge::checkPictures(const char* when) {
     }
   }
   printf("\nlost %u %u\n", lost[0], lost[1]);
+}
+
+void Judge::checkCopies(const char* when) {
+  if (released_ && !copied_.empty()) wrong(std::string(when) + ": what was released is still kept");
+  if (releasing_) return;
+  for (const auto& [which, pictures] : kept_) {
+    const std::set<uint32_t>& copied = copied_[which];
+    for (uint32_t index = pictures.first; index <= pictures.second; ++index) {
+      if (copied.count(index) != 0) continue;
+      wrong(std::string(when) + ": picture " + text(index) + " of channel " + text(which.second) +
+            " was kept and is lost");
+      break;
+    }
+  }
 }
 
 void Judge::checkEvents(const char* when) {
@@ -263,6 +287,7 @@ int Judge::run() {
   checkCard("after the fault");
   readRows("after the fault");
   checkPictures("after the fault");
+  checkCopies("after the fault");
   checkEvents("after the fault");
   checkEdits("after the fault");
   recordAnew();
@@ -271,6 +296,7 @@ int Judge::run() {
   checkCard("after a new recording");
   readRows("after a new recording");
   checkPictures("after a new recording");
+  checkCopies("after a new recording");
   checkEvents("after a new recording");
   return failed_ ? 1 : 0;
 }

@@ -41,6 +41,7 @@ class Judge {
   void checkPictures(const char* when);
   void checkEvents(const char* when);
   void checkEdits(const char* when);
+  void checkCopies(const char* when);
   void checkLog();
   void recordAnew();
 
@@ -50,7 +51,11 @@ class Judge {
   std::map<std::pair<uint32_t, uint32_t>, uint32_t> safe_;
   std::map<std::pair<uint32_t, uint32_t>, std::set<uint32_t>> found_;
   std::map<std::pair<uint32_t, uint32_t>, std::set<uint32_t>> rowsBegun_;  // with these pictures
-  std::map<uint32_t, Begun> begun_;                                        // events by key
+  std::map<std::pair<uint32_t, uint32_t>, std::set<uint32_t>> copied_;     // there in kept copies
+  std::map<std::pair<uint32_t, uint32_t>, std::pair<uint32_t, uint32_t>> kept_;  // promised
+  bool releasing_ = false;                                                       // copies may go
+  bool released_ = false;                                     // and none may be left
+  std::map<uint32_t, Begun> begun_;                           // events by key
   std::map<uint32_t, std::pair<uint32_t, uint32_t>> events_;  // ended: first and last picture
   std::map<uint32_t, uint32_t> triggers_;                     // of changed rows
   std::set<uint32_t> deleted_, eventsDeleted_;

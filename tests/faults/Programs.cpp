@@ -6,6 +6,7 @@ namespace faults {
 namespace {
 
 constexpr uint32_t kLogLines = 30;
+constexpr char kKeepEvent[] = "1";
 // The media libraries ask for memory tens of thousands of times before a picture is there.
 constexpr unsigned kMediaMemoryEvery = 50;
 
@@ -95,7 +96,15 @@ std::vector<Program> programsOf(const std::string& binDir, bool media) {
   programs.back().kind = Program::Kind::kServes;
   programs.push_back(logOf(tarn));
   programs.push_back(changerOf("save", "stopped", {tarn, "save"}));
-  programs.push_back(changerOf("format", "blank", formatArguments(binDir)));
+  programs.push_back(changerOf("keep", "keepable", keepArguments(binDir)));
+  programs.back().beside = true;
+  programs.back().promisesAtEnd = {keepPromises()};
+  programs.back().sampleEvery = kToolSampleEvery;
+  programs.push_back(changerOf("release", "kept", {tarn, "keep", "--release", kKeepEvent}));
+  programs.back().beside = true;
+  programs.back().promisesAtEnd = {"released"};
+  programs.back().sampleEvery = 2 * kToolSampleEvery;
+  programs.push_back(changerOf("format", "blank", formatArguments(binDir, kChunks)));
   programs.back().kind = Program::Kind::kFormats;
   programs.push_back(readerOf("list", "started", {tarn, "list", "--json"}));
   programs.push_back(readerOf("read", "started", {binDir + "/faults_recorder", "read"}));
@@ -116,8 +125,20 @@ std::vector<Program> programsOf(const std::string& binDir, bool media) {
   return programs;
 }
 
+std::vector<std::string> keepArguments(const std::string& binDir) {
+  return {binDir + "/faults_tarn", "keep", "--event", kKeepEvent};
+}
+
+// The groups of pictures of both channels that show the event, from the 5th picture to the 20th.
+std::string keepPromises() {
+  std::string lines;
+  for (const char* channel : {"0", "1"})
+    lines += "kept " + std::to_string(kKeepSession) + " " + channel + " 0 29\n";
+  return lines;
+}
+
 // A card of two channels whose rings come round within a few seconds of video.
-std::vector<std::string> formatArguments(const std::string& binDir) {
+std::vector<std::string> formatArguments(const std::string& binDir, uint32_t chunks) {
   return {binDir + "/faults_tarn",
           "format",
           kCard,
@@ -127,11 +148,11 @@ std::vector<std::string> formatArguments(const std::string& binDir) {
           "--stream-chunk-size",
           "192K",
           "--stream-chunks",
-          "2",
+          std::to_string(chunks),
           "--picture-chunk-size",
           "16K",
           "--picture-chunks",
-          "2",
+          std::to_string(chunks),
           "--journal-chunk-size",
           "4K",
           "--journal-chunks",

@@ -37,8 +37,14 @@ struct Program {
 
 // All of them; those of `binDir`. `media`: with those that need a clip, kWork/clip.mp4.
 std::vector<Program> programsOf(const std::string& binDir, bool media);
-// Makes the rig's card.
-std::vector<std::string> formatArguments(const std::string& binDir);
+// Makes the rig's card, with so many chunks for video.
+inline constexpr uint32_t kChunks = 2;
+inline constexpr uint32_t kKeepChunks = 4;
+std::vector<std::string> formatArguments(const std::string& binDir, uint32_t chunks);
+// Keeps what the first event of the session kKeepSession shows, and what that promises.
+inline constexpr uint32_t kKeepSession = 4;
+std::vector<std::string> keepArguments(const std::string& binDir);
+std::string keepPromises();
 // Records the clip, and makes it.
 std::vector<std::string> recordArguments(const std::string& binDir);
 std::vector<std::string> clipArguments();

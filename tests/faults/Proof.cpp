@@ -63,7 +63,7 @@ std::vector<std::string> Proof::run() {
   expect(!seesBrokenPromise("", false), "that nothing is wrong where nothing is");
   // The same card and promises but for this: judged anew, though the ones above were good.
   for (const char* promise : {"safe 2 0 41", "safe 3 1 46", "event 5 5 21", "updated 9 12",
-                              "deleted 9", "event-deleted 5", "line 999", "clip 2"})
+                              "deleted 9", "event-deleted 5", "line 999", "clip 2", "kept 3 0 0 5"})
     expect(seesBrokenPromise(promise, false),
            std::string("a promise that is not kept: ") + promise);
   expect(seesBrokenPromise("begun 999 3 0 5", false), "an event that is lost");

@@ -27,7 +27,7 @@ std::string Stage::besideServer(const std::vector<std::string>& arguments) {
 // An old session, and one that lost power.
 std::string Stage::makeCrashed() {
   const std::string recorder = workplace_.program("faults_recorder");
-  std::string failure = workplace_.must(formatArguments(workplace_.bin()));
+  std::string failure = workplace_.must(formatArguments(workplace_.bin(), kChunks));
   if (failure.empty()) failure = workplace_.must({workplace_.program("faults_tarn"), "recover"});
   bool ready = false;
   const pid_t server = workplace_.startServer(false, &ready);
@@ -60,11 +60,38 @@ std::string Stage::makeStopped() {
   return failure;
 }
 
-std::string Stage::make(bool media) {
+// A card with room for copies beside what is recorded next.
+std::string Stage::makeKept() {
+  const std::string tarn = workplace_.program("faults_tarn");
+  makeBlank();
+  std::string failure = workplace_.must(formatArguments(workplace_.bin(), kKeepChunks));
+  if (failure.empty()) failure = workplace_.must({tarn, "recover"});
+  if (failure.empty())
+    failure = besideServer({workplace_.program("faults_recorder"), "life",
+                            std::to_string(kKeepSession), std::to_string(kLifePictures)});
+  take("keepable");
+  if (failure.empty()) failure = besideServer(keepArguments(workplace_.bin()));
+  workplace_.addPromises("releasing\n");
+  take("kept");
+  loseMemory();
+  return failure;
+}
+
+void Stage::makeBlank() {
   loseMemory();
   writeFile(workplace_.path("promises"), "");
   writeFile(kCard, std::string(kCardBytes, '\0'));
+}
+
+std::string Stage::make(bool media) {
+  const std::string failure = makeKept();
+  if (!failure.empty()) return failure;
+  makeBlank();
   scenes_["blank"].take("");
+  return makeLives(media);
+}
+
+std::string Stage::makeLives(bool media) {
   std::string failure = makeCrashed();
   if (failure.empty()) failure = workplace_.must({workplace_.program("faults_tarn"), "recover"});
   take("started");
