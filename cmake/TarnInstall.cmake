@@ -13,6 +13,12 @@ if(TARGET TarnMedia)
   set_target_properties(TarnMedia PROPERTIES EXPORT_NAME Media)
   install(TARGETS TarnMedia EXPORT TarnMediaTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT media NAMELINK_COMPONENT mediadevelopment)
+  set_target_properties(TarnC PROPERTIES EXPORT_NAME C)
+  install(TARGETS TarnC EXPORT TarnMediaTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT c NAMELINK_COMPONENT cdevelopment)
+  # Where Debian's Python looks below /usr; elsewhere PYTHONPATH names it.
+  install(DIRECTORY capi/python/tarn DESTINATION lib/python3/dist-packages COMPONENT python
+    FILES_MATCHING PATTERN "*.py")
   install(EXPORT TarnMediaTargets NAMESPACE Tarn:: DESTINATION ${tarn_package_dir}
     COMPONENT mediadevelopment)
 endif()
@@ -32,6 +38,7 @@ tarn_install_headers(development src/ ${TARN_PUBLIC_HEADERS})
 tarn_install_headers(development "" ${TARN_RECORDER_PUBLIC_HEADERS})
 if(TARGET TarnMedia)
   tarn_install_headers(mediadevelopment "" ${TARN_MEDIA_PUBLIC_HEADERS})
+  tarn_install_headers(cdevelopment capi/ ${TARN_C_PUBLIC_HEADERS})
 endif()
 
 configure_package_config_file(cmake/TarnConfig.cmake.in ${PROJECT_BINARY_DIR}/TarnConfig.cmake
@@ -44,12 +51,14 @@ install(FILES ${PROJECT_BINARY_DIR}/TarnConfig.cmake ${PROJECT_BINARY_DIR}/TarnC
 set(at "@")
 set(modules tarn tarn-recorder)
 if(TARGET TarnMedia)
-  list(APPEND modules tarn-media)
+  list(APPEND modules tarn-media tarn-c)
 endif()
 foreach(module ${modules})
   set(component development)
   if(module STREQUAL "tarn-media")
     set(component mediadevelopment)
+  elseif(module STREQUAL "tarn-c")
+    set(component cdevelopment)
   endif()
   configure_file(cmake/${module}.pc.in ${PROJECT_BINARY_DIR}/${module}.pc.in @ONLY)
   set(place "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/${module}.pc")

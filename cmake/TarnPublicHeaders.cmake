@@ -34,3 +34,4 @@ set(TARN_MEDIA_PUBLIC_HEADERS  # installed with the media library
   media/record/RecordRequest.h media/record/SafetyWatch.h
   media/seal/FileSealer.h media/seal/FileVerifier.h media/seal/SealRequest.h
   media/PictureSize.h media/export/ExportReport.h media/export/ExportRequest.h media/export/MediaExporter.h)
+set(TARN_C_PUBLIC_HEADERS tarn.h)  # below capi/; for C, with a library of its own

@@ -19,7 +19,7 @@ set(CPACK_TARN_PACKAGING_DIR ${CMAKE_CURRENT_LIST_DIR})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL library recorder development tools server)
 if(TARGET TarnMedia)
-  list(APPEND CPACK_COMPONENTS_ALL media mediadevelopment)
+  list(APPEND CPACK_COMPONENTS_ALL media mediadevelopment c cdevelopment python)
 endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
@@ -94,6 +94,20 @@ pictures to video files. Separate because of the libraries that it needs.")
     "libtarnmedia1 ${same}, libtarn-dev ${same}"
     "storage library of a video recorder (development files for video files and streams)"
     "Headers, link name and the files for find_package(Tarn) and pkg-config.")
+  tarn_package(c libtarnc1 libs "${runtime_depends}tarn-tools ${same}"
+    "storage library of a video recorder (cards for programs in C)"
+    "Lists what is recorded on a card, gives each picture with its time, exports and
+proves sealed files, for programs in C and other languages. The card is read by
+the command tarn, and stays as it is.")
+  tarn_package(cdevelopment libtarnc-dev libdevel "libtarnc1 ${same}"
+    "storage library of a video recorder (development files for programs in C)"
+    "Header, link name and the file for pkg-config.")
+  tarn_package(python python3-tarn python "libtarnc1 ${same}, python3 (>= 3.9)"
+    "cards of a video recorder for Python"
+    "The module tarn: what is recorded on a card, each picture with its time, exports
+and proofs of sealed files.")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
   set(media_depends "libtarnmedia1 ${same}, ")
 endif()
 tarn_package(tools tarn-tools utils
@@ -119,6 +133,7 @@ set(CPACK_DEBIAN_SERVER_PACKAGE_CONTROL_EXTRA ${control}/server/postinst ${contr
 configure_file(${CMAKE_CURRENT_LIST_DIR}/libraries.triggers ${control}/libraries/triggers COPYONLY)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${control}/libraries/triggers)
 set(CPACK_DEBIAN_RECORDER_PACKAGE_CONTROL_EXTRA ${control}/libraries/triggers)
+set(CPACK_DEBIAN_C_PACKAGE_CONTROL_EXTRA ${control}/libraries/triggers)
 set(CPACK_DEBIAN_MEDIA_PACKAGE_CONTROL_EXTRA ${control}/libraries/triggers)
 
 include(CPack)

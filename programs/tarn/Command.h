@@ -110,6 +110,8 @@ std::unique_ptr<Command> makeExportCommand();
 std::unique_ptr<Command> makeArchiveCommand();
 std::unique_ptr<Command> makeSealCommand();
 std::unique_ptr<Command> makeVerifyCommand();
+// For the library for C.
+std::unique_ptr<Command> makeAnswerCommand();
 // Where the build has libmicrohttpd, too.
 std::unique_ptr<Command> makeServeCommand();
 

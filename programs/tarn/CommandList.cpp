@@ -1,14 +1,13 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <optional>
 
 #include "Command.h"
 #include "Console.h"
 #include "RecorderHint.h"
-#include "base/Wrap.h"
+#include "RowFacts.h"
 #include "db/CApiDb.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/card/CardGeometry.h"
@@ -16,10 +15,8 @@
 #include "recorder/card/ChunkChannels.h"
 #include "recorder/card/TimeText.h"
 #include "recorder/recording/KeptRow.h"
-#include "recorder/recording/RecordingIndex.h"
 #include "recorder/recording/SoundFormat.h"
 #include "recorder/rows/RecorderDatabase.h"
-#include "recorder/rows/RowQueries.h"
 
 namespace tarn {
 namespace {
@@ -27,33 +24,11 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr unsigned long kPage = 500;
-constexpr char kSqlWholeCopies[] = "SELECT * FROM STREAM WHERE " TARN_SQL_KEPT_WHOLE;
 constexpr uint32_t kLastSecond = 0xFFFFFFFF;
 
 Json timeJson(uint32_t seconds, uint16_t milliseconds) {
   // An end of 0 is a recording that still runs.
   return seconds == 0 ? Json(nullptr) : Json(TimeText::iso(seconds, milliseconds));
-}
-
-// Bytes of a recording's pictures or sound; 0 where header or entries are damaged. Nothing where
-// the card refuses them.
-std::optional<uint64_t> videoBytes(const DB_STREAM& row) {
-  RecordingIndex index(row);
-  StreamHeader header;
-  const Delivery delivered = index.header(&header);
-  if (delivered == Delivery::kRefused) return std::nullopt;
-  if (row.recSize != 0) return delivered == Delivery::kGood ? header.dataSize : 0;
-  // Of one that runs its header tells nothing yet.
-  uint64_t bytes = 0;
-  PictureEntry entry;
-  const uint32_t first = index.firstNumber();
-  for (uint32_t i = 0; i < index.capacity(); ++i) {
-    const Delivery found = index.entry(i, &entry);
-    if (found == Delivery::kRefused) return std::nullopt;
-    if (found == Delivery::kBad || entry.number != wrapAdd32(first, i)) break;
-    bytes += entry.size;
-  }
-  return bytes;
 }
 
 // Milliseconds from the first picture to the last; of a recording that runs nothing.
@@ -171,8 +146,7 @@ class CommandList : public Command {
     }
     if (databaseIsGood(stopRequested, &error_) && channelsAreKnown()) {
       db_ = std::make_unique<CApiDb>();
-      RowQueries queries(db_.get(), nullptr);
-      if (!queries.streams(kSqlWholeCopies, &kept_)) {
+      if (!readWholeCopies(db_.get(), &kept_)) {
         complain(kDatabaseUnread);
         return kExitFailed;
       }
@@ -210,17 +184,8 @@ class CommandList : public Command {
   }
 
   // Whether pictures of it are kept from being overwritten.
-  bool isKeptRow(const DB_STREAM& row) const {
-    return isWholeCopy(row) || std::any_of(kept_.begin(), kept_.end(), [&](const DB_STREAM& copy) {
-             return originalKey(copy) == row.streamID;
-           });
-  }
-  bool isKeptEvent(const DB_EVENT& event) const {
-    const EventPeriod period = periodOf(event);
-    return std::any_of(kept_.begin(), kept_.end(), [&](const DB_STREAM& copy) {
-      return showsAnyOf(copy, period.from, period.to);
-    });
-  }
+  bool isKeptRow(const DB_STREAM& row) const { return isWholeCopy(row) || isKeptIn(kept_, row); }
+  bool isKeptEvent(const DB_EVENT& event) const { return isKeptIn(kept_, event); }
   // The last column, where anything is kept.
   void printKept(const std::string& text) const {
     if (kept_.empty()) return;
@@ -234,7 +199,7 @@ class CommandList : public Command {
 
   uint64_t sizeOf(const DB_STREAM& row) {
     if (!hasCard_) return 0;
-    const std::optional<uint64_t> bytes = videoBytes(row);
+    const std::optional<uint64_t> bytes = recordedBytes(row);
     if (!bytes && refused_.empty()) {
       refused_ = fmt::format("the card does not give the size of recording {}", row.streamID);
     }

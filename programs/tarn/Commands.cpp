@@ -49,6 +49,9 @@ std::vector<std::unique_ptr<Command>> allCommands() {
   commands.push_back(makeRecoverCommand());
   commands.push_back(makeSaveCommand());
   commands.push_back(makeHelpCommand());
+#ifdef TARN_WITH_MEDIA
+  commands.push_back(makeAnswerCommand());
+#endif
   commands.push_back(makeCompleteCommand());
   return commands;
 }
