@@ -62,6 +62,7 @@ class Verifier {
     report_.verdict = Delivery::kGood;
     static_cast<void>(boot() && readTables() && families() && inside() && apart() && directory() &&
                       chains() && volume());
+    if (report_.ok()) report_.streamByte = map_.chunkByte(kFileStream, 0);
     return report_;
   }
 

@@ -18,6 +18,8 @@ struct GeometryReport {
   bool opened = false;
   // For a person, unless all is well: the field, both values, and what can be done.
   std::string text;
+  // First byte of the first stream chunk on the device, once that is known; else 0.
+  uint64_t streamByte = 0;
 
   bool ok() const { return verdict == Delivery::kGood; }
 };

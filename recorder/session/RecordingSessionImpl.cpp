@@ -98,7 +98,7 @@ bool RecordingSession::Impl::beginRow(const PictureEntry& entry) {
 bool RecordingSession::Impl::changeRow(size_t size, const PictureEntry& entry, bool newChunk) {
   FileLock allocation;
   if (!allocation.lock(kAllocationLock, true)) return fail(RecordingError::kServer, kErrLock);
-  if (writer_.running() && !writer_.finish()) return failAs(writer_);
+  if (writer_.running() && !writer_.endBeforeNext()) return failAs(writer_);
   if ((newChunk || writer_.chunk() < 0) && !takeChunk(size, entry.presentation.seconds))
     return false;
   return beginRow(entry);
@@ -128,6 +128,18 @@ void RecordingSession::Impl::count(size_t size, const PictureEntry& entry) {
   statistics_.bytes += size;
 }
 
+// The writer may make the pictures before this one safe on its way; then this is the oldest that is
+// not.
+bool RecordingSession::Impl::appendTimed(const uint8_t* annexB, size_t size,
+                                         const PictureEntry& entry) {
+  const int64_t now = monotonicMs();
+  if (!writer_.hasUnsafe()) unsafeSinceMs_ = now;
+  const uint64_t safe = statistics_.confirmed;
+  if (!writer_.append(annexB, size, entry)) return failAs(writer_);
+  if (statistics_.confirmed != safe) unsafeSinceMs_ = now;
+  return true;
+}
+
 int RecordingSession::Impl::write(const void* annexB, size_t size, const PictureEntry& given) {
   if (!open_ || error_ != RecordingError::kNone) return -1;
   if (size == 0 || size + kTimeStampSeiSize >= manager_.streamChunkSize()) {
@@ -137,11 +149,7 @@ int RecordingSession::Impl::write(const void* annexB, size_t size, const Picture
   if (gap_ && !given.isKey()) return 0;
   PictureEntry entry = given;
   if (!flushBefore(entry.decodeTime()) || !prepareRow(size, &entry)) return -1;
-  if (!writer_.hasUnsafe()) unsafeSinceMs_ = monotonicMs();
-  if (!writer_.append(static_cast<const uint8_t*>(annexB), size, entry)) {
-    failAs(writer_);
-    return -1;
-  }
+  if (!appendTimed(static_cast<const uint8_t*>(annexB), size, entry)) return -1;
   const int64_t step = entry.decodeTime().totalMicros() - lastDecode_.totalMicros();
   count(size, entry);
   // When the next picture is expected after the interval, what is here must not wait for it.

@@ -64,6 +64,7 @@ class RecordingSession::Impl {
   bool changeRow(size_t size, const PictureEntry& entry, bool newChunk);
   bool takeChunk(size_t size, uint32_t now);
   bool beginRow(const PictureEntry& entry);
+  bool appendTimed(const uint8_t* annexB, size_t size, const PictureEntry& entry);
   void count(size_t size, const PictureEntry& entry);
   bool jumps(PictureTime decode) const;
   void noteClock(PictureTime decode);

@@ -36,7 +36,9 @@ bool RecordingSession::Impl::takeLocks() {
 
 bool RecordingSession::Impl::checkCard() {
   geometry_ = CardGeometry::verifyRecorder();
-  return geometry_.ok() || fail(RecordingError::kCard, geometry_.text.c_str());
+  if (!geometry_.ok()) return fail(RecordingError::kCard, geometry_.text.c_str());
+  writer_.flushEarly(int64_t{options_.flushIntervalMs} * 1000, geometry_.streamByte);
+  return true;
 }
 
 bool RecordingSession::Impl::ownedByChannel(const DB_STREAM& row) {

@@ -3,17 +3,14 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 
-#include "base/Crc16.h"
 #include "base/Omission.h"
 #include "base/Wrap.h"
 #include "db/CApiDb.h"
 #include "db/RowStatus.h"
 #include "recorder/recording/AnnexB.h"
 #include "recorder/recording/InterruptedRow.h"
-#include "recorder/recording/SoundFormat.h"
 #include "recorder/rows/JournalGuard.h"
 #include "recorder/rows/JournalPlace.h"
 #include "recorder/rows/ServerRetry.h"
@@ -22,9 +19,6 @@
 namespace tarn {
 namespace {
 
-// Largest write that a stream chunk takes at once, and the entries of one write of a picture chunk.
-constexpr size_t kDataPiece = 1024 * 1024;
-constexpr uint32_t kQueueEntries = 1024;
 // For a user of the database who is just at it, when a session has failed already.
 constexpr int64_t kLastLookMs = 500;
 constexpr DB_STREAM_REG_BIT kEndColumns = kStreamRegRecSize | kStreamRegChunkSize |
@@ -171,67 +165,6 @@ bool RowWriter::fits(size_t size) const {
   return streamRoom() > size + kTimeStampSeiSize && pictureRoom() > kRecordSize;
 }
 
-bool RowWriter::writeData(const uint8_t* data, size_t size) {
-  const auto before = static_cast<uint32_t>(chunks_.stream()->getFreeAddr());
-  dataCrc_ = crc16(data, size, dataCrc_);
-  for (size_t done = 0; done < size;) {
-    const size_t piece = std::min(size - done, kDataPiece);
-    // The chunk only copies from the buffer; its interface has no const.
-    auto* bytes = const_cast<uint8_t*>(data + done);
-    if (chunks_.stream()->write(bytes, static_cast<long>(piece)) != static_cast<long>(piece))
-      return false;
-    done += piece;
-  }
-  if (chunks_.stream()->getFreeAddr() < before) ++statistics_->streamWraps;
-  return true;
-}
-
-// Calendar work is done once a second of picture time.
-void RowWriter::stamp(uint32_t seconds) {
-  if (seiValid_ && seiSeconds_ == seconds) return;
-  makeTimeStampSei(seconds, sei_);
-  seiSeconds_ = seconds;
-  seiValid_ = true;
-}
-
-bool RowWriter::writeStamped(const uint8_t* annexB, size_t size, uint32_t seconds) {
-  stamp(seconds);
-  const size_t place = timeStampSeiPlace(annexB, size);
-  return (place == 0 || writeData(annexB, place)) && writeData(sei_, kTimeStampSeiSize) &&
-         writeData(annexB + place, size - place);
-}
-
-bool RowWriter::append(const uint8_t* annexB, size_t size, const PictureEntry& given) {
-  PictureEntry entry = given;
-  entry.dataOffset = static_cast<uint32_t>(chunks_.stream()->getFreeAddr());
-  entry.size = static_cast<uint32_t>(isSound(row_) ? size : size + kTimeStampSeiSize);
-  dataCrc_ = 0;
-  const bool written = isSound(row_) ? writeData(annexB, size)
-                                     : writeStamped(annexB, size, entry.presentation.seconds);
-  if (!written) {
-    return fail(RecordingError::kCard, kErrWriteData);
-  }
-  entry.checksum = pictureChecksum(dataCrc_);
-  return queueEntry(&entry);
-}
-
-bool RowWriter::appendCopy(const uint8_t* bytes, const PictureEntry& given) {
-  PictureEntry entry = given;
-  entry.dataOffset = static_cast<uint32_t>(chunks_.stream()->getFreeAddr());
-  if (!writeData(bytes, entry.size)) return fail(RecordingError::kCard, kErrWriteData);
-  return queueEntry(&entry);
-}
-
-bool RowWriter::queueEntry(PictureEntry* entry) {
-  entry->key = row_.streamID;
-  entry->number = wrapAdd32(header_.firstNumber, written_.pictures);
-  encodePictureEntry(*entry, queue_.data() + size_t{queued_} * kRecordSize);
-  if (queued_++ == 0) firstQueued_ = entry->decodeTime();
-  written_.add(*entry);
-  numbers_.used(entry->number);
-  return queued_ < kQueueEntries || flush();
-}
-
 int64_t RowWriter::unsafeMicros(PictureTime decode) const {
   return queued_ == 0 ? 0 : decode.totalMicros() - firstQueued_.totalMicros();
 }
@@ -298,13 +231,20 @@ bool RowWriter::updateRow(uint32_t statusBits) {
   return true;
 }
 
-bool RowWriter::finish(uint32_t statusBits) {
+bool RowWriter::finish(uint32_t statusBits) { return end(statusBits) && chunks_.save(); }
+
+bool RowWriter::endBeforeNext() {
+  const bool gone = queued_ == 0 && confirmed_.pictures == 0;
+  return end(0) && (!gone || chunks_.save());
+}
+
+bool RowWriter::end(uint32_t statusBits) {
   if (!flush()) return false;
   const bool done = confirmed_.pictures == 0
                         ? removeRow()
                         : writeTotals() && updateRow(statusBits) && writeHeader(kMarkerClosed);
   running_ = !done;
-  return done && chunks_.save();
+  return done;
 }
 
 // The header's totals, still open, before the row is closed.

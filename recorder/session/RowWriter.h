@@ -10,6 +10,7 @@
 #include "recorder/rows/DatabaseWatch.h"
 #include "recorder/rows/JournaledRows.h"
 #include "recorder/session/ChunkPair.h"
+#include "recorder/session/FlushPlace.h"
 #include "recorder/session/RecordingSpace.h"
 
 namespace tarn {
@@ -42,6 +43,9 @@ class RowWriter {
   // Takes a picture, or a block of a row of sound as it is; entry carries time, decode offset and
   // flags. It must fit.
   bool append(const uint8_t* annexB, size_t size, const PictureEntry& entry);
+  // From now on append() may make safe what came before, in the midst of a picture's bytes, so that
+  // an interval costs the card fewer flushes; see FlushPlace.
+  void flushEarly(int64_t intervalUs, uint64_t streamByte) { place_.set(intervalUs, streamByte); }
   // Takes a picture of another recording as it lies there, time stamp unit and checksum included;
   // entry's size and checksum are those of the bytes.
   bool appendCopy(const uint8_t* bytes, const PictureEntry& entry);
@@ -57,6 +61,11 @@ class RowWriter {
   // Ends the recording and lists it as closed; one without pictures is deleted. `statusBits` are
   // set in the row together with its end.
   bool finish(uint32_t statusBits = 0);
+  // The same where the session goes on with another recording: the management data are not saved
+  // for it. What is saved of a chunk that is written to is old as long as a recording lasts; a
+  // start goes by rows, headers and entries, and the session's end, a change of the chunk and the
+  // server's stop save. Only one without pictures moves the addresses back, and is saved.
+  bool endBeforeNext();
   // Gives up the recording that runs: row first, then its space.
   bool drop();
   // Ends it after a failure, as far as the card and the server still go along: what was confirmed
@@ -71,6 +80,9 @@ class RowWriter {
   const char* errorText() const { return chunks_.errorText(); }
 
  private:
+  // Entries of one write of a picture chunk.
+  static constexpr uint32_t kQueueEntries = 1024;
+
   struct Totals {
     uint32_t pictures = 0;
     uint32_t gops = 0;
@@ -88,7 +100,9 @@ class RowWriter {
   bool flushHeader();
   static uint32_t sizeWhileOpen();
   bool insertRow();
+  void seekBoundary(PictureTime decode);
   bool writeData(const uint8_t* data, size_t size);
+  bool writePieces(const uint8_t* data, size_t size);
   bool writeStamped(const uint8_t* annexB, size_t size, uint32_t seconds);
   void stamp(uint32_t seconds);
   void initRow(const DB_STREAM& seed);
@@ -97,6 +111,7 @@ class RowWriter {
   bool writeTotals();
   bool fail(JournaledRows::Outcome outcome);
   bool updateRow(uint32_t statusBits = 0);
+  bool end(uint32_t statusBits);
   bool queueEntry(PictureEntry* entry);
   bool removeRow();
   void takeOver(const DB_STREAM& row, const InterruptedRow* pictures, bool newestOfChunk);
@@ -122,6 +137,8 @@ class RowWriter {
   std::vector<uint8_t> queue_;  // encoded entries that wait for their data; sized once
   uint32_t queued_ = 0;
   PictureTime firstQueued_;  // decode time
+  FlushPlace place_;
+  bool toBoundary_ = false;  // flush at the next boundary that the picture's bytes reach
   uint16_t dataCrc_ = 0;     // of the picture's bytes that were written so far
   uint8_t sei_[64];
   uint32_t seiSeconds_ = 0;

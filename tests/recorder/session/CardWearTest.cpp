@@ -1,8 +1,7 @@
-#include "fat/CardWear.h"
-
 #include <algorithm>
 
 #include "dblog/CDbLog.h"
+#include "fat/CardWear.h"
 #include "recorder/RecorderRig.h"
 #include "support/IoFaults.h"
 
@@ -78,6 +77,29 @@ TEST_F(CardWearTest, HeadersArePartOfWhatGoesToPictureChunks) {
   EXPECT_EQ(wear.headers.writes, 3u);
   EXPECT_EQ(wear.headers.flushes, wear.headers.writes);
   EXPECT_EQ(wear.kinds[tarn::kFilePicture].bytes, wear.headers.bytes + 3u * kRate * 32);
+}
+
+// Header, both copies of the record, closed header; what the next row begins with saves what is
+// left.
+TEST_F(CardWearTest, ARowThatAnotherFollowsIsClosedInFourWrites) {
+  const auto costOfRows = [](uint32_t rows) {
+    tarn::RecordingOptions options;
+    options.segmentSeconds = 1;
+    tarn::RecordingSession session;
+    const CardWear before = tarn::cardWear();
+    EXPECT_TRUE(openSession(session, options));
+    EXPECT_TRUE(writePictures(session, 0, rows * kRate));
+    EXPECT_EQ(session.statistics().segments, rows);
+    EXPECT_EQ(session.close(), 0) << session.errorText();
+    CDbLog::getInstance()->finish();
+    return tarn::cardWear().since(before);
+  };
+  const CardWear few = costOfRows(2);
+  const CardWear wear = costOfRows(5).since(few);
+  EXPECT_EQ(wear.headers.writes, 3u * 3) << "one of a row's begin, two of its close";
+  EXPECT_EQ(wear.kinds[tarn::kFileJournal].writes, 3u * (2 + 2)) << "insert and close";
+  EXPECT_EQ(wear.kinds[tarn::kFileStreamManage].writes, 0u);
+  EXPECT_EQ(wear.kinds[tarn::kFileJournalManage].writes, 3u * 2) << "the insert's";
 }
 
 // Where the server is another process, this is all that is known of its writes.
