@@ -46,7 +46,7 @@ endif()
 
 # The units of a recorder. They are installed and not enabled: which of them a recorder needs is
 # decided in its firmware. They start the tool, which records only where it was built with media.
-set(without_media PATTERN tarn-record.service EXCLUDE)
+set(without_media PATTERN tarn-record.service EXCLUDE PATTERN tarn-archive.* EXCLUDE)
 if(TARGET TarnMedia)
   set(without_media "")
 endif()
@@ -59,6 +59,7 @@ foreach(kind systemd:systemd/system tmpfiles.d:tmpfiles.d)
 endforeach()
 if(TARGET TarnMedia)
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/examples/record.conf
+    ${CMAKE_CURRENT_LIST_DIR}/examples/archive.conf
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tarn-tools/examples COMPONENT tools)
 endif()
 

@@ -5,6 +5,7 @@
 #include "media/FragmentedMovie.h"
 #include "media/archive/ArchiveNames.h"
 #include "media/archive/ClipSeal.h"
+#include "media/archive/ReadYield.h"
 #include "media/export/ChannelTracks.h"
 #include "media/export/ExportSelection.h"
 #include "media/export/TrackTurns.h"
@@ -92,6 +93,7 @@ bool ArchiveClip::writeTracks(ChannelTracks* channel, const ByteSink* sink) {
     if (!turns.piece().write(&movie, turns.track())) return failed(movie.error());
     if (!turns.advance()) return fail(turns.error());
     if (stopAsked_ && stopAsked_()) return fail(kErrStoppedInside);
+    if (yield_ != nullptr) yield_->rest();
   }
   if (!movie.complete()) return failed(movie.error());
   return seal_ == nullptr || seal_->end() || fail(seal_->error());

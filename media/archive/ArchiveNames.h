@@ -18,7 +18,7 @@ inline constexpr char kErrRecorderName[] =
     "a recorder's name has letters, digits, - and _, and 64 of them at the most";
 
 // Whether it can name a recorder in an archive: letters, digits, - and _, 64 at the most.
-bool isRecorderName(const std::string& name);
+TARN_API bool isRecorderName(const std::string& name);
 // "recorder=ID"
 std::string folderOfRecorder(const std::string& recorder);
 // "recorder=ID/date=2026-03-01", of a moment in milliseconds since 1970.

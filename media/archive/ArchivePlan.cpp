@@ -6,7 +6,10 @@
 #include <utility>
 
 #include "db/CApiDb.h"
+#include "fat/ChunkFiles.h"
+#include "manager/ManageFormat.h"
 #include "media/archive/ArchiveNames.h"
+#include "recorder/card/CardInfo.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingReader.h"
 #include "recorder/recording/SoundFormat.h"
@@ -53,14 +56,36 @@ bool ArchivePlan::readRows() {
 
 bool ArchivePlan::read(const StopAsked& stopAsked) {
   if (!databaseIsGood(stopAsked, &error_) || !readRows()) return false;
+  for (size_t i = 0; i < rows_.size(); ++i) rowOfKey_[rows_[i].streamID] = i;
   for (const DB_EVENT& event : events_) addEvent(event);
   sortNewestFirst(&clips_, 0);
   const size_t recordings = clips_.size();
   for (const DB_STREAM& row : rows_) addRecording(row);
   sortNewestFirst(&clips_, recordings);
+  return true;
+}
+
+void ArchivePlan::addGaps() {
+  story_.readJournal();
   const std::vector<ArchiveLine> gaps = story_.gapsBetween(rows_);
   others_.insert(others_.end(), gaps.begin(), gaps.end());
-  return true;
+}
+
+// Whether a recording may still get something from before this moment: pictures are stored in the
+// order of decoding, and none is shown before it is decoded.
+bool ArchivePlan::mayGrowBefore(const DB_STREAM& row, PictureTime time) {
+  if (!isRunning(row)) return false;
+  const auto [safe, isNew] = safeTo_.try_emplace(row.streamID, INT64_MIN);
+  RecordingReader reader;
+  if (isNew && reader.open(row) == 0) {
+    PictureEntry entry;
+    for (uint32_t left = reader.pictureCount(); left > 0; --left) {
+      if (!reader.picture(left - 1, &entry)) continue;
+      safe->second = entry.decodeTime().totalMicros();
+      break;
+    }
+  }
+  return safe->second <= time.totalMicros();
 }
 
 void ArchivePlan::addClip(ArchiveLine line, const std::vector<DB_STREAM>& rows) {
@@ -71,14 +96,14 @@ void ArchivePlan::addClip(ArchiveLine line, const std::vector<DB_STREAM>& rows) 
   clips_.push_back(std::move(line));
 }
 
-// What a row still gets would make other bytes of the same clip.
+// What a row still gets of an event's time would make other bytes of the same clip.
 void ArchivePlan::addEvent(const DB_EVENT& event) {
   const EventPeriod period = periodOf(event);
   std::map<int, std::vector<DB_STREAM>> rowsOf;
   bool running = event.endDate == 0;
   for (const DB_STREAM& row : rows_) {
     if (!showsAnyOf(row, period.from, period.to)) continue;
-    running = running || isRunning(row);
+    running = running || mayGrowBefore(row, period.to);
     rowsOf[channelOf(row)].push_back(row);
   }
   ArchiveLine line;
@@ -90,7 +115,7 @@ void ArchivePlan::addEvent(const DB_EVENT& event) {
   line.trigger = event.extTrg;
   line.preSeconds = event.preSec;
   if (running) {
-    ++waiting_;
+    waitingEvents_.insert(event.eventID);
   } else if (rowsOf.empty()) {
     others_.push_back(line);
   }
@@ -118,7 +143,7 @@ void ArchivePlan::addRecording(const DB_STREAM& row) {
     rows.insert(rows.end(), sound.begin(), sound.end());
   }
   if (anyRuns(rows)) {
-    ++waiting_;
+    ++waitingRecordings_;
     return;
   }
   ArchiveLine line;
@@ -134,9 +159,49 @@ void ArchivePlan::addRecording(const DB_STREAM& row) {
 }
 
 const DB_STREAM* ArchivePlan::rowOf(uint32_t key) const {
-  const auto found = std::find_if(rows_.begin(), rows_.end(),
-                                  [&](const DB_STREAM& row) { return row.streamID == key; });
-  return found != rows_.end() ? &*found : nullptr;
+  const auto found = rowOfKey_.find(key);
+  return found != rowOfKey_.end() ? &rows_[found->second] : nullptr;
+}
+
+// Nothing is overwritten as long as there are chunks that belong to no channel.
+bool ArchivePlan::isNearlyFull() const {
+  constexpr uint32_t kFew = 10;  // of a hundred
+  CardInfo info;
+  std::string ignored;
+  if (info.read(deviceName(kRecorderPartition), &ignored) != 0) return true;
+  const auto& records = info.management(kFileStreamManage).records;
+  const auto unused = std::count_if(records.begin(), records.end(), [](const auto& record) {
+    return static_cast<int8_t>(record.chType) == kChannelUnused;
+  });
+  return static_cast<uint64_t>(unused) * 100 < records.size() * uint64_t{kFew};
+}
+
+// They go in the order of their keys.
+std::vector<const ArchiveLine*> ArchivePlan::endangered(
+    const std::set<std::string>& archived) const {
+  constexpr uint64_t kPart = 10;
+  std::vector<const ArchiveLine*> found;
+  if (!isNearlyFull()) return found;
+  uint64_t pictures = 0;
+  std::map<uint32_t, uint64_t> recordings;
+  for (const DB_STREAM& row : rows_) {
+    if (isKept(row)) continue;
+    recordings[row.streamID] = row.recSize;
+    pictures += row.recSize;
+  }
+  std::set<uint32_t> next;
+  uint64_t before = 0;
+  for (const auto& [key, count] : recordings) {
+    if (before >= pictures / kPart) break;
+    before += count;
+    next.insert(key);
+  }
+  for (auto line = clips_.rbegin(); line != clips_.rend(); ++line) {
+    if (line->kind == "recording" && next.count(line->key) != 0 &&
+        archived.count(line->object) == 0)
+      found.push_back(&*line);
+  }
+  return found;
 }
 
 }  // namespace tarn

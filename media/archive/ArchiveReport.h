@@ -18,7 +18,9 @@ struct ArchiveReport {
   uint64_t bytes = 0;                 // of them
   uint64_t present = 0;               // clips that the archive has already
   uint64_t waiting = 0;               // recordings and events that are not over
-  uint64_t indexes = 0;               // that were written
+  std::vector<uint32_t> waitingEvents;
+  std::vector<std::string> endangered;  // recordings that the ring overwrites next, not archived
+  uint64_t indexes = 0;                 // that were written
   // How it is known that objects arrived.
   uint64_t byHash = 0;
   uint64_t byReadBack = 0;

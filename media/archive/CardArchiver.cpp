@@ -1,18 +1,26 @@
 #include "media/archive/CardArchiver.h"
 
+#include <syslog.h>
+
+#include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <optional>
 #include <set>
 #include <utility>
 
 #include "fat/ChunkFiles.h"
+#include "media/ArchiveStatus.h"
 #include "media/archive/ArchiveClip.h"
+#include "media/archive/ArchiveIndexes.h"
+#include "media/archive/ArchiveMessages.h"
 #include "media/archive/ArchiveNames.h"
 #include "media/archive/ArchivePlan.h"
 #include "media/archive/ArchiveStore.h"
 #include "media/archive/ClipSeal.h"
 #include "media/archive/DayIndex.h"
+#include "media/archive/ReadYield.h"
 #include "media/seal/SealingKey.h"
 #include "recorder/card/CardInfo.h"
 #include "recorder/card/NoThrow.h"
@@ -39,7 +47,11 @@ class CardArchiver::Impl {
  private:
   bool fail(const std::string& text);
   bool nameRecorder();
-  bool lookAround();
+  bool lookAround(const ArchivePlan& plan);
+  bool listHeld(const ArchivePlan& plan);
+  bool archiveAll(ArchivePlan* plan);
+  void noteEndangered(const ArchivePlan& plan);
+  void tellStatus(bool good) const;
   bool dropParts();
   bool archiveClips(const std::vector<ArchiveLine>& clips);
   bool archive(const ArchiveLine& clip);
@@ -48,23 +60,20 @@ class CardArchiver::Impl {
   bool send(const ArchiveLine& clip);
   bool sendSidecar(const ArchiveLine& line);
   bool put(const std::string& name, const ByteSource& source, ArchiveStore::Stored* stored);
-  bool updateIndexes(const ArchivePlan& plan);
-  bool addStories(const ArchivePlan& plan);
-  bool addSidecars(const std::string& day, DayIndex* index);
-  bool indexOf(const std::string& day, DayIndex** index);
   void noteMissing(const ArchiveLine& line);
 
   const Settings settings_;
   StopAsked stopAsked_;
   Progress progress_;
   std::unique_ptr<ArchiveStore> store_;
-  std::map<std::string, int64_t> held_;      // objects of the archive with their bytes
-  std::map<std::string, DayIndex> indexes_;  // by day's folder, those that were asked for
-  std::set<std::string> fresh_;              // recordings that were sent
+  std::map<std::string, int64_t> held_;  // objects of the archive with their bytes
+  std::unique_ptr<ArchiveIndexes> indexes_;
   size_t done_ = 0;
   size_t clips_ = 0;
   uint64_t sent_ = 0;
-  SealingKey key_;  // loaded where something is sealed
+  std::unique_ptr<ReadYield> yield_;  // where reads make way
+  bool listed_ = false;               // held_ is all that the archive has
+  SealingKey key_;                    // loaded where something is sealed
   ArchiveReport report_;
   std::string error_;
   bool noMemory_ = false;
@@ -89,16 +98,33 @@ bool CardArchiver::Impl::nameRecorder() {
   return true;
 }
 
-bool CardArchiver::Impl::lookAround() {
+bool CardArchiver::Impl::lookAround(const ArchivePlan& plan) {
   store_ = ArchiveStore::open(settings_.place, &error_);
   if (store_ == nullptr) return false;
   store_->limitRate(settings_.bytesPerSecond);
   store_->waitAtMost(settings_.patienceSeconds);
   store_->trustSize(settings_.trustSize);
-  std::vector<ArchiveStore::Object> objects;
-  if (!store_->list(folderOfRecorder(report_.recorder), &objects)) return fail(store_->error());
-  for (const ArchiveStore::Object& object : objects) held_[object.name] = object.bytes;
+  if (!listHeld(plan)) return false;
+  indexes_ = std::make_unique<ArchiveIndexes>(store_.get(), report_.recorder, &held_);
+  listed_ = true;
   return settings_.dryRun || dropParts();
+}
+
+// All of the recorder's; where only events are wanted that is their days'.
+bool CardArchiver::Impl::listHeld(const ArchivePlan& plan) {
+  std::set<std::string> folders = {folderOfRecorder(report_.recorder)};
+  if (settings_.onlyEvents) {
+    folders.clear();
+    for (const ArchiveLine& clip : plan.clips()) {
+      if (isWanted(clip)) folders.insert(dayOf(clip.object));
+    }
+  }
+  std::vector<ArchiveStore::Object> objects;
+  for (const std::string& folder : folders) {
+    if (!store_->list(folder, &objects)) return fail(store_->error());
+  }
+  for (const ArchiveStore::Object& object : objects) held_[object.name] = object.bytes;
+  return true;
 }
 
 // What a run that was killed has left: nobody but an archiver of this recorder gives such names.
@@ -116,18 +142,9 @@ bool CardArchiver::Impl::dropParts() {
 }
 
 bool CardArchiver::Impl::isWanted(const ArchiveLine& clip) const {
+  if (settings_.onlyEvents)
+    return clip.kind == "event" && settings_.onlyEvents->count(clip.key) != 0;
   return !settings_.since || settings_.since->totalMicros() <= clip.endMs * 1000 + 999;
-}
-
-// Null where the archive has no index of that day yet. False when it cannot be read.
-bool CardArchiver::Impl::indexOf(const std::string& day, DayIndex** index) {
-  const auto [place, isNew] = indexes_.try_emplace(day, store_.get(), day);
-  *index = &place->second;
-  if (!isNew) return true;
-  for (const char* name : {kIndexName, kPlainIndexName}) {
-    if (held_.count(day + name) != 0) return place->second.read(name) || fail(store_->error());
-  }
-  return true;
 }
 
 // A clip counts once its sidecar is there. One that lacks pictures is made again, and replaced
@@ -136,7 +153,7 @@ bool CardArchiver::Impl::isThere(const ArchiveLine& clip, bool* there) {
   *there = held_.count(clip.object) != 0 && held_.count(sidecarOf(clip.object)) != 0;
   if (!*there) return true;
   DayIndex* index = nullptr;
-  if (!indexOf(dayOf(clip.object), &index)) return false;
+  if (!indexes_->of(dayOf(clip.object), &index)) return fail(indexes_->error());
   const ArchiveLine* known = index->find(clip.object);
   if (known == nullptr || known->missing == 0) return true;
   ArchiveClip again(clip, stopAsked_);
@@ -174,7 +191,7 @@ bool CardArchiver::Impl::sendSidecar(const ArchiveLine& line) {
 bool CardArchiver::Impl::send(const ArchiveLine& clip) {
   std::optional<ClipSeal> seal;
   if (settings_.seal) seal.emplace(&key_, *settings_.seal, report_.recorder, clip.object);
-  ArchiveClip maker(clip, stopAsked_, seal ? &*seal : nullptr);
+  ArchiveClip maker(clip, stopAsked_, seal ? &*seal : nullptr, yield_.get());
   ArchiveStore::Stored stored;
   const auto source = [&](const ByteSink& sink) {
     return maker.write([&](const uint8_t* data, size_t size) {
@@ -193,10 +210,7 @@ bool CardArchiver::Impl::send(const ArchiveLine& clip) {
   line.bytes = stored.bytes;
   line.hashes = stored.hashes;
   if (!sendSidecar(line)) return false;
-  DayIndex* index = nullptr;
-  if (!indexOf(dayOf(line.object), &index)) return false;
-  index->add(line);
-  if (line.kind == "recording") fresh_.insert(line.object);
+  if (!indexes_->add(line)) return fail(indexes_->error());
   noteMissing(line);
   report_.uploaded.push_back(line.object);
   report_.bytes += line.bytes;
@@ -225,76 +239,37 @@ bool CardArchiver::Impl::archiveClips(const std::vector<ArchiveLine>& clips) {
   return true;
 }
 
-// Of what a run has sent that was killed before it wrote the index.
-bool CardArchiver::Impl::addSidecars(const std::string& day, DayIndex* index) {
-  std::set<std::string> listed;
-  for (const auto& one : index->lines()) {
-    if (!one.second.object.empty()) listed.insert(sidecarOf(one.second.object));
-  }
-  for (auto object = held_.lower_bound(day + "/"); object != held_.end(); ++object) {
-    const std::string& name = object->first;
-    if (name.compare(0, day.size() + 1, day + "/") != 0) break;
-    if (!endsIn(name, kSidecarEnding) || listed.count(name) != 0) continue;
-    if (!index->addSidecar(name)) return fail(store_->error());
-  }
-  return true;
-}
-
-// What an index says beside the sidecars of the recordings that are new to it. A card is recorded
-// on while this runs: what is wrong with a recording that has gone meanwhile is no finding of it.
-bool CardArchiver::Impl::addStories(const ArchivePlan& plan) {
-  std::vector<DB_STREAM> rows;
-  std::map<uint32_t, DayIndex*> indexOfKey;
+// What is not known to be in the archive counts as not in it.
+void CardArchiver::Impl::noteEndangered(const ArchivePlan& plan) {
+  std::set<std::string> archived;
   for (const ArchiveLine& clip : plan.clips()) {
-    DayIndex* index = nullptr;
-    if (clip.kind != "recording") continue;
-    if (!indexOf(dayOf(clip.object), &index)) return false;
-    const bool isNew = fresh_.count(clip.object) != 0 || !index->had(clip.object);
-    const DB_STREAM* row = plan.rowOf(clip.key);
-    if (!isNew || index->find(clip.object) == nullptr || row == nullptr) continue;
-    index->forgetStory(clip);
-    for (const ArchiveLine& gap : plan.story().gapsInside(*row)) {
-      DayIndex* ofGap = nullptr;
-      if (!indexOf(folderOfDay(report_.recorder, gap.startMs), &ofGap)) return false;
-      ofGap->add(gap);
-    }
-    rows.push_back(*row);
-    indexOfKey[clip.key] = index;
+    if (held_.count(sidecarOf(clip.object)) != 0) archived.insert(clip.object);
   }
-  std::vector<ArchiveLine> findings;
-  if (!rows.empty() && !plan.story().findings(rows, plan.events(), stopAsked_, &findings, &error_))
-    return false;
-  for (const ArchiveLine& one : findings) indexOfKey[one.key]->add(one);
-  return true;
+  for (const ArchiveLine* line : plan.endangered(archived))
+    report_.endangered.push_back(line->object);
+  if (report_.endangered.empty()) return;
+  syslog(LOG_WARNING, kMsgArchiveEndangered, report_.endangered.size(),
+         listed_ ? "archived" : "known to be archived", report_.endangered.front().c_str());
 }
 
-// Days of which the card holds something, and those that have no index yet.
-bool CardArchiver::Impl::updateIndexes(const ArchivePlan& plan) {
-  std::set<std::string> days;
-  for (const ArchiveLine& line : plan.clips()) days.insert(dayOf(line.object));
-  for (const auto& object : held_) {
-    const std::string day = dayOf(object.first);
-    if (!day.empty() && held_.count(day + kIndexName) == 0) days.insert(day);
-  }
-  DayIndex* index = nullptr;
-  for (const std::string& day : days) {
-    if (!indexOf(day, &index) || !addSidecars(day, index)) return false;
-  }
-  if (!addStories(plan)) return false;
-  for (const ArchiveLine& line : plan.others()) {
-    const std::string day = folderOfDay(report_.recorder, line.startMs);
-    if (!indexOf(day, &index)) return false;
-    if (line.kind == "gap" && index->fills(line)) continue;
-    index->add(line);
-    days.insert(day);
-  }
-  for (auto& [day, one] : indexes_) {
-    bool written = false;
-    if (one.lines().empty()) continue;
-    if (!one.write(&written)) return fail(store_->error());
-    if (written) ++report_.indexes;
-  }
-  return true;
+void CardArchiver::Impl::tellStatus(bool good) const {
+  ArchiveStatus status;
+  status.read();
+  status.endedMs = int64_t{time(nullptr)} * 1000;
+  if (good) status.goodMs = status.endedMs;
+  status.missing = clips_ - std::min<size_t>(clips_, report_.present + report_.uploaded.size());
+  status.endangered = report_.endangered.size();
+  status.known = listed_;
+  status.write();
+}
+
+bool CardArchiver::Impl::archiveAll(ArchivePlan* plan) {
+  if (!lookAround(*plan) || !archiveClips(plan->clips())) return false;
+  if (settings_.dryRun) return true;
+  const bool written =
+      settings_.onlyEvents ? indexes_->write() : indexes_->update(plan, stopAsked_);
+  report_.indexes = indexes_->written();
+  return written || fail(indexes_->error());
 }
 
 bool CardArchiver::Impl::run(const StopAsked& stopAsked, const Progress& progress) {
@@ -304,11 +279,17 @@ bool CardArchiver::Impl::run(const StopAsked& stopAsked, const Progress& progres
   if (settings_.seal && !key_.load(*settings_.seal)) return fail(key_.error());
   ArchivePlan plan(report_.recorder);
   if (!plan.read(stopAsked_)) return fail(plan.error());
+  if (settings_.whileRecording)
+    yield_ = std::make_unique<ReadYield>(ReadYield::statisticsOf(deviceName(kRecorderPartition)));
   clips_ = plan.clips().size();
   report_.waiting = plan.waiting();
-  if (!lookAround() || !archiveClips(plan.clips())) return false;
-  if (!settings_.dryRun && !updateIndexes(plan)) return false;
-  return report_.failures.empty() && report_.incomplete.empty();
+  report_.waitingEvents.assign(plan.waitingEvents().begin(), plan.waitingEvents().end());
+  const bool done = archiveAll(&plan);
+  const bool good = done && report_.failures.empty() && report_.incomplete.empty();
+  if (settings_.dryRun || settings_.onlyEvents) return good;
+  noteEndangered(plan);
+  tellStatus(good);
+  return good;
 }
 
 CardArchiver::CardArchiver(const Settings& settings) noexcept {

@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "base/Export.h"
@@ -28,8 +29,11 @@ class TARN_API CardArchiver {
     std::optional<PictureTime> since;  // only what ends then or later
     uint64_t bytesPerSecond = 0;       // to send at most; 0: as many as there are
     uint32_t patienceSeconds =
-        kPatienceSeconds;             // that a remote may move nothing before it is given up
-    bool trustSize = false;           // no reading back from a remote that tells no hash
+        kPatienceSeconds;    // that a remote may move nothing before it is given up
+    bool trustSize = false;  // no reading back from a remote that tells no hash
+    // The clips of these events, and nothing else.
+    std::optional<std::set<uint32_t>> onlyEvents;
+    bool whileRecording = false;      // reads make way for whoever records
     std::optional<SealRequest> seal;  // seals what is sent
     bool dryRun = false;              // tells what is to be sent, and sends nothing
   };

@@ -24,11 +24,9 @@ int64_t endOf(const DB_STREAM& row) {
 
 }  // namespace
 
-bool CardStory::read(std::string* error) {
-  if (chunks_.read(error) != 0) return false;
-  JournalExtract(0, INT64_MAX, &journal_).read();
-  return true;
-}
+bool CardStory::read(std::string* error) { return chunks_.read(error) == 0; }
+
+void CardStory::readJournal() { JournalExtract(0, INT64_MAX, &journal_).read(); }
 
 int CardStory::channelOf(const DB_STREAM& row) const {
   return isKept(row) ? keptChannel(row) : chunks_.of(row.chunkID);

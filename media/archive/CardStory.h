@@ -18,9 +18,10 @@ class CardStory {
  public:
   explicit CardStory(const std::string& recorder) : recorder_(recorder) {}
 
-  // Reads the chunks' channels, or false with *error, and the journal: what of that cannot be read
-  // makes reasons unknown.
+  // Reads the chunks' channels. False with *error.
   bool read(std::string* error);
+  // In front of asking for gaps. What of it cannot be read makes reasons unknown.
+  void readJournal();
   // As an export sorts them.
   int channelOf(const DB_STREAM& row) const;
 

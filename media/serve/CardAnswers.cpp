@@ -9,6 +9,7 @@
 
 #include "fat/ChunkFiles.h"
 #include "fat/FailureMarker.h"
+#include "media/ArchiveStatus.h"
 #include "media/MonotonicTime.h"
 #include "media/serve/JsonText.h"
 #include "media/serve/QueryReader.h"
@@ -84,6 +85,23 @@ void addValue(std::string* text, const char* name, int channel, double value) {
 void addOne(std::string* text, const char* name, const char* type, const char* help, double value) {
   addMetric(text, name, type, help);
   addValue(text, name, -1, value);
+}
+
+// Nothing where nobody archives.
+void addArchive(std::string* text) {
+  ArchiveStatus archive;
+  if (!archive.read()) return;
+  addOne(text, "tarn_archive_missing", "gauge",
+         "Recordings and events that are over and not in the archive.",
+         static_cast<double>(archive.missing));
+  addOne(text, "tarn_archive_endangered", "gauge",
+         "Recordings that the ring overwrites next and that are not known to be archived.",
+         static_cast<double>(archive.endangered));
+  addOne(text, "tarn_archive_run_timestamp_seconds", "gauge", "When an archiving run ended last.",
+         static_cast<double>(archive.endedMs) / 1000);
+  addOne(text, "tarn_archive_complete_timestamp_seconds", "gauge",
+         "When a run had archived all there was; 0 when none has yet.",
+         static_cast<double>(archive.goodMs) / 1000);
 }
 
 }  // namespace
@@ -275,6 +293,7 @@ HttpResponse CardAnswers::metrics(const HttpRequest& request) {
          follower_->problem().empty() ? 0 : 1);
   addOne(&text, "tarn_card_failed", "gauge", "1 after a write that the card refused.",
          access(kFailureMarkerPath, F_OK) == 0 ? 1 : 0);
+  addArchive(&text);
   addMetric(&text, "tarn_running_pictures", "gauge",
             "Pictures of the running recording that are safe on the card.");
   for (const ServedRecording& one : rows->recordings) {

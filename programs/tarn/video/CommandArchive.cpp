@@ -5,11 +5,13 @@
 #include "Command.h"
 #include "Console.h"
 #include "RecorderHint.h"
+#include "media/archive/ArchiveFollower.h"
 #include "media/archive/ArchiveStore.h"
 #include "media/archive/ArchiveVerifier.h"
 #include "media/archive/CardArchiver.h"
 #include "recorder/card/CardText.h"
 #include "recorder/card/TimeZone.h"
+#include "video/ArchiveConfig.h"
 #include "video/SealOptions.h"
 
 namespace tarn {
@@ -22,8 +24,17 @@ class CommandArchive : public Command {
         tool.add_subcommand("archive", "Archive recordings and events in a directory or a remote");
     app->add_option("PLACE", words_,
                     "a CARD, as with --card, where it is not the recorder's own; then where the "
-                    "archive is: a directory, or REMOTE:PATH of rclone's")
-        ->required();
+                    "archive is: a directory, or REMOTE:PATH of rclone's; without it the "
+                    "configuration says where");
+    app->add_option("--config", config_, "Configuration that is used without PLACE")
+        ->type_name("FILE")
+        ->capture_default_str();
+    app->add_flag("--check-config", checkConfig_,
+                  "Look at the configuration only, and say what it archives");
+    app->add_flag("--follow", follow_,
+                  "Stay, and archive events as they end, all else now and then");
+    app->add_flag("--while-recording", settings_.whileRecording,
+                  "Make way for whoever records on the same card");
     app->add_flag("--verify", verify_,
                   "Compare an archive with what it says of itself; needs no card");
     app->add_option("--recorder", settings_.recorder,
@@ -57,12 +68,15 @@ class CommandArchive : public Command {
 
   bool changesCard() const override { return false; }
   bool asksServer() const override { return false; }
-  bool needsRecorder() const override { return !verify_; }
+  bool needsRecorder() const override { return !verify_ && !checkConfig_; }
 
   bool sortWords(const WordsAsGiven& /*given*/, std::string* error) override {
     const size_t most = verify_ ? 1 : 2;
     if (words_.size() > most) *error = "archive one card in one place";
-    settings_.place = words_.back();
+    if (checkConfig_ && !words_.empty())
+      *error = "--check-config: a PLACE is not the configuration's";
+    if (!error->empty() || (words_.empty() && !takeConfig(error))) return false;
+    if (!words_.empty()) settings_.place = words_.back();
     while (settings_.place.size() > 1 && settings_.place.back() == '/') settings_.place.pop_back();
     if (settings_.place.empty()) *error = "say where the archive is";
     if (words_.size() == 2) card_ = words_.front();
@@ -70,24 +84,65 @@ class CommandArchive : public Command {
     if (verify_ && (settings_.since || settings_.dryRun || settings_.trustSize ||
                     settings_.bytesPerSecond != 0 || seal_.asked()))
       *error = "--verify compares all of an archive, and sends nothing";
+    if (follow_ && (verify_ || settings_.since || settings_.dryRun || json_))
+      *error = "--follow archives all there is, for good";
     return error->empty();
   }
 
   std::vector<std::string*> userPaths() override {
     std::vector<std::string*> paths = seal_.paths();
     for (std::string& authority : authorities_) paths.push_back(&authority);
+    paths.push_back(&config_);
     if (!ArchiveStore::isRemote(settings_.place)) paths.push_back(&settings_.place);
     return paths;
   }
 
-  int run() override { return verify_ ? verify() : archive(); }
-
- private:
-  int archive() {
+  int run() override {
+    if (checkConfig_) return tellConfig();
+    if (verify_) return verify();
     // Findings tell times, and an archive has those of UTC.
     std::string ignored;
     TimeZone::choose("UTC", &ignored);
     if (seal_.asked()) settings_.seal = seal_.request();  // its paths as they are here
+    return follow_ ? follow() : archive();
+  }
+
+ private:
+  // What stands on the command line counts in place of it.
+  bool takeConfig(std::string* error) {
+    CardArchiver::Settings file;
+    if (!readArchiveConfig(config_, &file, &everySeconds_, error)) {
+      if (!checkConfig_) *error = "no PLACE, and " + *error;
+      return false;
+    }
+    settings_.place = file.place;
+    settings_.seal = file.seal;
+    if (settings_.recorder.empty()) settings_.recorder = file.recorder;
+    if (settings_.bytesPerSecond == 0) settings_.bytesPerSecond = file.bytesPerSecond;
+    if (settings_.patienceSeconds == kPatienceSeconds)
+      settings_.patienceSeconds = file.patienceSeconds;
+    settings_.trustSize = settings_.trustSize || file.trustSize;
+    return true;
+  }
+
+  int tellConfig() const {
+    fmt::print("{}: archives in {} as {}, every {} s, {}, {}\n", config_, settings_.place,
+               settings_.recorder.empty() ? "the number of its card" : settings_.recorder,
+               everySeconds_,
+               settings_.bytesPerSecond == 0
+                   ? "as fast as it goes"
+                   : "at most " + sizeText(settings_.bytesPerSecond) + " a second",
+               settings_.seal ? "sealed with " + settings_.seal->key : "not sealed");
+    return kExitGood;
+  }
+
+  int follow() {
+    catchStopSignals();
+    ArchiveFollower(settings_, everySeconds_).run(stopRequested);
+    return kExitGood;
+  }
+
+  int archive() {
     CardArchiver archiver(settings_);
     bool good = false;
     {
@@ -103,6 +158,10 @@ class CommandArchive : public Command {
     } else {
       print(report);
     }
+    if (!report.endangered.empty())
+      warn(fmt::format(
+          "{} recordings that the ring overwrites next are not archived, the first is {}",
+          report.endangered.size(), report.endangered.front()));
     for (const auto& one : report.incomplete) warn(one.object + ": " + one.reason);
     for (const auto& one : report.failures) complain(one.object + ": " + one.reason);
     if (*archiver.error() != '\0') complain(withHint(archiver.error()));
@@ -141,6 +200,7 @@ class CommandArchive : public Command {
         {"present", report.present},
         {"waiting", report.waiting},
         {"indexes", report.indexes},
+        {"endangered", report.endangered},
         {"proven",
          {{"hash", report.byHash}, {"readBack", report.byReadBack}, {"size", report.bySize}}},
         {"incomplete", listOf(report.incomplete)},
@@ -181,6 +241,10 @@ class CommandArchive : public Command {
   CardArchiver::Settings settings_;
   SealOptions seal_;
   std::vector<std::string> authorities_;
+  std::string config_ = kArchiveConfig;
+  uint32_t everySeconds_ = kArchiveEverySeconds;
+  bool checkConfig_ = false;
+  bool follow_ = false;
   bool verify_ = false;
   bool json_ = false;
 };

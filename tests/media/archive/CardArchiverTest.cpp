@@ -9,6 +9,7 @@
 #include <sstream>
 #include <vector>
 
+#include "media/ArchiveStatus.h"
 #include "media/MoviePieces.h"
 #include "media/archive/ArchiveLine.h"
 #include "media/archive/ArchiveNames.h"
@@ -50,17 +51,21 @@ class CardArchiverTest : public testing::Test {
     settings.place = kPlace;
     settings.recorder = "van-7";
     settings.seal = seal;
+    settings.whileRecording = whileRecording;
     tarn::CardArchiver archiver(settings);
     const bool good = archiver.run(stopAsked, nullptr);
     report = archiver.report();
     error = archiver.error();
     return good;
   }
-  static std::string index() {
+  static std::string contentOf(const std::string& path) {
     std::ostringstream text;
-    text << std::ifstream(kDay).rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+  }
+  static std::string index() {
     std::string unpacked;
-    EXPECT_TRUE(tarn::unpackText(text.str(), &unpacked));
+    EXPECT_TRUE(tarn::unpackText(contentOf(kDay), &unpacked));
     return unpacked;
   }
   static size_t files() {
@@ -70,10 +75,17 @@ class CardArchiverTest : public testing::Test {
     return count;
   }
 
+  std::string said() const {
+    std::string text;
+    for (const LogLine& line : log.lines()) text += line.text + "\n";
+    return text;
+  }
+
   RecorderRig rig{{256 * kKiB, 64 * kKiB, 3, 64 * kKiB}};
   SyslogCapture log;
   tarn::RecordingSession session;
   std::optional<tarn::SealRequest> seal;
+  bool whileRecording = false;
   tarn::ArchiveReport report;
   std::string error;
 };
@@ -177,6 +189,75 @@ TEST_F(CardArchiverTest, EventDuringWhichNothingWasRecordedHasALineAndNoClip) {
   EXPECT_THAT(index(), HasSubstr("\"kind\":\"event\",\"recorder\":\"van-7\",\"channel\":null,"
                                  "\"start\":\"2023-11-14T23:36:40.000+00:00\""));
   EXPECT_THAT(index(), HasSubstr("\"trigger\":9,"));
+}
+
+TEST_F(CardArchiverTest, EventIsArchivedAsSoonAsTheCardHasItsTimeAndHasTheSameBytesAsLater) {
+  const uint32_t key = session.beginEvent(7, pictureAt(400000, false).presentation, 0);
+  ASSERT_NE(key, 0u);
+  ASSERT_EQ(session.endEvent(key, pictureAt(1160000, false).presentation), 0);
+  ASSERT_EQ(session.flush(), 0);
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_THAT(report.waitingEvents, ElementsAre(key)) << "a picture of its time may still come";
+  EXPECT_EQ(files(), 0u);
+  for (uint32_t i = 30; i < 60; ++i) {
+    const tarn::OutputPicture one = pictureAt(i * 40000, i % 10 == 0);
+    ASSERT_EQ(
+        session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, one.key),
+        0);
+  }
+  ASSERT_EQ(session.flush(), 0);
+  whileRecording = true;
+  EXPECT_TRUE(archive()) << error;
+  ASSERT_THAT(report.uploaded, SizeIs(1));
+  EXPECT_THAT(report.waitingEvents, IsEmpty());
+  EXPECT_EQ(report.waiting, 1u) << "the recording";
+  const std::string sidecar = tarn::sidecarOf(std::string(kPlace) + "/" + report.uploaded[0]);
+  const std::string early = contentOf(sidecar);
+  EXPECT_THAT(early, HasSubstr("\"missing\":0,"));
+  ASSERT_EQ(session.close(), 0);
+  std::filesystem::remove_all(std::string(kPlace) + "/recorder=van-7");
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_EQ(contentOf(sidecar), early);
+}
+
+TEST_F(CardArchiverTest, RunsTellHowFarTheArchiveIs) {
+  ASSERT_EQ(session.close(), 0);
+  ASSERT_TRUE(archive()) << error;
+  tarn::ArchiveStatus status;
+  ASSERT_TRUE(status.read());
+  EXPECT_TRUE(status.known);
+  EXPECT_EQ(status.missing, 0u);
+  EXPECT_GT(status.goodMs, 0);
+  EXPECT_EQ(status.goodMs, status.endedMs);
+}
+
+// The rig's card has three chunks: with one of them in use by a channel there is room enough.
+TEST_F(CardArchiverTest, WhatTheRingOverwritesNextAndIsNotArchivedIsNamed) {
+  ASSERT_EQ(session.close(), 0);
+  for (int8_t channel = 1; channel < 3; ++channel) {
+    tarn::RecordingOptions options;
+    options.channel = channel;
+    ASSERT_EQ(session.open(options), 0) << session.errorText();
+    const tarn::OutputPicture one = pictureAt(5000000, true);
+    ASSERT_EQ(session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, true),
+              0);
+    ASSERT_EQ(session.close(), 0);
+  }
+  // The archive is away.
+  ASSERT_EQ(rename(kPlace, "/tmp/away"), 0);
+  EXPECT_FALSE(archive());
+  ASSERT_THAT(report.endangered, SizeIs(1)) << "the oldest has a tenth of all pictures";
+  EXPECT_THAT(said(), HasSubstr("1 recordings that the ring overwrites next are not known to be "
+                                "archived, the first is " +
+                                report.endangered[0]));
+  tarn::ArchiveStatus status;
+  ASSERT_TRUE(status.read());
+  EXPECT_FALSE(status.known);
+  EXPECT_EQ(status.endangered, 1u);
+  EXPECT_EQ(status.missing, 3u);
+  ASSERT_EQ(rename("/tmp/away", kPlace), 0);
+  EXPECT_TRUE(archive()) << error;
+  EXPECT_THAT(report.endangered, IsEmpty());
 }
 
 TEST_F(CardArchiverTest, AStopLeavesNothingHalfAndIsAnError) {
