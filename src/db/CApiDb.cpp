@@ -163,12 +163,33 @@ uint32_t CApiDb::finish() {
   if (!m_connected) return 0;
   freeTable();
   const SemLock lock(*this);
+  return close();
+}
+
+uint32_t CApiDb::close() {
   const int result = sqlite3_close(m_db);
   if (result == SQLITE_OK) {
     m_connected = false;
     m_db = nullptr;
   }
   return static_cast<uint32_t>(result);
+}
+
+bool CApiDb::finishWithin(uint32_t limitMs) {
+  if (!m_connected) return true;
+  const timespec limit = {static_cast<time_t>(limitMs / 1000),
+                          static_cast<int32_t>(limitMs % 1000) * 1000000};
+  sembuf take = {0, -1, 0};
+  int result = 0;
+  do {
+    result = semtimedop(m_semID, &take, 1, &limit);
+  } while (result != 0 && errno == EINTR);
+  if (result != 0 && errno == EAGAIN) return false;
+  freeTable();
+  close();
+  // What was refused for another reason is closed without the lock, as finish() does.
+  if (result == 0) unlockSem();
+  return true;
 }
 
 // Kept on purpose: the lock is held through the attempts and the sleeps between them, and nothing

@@ -38,6 +38,9 @@ class TARN_API CApiDb {
   uint32_t connect(const char* path);
   // Releases the held result and closes. 0 when not connected, otherwise what SQLite said.
   uint32_t finish();
+  // finish() for whoever must not wait without a limit: false, and all is as it was, when others
+  // kept the lock for so many milliseconds. A process that died with it keeps it for ever.
+  bool finishWithin(uint32_t limitMs);
   // True between a successful connect() and finish().
   bool isConnected() const { return m_connected; }
   // Makes (or waits for and joins) the one-element semaphore set of this System V key. 0, or -1
@@ -169,6 +172,7 @@ class TARN_API CApiDb {
   friend class tarn::RowInserts;
   class SemLock;
 
+  uint32_t close();
   const char* heldCell(long row, long col, int nullPriority);
   template <typename Attempt>
   void runStatement(const char* sql, Attempt attempt);

@@ -24,6 +24,7 @@ namespace {
 
 constexpr unsigned long kNoRecordBit = 0x80000000;
 constexpr size_t kProcessNameRoom = 24;
+constexpr uint32_t kSearchCloseMs = 1000;  // a statement takes less
 
 // What an update writes of a mask: never the key, never backOffset.
 constexpr DB_EVENT_REG_BIT kEventPatchable = kEventRegUpdatable & ~kEventRegBackOffset;
@@ -67,7 +68,13 @@ CDbLog::CDbLog() = default;
 
 CDbLog::CDbLog(const CDbLog&) {}
 
-CDbLog::~CDbLog() { finish(); }
+// What finish() could not close is left to the end of the process: to close it would wait for a
+// lock that a dead process holds for ever.
+CDbLog::~CDbLog() {
+  finish();
+  const MutexLock lock(m_searchLock);
+  static_cast<void>(m_searchDb.release());
+}
 
 // --- Connection ---
 
@@ -210,7 +217,7 @@ int CDbLog::finish() {
     m_connected = 0;
   }
   const MutexLock lock(m_searchLock);
-  m_searchDb.reset();
+  if (m_searchDb != nullptr && m_searchDb->finishWithin(kSearchCloseMs)) m_searchDb.reset();
   return 0;
 }
 

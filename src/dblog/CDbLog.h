@@ -85,7 +85,8 @@ class TARN_API CDbLog {
   int writeLog();
   // The two flushes only. Always 0.
   int writeLogNoManage();
-  // writeLog(), then closes everything; the next operation connects again. Always 0.
+  // writeLog(), then closes everything; the next operation connects again. Always 0. While another
+  // process keeps the database locked its connection to it stays; a second is waited for that.
   int finish();
 
  private:

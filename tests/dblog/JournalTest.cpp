@@ -1,3 +1,6 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <functional>
 
 #include "dblog/JournalFormat.h"
@@ -252,6 +255,24 @@ TEST_F(Journal, ClearAlsoMovesTheUseOffsets) {
   EXPECT_EQ(journalLog->getEventLogBackOffset(), 96u);
   EXPECT_TRUE(journalLog->clearDbLogFreeAddr());
   for (int chunk = 0; chunk < 4; ++chunk) EXPECT_EQ(savedOffset(0, chunk, 8), 0u) << chunk;
+}
+
+TEST_F(Journal, FinishDoesNotWaitForALockOfTheDead) {
+  DB_EVENT row = insertEvent(1);
+  row.extTrg = 3;
+  EXPECT_TRUE(journalLog->updateEvent(kEventRegExtTrg, &row)) << "it looks into the database";
+  const pid_t child = fork();
+  if (child == 0) {
+    CApiDb().lockSem();
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  EXPECT_EQ(journalLog->finish(), 0);
+  EXPECT_EQ(journalLog->finish(), 0);
+  EXPECT_EQ(CApiDb().unlockSem(), 0u);
+  EXPECT_EQ(journalLog->finish(), 0);
+  row.extTrg = 4;
+  EXPECT_TRUE(journalLog->updateEvent(kEventRegExtTrg, &row));
 }
 
 TEST_F(Journal, FinishSavesAndTheNextOperationConnectsAgain) {
