@@ -1,7 +1,7 @@
 option(TARN_BUILD_TESTS "Build the tests (needs GoogleTest and bubblewrap)" OFF)
 option(TARN_BUILD_BENCH "Build the benchmarks (needs Google Benchmark)" OFF)
 option(TARN_BUILD_FUZZ "Build the fuzz targets (needs clang and its libFuzzer)" OFF)
-option(TARN_TESTS_TOGETHER "Compile several sources of what is not shipped as one: half the time for all, more for one" OFF)
+option(TARN_TESTS_TOGETHER "For a tree that is only tested: several sources of what is not shipped compiled as one, common headers once" OFF)
 option(TARN_WERROR "Treat warnings as errors" ON)
 set(TARN_MEDIA AUTO CACHE STRING "Media commands of the tool, which need libavformat: AUTO, ON or OFF")
 set(TARN_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
@@ -44,5 +44,14 @@ endif()
 function(tarn_compiled_together)
   if(TARN_TESTS_TOGETHER)
     set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 10)
+  endif()
+endfunction()
+
+# Where there is more to compile than time for it. What a source lacks of includes shows in a package's
+# build, and in scripts/lint, which looks at each changed source by itself.
+function(tarn_precompiled target)
+  if(TARN_SANITIZE OR TARN_TESTS_TOGETHER)
+    target_precompile_headers(${target} PRIVATE <algorithm> <functional> <map> <memory> <mutex> <optional>
+      <string> <vector>)
   endif()
 endfunction()
