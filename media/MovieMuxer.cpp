@@ -13,6 +13,9 @@ namespace {
 
 // Of silence, written at once.
 constexpr int64_t kMostSilence = 4096;
+// Sound that begins no more than this before the pictures belongs to the first of them: decoders
+// need some frames to swing in. The file begins with the pictures then.
+constexpr int64_t kLeadUs = 150000;
 constexpr int kAacSamples = 1024;
 constexpr int kOpusSamples = 960;
 
@@ -247,6 +250,15 @@ int64_t MovieMuxer::earliestDecodeUs() const {
   return first;
 }
 
+int64_t MovieMuxer::firstShownUs() const {
+  const PictureTime* picture = earliest(false);
+  const PictureTime* sound = earliest(true);
+  const bool lead = picture == nullptr ||
+                    (sound != nullptr && sound->totalMicros() < picture->totalMicros() - kLeadUs);
+  const PictureTime* first = lead ? sound : picture;
+  return first != nullptr ? first->totalMicros() : 0;
+}
+
 bool MovieMuxer::isSound(size_t stream) const {
   return std::any_of(tracks_.begin(), tracks_.end(), [&](const Track& track) {
     return track.stream != nullptr && static_cast<size_t>(track.stream->index) == stream &&
@@ -256,7 +268,7 @@ bool MovieMuxer::isSound(size_t stream) const {
 
 bool MovieMuxer::writeHeader(int64_t originUs, AVDictionary* options) {
   originUs_ = originUs;
-  av_dict_set(&options, "video_track_timescale", "1000000", 0);
+  av_dict_set(&options, "video_track_timescale", "1000000", AV_DICT_DONT_OVERWRITE);
   setDate(originUs);
   const int result = avformat_write_header(muxer_.get(), &options);
   av_dict_free(&options);

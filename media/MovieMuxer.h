@@ -39,8 +39,11 @@ class MovieMuxer {
   const PictureTime* earliest(bool sound) const;
   // When the first piece of all is decoded, in microseconds since 1970; INT64_MAX where none is.
   int64_t earliestDecodeUs() const;
+  // Where a movie in one part begins: with its pictures, or with sound that is long before them.
+  int64_t firstShownUs() const;
   bool isSound(size_t stream) const;
-  // Writes the header with these options of the muxer, which are freed. All times count from
+  // Writes the header with these options of the muxer, which are freed; a time scale of pictures
+  // among them takes the place of microseconds. All times count from
   // `originUs`, in microseconds since 1970.
   bool writeHeader(int64_t originUs, AVDictionary* options);
   bool begun() const { return begun_; }

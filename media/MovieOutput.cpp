@@ -27,18 +27,8 @@ class MovieOutput::File : public MovieMuxer {
   }
 
  private:
-  // Sound that begins no more than this before the pictures belongs to the first of them: decoders
-  // need some frames to swing in. The file begins with the pictures then.
-  static constexpr int64_t kLeadUs = 150000;
-
   // All tracks count from the first picture of all, so that they stay side by side.
-  bool begin() override {
-    const PictureTime* picture = earliest(false);
-    const PictureTime* sound = earliest(true);
-    const bool lead = picture == nullptr ||
-                      (sound != nullptr && sound->totalMicros() < picture->totalMicros() - kLeadUs);
-    return writeHeader((lead ? sound : picture)->totalMicros(), nullptr);
-  }
+  bool begin() override { return writeHeader(firstShownUs(), nullptr); }
 
   // The muxer would put what is later than that right behind the piece before, and all that
   // follows.

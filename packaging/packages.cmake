@@ -117,7 +117,7 @@ tarn_package(tools tarn-tools utils
   "The command tarn formats, checks and recovers cards, records and exports video
 and lists what is recorded, on a recorder or in a private view of a card image.
 With the systemd units that start a recorder in the right order.")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS bubblewrap)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "bubblewrap, fuse3")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS rclone)
 tarn_package(server tarn-server admin
   "${runtime_depends}${sqlite_depends}libtarn1 ${same}, libtarnrecorder1 ${same}"

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "media/PictureFormat.h"
+#include "media/export/PeriodEnds.h"
 #include "recorder/recording/RecordingZone.h"
 
 namespace tarn {
@@ -28,18 +29,6 @@ bool ChannelExport::openRow() {
   index_ = firstPicture();
   zone_ = zoneOfRecording(rows_[row_]);
   return true;
-}
-
-// Pictures are stored in decode order, so one that is presented after the end may still be needed
-// by one before it. No decoder holds back more than 16 pictures.
-bool ChannelExport::neededLater() {
-  constexpr uint32_t kMostReordered = 16;
-  PictureEntry entry;
-  for (uint32_t ahead = 1; ahead <= kMostReordered; ++ahead) {
-    if (!reader_->picture(index_ + ahead, &entry) || entry.isKey()) return false;
-    if (!(to_ < entry.presentation)) return true;
-  }
-  return false;
 }
 
 void ChannelExport::noteDamage() {
@@ -122,7 +111,7 @@ ExportTrack::Result ChannelExport::next() {
         waitForKey_ = true;
         continue;
       }
-      if (to_ < entry.presentation && !neededLater()) break;
+      if (to_ < entry.presentation && !neededUpTo(to_, reader_.get(), index_)) break;
       if (waitForKey_ && !entry.isKey()) {
         if (!(entry.presentation < from_)) ++totals_.undecodable;
         continue;

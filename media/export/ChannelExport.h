@@ -44,7 +44,6 @@ class ChannelExport : public ExportTrack {
  private:
   bool openRow();
   uint32_t firstPicture();
-  bool neededLater();
   bool take(const PictureEntry& entry);
   void noteFormat();
   void count();

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "db/CApiDb.h"
+#include "media/export/PeriodEnds.h"
 #include "recorder/card/ChunkChannels.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingReader.h"
@@ -70,10 +71,7 @@ bool ExportSelection::chooseRows() {
 
 // The sound that was recorded beside the pictures of a recording, from its first picture on.
 bool ExportSelection::addSoundOf(const DB_STREAM& row, const ChunkChannels& chunks) {
-  // The last picture is seen for a while; of one that was repaired only the second is known.
-  const int64_t behind = row.endMSec == 0 ? 1000000 : 100000;
-  const PictureTime end = {row.endDate, row.endMSec * 1000u};
-  if (row.recSize != 0) soundTo_ = PictureTime::fromMicros(end.totalMicros() + behind);
+  if (row.recSize != 0) soundTo_ = soundEndBeside(row);
   from_ = {row.startDate, row.startMSec * 1000u};
   std::vector<DB_STREAM> beside;
   if (!streamsOfPeriod(row.startDate, soundTo_.seconds, 0, &beside)) return fail(kDatabaseUnread);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "recorder/recording/RecordingIndex.h"
+
 namespace tarn {
 namespace {
 
@@ -32,6 +34,8 @@ bool SoundExport::openRow() {
     return true;
   }
   totals_.lost += rows_[row_].recSize;
+  StreamHeader header;
+  refused_ = refused_ || RecordingIndex(rows_[row_]).header(&header) == Delivery::kRefused;
   return false;
 }
 
@@ -48,17 +52,17 @@ bool SoundExport::readBlock() {
   for (; row_ < rows_.size(); ++row_, reader_.reset()) {
     if (reader_ == nullptr && !openRow()) continue;
     while (index_ < reader_->pictureCount()) {
-      PictureEntry entry;
-      const bool known = reader_->picture(index_++, &entry);
-      if (known && to_ < entry.presentation) continue;
-      const bool read = known && reader_->readPicture(entry, &bytes_) &&
+      const bool known = reader_->picture(index_++, &entry_);
+      if (known && to_ < entry_.presentation) continue;
+      const bool read = known && reader_->readPicture(entry_, &bytes_) &&
                         block_.decode(bytes_.data(), bytes_.size());
       frame_ = 0;
       if (!read) {
+        refused_ = refused_ || reader_->wasRefused();
         ++totals_.lost;
         continue;
       }
-      laterUs_ = entry.presentation.totalMicros() - block_.start().totalMicros();
+      laterUs_ = entry_.presentation.totalMicros() - block_.start().totalMicros();
       if (timeOf(block_.end()) < from_) continue;
       if (reader_->isDamaged()) ++totals_.damaged;
       return true;
@@ -90,6 +94,7 @@ bool SoundExport::take(const SoundFrame& frame) {
   sound_.frame.assign(frame.data, frame.data + frame.size);
   sound_.time = timeOf(frame.time);
   sound_.samples = frame.samples;
+  place_ = static_cast<size_t>(frame.data - bytes_.data());
   before_ = totals_;
   count();
   return true;

@@ -40,6 +40,13 @@ class TARN_API SoundExport : public ExportTrack {
   bool atEnd() const { return atEnd_; }
 
   const SoundTotals& totals() const { return totals_; }
+  // Of the frame at hand: which of the rows it is in, the block that holds it, and where in the
+  // block's bytes it begins.
+  size_t row() const { return row_; }
+  const PictureEntry& block() const { return entry_; }
+  size_t placeInBlock() const { return place_; }
+  // Whether the card did not give something of it now: it may come at the next try.
+  bool wasRefused() const { return refused_; }
 
  private:
   bool openRow();
@@ -59,6 +66,9 @@ class TARN_API SoundExport : public ExportTrack {
   std::unique_ptr<RecordingReader> reader_;
   std::vector<uint8_t> bytes_;
   SoundBlock block_;
+  PictureEntry entry_;  // of the block at hand
+  size_t place_ = 0;
+  bool refused_ = false;
   int64_t laterUs_ = 0;  // than the block says, where its recording was re-dated
   OutputSound sound_;
   bool atEnd_ = true;

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "base/Export.h"
 #include "db/CApiDb.h"
 #include "media/serve/ServedRows.h"
 #include "recorder/rows/DatabaseWatch.h"
@@ -11,7 +12,7 @@ namespace tarn {
 
 // Brings the rows of the recorder's database into memory, and later what has changed. Used by one
 // thread.
-class RowReader {
+class TARN_API RowReader {
  public:
   RowReader();
 

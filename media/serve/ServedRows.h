@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/Export.h"
 #include "db/DbRecords.h"
 
 namespace tarn {
@@ -37,7 +38,7 @@ struct ServedRows {
   std::shared_ptr<const std::vector<DB_EVENT>> events;  // by key
 
   // Null when it is not listed.
-  const ServedRecording* find(uint32_t streamID) const;
+  TARN_API const ServedRecording* find(uint32_t streamID) const;
 };
 
 // How far a running recording is safe on the card.

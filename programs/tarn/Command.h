@@ -108,6 +108,7 @@ std::unique_ptr<Command> makeCompleteCommand();
 std::unique_ptr<Command> makeRecordCommand();
 std::unique_ptr<Command> makeExportCommand();
 std::unique_ptr<Command> makeArchiveCommand();
+std::unique_ptr<Command> makeMountCommand();
 std::unique_ptr<Command> makeSealCommand();
 std::unique_ptr<Command> makeVerifyCommand();
 // For the library for C.

@@ -40,6 +40,7 @@ std::vector<std::unique_ptr<Command>> allCommands() {
   commands.push_back(makeArchiveCommand());
   commands.push_back(makeSealCommand());
   commands.push_back(makeVerifyCommand());
+  commands.push_back(makeMountCommand());
 #endif
 #ifdef TARN_WITH_SERVE
   commands.push_back(makeServeCommand());

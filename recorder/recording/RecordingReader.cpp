@@ -35,6 +35,7 @@ class RecordingReader::Impl {
   const StreamHeader& header() const { return header_; }
   uint32_t count() const { return count_; }
   bool isDamaged() const { return damaged_; }
+  Delivery delivered() const { return delivered_; }
 
  private:
   bool entryAt(uint32_t index, PictureEntry* out);
@@ -48,6 +49,7 @@ class RecordingReader::Impl {
   int64_t correctionUs_ = 0;
   uint32_t count_ = 0;
   bool damaged_ = false;
+  Delivery delivered_ = Delivery::kGood;
 };
 
 int RecordingReader::Impl::open(const DB_STREAM& row) {
@@ -70,8 +72,9 @@ int RecordingReader::Impl::open(const DB_STREAM& row) {
 }
 
 bool RecordingReader::Impl::entryAt(uint32_t index, PictureEntry* out) {
-  const bool good = index_->entry(index, out) == Delivery::kGood &&
-                    out->number == wrapAdd32(header_.firstNumber, index);
+  delivered_ = index_->entry(index, out);
+  const bool good =
+      delivered_ == Delivery::kGood && out->number == wrapAdd32(header_.firstNumber, index);
   out->presentation = PictureTime::fromMicros(out->presentation.totalMicros() + correctionUs_);
   return good;
 }
@@ -87,6 +90,7 @@ uint32_t RecordingReader::Impl::refresh() {
 }
 
 bool RecordingReader::Impl::picture(uint32_t index, PictureEntry* out) {
+  delivered_ = Delivery::kBad;
   return index < count_ && entryAt(index, out);
 }
 
@@ -133,9 +137,11 @@ int64_t RecordingReader::Impl::findPictureFrom(PictureTime time) {
 bool RecordingReader::Impl::readPicture(const PictureEntry& entry, std::vector<uint8_t>* out,
                                         bool withTimeStamp) {
   damaged_ = false;
+  delivered_ = Delivery::kBad;
   if (entry.dataOffset >= stream_->size() || entry.size >= stream_->size()) return false;
   out->resize(entry.size);
-  if (stream_->read(entry.dataOffset, out->data(), entry.size) != Delivery::kGood) return false;
+  delivered_ = stream_->read(entry.dataOffset, out->data(), entry.size);
+  if (delivered_ != Delivery::kGood) return false;
   damaged_ =
       entry.checksum != 0 && entry.checksum != pictureChecksum(crc16(out->data(), out->size()));
   if (!withTimeStamp) out->resize(removeTimeStampSei(out->data(), out->size()));
@@ -224,6 +230,10 @@ bool RecordingReader::readPicture(const PictureEntry& entry, std::vector<uint8_t
 }
 
 bool RecordingReader::isDamaged() const { return impl_ && impl_->isDamaged(); }
+
+bool RecordingReader::wasRefused() const {
+  return impl_ && impl_->delivered() == Delivery::kRefused;
+}
 
 bool streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg, std::vector<DB_STREAM>* out) {
   return orNoMemory(

@@ -51,6 +51,9 @@ class TARN_API RecordingReader {
   // entry's checksum. False without a checksum: nothing can be told of cards written before there
   // was one.
   bool isDamaged() const;
+  // Whether the last picture() or readPicture() was false because the card did not give the bytes
+  // now: that proves nothing of them, and they may come at the next try.
+  bool wasRefused() const;
 
  private:
   class Impl;

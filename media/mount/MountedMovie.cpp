@@ -1,0 +1,237 @@
+#include "media/mount/MountedMovie.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "media/export/ExportTrack.h"
+#include "media/export/SoundExport.h"
+#include "media/export/TrackTurns.h"
+#include "media/mount/SampleBytes.h"
+
+namespace tarn {
+namespace {
+
+constexpr uint32_t kSound = 0x80000000;  // of a piece's source: a block of sound
+constexpr size_t kBoxHeader = 8;
+constexpr uint8_t kFreeBox[] = {'f', 'r', 'e', 'e'};
+
+}  // namespace
+
+// Pictures by their entries alone: as long as they will be, and holding nothing.
+class MountedMovie::Pictures : public ExportTrack {
+ public:
+  Pictures(const std::vector<Source>& sources, const OutputPicture& first)
+      : sources_(sources), first_(first) {}
+
+  Result next() override {
+    if (++next_ > sources_.size()) return Result::kEnd;
+    const PictureEntry& entry = sources_[next_ - 1].entry;
+    picture_.annexB.resize(entry.size + size_t{MoviePlan::kSampleRoom});
+    picture_.presentation = entry.presentation;
+    picture_.decodeOffsetUs = entry.decodeOffsetUs;
+    picture_.key = entry.isKey();
+    return Result::kPiece;
+  }
+  int64_t decodeUs() const override {
+    return picture_.presentation.totalMicros() + picture_.decodeOffsetUs;
+  }
+  bool describe(MediaOutput* output, size_t track) const override {
+    return output->describe(track, first_);
+  }
+  bool write(MediaOutput* output, size_t track) const override {
+    return output->write(picture_, track);
+  }
+  uint32_t index() const { return static_cast<uint32_t>(next_ - 1); }
+
+ private:
+  const std::vector<Source>& sources_;
+  const OutputPicture& first_;
+  size_t next_ = 0;
+  OutputPicture picture_;
+};
+
+bool MountedMovie::fail(const std::string& text) {
+  error_ = text;
+  return false;
+}
+
+// As in an export: what cannot be decoded without a picture that is not there is left out with it.
+bool MountedMovie::gather(uint32_t part, bool* waitForKey) {
+  const MoviePart& one = plan_.parts[part];
+  const std::string name = "recording " + std::to_string(one.row.streamID);
+  RecordingReader reader;
+  if (reader.open(one.row) != 0) return fail(name + " cannot be read");
+  for (uint32_t index = one.first; index < one.end; ++index) {
+    Source source;
+    source.row = part;
+    const bool known = reader.picture(index, &source.entry);
+    if (!known && reader.wasRefused()) return fail(name + " is not delivered by the card now");
+    *waitForKey = !known || (*waitForKey && !source.entry.isKey());
+    if (!*waitForKey) pictures_.push_back(source);
+  }
+  return true;
+}
+
+int64_t MountedMovie::longestGapUs() const {
+  int64_t longest = 0;
+  for (size_t i = 1; i < pictures_.size(); ++i) {
+    longest = std::max(longest, pictures_[i].entry.decodeTime().totalMicros() -
+                                    pictures_[i - 1].entry.decodeTime().totalMicros());
+  }
+  return longest;
+}
+
+bool MountedMovie::readFirst(OutputPicture* first) {
+  if (pictures_.empty()) return plan_.parts.empty() || fail("there is no key picture");
+  const PictureEntry& entry = pictures_.front().entry;
+  first->presentation = entry.presentation;
+  first->decodeOffsetUs = entry.decodeOffsetUs;
+  first->key = true;
+  if (!loadSource(pictures_.front(), false)) return false;
+  first->annexB = source_;
+  return true;
+}
+
+// The source of the frame at hand.
+uint32_t MountedMovie::noteFrame(const SoundExport& sound) {
+  const auto row = static_cast<uint32_t>(sound.row());
+  if (blocks_.empty() || blocks_.back().row != row ||
+      blocks_.back().entry.number != sound.block().number)
+    blocks_.push_back({sound.block(), row});
+  places_.push_back(
+      {static_cast<uint32_t>(blocks_.size() - 1), static_cast<uint32_t>(sound.placeInBlock())});
+  return kSound | static_cast<uint32_t>(places_.size() - 1);
+}
+
+// Sound that no movie of its kind holds is left out.
+bool MountedMovie::lay(MovieHead* head, const OutputPicture& first) {
+  Pictures pictures(pictures_, first);
+  SoundExport sound(plan_.sound, plan_.soundFrom, plan_.soundTo);
+  if (!pictures_.empty()) sound.beginWith(first.presentation);
+  std::vector<ExportTrack*> tracks;
+  if (pictures.next() == ExportTrack::Result::kPiece) tracks.push_back(&pictures);
+  if (sound.next() == ExportTrack::Result::kPiece) tracks.push_back(&sound);
+  if (!head->open({plan_.quickTime, tracks.size(), plan_.headRoom(), longestGapUs()}))
+    return fail(head->error());
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    if (tracks[i]->describe(head, i)) continue;
+    if (tracks[i] != &sound || tracks.size() == 1) return fail(head->error());
+    tracks.pop_back();
+  }
+  return layPieces(tracks, &pictures, &sound, head);
+}
+
+bool MountedMovie::layPieces(const std::vector<ExportTrack*>& tracks, const Pictures* pictures,
+                             const SoundExport* sound, MovieHead* head) {
+  for (TrackTurns turns(tracks); turns.hasNext();) {
+    head->nextIs(&turns.piece() == sound ? noteFrame(*sound) : pictures->index());
+    if (!turns.piece().write(head, turns.track())) return fail(head->error());
+    if (!turns.advance()) return fail(turns.error());
+  }
+  if (sound->wasRefused()) return fail("its sound is not delivered by the card now");
+  return head->end() || fail(head->error());
+}
+
+bool MountedMovie::make(const MoviePlan& plan) {
+  plan_ = plan;
+  if (size() == 0) return true;
+  bool waitForKey = true;
+  for (uint32_t part = 0; part < plan_.parts.size(); ++part) {
+    if (!gather(part, &waitForKey)) return false;
+  }
+  OutputPicture first;
+  MovieHead head;
+  if (!readFirst(&first) || !lay(&head, first)) return false;
+  head_ = head.head();
+  pieces_ = head.pieces();
+  dataEnd_ = head.dataEnd();
+  const bool fits = dataEnd_ + kBoxHeader <= size();
+  return fits || fail("the movie is larger than its entries told");
+}
+
+// The bytes of a picture or block into source_. One reader is kept: reading goes on in its
+// recording.
+bool MountedMovie::loadSource(const Source& source, bool sound) {
+  const DB_STREAM& row = sound ? plan_.sound[source.row] : plan_.parts[source.row].row;
+  const std::string name = "recording " + std::to_string(row.streamID);
+  block_ = UINT32_MAX;
+  loaded_ = SIZE_MAX;
+  if (reader_ == nullptr || readerKey_ != row.streamID) {
+    reader_ = std::make_unique<RecordingReader>();
+    readerKey_ = row.streamID;
+    if (reader_->open(row) != 0) {
+      reader_.reset();
+      return fail(name + " cannot be read");
+    }
+  }
+  return reader_->readPicture(source.entry, &source_) ||
+         fail(name + " is not delivered by the card now");
+}
+
+bool MountedMovie::loadPiece(size_t index) {
+  const MovieHead::Piece& piece = pieces_[index];
+  if (loaded_ == index) return true;
+  if (piece.silence) {
+    bytes_.assign(piece.size, piece.fill);
+  } else if ((piece.source & kSound) != 0) {
+    const Place& place = places_[piece.source & ~kSound];
+    const uint64_t at = uint64_t{place.offset} + piece.offset;
+    if (block_ != place.block) {
+      if (!loadSource(blocks_[place.block], true)) return false;
+      block_ = place.block;
+    }
+    if (at + piece.size > source_.size()) return fail("a block of sound is shorter than it was");
+    bytes_.assign(source_.begin() + static_cast<ptrdiff_t>(at),
+                  source_.begin() + static_cast<ptrdiff_t>(at + piece.size));
+  } else if (!loadSource(pictures_[piece.source], false)) {
+    return false;
+  } else if (!makeSample(source_, piece.size, &bytes_)) {
+    return fail("a picture has more units than its place has room for");
+  }
+  loaded_ = index;
+  return true;
+}
+
+bool MountedMovie::readPiece(uint64_t at, size_t size, uint8_t* out, size_t* done) {
+  const auto behind = std::upper_bound(
+      pieces_.begin(), pieces_.end(), at,
+      [](uint64_t place, const MovieHead::Piece& piece) { return place < piece.at; });
+  const auto index = static_cast<size_t>(behind - pieces_.begin()) - 1;
+  if (!loadPiece(index)) return false;
+  const auto inside = static_cast<size_t>(at - pieces_[index].at);
+  *done = std::min(size, bytes_.size() - inside);
+  memcpy(out, bytes_.data() + inside, *done);
+  return true;
+}
+
+// A box that players pass over.
+void MountedMovie::readTail(uint64_t at, size_t size, uint8_t* out) const {
+  uint8_t header[kBoxHeader];
+  const uint64_t length = this->size() - dataEnd_;
+  for (size_t i = 0; i < 4; ++i) header[i] = static_cast<uint8_t>(length >> 8 * (3 - i));
+  memcpy(header + 4, kFreeBox, sizeof kFreeBox);
+  for (size_t i = 0; i < size; ++i) {
+    const uint64_t place = at + i - dataEnd_;
+    out[i] = place < kBoxHeader ? header[place] : uint8_t{0};
+  }
+}
+
+bool MountedMovie::read(uint64_t at, size_t size, uint8_t* out) {
+  while (size > 0) {
+    size_t done = size;
+    if (at < head_.size()) {
+      done = std::min(size, static_cast<size_t>(head_.size() - at));
+      memcpy(out, head_.data() + at, done);
+    } else if (at >= dataEnd_) {
+      readTail(at, size, out);
+    } else if (!readPiece(at, size, out, &done)) {
+      return false;
+    }
+    at += done;
+    out += done;
+    size -= done;
+  }
+  return true;
+}
+
+}  // namespace tarn
