@@ -204,6 +204,7 @@ HttpResponse CardAnswers::card(const HttpRequest& request) {
   json.beginObject().key("schema").number(1).key("name").text(name);
   json.key("identity").text(identity).key("version").text(settings_.version);
   json.key("readOnly").boolean(settings_.readOnly).key("live").boolean(isLive(*rows));
+  json.key("seals").boolean(settings_.seals).key("downloads").boolean(settings_.maker != nullptr);
   json.key("nowMs").thousandths(nowUs).key("zoneOffsetMinutes").number(local.tm_gmtoff / 60);
   json.key("zone").text(local.tm_zone != nullptr ? local.tm_zone : "");
   addChannels(&json, *rows);

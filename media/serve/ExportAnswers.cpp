@@ -1,9 +1,9 @@
 #include "media/serve/ExportAnswers.h"
 
-#include <ctime>
 #include <memory>
 #include <utility>
 
+#include "media/serve/Downloads.h"
 #include "media/serve/ExportStream.h"
 #include "media/serve/QueryReader.h"
 #include "recorder/card/TimeText.h"
@@ -17,20 +17,12 @@ constexpr int64_t kBeforeUs = int64_t{600} * 1000000;
 constexpr int64_t kBehindUs = int64_t{60} * 1000000;
 constexpr char kMovieType[] = "video/mp4";
 constexpr char kQuickTimeType[] = "video/quicktime";
+constexpr char kSealed[] =
+    "this server seals what it gives out, which takes a while: begin it with POST /api/downloads";
 constexpr char kNothingThere[] = "nothing was recorded there";
 constexpr char kFormatChanges[] =
     "the pictures change their format in that time, and one movie has one: ask for what is before "
     "and behind it by itself, from ";
-
-std::string fileName(int channel, int64_t us, const char* ending) {
-  const auto seconds = static_cast<time_t>(us / 1000000);
-  struct tm local = {};
-  char text[80];
-  const int length = snprintf(text, sizeof text, "channel%d-", channel);
-  strftime(text + length, sizeof text - static_cast<size_t>(length), "%Y%m%d-%H%M%S",
-           localtime_r(&seconds, &local));
-  return std::string(text) + ending;
-}
 
 }  // namespace
 
@@ -64,6 +56,11 @@ std::shared_ptr<const SoundMaker::Description> ExportAnswers::soundOf(const Serv
   return nullptr;
 }
 
+bool ExportAnswers::needsQuickTime(int channel, int64_t fromUs, int64_t toUs) {
+  const auto sound = soundOf(*follower_->rows(), channel, fromUs, toUs);
+  return sound != nullptr && ExportStream::needsQuickTime({sound->first->format, {}});
+}
+
 HttpResponse ExportAnswers::exported(const HttpRequest& request) {
   QueryReader query(request, {"channel", "from", "to"});
   const int channel = query.channelNeeded();
@@ -71,6 +68,7 @@ HttpResponse ExportAnswers::exported(const HttpRequest& request) {
   const int64_t toUs = query.timeUsNeeded("to");
   if (toUs <= fromUs || toUs - fromUs > kDayUs) query.fail("the period is up to a day long");
   if (!query.ok()) return errorResponse(400, query.error());
+  if (sealed_) return errorResponse(409, kSealed);
   const std::shared_ptr<const ServedRows> rows = follower_->rows();
   const ServedRecording* other = otherFormat(*rows, channel, fromUs, toUs);
   if (other != nullptr)
@@ -90,9 +88,10 @@ HttpResponse ExportAnswers::exported(const HttpRequest& request) {
   if (!stream->begin()) return errorResponse(404, kNothingThere);
   HttpResponse response;
   response.type = quickTime ? kQuickTimeType : kMovieType;
-  response.headers.emplace_back(
-      "Content-Disposition",
-      "attachment; filename=\"" + fileName(channel, fromUs, quickTime ? ".mov" : ".mp4") + "\"");
+  response.headers.emplace_back("Content-Disposition",
+                                "attachment; filename=\"" +
+                                    downloadName("channel" + std::to_string(channel), fromUs) +
+                                    (quickTime ? ".mov" : ".mp4") + "\"");
   response.stream = stream;
   return response;
 }

@@ -10,10 +10,13 @@ namespace tarn {
 // Answers with what was recorded, to keep. Any number of threads.
 class ExportAnswers {
  public:
-  // Both outlive this.
-  ExportAnswers(RowFollower* follower, PieceInits* inits) : follower_(follower), inits_(inits) {}
+  // Both outlive this. `sealed`: nothing goes out that is not.
+  ExportAnswers(RowFollower* follower, PieceInits* inits, bool sealed)
+      : follower_(follower), inits_(inits), sealed_(sealed) {}
 
   HttpResponse exported(const HttpRequest& request);
+  // Whether a movie of this period has to be a .mov, for the sound in it.
+  bool needsQuickTime(int channel, int64_t fromUs, int64_t toUs);
 
  private:
   const ServedRecording* otherFormat(const ServedRows& rows, int channel, int64_t fromUs,
@@ -23,6 +26,7 @@ class ExportAnswers {
 
   RowFollower* follower_;
   PieceInits* inits_;
+  const bool sealed_;
 };
 
 }  // namespace tarn

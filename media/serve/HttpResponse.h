@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -15,6 +16,7 @@ struct HttpResponse {
   std::string type = "application/json";
   std::string body;
   std::shared_ptr<BodyStream> stream;  // null: `body` is all
+  int64_t length = -1;                 // of the stream; -1: not known
   std::vector<std::pair<std::string, std::string>> headers;
 };
 

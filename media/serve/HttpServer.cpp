@@ -280,8 +280,10 @@ MHD_Result HttpServer::Impl::send(MHD_Connection* connection, HttpResponse answe
   MHD_Response* response = nullptr;
   if (streams) {
     auto* stream = new std::shared_ptr<BodyStream>(answer.stream);
-    response = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kStreamBlock, &readStream,
-                                                 stream, &freeStream);
+    const uint64_t length =
+        answer.length < 0 ? MHD_SIZE_UNKNOWN : static_cast<uint64_t>(answer.length);
+    response =
+        MHD_create_response_from_callback(length, kStreamBlock, &readStream, stream, &freeStream);
     if (response == nullptr) freeStream(stream);
   } else {
     // Clients that do not take what they asked for would fill the memory with it.

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "media/serve/CardAnswers.h"
+#include "media/serve/Downloads.h"
 #include "media/serve/EventFeed.h"
 #include "media/serve/ExportAnswers.h"
 #include "media/serve/HlsAnswers.h"
@@ -52,6 +53,7 @@ class ServeApi::Impl {
   void stop() {
     feed_.close();
     card_.stop();
+    downloads_.stop();
     follower_.stop();
   }
 
@@ -75,6 +77,10 @@ class ServeApi::Impl {
         {"/api/segments", Method::kGet, &Impl::segments},
         {"/api/thumbnail", Method::kGet, &Impl::thumbnail},
         {"/api/export", Method::kGet, &Impl::exported},
+        {"/api/downloads", Method::kPost, &Impl::beginDownload},
+        {"/api/downloads", Method::kGet, &Impl::download},
+        {"/api/download", Method::kGet, &Impl::takeDownload},
+        {"/api/download", Method::kPost, &Impl::giveUpDownload},
         {"/api/stream", Method::kGet, &Impl::stream},
         {"/metrics", Method::kGet, &Impl::metrics},
     };
@@ -102,6 +108,10 @@ class ServeApi::Impl {
   HttpResponse segments(const HttpRequest& request) { return video_.segments(request); }
   HttpResponse thumbnail(const HttpRequest& request) { return video_.thumbnail(request); }
   HttpResponse exported(const HttpRequest& request) { return exports_.exported(request); }
+  HttpResponse beginDownload(const HttpRequest& request) { return downloads_.begin(request); }
+  HttpResponse download(const HttpRequest& request) { return downloads_.state(request); }
+  HttpResponse takeDownload(const HttpRequest& request) { return downloads_.take(request); }
+  HttpResponse giveUpDownload(const HttpRequest& request) { return downloads_.giveUp(request); }
   HttpResponse metrics(const HttpRequest& request) { return card_.metrics(request); }
 
   HttpResponse stream(const HttpRequest& request) {
@@ -136,7 +146,8 @@ class ServeApi::Impl {
   Turns turns_{kAtATime};  // of all that reads pictures
   VideoAnswers video_{&follower_, &inits_, &turns_};
   HlsAnswers hls_{&follower_, &inits_, &turns_};
-  ExportAnswers exports_{&follower_, &inits_};
+  ExportAnswers exports_{&follower_, &inits_, settings_.seals};
+  Downloads downloads_{settings_.downloads, settings_.maker, &exports_};
 };
 
 ServeApi::ServeApi(const ServeSettings& settings, std::vector<PageFile> page)

@@ -37,6 +37,10 @@ export const api = {
   startCheck: async () => (await answer("/api/check", { method: "POST" })).json(),
   bytes: async (path, signal) => (await answer(path, { signal })).arrayBuffer(),
   thumbnailAddress: (channel, at, width) => addressOf("/api/thumbnail", { channel, at, width }),
+  beginDownload: async (question) => (await answer(addressOf("/api/downloads", question), { method: "POST" })).json(),
+  download: (id) => json("/api/downloads", { id }),
+  downloadAddress: (id) => addressOf("/api/download", { id }),
+  giveUpDownload: (id) => answer(addressOf("/api/download", { id }), { method: "POST" }),
   exportAddress: (channel, from, to) => addressOf("/api/export", { channel, from, to }),
 
   // Tells what happens; told(name, data) for each. The browser connects again by itself.

@@ -1,8 +1,6 @@
-// The dialogs: a time to go to, what is to be downloaded, the keys. And the tabs beside the video.
-import { api } from "./api.js";
+// The dialogs: a time to go to, the keys. And the tabs beside the video.
 import { keys, strings } from "./strings.js";
 
-const longestSaveMs = 86400000;
 const by = (id) => document.getElementById(id);
 
 // Texts of the elements that index.html names.
@@ -61,38 +59,6 @@ export function watchGo(state, seek) {
   });
   return () => {
     input.value = state.zone.inputValue(state.timeMs);
-    dialog.returnValue = "";
-    dialog.showModal();
-  };
-}
-
-function startDownload(address) {
-  const link = document.createElement("a");
-  link.href = address;
-  link.download = "";
-  document.body.append(link);
-  link.click();
-  link.remove();
-}
-
-// timeline: whose selection is downloaded.
-export function watchSave(state, timeline) {
-  const dialog = by("save"), choice = by("save-channel");
-  dialog.addEventListener("close", () => {
-    const { selection } = timeline;
-    if (dialog.returnValue !== "save" || selection === null) return;
-    startDownload(api.exportAddress(choice.value, Math.round(selection.from), Math.round(selection.to)));
-  });
-  return () => {
-    const { selection } = timeline;
-    if (selection === null) return;
-    const { zone } = state;
-    const tooLong = selection.to - selection.from > longestSaveMs;
-    by("save-range").textContent = strings.saveRange(zone.dateTime(selection.from, 1), zone.dateTime(selection.to, 1),
-      strings.length(selection.to - selection.from));
-    by("save-note").textContent = tooLong ? strings.saveTooLong : strings.saveNote;
-    dialog.querySelector("[value=save]").disabled = tooLong;
-    choice.replaceChildren(...state.channels.map(({ channel }) => new Option(strings.channelName(channel), channel)));
     dialog.returnValue = "";
     dialog.showModal();
   };

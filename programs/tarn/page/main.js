@@ -2,9 +2,10 @@
 import { api } from "./api.js";
 import { CardPanel } from "./cardPanel.js";
 import { Controls } from "./controls.js";
-import { fillTexts, watchGo, watchSave, watchTabs } from "./dialogs.js";
+import { fillTexts, watchGo, watchTabs } from "./dialogs.js";
 import { EventsPanel, LogPanel } from "./panels.js";
 import { Player } from "./player.js";
+import { watchSave } from "./save.js";
 import { Stage } from "./stage.js";
 import { strings } from "./strings.js";
 import { Timeline } from "./timeline.js";

@@ -63,7 +63,19 @@ export const strings = {
   clearSelection: "Clear the selection",
   download: "Download",
   saveRange: (from, to, length) => `${from} to ${to} (${length})`,
-  saveNote: "The pictures as they were recorded, as .mp4, from the key picture at or before the beginning to the next one behind the end.",
+  saveKind: "What",
+  saveMovie: "Video",
+  saveEvidence: "Folder for a case (.zip)",
+  allChannels: "All channels",
+  saveNote: {
+    movie: "Pictures and sound as they were recorded, as .mp4, from the key picture at or before the beginning to the next one behind the end.",
+    evidence: "Video, list, system log, sums of every file, and a report that opens without a network.",
+  },
+  saveSealed: "Sealed with this server's key.",
+  saveBegins: "It is being made…",
+  saveMakes: (count) => `It is being made: ${plural(count, "picture or piece of sound", "pictures and pieces of sound")} so far`,
+  saveMade: "It is made, and on its way.",
+  saveLacks: (texts) => `It is on its way, and lacks something: ${texts.join("; ")}`,
   saveTooLong: "At most a day can be downloaded at once.",
 
   // Timeline.

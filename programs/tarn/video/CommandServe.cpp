@@ -3,10 +3,13 @@
 
 #include "Command.h"
 #include "Console.h"
+#include "media/seal/SealingKey.h"
 #include "media/serve/HttpServer.h"
 #include "media/serve/ServeApi.h"
 #include "recorder/rows/RecorderDatabase.h"
+#include "video/MakeDownload.h"
 #include "video/PageFiles.h"
+#include "video/SealOptions.h"
 
 namespace tarn {
 namespace {
@@ -29,6 +32,12 @@ class CommandServe : public Command {
     app->add_option("--tls-certificate", options_.certificate, "answer over TLS, with this chain")
         ->type_name("FILE");
     app->add_option("--tls-key", options_.key, "private key of the certificate")->type_name("FILE");
+    app->add_option("--downloads", settings_.downloads,
+                    "where evidence and sealed movies are made before they are sent; each takes up "
+                    "to half of the room there")
+        ->type_name("DIR")
+        ->capture_default_str();
+    seal_.addTo(app, false);
     app->footer("Beyond the loopback (--listen 0.0.0.0:8420) all three files are needed.");
     return app;
   }
@@ -36,7 +45,12 @@ class CommandServe : public Command {
   bool changesCard() const override { return false; }
   bool asksReadOnly() const override { return settings_.readOnly; }
   std::vector<std::string*> userPaths() override {
-    return {&options_.tokenFile, &options_.certificate, &options_.key};
+    std::vector<std::string*> paths = {&options_.tokenFile, &options_.certificate, &options_.key};
+    // Unless told otherwise that is the view's own.
+    if (settings_.downloads != ServeSettings().downloads) paths.push_back(&settings_.downloads);
+    const std::vector<std::string*> ofSeal = seal_.paths();
+    paths.insert(paths.end(), ofSeal.begin(), ofSeal.end());
+    return paths;
   }
 
 
@@ -48,12 +62,30 @@ class CommandServe : public Command {
     }
     settings_.version = TARN_VERSION;
     settings_.mayCheck = !(settings_.readOnly && card_.empty());
+    if (!prepareDownloads(&error)) {
+      complain(error);
+      return kExitFailed;
+    }
     if (databaseIsGood(stopRequested, &error) && serve(&error)) return kExitGood;
     complain(error);
     return kExitFailed;
   }
 
  private:
+  // A key that does not do is told now, and not to somebody who waits for a download.
+  bool prepareDownloads(std::string* error) {
+    std::optional<SealRequest> seal;
+    if (seal_.asked()) seal = seal_.request();
+    SealingKey key;
+    if (seal && !key.load(*seal)) {
+      *error = key.error();
+      return false;
+    }
+    settings_.seals = seal.has_value();
+    settings_.maker = downloadMaker(seal);
+    return true;
+  }
+
   bool serve(std::string* error) {
     ServeApi api(settings_, pageFiles());
     HttpServer server([&api](const HttpRequest& request) { return api.answer(request); });
@@ -69,6 +101,7 @@ class CommandServe : public Command {
   std::string listen_ = "127.0.0.1:8420";
   ServeSettings settings_;
   HttpOptions options_;
+  SealOptions seal_;
 };
 
 }  // namespace
