@@ -15,6 +15,7 @@
 #include "db/CApiDb.h"
 #include "db/DatabaseFile.h"
 #include "recorder/card/NoThrow.h"
+#include "recorder/rows/EventStartIndex.h"
 
 namespace tarn {
 namespace {
@@ -30,9 +31,9 @@ constexpr const char* kSidecars[] = {"-journal", "-wal", "-shm"};
 // deleted row is never used again: journal records name rows by key.
 //
 // The indexes: the stream that covers a moment (startDate), the oldest and newest stream of a chunk
-// (chunkID), and the row whose journal record is about to be overwritten (backOffset). No others:
-// on EVENT(startDate) long event lists would sort each page instead of walking the keys, and
-// STREAM(endDate) would decide ties of the newest end in another order.
+// (chunkID), and the row whose journal record is about to be overwritten (backOffset). On
+// EVENT(startDate) there is one only where the planner takes it as it should (EventStartIndex). No
+// others: STREAM(endDate) would decide ties of the newest end in another order.
 constexpr char kSqlSchema[] =
     "BEGIN;"
     "CREATE TABLE EVENT( eventID INTEGER PRIMARY KEY AUTOINCREMENT, extTrg INTEGER, "
@@ -138,11 +139,16 @@ std::string makeTemporary(const std::string& path, std::string* error) {
   return "";
 }
 
+bool addSchema(sqlite3* db) {
+  return sqlite3_exec(db, kSqlSchema, nullptr, nullptr, nullptr) == SQLITE_OK &&
+         EventStartIndex::add(db);
+}
+
 // Nobody else knows the file yet, so this runs without the lock.
 bool fillSchema(const std::string& file, std::string* error) {
   sqlite3* db = nullptr;
   int result = sqlite3_open(file.c_str(), &db);
-  if (result == SQLITE_OK) result = sqlite3_exec(db, kSqlSchema, nullptr, nullptr, nullptr);
+  if (result == SQLITE_OK) result = addSchema(db) ? SQLITE_OK : SQLITE_ERROR;
   if (result != SQLITE_OK)
     failed(error, "cannot create the tables: " + std::string(sqlite3_errmsg(db)));
   const int closed = sqlite3_close(db);
@@ -254,9 +260,8 @@ bool DatabaseSetup::hasOurSchema(sqlite3* db) {
   sqlite3* fresh = nullptr;
   std::string ours;
   std::string theirs;
-  const bool known = sqlite3_open(":memory:", &fresh) == SQLITE_OK &&
-                     sqlite3_exec(fresh, kSqlSchema, nullptr, nullptr, nullptr) == SQLITE_OK &&
-                     schemaText(fresh, &ours);
+  const bool known =
+      sqlite3_open(":memory:", &fresh) == SQLITE_OK && addSchema(fresh) && schemaText(fresh, &ours);
   sqlite3_close(fresh);
   return known && schemaText(db, &theirs) && ours == theirs;
 }

@@ -57,7 +57,14 @@ TEST_F(QueryPlanTest, EventListWalksTheKeysWithoutASort) {
               ElementsAre("SEARCH EVENT USING INTEGER PRIMARY KEY (rowid>?)"));
   EXPECT_THAT(planOf([&] { db_.selectEventList(1, 100, 200, 5, 3, 1, events_); }),
               ElementsAre("SEARCH EVENT USING INTEGER PRIMARY KEY (rowid<?)"));
+  // By the start each step would sort a whole period.
+  EXPECT_THAT(planOf([&] { db_.selectEventList(1, 100, 200, 5, 0, 0, events_); }),
+              ElementsAre("SEARCH EVENT USING INTEGER PRIMARY KEY (rowid>?)"));
+  EXPECT_THAT(planOf([&] { db_.selectEventList(1, 100, 0, 5, 0, 0, events_); }),
+              ElementsAre("SEARCH EVENT USING INTEGER PRIMARY KEY (rowid>?)"));
   EXPECT_THAT(planOf([&] { db_.selectEventList(1, 100, 200, 0, 3, 0, events_); }),
+              ElementsAre("SCAN EVENT"));
+  EXPECT_THAT(planOf([&] { db_.selectEventList(1, 100, 200, 0, 0, 1, events_); }),
               ElementsAre("SCAN EVENT"));
 }
 
@@ -68,14 +75,25 @@ TEST_F(QueryPlanTest, ViewerPageByKeyWalksTheKeysWithoutASort) {
               ElementsAre("SEARCH EVENT USING INTEGER PRIMARY KEY (rowid>? AND rowid<?)"));
 }
 
-// An index on the start would be taken for event lists too, which would sort a period for each
-// event.
-TEST_F(QueryPlanTest, ViewerPageByPeriodReadsTheTableOnce) {
+constexpr char kEventsOfPeriod[] =
+    "SEARCH EVENT USING INDEX EVENT_startDate (startDate>? AND startDate<?)";
+
+TEST_F(QueryPlanTest, ViewerPageByPeriodReadsThePeriodInItsOrder) {
   EXPECT_THAT(planOf([&] { db_.selectViewerList(events_, 4, nullptr, 0, 100, 200, 0, 0, 0); }),
-              ElementsAre("SCAN EVENT", "USE TEMP B-TREE FOR ORDER BY"));
+              ElementsAre(kEventsOfPeriod));
   const unsigned short triggers[] = {3, 5};
   EXPECT_THAT(planOf([&] { db_.selectViewerList(events_, 4, triggers, 2, 100, 200, 0, 0, 1); }),
-              ElementsAre("SCAN EVENT", "USE TEMP B-TREE FOR ORDER BY"));
+              ElementsAre(kEventsOfPeriod));
+  EXPECT_THAT(planOf([&] { db_.selectViewerList(events_, 4, triggers, 2, 100, 200, 5, 9, 1); }),
+              ElementsAre(kEventsOfPeriod));
+  EXPECT_THAT(planOf([&] { db_.selectViewerList(events_, 4, nullptr, 0, 0, 200, 0, 0, 1); }),
+              ElementsAre("SEARCH EVENT USING INDEX EVENT_startDate (startDate<?)"));
+}
+
+TEST_F(QueryPlanTest, ViewerCountOfAPeriodReadsTheIndexAlone) {
+  EXPECT_THAT(planOf([&] { db_.selectViewerList(events_, 0, nullptr, 0, 100, 200, 0, 0, 0); }),
+              ElementsAre("SEARCH EVENT USING COVERING INDEX EVENT_startDate (startDate>? AND "
+                          "startDate<?)"));
 }
 
 TEST_F(QueryPlanTest, RipListWalksTheKeysWithoutASort) {
@@ -114,6 +132,11 @@ TEST_F(QueryPlanTest, StreamsOfAChunkAreFoundByTheChunkIndexInKeyOrder) {
 TEST_F(QueryPlanTest, UpdatesAndDeletesGoByKey) {
   EXPECT_THAT(plan("UPDATE EVENT SET  extTrg = 3 WHERE eventID = 7"), ElementsAre(kEventByKey));
   EXPECT_THAT(plan("DELETE FROM EVENT WHERE eventID = 7"), ElementsAre(kEventByKey));
+  EXPECT_THAT(plan("SELECT eventID, backOffset FROM EVENT WHERE startDate >= 100"),
+              ElementsAre("SCAN EVENT"))
+      << "in the order of the keys";
+  EXPECT_THAT(plan("SELECT eventID FROM EVENT WHERE startDate < 100 ORDER BY eventID DESC"),
+              ElementsAre("SCAN EVENT"));
   EXPECT_THAT(plan("SELECT eventID FROM EVENT WHERE eventID < 4"),
               ElementsAre("SEARCH EVENT USING INTEGER PRIMARY KEY (rowid<?)"));
 }

@@ -547,9 +547,13 @@ TEST_F(DatabaseImageTest, AReadErrorOnTheDatabaseLeavesNoImage) {
     std::string error;
     IoFaults faults("/tmp/DB.dat");
     faults.fail(Call::Read, n, EIO, IoFaults::kForever);
-    EXPECT_EQ(Recovery().saveImage(&error), -1) << n;
-    EXPECT_FALSE(error.empty());
-    EXPECT_EQ(imageSize(), 0) << n;
+    // The last one only asks whether there is more: what it refuses loses nothing.
+    const bool loses = n < reads;
+    EXPECT_EQ(Recovery().saveImage(&error), loses ? -1 : 0) << n;
+    if (loses) {
+      EXPECT_FALSE(error.empty());
+    }
+    EXPECT_EQ(imageSize() == 0, loses) << n;
   }
 }
 
