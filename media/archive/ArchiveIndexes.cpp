@@ -5,6 +5,11 @@
 #include "media/archive/ArchiveNames.h"
 
 namespace tarn {
+namespace {
+
+constexpr char kErrNotListed[] = " is there, but the archive's listing leaves it out";
+
+}  // namespace
 
 bool ArchiveIndexes::fail(const std::string& text) {
   error_ = text;
@@ -18,7 +23,10 @@ bool ArchiveIndexes::of(const std::string& day, DayIndex** index) {
   for (const char* name : {kIndexName, kPlainIndexName}) {
     if (held_->count(day + name) != 0) return place->second.read(name) || fail(store_->error());
   }
-  return true;
+  // A listing that leaves something out would have a new index take the place of one that has more.
+  bool there = false;
+  if (!store_->holds(day + kIndexName, &there)) return fail(store_->error());
+  return !there || fail(day + kIndexName + kErrNotListed);
 }
 
 bool ArchiveIndexes::add(const ArchiveLine& line) {

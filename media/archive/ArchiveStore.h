@@ -62,11 +62,15 @@ class TARN_API ArchiveStore {
   virtual std::string localPath(const std::string& name) const;
   // One object, with the hashes that the storage has of it.
   virtual bool look(const std::string& name, Object* object) = 0;
+  // Whether there is one, asked of itself and not of a listing.
+  virtual bool holds(const std::string& name, bool* there) = 0;
   // Sends an object, proves it, and gives it its name, in place of one that has it. error() is
   // empty when it was the source that failed.
   bool put(const std::string& name, const ByteSource& source, Stored* stored);
   // Removes what a put() that was interrupted has left of `name`, without its ending.
   bool dropPart(const std::string& name) { return remove(name + kPartEnding); }
+  // Or gives it the name that it was about to get.
+  bool namePart(const std::string& name) { return rename(name + kPartEnding, name); }
   // Whether an object has these bytes; by its size alone only where that is asked for. kDiffers and
   // kFailed set error().
   Answer compare(const std::string& name, bool sizeIsEnough, Stored* expected);

@@ -53,6 +53,7 @@ class CardArchiver::Impl {
   void noteEndangered(const ArchivePlan& plan);
   void tellStatus(bool good) const;
   bool dropParts();
+  bool settlePart(const std::string& name);
   bool archiveClips(const std::vector<ArchiveLine>& clips);
   bool archive(const ArchiveLine& clip);
   bool isWanted(const ArchiveLine& clip) const;
@@ -127,6 +128,20 @@ bool CardArchiver::Impl::listHeld(const ArchivePlan& plan) {
   return true;
 }
 
+// A remote takes an object away before another one, whole and proven, gets its name: a run that was
+// killed between the two has left the only one. A clip is then sent again, if the card still has
+// it.
+bool CardArchiver::Impl::settlePart(const std::string& name) {
+  if (held_.count(name) != 0) return store_->dropPart(name);
+  bool whole = false;
+  if (!endsIn(name, kIndexName) && !endsIn(name, kSidecarEnding))
+    return held_.count(sidecarOf(name)) != 0 || store_->dropPart(name);
+  if (!DayIndex(store_.get(), "").isWholePart(name, &whole)) return false;
+  if (!whole) return store_->dropPart(name);
+  held_[name] = 0;
+  return store_->namePart(name);
+}
+
 // What a run that was killed has left: nobody but an archiver of this recorder gives such names.
 bool CardArchiver::Impl::dropParts() {
   for (auto object = held_.begin(); object != held_.end();) {
@@ -135,7 +150,7 @@ bool CardArchiver::Impl::dropParts() {
       continue;
     }
     const size_t length = object->first.size() - (sizeof kPartEnding - 1);
-    if (!store_->dropPart(object->first.substr(0, length))) return fail(store_->error());
+    if (!settlePart(object->first.substr(0, length))) return fail(store_->error());
     object = held_.erase(object);
   }
   return true;
@@ -150,10 +165,10 @@ bool CardArchiver::Impl::isWanted(const ArchiveLine& clip) const {
 // A clip counts once its sidecar is there. One that lacks pictures is made again, and replaced
 // where the card gives more of them now.
 bool CardArchiver::Impl::isThere(const ArchiveLine& clip, bool* there) {
-  *there = held_.count(clip.object) != 0 && held_.count(sidecarOf(clip.object)) != 0;
-  if (!*there) return true;
   DayIndex* index = nullptr;
   if (!indexes_->of(dayOf(clip.object), &index)) return fail(indexes_->error());
+  *there = held_.count(clip.object) != 0 && held_.count(sidecarOf(clip.object)) != 0;
+  if (!*there) return true;
   const ArchiveLine* known = index->find(clip.object);
   if (known == nullptr || known->missing == 0) return true;
   ArchiveClip again(clip, stopAsked_);

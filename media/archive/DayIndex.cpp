@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "media/archive/ContentHasher.h"
 #include "media/archive/PackedText.h"
 
 namespace tarn {
@@ -19,13 +20,23 @@ bool DayIndex::fetch(const std::string& name, std::string* text) {
   });
 }
 
+// Before something is called damaged: the way here may have done it.
+bool DayIndex::isAsStored(const std::string& name, const std::string& text) {
+  ContentHasher hasher;
+  ArchiveStore::Stored got;
+  hasher.add(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+  got.bytes = hasher.bytes();
+  if (!hasher.finish(&got.hashes)) throw std::bad_alloc();
+  return store_->confirm(name, got) != ArchiveStore::Answer::kFailed;
+}
+
 bool DayIndex::read(const char* name) {
-  std::string text;
-  if (!fetch(day_ + name, &text)) return false;
+  std::string stored;
+  if (!fetch(day_ + name, &stored)) return false;
+  std::string text = stored;
   if (strcmp(name, kIndexName) == 0) {
-    const std::string packed = std::move(text);
-    isBroken_ = !unpackText(packed, &text);
-    if (isBroken_) return true;
+    isBroken_ = !unpackText(stored, &text);
+    if (isBroken_) return isAsStored(day_ + name, stored);
     stored_ = text;
   }
   std::istringstream all(text);
@@ -38,7 +49,22 @@ bool DayIndex::read(const char* name) {
       ++broken_;
     }
   }
-  return true;
+  return broken_ == 0 || isAsStored(day_ + name, stored);
+}
+
+bool DayIndex::isWholePart(const std::string& name, bool* whole) {
+  const std::string part = name + kPartEnding;
+  std::string stored;
+  std::string text;
+  ArchiveLine line;
+  if (!fetch(part, &stored)) return false;
+  if (endsIn(name, kIndexName)) {
+    *whole = unpackText(stored, &text);
+  } else {
+    *whole = !stored.empty() && ArchiveLine::parse(stored.substr(0, stored.size() - 1), &line) &&
+             sidecarOf(line.object) == name;
+  }
+  return *whole || isAsStored(part, stored);
 }
 
 void DayIndex::forgetStory(const ArchiveLine& recording) {
@@ -60,11 +86,13 @@ bool DayIndex::fills(const ArchiveLine& gap) const {
 }
 
 bool DayIndex::addSidecar(const std::string& name) {
-  std::string text;
-  if (!fetch(name, &text)) return false;
-  if (!text.empty() && text.back() == '\n') text.pop_back();
+  std::string stored;
+  if (!fetch(name, &stored)) return false;
+  const std::string text = stored.substr(0, stored.find_last_not_of('\n') + 1);
   ArchiveLine line;
-  if (ArchiveLine::parse(text, &line) && sidecarOf(line.object) == name) add(line);
+  if (!ArchiveLine::parse(text, &line) || sidecarOf(line.object) != name)
+    return isAsStored(name, stored);
+  add(line);
   return true;
 }
 

@@ -25,6 +25,9 @@ class DayIndex {
   bool isBroken() const { return isBroken_; }
   // Whether read() found it.
   bool had(const std::string& identity) const { return had_.count(identity) != 0; }
+  // Whether what lies in the storage as the beginning of an index or a sidecar is the whole of it.
+  // False with the storage's error.
+  bool isWholePart(const std::string& name, bool* whole);
   // Reads a sidecar and adds what it says, where it is one. False with the storage's error.
   bool addSidecar(const std::string& name);
   void add(const ArchiveLine& line) { lines_[line.identity()] = line; }
@@ -39,6 +42,7 @@ class DayIndex {
 
  private:
   bool fetch(const std::string& name, std::string* text);
+  bool isAsStored(const std::string& name, const std::string& text);
   std::string text() const;
 
   ArchiveStore* store_;

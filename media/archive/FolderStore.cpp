@@ -76,6 +76,12 @@ bool FolderStore::look(const std::string& name, Object* object) {
   return true;
 }
 
+bool FolderStore::holds(const std::string& name, bool* there) {
+  struct stat status = {};
+  *there = lstat(pathOf(name).c_str(), &status) == 0;
+  return *there || errno == ENOENT || failWith("find", pathOf(name), errno);
+}
+
 bool FolderStore::flushFolder(const std::string& path) {
   const UniqueFd folder = openPath(path, O_RDONLY | O_DIRECTORY);
   return (folder.valid() && TEMP_FAILURE_RETRY(fsync(folder.get())) == 0) ||

@@ -19,6 +19,7 @@ class FolderStore : public ArchiveStore {
   bool get(const std::string& name, const ByteSink& take) override;
   std::string localPath(const std::string& name) const override { return pathOf(name); }
   bool look(const std::string& name, Object* object) override;
+  bool holds(const std::string& name, bool* there) override;
 
  private:
   bool begin(const std::string& name) override;

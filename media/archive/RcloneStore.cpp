@@ -86,6 +86,16 @@ bool RcloneStore::look(const std::string& name, Object* object) {
   return true;
 }
 
+bool RcloneStore::holds(const std::string& name, bool* there) {
+  std::string text;
+  const bool ran =
+      run(name, {"lsjson", "--stat", "--no-modtime", "--no-mimetype", addressOf(name)}, &text);
+  // A storage without folders has each of them.
+  const Json one = Json::parse(text, nullptr, false);
+  *there = ran && one.is_object() && one.value("IsDir", Json()) == false;
+  return ran || saysNotThere();
+}
+
 bool RcloneStore::begin(const std::string& name) {
   sendingName_ = name;
   sending_ = std::make_unique<RcloneProcess>(patienceSeconds_);
@@ -114,8 +124,7 @@ bool RcloneStore::rename(const std::string& from, const std::string& to) {
 
 bool RcloneStore::remove(const std::string& name) {
   std::string ignored;
-  return run(name, {"deletefile", addressOf(name)}, &ignored) ||
-         exitCode_ == RcloneProcess::kNoFolder || exitCode_ == RcloneProcess::kNoFile;
+  return run(name, {"deletefile", addressOf(name)}, &ignored) || saysNotThere();
 }
 
 }  // namespace tarn

@@ -17,6 +17,7 @@ class RcloneStore : public ArchiveStore {
   bool list(const std::string& folder, std::vector<Object>* objects) override;
   bool get(const std::string& name, const ByteSink& take) override;
   bool look(const std::string& name, Object* object) override;
+  bool holds(const std::string& name, bool* there) override;
 
  private:
   bool begin(const std::string& name) override;
@@ -31,6 +32,9 @@ class RcloneStore : public ArchiveStore {
   // `name`: of the object or folder that it is about.
   bool run(const std::string& name, const std::vector<std::string>& words, std::string* output);
   bool run(const std::string& name, const std::vector<std::string>& words, const ByteSink& take);
+  bool saysNotThere() const {
+    return exitCode_ == RcloneProcess::kNoFolder || exitCode_ == RcloneProcess::kNoFile;
+  }
   bool failOf(const std::string& name, const std::string& complaint);
 
   const std::string root_;

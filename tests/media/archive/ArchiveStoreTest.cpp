@@ -47,6 +47,11 @@ class FaultyStore : public tarn::ArchiveStore {
     return true;
   }
 
+  bool holds(const std::string& name, bool* there) override {
+    *there = objects.count(name) != 0;
+    return true;
+  }
+
   int reads = 0;
 
  private:
