@@ -7,6 +7,8 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
+#include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -34,5 +36,14 @@ inline std::string avErrorText(int code) {
 }
 
 inline constexpr AVRational kMicroseconds = {1, 1000000};
+
+// An input tells whatever times it likes. Those that no clock could show become the last ones here,
+// so that sums of a few of them are still numbers.
+inline constexpr int64_t kMostInputUs = int64_t{1} << 58;
+inline int64_t boundedUs(int64_t micros) { return std::clamp(micros, -kMostInputUs, kMostInputUs); }
+// A time of an input, which is told in `base`, in microseconds.
+inline int64_t inputUs(int64_t stamp, AVRational base) {
+  return boundedUs(av_rescale_q(stamp, base, kMicroseconds));
+}
 
 }  // namespace tarn

@@ -197,12 +197,11 @@ void ContainerInput::addPacket() {
   picture.arrivalUs = monotonicUs();
   picture.key = isKeyPicture(picture.annexB.data(), picture.annexB.size());
   preamble_.complete(&picture.annexB, picture.key);
-  picture.durationUs =
-      packet.duration > 0 ? av_rescale_q(packet.duration, base, kMicroseconds) : frameUs;
+  picture.durationUs = packet.duration > 0 ? inputUs(packet.duration, base) : frameUs;
   const int64_t stamp = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
   const int64_t next = count_ == 0 ? 0 : lastPresentationUs_ + picture.durationUs;
   const int64_t presentation =
-      stamp != AV_NOPTS_VALUE ? av_rescale_q(stamp, base, kMicroseconds) : originUs_ + next;
+      stamp != AV_NOPTS_VALUE ? inputUs(stamp, base) : boundedUs(originUs_ + next);
   // Cameras may tell no time of their first pictures: these were where the first that is told says.
   if (!started_ && stamp != AV_NOPTS_VALUE) {
     originUs_ = presentation - next;
@@ -213,8 +212,7 @@ void ContainerInput::addPacket() {
   lastPresentationUs_ = picture.presentationUs;
   lengthUs_ = std::max(lengthUs_, picture.presentationUs + picture.durationUs);
   if (packet.dts != AV_NOPTS_VALUE) {
-    picture.decodeUs =
-        std::min(av_rescale_q(packet.dts, base, kMicroseconds) - originUs_, picture.presentationUs);
+    picture.decodeUs = std::min(inputUs(packet.dts, base) - originUs_, picture.presentationUs);
     if (!decodeTimesKnown_) backfillDecodeTimes(picture.decodeUs);
   } else if (decodeTimesKnown_) {
     picture.decodeUs = picture.presentationUs;
@@ -225,7 +223,7 @@ void ContainerInput::addPacket() {
 void ContainerInput::backfillDecodeTimes(int64_t nextDecodeUs) {
   decodeTimesKnown_ = true;
   for (auto picture = waiting_.rbegin(); picture != waiting_.rend(); ++picture) {
-    nextDecodeUs = std::min(nextDecodeUs - picture->durationUs, picture->presentationUs);
+    nextDecodeUs = boundedUs(std::min(nextDecodeUs - picture->durationUs, picture->presentationUs));
     picture->decodeUs = nextDecodeUs;
   }
 }

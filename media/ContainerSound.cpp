@@ -153,8 +153,7 @@ void ContainerSound::take(const AVPacket& packet) {
   if (config != nullptr && size <= SoundFormat::kMostConfig && !isG711(format_.codec))
     format_.config.assign(config, config + size);
   const int64_t stamp = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
-  const int64_t timeUs =
-      stamp != AV_NOPTS_VALUE ? av_rescale_q(stamp, stream_->time_base, kMicroseconds) : endUs_;
+  const int64_t timeUs = stamp != AV_NOPTS_VALUE ? inputUs(stamp, stream_->time_base) : endUs_;
   const uint32_t samples = samplesOf(packet);
   const auto bytes = static_cast<size_t>(packet.size);
   if (!isG711(format_.codec)) return push(packet.data, bytes, samples, timeUs);
@@ -167,7 +166,7 @@ void ContainerSound::take(const AVPacket& packet) {
 
 // What no block can hold is no frame of these codecs.
 void ContainerSound::push(const uint8_t* data, size_t size, uint32_t samples, int64_t timeUs) {
-  endUs_ = timeUs + int64_t{samples} * 1000000 / format_.sampleRate;
+  endUs_ = boundedUs(timeUs + int64_t{samples} * 1000000 / format_.sampleRate);
   if (size == 0 || size >= kSoundFrameLimit || samples == 0) return;
   if (waiting_.size() >= kMostWaiting) waiting_.pop_front();
   Waiting waiting;

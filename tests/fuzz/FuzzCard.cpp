@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <glob.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +29,7 @@
 #include "recorder/rows/DatabaseSetup.h"
 #include "recorder/server/ManagementServer.h"
 #include "recorder/session/RecordingSession.h"
+#include "recorder/session/SoundSession.h"
 #include "support/RawCalls.h"
 
 namespace tarn_fuzz {
@@ -35,8 +37,9 @@ namespace {
 
 constexpr uint32_t kKiB = 1024;
 constexpr uint32_t kStart = 1700000000;
-constexpr size_t kPage = 4 * kKiB;
+constexpr uint32_t kLooks = 1000;  // one of so many restorings is looked at
 constexpr uint64_t kSector = 512;
+constexpr int64_t kMostSqliteBytes = int64_t{8} * kKiB * kKiB;  // while nothing runs
 // Upper half of the length byte of a change.
 constexpr uint8_t kSealed = 0x10;
 constexpr uint8_t kRefused = 0x20;
@@ -58,6 +61,24 @@ void writePictures(tarn::RecordingSession* session, uint32_t from, uint32_t to) 
     need(session->writePicture(picture.data(), picture.size(), time, 0, i % 10 == 0) == 0,
          session->errorText());
   }
+}
+
+// Half a second of AAC, as far as anybody looks.
+void writeSound(tarn::SoundSession* session, uint32_t from, uint32_t to) {
+  for (uint32_t i = from; i < to; ++i) {
+    const std::vector<uint8_t> frame(40 + i % 7, static_cast<uint8_t>(i | 1));
+    const int64_t micros = int64_t{kStart} * 1000000 + int64_t{i} * 128000;
+    need(session->writeFrame(frame.data(), frame.size(), tarn::PictureTime::fromMicros(micros),
+                             1024) == 0,
+         session->errorText());
+  }
+}
+
+tarn::SoundOptions soundOptions() {
+  tarn::SoundOptions options;
+  options.format = {tarn::SoundCodec::kAac, 1, 8000, {0x15, 0x88}};
+  options.segmentSeconds = 2;
+  return options;
 }
 
 bool isZeros(const char* page) { return page[0] == 0 && memcmp(page, page + 1, kPage - 1) == 0; }
@@ -113,8 +134,8 @@ void FuzzCard::adopt() {
 void FuzzCard::record() {
   tarn::CardRequest request;
   request.sizeBytes = 34 * kKiB * kKiB;
-  request.families[tarn::kFileStream] = {64 * kKiB, 3};
-  request.families[tarn::kFilePicture] = {8 * kKiB, 3};
+  request.families[tarn::kFileStream] = {64 * kKiB, 4};
+  request.families[tarn::kFilePicture] = {8 * kKiB, 4};
   request.families[tarn::kFileJournal] = {68 * kKiB, 4};  // blocks are of 64
   request.families[tarn::kFileSyslog] = {16 * kKiB, 5};
   request.families[tarn::kFileDbImage] = {64 * kKiB, 1};
@@ -132,12 +153,16 @@ void FuzzCard::record() {
     options.segmentSeconds = 2;
     need(session.open(options) == 0, session.errorText());
     writePictures(&session, 0, 30);
+    tarn::SoundSession sound;
+    need(sound.open(soundOptions()) == 0, sound.errorText());
+    writeSound(&sound, 0, 40);
     const uint32_t event = session.beginEvent(7, {kStart + 3, 0}, 1);
     writePictures(&session, 30, 50);
     need(session.endEvent(event, {kStart + 5, 0}) == 0, "event");
     need(session.beginEvent(8, {kStart + 5, 0}, 0) != 0, "event");
     writePictures(&session, 50, 58);
     need(session.flush() == 0, session.errorText());
+    need(sound.flush() == 0, sound.errorText());
     // The image as of now, while the newest recording and an event are open.
     CDbLog::getInstance()->finish();
     std::string whole;
@@ -146,6 +171,7 @@ void FuzzCard::record() {
     whole.resize(static_cast<size_t>(request.sizeBytes));
     need(fread(whole.data(), 1, whole.size(), card) == whole.size(), "read");
     fclose(card);
+    sound.close();
     session.close();
     CDbLog::getInstance()->finish();
     server.requestStop();
@@ -213,9 +239,13 @@ void FuzzCard::findRegions() {
   const tarn::CardFamily& image = info.family(tarn::kFileDbImage);
   add(kImage | kImageBytes, image.startByte(), 40 * kKiB);
   add(kImage, image.startByte() + image.chunkSize - tarn::kImageSealRoom, tarn::kImageSealSize);
+  // Where the sound lies: behind the chunk of the pictures.
+  const tarn::CardFamily& streams = info.family(tarn::kFileStream);
+  add(kStreams, streams.startByte() + streams.chunkSize, 4 * kKiB);
 }
 
 void FuzzCard::put(uint64_t offset, const void* data, size_t length) {
+  noteWritten(offset, length);
   need(tarn_test::rawPwrite(fd_, data, length, static_cast<int64_t>(offset)) ==
            static_cast<ssize_t>(length),
        "write");
@@ -282,7 +312,10 @@ size_t FuzzCard::damage(const uint8_t* data, size_t size, uint32_t parts) {
     data += 6 + length;
     size -= 6 + length;
   }
-  if (end_ != 0) need(ftruncate(fd_, static_cast<off_t>(end_)) == 0, "cut");
+  if (end_ != 0) {
+    notePagesBehindEnd();
+    need(ftruncate(fd_, static_cast<off_t>(end_)) == 0, "cut");
+  }
   refuse(fd_, refusals_);
   return changes;
 }
@@ -317,32 +350,54 @@ void FuzzCard::eachPage(Look look) {
   }
 }
 
+// Sorted, so that the order of writing makes no difference.
 uint32_t FuzzCard::digest() {
+  std::vector<uint32_t> pages = takeWrittenPages();
+  std::sort(pages.begin(), pages.end());
   uint32_t sum = 0;
-  eachPage([&sum](size_t offset, const char* page) {
-    // What is written as zeros is no difference to a hole.
-    if (isZeros(page)) return;
-    sum = sum * 31 + static_cast<uint32_t>(offset);
+  for (const uint32_t number : pages) {
+    const uint64_t offset = uint64_t{number} * kPage;
+    noteWritten(offset, 1);
+    char page[kPage] = {};
+    need(tarn_test::rawPread(fd_, page, kPage, static_cast<int64_t>(offset)) >= 0, "read");
+    if (offset < base_.size() && memcmp(page, base_.data() + offset, kPage) == 0) continue;
+    sum = sum * 31 + number;
     sum = sum * 31 + tarn::crc32(page, kPage);
-  });
+  }
   return sum;
 }
 
-// What lay behind a device's end is holes afterwards, which no difference shows.
-void FuzzCard::putBackEnd() {
-  need(ftruncate(fd_, static_cast<off_t>(base_.size())) == 0, "size");
-  for (size_t page = end_ - end_ % kPage; end_ != 0 && page < base_.size(); page += kPage) {
-    if (!isZeros(base_.data() + page)) put(page, base_.data() + page, kPage);
+// What lies behind a device's end is gone like what is written over.
+void FuzzCard::notePagesBehindEnd() {
+  for (size_t page = end_ - end_ % kPage; page < base_.size(); page += kPage) {
+    if (!isZeros(base_.data() + page)) noteWritten(page, 1);
   }
-  end_ = 0;
 }
 
+// Whether what was noted was all that was written.
+void FuzzCard::expectAllPutBack() {
+  eachPage([this](size_t offset, const char* page) {
+    need(memcmp(page, base_.data() + offset, kPage) == 0, "put back");
+  });
+}
+
+// A page of zeros becomes a hole, what lay behind the end as well.
 void FuzzCard::restore() {
   liftRefusals();
-  putBackEnd();
-  eachPage([this](size_t offset, const char* page) {
-    if (memcmp(page, base_.data() + offset, kPage) != 0) put(offset, base_.data() + offset, kPage);
-  });
+  need(ftruncate(fd_, static_cast<off_t>(base_.size())) == 0, "size");
+  end_ = 0;
+  for (const uint32_t number : takeWrittenPages()) {
+    const size_t offset = size_t{number} * kPage;
+    if (offset >= base_.size()) continue;
+    const char* page = base_.data() + offset;
+    if (isZeros(page)) {
+      fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset), kPage);
+    } else {
+      need(tarn_test::rawPwrite(fd_, page, kPage, static_cast<int64_t>(offset)) == kPage, "write");
+    }
+  }
+  need(sqlite3_memory_used() < kMostSqliteBytes, "SQLite's memory is not given back");
+  if (restored_++ % kLooks == 0) expectAllPutBack();
   removeAll("/tmp/DB.dat*");
   removeAll("/tmp/sd_err_mem_write");
 }

@@ -50,7 +50,8 @@ class FuzzCard {
   void liftRefusals();
   bool hasRefusals() const { return !refusals_.empty(); }
   bool isCut() const { return end_ != 0; }
-  // Of everything that is on the card, as if nothing were refused.
+  // Of everything that is on the card and was not at the last restore(), as if nothing were
+  // refused.
   uint32_t digest();
   // Puts back every byte that a run may have changed, and removes what it left in /tmp.
   void restore();
@@ -71,7 +72,8 @@ class FuzzCard {
   FuzzCard();
   void record();
   void findRegions();
-  void putBackEnd();
+  void notePagesBehindEnd();
+  void expectAllPutBack();
   void refuseAt(uint64_t offset, const uint8_t* order, size_t length);
   void add(uint32_t part, uint64_t offset, uint64_t size, Seal seal = Seal::kNone,
            uint32_t unit = 0);
@@ -85,7 +87,8 @@ class FuzzCard {
   std::string base_;
   std::vector<Region> regions_;
   std::vector<Refusal> refusals_;
-  uint64_t end_ = 0;  // of the device, where it was cut
+  uint64_t end_ = 0;       // of the device, where it was cut
+  uint32_t restored_ = 0;  // how often
 };
 
 }  // namespace tarn_fuzz

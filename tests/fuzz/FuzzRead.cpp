@@ -1,8 +1,11 @@
-// The pictures of recordings, as an export and a player read them.
+// The pictures of recordings, and the sound beside them, as an export and a player read them.
+#include <algorithm>
 #include <cstdlib>
 
 #include "fuzz/FuzzCard.h"
 #include "recorder/recording/RecordingReader.h"
+#include "recorder/recording/SoundBlock.h"
+#include "recorder/recording/SoundChunks.h"
 #include "recorder/recovery/StartUp.h"
 
 using namespace tarn_fuzz;
@@ -11,11 +14,14 @@ namespace {
 
 constexpr uint32_t kChunkBytes = 64 * 1024;
 
+size_t soundChunksOfCard() { return tarn::soundChunks(kCardPath).size(); }
+
 const std::vector<DB_STREAM>& rows() {
   static const std::vector<DB_STREAM> rows = [] {
     if (!tarn::StartUp().run().ok()) abort();
     std::vector<DB_STREAM> all = tarn::streamsOfPeriod(0, UINT32_MAX);
-    if (all.size() < 3) abort();
+    const auto sounds = std::count_if(all.begin(), all.end(), tarn::isSound);
+    if (all.size() < 5 || sounds < 2 || soundChunksOfCard() != 1) abort();
     FuzzCard::get().restore();
     return all;
   }();
@@ -34,6 +40,9 @@ void readAll(const DB_STREAM& row) {
     if (!reader.picture(i, &entry) || !reader.readPicture(entry, &bytes)) continue;
     reader.isDamaged();
     if (bytes.size() > kChunkBytes) abort();
+    tarn::SoundBlock block;
+    if (tarn::isSound(row) && block.decode(bytes.data(), bytes.size()) != !block.frames().empty())
+      abort();
   }
 }
 
@@ -44,6 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzCard& card = FuzzCard::get();
   card.damage(data, size, kVolume | kPictures | kStreams);
   for (const DB_STREAM& row : recordings) readAll(row);
+  soundChunksOfCard();
   if (deviceWrites() != 0) abort();
   card.restore();
   return 0;

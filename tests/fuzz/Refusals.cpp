@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
+#include <utility>
 
 #include "support/RawCalls.h"
 
@@ -28,6 +29,8 @@ std::atomic<uint64_t> g_refused{0};
 std::atomic<uint64_t> g_writes{0};
 std::atomic<bool> g_any{false};
 std::atomic<bool> g_known{false};
+std::vector<bool> g_isWritten;    // by page
+std::vector<uint32_t> g_written;  // the same pages
 
 // The sanitizer's own read() looks at the room for what was asked; this one stands in front of it.
 void lookAtRoom(const void* bytes, size_t length) {
@@ -52,11 +55,22 @@ bool isBehindEnd(int fd, int64_t offset) {
   return g_known && isDevice(fd) && fstat(fd, &file) == 0 && offset > file.st_size;
 }
 
+void notePages(uint64_t offset, size_t length) {
+  for (uint64_t page = offset / kPage; length > 0 && page <= (offset + length - 1) / kPage;
+       ++page) {
+    if (page >= g_isWritten.size()) g_isWritten.resize(page + 1024);
+    if (g_isWritten[page]) continue;
+    g_isWritten[page] = true;
+    g_written.push_back(static_cast<uint32_t>(page));
+  }
+}
+
 // How much of a transfer goes through; -1 when it is refused.
 ssize_t allowed(int fd, uint64_t offset, size_t length, bool writes) {
   if ((!g_any && !(writes && g_known)) || !isDevice(fd)) return static_cast<ssize_t>(length);
   if (writes) ++g_writes;
   const std::lock_guard<std::mutex> lock(g_mutex);
+  if (writes) notePages(offset, length);
   for (Refusal& refusal : g_refusals) {
     if (refusal.writes != writes || refusal.times == 0) continue;
     if (offset >= refusal.to || offset + length <= refusal.from) continue;
@@ -82,9 +96,9 @@ ssize_t transfer(int fd, const void* bytes, size_t length, int64_t offset, bool 
   return -1;
 }
 
-// Only a refusal asks for it.
-int64_t positionOf(int fd) {
-  if (!g_any) return 0;
+// Only a refusal asks for it, and who wants to know what was written.
+int64_t positionOf(int fd, bool writes) {
+  if (!g_any && !(writes && g_known)) return 0;
   const int saved = errno;
   const int64_t position = tarn_test::rawPosition(fd);
   errno = saved;
@@ -106,6 +120,17 @@ void refuse(int fd, std::vector<Refusal> refusals) {
 uint64_t refusedCalls() { return g_refused; }
 uint64_t deviceWrites() { return g_writes; }
 
+std::vector<uint32_t> takeWrittenPages() {
+  const std::lock_guard<std::mutex> lock(g_mutex);
+  for (const uint32_t page : g_written) g_isWritten[page] = false;
+  return std::exchange(g_written, {});
+}
+
+void noteWritten(uint64_t offset, size_t length) {
+  const std::lock_guard<std::mutex> lock(g_mutex);
+  notePages(offset, length);
+}
+
 }  // namespace tarn_fuzz
 
 extern "C" {
@@ -120,15 +145,15 @@ off_t tarn_fuzz_lseek(int fd, off_t offset, int whence) __asm__("lseek");
 off64_t tarn_fuzz_lseek64(int fd, off64_t offset, int whence) __asm__("lseek64");
 
 ssize_t read(int fd, void* bytes, size_t length) {
-  return tarn_fuzz::transfer(fd, bytes, length, tarn_fuzz::positionOf(fd), false, [=](size_t most) {
-    return static_cast<ssize_t>(syscall(SYS_read, fd, bytes, most));
-  });
+  return tarn_fuzz::transfer(
+      fd, bytes, length, tarn_fuzz::positionOf(fd, false), false,
+      [=](size_t most) { return static_cast<ssize_t>(syscall(SYS_read, fd, bytes, most)); });
 }
 
 ssize_t write(int fd, const void* bytes, size_t length) {
-  return tarn_fuzz::transfer(fd, bytes, length, tarn_fuzz::positionOf(fd), true, [=](size_t most) {
-    return static_cast<ssize_t>(syscall(SYS_write, fd, bytes, most));
-  });
+  return tarn_fuzz::transfer(
+      fd, bytes, length, tarn_fuzz::positionOf(fd, true), true,
+      [=](size_t most) { return static_cast<ssize_t>(syscall(SYS_write, fd, bytes, most)); });
 }
 
 ssize_t tarn_fuzz_pread64(int fd, void* bytes, size_t length, off_t offset) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -23,5 +24,12 @@ void refuse(int fd, std::vector<Refusal> refusals);
 // Calls of the device since then: refused ones, and all that write.
 uint64_t refusedCalls();
 uint64_t deviceWrites();
+
+// Pages of the device that were written to since they were last taken, each once, in any order:
+// all that may differ from what was there. noteWritten() is for who writes past the functions that
+// this one stands in front of.
+inline constexpr size_t kPage = 4096;
+std::vector<uint32_t> takeWrittenPages();
+void noteWritten(uint64_t offset, size_t length);
 
 }  // namespace tarn_fuzz

@@ -23,14 +23,17 @@ int fuzz_request(const uint8_t* data, size_t size);
 int fuzz_image(const uint8_t* data, size_t size);
 int fuzz_read(const uint8_t* data, size_t size);
 int fuzz_undo(const uint8_t* data, size_t size);
+int fuzz_sound(const uint8_t* data, size_t size);
 int fuzz_config(const uint8_t* data, size_t size);
 int fuzz_argument(const uint8_t* data, size_t size);
 int fuzz_container(const uint8_t* data, size_t size);
+int fuzz_track(const uint8_t* data, size_t size);
 int fuzz_sealed(const uint8_t* data, size_t size);
 int fuzz_serve(const uint8_t* data, size_t size);
 int begin_card(int*, char***);
 int begin_image(int*, char***);
 int begin_argument(int*, char***);
+int begin_track(int*, char***);
 int begin_serve(int*, char***);
 }
 
@@ -42,21 +45,15 @@ struct Target {
   int (*begin)(int*, char***);
 };
 constexpr Target kTargets[] = {
-    {"volume", fuzz_volume, begin_card},
-    {"manage", fuzz_manage, begin_card},
-    {"journal", fuzz_journal, begin_card},
-    {"recovery", fuzz_recovery, begin_card},
-    {"check", fuzz_check, begin_card},
-    {"read", fuzz_read, begin_card},
-    {"log", fuzz_log, begin_card},
-    {"annexb", fuzz_annexb, nullptr},
-    {"request", fuzz_request, begin_card},
-    {"image", fuzz_image, begin_image},
-    {"undo", fuzz_undo, begin_card},
-    {"config", fuzz_config, nullptr},
-    {"argument", fuzz_argument, begin_argument},
+    {"volume", fuzz_volume, begin_card},    {"manage", fuzz_manage, begin_card},
+    {"journal", fuzz_journal, begin_card},  {"recovery", fuzz_recovery, begin_card},
+    {"check", fuzz_check, begin_card},      {"read", fuzz_read, begin_card},
+    {"log", fuzz_log, begin_card},          {"annexb", fuzz_annexb, nullptr},
+    {"request", fuzz_request, begin_card},  {"image", fuzz_image, begin_image},
+    {"undo", fuzz_undo, begin_card},        {"sound", fuzz_sound, nullptr},
+    {"config", fuzz_config, nullptr},       {"argument", fuzz_argument, begin_argument},
 #ifdef TARN_WITH_MEDIA
-    {"container", fuzz_container, nullptr},
+    {"container", fuzz_container, nullptr}, {"track", fuzz_track, begin_track},
     {"sealed", fuzz_sealed, nullptr},
 #endif
 #ifdef TARN_WITH_SERVE
