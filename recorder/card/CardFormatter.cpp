@@ -13,6 +13,7 @@
 #include "fat/FatFormat.h"
 #include "manager/ManageFormat.h"
 #include "recorder/card/CardLock.h"
+#include "recorder/card/CardReadme.h"
 #include "recorder/card/CardText.h"
 #include "recorder/card/DeviceIo.h"
 #include "recorder/card/FamilyRules.h"
@@ -54,13 +55,14 @@ class Writer {
         volumeId_(volumeId),
         oldBytes_(oldBytes),
         isBlockDevice_(isBlockDevice),
+        readme_(placeOfReadme(layout)),
         block_(kBlockBytes) {}
 
   // On failure error() says why.
   bool run() {
     total_ = countBytes();
     return invalidate() && resize() && clearOldContent() && writeFats() && writeRoot() &&
-           writeManagement() && writeRings() && writeImage() && clearPictures() &&
+           writeReadme() && writeManagement() && writeRings() && writeImage() && clearPictures() &&
            writeReserved() && writeInfoTail() && flush() && writeBoot() && flush() &&
            writeInfoHead() && flush();
   }
@@ -120,7 +122,8 @@ class Writer {
 
   uint64_t countBytes() const {
     uint64_t bytes = (uint64_t{layout_.reservedSectors()} + 2) * kSectorBytes +
-                     2 * uint64_t{layout_.fatSectors()} * kSectorBytes + layout_.rootBytes();
+                     2 * uint64_t{layout_.fatSectors()} * kSectorBytes + layout_.rootBytes() +
+                     readmeBytes();
     for (int type : {kFileInfo, kFileJournalManage, kFileJournal, kFileSyslogManage, kFileSyslog,
                      kFileStreamManage, kFilePicture}) {
       bytes += layout_.family(type).bytes();
@@ -151,10 +154,12 @@ class Writer {
     constexpr uint32_t kPerBlock = kBlockBytes / 4;
     const uint64_t fatBytes = uint64_t{layout_.fatSectors()} * kSectorBytes;
     const uint64_t start = uint64_t{layout_.reservedSectors()} * kSectorBytes;
-    const uint32_t used = layout_.clusterOfByte(layout_.endByte());
+    const uint32_t used =
+        layout_.clusterOfByte(std::max(layout_.endByte(), readme_.byte + readmeBytes()));
     for (uint32_t first = 0; first < used; first += kPerBlock) {
       const auto count = static_cast<uint32_t>(std::min<uint64_t>(kPerBlock, fatBytes / 4 - first));
       encodeFat(layout_, first, count, block_.data());
+      linkReadme(layout_, first, count, block_.data());
       for (uint64_t fat : {start, start + fatBytes}) {
         if (!write(fat + uint64_t{first} * 4, block_.data(), size_t{count} * 4)) return false;
       }
@@ -168,8 +173,18 @@ class Writer {
 
   bool writeRoot() {
     std::vector<uint8_t> root(static_cast<size_t>(layout_.rootBytes()));
-    encodeRootDirectory(layout_, options_.invariant ? 0 : time(nullptr), root.data());
+    const time_t when = options_.invariant ? 0 : time(nullptr);
+    encodeRootDirectory(layout_, when, root.data());
+    enterReadme(layout_, when, root.data());
     return write(layout_.dataByte(), root.data(), root.size());
+  }
+
+  size_t readmeBytes() const { return size_t{readme_.clusters} * layout_.clusterBytes(); }
+
+  bool writeReadme() {
+    std::string text = readmeText();
+    text.resize(readmeBytes());
+    return readme_.byte == 0 || write(readme_.byte, text.data(), text.size());
   }
 
   // Both copies of a kind's records, all of the same type byte.
@@ -222,7 +237,8 @@ class Writer {
     std::vector<uint8_t> sectors(size_t{layout_.reservedSectors()} * kSectorBytes);
     for (uint32_t start : {0u, kBackupSector}) {
       encodeBootSector(layout_, volumeId_, sectors.data() + start * kSectorBytes);
-      encodeFsInfo(layout_, sectors.data() + (start + kFsInfoSector) * kSectorBytes);
+      encodeFsInfo(layout_, readme_.clusters,
+                   sectors.data() + (start + kFsInfoSector) * kSectorBytes);
     }
     encodeInfoFile(layout_, sectors.data() + kInfoCopySector * kSectorBytes);
     return write(kSectorBytes, sectors.data() + kSectorBytes, sectors.size() - kSectorBytes);
@@ -255,6 +271,7 @@ class Writer {
   const uint32_t volumeId_;
   const uint64_t oldBytes_;  // of the file: what lies behind reads as zeros by itself
   const bool isBlockDevice_;
+  const ReadmePlace readme_;
   std::vector<uint8_t> block_;
   uint64_t done_ = 0;
   uint64_t total_ = 0;

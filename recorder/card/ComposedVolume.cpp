@@ -43,7 +43,7 @@ int ComposedVolume::compose(const uint8_t* infoFile, size_t length, std::string*
         for (const uint32_t start : {0u, kBackupSector}) {
           uint8_t* sectors = reserved_.data() + size_t{start} * kSectorBytes;
           encodeBootSector(layout_, kVolumeId, sectors);
-          encodeFsInfo(layout_, sectors + size_t{kFsInfoSector} * kSectorBytes);
+          encodeFsInfo(layout_, 0, sectors + size_t{kFsInfoSector} * kSectorBytes);
         }
         if (map.seal == InfoSeal::kGood) {
           memcpy(reserved_.data() + size_t{kInfoCopySector} * kSectorBytes, infoFile,

@@ -6,6 +6,7 @@
 
 #include "base/Endian.h"
 #include "recorder/card/CardLayout.h"
+#include "recorder/card/CardReadme.h"
 #include "recorder/card/VolumeFormat.h"
 
 namespace tarn {
@@ -117,6 +118,20 @@ void takeTimes(const Bytes& present, const Bytes& wanted, Bytes* sector) {
   }
 }
 
+// Whether a card has its readme: the text, and clusters that are not free. One that somebody
+// deleted stays deleted.
+bool hasReadme(const CardBytes& card, const CardLayout& layout) {
+  const ReadmePlace place = placeOfReadme(layout);
+  Bytes text(readmeText().size());
+  uint8_t entry[4] = {};
+  const uint64_t fat = uint64_t{layout.reservedSectors()} * kSectorBytes;
+  return place.byte != 0 && card.read(place.byte, text.data(), text.size()) &&
+         std::equal(text.begin(), text.end(), readmeText().begin(),
+                    [](uint8_t a, char b) { return a == static_cast<uint8_t>(b); }) &&
+         card.read(fat + uint64_t{layout.clusterOfByte(place.byte)} * 4, entry, sizeof entry) &&
+         (getLe32(entry) & kFatEntryMask) != 0;
+}
+
 }  // namespace
 
 std::map<uint64_t, Bytes> lostDirectorySectors(const CardBytes& card, const CardMap& map) {
@@ -125,6 +140,7 @@ std::map<uint64_t, Bytes> lostDirectorySectors(const CardBytes& card, const Card
   Bytes wanted(static_cast<size_t>(layout.rootBytes()));
   Bytes present(wanted.size());
   encodeRootDirectory(layout, 0, wanted.data());
+  if (hasReadme(card, layout)) enterReadme(layout, 0, wanted.data());
   if (!card.read(layout.dataByte(), present.data(), present.size())) return {};
   std::map<uint64_t, Bytes> lost;
   size_t same = 0;

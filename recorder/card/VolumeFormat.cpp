@@ -7,6 +7,7 @@
 #include "base/Crc16.h"
 #include "base/Endian.h"
 #include "fat/FatFormat.h"
+#include "recorder/card/CardReadme.h"
 
 namespace tarn {
 namespace {
@@ -56,6 +57,19 @@ FatStamp fatStamp(time_t when) {
   stamp.time =
       static_cast<uint16_t>((local.tm_hour << 11) | (local.tm_min << 5) | (local.tm_sec / 2));
   return stamp;
+}
+
+void encodeFileEntry(const char* name, FatStamp stamp, uint32_t cluster, uint32_t size,
+                     uint8_t* out) {
+  memcpy(out, name, kFullNameBytes);
+  out[kDirAttributeOff] = kDirArchive;
+  putLe16(out + kDirCreateTimeOff, stamp.time);
+  putLe16(out + kDirCreateDateOff, stamp.date);
+  putLe16(out + kDirAccessDateOff, stamp.date);
+  putLe16(out + kDirWriteTimeOff, stamp.time);
+  putLe16(out + kDirWriteDateOff, stamp.date);
+  encodeFirstCluster(cluster, out);
+  putLe32(out + kDirSizeOff, size);
 }
 
 // Writes entries behind each other.
@@ -119,15 +133,8 @@ class DirectoryWriter {
   }
 
   void shortEntry(const char* shortName, int type, uint32_t chunk) {
-    memcpy(next_, shortName, kFullNameBytes);
-    next_[kDirAttributeOff] = kDirArchive;
-    putLe16(next_ + kDirCreateTimeOff, stamp_.time);
-    putLe16(next_ + kDirCreateDateOff, stamp_.date);
-    putLe16(next_ + kDirAccessDateOff, stamp_.date);
-    putLe16(next_ + kDirWriteTimeOff, stamp_.time);
-    putLe16(next_ + kDirWriteDateOff, stamp_.date);
-    encodeFirstCluster(layout_.clusterOfByte(layout_.chunkByte(type, chunk)), next_);
-    putLe32(next_ + kDirSizeOff, layout_.family(type).chunkSize);
+    encodeFileEntry(shortName, stamp_, layout_.clusterOfByte(layout_.chunkByte(type, chunk)),
+                    layout_.family(type).chunkSize, next_);
     next_ += kDirEntryBytes;
   }
 
@@ -192,11 +199,11 @@ void encodeBootSector(const CardLayout& layout, uint32_t volumeId, uint8_t* sect
   putLe16(sector + kBootSignatureOff, kBootSignature);
 }
 
-void encodeFsInfo(const CardLayout& layout, uint8_t* sector) {
+void encodeFsInfo(const CardLayout& layout, uint32_t others, uint8_t* sector) {
   memset(sector, 0, kSectorBytes);
   putLe32(sector + kFsInfoLeadOff, kFsInfoLead);
   putLe32(sector + kFsInfoSecondOff, kFsInfoSecond);
-  const uint32_t free = layout.clusters() - layout.usedClusters();
+  const uint32_t free = layout.clusters() - layout.usedClusters() - others;
   putLe32(sector + kFsInfoFreeOff, free);
   putLe32(sector + kFsInfoNextOff, free == 0 ? 0xFFFFFFFF : kRootCluster);
   putLe16(sector + kBootSignatureOff, kBootSignature);
@@ -233,6 +240,10 @@ void encodeRootDirectory(const CardLayout& layout, time_t when, uint8_t* out) {
   writer.family(kFileInfo);
   writer.label();
   for (int type = kFileInfo + 1; type < kFileTypeCount; ++type) writer.family(type);
+}
+
+void encodeFileEntry(const char* name, time_t when, uint32_t cluster, uint32_t size, uint8_t* out) {
+  encodeFileEntry(name, fatStamp(when), cluster, size, out);
 }
 
 FsInfo decodeFsInfo(const uint8_t* sector) {
@@ -329,7 +340,8 @@ std::vector<std::string> foreignNames(const uint8_t* bytes, size_t length) {
       continue;
     }
     const std::string name = longName.empty() ? wholeShortName(entry) : longName;
-    if ((attribute & kAttributeLabel) == 0 && !isChunkFileName(name)) names.push_back(name);
+    const bool ours = isChunkFileName(name) || name == kReadmeName;
+    if ((attribute & kAttributeLabel) == 0 && !ours) names.push_back(name);
     longName.clear();
   }
   return names;

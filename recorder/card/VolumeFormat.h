@@ -40,7 +40,8 @@ inline constexpr uint32_t kFsInfoSector = 1;
 inline constexpr uint32_t kBackupSector = 6;
 
 void encodeBootSector(const CardLayout& layout, uint32_t volumeId, uint8_t* sector);
-void encodeFsInfo(const CardLayout& layout, uint8_t* sector);
+// `others`: clusters that are taken by what the layout does not have.
+void encodeFsInfo(const CardLayout& layout, uint32_t others, uint8_t* sector);
 void encodeUnfinishedSector(uint8_t* sector);
 bool isUnfinishedSector(const uint8_t* sector);
 
@@ -50,6 +51,9 @@ void encodeFat(const CardLayout& layout, uint32_t first, uint32_t count, uint8_t
 // The whole root directory, layout.rootBytes() of it: the info file first, the volume label, then
 // all other chunk files. `when` stamps the files; 0 gives FAT's first day.
 void encodeRootDirectory(const CardLayout& layout, time_t when, uint8_t* out);
+
+// One entry of a file; `name` has 11 characters.
+void encodeFileEntry(const char* name, time_t when, uint32_t cluster, uint32_t size, uint8_t* out);
 
 // A PC that has a volume mounted says so in the boot sector, or by clearing bits of the FAT's
 // second entry, and takes it back when it lets go of it in order.
@@ -84,7 +88,8 @@ struct DirectoryFile {
 // All files up to the directory's end; labels, directories and deleted files are passed over.
 std::vector<DirectoryFile> decodeRootDirectory(const uint8_t* bytes, size_t length);
 
-// Names of what lies in a root directory beside chunk files and label: files, and folders.
+// Names of what lies in a root directory beside what the formatter puts there (chunk files, label
+// and README.TXT): files, and folders.
 std::vector<std::string> foreignNames(const uint8_t* bytes, size_t length);
 
 // Bytes of the info file in use: the length and nine records.

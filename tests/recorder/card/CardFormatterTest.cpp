@@ -16,6 +16,7 @@
 #include "fat/CFATAccess.h"
 #include "recorder/card/CardFormatter.h"
 #include "recorder/card/CardInfo.h"
+#include "recorder/card/CardReadme.h"
 #include "recorder/check/CardHoldings.h"
 #include "support/IoFaults.h"
 #include "support/Shell.h"
@@ -160,6 +161,50 @@ TEST(CardFormatterTest, ToolsForFat32FindNothingWrong) {
   EXPECT_EQ(names.exitCode, 0) << names.output;
   EXPECT_THAT(names.output, HasSubstr("r/r 3:\tTAIF0000\n"));
   EXPECT_THAT(names.output, HasSubstr("CKDL0003\n"));
+}
+
+TEST(CardFormatterTest, AReadmeTellsWhatTheCardIsAndMovesNothing) {
+  for (const uint32_t clusterBytes : {512u, 0u}) {
+    CardRequest request = smallCard();
+    request.clusterBytes = clusterBytes;
+    if (clusterBytes == 0) request.sizeBytes = 256 * kMiB;
+    const CardLayout layout = format(request);
+    const ReadmePlace place = placeOfReadme(layout);
+    ASSERT_NE(place.byte, 0u);
+    ASSERT_EQ(place.clusters, clusterBytes == 0 ? 1u : 3u);
+    for (int type = 0; type < kFileTypeCount; ++type) {
+      const CardFamily& family = layout.family(type);
+      const bool apart = place.byte >= family.startByte() + family.bytes() ||
+                         place.byte + place.clusters * layout.clusterBytes() <= family.startByte();
+      EXPECT_TRUE(apart) << type;
+    }
+    const ShellResult list = shell("mdir -b -i /dev/sdblk0p1 ::/");
+    EXPECT_EQ(list.output.substr(0, 12), "::/TAIF0000\n");
+    EXPECT_THAT(list.output, ::testing::EndsWith("\n::/README.TXT\n"));
+    EXPECT_EQ(shell("mtype -i /dev/sdblk0p1 ::README.TXT").output, readmeText());
+    const ShellResult check = shell("fsck.fat -n /dev/sdblk0p1");
+    EXPECT_EQ(check.exitCode, 0) << check.output;
+  }
+  EXPECT_THAT(readmeText(), HasSubstr("do not\r\n- delete"));
+}
+
+// Other people's cards, and those of before, have none; one without room for it gets none.
+TEST(CardFormatterTest, ADirectoryWithoutRoomForItGetsNoReadme) {
+  CardRequest request = smallCard();
+  request.clusterBytes = 512;
+  request.families[kFileJournal].chunks = 5;
+  // Sixteen entries fill a cluster: a pair of chunks more each time, until only the end has room.
+  for (uint64_t chunks = 1; chunks < 17; ++chunks) {
+    request.families[kFileStream].chunks = chunks;
+    FormatOptions anew;
+    anew.force = true;
+    const CardLayout layout = format(request, anew);
+    const bool full = (layout.rootEntries() + 1) * 32 == layout.rootBytes();
+    EXPECT_EQ(placeOfReadme(layout).byte == 0, full) << chunks;
+    EXPECT_EQ(familiesThatOpen(), kFileTypeCount);
+    if (full) return;
+  }
+  FAIL() << "no directory was full";
 }
 
 TEST(CardFormatterTest, NamesBeyondFourDigitsAreLongNamesOfAValidVolume) {
@@ -458,8 +503,9 @@ TEST(CardFormatterTest, ACardAtWhichNobodyLookedCountsAsOneWithRecordings) {
   std::string error;
   ASSERT_EQ(formatter.format(kCard, smallCard(), {}, &error), 0) << error;
   EXPECT_EQ(formatter.format(kCard, smallCard(), {}, &error), -1);
-  EXPECT_EQ(error,
-            "nobody looked whether /dev/sdblk0p1 holds recordings; force the format to overwrite it");
+  EXPECT_EQ(
+      error,
+      "nobody looked whether /dev/sdblk0p1 holds recordings; force the format to overwrite it");
 }
 
 TEST(CardFormatterTest, ACardThatAnotherToolUsesIsBusy) {

@@ -155,8 +155,7 @@ TEST_F(CardRepairTest, ADirectoryEntryBecomesAsTheInfoFileHasIt) {
 TEST_F(CardRepairTest, AWholeSectorOfTheDirectoryIsMadeAnewFromTheInfoFile) {
   Bytes noise(512);
   for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<uint8_t>(i * 73 + 29);
-  uint64_t used = dataByte();
-  while (before_[static_cast<size_t>(used)] != 0) used += 512;
+  const uint64_t used = entryByte("README  TXT") / 512 * 512 + 512;
   ASSERT_GT(used - dataByte(), 512u);
   for (uint64_t sector = dataByte(); sector < used; sector += 512) {
     for (const Bytes& damage : {Bytes(512, 0), Bytes(512, 0xFF), noise}) {
@@ -220,9 +219,21 @@ TEST_F(CardThatAPcHad, KeepsThePcsMarkWhereItsBootSectorIsMended) {
 
 TEST_F(CardThatAPcHad, KeepsThePcsFolderBesideAnEntryOfOursThatIsMadeAnew) {
   ASSERT_NE(end_ % 512, 0u);
-  write(end_ - 32, Bytes(32, 0xFF));
+  // The readme is the last one.
+  const uint64_t last = entryByte("README  TXT") - 32;
+  write(last, Bytes(32, 0xFF));
   ASSERT_FALSE(fits());
   expectMended("the root directory gets 1 sector of entries anew, from the info file\n");
+}
+
+TEST_F(CardThatAPcHad, AReadmeThatWasDeletedStaysDeleted) {
+  const uint64_t entry = entryByte("README  TXT");
+  const uint64_t cluster = tarn::getLe16(before_.data() + entry + 26);
+  const uint64_t fatBytes = uint64_t{tarn::getLe32(before_.data() + 36)} * 512;
+  for (const uint64_t fat : {fatByte(), fatByte() + fatBytes})
+    write(fat + cluster * 4, Bytes(12, 0));
+  write(entry, Bytes{0xE5});
+  EXPECT_EQ(mend(), "");
 }
 
 TEST_F(CardThatAPcHad, KeepsThePcsLinksBesideAnEntryOfOursThatIsMended) {
