@@ -28,18 +28,23 @@ class SentMovie : public MediaOutput {
     }));
   }
   bool describe(size_t track, const OutputPicture& first) override {
+    firstUs_ = first.presentation.totalMicros();
+    hasPictures_ = true;
     return told(movie_.describe(track, first));
   }
   bool write(const OutputPicture& picture, size_t track) override {
     return begin() && told(movie_.write(picture, track));
   }
   bool describe(size_t track, const OutputSound& first) override {
+    if (!hasPictures_) firstUs_ = first.time.totalMicros();
     return told(movie_.describe(track, first));
   }
   bool write(const OutputSound& sound, size_t track) override {
     return begin() && told(movie_.write(sound, track));
   }
   bool complete() override { return told(movie_.finish()); }
+  // Of its pictures, where it has any, else of its sound.
+  int64_t firstUs() const { return firstUs_; }
 
  private:
   // As an export has it, the seal stands in front of the pictures.
@@ -55,6 +60,8 @@ class SentMovie : public MediaOutput {
   const ByteSink sink_;
   ClipSeal* const seal_;
   bool begun_ = false;
+  bool hasPictures_ = false;
+  int64_t firstUs_ = 0;
   FragmentedMovie movie_;
 };
 
@@ -88,6 +95,7 @@ bool ArchiveClip::writeTracks(ChannelTracks* channel, const ByteSink* sink) {
   for (size_t i = 0; i < tracks.size(); ++i) {
     if (!tracks[i]->describe(&movie, i)) return failed(movie.error());
   }
+  line_.firstUs = movie.firstUs();
   TrackTurns turns(tracks);
   while (turns.hasNext()) {
     if (!turns.piece().write(&movie, turns.track())) return failed(movie.error());

@@ -28,6 +28,7 @@ std::string textIn(const Json& json, const char* name) {
 void addObject(Json* json, const ArchiveLine& line) {
   (*json)["media"] = line.media;
   (*json)["object"] = line.object;
+  if (line.firstUs != 0) (*json)["firstUs"] = line.firstUs;
   (*json)["bytes"] = line.bytes;
   (*json)["sha256"] = line.hashes.sha256;
   (*json)["sha1"] = line.hashes.sha1;
@@ -51,6 +52,7 @@ void addText(Json* json, const char* name, const std::string& text) {
 void takeObject(const Json& json, ArchiveLine* line) {
   line->media = textIn(json, "media");
   line->object = textIn(json, "object");
+  line->firstUs = static_cast<int64_t>(numberIn(json, "firstUs"));
   line->bytes = numberIn(json, "bytes");
   line->hashes = {textIn(json, "md5"), textIn(json, "sha1"), textIn(json, "sha256")};
   line->pictures = numberIn(json, "pictures");

@@ -25,6 +25,7 @@ struct TARN_API ArchiveLine {
   uint32_t preSeconds = 0;  // of an event
   std::string media;        // "video" or "sound"
   std::string object;       // its name; "" without one
+  int64_t firstUs = 0;      // when its first picture, or frame, begins, since 1970; 0: not told
   uint64_t bytes = 0;
   ContentHashes hashes;
   uint64_t pictures = 0;

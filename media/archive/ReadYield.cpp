@@ -25,8 +25,30 @@ constexpr int kMostPauses = 40;  // two seconds; then it goes on, or a busy card
 // A write that takes this many times as long as usual, and this much longer, is slow.
 constexpr double kSlowTimes = 2;
 constexpr double kSlowMs = 5;
+// Of a pause in which others kept the device busy for longer than this part another one follows.
+constexpr int64_t kBusyPart = 2;
 constexpr double kForgetting = 1.02;  // of what is usual, a look: a card gets slower as it ages
 constexpr int kNicest = 19;
+
+// Of the kernel's line: reads, merged, sectors, milliseconds, and the same of writes; those under
+// way, and milliseconds in which there were any.
+struct Counts {
+  uint64_t writes = 0;
+  uint64_t writeMs = 0;
+  uint64_t busyMs = 0;
+
+  bool read(const std::string& line) {
+    std::istringstream fields(line);
+    uint64_t field[10] = {};
+    for (uint64_t& one : field) {
+      if (!(fields >> one)) return false;
+    }
+    writes = field[4];
+    writeMs = field[7];
+    busyMs = field[9];
+    return true;
+  }
+};
 
 void pauseFor(int64_t us) { std::this_thread::sleep_for(std::chrono::microseconds(us)); }
 
@@ -47,29 +69,36 @@ std::string ReadYield::statisticsOf(const std::string& device) {
          std::to_string(minor(status.st_rdev)) + "/stat";
 }
 
-// Fields of the kernel's: reads, merged, sectors, milliseconds, and the same of writes.
-bool ReadYield::areWritesSlow(const std::string& line) {
-  std::istringstream fields(line);
-  uint64_t field[8] = {};
-  for (uint64_t& one : field) {
-    if (!(fields >> one)) return false;
-  }
-  const uint64_t writes = field[4] - writes_;
-  const uint64_t ms = field[7] - writeMs_;
-  const bool first = !known_;
+bool ReadYield::isTaken(const std::string& before, const std::string& behind, int64_t pausedUs) {
+  Counts first;
+  Counts now;
+  if (!first.read(before) || !now.read(behind)) return false;
+  const auto busyUs = static_cast<int64_t>(now.busyMs - first.busyMs) * 1000;
+  const uint64_t writes = now.writes - writes_;
+  const uint64_t ms = now.writeMs - writeMs_;
+  const bool anew = !known_;
   known_ = true;
-  writes_ = field[4];
-  writeMs_ = field[7];
-  if (first || writes == 0) return false;
+  writes_ = now.writes;
+  writeMs_ = now.writeMs;
+  if (busyUs > pausedUs / kBusyPart) return true;
+  if (anew || writes == 0) return false;
   const double each = static_cast<double>(ms) / static_cast<double>(writes);
   usualMs_ = usualMs_ == 0 ? each : std::min(each, usualMs_ * kForgetting);
   return each > usualMs_ * kSlowTimes + kSlowMs;
 }
 
-bool ReadYield::areWritesSlow() {
+std::string ReadYield::look() const {
   std::string line;
   std::ifstream file(statistics_);
-  return std::getline(file, line) && areWritesSlow(line);
+  std::getline(file, line);
+  return line;
+}
+
+bool ReadYield::isTaken() {
+  const std::string before = look();
+  const int64_t fromUs = monotonicUs();
+  pauseFor(kPauseUs);
+  return isTaken(before, look(), monotonicUs() - fromUs);
 }
 
 void ReadYield::rest() {
@@ -78,7 +107,8 @@ void ReadYield::rest() {
   if (worked < kWorkUs) return;
   pauseFor(worked);
   if (!statistics_.empty() && now - lookedUs_ >= kLookUs) {
-    for (int i = 0; i < kMostPauses && areWritesSlow(); ++i) pauseFor(kPauseUs);
+    for (int i = 0; i < kMostPauses && isTaken(); ++i) {
+    }
     lookedUs_ = monotonicUs();
   }
   sinceUs_ = monotonicUs();

@@ -8,7 +8,8 @@
 namespace tarn {
 
 // Makes way for whoever records on the same card: rests as long as it has worked, and while the
-// device takes longer over writes than it does otherwise. Used by one thread.
+// device has enough to do without it, or takes longer over writes than it does otherwise. Used by
+// one thread.
 class TARN_API ReadYield {
  public:
   // `statistics`: the device's file of the kernel's, see statisticsOf(); "" where there is none,
@@ -21,12 +22,13 @@ class TARN_API ReadYield {
 
   // What the kernel counts of a block device, and of what is no device "".
   static std::string statisticsOf(const std::string& device);
-  // Of a line of it: whether writes are slow now, by the ones since the last call. Told apart for
-  // tests.
-  bool areWritesSlow(const std::string& line);
+  // Of two lines of it, in front of a pause of so many microseconds and behind it: whether the
+  // device belongs to others just now. Told apart for tests.
+  bool isTaken(const std::string& before, const std::string& behind, int64_t pausedUs);
 
  private:
-  bool areWritesSlow();
+  bool isTaken();
+  std::string look() const;
 
   const std::string statistics_;
   int64_t sinceUs_;       // monotonic, when work began

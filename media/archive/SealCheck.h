@@ -19,6 +19,8 @@ class SealCheck {
   bool trust(const std::vector<std::string>& authorities);
   // Whether a clip is to be looked at.
   bool isAsked(const ArchiveLine& line) const { return line.sealed || trusts_; }
+  // The same of a copy of it that lies here: what is wrong with its seal.
+  std::string whyNot(const std::string& path, const ArchiveLine& line) const;
   // Looks at a clip, of which the bytes are known to be those of its line. *finding: what is wrong
   // with its seal; "" when nothing is. False with error() set when it could not be read.
   bool prove(const ArchiveLine& line, std::string* finding);
@@ -26,7 +28,6 @@ class SealCheck {
 
  private:
   bool fail(const std::string& text);
-  std::string whyNot(const std::string& path, const ArchiveLine& line) const;
 
   ArchiveStore* store_;
   FileVerifier verifier_;

@@ -5,10 +5,12 @@
 #include "Command.h"
 #include "Console.h"
 #include "RecorderHint.h"
+#include "dblog/CDbLog.h"
 #include "media/archive/ArchiveFollower.h"
 #include "media/archive/ArchiveStore.h"
 #include "media/archive/ArchiveVerifier.h"
 #include "media/archive/CardArchiver.h"
+#include "media/archive/CardRestorer.h"
 #include "recorder/card/CardText.h"
 #include "recorder/card/TimeZone.h"
 #include "video/ArchiveConfig.h"
@@ -58,16 +60,21 @@ class CommandArchive : public Command {
                   "Do not read back what a remote without hashes has taken");
     seal_.addTo(app, false);
     app->add_option("--ca", authorities_,
-                    "With --verify: certificates to believe, PEM: one of them must vouch for the "
+                    "With --verify and --restore: certificates to believe, PEM: one of them must "
+                    "vouch for the "
                     "seal of every clip")
         ->type_name("FILE");
+    app->add_flag(
+        "--restore", restore_,
+        "The other way round: put what an archive has back onto a card, each clip once it "
+        "is proven");
     app->add_flag("--dry-run", settings_.dryRun, "Only say what would be sent");
     app->add_flag("--json", json_, "Print as JSON what was done");
     return app;
   }
 
-  bool changesCard() const override { return false; }
-  bool asksServer() const override { return false; }
+  bool changesCard() const override { return restore_; }
+  bool asksServer() const override { return restore_; }
   bool needsRecorder() const override { return !verify_ && !checkConfig_; }
 
   bool sortWords(const WordsAsGiven& /*given*/, std::string* error) override {
@@ -76,11 +83,15 @@ class CommandArchive : public Command {
     if (checkConfig_ && !words_.empty())
       *error = "--check-config: a PLACE is not the configuration's";
     if (!error->empty() || (words_.empty() && !takeConfig(error))) return false;
-    if (!words_.empty()) settings_.place = words_.back();
+    if (!words_.empty()) settings_.place = restore_ ? words_.front() : words_.back();
     while (settings_.place.size() > 1 && settings_.place.back() == '/') settings_.place.pop_back();
     if (settings_.place.empty()) *error = "say where the archive is";
-    if (words_.size() == 2) card_ = words_.front();
-    if (!verify_ && !authorities_.empty()) *error = "--ca is for --verify";
+    if (words_.size() == 2) card_ = restore_ ? words_.back() : words_.front();
+    if (!verify_ && !restore_ && !authorities_.empty())
+      *error = "--ca is for --verify and --restore";
+    if (restore_ && (verify_ || follow_ || settings_.dryRun || settings_.trustSize ||
+                     settings_.whileRecording || settings_.bytesPerSecond != 0 || seal_.asked()))
+      *error = "--restore takes from an archive, and sends nothing";
     if (verify_ && (settings_.since || settings_.dryRun || settings_.trustSize ||
                     settings_.bytesPerSecond != 0 || seal_.asked()))
       *error = "--verify compares all of an archive, and sends nothing";
@@ -100,6 +111,7 @@ class CommandArchive : public Command {
   int run() override {
     if (checkConfig_) return tellConfig();
     if (verify_) return verify();
+    if (restore_) return restore();
     // Findings tell times, and an archive has those of UTC.
     std::string ignored;
     TimeZone::choose("UTC", &ignored);
@@ -134,6 +146,46 @@ class CommandArchive : public Command {
                    : "at most " + sizeText(settings_.bytesPerSecond) + " a second",
                settings_.seal ? "sealed with " + settings_.seal->key : "not sealed");
     return kExitGood;
+  }
+
+  int restore() {
+    CardRestorer::Settings settings;
+    settings.place = settings_.place;
+    settings.recorder = settings_.recorder;
+    settings.since = settings_.since;
+    settings.authorities = authorities_;
+    settings.patienceSeconds = settings_.patienceSeconds;
+    CardRestorer restorer(settings);
+    bool good = false;
+    {
+      ProgressLine line;
+      good =
+          restorer.run(stopRequested, [&line](const std::string& clip, size_t done, size_t clips) {
+            line.show(fmt::format("{} of {}: {}", done, clips, clip));
+          });
+    }
+    CDbLog::getInstance()->finish();
+    tellRestored(restorer.report());
+    if (*restorer.error() != '\0') complain(withHint(restorer.error()));
+    return good ? kExitGood : kExitFailed;
+  }
+
+  void tellRestored(const CardRestorer::Report& report) const {
+    nlohmann::ordered_json failures = nlohmann::ordered_json::array();
+    for (const auto& one : report.failures)
+      failures.push_back({{"object", one.object}, {"reason", one.reason}});
+    if (json_) {
+      const nlohmann::ordered_json json = {{"schema", 1},
+                                           {"restored", report.restored},
+                                           {"present", report.present},
+                                           {"events", report.events},
+                                           {"failed", failures}};
+      fmt::print("{}\n", json.dump(2));
+    } else {
+      fmt::print("{} recordings restored, {} were there already, {} events\n",
+                 report.restored.size(), report.present, report.events);
+    }
+    for (const auto& one : report.failures) complain(one.object + " " + one.reason);
   }
 
   int follow() {
@@ -245,6 +297,7 @@ class CommandArchive : public Command {
   uint32_t everySeconds_ = kArchiveEverySeconds;
   bool checkConfig_ = false;
   bool follow_ = false;
+  bool restore_ = false;
   bool verify_ = false;
   bool json_ = false;
 };

@@ -1,0 +1,198 @@
+#include "media/archive/CardRestorer.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "base/UniqueFd.h"
+#include "media/archive/ArchiveNames.h"
+#include "media/archive/ArchivedClips.h"
+#include "media/archive/ClipRecorder.h"
+#include "media/archive/ContentHasher.h"
+#include "media/archive/RestoreTarget.h"
+#include "media/archive/SealCheck.h"
+#include "recorder/card/DeviceIo.h"
+#include "recorder/card/NoThrow.h"
+
+namespace tarn {
+namespace {
+
+constexpr char kErrNoChannel[] = "the archive does not tell of which channel it is";
+
+}  // namespace
+
+class CardRestorer::Impl {
+ public:
+  explicit Impl(const Settings& settings) : settings_(settings) {}
+  bool run(const StopAsked& stopAsked, const Progress& progress);
+  bool failForMemory() {
+    noMemory_ = true;
+    return false;
+  }
+  const char* error() const { return noMemory_ ? kErrNoMemory : error_.c_str(); }
+  const Report& report() const { return report_; }
+
+ private:
+  bool fail(const std::string& text);
+  bool refuse(const ArchiveLine& line, const std::string& reason);
+  bool isWanted(const ArchiveLine& line) const;
+  bool restoreClips(const std::vector<ArchiveLine>& clips);
+  bool restore(const ArchiveLine& line);
+  bool record(const ArchiveLine& line, const std::vector<uint32_t>& leftOver);
+  bool takeBack(const ArchiveLine& line, const std::vector<uint32_t>& before);
+  bool fetch(const ArchiveLine& line, int file, bool* good);
+  bool restoreEvents(const std::vector<ArchiveLine>& events);
+
+  const Settings settings_;
+  StopAsked stopAsked_;
+  Progress progress_;
+  std::unique_ptr<ArchiveStore> store_;
+  std::unique_ptr<SealCheck> seals_;
+  RestoreTarget target_;
+  Report report_;
+  std::string error_;
+  bool noMemory_ = false;
+};
+
+bool CardRestorer::Impl::fail(const std::string& text) {
+  error_ = text;
+  return false;
+}
+
+// One clip that is not what it should be is no reason to leave out the others.
+bool CardRestorer::Impl::refuse(const ArchiveLine& line, const std::string& reason) {
+  report_.failures.push_back({line.object, reason});
+  return true;
+}
+
+bool CardRestorer::Impl::isWanted(const ArchiveLine& line) const {
+  return !settings_.since || settings_.since->totalMicros() <= line.endMs * 1000 + 999;
+}
+
+// A copy of its own, whose bytes are proven: what is looked at is what is recorded.
+bool CardRestorer::Impl::fetch(const ArchiveLine& line, int file, bool* good) {
+  ContentHasher hasher;
+  ContentHashes hashes;
+  uint64_t failed = 0;
+  int reason = 0;
+  const bool got = store_->get(line.object, [&](const uint8_t* data, size_t size) {
+    if (!writeFully(file, hasher.bytes(), data, size, &failed)) reason = errno;
+    hasher.add(data, size);
+    return reason == 0 && !(stopAsked_ && stopAsked_());
+  });
+  if (reason != 0) return fail(std::string("cannot keep a copy of a clip: ") + strerror(reason));
+  if (stopAsked_ && stopAsked_()) return fail(kErrRestoreStopped);
+  if (!got) return fail(store_->error());
+  if (!hasher.finish(&hashes)) return fail("SHA-256 of " + line.object + " cannot be made");
+  *good = hasher.bytes() == line.bytes && hashes.sha256 == line.hashes.sha256;
+  return true;
+}
+
+// What a run that was interrupted has left of it goes once the whole is there: at no moment less of
+// it is on the card.
+bool CardRestorer::Impl::record(const ArchiveLine& line, const std::vector<uint32_t>& leftOver) {
+  std::error_code none;
+  const std::string folder = std::filesystem::temp_directory_path(none).string();
+  const UniqueFd copy(::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+  if (!copy.valid()) return fail("cannot keep a clip in " + folder + ": " + strerror(errno));
+  bool good = false;
+  if (!fetch(line, copy.get(), &good)) return false;
+  if (!good) return refuse(line, "is not what the archive says of it");
+  const std::string path = "/proc/self/fd/" + std::to_string(copy.get());
+  const std::string wrong = seals_->isAsked(line) ? seals_->whyNot(path, line) : "";
+  if (!wrong.empty()) return refuse(line, wrong);
+  ClipRecorder recorder(path, line, stopAsked_);
+  if (!recorder.run() && !recorder.isOfClip()) return fail(recorder.error());
+  if (!recorder.error().empty()) return takeBack(line, leftOver) && refuse(line, recorder.error());
+  for (const uint32_t key : leftOver) {
+    if (!target_.remove(key)) return fail(target_.error());
+  }
+  report_.restored.push_back(line.object);
+  return true;
+}
+
+// What was recorded of a clip that then proved to be none.
+bool CardRestorer::Impl::takeBack(const ArchiveLine& line, const std::vector<uint32_t>& before) {
+  if (!target_.read()) return fail(target_.error());
+  for (const uint32_t key : target_.keysOf(line)) {
+    const bool isNew = std::find(before.begin(), before.end(), key) == before.end();
+    if (isNew && !target_.remove(key)) return fail(target_.error());
+  }
+  return true;
+}
+
+bool CardRestorer::Impl::restore(const ArchiveLine& line) {
+  std::vector<uint32_t> leftOver;
+  if (line.channel < 0) return refuse(line, kErrNoChannel);
+  if (!target_.read()) return fail(target_.error());
+  if (target_.has(line, &leftOver)) {
+    ++report_.present;
+    return true;
+  }
+  if (!target_.hasRoomFor(line)) return fail(target_.error());
+  return record(line, leftOver);
+}
+
+bool CardRestorer::Impl::restoreClips(const std::vector<ArchiveLine>& clips) {
+  size_t done = 0;
+  for (const ArchiveLine& line : clips) {
+    if (stopAsked_ && stopAsked_()) return fail(kErrRestoreStopped);
+    if (progress_) progress_(line.object, done++, clips.size());
+    if (isWanted(line) && !restore(line)) return false;
+  }
+  return true;
+}
+
+bool CardRestorer::Impl::restoreEvents(const std::vector<ArchiveLine>& events) {
+  if (!target_.read()) return fail(target_.error());
+  for (const ArchiveLine& event : events) {
+    if (!isWanted(event) || target_.hasEvent(event)) continue;
+    if (!target_.addEvent(event)) return fail(target_.error());
+    ++report_.events;
+  }
+  return true;
+}
+
+bool CardRestorer::Impl::run(const StopAsked& stopAsked, const Progress& progress) {
+  stopAsked_ = stopAsked;
+  progress_ = progress;
+  if (!settings_.recorder.empty() && !isRecorderName(settings_.recorder))
+    return fail(kErrRecorderName);
+  store_ = ArchiveStore::open(settings_.place, &error_);
+  if (store_ == nullptr) return false;
+  store_->waitAtMost(settings_.patienceSeconds);
+  seals_ = std::make_unique<SealCheck>(store_.get());
+  if (!seals_->trust(settings_.authorities)) return fail(seals_->error());
+  ArchivedClips clips(store_.get());
+  if (!clips.read(settings_.recorder, stopAsked_))
+    return fail(settings_.place + ": " + clips.error());
+  return restoreClips(clips.recordings()) && restoreEvents(clips.events()) &&
+         report_.failures.empty();
+}
+
+CardRestorer::CardRestorer(const Settings& settings) noexcept {
+  impl_ = orNoMemory(
+      "CardRestorer", [&] { return std::make_unique<Impl>(settings); },
+      [] { return std::unique_ptr<Impl>(); });
+}
+
+CardRestorer::~CardRestorer() = default;
+
+bool CardRestorer::run(const StopAsked& stopAsked, const Progress& progress) noexcept {
+  if (!impl_) return false;
+  return orNoMemory(
+      "CardRestorer::run", [&] { return impl_->run(stopAsked, progress); },
+      [this] { return impl_->failForMemory(); });
+}
+
+const CardRestorer::Report& CardRestorer::report() const noexcept {
+  static const Report none;
+  return impl_ ? impl_->report() : none;
+}
+
+const char* CardRestorer::error() const noexcept { return impl_ ? impl_->error() : kErrNoMemory; }
+
+}  // namespace tarn
