@@ -1,13 +1,16 @@
 #include "damage/SmallCard.h"
 
+#include <algorithm>
 #include <memory>
 #include <sstream>
 
 #include "powercut/Checks.h"
+#include "powercut/Keeper.h"
 #include "powercut/LogLife.h"
 #include "powercut/ReadFaults.h"
 #include "powercut/Script.h"
 #include "recorder/card/CardInfo.h"
+#include "recorder/recording/KeptRow.h"
 
 using namespace powercut;
 
@@ -18,6 +21,7 @@ constexpr uint32_t kRecordings = 36;    // of which the last 20 or more are left
 constexpr uint32_t kPictures = 10;      // of each
 constexpr uint32_t kOpenPictures = 29;  // in full rings, a row of each ten: nine of the last one
 constexpr size_t kLeast = 20;
+constexpr auto kCopies = 3;
 constexpr uint16_t kTrigger = 3;
 
 void recordOne(Recorder* recorder, uint32_t index) {
@@ -30,11 +34,18 @@ void recordOne(Recorder* recorder, uint32_t index) {
   recorder->close(session);
 }
 
+// Of recordings that the ring takes later, and of one that stays.
+bool isKept(uint32_t index) { return index == 5 || index == 8 || index == kRecordings - 3; }
+
 // Two recordings and two events under way, when power goes.
 std::vector<uint8_t> recordUntilCut(Recorded* life, SmallCard* card) {
   const Server server;
   Recorder recorder(life);
-  for (uint32_t index = 0; index < kRecordings; ++index) recordOne(&recorder, index);
+  Keeper keeper(life);
+  for (uint32_t index = 0; index < kRecordings; ++index) {
+    recordOne(&recorder, index);
+    if (isKept(index)) keeper.keep(index * kPictures, (index + 1) * kPictures - 1);
+  }
   logLife(life, 0);
   const uint32_t first = kRecordings * kPictures;
   const size_t one = recorder.open(0);
@@ -96,7 +107,7 @@ std::vector<uint8_t> logBytes() {
 
 SmallCard makeSmallCard() {
   SmallCard card;
-  shape() = {65536, 8192, 4, 2048};
+  shape() = {65536, 8192, 5, 2048};
   formatCard();
   boot();
   Recorded life;
@@ -116,6 +127,8 @@ SmallCard makeSmallCard() {
     require(found, "an interrupted recording does not come back: " + std::to_string(key));
   }
   require(card.cut.streams.front().streamID > 1, "nothing had to make room");
+  const auto copies = std::count_if(card.cut.streams.begin(), card.cut.streams.end(), tarn::isKept);
+  require(copies == kCopies, "copies that are kept: " + std::to_string(copies));
   cleanStop();
   const Card& now = Card::get();
   card.stopped = startWhole({now.bytes(), now.bytes() + now.size()});

@@ -31,8 +31,9 @@ struct SmallCard {
   Whole stopped;  // a clean stop: the database's image is there
 };
 
-// Two channels, rings and journals that have come round, events, a system log. Throws when the
-// undamaged card does not give back what was recorded.
+// Two channels, rings and journals that have come round, events, kept copies of some, of which two
+// are all that is left; a system log. Throws when the undamaged card does not give back what was
+// recorded.
 SmallCard makeSmallCard();
 
 // What describeCard() says, but for the image, and how far the system log goes.
