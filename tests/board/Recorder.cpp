@@ -1,14 +1,16 @@
 // board-recorder: what a recorder's program does on the board of tests/board/run, and the check of
 // what it finds after the power was cut. Reports on standard output, which is the serial console.
 //
-//   board-recorder record SESSION SECONDS BITRATE [burst]   as a camera would deliver; burst: at
-//   once board-recorder verify                                   every picture of every row, to the
-//   byte
+//   board-recorder record SESSION SECONDS BITRATE [burst]   as a camera delivers; burst: at once
+//   board-recorder early SESSION SECONDS BITRATE            as a camera delivers, from now on, and
+//                                                           until so long after a server is there
+//   board-recorder verify                                   every picture of every row, to the byte
 
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -16,11 +18,16 @@
 #include <fstream>
 #include <map>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/Endian.h"
 #include "dblog/CDbLog.h"
 #include "recorder/recording/RecordingReader.h"
+#include "recorder/rows/ServerPatience.h"
+#include "recorder/rows/ServerProbe.h"
+#include "recorder/session/PictureQueue.h"
 #include "recorder/session/RecordingSession.h"
 
 namespace {
@@ -163,6 +170,67 @@ int record(uint32_t number, uint32_t seconds, uint32_t bitrate, bool burst) {
   return 0;
 }
 
+// An encoder that sends from the first moment on, in a thread of its own.
+class Encoder {
+ public:
+  Encoder(uint32_t session, uint32_t bitrate, tarn::PictureQueue* queue)
+      : session_(session), fixture_(bitrate), queue_(queue), thread_([this] { run(); }) {}
+  ~Encoder() { stop(); }
+  void stop() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+  }
+  uint32_t sent() const { return sent_; }
+
+ private:
+  void run() {
+    for (const int64_t begin = now(); !stop_; ++sent_) {
+      const int64_t wait = begin + int64_t{sent_} * kMicros / kRate - now();
+      if (wait > 0) usleep(static_cast<useconds_t>(wait));
+      tarn::PictureQueue::Picture picture;
+      picture.annexB = fixture_.picture(session_, sent_);
+      picture.presentation = timeOf(session_, sent_);
+      picture.key = isKey(sent_);
+      queue_->add(std::move(picture));
+    }
+  }
+
+  const uint32_t session_;
+  Fixture fixture_;
+  tarn::PictureQueue* queue_;
+  std::atomic<uint32_t> sent_{0};
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// The start-up is still at work: nothing of the card is touched before there is a server.
+int recordEarly(uint32_t number, uint32_t seconds, uint32_t bitrate) {
+  const int64_t begin = now();
+  tarn::PictureQueue queue;
+  Encoder encoder(number, bitrate, &queue);
+  const std::atomic<bool> never{false};
+  tarn::waitForServerForever(true);
+  tarn::awaitServer(never);
+  tarn::RecordingSession session;
+  tarn::RecordingOptions options;
+  options.bitrate = bitrate;
+  if (session.open(options) != 0) return fail("open", session);
+  printf("BOARD early waited-ms %" PRId64 " pictures %zu KiB %zu\n", (now() - begin) / 1000,
+         queue.pictures(), queue.bytes() / 1024);
+  reportMemory("waited");
+  const int64_t opened = now();
+  while (now() - opened < seconds * kMicros) {
+    if (queue.handOver(&session) != 0) return fail("write", session);
+    usleep(20000);
+  }
+  encoder.stop();
+  if (queue.handOver(&session) != 0 || session.close() != 0) return fail("close", session);
+  CDbLog::getInstance()->finish();
+  printf("BOARD early sent %" PRIu32 " confirmed %" PRIu64 " dropped %" PRIu64 "\n", encoder.sent(),
+         session.statistics().confirmed, queue.dropped().pictures);
+  return 0;
+}
+
 // Pictures of a session that came back.
 struct Found {
   uint32_t first = 0, last = 0, rows = 0;
@@ -235,6 +303,8 @@ int main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
   if (argc >= 5 && strcmp(argv[1], "record") == 0)
     return record(numberOf(argv[2]), numberOf(argv[3]), numberOf(argv[4]), argc > 5);
+  if (argc == 5 && strcmp(argv[1], "early") == 0)
+    return recordEarly(numberOf(argv[2]), numberOf(argv[3]), numberOf(argv[4]));
   if (argc == 2 && strcmp(argv[1], "verify") == 0) return Verifier().run();
   return 2;
 }

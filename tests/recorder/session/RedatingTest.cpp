@@ -1,5 +1,8 @@
 #include <syslog.h>
 
+#include <cstdio>
+#include <cstring>
+
 #include "db/DbRecordFormat.h"
 #include "db/RowStatus.h"
 #include "recorder/CheckRig.h"
@@ -189,6 +192,76 @@ TEST_F(Redating, ProcessThatWasStartedAgainRedatesWhatTheFirstOneRecorded) {
   expectTimes(rows[0], kBoot + kStep, 0);
   ASSERT_EQ(1u, allEvents().size());
   EXPECT_EQ(at(kBoot + kStep, 10).seconds, allEvents()[0].startDate);
+}
+
+// The log's line says all that it takes: the channel, the keys and the seconds.
+TEST_F(Redating, TheLogsRecordOfItTakesItBack) {
+  std::vector<DB_STREAM> rows;
+  std::vector<DB_EVENT> events;
+  {
+    RecordingSession session;
+    RecordingSession other;
+    ASSERT_EQ(0, session.open(options(0)));
+    ASSERT_EQ(0, other.open(options(1)));
+    recordPictures(session, kBoot, 0, 100);
+    recordPictures(other, kBoot, 0, 50);
+    const uint32_t event = session.beginEvent(7, at(kBoot, 60), 1);
+    ASSERT_EQ(0, session.endEvent(event, at(kBoot, 90)));
+    ASSERT_EQ(0, session.clockStepped(1));  // what is closed now is what is moved then
+    ASSERT_EQ(0, session.close());
+    ASSERT_EQ(0, other.close());
+  }
+  rows = allStreams();
+  events = allEvents();
+  tarn::ClockEras::forget();
+  tarn::ClockEras::enter(0, {1, 1});
+  {
+    RecordingSession session;
+    ASSERT_EQ(0, session.open(options(0)));
+    ASSERT_EQ(0, session.clockBecameKnown(kStep * kSecond));
+    ASSERT_EQ(0, session.close());
+  }
+  int channel = -1;
+  unsigned first = 0, last = 0, firstEvent = 0, lastEvent = 0, moved = 0, movedEvents = 0;
+  long long seconds = 0;
+  for (const LogLine& line : log_.lines())
+    sscanf(
+        line.text.c_str(),
+        "RecordingSession: channel %d: re-dated %u of recordings %u to %u and %u of events %u to "
+        "%u by %lld s",
+        &channel, &moved, &first, &last, &movedEvents, &firstEvent, &lastEvent, &seconds);
+  EXPECT_EQ(kStep, seconds);
+  CApiDb db;
+  tarn::JournaledRows changes(&db);
+  for (const DB_STREAM& row : allStreams()) {
+    const bool ofChannel = row.chunkID == rows[0].chunkID && channel == 0;
+    if (row.streamID < first || row.streamID > last || !ofChannel) continue;
+    DB_STREAM back = row;
+    back.startDate -= static_cast<uint32_t>(seconds);
+    back.endDate -= static_cast<uint32_t>(seconds);
+    back.status &= ~tarn::kStatusRedated;
+    ASSERT_EQ(
+        tarn::JournaledRows::Outcome::kDone,
+        changes.update(kStreamRegStatus | kStreamRegStartDate | kStreamRegEndDate, row, back));
+    --moved;
+  }
+  for (const DB_EVENT& event : allEvents()) {
+    if (event.eventID < firstEvent || event.eventID > lastEvent) continue;
+    DB_EVENT back = event;
+    back.startDate -= static_cast<uint32_t>(seconds);
+    back.endDate -= static_cast<uint32_t>(seconds);
+    ASSERT_EQ(tarn::JournaledRows::Outcome::kDone,
+              changes.update(kEventRegStartDate | kEventRegEndDate, event, back));
+    --movedEvents;
+  }
+  EXPECT_EQ(0u, moved);
+  EXPECT_EQ(0u, movedEvents);
+  restart();
+  ASSERT_EQ(rows.size(), allStreams().size());
+  for (size_t i = 0; i < rows.size(); ++i)
+    EXPECT_EQ(0, memcmp(&rows[i], &allStreams()[i], sizeof rows[i])) << i;
+  EXPECT_EQ(0, memcmp(events.data(), allEvents().data(), events.size() * sizeof events[0]));
+  EXPECT_EQ(0u, findings().total()) << texts();
 }
 
 TEST_F(Redating, ClockThatIsKnownAlreadyAndIsSetMovesNothing) {
