@@ -46,7 +46,7 @@ class Server {
 class ChannelsRig : public Rig {
  public:
   explicit ChannelsRig(bool paced)
-      : card_(Medium::kRam, 0, smallChunks(8 * kMiB, 256 * kKiB, 40)),
+      : card_(Medium::kRam, 512 * kMiB, smallChunks(8 * kMiB, 256 * kKiB, 40)),
         paced_(paced),
         picture_(kPictureBytes, 0x5A) {
     makeEmptyDatabase();
