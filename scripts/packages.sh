@@ -13,9 +13,12 @@ camera_packages=(gir1.2-gst-rtsp-server-1.0 python3-gi gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-bad)
 demo_packages=(python3-imageio ffmpeg dosfstools "${camera_packages[@]}")
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
-  file man-db dpkg-dev lintian systemd procps doxygen abigail-tools python3-cryptography rclone zstd "${camera_packages[@]}")
+  file man-db dpkg-dev lintian systemd procps doxygen abigail-tools python3-cryptography rclone zstd
+  softhsm2 libengine-pkcs11-openssl "${camera_packages[@]}")
 # A browser, for the tests of the page; where there is none they are skipped.
 browser_packages=(chromium chromium-driver python3-selenium)
+# A player, for one test of sealed files; where there is none it is skipped.
+player_packages=(vlc-bin vlc-plugin-base)
 bench_packages=(libbenchmark-dev nbdkit libnbd-bin util-linux python3-imageio ffmpeg)
 lint_packages=(shellcheck clang-14 clang-tidy-14 git)
 fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)

@@ -2,35 +2,24 @@
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
-#include <openssl/store.h>
-#include <openssl/ui.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 namespace tarn {
+
 namespace {
 
-constexpr char kTokenScheme[] = "pkcs11:";
-
-bool isToken(const std::string& place) {
-  return place.compare(0, sizeof kTokenScheme - 1, kTokenScheme) == 0;
-}
-
-// The first private key there; null where there is none.
-CryptoOwned<EVP_PKEY> firstKey(const std::string& place) {
-  CryptoOwned<EVP_PKEY> key;
-  OSSL_STORE_CTX* store = OSSL_STORE_open(place.c_str(), UI_OpenSSL(), nullptr, nullptr, nullptr);
-  while (store != nullptr && key == nullptr && OSSL_STORE_eof(store) == 0) {
-    OSSL_STORE_INFO* info = OSSL_STORE_load(store);
-    if (info == nullptr && OSSL_STORE_error(store) != 0) break;
-    if (info != nullptr && OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_PKEY)
-      key.reset(OSSL_STORE_INFO_get1_PKEY(info));
-    OSSL_STORE_INFO_free(info);
-  }
-  if (store != nullptr) OSSL_STORE_close(store);
-  return key;
+// Of a token's address: what is said may end in a log.
+std::string withoutPin(std::string address) {
+  constexpr char kPin[] = "pin-value=";
+  const size_t begin = TokenKey::isAddress(address) ? address.find(kPin) : std::string::npos;
+  if (begin == std::string::npos) return address;
+  const size_t value = begin + sizeof kPin - 1;
+  return address.replace(
+      value, std::min(address.find_first_of(";&", value), address.size()) - value, "...");
 }
 
 }  // namespace
@@ -41,16 +30,13 @@ bool SealingKey::fail(const std::string& text) {
 }
 
 bool SealingKey::loadKey(const std::string& place) {
-  if (isToken(place)) {
-    // Where the configuration does not name it, it may still be installed. What else is worked with
-    // stays there as it is.
-    constexpr int kKeepOthers = 1;
-    tokens_.reset(OSSL_PROVIDER_try_load(nullptr, "pkcs11", kKeepOthers));
-    ERR_clear_error();
-    key_ = firstKey(place);
+  if (TokenKey::isAddress(place)) {
+    std::string reason;
+    key_ = token_.load(place, &reason);
     if (key_ == nullptr)
-      return fail("the key " + place + " cannot be had from a token: " + cryptoError() +
-                  " (OpenSSL needs a provider for pkcs11: addresses, and the token its PIN)");
+      return fail("the key " + withoutPin(place) + " cannot be had from a token: " + reason +
+                  " (OpenSSL needs a provider or an engine for pkcs11: addresses, and the token "
+                  "its PIN)");
   } else {
     if (::access(place.c_str(), R_OK) != 0)
       return fail("cannot read the key " + place + ": " + strerror(errno));
@@ -59,8 +45,8 @@ bool SealingKey::loadKey(const std::string& place) {
   }
   ERR_clear_error();
   if (isUsableKey(key_.get())) return true;
-  return fail("the key " + place + " is no RSA key of at least " + std::to_string(kLeastKeyBits) +
-              " bits");
+  return fail("the key " + withoutPin(place) + " is no RSA key of at least " +
+              std::to_string(kLeastKeyBits) + " bits");
 }
 
 bool SealingKey::loadCertificate(const std::string& path) {

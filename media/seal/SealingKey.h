@@ -7,6 +7,7 @@
 #include "base/Export.h"
 #include "media/seal/Crypto.h"
 #include "media/seal/SealRequest.h"
+#include "media/seal/TokenKey.h"
 
 namespace tarn {
 
@@ -31,7 +32,7 @@ class TARN_API SealingKey {
   bool loadCertificate(const std::string& path);
   bool provePair();
 
-  CryptoOwned<OSSL_PROVIDER> tokens_;  // goes after the key that is in one
+  TokenKey token_;  // goes after the key that is in one
   CryptoOwned<EVP_PKEY> key_;
   CryptoOwned<X509> x509_;
   std::vector<uint8_t> certificate_;
