@@ -96,9 +96,13 @@ bool ArchiveClip::writeTracks(ChannelTracks* channel, const ByteSink* sink) {
     if (!tracks[i]->describe(&movie, i)) return failed(movie.error());
   }
   line_.firstUs = movie.firstUs();
+  uint64_t& soundLeftOut = line_.soundLeftOut = 0;
   TrackTurns turns(tracks);
   while (turns.hasNext()) {
-    if (!turns.piece().write(&movie, turns.track())) return failed(movie.error());
+    // An object holds one format of sound, and says how much of another there was.
+    const bool other = channel->waitsBefore(turns.piece());
+    if (other) ++soundLeftOut;
+    if (!other && !turns.piece().write(&movie, turns.track())) return failed(movie.error());
     if (!turns.advance()) return fail(turns.error());
     if (stopAsked_ && stopAsked_()) return fail(kErrStoppedInside);
     if (yield_ != nullptr) yield_->rest();
@@ -110,11 +114,10 @@ bool ArchiveClip::writeTracks(ChannelTracks* channel, const ByteSink* sink) {
 void ArchiveClip::note(const ChannelTracks& channel) {
   const ExportedChannel report = channel.report();
   line_.pictures = report.totals.written;
-  line_.soundFrames = report.sound.frames;
+  line_.soundFrames = report.sound.frames - line_.soundLeftOut;
   line_.damaged = report.totals.damaged + report.sound.damaged;
   line_.missing = report.totals.lost + report.sound.lost;
   line_.undecodable = report.totals.undecodable;
-  line_.soundLeftOut = report.sound.otherFormat;
 }
 
 bool ArchiveClip::pass(const ByteSink* sink) {

@@ -5,11 +5,14 @@
 
 #include <algorithm>
 #include <ctime>
+#include <map>
 
 #include "api/Version.h"
+#include "db/DbRecordFormat.h"
 #include "fat/ChunkFiles.h"
 #include "media/evidence/EvidenceFolder.h"
 #include "media/evidence/EvidenceReadme.h"
+#include "media/evidence/FinishedParts.h"
 #include "media/evidence/FolderSeal.h"
 #include "media/evidence/JournalExtract.h"
 #include "media/evidence/LogExtract.h"
@@ -24,6 +27,8 @@
 
 namespace tarn {
 namespace {
+
+constexpr char kErrStopped[] = "stopped before its end";
 
 int64_t nowUs() {
   timespec now = {};
@@ -44,19 +49,23 @@ void movePaths(const std::string& from, const std::string& to, ExportedChannel* 
   };
   move(&exported->path);
   for (FormatChange& change : exported->totals.changes) move(&change.next);
+  for (SoundChange& change : exported->sound.changes) move(&change.next);
 }
 
 }  // namespace
 
 class EvidenceExporter::Impl {
  public:
-  explicit Impl(const EvidenceRequest& request) : request_(request), folder_(request.folder) {}
+  explicit Impl(const EvidenceRequest& request)
+      : request_(request), folder_(request.folder), parts_(folder_.part()) {}
   bool run(const StopAsked& stopAsked);
   bool failForMemory();
   const char* error() const { return noMemory_ ? kErrNoMemory : error_.c_str(); }
   const std::vector<ExportedChannel>& channels() const { return exported_; }
   const std::vector<std::string>& missing() const { return missing_; }
-  bool beganAnew() const { return folder_.beganAnew(); }
+  bool beganAnew() const { return folder_.foundLeft() && kept_ == 0; }
+  size_t keptChannels() const { return kept_; }
+  bool leavesParts() const { return left_; }
 
  private:
   bool fail(const std::string& text);
@@ -66,6 +75,9 @@ class EvidenceExporter::Impl {
   bool takeOut(const ExportSelection& selection);
   bool exportVideo(const ExportSelection& selection);
   bool takeVideo(ExportedChannel exported);
+  bool takeFinished(int channel);
+  bool finishChannel(int channel, const std::vector<ExportedChannel>& files);
+  std::string sumOfSource(const std::vector<DB_STREAM>& rows, size_t channels, bool mov) const;
   EvidenceChannel* storyOf(int channel);
   bool verify();
   bool writeReport();
@@ -74,6 +86,11 @@ class EvidenceExporter::Impl {
 
   const EvidenceRequest request_;
   EvidenceFolder folder_;
+  FinishedParts parts_;
+  std::map<int, std::string> sources_;  // of each channel: the sum of what its video is made of
+  size_t kept_ = 0;                     // channels of a run before
+  bool spoiled_ = false;                // what is finished is no good
+  bool left_ = false;                   // what is finished is for another run
   FolderSeal seal_;
   StopAsked stopAsked_;
   CardInfo card_;
@@ -160,11 +177,56 @@ bool EvidenceExporter::Impl::takeVideo(ExportedChannel exported) {
   EvidenceChannel* channel = storyOf(exported.channel);
   const bool nothing = exported.totals.written == 0 && exported.sound.frames == 0;
   if (!exported.error.empty() && !nothing && !channel->hasUnreadable()) return fail(exported.error);
-  movePaths(folder_.part() + "/", "", &exported);
   channel->videos.push_back(exported);
   movePaths("", request_.folder + "/", &exported);
   exported_.push_back(exported);
   return true;
+}
+
+// Of all that the video of a channel depends on; "" where it goes on while it is exported.
+std::string EvidenceExporter::Impl::sumOfSource(const std::vector<DB_STREAM>& rows, size_t channels,
+                                                bool mov) const {
+  const ExportRequest& what = request_.what;
+  std::string text = making_.tool + "\n" + std::to_string(card_.volumeId()) +
+                     (mov ? " mov " : " ") + std::to_string(channels) +
+                     (what.sound ? " sound" : "");
+  const auto add = [&text](const auto& value) {
+    text += value ? " " + std::to_string(*value) : " -";
+  };
+  add(what.streamID);
+  add(what.eventID);
+  for (const auto& time : {what.from, what.to})
+    text += time ? " " + std::to_string(time->totalMicros()) : " -";
+  if (request_.seal)
+    text += "\n" + seal_.certificate() + request_.seal->operatorName + "\n" + request_.seal->note;
+  for (const DB_STREAM& row : rows) {
+    if (row.endDate == 0) return "";
+    char record[kStreamRecordSize];
+    encodeStreamRecord(row, record);
+    text.append(record, sizeof record);
+  }
+  return sumOf(text);
+}
+
+bool EvidenceExporter::Impl::takeFinished(int channel) {
+  const std::vector<ExportedChannel>* files = parts_.find(channel, sources_[channel]);
+  if (files == nullptr) return false;
+  ++kept_;
+  return std::all_of(files->begin(), files->end(),
+                     [this](const ExportedChannel& one) { return takeVideo(one); });
+}
+
+// What lacks something is not kept for another run: a card that refused it may give it then.
+bool EvidenceExporter::Impl::finishChannel(int channel, const std::vector<ExportedChannel>& files) {
+  std::vector<ExportedChannel> finished = files;
+  bool whole = !sources_[channel].empty();
+  for (ExportedChannel& file : finished) {
+    movePaths(folder_.part() + "/", "", &file);
+    whole = whole && file.error.empty() && file.totals.lost == 0 && file.sound.lost == 0;
+  }
+  if (whole && !parts_.add(channel, sources_[channel], finished)) return fail(parts_.error());
+  return std::all_of(finished.begin(), finished.end(),
+                     [this](const ExportedChannel& one) { return takeVideo(one); });
 }
 
 bool EvidenceExporter::Impl::exportVideo(const ExportSelection& selection) {
@@ -175,14 +237,18 @@ bool EvidenceExporter::Impl::exportVideo(const ExportSelection& selection) {
   ExportRequest what = request_.what;
   what.output = folder_.pathOf(mov ? "video/video.mov" : "video/video.mp4");
   what.tracks = what.overwrite = false;
+  for (const auto& [channel, rows] : selection.rowsOfChannels())
+    sources_[channel] = sumOfSource(rows, selection.rowsOfChannels().size(), mov);
   MediaExporter exporter(what);
   if (request_.seal) exporter.seal(*request_.seal);
+  exporter.channelByChannel([this](int channel) { return !takeFinished(channel); },
+                            [this](int channel, const std::vector<ExportedChannel>& files) {
+                              return finishChannel(channel, files);
+                            });
   exporter.run(stopAsked_);
+  if (!error_.empty()) return false;
   if (*exporter.error() != '\0') return fail(exporter.error());
-  if (stopAsked_ && stopAsked_()) return fail("stopped before its end");
-  const std::vector<ExportedChannel>& channels = exporter.channels();
-  return std::all_of(channels.begin(), channels.end(),
-                     [this](const ExportedChannel& one) { return takeVideo(one); });
+  return !stopAsked_ || !stopAsked_() || fail(kErrStopped);
 }
 
 // A seal that does not hold right now never will.
@@ -193,7 +259,8 @@ bool EvidenceExporter::Impl::verify() {
     for (const ExportedChannel& video : channel.videos) {
       if (!video.error.empty()) continue;
       proofs_.push_back({video.path, verifier.verify(folder_.pathOf(video.path))});
-      if (!proofs_.back().proof.proven())
+      spoiled_ = !proofs_.back().proof.proven();
+      if (spoiled_)
         return fail(folder_.pathOf(video.path) + " was sealed, and its seal does not hold");
     }
   }
@@ -254,6 +321,7 @@ bool EvidenceExporter::Impl::writeManifest() {
 
 bool EvidenceExporter::Impl::make(const ExportSelection& selection) {
   if (!folder_.begin(request_.overwrite)) return fail(folder_.error());
+  if (!parts_.open(stopAsked_)) return fail(parts_.error());
   if (!takeOut(selection) || !exportVideo(selection) || !verify() || !writeReport() ||
       !writeManifest())
     return false;
@@ -267,7 +335,8 @@ bool EvidenceExporter::Impl::run(const StopAsked& stopAsked) {
   if (!selection.choose(stopAsked_)) return fail(selection.error());
   choosePeriod(selection);
   const bool made = make(selection);
-  folder_.abandon();  // or what it replaces
+  left_ = !made && parts_.count() > 0 && !spoiled_;
+  left_ ? folder_.leave() : folder_.abandon();  // or what it replaces
   return made && missing_.empty();
 }
 
@@ -301,5 +370,9 @@ const std::vector<std::string>& EvidenceExporter::missing() const noexcept {
 }
 
 bool EvidenceExporter::beganAnew() const noexcept { return impl_ && impl_->beganAnew(); }
+
+size_t EvidenceExporter::keptChannels() const noexcept { return impl_ ? impl_->keptChannels() : 0; }
+
+bool EvidenceExporter::leavesParts() const noexcept { return impl_ && impl_->leavesParts(); }
 
 }  // namespace tarn

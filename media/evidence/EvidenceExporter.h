@@ -34,6 +34,10 @@ class TARN_API EvidenceExporter {
   const std::vector<std::string>& missing() const noexcept;
   // What a run that did not end had left was taken away, and all was made anew.
   bool beganAnew() const noexcept;
+  // Channels whose video such a run had finished, and which was proven and kept.
+  size_t keptChannels() const noexcept;
+  // Behind a run() that failed: the video of some channels is finished, and the next one keeps it.
+  bool leavesParts() const noexcept;
 
  private:
   class Impl;

@@ -11,6 +11,7 @@
 #include <fstream>
 
 #include "media/OutputFile.h"
+#include "media/evidence/FinishedParts.h"
 #include "recorder/card/CardText.h"
 
 namespace tarn {
@@ -20,6 +21,7 @@ namespace fs = std::filesystem;
 
 // Stands in a folder that is being made, and is no file of the case.
 constexpr char kMark[] = ".unfinished";
+constexpr char kVideo[] = "video";
 
 bool isThere(const std::string& path) {
   struct stat found = {};
@@ -61,6 +63,11 @@ void EvidenceFolder::abandon() {
   begun_ = false;
 }
 
+void EvidenceFolder::leave() {
+  begun_ = false;
+  mark_.reset();
+}
+
 bool EvidenceFolder::fail(const std::string& text) {
   error_ = text;
   return false;
@@ -88,7 +95,9 @@ bool EvidenceFolder::mark() {
 bool EvidenceFolder::clear() {
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(part_, error)) {
-    if (entry.path().filename() == kMark) continue;
+    const std::string name = entry.path().filename().string();
+    if (name == kMark || name == FinishedParts::kName || (name == kVideo && entry.is_directory()))
+      continue;
     std::error_code removing;
     fs::remove_all(entry.path(), removing);
     if (removing) return failFor("remove " + entry.path().string(), removing.value());
@@ -103,12 +112,13 @@ bool EvidenceFolder::begin(bool overwrite) {
     std::error_code ignored;
     if (!fs::is_directory(fs::symlink_status(part_, ignored)) || !isOfARun(part_))
       return fail(part_ + " exists and is not what an interrupted run left: it stays as it is");
-    beganAnew_ = true;
+    foundLeft_ = true;
   }
   if (!mark() || !clear()) return false;
   begun_ = true;
-  for (const char* name : {"video", "original"}) {
-    if (mkdir(pathOf(name).c_str(), 0777) != 0) return failFor("create " + pathOf(name), errno);
+  for (const char* name : {kVideo, "original"}) {
+    if (mkdir(pathOf(name).c_str(), 0777) != 0 && errno != EEXIST)
+      return failFor("create " + pathOf(name), errno);
   }
   return true;
 }
@@ -145,8 +155,12 @@ bool EvidenceFolder::rename() {
 }
 
 bool EvidenceFolder::finish() {
-  if (unlink(pathOf(kMark).c_str()) != 0) return failFor("remove " + pathOf(kMark), errno);
-  return syncAll() && rename();
+  if (!syncAll()) return false;
+  for (const char* name : {FinishedParts::kName, kMark}) {
+    if (unlink(pathOf(name).c_str()) != 0 && errno != ENOENT)
+      return failFor("remove " + pathOf(name), errno);
+  }
+  return (syncOne(part_) || failFor("write " + part_, errno)) && rename();
 }
 
 }  // namespace tarn

@@ -7,8 +7,8 @@
 namespace tarn {
 
 // The folder of a case while it is made: DIR.part, which becomes DIR once all of it is on the
-// medium. What is not finished is taken away again; what a run left that was killed is known by the
-// mark in it, and the next run begins anew. Used by one thread.
+// medium. What a run left that did not end is known by the mark in it; all but the video, of which
+// FinishedParts tells what is finished, is made anew. Used by one thread.
 class EvidenceFolder {
  public:
   explicit EvidenceFolder(const std::string& path);
@@ -21,14 +21,15 @@ class EvidenceFolder {
   bool begin(bool overwrite);
   bool write(const std::string& name, const std::string& text);
   bool finish();
-  // Takes away what is not finished.
+  // Takes away what is not finished, or leaves it to another run.
   void abandon();
+  void leave();
 
   // Where a file of the folder lies now.
   std::string pathOf(const std::string& name) const { return part_ + "/" + name; }
   const std::string& part() const { return part_; }
-  // After begin(): what a run that did not end had left was taken away.
-  bool beganAnew() const { return beganAnew_; }
+  // After begin(): a run that did not end had left something.
+  bool foundLeft() const { return foundLeft_; }
   const std::string& error() const { return error_; }
 
   // What stands in front of everything in manifest.json.
@@ -48,7 +49,7 @@ class EvidenceFolder {
   UniqueFd mark_;  // locked as long as it is made
   bool replaces_ = false;
   bool begun_ = false;
-  bool beganAnew_ = false;
+  bool foundLeft_ = false;
   std::string error_;
 };
 

@@ -28,6 +28,13 @@ std::string hexOf(const Digest::Value& value) {
 
 }  // namespace
 
+std::string sumOf(const std::string& text) {
+  Digest digest;
+  digest.add(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+  Digest::Value value;
+  return digest.finish(&value) ? hexOf(value) : "";
+}
+
 bool sumFile(const std::string& folder, const std::string& name, const StopAsked& stopAsked,
              FileSum* sum, std::string* error) {
   const std::string path = folder + "/" + name;

@@ -16,6 +16,8 @@ struct FileSum {
   std::string sha256;  // 64 hexadecimal digits
 };
 
+// SHA-256 of a text, in hexadecimal digits; "" when it cannot be worked out.
+std::string sumOf(const std::string& text);
 // Of one file. False with *error set, also when `stopAsked` (may be empty) says so.
 TARN_API bool sumFile(const std::string& folder, const std::string& name,
                       const StopAsked& stopAsked, FileSum* sum, std::string* error);

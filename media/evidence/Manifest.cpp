@@ -92,8 +92,7 @@ void Manifest::addSound(const SoundTotals& sound) {
   addTime("first", true, sound.first);
   addTime("last", true, sound.last);
   json_.key("lost").number(static_cast<int64_t>(sound.lost));
-  json_.key("damaged").number(static_cast<int64_t>(sound.damaged));
-  json_.key("leftOut").number(static_cast<int64_t>(sound.otherFormat)).end();
+  json_.key("damaged").number(static_cast<int64_t>(sound.damaged)).end();
 }
 
 void Manifest::addVideo(const ExportedChannel& video) {
@@ -109,6 +108,11 @@ void Manifest::addVideo(const ExportedChannel& video) {
   json_.key("leftOut").number(static_cast<int64_t>(totals.undecodable));
   json_.key("goesOnIn").beginArray();
   for (const FormatChange& change : totals.changes) {
+    json_.beginObject();
+    addTime("time", true, change.time);
+    json_.key("file").text(change.next).end();
+  }
+  for (const SoundChange& change : video.sound.changes) {
     json_.beginObject();
     addTime("time", true, change.time);
     json_.key("file").text(change.next).end();

@@ -59,7 +59,6 @@ void ChannelExport::noteFormat() {
   sequence_.swap(sets.sequence);
   if (!beginsFile_) return;
   totals_.changes.push_back({picture_.presentation, former, size_, ""});
-  before_ = totals_;
 }
 
 void ChannelExport::count() {
@@ -77,10 +76,11 @@ void ChannelExport::count() {
 }
 
 ExportTotals ChannelExport::closeFile() {
+  if (atEnd_) return std::exchange(totals_, ExportTotals());
   totals_ = ExportTotals();
   beginsFile_ = false;
   count();
-  return std::move(before_);
+  return std::exchange(before_, ExportTotals());
 }
 
 // Reads a picture. False when it cannot be had: what follows cannot be decoded without it.
@@ -97,6 +97,7 @@ bool ChannelExport::take(const PictureEntry& entry) {
   picture_.decodeOffsetUs = entry.decodeOffsetUs;
   picture_.key = entry.isKey();
   noteFormat();
+  if (picture_.key) before_ = totals_;
   count();
   return true;
 }
@@ -118,9 +119,11 @@ ExportTrack::Result ChannelExport::next() {
       }
       if (!take(entry)) continue;
       ++index_;
+      atEnd_ = false;
       return Result::kPiece;
     }
   }
+  atEnd_ = true;
   return Result::kEnd;
 }
 

@@ -33,8 +33,12 @@ class ChannelExport : public ExportTrack {
   // not those of the file. Where only picture parameter sets are others, which some encoders send
   // with each group, the file goes on: its pictures carry their own.
   bool beginsFile() const { return beginsFile_; }
-  // When the piece at hand begins a file: what the one before it has. From then on totals() are
-  // those of the new one.
+  // Whether the picture at hand may begin a file: pictures before it are not needed.
+  bool mayBeginFile() const { return !atEnd_ && picture_.key; }
+  // Whether there is no picture at hand, as there are no more.
+  bool atEnd() const { return atEnd_; }
+  // When the picture at hand begins a file: what the one before it has. From then on totals() are
+  // those of the new one. At the end the file before has them all.
   ExportTotals closeFile();
   const OutputPicture& picture() const { return picture_; }
 
@@ -66,7 +70,8 @@ class ChannelExport : public ExportTrack {
   PictureSize size_;
   std::optional<int32_t> zone_;  // of the recording that is read
   ExportTotals totals_;
-  ExportTotals before_;  // of all before picture_, while beginsFile_
+  ExportTotals before_;  // of all before picture_, while it is a key picture
+  bool atEnd_ = true;
 };
 
 }  // namespace tarn

@@ -70,7 +70,16 @@ std::vector<ExportStatement::Source> ChannelTracks::sources() const {
 }
 
 bool ChannelTracks::leavesBefore(const ExportTrack& piece) const {
-  return pictures_.beginsFile() && piece.decodeUs() >= pictures_.decodeUs() - SoundExport::kLeadUs;
+  if (pictures_.beginsFile() && piece.decodeUs() >= pictures_.decodeUs() - SoundExport::kLeadUs)
+    return true;
+  if (!sound_.beginsFile()) return false;
+  if (&piece == &sound_) return pictures_.atEnd();
+  return pictures_.mayBeginFile() &&
+         pictures_.decodeUs() >= sound_.decodeUs() - SoundExport::kLeadUs;
+}
+
+bool ChannelTracks::waitsBefore(const ExportTrack& piece) const {
+  return &piece == &sound_ && sound_.beginsFile();
 }
 
 void ChannelTracks::leaveFile() {
@@ -78,7 +87,9 @@ void ChannelTracks::leaveFile() {
   left_->channel = channel();
   left_->totals = pictures_.closeFile();
   left_->sound = sound_.closeFile();
-  if (sound_.atEnd()) tracks_ = {&pictures_};
+  tracks_.clear();
+  if (!pictures_.atEnd()) tracks_.push_back(&pictures_);
+  if (!sound_.atEnd()) tracks_.push_back(&sound_);
 }
 
 bool ChannelTracks::goesOn() {

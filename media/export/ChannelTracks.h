@@ -23,8 +23,14 @@ class ChannelTracks {
   // Reads the first piece of each track. Empty, or why there is nothing to export.
   std::string begin();
   // Whether this piece, the next one of the channel, belongs to the file behind the one at hand:
-  // its pictures at hand begin that, and it is one of them or of the sound right before them.
+  // its pictures at hand begin that, and it is one of them or of the sound right before them; or
+  // its sound begins that, and it is the key picture that is next, or the sound when there is no
+  // picture any more.
   bool leavesBefore(const ExportTrack& piece) const;
+  // Whether it is sound that waits for a key picture to begin the next file with.
+  bool waitsBefore(const ExportTrack& piece) const;
+  // Behind the last piece of a file: whether what waited is left, and there was no key picture.
+  bool stillWaits() const { return sound_.beginsFile(); }
   // Then: it has no more in the file at hand.
   void leaveFile();
   // Behind a file that it left: true when it has more, for another one. Once for each.

@@ -43,17 +43,26 @@ struct ExportTotals {
   std::vector<int32_t> zones;  // seconds ahead of UTC that the recorder's local time was, each once
 };
 
+// Where sound begins that is coded in another way than that before it. A track has one description
+// for all of its frames, so it begins another file, with the next key picture.
+struct SoundChange {
+  PictureTime time;
+  SoundFormat before;
+  SoundFormat after;
+  std::string next;  // the file that goes on there
+};
+
 // What an export holds of the sound of one channel, and what is missing in it.
 struct SoundTotals {
   SoundCodec codec = SoundCodec::kUnknown;  // kUnknown: there is none
   uint64_t frames = 0;
-  uint64_t bytes = 0;        // of them
-  uint64_t lost = 0;         // blocks of frames that could not be read
-  uint64_t damaged = 0;      // blocks of those written
-  uint64_t otherFormat = 0;  // frames left out, because the sound changes its format before them
-  bool leftOut = false;      // there is sound, which a .h264 does not hold
-  PictureTime first;         // of those written
-  PictureTime last;          // end of the last
+  uint64_t bytes = 0;                // of them
+  uint64_t lost = 0;                 // blocks of frames that could not be read
+  uint64_t damaged = 0;              // blocks of those written
+  std::vector<SoundChange> changes;  // at most one: where the file ends for it
+  bool leftOut = false;              // there is sound, which a .h264 does not hold
+  PictureTime first;                 // of those written
+  PictureTime last;                  // end of the last
 };
 
 // One channel of an export, or one file of it where its pictures change their format.

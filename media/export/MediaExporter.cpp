@@ -45,6 +45,12 @@ class MediaExporter::Impl {
  public:
   explicit Impl(const ExportRequest& request) : request_(request) {}
   void seal(const SealRequest& seal) { seal_ = seal; }
+  using Wanted = std::function<bool(int)>;
+  using Finished = std::function<bool(int, const std::vector<ExportedChannel>&)>;
+  void channelByChannel(Wanted wanted, Finished finished) {
+    wanted_ = std::move(wanted);
+    finished_ = std::move(finished);
+  }
   bool run(const StopAsked& stopAsked);
   bool failForMemory();
   const char* error() const { return noMemory_ ? kErrNoMemory : error_.c_str(); }
@@ -73,6 +79,8 @@ class MediaExporter::Impl {
   SealingKey key_;
   int64_t began_ = 0;  // seconds since 1970
   StopAsked stopAsked_;
+  Wanted wanted_;
+  Finished finished_;
   std::list<ChannelTracks> channels_;  // in the order of their numbers
   int64_t longestGapUs_ = 0;           // between two recordings of one of them
   std::vector<ExportedChannel> exported_;
@@ -109,6 +117,8 @@ bool MediaExporter::Impl::report(const ChannelTracks& channel, const std::string
   exported.error = error;
   if (outputFormat(path) != OutputFormat::kBare) {
     for (FormatChange& change : exported.totals.changes)
+      change.next = pathOf(channel.channel(), next);
+    for (SoundChange& change : exported.sound.changes)
       change.next = pathOf(channel.channel(), next);
   }
   exported_.push_back(exported);
@@ -158,9 +168,16 @@ std::string MediaExporter::Impl::writePieces(const Channels& channels, MediaOutp
       }
       continue;
     }
+    if (channel->waitsBefore(turns.piece())) {
+      turns.drop(turns.track());
+      continue;
+    }
     if (!turns.piece().write(output, turns.track())) return output->error();
     if (!turns.advance()) return turns.error();
     if (stopped()) return kErrStopped;
+  }
+  for (ChannelTracks* channel : channels) {
+    if (channel->stillWaits()) channel->leaveFile();
   }
   return "";
 }
@@ -197,10 +214,14 @@ bool MediaExporter::Impl::writeFiles(ChannelTracks* channel, int number) {
 bool MediaExporter::Impl::exportFiles() {
   bool good = true;
   for (ChannelTracks& channel : channels_) {
+    if (wanted_ && !wanted_(channel.channel())) continue;
+    const auto before = static_cast<std::ptrdiff_t>(exported_.size());
     const std::string error = channel.begin();
     const bool written = error.empty() ? writeFiles(&channel, 1)
                                        : report(channel, pathOf(channel.channel(), 1), error, 2);
     good = written && good;
+    if (finished_ && !finished_(channel.channel(), {exported_.begin() + before, exported_.end()}))
+      return false;
   }
   return good;
 }
@@ -258,6 +279,10 @@ void MediaExporter::seal(const SealRequest& seal) noexcept {
         return true;
       },
       [this] { return impl_->failForMemory(); });
+}
+
+void MediaExporter::channelByChannel(Impl::Wanted wanted, Impl::Finished finished) noexcept {
+  if (impl_) impl_->channelByChannel(std::move(wanted), std::move(finished));
 }
 
 bool MediaExporter::run(const StopAsked& stopAsked) noexcept {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,6 +26,12 @@ class TARN_API MediaExporter {
 
   // Before run(): the files are sealed, as docs/evidence.md says, each a fragmented .mp4 or .mov.
   void seal(const SealRequest& seal) noexcept;
+  // Before run(), for who keeps files from one run to the next; not with `tracks`. In front of each
+  // channel `wanted` says whether to write it, and behind it `finished` gets what became of its
+  // files, and says whether to go on.
+  void channelByChannel(std::function<bool(int channel)> wanted,
+                        std::function<bool(int channel, const std::vector<ExportedChannel>& files)>
+                            finished) noexcept;
   // Once. True when all that is there was written; false when something failed or is missing: see
   // error() and channels(). A file exists only once it is complete. `stopAsked` (may be empty) is
   // asked before each picture, and ends the work as an error.

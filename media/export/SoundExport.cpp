@@ -82,22 +82,23 @@ bool SoundExport::isWanted(const SoundFrame& frame) const {
 }
 
 // A track has one format.
-bool SoundExport::take(const SoundFrame& frame) {
-  if (totals_.frames == 0) {
-    sound_.format = block_.format();
-    totals_.codec = sound_.format.codec;
-  }
-  if (block_.format() != sound_.format) {
-    ++totals_.otherFormat;
-    return false;
-  }
-  sound_.frame.assign(frame.data, frame.data + frame.size);
+void SoundExport::take(const SoundFrame& frame) {
+  sound_.format = block_.format();
   sound_.time = timeOf(frame.time);
+  if (!begun_) beginTrack();
+  begun_ = true;
+  if (beginsFile() && totals_.changes.empty())
+    totals_.changes.push_back({sound_.time, track_, sound_.format, ""});
+  sound_.frame.assign(frame.data, frame.data + frame.size);
   sound_.samples = frame.samples;
   place_ = static_cast<size_t>(frame.data - bytes_.data());
   before_ = totals_;
   count();
-  return true;
+}
+
+void SoundExport::beginTrack() {
+  track_ = sound_.format;
+  totals_.codec = track_.codec;
 }
 
 void SoundExport::count() {
@@ -111,9 +112,9 @@ void SoundExport::count() {
 
 SoundTotals SoundExport::closeFile() {
   const SoundTotals closed = atEnd_ ? totals_ : before_;
-  totals_ = SoundTotals();
+  totals_ = before_ = SoundTotals();
   if (atEnd_) return closed;
-  totals_.codec = sound_.format.codec;
+  beginTrack();
   count();
   return closed;
 }
@@ -122,7 +123,9 @@ ExportTrack::Result SoundExport::next() {
   for (atEnd_ = false;;) {
     while (frame_ < block_.frames().size()) {
       const SoundFrame& frame = block_.frames()[frame_++];
-      if (isWanted(frame) && take(frame)) return Result::kPiece;
+      if (!isWanted(frame)) continue;
+      take(frame);
+      return Result::kPiece;
     }
     if (readBlock()) continue;
     atEnd_ = true;

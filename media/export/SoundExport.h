@@ -31,8 +31,10 @@ class TARN_API SoundExport : public ExportTrack {
   bool describe(MediaOutput* output, size_t track) const override;
   bool write(MediaOutput* output, size_t track) const override;
 
-  // Where pictures begin another file: what the one before it has. From then on totals() are those
-  // of the new one, to which the frame at hand belongs.
+  // No track that has the frame before can take the one at hand: it is coded in another way.
+  bool beginsFile() const { return begun_ && sound_.format != track_; }
+  // Where another file begins: what the one before it has. From then on totals() are those of the
+  // new one, to which the frame at hand belongs.
   SoundTotals closeFile();
   // The frame at hand.
   const OutputSound& sound() const { return sound_; }
@@ -54,7 +56,8 @@ class TARN_API SoundExport : public ExportTrack {
   bool readBlock();
   PictureTime timeOf(PictureTime inBlock) const;
   bool isWanted(const SoundFrame& frame) const;
-  bool take(const SoundFrame& frame);
+  void take(const SoundFrame& frame);
+  void beginTrack();
   void count();
 
   const std::vector<DB_STREAM> rows_;
@@ -72,6 +75,8 @@ class TARN_API SoundExport : public ExportTrack {
   int64_t laterUs_ = 0;  // than the block says, where its recording was re-dated
   OutputSound sound_;
   bool atEnd_ = true;
+  bool begun_ = false;  // a frame was taken
+  SoundFormat track_;   // of the file
   SoundTotals totals_;
   SoundTotals before_;  // of all before the frame at hand
 };

@@ -143,6 +143,12 @@ class CommandExport : public Command {
     const bool good = runShown(&exporter, "steps");
     if (exporter.beganAnew())
       warn(evidence_ + ".part was left by a run that did not end: made anew");
+    if (exporter.keptChannels() > 0)
+      warn(evidence_ + ".part was left by a run that did not end: the video of " +
+           std::to_string(exporter.keptChannels()) + " channels is proven by its sums and kept");
+    if (exporter.leavesParts())
+      warn("what is finished is kept in " + evidence_ +
+           ".part: the same command goes on from there");
     const bool made = *exporter.error() == '\0';
     if (made) tellEvidence(exporter);
     if (!made) complain(withHint(exporter.error()));

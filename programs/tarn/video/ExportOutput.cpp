@@ -63,18 +63,40 @@ void tellChanges(const ExportTotals& totals) {
   }
 }
 
+std::string soundChangeText(const SoundChange& change) {
+  const std::string before = soundCodecText(change.before.codec);
+  const std::string after = soundCodecText(change.after.codec);
+  if (before != after) return "from " + before + " to " + after;
+  const auto shape = [](const SoundFormat& format) {
+    return fmt::format("{} Hz, {} channels", format.sampleRate, format.channels);
+  };
+  if (shape(change.before) != shape(change.after))
+    return fmt::format("from {} to {}", shape(change.before), shape(change.after));
+  return before + " coded in another way";
+}
+
 void tellSoundFaults(const SoundTotals& sound) {
   if (sound.leftOut) warn("the sound is left out: a .h264 holds none");
   if (sound.damaged > 0)
     warn(fmt::format("{} blocks of sound are damaged on the card and were written as they are",
                      sound.damaged));
-  if (sound.otherFormat > 0)
-    warn(
-        fmt::format("{} frames of sound are left out, because they have another format than "
-                    "those before them",
-                    sound.otherFormat));
+  for (const SoundChange& change : sound.changes)
+    warn(fmt::format("the sound changes at {}, {}: what follows is in {}", clockText(change.time),
+                     soundChangeText(change), asUserSees(change.next)));
   if (sound.lost > 0)
     warn(fmt::format("{} blocks of sound could not be read and are missing", sound.lost));
+}
+
+Json soundChangesJson(const SoundTotals& sound) {
+  Json changes = Json::array();
+  for (const SoundChange& change : sound.changes) {
+    changes.push_back({{"at", jsonTime(change.time)},
+                       {"codec", soundCodecName(change.after.codec)},
+                       {"sampleRate", change.after.sampleRate},
+                       {"channels", change.after.channels},
+                       {"output", asUserSees(change.next)}});
+  }
+  return changes;
 }
 
 Json soundJson(const SoundTotals& sound) {
@@ -86,7 +108,7 @@ Json soundJson(const SoundTotals& sound) {
           {"bytes", sound.bytes},
           {"damaged", sound.damaged},
           {"missing", sound.lost},
-          {"leftOut", sound.otherFormat}};
+          {"changes", soundChangesJson(sound)}};
 }
 
 Json changesJson(const ExportTotals& totals) {

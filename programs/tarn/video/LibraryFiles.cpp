@@ -32,8 +32,7 @@ std::string shortfall(const std::vector<ExportedChannel>& channels) {
             counted(one.totals.damaged, "pictures are damaged on the card") +
             counted(one.totals.undecodable, "pictures lack the key picture that they need") +
             counted(one.sound.lost, "blocks of sound could not be read") +
-            counted(one.sound.damaged, "blocks of sound are damaged on the card") +
-            counted(one.sound.otherFormat, "frames of sound have another format");
+            counted(one.sound.damaged, "blocks of sound are damaged on the card");
   }
   return text.empty() ? "not all could be exported" : text.substr(2);
 }
