@@ -124,8 +124,12 @@ bool MountedMovie::lay(MovieHead* head, const OutputPicture& first) {
 bool MountedMovie::layPieces(const std::vector<ExportTrack*>& tracks, const Pictures* pictures,
                              const SoundExport* sound, MovieHead* head) {
   for (TrackTurns turns(tracks); turns.hasNext();) {
-    head->nextIs(&turns.piece() == sound ? noteFrame(*sound) : pictures->index());
-    if (!turns.piece().write(head, turns.track())) return fail(head->error());
+    const bool heard = &turns.piece() == sound;
+    // A track has one format: what another one has is left out.
+    if (!heard || !sound->beginsFile()) {
+      head->nextIs(heard ? noteFrame(*sound) : pictures->index());
+      if (!turns.piece().write(head, turns.track())) return fail(head->error());
+    }
     if (!turns.advance()) return fail(turns.error());
   }
   if (sound->wasRefused()) return fail("its sound is not delivered by the card now");
