@@ -9,6 +9,7 @@
 
 #include "media/record/ChannelRecorder.h"
 #include "recorder/card/NoThrow.h"
+#include "recorder/session/RecordingStatus.h"
 
 namespace tarn {
 namespace {
@@ -43,6 +44,7 @@ class MediaRecorder::Impl {
   std::condition_variable ended_;
   size_t running_ = 0;
   bool good_ = true;
+  uint32_t failed_ = 0;  // channels
   bool noThreads_ = false;
   std::string error_;
 };
@@ -51,6 +53,7 @@ void MediaRecorder::Impl::runChannel(ChannelRecorder* channel) {
   const bool done = channel->run();
   const std::lock_guard<std::mutex> lock(mutex_);
   good_ = done && good_;
+  if (!done) ++failed_;
   --running_;
   ended_.notify_one();
 }
@@ -78,9 +81,12 @@ uint64_t MediaRecorder::Impl::safePictures() const {
 }
 
 void MediaRecorder::Impl::waitForChannels() {
+  StatusTeller teller;
   std::unique_lock<std::mutex> lock(mutex_);
   while (!ended_.wait_for(lock, kLook, [this] { return running_ == 0; })) {
+    const uint32_t failed = failed_;
     lock.unlock();
+    teller.tell(failed);
     listener_->meanwhile(safePictures());
     lock.lock();
   }

@@ -13,6 +13,7 @@
 #include "media/MonotonicTime.h"
 #include "media/serve/JsonText.h"
 #include "media/serve/QueryReader.h"
+#include "media/serve/RecorderNumbers.h"
 #include "recorder/card/TimeText.h"
 #include "recorder/recording/SoundFormat.h"
 
@@ -241,7 +242,9 @@ HttpResponse CardAnswers::health(const HttpRequest& request) {
   if (!unread.empty()) json.text(unread);
   if (!card.problem.empty()) json.text(card.problem);
   if (access(kFailureMarkerPath, F_OK) == 0) json.text(kCardFailed);
-  json.end().key("check");
+  json.end();
+  addRecorders(&json, toldStatuses());
+  json.key("check");
   check_.addTo(&json);
   json.end();
   return done(&json);
@@ -310,6 +313,7 @@ HttpResponse CardAnswers::metrics(const HttpRequest& request) {
     if (last != 0)
       addValue(&text, "tarn_safe_lag_seconds", one.channel, seconds(wallClockUs() - last));
   }
+  addRecorderMetrics(&text, toldStatuses());
   HttpResponse response;
   response.type = "text/plain; version=0.0.4; charset=utf-8";
   response.body = text;

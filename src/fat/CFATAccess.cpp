@@ -15,6 +15,7 @@
 #include "fat/FatLog.h"
 #include "fat/FatMessages.h"
 #include "fat/FatVolume.h"
+#include "fat/FlushTimes.h"
 #include "fat/ReadBuffer.h"
 #include "fat/WriteBuffer.h"
 
@@ -346,8 +347,9 @@ int CFATAccess::fsync(int index) {
   const bool empty = !isWriteBuffered(index) || writeBuffer(index)->fill() == 0;
   drain(index);
   if (!empty) return 0;
+  const tarn::FlushTimer timer;
   const int result = ::fsync(m_fd[index]);
-  tarn::noteCardFlush(m_fileType[index]);
+  tarn::noteCardFlush(m_fileType[index], timer.micros());
   if (result != 0) m_lostData[index] = 1;
   return result;
 }

@@ -10,6 +10,7 @@
 #include "fat/FailureMarker.h"
 #include "fat/FatLog.h"
 #include "fat/FatMessages.h"
+#include "fat/FlushTimes.h"
 #include "fat/WriteBuffer.h"
 
 using tarn::logFat;
@@ -139,8 +140,9 @@ void CFATAccess::finishPending(WriteBuffer& buffer) {
 }
 
 void CFATAccess::flushDevice(int index) {
+  const tarn::FlushTimer timer;
   const int result = ::fsync(m_fd[index]);
-  tarn::noteCardFlush(m_fileType[index]);
+  tarn::noteCardFlush(m_fileType[index], timer.micros());
   if (result == 0) return;
   m_lostData[index] = 1;
   logFat(kWorker, __LINE__, tarn::kMsgSyncError, errno);

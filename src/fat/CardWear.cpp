@@ -2,11 +2,14 @@
 
 #include <pthread.h>
 
+#include "fat/FlushTimes.h"
+
 namespace tarn {
 namespace {
 
 // Never destroyed: chunks are closed until the process has ended.
 CardWear g_wear;
+FlushTimes g_flushTimes;
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 
 template <typename Change>
@@ -48,9 +51,18 @@ void noteCardWrite(int fileType, long written) {
   });
 }
 
-void noteCardFlush(int fileType) {
+void noteCardFlush(int fileType, int64_t us) {
   if (!isKind(fileType)) return;
-  change([=](CardWear* wear) { ++wear->kinds[fileType].flushes; });
+  change([=](CardWear* wear) {
+    ++wear->kinds[fileType].flushes;
+    g_flushTimes.add(us);
+  });
+}
+
+FlushTimes cardFlushTimes() {
+  FlushTimes result;
+  change([&result](const CardWear*) { result = g_flushTimes; });
+  return result;
 }
 
 void noteCardHeader(uint32_t bytes) {

@@ -26,9 +26,10 @@ struct TARN_API CardWear {
 
 // May be called by any thread.
 TARN_API CardWear cardWear();
-// After a write or flush of a chunk of that kind, of either outcome; `written` as the system says.
+// After a write or flush of a chunk of that kind, of either outcome; `written` as the system says,
+// `us`: how long it took, in microseconds.
 void noteCardWrite(int fileType, long written);
-void noteCardFlush(int fileType);
+void noteCardFlush(int fileType, int64_t us);
 // After the header of a recording was written and flushed.
 TARN_API void noteCardHeader(uint32_t bytes);
 // After a save of `bytes` of management data that a server did.

@@ -43,6 +43,7 @@ class Page:
         self.driver.set_script_timeout(LIMIT)
         self.driver.execute_cdp_cmd("Browser.setDownloadBehavior", {"behavior": "allow", "downloadPath": str(self.saved)})
         self.problems = []
+        self.down = 0  # fingers
         self.look(size, dark)
 
     def close(self):
@@ -53,6 +54,9 @@ class Page:
         self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": features})
         self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
             "width": size[0], "height": size[1], "deviceScaleFactor": 1, "mobile": size[0] < 600})
+
+    def touches(self, on):
+        self.driver.execute_cdp_cmd("Emulation.setTouchEmulationEnabled", {"enabled": on, "maxTouchPoints": 5})
 
     def open(self, address, at_ms=None):
         # Another fragment alone would not load the page anew.
@@ -91,6 +95,13 @@ class Page:
     def click(self, selector):
         from selenium.webdriver.common.by import By
         self.driver.find_element(By.CSS_SELECTOR, selector).click()
+
+    def touch(self, *fingers):
+        """Puts these fingers (x, y) where they are; those that were down go there, or are taken away."""
+        kind = "touchEnd" if not fingers else "touchStart" if len(fingers) > self.down else "touchMove"
+        self.down = len(fingers)
+        points = [{"x": x, "y": y, "id": number} for number, (x, y) in enumerate(fingers)]
+        self.driver.execute_cdp_cmd("Input.dispatchTouchEvent", {"type": kind, "touchPoints": points})
 
     def shown_ms(self):
         return float(self.ask("document.getElementById('clock').dataset.ms"))

@@ -55,7 +55,7 @@ export class CardPanel {
     }
   }
 
-  showFacts({ space, oldestMs, newestMs, keepsSeconds }) {
+  showFacts({ space, oldestMs, newestMs, keepsSeconds, recorders }) {
     const { zone, card } = this.state;
     const when = (ms) => (ms === null ? strings.none : zone.dateTime(ms));
     const meter = make("meter", { min: 0, max: 1, value: space.usedShare });
@@ -71,6 +71,11 @@ export class CardPanel {
       [strings.newest, when(newestMs)],
       [strings.keeps, strings.length(keepsSeconds * 1000)],
       [strings.counts, strings.held(card.recordings, card.events)],
+      ...recorders.flatMap(({ wear, flushes, slowFlushes }) => [
+        [strings.wear, strings.worn(wear.reduce((sum, { bytes }) => sum + bytes, 0), flushes)],
+        ["", strings.wornBy(wear)],
+        [strings.slowFlushes, strings.slow(slowFlushes, flushes)],
+      ]),
     ];
     this.facts.replaceChildren(...facts.flatMap(([name, value]) =>
       name === "" ? [make("dd", {}, value)] : [make("dt", { textContent: name }), make("dd", {}, value)]));

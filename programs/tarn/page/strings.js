@@ -112,6 +112,12 @@ export const strings = {
   keeps: "Reaches back",
   counts: "Holds",
   held: (recordings, events) => `${plural(recordings, "recording", "recordings")}, ${plural(events, "event", "events")}`,
+  wear: "Written by a recorder",
+  worn: (bytes, flushes) => `${strings.bytes(bytes)} since it began, ${plural(flushes, "flush", "flushes")}`,
+  wornBy: (causes) => causes.filter(({ bytes }) => bytes > 0)
+    .map(({ cause, bytes }) => `${cause} ${strings.bytes(bytes)}`).join(", "),
+  slowFlushes: "Slow flushes",
+  slow: (slow, all) => `${slow.toLocaleString("en")} of ${all.toLocaleString("en")} took longer than half a second`,
   none: "none",
   problems: "Problems",
   noProblems: "No problems known",

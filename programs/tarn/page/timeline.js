@@ -133,6 +133,7 @@ export class Timeline {
     const at = { "aria-valuemin": state.oldestMs, "aria-valuemax": state.newestMs, "aria-valuenow": state.timeMs };
     for (const [name, ms] of Object.entries(at)) this.lanes.setAttribute(name, String(Math.round(ms / 1000)));
     this.lanes.setAttribute("aria-valuetext", state.zone.dateTime(state.timeMs));
+    Object.assign(this.lanes.dataset, { from: this.view.from, to: this.view.to });
   }
 
   // The hand.

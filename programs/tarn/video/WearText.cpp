@@ -3,7 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <initializer_list>
+
+#include "recorder/session/WearCauses.h"
 
 namespace tarn {
 namespace {
@@ -12,18 +13,10 @@ using Share = CardWear::Share;
 
 constexpr double kMiB = 1024.0 * 1024.0;
 
-Share sum(std::initializer_list<Share> shares) {
-  Share all;
-  for (const Share& share : shares) {
-    all.bytes += share.bytes;
-    all.writes += share.writes;
-    all.flushes += share.flushes;
-  }
-  return all;
-}
-
-Share without(const Share& all, const Share& part) {
-  return {all.bytes - part.bytes, all.writes - part.writes, all.flushes - part.flushes};
+void add(Share* all, const Share& share) {
+  all->bytes += share.bytes;
+  all->writes += share.writes;
+  all->flushes += share.flushes;
 }
 
 struct Recorded {
@@ -56,19 +49,15 @@ std::string line(const char* cause, const Share& share, const Recorded& recorded
 
 std::string wearText(const CardWear& wear, const std::vector<ChannelRecording>& recordings) {
   const Recorded recorded = recordedOf(recordings);
-  const Share& data = wear.kinds[kFileStream];
-  const Share entries = without(wear.kinds[kFilePicture], wear.headers);
-  const Share& journal = wear.kinds[kFileJournal];
-  const Share management = sum({wear.asked, wear.kinds[kFileStreamManage],
-                                wear.kinds[kFileJournalManage], wear.kinds[kFileSyslogManage]});
-  const Share& log = wear.kinds[kFileSyslog];
-  const Share all = sum({data, entries, wear.headers, journal, management, log});
-  return fmt::format("{:<12}{:>14}{:>11}{:>13}{:>12}{:>9}{:>10}{:>9}\n", "to the card", "bytes",
-                     "of video", "a minute", "a MiB", "flushes", "a minute", "a MiB") +
-         line("data", data, recorded) + line("entries", entries, recorded) +
-         line("headers", wear.headers, recorded) + line("journal", journal, recorded) +
-         line("management", management, recorded) + line("log", log, recorded) +
-         line("all", all, recorded);
+  std::string text =
+      fmt::format("{:<12}{:>14}{:>11}{:>13}{:>12}{:>9}{:>10}{:>9}\n", "to the card", "bytes",
+                  "of video", "a minute", "a MiB", "flushes", "a minute", "a MiB");
+  Share all;
+  for (const WearCause& cause : wearCauses(wear)) {
+    text += line(cause.name, cause.share, recorded);
+    add(&all, cause.share);
+  }
+  return text + line("all", all, recorded);
 }
 
 }  // namespace tarn
