@@ -23,7 +23,7 @@ set(TARN_RECORDER_PUBLIC_HEADERS
   recorder/session/ClockWatch.h recorder/session/EventKeeper.h recorder/session/KeptCopies.h
   recorder/session/PictureClock.h recorder/session/PictureQueue.h recorder/session/RecordingError.h
   recorder/session/RecordingSession.h
-  recorder/session/RecordingStatistics.h recorder/session/SoundSession.h
+  recorder/session/RecordingStatistics.h recorder/session/SoundSession.h recorder/session/StatusTeller.h
   recorder/recovery/ManageRepair.h recorder/recovery/Recovery.h recorder/recovery/RecoveryReport.h
   recorder/recovery/StartUpReport.h
   recorder/server/ManagementServer.h

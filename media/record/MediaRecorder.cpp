@@ -9,7 +9,7 @@
 
 #include "media/record/ChannelRecorder.h"
 #include "recorder/card/NoThrow.h"
-#include "recorder/session/RecordingStatus.h"
+#include "recorder/session/StatusTeller.h"
 
 namespace tarn {
 namespace {

@@ -12,6 +12,7 @@
 #include "base/UniqueFd.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/rows/ServerRetry.h"
+#include "recorder/session/StatusTeller.h"
 #include "recorder/session/WearCauses.h"
 
 namespace tarn {

@@ -43,7 +43,7 @@ class Page:
         self.driver.set_script_timeout(LIMIT)
         self.driver.execute_cdp_cmd("Browser.setDownloadBehavior", {"behavior": "allow", "downloadPath": str(self.saved)})
         self.problems = []
-        self.down = 0  # fingers
+        self.down, self.fingers = [], 0
         self.look(size, dark)
 
     def close(self):
@@ -97,11 +97,16 @@ class Page:
         self.driver.find_element(By.CSS_SELECTOR, selector).click()
 
     def touch(self, *fingers):
-        """Puts these fingers (x, y) where they are; those that were down go there, or are taken away."""
-        kind = "touchEnd" if not fingers else "touchStart" if len(fingers) > self.down else "touchMove"
-        self.down = len(fingers)
+        """Puts these fingers (x, y) where they are; those that were down go there, and the last of them are lifted."""
         points = [{"x": x, "y": y, "id": number} for number, (x, y) in enumerate(fingers)]
-        self.driver.execute_cdp_cmd("Input.dispatchTouchEvent", {"type": kind, "touchPoints": points})
+        lifted, self.down = self.down[len(points):], points
+        if lifted:
+            # Of several those that go are named.
+            self.driver.execute_cdp_cmd("Input.dispatchTouchEvent", {"type": "touchEnd", "touchPoints": lifted if points else []})
+        elif points:
+            kind = "touchMove" if len(points) == self.fingers else "touchStart"
+            self.driver.execute_cdp_cmd("Input.dispatchTouchEvent", {"type": kind, "touchPoints": points})
+        self.fingers = len(points)
 
     def shown_ms(self):
         return float(self.ask("document.getElementById('clock').dataset.ms"))

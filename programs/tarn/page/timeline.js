@@ -7,7 +7,7 @@ import { TimelineData, View } from "./view.js";
 
 const overviewHeight = 22;
 const stillPixels = 4;       // less than this is a click
-const handlePixels = 7;
+const handlePixels = 7, fingerPixels = 20;
 const hoverAfterMs = 60, scrubEveryMs = 100;
 const thumbWidth = 192;
 const wheelStep = 1.0016;    // per unit of the wheel
@@ -149,7 +149,7 @@ export class Timeline {
     lanes.addEventListener("pointerdown", (event) => this.down(event));
     lanes.addEventListener("pointermove", (event) => this.move(event));
     lanes.addEventListener("pointerup", (event) => this.up(event));
-    lanes.addEventListener("pointercancel", (event) => this.pointers.delete(event.pointerId));
+    lanes.addEventListener("pointercancel", (event) => this.lift(event));
     lanes.addEventListener("pointerleave", () => this.hideHover());
     lanes.addEventListener("keydown", (event) => this.key(event));
   }
@@ -171,8 +171,11 @@ export class Timeline {
     this.lanes.setPointerCapture(event.pointerId);
     this.pointers.set(event.pointerId, event);
     const onAxis = event.clientY - this.lanes.getBoundingClientRect().top < sizes.axis;
-    this.from = { x: event.clientX, ms: this.msAt(event), moved: false, onAxis };
-    this.grip = onAxis ? null : this.gripAt(event);
+    // A second finger is no tap, and draws no selection.
+    const alone = this.pointers.size === 1;
+    this.from = { x: event.clientX, ms: this.msAt(event), moved: !alone, onAxis: onAxis && alone };
+    this.grip = onAxis || !alone ? null : this.gripAt(event);
+    if (!alone) return;
     if (this.grip === null && !onAxis && (this.selecting || event.shiftKey)) this.grip = this.from.ms;
     this.hideHover();
   }
@@ -182,8 +185,9 @@ export class Timeline {
     if (this.selection === null) return null;
     const box = this.lanes.getBoundingClientRect();
     const x = event.clientX - box.left - gutterOf(box.width);
-    if (Math.abs(x - this.view.x(this.selection.from)) <= handlePixels) return this.selection.to;
-    if (Math.abs(x - this.view.x(this.selection.to)) <= handlePixels) return this.selection.from;
+    const near = event.pointerType === "touch" ? fingerPixels : handlePixels;
+    if (Math.abs(x - this.view.x(this.selection.from)) <= near) return this.selection.to;
+    if (Math.abs(x - this.view.x(this.selection.to)) <= near) return this.selection.from;
     return null;
   }
 
@@ -221,18 +225,30 @@ export class Timeline {
     this.select({ from: Math.min(this.grip, ms), to: Math.max(this.grip, ms) });
   }
 
+  // What was between the fingers stays there.
   pinch(before, after) {
-    this.from.moved = true;
     const apart = ([a, b]) => Math.max(10, Math.abs(a.clientX - b.clientX));
-    const middle = { clientX: (after[0].clientX + after[1].clientX) / 2 };
-    this.view.zoom(apart(before) / apart(after), this.msAt(middle));
+    const middle = ([a, b]) => this.msAt({ clientX: (a.clientX + b.clientX) / 2 });
+    const held = middle(before);
+    this.view.zoom(apart(before) / apart(after), held);
+    this.view.move(held - middle(after));
     this.moved();
   }
 
   up(event) {
+    const seeks = this.lift(event) && !this.from.moved && this.pointers.size === 0;
+    if (seeks) this.told.seek(this.msAt(event), true);
+  }
+
+  // Of two fingers the one that stays goes on from where it is.
+  lift(event) {
     const held = this.pointers.delete(event.pointerId);
-    if (!held || this.from.moved || this.pointers.size > 0) return;
-    this.told.seek(this.msAt(event), true);
+    const [rest] = this.pointers.values();
+    if (held && rest !== undefined) {
+      this.from = { x: rest.clientX, ms: this.msAt(rest), moved: true, onAxis: false };
+      this.grip = null;
+    }
+    return held;
   }
 
   key(event) {

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "recorder/session/RecordingStatus.h"
+#include "recorder/session/StatusTeller.h"
 #include "recorder/session/WearCauses.h"
 
 namespace tarn_test {
