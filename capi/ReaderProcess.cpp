@@ -83,7 +83,7 @@ std::string withoutPrefix(std::string line) {
 std::shared_ptr<ReaderProcess> ReaderProcess::start(std::vector<std::string> before,
                                                     std::vector<std::string> behind,
                                                     std::string* error) {
-  const std::shared_ptr<ReaderProcess> process(new ReaderProcess);
+  std::shared_ptr<ReaderProcess> process(new ReaderProcess);
   std::vector<std::string> words = {toolPath()};
   words.insert(words.end(), before.begin(), before.end());
   words.emplace_back(kCommand);
@@ -107,6 +107,7 @@ bool ReaderProcess::spawn(const std::vector<std::string>& words, std::string* er
   }
   const SpawnSetup setup(theirs.get(), said_.get());
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);
   const int failure = posix_spawn(&pid_, words[0].c_str(), &setup.actions, &setup.attributes,

@@ -111,7 +111,7 @@ void SoundExport::count() {
 }
 
 SoundTotals SoundExport::closeFile() {
-  const SoundTotals closed = atEnd_ ? totals_ : before_;
+  SoundTotals closed = atEnd_ ? totals_ : before_;
   totals_ = before_ = SoundTotals();
   if (atEnd_) return closed;
   beginTrack();

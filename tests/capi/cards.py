@@ -32,7 +32,19 @@ cameras = sealed.cameras
 
 
 def digest(path):
-    return hashlib.sha256(pathlib.Path(path).read_bytes()).hexdigest()
+    """Of all that is not a hole, and of where it is."""
+    total = hashlib.sha256()
+    with open(path, "rb", buffering=0) as file:
+        size = os.fstat(file.fileno()).st_size
+        end = 0
+        while end < size:
+            try:
+                begin = os.lseek(file.fileno(), end, os.SEEK_DATA)
+            except OSError:
+                break
+            end = os.lseek(file.fileno(), begin, os.SEEK_HOLE)
+            total.update(f"{begin} {end} ".encode() + os.pread(file.fileno(), end - begin, begin))
+    return f"{size} {total.hexdigest()}"
 
 
 def copy(source, target):
@@ -58,8 +70,11 @@ class CardTest(unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         cls.card.close()
-        left = [one for one in pathlib.Path("/proc").iterdir() if (one / "comm").exists() and
-                (one / "comm").read_text().startswith(("tarn", "bwrap")) and one.name != "1"]
+        for _ in range(600):
+            left = cls.of_the_tool()
+            if not left:
+                break
+            time.sleep(0.05)  # what was killed takes its time to go
         after = digest(cls.path)
         cls.work.cleanup()
         if after != cls.before:
@@ -72,6 +87,19 @@ class CardTest(unittest.TestCase):
 
     def sound(self):
         return [one for one in self.card.recordings(channel=0) if one.kind == "sound"][0]
+
+    @staticmethod
+    def of_the_tool():
+        """Processes of it, and of the views that it makes; but not of that around the test."""
+        found = []
+        for one in pathlib.Path("/proc").glob("[0-9]*"):
+            try:
+                name = (one / "comm").read_text()
+            except OSError:
+                continue
+            if name.startswith(("tarn", "bwrap")) and one.name != "1":
+                found.append(name.strip())
+        return found
 
     @staticmethod
     def read(recording):
@@ -207,7 +235,9 @@ class CardTest(unittest.TestCase):
         self.assertEqual(len(list(self.video().pictures())), 75)
 
     def test_sealed_export_is_proven_until_a_bit_turns(self):
-        key, certificate = sealed.make_keys(self.folder)[1::2]
+        key, certificate = self.folder / "unit.key", self.folder / "unit.pem"
+        cameras.run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key, "-out", certificate,
+                    "-subj", "/CN=recorder 7", "-days", "2")
         out = self.folder / "sealed.mp4"
         self.video().export(out, seal=(key, certificate), operator="Ann", note="case 12")
         proof = tarn.verify(out)
@@ -217,8 +247,7 @@ class CardTest(unittest.TestCase):
                          (True, None, "Ann", "case 12", ""))
         self.assertIn("recorder 7", seal.holder)
         self.assertEqual([one.name for one in proof.sources], ["channel 0, pictures", "channel 0, sound"])
-        self.assertTrue(tarn.verify(out, [self.folder / "ca.pem"]).seals[0].trusted)
-        strange = tarn.verify(out, [certificate])
+        self.assertTrue(tarn.verify(out, [certificate]).seals[0].trusted)
         data = bytearray(out.read_bytes())
         data[len(data) // 2] ^= 4
         out.write_bytes(data)
@@ -228,14 +257,13 @@ class CardTest(unittest.TestCase):
         plain = tarn.verify(self.exported(self.video(), "plain.mp4"))
         self.assertFalse(plain or plain.sealed)
         self.assertNotEqual(plain.error, "")
-        self.assertIsNotNone(strange.seals[0].trusted)
         with self.assertRaisesRegex(tarn.Error, "nowhere.pem"):
             tarn.verify(out, [self.folder / "nowhere.pem"])
 
     def test_whole_device_is_found_its_card(self):
         whole = self.folder / "device.img"
         with open(whole, "wb") as image:
-            image.truncate((1 << 20) + self.path.stat().st_size)
+            image.truncate((1 << 20) + self.path.stat().st_size)  # what dd leaves out is a hole
             image.seek(446)
             image.write(bytes([0, 0, 0, 0, 0x0C, 0, 0, 0]) + (2048).to_bytes(4, "little") +
                         (self.path.stat().st_size // 512).to_bytes(4, "little"))
@@ -252,22 +280,35 @@ class CardTest(unittest.TestCase):
             tarn.open(whole, partition=2)
         self.assertEqual(digest(whole), before)
 
+    @unittest.skipUnless(shutil.which("mcopy"), "mcopy is missing (mtools)")
+    def test_folder_that_a_pc_copied_is_a_card(self):
+        folder = self.folder / "copied"
+        folder.mkdir()
+        cameras.run("mcopy", "-s", "-n", "-i", self.path, "::*", folder)
+        with tarn.open(folder) as card:
+            video, = [one for one in card.recordings(channel=3) if one.kind == "video"]
+            self.assertEqual([one.data for one in video.pictures()], [one.data for one in self.video(3).pictures()])
+
     def test_card_that_lost_power_shows_what_reached_it(self):
         """Taken while it recorded: nothing of the recording is closed."""
         card = copy(self.path, self.folder / "lost.img")
         taken = self.folder / "taken.img"
         # More than a pipe holds, so that the recorder waits for the rest.
-        clip = self.recorder.clip("long.h264", 10, "-an", size="320x240").read_bytes()
+        clip = self.recorder.clip("long.h264", 6, "-an").read_bytes()
         recorder = subprocess.Popen([TOOL, "--card", card, "record", "-", "--times", "stream"],
                                     stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         recorder.stdin.write(clip[:len(clip) // 2])
         recorder.stdin.flush()
-        for _ in range(200):
+        found = []
+        for _ in range(300):
             copy(card, taken)
-            with tarn.open(taken) as lost:
-                found = [one for one in lost.recordings() if one.state == "interrupted"]
-                if found:
-                    break
+            try:
+                with tarn.open(taken) as lost:
+                    found = [one for one in lost.recordings() if one.state == "interrupted"]
+            except tarn.Error:
+                pass  # a copy of a card that is being written to is of several moments
+            if found:
+                break
             time.sleep(0.1)
         recorder.stdin.close()
         recorder.wait()
