@@ -11,7 +11,9 @@
 namespace tarn {
 namespace {
 
-constexpr int kBacklog = 128;
+// As many as the system lets wait: in a rush all that are too many are refused at once, instead of
+// being left to ask again in a while.
+constexpr int kBacklog = SOMAXCONN;
 constexpr unsigned kMostPort = 65535;
 
 bool parsePort(const std::string& text, uint16_t* port) {

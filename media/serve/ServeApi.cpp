@@ -124,6 +124,8 @@ class ServeApi::Impl {
   }
 
   HttpResponse page(const HttpRequest& request) const {
+    // A question may also have none: "GET ?a=1".
+    if (request.path.rfind('/', 0) != 0) return errorResponse(404, kNoSuchAddress);
     const std::string name = request.path == "/" ? kIndex : request.path.substr(1);
     for (const PageFile& file : page_) {
       if (name != file.name) continue;
