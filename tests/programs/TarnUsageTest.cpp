@@ -41,7 +41,8 @@ bool hasCommand(const std::string& name) {
 bool viewsWork() { return shell("bwrap --bind / / true").exitCode == 0; }
 
 // Options that take any text, or that stand for a file.
-const std::set<std::string> kAnyText = {"--card", "--config", "--save-undo", "--undo", "--output"};
+const std::set<std::string> kAnyText = {"--card", "--config", "--save-undo",
+                                        "--undo", "--output", "--downloads"};
 
 // The options of a command that take a value, by its help; those of the chunk sizes are all alike.
 std::vector<std::string> valueOptions(const std::string& command) {
