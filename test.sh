@@ -32,6 +32,7 @@ if [[ " ${presets[*]} " == *" release "* ]]; then
   scripts/install-packages "${browser_packages[@]}" ||
     echo "No browser can be installed here: the tests of the page are skipped."
   tests/page/axe build/axe || echo "axe-core cannot be fetched here: the page's accessibility is not checked."
+  tests/fleet/duckdb build/duckdb || echo "DuckDB cannot be fetched here: the indexes of a fleet are not asked."
 fi
 
 work=$(mktemp -d)

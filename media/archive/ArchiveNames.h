@@ -22,12 +22,12 @@ TARN_API bool isRecorderName(const std::string& name);
 // "recorder=ID"
 std::string folderOfRecorder(const std::string& recorder);
 // "recorder=ID/date=2026-03-01", of a moment in milliseconds since 1970.
-std::string folderOfDay(const std::string& recorder, int64_t ms);
+TARN_API std::string folderOfDay(const std::string& recorder, int64_t ms);
 // The day's folder that an object lies in; "" for one that lies in none.
 std::string dayOf(const std::string& object);
 // What the clip of a line is called: FOLDER/ch=0/081929250-r12.mp4, of an event 081929250-e3.mp4;
 // .mov where its sound does not go into an .mp4.
-std::string clipName(const ArchiveLine& line, bool quickTime);
+TARN_API std::string clipName(const ArchiveLine& line, bool quickTime);
 TARN_API std::string sidecarOf(const std::string& clip);
 bool endsIn(const std::string& name, const std::string& ending);
 

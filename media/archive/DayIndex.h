@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "base/Export.h"
 #include "media/archive/ArchiveLine.h"
 #include "media/archive/ArchiveNames.h"
 #include "media/archive/ArchiveStore.h"
@@ -12,7 +13,7 @@ namespace tarn {
 
 // The index of one day: a line for each object, and for what has none. Used by one thread. Not part
 // of the interface.
-class DayIndex {
+class TARN_API DayIndex {
  public:
   // `day`: its folder.
   DayIndex(ArchiveStore* store, const std::string& day) : store_(store), day_(day) {}
