@@ -15,7 +15,7 @@
 namespace tarn {
 namespace {
 
-constexpr int kLookMs = 100;
+constexpr int kQuestionLookMs = 100;
 
 // The half of the library for C that reads cards: capi/ReaderProcess.h starts it.
 class CommandAnswer : public Command {
@@ -65,7 +65,7 @@ class CommandAnswer : public Command {
     bool there = Message(MessageKind::kHello, HelloFacts{TARN_VERSION}).send(socket);
     while (there && !stopRequested()) {
       pollfd question = {socket, POLLIN, 0};
-      if (poll(&question, 1, kLookMs) <= 0) continue;
+      if (poll(&question, 1, kQuestionLookMs) <= 0) continue;
       Message message;
       there = message.receive(socket) && answers.answer(message);
     }
