@@ -21,8 +21,8 @@ constexpr char kSealed[] =
     "this server seals what it gives out, which takes a while: begin it with POST /api/downloads";
 constexpr char kNothingThere[] = "nothing was recorded there";
 constexpr char kFormatChanges[] =
-    "the pictures change their format in that time, and one movie has one: ask for what is before "
-    "and behind it by itself, from ";
+    "pictures or sound change their format in that time, and one movie has one: ask for what is "
+    "before and behind it by itself, from ";
 
 }  // namespace
 
@@ -44,20 +44,28 @@ const ServedRecording* ExportAnswers::otherFormat(const ServedRows& rows, int ch
   return nullptr;
 }
 
-// The sound of a period, by its first recording that can be read; null where there is none.
-std::shared_ptr<const SoundMaker::Description> ExportAnswers::soundOf(const ServedRows& rows,
-                                                                      int channel, int64_t fromUs,
-                                                                      int64_t toUs) {
+// The sound of a period, by its first recording that can be read; null where there is none. *other
+// is the first that is coded in another way, null where none is.
+std::shared_ptr<const SoundMaker::Description> ExportAnswers::soundOf(
+    const ServedRows& rows, int channel, int64_t fromUs, int64_t toUs,
+    const ServedRecording** other) {
+  std::shared_ptr<const SoundMaker::Description> first;
+  *other = nullptr;
   for (const DB_STREAM& row : SoundMaker::rowsOf(rows, channel, fromUs, toUs)) {
     const ServedRecording* recording = rows.find(row.streamID);
     const auto sound = recording != nullptr ? inits_->sound()->describe(*recording) : nullptr;
-    if (sound != nullptr) return sound;
+    if (first == nullptr) first = sound;
+    if (sound == nullptr || sound->first->format == first->first->format) continue;
+    *other = recording;
+    break;
   }
-  return nullptr;
+  return first;
 }
 
 bool ExportAnswers::needsQuickTime(int channel, int64_t fromUs, int64_t toUs) {
-  const auto sound = soundOf(*follower_->rows(), channel, fromUs, toUs);
+  const ServedRecording* other = nullptr;
+  const std::shared_ptr<const ServedRows> rows = follower_->rows();
+  const auto sound = soundOf(*rows, channel, fromUs, toUs, &other);
   return sound != nullptr && ExportStream::needsQuickTime({sound->first->format, {}});
 }
 
@@ -70,7 +78,10 @@ HttpResponse ExportAnswers::exported(const HttpRequest& request) {
   if (!query.ok()) return errorResponse(400, query.error());
   if (sealed_) return errorResponse(409, kSealed);
   const std::shared_ptr<const ServedRows> rows = follower_->rows();
+  const ServedRecording* otherSound = nullptr;
+  const auto described = soundOf(*rows, channel, fromUs, toUs, &otherSound);
   const ServedRecording* other = otherFormat(*rows, channel, fromUs, toUs);
+  if (other == nullptr) other = otherSound;
   if (other != nullptr)
     return errorResponse(409,
                          kFormatChanges + TimeText::of(other->row.startDate, other->row.startMSec));
@@ -78,7 +89,6 @@ HttpResponse ExportAnswers::exported(const HttpRequest& request) {
                                               PieceWalker::Formats::kOfEnds);
   if (!walker->toTime(fromUs)) return errorResponse(404, kNothingThere);
   ExportStream::SoundToo sound;
-  const auto described = soundOf(*rows, channel, fromUs, toUs);
   if (described != nullptr) {
     sound.format = described->first->format;
     sound.rows = SoundMaker::rowsOf(*rows, channel, fromUs - kBeforeUs, toUs + kBehindUs);

@@ -22,7 +22,8 @@ class ExportAnswers {
   const ServedRecording* otherFormat(const ServedRows& rows, int channel, int64_t fromUs,
                                      int64_t toUs);
   std::shared_ptr<const SoundMaker::Description> soundOf(const ServedRows& rows, int channel,
-                                                         int64_t fromUs, int64_t toUs);
+                                                         int64_t fromUs, int64_t toUs,
+                                                         const ServedRecording** other);
 
   RowFollower* follower_;
   PieceInits* inits_;
