@@ -107,9 +107,10 @@ void ReadYield::rest() {
   if (worked < kWorkUs) return;
   pauseFor(worked);
   if (!statistics_.empty() && now - lookedUs_ >= kLookUs) {
-    for (int i = 0; i < kMostPauses && isTaken(); ++i) {
-    }
-    lookedUs_ = monotonicUs();
+    int pauses = 0;
+    while (pauses < kMostPauses && isTaken()) ++pauses;
+    // One that is never free gets no more than a piece of work between two such pauses.
+    lookedUs_ = pauses < kMostPauses ? monotonicUs() : 0;
   }
   sinceUs_ = monotonicUs();
 }
