@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "media/MonotonicTime.h"
+#include "recorder/session/RecordingStatus.h"
 
 namespace tarn {
 namespace {
@@ -27,7 +28,7 @@ constexpr double kSlowTimes = 2;
 constexpr double kSlowMs = 5;
 // Of a pause in which others kept the device busy for longer than this part another one follows.
 constexpr int64_t kBusyPart = 2;
-constexpr double kForgetting = 1.02;  // of what is usual, a look: a card gets slower as it ages
+constexpr double kForgetting = 1.02;  // of what is usual, each time: a card gets slower as it ages
 constexpr int kNicest = 19;
 
 // Of the kernel's line: reads, merged, sectors, milliseconds, and the same of writes; those under
@@ -69,22 +70,41 @@ std::string ReadYield::statisticsOf(const std::string& device) {
          std::to_string(minor(status.st_rdev)) + "/stat";
 }
 
+bool ReadYield::Usual::isExceeded(uint64_t count, double ms) {
+  const uint64_t newOnes = count - count_;
+  const double each = newOnes == 0 ? 0 : (ms - ms_) / static_cast<double>(newOnes);
+  const bool first = !known_;
+  known_ = true;
+  count_ = count;
+  ms_ = ms;
+  if (first || newOnes == 0) return exceeded_;
+  usualMs_ = usualMs_ == 0 ? each : std::min(each, usualMs_ * kForgetting);
+  exceeded_ = each > usualMs_ * kSlowTimes + kSlowMs;
+  return exceeded_;
+}
+
 bool ReadYield::isTaken(const std::string& before, const std::string& behind, int64_t pausedUs) {
   Counts first;
   Counts now;
   if (!first.read(before) || !now.read(behind)) return false;
   const auto busyUs = static_cast<int64_t>(now.busyMs - first.busyMs) * 1000;
-  const uint64_t writes = now.writes - writes_;
-  const uint64_t ms = now.writeMs - writeMs_;
-  const bool anew = !known_;
-  known_ = true;
-  writes_ = now.writes;
-  writeMs_ = now.writeMs;
-  if (busyUs > pausedUs / kBusyPart) return true;
-  if (anew || writes == 0) return false;
-  const double each = static_cast<double>(ms) / static_cast<double>(writes);
-  usualMs_ = usualMs_ == 0 ? each : std::min(each, usualMs_ * kForgetting);
-  return each > usualMs_ * kSlowTimes + kSlowMs;
+  const bool slow = writes_.isExceeded(now.writes, static_cast<double>(now.writeMs));
+  return busyUs > pausedUs / kBusyPart || slow;
+}
+
+bool ReadYield::areFlushesSlow(uint64_t flushes, int64_t allUs) {
+  return flushes_.isExceeded(flushes, static_cast<double>(allUs) / 1000);
+}
+
+// Told once a second.
+bool ReadYield::areFlushesSlow() {
+  uint64_t flushes = 0;
+  int64_t allUs = 0;
+  for (const RecordingStatus& status : toldStatuses()) {
+    for (const uint64_t count : status.flushes.counts) flushes += count;
+    allUs += status.flushes.allUs;
+  }
+  return areFlushesSlow(flushes, allUs);
 }
 
 std::string ReadYield::look() const {
@@ -98,7 +118,8 @@ bool ReadYield::isTaken() {
   const std::string before = look();
   const int64_t fromUs = monotonicUs();
   pauseFor(kPauseUs);
-  return isTaken(before, look(), monotonicUs() - fromUs);
+  const bool slow = areFlushesSlow();
+  return isTaken(before, look(), monotonicUs() - fromUs) || slow;
 }
 
 void ReadYield::rest() {
@@ -106,7 +127,7 @@ void ReadYield::rest() {
   const int64_t worked = now - sinceUs_;
   if (worked < kWorkUs) return;
   pauseFor(worked);
-  if (!statistics_.empty() && now - lookedUs_ >= kLookUs) {
+  if (now - lookedUs_ >= kLookUs) {
     int pauses = 0;
     while (pauses < kMostPauses && isTaken()) ++pauses;
     // One that is never free gets no more than a piece of work between two such pauses.

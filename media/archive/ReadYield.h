@@ -8,13 +8,13 @@
 namespace tarn {
 
 // Makes way for whoever records on the same card: rests as long as it has worked, and while the
-// device has enough to do without it, or takes longer over writes than it does otherwise. Used by
-// one thread.
+// device has enough to do without it, or takes longer over writes, or the recorder over flushes,
+// than they do otherwise. Used by one thread.
 class TARN_API ReadYield {
  public:
-  // `statistics`: the device's file of the kernel's, see statisticsOf(); "" where there is none,
-  // and then it only rests. Neither the processor nor the device is asked for before all others
-  // from now on, in this thread.
+  // `statistics`: the device's file of the kernel's, see statisticsOf(); "" where there is none.
+  // Neither the processor nor the device is asked for before all others from now on, in this
+  // thread.
   explicit ReadYield(const std::string& statistics);
 
   // Between two pieces of work of a few milliseconds. Returns when it is to go on.
@@ -23,20 +23,35 @@ class TARN_API ReadYield {
   // What the kernel counts of a block device, and of what is no device "".
   static std::string statisticsOf(const std::string& device);
   // Of two lines of it, in front of a pause of so many microseconds and behind it: whether the
-  // device belongs to others just now. Told apart for tests.
+  // device belongs to others just now. Told apart for tests, as the next one.
   bool isTaken(const std::string& before, const std::string& behind, int64_t pausedUs);
+  // By what the recorder tells: flushes so far, and how long they took, all together.
+  bool areFlushesSlow(uint64_t flushes, int64_t allUs);
 
  private:
+  // What something usually takes, and whether it takes longer now.
+  class Usual {
+   public:
+    // `count` of them have taken `ms` so far, all together. As it was where there was none since.
+    bool isExceeded(uint64_t count, double ms);
+
+   private:
+    bool known_ = false;
+    uint64_t count_ = 0;
+    double ms_ = 0;
+    double usualMs_ = 0;  // 0: not known
+    bool exceeded_ = false;
+  };
+
   bool isTaken();
+  bool areFlushesSlow();
   std::string look() const;
 
   const std::string statistics_;
   int64_t sinceUs_;       // monotonic, when work began
-  int64_t lookedUs_ = 0;  // when the device was asked last
-  uint64_t writes_ = 0;   // that it had done then
-  uint64_t writeMs_ = 0;  // and how long they took, all together
-  bool known_ = false;    // both are
-  double usualMs_ = 0;    // a write takes, when it is not disturbed; 0: not known
+  int64_t lookedUs_ = 0;  // when others were looked at last
+  Usual writes_;
+  Usual flushes_;
 };
 
 }  // namespace tarn

@@ -21,8 +21,17 @@ TEST(ReadYieldTest, WritesThatTakeLongerThanUsualAreWaitedFor) {
   EXPECT_FALSE(taken(1100, 90400)) << "4 ms each is usual here";
   EXPECT_FALSE(taken(1200, 91000)) << "6 ms";
   EXPECT_TRUE(taken(1210, 91200)) << "20 ms";
-  EXPECT_FALSE(taken(1210, 91200)) << "none at all";
+  EXPECT_TRUE(taken(1210, 91200)) << "none since: as before";
   EXPECT_FALSE(taken(1310, 91600));
+}
+
+TEST(ReadYieldTest, FlushesThatTakeLongerThanUsualAreWaitedForUntilTheNextOnes) {
+  tarn::ReadYield yield("");
+  EXPECT_FALSE(yield.areFlushesSlow(100, 9000000)) << "what was before does not count";
+  EXPECT_FALSE(yield.areFlushesSlow(110, 9200000)) << "20 ms each is usual here";
+  EXPECT_TRUE(yield.areFlushesSlow(112, 9300000)) << "50 ms";
+  EXPECT_TRUE(yield.areFlushesSlow(112, 9300000)) << "none since";
+  EXPECT_FALSE(yield.areFlushesSlow(122, 9500000));
 }
 
 TEST(ReadYieldTest, DeviceThatOthersKeepBusyIsLeftToThem) {
