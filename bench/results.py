@@ -45,6 +45,8 @@ TITLES = {
     "repair/ram": "card in memory",
     "format/ram": "image in memory",
     "format/disk": "image on disk",
+    "viewers/disk": "file on disk",
+    "viewers/slow": "device of 10 MB/s",
     "export/mp4": "to .mp4, against `ffmpeg -c copy`",
     "view/list": "`tarn --card CARD list`",
     "view/export": "`tarn --card CARD export` of a second",
