@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "Pair.h"
+#include "base/Crc16.h"
 #include "dblog/JournalFormat.h"
 #include "recorder/recording/AnnexB.h"
 #include "recorder/recording/RecordFormat.h"
@@ -100,6 +101,80 @@ void writeStreamJournal(Card* card, std::vector<DB_STREAM> rows) {
     tarn::encodeStreamRecord(rows[i], bytes.data() + rows[i].backOffset);
   }
   writePair(card, tarn::kStreamJournalChunk, bytes);
+}
+
+namespace {
+
+// The pictures' heads as the check reads them, with their checksums where all bytes are known.
+void writePictures(Card* card, const DB_STREAM& row, uint32_t dataOffset, uint32_t size) {
+  std::vector<uint8_t> picture(size, 0);
+  std::vector<uint8_t> entries(size_t{row.recSize} * kSlot);
+  uint16_t checksum = 0;
+  for (uint32_t i = 0; i < row.recSize; ++i) {
+    tarn::PictureEntry entry = entryOf(row, i, dataOffset, size);
+    if (i % kPicturesPerSecond == 0) {  // the others of the second are the same
+      stampPicture(entry.presentation.seconds, picture.data());
+      checksum = tarn::pictureChecksum(tarn::crc16(picture.data(), size));
+    }
+    entry.checksum = checksum;
+    tarn::encodePictureEntry(entry, entries.data() + size_t{i} * kSlot);
+    card->write(card->chunkByte(tarn::kFileStream, row.chunkID) + entry.dataOffset, picture.data(),
+                kStampBytes);
+  }
+  card->write(card->chunkByte(tarn::kFilePicture, row.chunkID) + row.chunkOffset + kSlot,
+              entries.data(), entries.size());
+}
+
+void writeClosedHeader(Card* card, const DB_STREAM& row, uint32_t dataOffset, uint32_t size) {
+  tarn::StreamHeader header;
+  header.marker = tarn::kMarkerClosed;
+  header.firstNumber = kFirstNumber;
+  header.dataOffset = dataOffset;
+  header.dataSize = row.recSize * size;
+  header.lastTime = row.endDate;
+  header.pictures = row.recSize;
+  header.gops = (row.recSize + kGop - 1) / kGop;
+  uint8_t bytes[kSlot];
+  tarn::encodeStreamHeader(header, bytes);
+  writeSlot(card, row, 0, bytes);
+}
+
+}  // namespace
+
+void writeWhole(Card* card, const std::vector<DB_STREAM>& rows) {
+  for (const DB_STREAM& row : rows) {
+    writeClosedHeader(card, row, dataOffsetOf(row), kSmallPicture);
+    writePictures(card, row, dataOffsetOf(row), kSmallPicture);
+  }
+}
+
+std::vector<DB_STREAM> fullStreams(const Card& card, uint32_t pictureSize) {
+  const auto& streams = card.layout().family(tarn::kFileStream);
+  std::vector<DB_STREAM> rows(streams.chunks);
+  for (uint32_t i = 0; i < streams.chunks; ++i) {
+    DB_STREAM& row = rows[i];
+    row.streamID = i + 1;
+    row.frameSet = 2;
+    row.recSize = (streams.chunkSize - 1) / pictureSize;
+    row.chunkID = i;
+    row.chunkSize = (row.recSize + 1) * kSlot;
+    row.status = kClosed;
+    row.startDate = kLifeBegins + 600 * i;
+    row.endDate = row.startDate + (row.recSize - 1) / kPicturesPerSecond;
+    if (row.chunkSize >= card.layout().family(tarn::kFilePicture).chunkSize)
+      give_up("a picture chunk has no room for so many entries");
+  }
+  return rows;
+}
+
+uint64_t writeFull(Card* card, const std::vector<DB_STREAM>& rows, uint32_t pictureSize) {
+  uint64_t bytes = 0;
+  for (const DB_STREAM& row : rows) {
+    writeClosedHeader(card, row, 0, pictureSize);
+    writePictures(card, row, 0, pictureSize);
+    bytes += uint64_t{row.recSize} * pictureSize;
+  }
+  return bytes;
 }
 
 std::vector<DB_EVENT> manyEvents(uint32_t count) {

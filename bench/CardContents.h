@@ -25,6 +25,16 @@ std::vector<DB_STREAM> manyStreams(const Card& card, uint32_t count);
 // Gives the first and last recording of each chunk header and entries that fit.
 void writeHeaders(Card* card, const std::vector<DB_STREAM>& rows);
 
+// Gives each recording header and entries that fit, and its pictures their heads: a check finds
+// nothing.
+void writeWhole(Card* card, const std::vector<DB_STREAM>& rows);
+
+// A recording for each chunk, which fills it with pictures of `pictureSize` bytes, and what they
+// hold: heads of pictures, and else zeros, where a sparse card has no block. The bytes of all
+// pictures.
+std::vector<DB_STREAM> fullStreams(const Card& card, uint32_t pictureSize);
+uint64_t writeFull(Card* card, const std::vector<DB_STREAM>& rows, uint32_t pictureSize);
+
 // A recording that the power ended: an open header and `pictures` entries, and a time stamp in each
 // picture that a repair looks at. Returns its row, whose recSize is 0.
 DB_STREAM writeInterrupted(Card* card, uint32_t chunk, uint32_t key, uint32_t pictures,

@@ -16,6 +16,7 @@
 #include "recorder/card/TimeText.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/SoundFormat.h"
+#include "recorder/recording/StreamPages.h"
 #include "recorder/rows/RecorderDatabase.h"
 
 namespace tarn {
@@ -218,9 +219,10 @@ class CommandList : public Command {
       fmt::print("\n");
     }
     std::vector<DB_STREAM> page(kPage);
-    for (unsigned long offset = 0;; offset += kPage) {
-      const int32_t count =
-          db_->selectRipList(page.data(), kPage, offset, firstSecond(), lastSecond(), trigger_);
+    StreamPages pages(db_.get(), static_cast<uint32_t>(firstSecond()),
+                      static_cast<uint32_t>(lastSecond()), static_cast<uint32_t>(trigger_));
+    for (;;) {
+      const int32_t count = pages.next(page.data(), kPage);
       if (!statementWasDone(*db_, &error_)) return false;
       for (int32_t i = 0; i < count; ++i) {
         const DB_STREAM& row = page[static_cast<size_t>(i)];

@@ -14,6 +14,7 @@
 #include "recorder/recording/RecordFormat.h"
 #include "recorder/recording/RecordingIndex.h"
 #include "recorder/recording/RowCorrection.h"
+#include "recorder/recording/StreamPages.h"
 
 namespace tarn {
 namespace {
@@ -242,9 +243,10 @@ bool streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg, std::vector<DB_
         out->clear();
         CApiDb db;
         DB_STREAM page[kPage];
+        StreamPages pages(&db, from, to, inTrg);
         for (;;) {
-          const int32_t count = db.selectRipList(page, kPage, out->size(), from, to, inTrg);
-          if (db.getStatus() != 1) return false;  // an empty page of its own says nothing
+          const int32_t count = pages.next(page, kPage);
+          if (count < 0) return false;
           if (count > 0) out->insert(out->end(), page, page + count);
           if (count < static_cast<int32_t>(kPage)) return leaveOutCopies(&db, out);
         }
