@@ -56,7 +56,7 @@ bool ChannelRecorder::openSession(const MediaInput& input) {
     early_.open(options);
     return true;
   }
-  awaitServer(stopped_);
+  if (!awaitServer(stopped_)) return fail(kErrNoServer);
   return session_.open(options) == 0 || fail(session_.errorText());
 }
 

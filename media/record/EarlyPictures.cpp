@@ -13,8 +13,7 @@ EarlyPictures::~EarlyPictures() {
 }
 
 void EarlyPictures::work(const RecordingOptions& options) {
-  awaitServer(stopped_);
-  opened_ = !stopped_ && session_->open(options) == 0;
+  opened_ = awaitServer(stopped_) && !stopped_ && session_->open(options) == 0;
   over_ = true;
 }
 

@@ -34,8 +34,13 @@ bool serverIsThere() {
   return true;
 }
 
-void awaitServer(const std::atomic<bool>& stopped) {
-  retryFor(kServerPatienceMs, [&stopped] { return stopped || serverIsThere(); });
+bool awaitServer(const std::atomic<bool>& stopped) {
+  bool there = false;
+  retryFor(kServerPatienceMs, [&] {
+    there = serverIsThere();
+    return there || stopped;
+  });
+  return there;
 }
 
 }  // namespace tarn

@@ -16,7 +16,7 @@ TARN_API ServerProbe probeServer();
 // Whether card and database may be touched: false only where this program waits for its server as
 // long as it takes (ServerPatience.h) and none answers yet, as a recovery may be at work on them.
 bool serverIsThere();
-// Until serverIsThere(), the program is to end, or `stopped`.
-TARN_API void awaitServer(const std::atomic<bool>& stopped);
+// Until serverIsThere(), which makes it true, the program is to end, or `stopped`.
+TARN_API bool awaitServer(const std::atomic<bool>& stopped);
 
 }  // namespace tarn
