@@ -1,5 +1,6 @@
 // The pictures of recordings, and the sound beside them, as an export and a player read them.
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 
 #include "fuzz/FuzzCard.h"
@@ -14,14 +15,15 @@ namespace {
 
 constexpr uint32_t kChunkBytes = 64 * 1024;
 
-size_t soundChunksOfCard() { return tarn::soundChunks(kCardPath).size(); }
-
 const std::vector<DB_STREAM>& rows() {
   static const std::vector<DB_STREAM> rows = [] {
     if (!tarn::StartUp().run().ok()) abort();
     std::vector<DB_STREAM> all = tarn::streamsOfPeriod(0, UINT32_MAX);
     const auto sounds = std::count_if(all.begin(), all.end(), tarn::isSound);
-    if (all.size() < 5 || sounds < 2 || soundChunksOfCard() != 1) abort();
+    if (all.size() < 3 || sounds == 0) {
+      fprintf(stderr, "%zu recordings, %zu of sound\n", all.size(), static_cast<size_t>(sounds));
+      abort();
+    }
     FuzzCard::get().restore();
     return all;
   }();
@@ -53,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzCard& card = FuzzCard::get();
   card.damage(data, size, kVolume | kPictures | kStreams);
   for (const DB_STREAM& row : recordings) readAll(row);
-  soundChunksOfCard();
+  tarn::soundChunks(kCardPath);
   if (deviceWrites() != 0) abort();
   card.restore();
   return 0;
