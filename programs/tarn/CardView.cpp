@@ -112,7 +112,7 @@ int CardView::runReadOnly(const std::string& card, CardOriginal* original,
                           const std::vector<std::string>& arguments,
                           const std::vector<std::string>& shown, std::string* error) {
   if (lock_.acquireToRead(card, error) != 0) return -1;
-  if (overlay_.start(original, card + kMsgOverlayFull, error) != 0) return -1;
+  if (overlay_.start(original, complaint(card + kMsgOverlayFull), error) != 0) return -1;
   const int exitCode = runOn("--bind", overlay_.path(), arguments, shown, error);
   overlay_.stop();
   return exitCode;

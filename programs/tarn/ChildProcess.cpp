@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "Console.h"
@@ -53,8 +52,9 @@ int exitCodeOf(int status) {
   resetStopSignals();
   if (prepare) prepare();
   execvp(words[0], words.data());
-  fprintf(stderr, "tarn: cannot run %s: %s\n", words[0], strerror(errno));
-  _exit(errno == ENOENT ? kNotFound : kCannotRun);
+  const int reason = errno;
+  complain(std::string("cannot run ") + words[0] + ": " + strerror(reason));
+  _exit(reason == ENOENT ? kNotFound : kCannotRun);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "Command.h"
 #include "Console.h"
+#include "RecoveryLine.h"
 #include "StandardOutputMuted.h"
 #include "recorder/card/TimeText.h"
 #include "recorder/recovery/Recovery.h"
@@ -145,6 +146,7 @@ class CommandRecover : public Command {
     RecoveryReport report;
     {
       const StandardOutputMuted muted;
+    const RecoveryLine line;
       report = Recovery(policy()).run();
     }
     if (json_) {

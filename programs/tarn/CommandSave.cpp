@@ -1,5 +1,6 @@
 #include "Command.h"
 #include "Console.h"
+#include "RecoveryLine.h"
 #include "StandardOutputMuted.h"
 #include "recorder/recovery/Recovery.h"
 
@@ -21,6 +22,7 @@ class CommandSave : public Command {
     std::string error;
     {
       const StandardOutputMuted muted;
+    const RecoveryLine line;
       if (Recovery().saveImage(&error) == 0) return kExitGood;
     }
     complain(error);

@@ -29,10 +29,12 @@ uint32_t monotonicMs() {
 
 ComplaintForm g_form = nullptr;
 
-void say(const char* kind, const std::string& text) {
+std::string lineOf(const char* kind, const std::string& text) {
   const std::string seen = asUserSees(text);
-  fprintf(stderr, "%s\n", (g_form != nullptr ? g_form(kind, seen) : "tarn: " + seen).c_str());
+  return (g_form != nullptr ? g_form(kind, seen) : "tarn: " + seen) + "\n";
 }
+
+void say(const char* kind, const std::string& text) { fputs(lineOf(kind, text).c_str(), stderr); }
 
 void onStopSignal(int signal) {
   if (g_stop == 0) g_stoppedAt = monotonicMs();
@@ -67,6 +69,7 @@ std::string asUserSees(std::string text) {
   return text;
 }
 
+std::string complaint(const std::string& text) { return lineOf("error", text); }
 void complain(const std::string& text) { say("error", text); }
 void warn(const std::string& text) { say("warning", text); }
 void complainAs(ComplaintForm form) { g_form = form; }

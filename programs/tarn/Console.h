@@ -14,6 +14,8 @@ std::string asUserSees(std::string text);
 void complain(const std::string& text);
 // The same of what is worth knowing and no failure.
 void warn(const std::string& text);
+// What complain() would write, with its line feed.
+std::string complaint(const std::string& text);
 // The form in which both say things from now on, for programs that read them: what it makes of a
 // text, and of "error" or "warning", is a line of its own. Set before there is a second thread.
 using ComplaintForm = std::string (*)(const char* kind, const std::string& text);

@@ -9,6 +9,7 @@
 
 #include "CardView.h"
 #include "Console.h"
+#include "RecoveryLine.h"
 #include "StandardOutputMuted.h"
 #include "base/UniqueFd.h"
 #include "recorder/recovery/Recovery.h"
@@ -36,6 +37,7 @@ int ViewSession::open(bool server, std::string* error) {
   RecoveryReport report;
   {
     const StandardOutputMuted muted;
+    const RecoveryLine line;
     report = Recovery(readOnly_ ? FusePolicy::kGuard : FusePolicy::kStop).run();
   }
   for (const std::string& problem : report.problems) warn(problem);
@@ -110,6 +112,7 @@ int ViewSession::close(std::string* error) {
 // Without an image the next start reads the journal instead, so that is no failure.
 void ViewSession::saveImage() const {
   const StandardOutputMuted muted;
+  const RecoveryLine line;
   std::string reason;
   Recovery recovery;
   if ((served_ ? recovery.saveImage(&reason) : recovery.keepImage(&reason)) != 0)

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <iterator>
 #include <utility>
@@ -56,6 +57,15 @@ bool mayBeWritten(std::string* error) {
   return geometry.ok();
 }
 
+constexpr char kImageStep[] = "database image";
+
+std::atomic<Recovery::StepTeller> g_teller{nullptr};
+
+void tell(const char* step) {
+  const Recovery::StepTeller teller = g_teller;
+  if (teller != nullptr) teller(step);
+}
+
 }  // namespace
 
 // Steps in their order; those behind one that failed are not taken.
@@ -87,8 +97,11 @@ bool Recovery::keepServerOut(const char* refusal, std::string* error) {
   return probe == ServerProbe::kFree;
 }
 
+void Recovery::tellSteps(StepTeller teller) { g_teller = teller; }
+
 bool Recovery::take(const Step& step) {
   if (omitted(step.name)) return true;
+  tell(step.name);
   return (this->*step.work)() || fail(step.text);
 }
 
@@ -233,6 +246,7 @@ int Recovery::leaveImage(bool anew, std::string* error) {
   return orNoMemory(
       "Recovery",
       [&]() -> int {
+        tell(kImageStep);
         const bool saved = keepServerOut(kErrSaveServerRuns, error) && nothingToWaitFor(error) &&
                            mayBeWritten(error) &&
                            saveDatabaseImage(anew ? ImageSave::kAnew : ImageSave::kAgain, error);

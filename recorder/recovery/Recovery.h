@@ -46,6 +46,10 @@ class TARN_API Recovery {
 
   // An attempt that ends with an error is followed by up to two others.
   RecoveryReport run();
+  // For whoever waits and wants to see for what: called in front of each step of every recovery of
+  // this process, in its thread, with a few words; must not throw. Null: nobody. Any thread.
+  using StepTeller = void (*)(const char* step);
+  static void tellSteps(StepTeller teller);
 
   // For a clean stop, when the server and everything else has ended: saves the database into its
   // image on the card, from which the next start takes it. 0; -1 with the reason in *error, and the

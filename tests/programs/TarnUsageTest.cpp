@@ -209,17 +209,60 @@ TEST(TarnUsageTest, BashCompletesWhatTheToolKnows) {
   EXPECT_THAT(complete("info a", 2), Contains("a card"));
 }
 
-TEST(TarnUsageTest, ZshAndFishTakeTheirCompletions) {
-  const std::string folder = std::string(kCompletions);
-  const bool zsh = shell("command -v zsh >/dev/null").exitCode == 0;
-  const bool fish = shell("command -v fish >/dev/null").exitCode == 0;
-  if (zsh) {
-    EXPECT_EQ(shell("zsh -n " + folder + "_tarn").output, "");
+// The function itself, between words of a line and what is offered; and that zsh finds it.
+TEST(TarnUsageTest, ZshCompletesWhatTheToolKnows) {
+  if (shell("command -v zsh >/dev/null").exitCode != 0) GTEST_SKIP() << "zsh is not installed here";
+  const std::string folder = kCompletions;
+  EXPECT_EQ(shell("HOME=/tmp zsh -fc 'fpath=(" + folder +
+                  " $fpath); autoload -U compinit && compinit -u -D && print $_comps[tarn]'")
+                .output,
+            "_tarn\n");
+  const auto complete = [&](const std::string& words, int at) {
+    return lines(
+        shell("zsh -fc 'compadd() { shift; print -l -- \"$@\" }; _files() { print :files }; "
+              "words=(" TARN_BIN_DIR "/tarn " +
+              words + "); CURRENT=" + std::to_string(at) + "; complete() { source " + folder +
+              "_tarn }; complete'")
+            .output);
+  };
+  EXPECT_EQ(complete("\"\"", 2), next("''"));
+  EXPECT_EQ(complete("format --", 3), next("format --"));
+  EXPECT_THAT(complete("list st", 3), ::testing::ElementsAre("streams", ":files"));
+  EXPECT_THAT(complete("format --profile m", 4), ::testing::ElementsAre("many"));
+}
+
+// As if the tabulator were pressed.
+TEST(TarnUsageTest, FishCompletesWhatTheToolKnows) {
+  if (shell("command -v fish >/dev/null").exitCode != 0)
+    GTEST_SKIP() << "fish is not installed here";
+  ASSERT_EQ(shell("mkdir -p /tmp/home && touch /tmp/home/acard").exitCode, 0);
+  const auto complete = [&](const std::string& line) {
+    return lines(
+        shell("cd /tmp/home && HOME=/tmp/home fish --no-config -c 'set -x PATH " TARN_BIN_DIR
+              " $PATH; source " +
+              std::string(kCompletions) + "tarn.fish; complete -C \"tarn " + line + "\"'")
+            .output);
+  };
+  EXPECT_THAT(complete(""), ::testing::UnorderedElementsAreArray(next("''")));
+  EXPECT_THAT(complete("list --j"), ::testing::ElementsAre("--json"));
+  EXPECT_THAT(complete("format --profile m"), ::testing::ElementsAre("many"));
+  EXPECT_THAT(complete("info a"), Contains("acard"));
+}
+
+// Whoever waits in front of a terminal sees for what.
+TEST(TarnUsageTest, ARecoveryAndASaveShowHowFarTheyAreOnATerminalAlone) {
+  if (shell("bwrap --bind / / true").exitCode != 0) GTEST_SKIP() << "bwrap does not work here";
+  ASSERT_EQ(tarn("format /tmp/card --size 34M").exitCode, 0);
+  for (const std::string command : {"recover", "list"}) {
+    const std::string words = "/tarn --card /tmp/card " + command;
+    const std::string shown = shell("script -qec '" TARN_BIN_DIR + words + "' /dev/null").output;
+    EXPECT_THAT(shown, HasSubstr("recovery: journals")) << command;
+    EXPECT_THAT(shown, HasSubstr("recovery: flush")) << command;
+    EXPECT_EQ(shown.find("recovery: database image") != std::string::npos, command == "list");
+    EXPECT_THAT(tarn("--card /tmp/card " + command).output, Not(HasSubstr("recovery: ")));
   }
-  if (fish) {
-    EXPECT_EQ(shell("fish --no-execute " + folder + "tarn.fish").output, "");
-  }
-  if (!zsh || !fish) GTEST_SKIP() << "zsh or fish is not installed here";
+  EXPECT_EQ(shell("PATH=/none " TARN_BIN_DIR "/tarn --card /tmp/card list --json 2>&1").output,
+            "{\"error\":\"cannot run bwrap: No such file or directory\"}\n");
 }
 
 }  // namespace

@@ -21,8 +21,8 @@ class OverlayMount {
   OverlayMount& operator=(const OverlayMount&) = delete;
 
   // Mounts and serves it. The calling process, which must have one thread, may have a mount and a
-  // user namespace of its own from then on, as its children have. `full` is complained about once
-  // when the memory for what is written is used up. 0, or -1 with the reason in *error.
+  // user namespace of its own from then on, as its children have. `full`, a whole line, is written
+  // to standard error once when the memory for what is written is used up. 0, or -1 with the reason in *error.
   int start(CardOriginal* original, const std::string& full, std::string* error);
   // Where the file is, for this process and its children.
   const std::string& path() const { return path_; }

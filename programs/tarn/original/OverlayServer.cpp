@@ -137,7 +137,7 @@ int OverlayServer::run(const std::string& place, int readyFd) {
 }
 
 void OverlayServer::complainFull() {
-  if (!full_.empty()) fprintf(stderr, "tarn: %s\n", full_.c_str());
+  fputs(full_.c_str(), stderr);
   full_.clear();
 }
 

@@ -9,7 +9,7 @@ namespace tarn {
 // The process that answers the kernel for the file system of one file.
 class OverlayServer {
  public:
-  // `full`: what to complain about when the memory is used up.
+  // `full`: the line that tells it when the memory is used up.
   OverlayServer(CardOriginal* original, std::string full)
       : pages_(original), full_(std::move(full)) {}
 
