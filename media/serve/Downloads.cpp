@@ -113,6 +113,17 @@ void Downloads::run() {
   }
 }
 
+// One that failed or was taken is nothing that anybody waits for.
+bool Downloads::hasRoom() const {
+  size_t ready = 0;
+  for (const auto& one : jobs_) {
+    const DownloadJob::State state = one.second->state();
+    if (state == DownloadJob::State::kMaking) return false;
+    if (state == DownloadJob::State::kReady) ++ready;
+  }
+  return ready < kMostReady;
+}
+
 HttpResponse Downloads::begin(const HttpRequest& request) {
   QueryReader query(request, {"kind", "channel", "from", "to"});
   DownloadRequest wanted;
@@ -131,9 +142,7 @@ HttpResponse Downloads::begin(const HttpRequest& request) {
   wanted.quickTime =
       !wanted.evidence && exports_->needsQuickTime(*wanted.channel, wanted.fromUs, wanted.toUs);
   const std::lock_guard<std::mutex> lock(mutex_);
-  bool busy = stopped_ || jobs_.size() >= kMost;
-  for (const auto& one : jobs_) busy = busy || one.second->state() == DownloadJob::State::kMaking;
-  if (busy) return errorResponse(503, kTooMany);
+  if (stopped_ || !hasRoom()) return errorResponse(503, kTooMany);
   const auto job = std::make_shared<DownloadJob>(newId(), place_, wanted, maker_);
   std::string error;
   if (job->id().empty() || !job->begin(&error)) return errorResponse(503, error);

@@ -35,9 +35,10 @@ class Downloads {
 
  private:
   using Job = std::shared_ptr<DownloadJob>;
-  static constexpr size_t kMost = 3;
+  static constexpr size_t kMostReady = 2;
 
   Job find(const std::string& id);
+  bool hasRoom() const;  // with mutex_
   void run();
   bool isOver(const DownloadJob& job) const;
   void removeOver();
