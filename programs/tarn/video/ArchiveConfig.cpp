@@ -114,7 +114,8 @@ bool readArchiveConfig(const std::string& path, CardArchiver::Settings* settings
   for (unsigned number = 1; std::getline(file, line); ++number) {
     const std::string wrong = reader.take(line);
     if (wrong.empty()) continue;
-    *error = path + ":" + std::to_string(number) + ": " + wrong;
+    *error = path;
+    error->append(":").append(std::to_string(number)).append(": ").append(wrong);
     return false;
   }
   const std::string wrong = file.bad() ? "cannot be read" : reader.end();
