@@ -36,6 +36,41 @@ void MessageWriter::append(const void* bytes, size_t length) {
   out_->insert(out_->end(), from, from + length);
 }
 
+uint64_t MessageReader::number() {
+  good_ = good_ && left_ >= sizeof(uint64_t);
+  if (!good_) return 0;
+  const uint64_t value = getLe64(at_);
+  at_ += sizeof value;
+  left_ -= sizeof value;
+  return value;
+}
+
+const uint8_t* MessageReader::bytes(uint64_t* length) {
+  *length = number();
+  good_ = good_ && *length <= left_;
+  if (!good_) return nullptr;
+  const uint8_t* const begin = at_;
+  at_ += *length;
+  left_ -= *length;
+  return begin;
+}
+
+void MessageReader::get(std::string* text) {
+  uint64_t length = 0;
+  const uint8_t* begin = bytes(&length);
+  if (begin != nullptr) text->assign(begin, begin + length);
+}
+
+void MessageReader::get(std::vector<uint8_t>* out) {
+  uint64_t length = 0;
+  const uint8_t* begin = bytes(&length);
+  if (begin != nullptr) out->assign(begin, begin + length);
+}
+
+void MessageReader::get(std::vector<std::string>* texts) {
+  for (uint64_t count = number(); good_ && count > 0; --count) get(&texts->emplace_back());
+}
+
 bool Message::send(int socket) const {
   uint8_t head[kHeadBytes];
   putLe32(head, static_cast<uint32_t>(body.size()));

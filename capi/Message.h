@@ -103,27 +103,15 @@ class MessageReader {
  private:
   template <typename Number, typename = std::enable_if_t<std::is_integral_v<Number>>>
   void get(Number* value) {
-    good_ = good_ && left_ >= 8;
-    *value = good_ ? static_cast<Number>(getLe64(at_)) : Number{};
-    if (good_) skip(8);
+    *value = static_cast<Number>(number());
   }
-  template <typename Bytes, typename = typename Bytes::value_type, typename = void>
-  void get(Bytes* bytes) {
-    uint64_t length = 0;
-    get(&length);
-    good_ = good_ && length <= left_;
-    if (!good_) return;
-    bytes->assign(at_, at_ + length);
-    skip(length);
-  }
-  void get(std::vector<std::string>* texts) {
-    uint64_t count = 0;
-    for (get(&count); good_ && count > 0; --count) get(&texts->emplace_back());
-  }
-  void skip(uint64_t length) {
-    at_ += length;
-    left_ -= length;
-  }
+  void get(std::string* text);
+  void get(std::vector<uint8_t>* bytes);
+  void get(std::vector<std::string>* texts);
+  // 0 when there is none.
+  uint64_t number();
+  // As many bytes as stand there, behind their number; null when they do not.
+  const uint8_t* bytes(uint64_t* length);
 
   const uint8_t* at_;
   uint64_t left_;
