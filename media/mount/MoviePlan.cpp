@@ -1,7 +1,10 @@
 #include "media/mount/MoviePlan.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 
+#include "fat/ChunkFiles.h"
 #include "media/export/PeriodEnds.h"
 #include "media/export/SoundExport.h"
 #include "recorder/recording/KeptRow.h"
@@ -89,10 +92,18 @@ bool MoviePlanner::walk(RecordingReader* reader, MoviePart* part, const PictureT
   return true;
 }
 
+ChunkSource* MoviePlanner::chunkOf(const DB_STREAM& row) {
+  if (chunk_ != nullptr && chunk_->isOpen() && chunkID_ == row.chunkID) return chunk_.get();
+  chunk_ = std::make_unique<ChunkSource>(kFilePicture, row.chunkID, O_RDONLY);
+  chunkID_ = row.chunkID;
+  return chunk_.get();
+}
+
 // The header of a closed recording has the sum of its entries.
 bool MoviePlanner::countPictures(MoviePart* part, MoviePlan* plan) {
   const DB_STREAM& row = part->row;
-  RecordingIndex index(row);
+  ChunkSource* const chunk = chunkOf(row);
+  RecordingIndex index(row, chunk, chunk->streamSize());
   StreamHeader header;
   const Delivery got = index.header(&header);
   if (got == Delivery::kRefused) return fail(row, "is not delivered by the card now");

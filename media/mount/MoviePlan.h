@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "db/DbRecords.h"
 #include "recorder/card/PictureTime.h"
+#include "recorder/card/Source.h"
 #include "recorder/recording/RecordingReader.h"
 
 namespace tarn {
@@ -55,6 +57,7 @@ class MoviePlanner {
 
  private:
   bool fail(const DB_STREAM& row, const char* why);
+  ChunkSource* chunkOf(const DB_STREAM& row);
   bool countPictures(MoviePart* part, MoviePlan* plan);
   bool walk(RecordingReader* reader, MoviePart* part, const PictureTime* to, MoviePlan* plan);
   bool endWithPictures(const MoviePart& part, PictureTime* to);
@@ -63,6 +66,9 @@ class MoviePlanner {
   bool countSound(const DB_STREAM& row, MoviePlan* plan);
   bool countSamples(RecordingReader* reader, const DB_STREAM& row, MoviePlan* plan);
 
+  // The picture chunk of the last recording: the next one is mostly in it, too.
+  std::unique_ptr<ChunkSource> chunk_;
+  uint32_t chunkID_ = 0;
   std::string error_;
 };
 
