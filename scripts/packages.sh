@@ -14,7 +14,7 @@ camera_packages=(gir1.2-gst-rtsp-server-1.0 python3-gi gstreamer1.0-plugins-base
 demo_packages=(python3-imageio ffmpeg dosfstools "${camera_packages[@]}")
 test_packages=(libgtest-dev libgmock-dev dosfstools mtools sleuthkit ffmpeg sqlite3 strace util-linux
   file man-db dpkg-dev lintian systemd procps doxygen abigail-tools python3-cryptography rclone zstd
-  softhsm2 libengine-pkcs11-openssl zsh fish "${camera_packages[@]}")
+  softhsm2 libengine-pkcs11-openssl zsh fish unzip "${camera_packages[@]}")
 # A browser, for the tests of the page; where there is none they are skipped.
 browser_packages=(chromium chromium-driver python3-selenium)
 # A player, for one test of sealed files; where there is none it is skipped.

@@ -13,7 +13,7 @@ struct ServeSettings {
   bool mayCheck = true;            // the card may be checked from the page
   bool seals = false;              // all that is given out to keep
   std::string downloads = "/tmp";  // where downloads are made that have to be made first
-  DownloadMaker maker;             // that makes them; empty: none
+  DownloadMaker maker = nullptr;   // that makes them; empty: none
 };
 
 }  // namespace tarn
