@@ -303,7 +303,8 @@ bool CardArchiver::Impl::run(const StopAsked& stopAsked, const Progress& progres
   const bool good = done && report_.failures.empty() && report_.incomplete.empty();
   if (settings_.dryRun || settings_.onlyEvents) return good;
   noteEndangered(plan);
-  tellStatus(good);
+  // A part of the card says nothing of all of it.
+  if (!settings_.since) tellStatus(good);
   return good;
 }
 
