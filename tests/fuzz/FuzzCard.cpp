@@ -1,7 +1,6 @@
 #include "fuzz/FuzzCard.h"
 
 #include <fcntl.h>
-#include <glob.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +18,8 @@
 #include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
 #include "fat/FatFormat.h"
+#include "fuzz/ChunksOfCard.h"
+#include "fuzz/RemoveFiles.h"
 #include "manager/ManageFormat.h"
 #include "recorder/card/CardFormatter.h"
 #include "recorder/card/CardInfo.h"
@@ -92,14 +93,6 @@ void writeLog() {
     need(log.append(text.data(), text.size(), kStart + i) == 0, log.errorText());
   }
   need(log.close() == 0, log.errorText());
-}
-
-void removeAll(const char* pattern) {
-  glob_t found = {};
-  if (glob(pattern, 0, nullptr, &found) == 0) {
-    for (size_t i = 0; i < found.gl_pathc; ++i) unlink(found.gl_pathv[i]);
-  }
-  globfree(&found);
 }
 
 }  // namespace
@@ -229,19 +222,21 @@ void FuzzCard::findRegions() {
         Seal::kJournal, chunk < 2 ? 32 : 64);
   }
   const tarn::CardFamily& pictures = info.family(tarn::kFilePicture);
-  for (uint32_t chunk = 0; chunk < 2; ++chunk) {
+  // The chunk of the pictures, then that of their sound.
+  const tarn::CardFamily& streams = info.family(tarn::kFileStream);
+  const ChunksOfCard chunks = chunksOfCard(base_, info);
+  need(chunks.pictures < streams.chunks && chunks.sound < streams.chunks, "pictures and sound");
+  for (const uint32_t chunk : {chunks.pictures, chunks.sound}) {
     const uint64_t start = pictures.startByte() + uint64_t{chunk} * pictures.chunkSize;
     add(kPictures, start, 62 * tarn::kRecordSize, Seal::kEntry, tarn::kRecordSize);
     add(kPictures, start, 62 * tarn::kRecordSize, Seal::kHeader, tarn::kRecordSize);
   }
-  add(kStreams, info.family(tarn::kFileStream).startByte(), 24 * kKiB);
+  add(kStreams, streams.startByte() + uint64_t{chunks.pictures} * streams.chunkSize, 24 * kKiB);
   add(kLog, info.family(tarn::kFileSyslog).startByte(), 16 * kKiB);
   const tarn::CardFamily& image = info.family(tarn::kFileDbImage);
   add(kImage | kImageBytes, image.startByte(), 40 * kKiB);
   add(kImage, image.startByte() + image.chunkSize - tarn::kImageSealRoom, tarn::kImageSealSize);
-  // Where the sound lies: behind the chunk of the pictures.
-  const tarn::CardFamily& streams = info.family(tarn::kFileStream);
-  add(kStreams, streams.startByte() + streams.chunkSize, 4 * kKiB);
+  add(kStreams, streams.startByte() + uint64_t{chunks.sound} * streams.chunkSize, 4 * kKiB);
 }
 
 void FuzzCard::put(uint64_t offset, const void* data, size_t length) {
@@ -398,8 +393,8 @@ void FuzzCard::restore() {
   }
   need(sqlite3_memory_used() < kMostSqliteBytes, "SQLite's memory is not given back");
   if (restored_++ % kLooks == 0) expectAllPutBack();
-  removeAll("/tmp/DB.dat*");
-  removeAll("/tmp/sd_err_mem_write");
+  removeFiles("/tmp/DB.dat*");
+  removeFiles("/tmp/sd_err_mem_write");
 }
 
 }  // namespace tarn_fuzz
