@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "Console.h"
@@ -24,7 +26,7 @@ constexpr int kLookMs = 100;  // for a stop
 // What an open folder lists: that of one moment, however long it takes.
 struct Listing {
   std::shared_ptr<const MountTree> tree;
-  const MountFolder* names;
+  const MountFolder* names = nullptr;
 };
 
 MountServer* serverOf(fuse_req_t request) {
@@ -62,16 +64,21 @@ void onGetAttributes(fuse_req_t request, fuse_ino_t number, struct fuse_file_inf
   fuse_reply_attr(request, &attributes, kKnownSeconds);
 }
 
+// Open folders by their handles.
+std::map<uint64_t, Listing> g_listings;
+uint64_t g_lastListing = 0;
+
 void onOpenFolder(fuse_req_t request, fuse_ino_t number, struct fuse_file_info* file) {
-  auto listing = std::make_unique<Listing>();
-  const int error = serverOf(request)->card()->list(number, &listing->tree, &listing->names);
+  Listing listing;
+  const int error = serverOf(request)->card()->list(number, &listing.tree, &listing.names);
   if (error != 0) return answerError(request, error);
-  file->fh = reinterpret_cast<uintptr_t>(listing.get());
-  if (fuse_reply_open(request, file) == 0) listing.release();
+  file->fh = ++g_lastListing;
+  g_listings[file->fh] = std::move(listing);
+  if (fuse_reply_open(request, file) != 0) g_listings.erase(file->fh);
 }
 
 void onCloseFolder(fuse_req_t request, fuse_ino_t, struct fuse_file_info* file) {
-  delete reinterpret_cast<Listing*>(static_cast<uintptr_t>(file->fh));
+  g_listings.erase(file->fh);
   fuse_reply_err(request, 0);
 }
 
@@ -104,7 +111,9 @@ size_t addName(fuse_req_t request, const MountName& name, bool attributes, size_
 
 void listNames(fuse_req_t request, fuse_ino_t number, size_t size, off_t offset,
                const struct fuse_file_info* file, bool attributes) {
-  const auto* listing = reinterpret_cast<const Listing*>(static_cast<uintptr_t>(file->fh));
+  const auto found = g_listings.find(file->fh);
+  if (found == g_listings.end()) return answerError(request, EBADF);
+  const Listing* listing = &found->second;
   std::vector<char> buffer(std::min(size, kMostRead));
   const size_t count = listing->names->names.size() + 2;
   size_t used = 0;
