@@ -24,7 +24,7 @@ tarn::ServeApi& api() {
   static tarn::ServeApi* const api = [] {
     tarn_fuzz::FuzzCard::get();
     std::string error;
-    auto* made = new tarn::ServeApi({"1", false, false},
+    auto* made = new tarn::ServeApi({"1", false, false, false, "/tmp", nullptr},
                                     {{"index.html", kPageBytes, sizeof kPageBytes - 1}});
     if (!tarn::Recovery().run().ok() || !made->start(&error)) {
       fprintf(stderr, "no server: %s\n", error.c_str());
