@@ -9,6 +9,7 @@
 #include "fat/ChunkFiles.h"
 #include "manager/ManageFormat.h"
 #include "media/archive/ArchiveNames.h"
+#include "media/export/RecordingSound.h"
 #include "recorder/card/CardInfo.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingReader.h"
@@ -133,7 +134,7 @@ std::vector<DB_STREAM> ArchivePlan::soundBeside(const DB_STREAM& row) const {
   std::copy_if(rows_.begin(), rows_.end(), std::back_inserter(beside), [&](const DB_STREAM& other) {
     return isSound(other) && channelOf(other) == channelOf(row) && showsAnyOf(other, from, to);
   });
-  return beside;
+  return soundOfRecording(row, beside);
 }
 
 void ArchivePlan::addRecording(const DB_STREAM& row) {

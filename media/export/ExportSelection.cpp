@@ -7,6 +7,7 @@
 
 #include "db/CApiDb.h"
 #include "media/export/PeriodEnds.h"
+#include "media/export/RecordingSound.h"
 #include "recorder/card/ChunkChannels.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RecordingReader.h"
@@ -76,10 +77,13 @@ bool ExportSelection::addSoundOf(const DB_STREAM& row, const ChunkChannels& chun
   std::vector<DB_STREAM> beside;
   if (!streamsOfPeriod(row.startDate, soundTo_.seconds, 0, &beside)) return fail(kDatabaseUnread);
   const int channel = chunks.of(row.chunkID);
-  std::copy_if(beside.begin(), beside.end(), std::back_inserter(rows_),
+  std::vector<DB_STREAM> sound;
+  std::copy_if(beside.begin(), beside.end(), std::back_inserter(sound),
                [&](const DB_STREAM& other) {
                  return isSound(other) && chunks.of(other.chunkID) == channel;
                });
+  const std::vector<DB_STREAM> own = soundOfRecording(row, sound);
+  rows_.insert(rows_.end(), own.begin(), own.end());
   return true;
 }
 

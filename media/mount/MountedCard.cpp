@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "media/MonotonicTime.h"
+#include "media/export/RecordingSound.h"
 #include "recorder/recording/KeptRow.h"
 
 namespace tarn {
@@ -38,7 +39,8 @@ bool MountedCard::planRecording(const ServedRecording& one, MoviePlan* plan) {
   const DB_STREAM& row = one.row;
   const PictureTime start = {row.startDate, row.startMSec * 1000u};
   const PictureTime end = {row.endDate != 0 ? row.endDate + 1 : UINT32_MAX, 999999};
-  return planner_.planRecording(row, tree_->soundOf(MountTree::channelOf(one), start, end), plan);
+  const std::vector<DB_STREAM> beside = tree_->soundOf(MountTree::channelOf(one), start, end);
+  return planner_.planRecording(row, soundOfRecording(row, beside), plan);
 }
 
 bool MountedCard::planEvent(const DB_EVENT& event, uint8_t channel, MoviePlan* plan) {

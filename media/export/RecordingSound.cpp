@@ -1,0 +1,50 @@
+#include "media/export/RecordingSound.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <iterator>
+#include <set>
+
+namespace tarn {
+namespace {
+
+// So much of both may be there from one row of sound to the next.
+constexpr int64_t kSeamMs = 500;
+
+int64_t startOf(const DB_STREAM& row) { return int64_t{row.startDate} * 1000 + row.startMSec; }
+
+int64_t endOf(const DB_STREAM& row) {
+  return row.endDate == 0 ? INT64_MAX : int64_t{row.endDate} * 1000 + row.endMSec;
+}
+
+bool lieApart(const DB_STREAM& a, const DB_STREAM& b) {
+  return endOf(a) - kSeamMs <= startOf(b) || endOf(b) - kSeamMs <= startOf(a);
+}
+
+}  // namespace
+
+std::vector<DB_STREAM> soundOfRecording(const DB_STREAM& pictures,
+                                        const std::vector<DB_STREAM>& beside) {
+  const auto distance = [&](const DB_STREAM& row) {
+    return std::llabs(startOf(row) - startOf(pictures));
+  };
+  std::vector<DB_STREAM> nearest = beside;
+  std::stable_sort(nearest.begin(), nearest.end(), [&](const DB_STREAM& a, const DB_STREAM& b) {
+    return distance(a) < distance(b);
+  });
+  std::vector<DB_STREAM> own;
+  std::set<uint32_t> keys;
+  for (const DB_STREAM& row : nearest) {
+    const auto apart = [&](const DB_STREAM& one) { return lieApart(one, row); };
+    if (!std::all_of(own.begin(), own.end(), apart)) continue;
+    own.push_back(row);
+    keys.insert(row.streamID);
+  }
+  own.clear();
+  std::copy_if(beside.begin(), beside.end(), std::back_inserter(own),
+               [&](const DB_STREAM& row) { return keys.count(row.streamID) != 0; });
+  return own;
+}
+
+}  // namespace tarn
