@@ -10,7 +10,7 @@ namespace tarn {
 namespace {
 
 // So much of both may be there from one row of sound to the next.
-constexpr int64_t kSeamMs = 500;
+constexpr int64_t kSeamMs = 100;
 
 int64_t startOf(const DB_STREAM& row) { return int64_t{row.startDate} * 1000 + row.startMSec; }
 
