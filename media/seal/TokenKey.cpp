@@ -14,6 +14,18 @@ namespace {
 constexpr char kTokenScheme[] = "pkcs11:";
 constexpr char kTokens[] = "pkcs11";  // provider and engine have the same name
 
+#ifndef OPENSSL_NO_ENGINE
+// Loaded once and kept to the process's end: each time that it is unloaded it loses some memory,
+// and a server seals more than once.
+ENGINE* tokens() {
+  static ENGINE* const engine = [] {
+    OPENSSL_init_crypto(OPENSSL_INIT_ENGINE_DYNAMIC, nullptr);
+    return ENGINE_by_id(kTokens);
+  }();
+  return engine;
+}
+#endif
+
 }  // namespace
 
 CryptoOwned<EVP_PKEY> firstKey(const std::string& place) {
@@ -52,24 +64,18 @@ CryptoOwned<EVP_PKEY> TokenKey::load(const std::string& address, std::string* er
 
 #ifndef OPENSSL_NO_ENGINE
 CryptoOwned<EVP_PKEY> TokenKey::loadFromEngine(const std::string& address) {
-  OPENSSL_init_crypto(OPENSSL_INIT_ENGINE_DYNAMIC, nullptr);
-  ENGINE* const engine = ENGINE_by_id(kTokens);
+  ENGINE* const engine = tokens();
   if (engine == nullptr) return nullptr;
   // It would show what it cannot find on standard error, and the PIN with it.
   ENGINE_ctrl_cmd_string(engine, "QUIET", nullptr, 1);
-  if (ENGINE_init(engine) != 1) {
-    ENGINE_free(engine);
-    return nullptr;
-  }
+  if (ENGINE_init(engine) != 1) return nullptr;
   engine_ = engine;
   return CryptoOwned<EVP_PKEY>(
       ENGINE_load_private_key(engine, address.c_str(), UI_OpenSSL(), nullptr));
 }
 
 TokenKey::~TokenKey() {
-  if (engine_ == nullptr) return;
-  ENGINE_finish(engine_);
-  ENGINE_free(engine_);
+  if (engine_ != nullptr) ENGINE_finish(engine_);
 }
 #else
 CryptoOwned<EVP_PKEY> TokenKey::loadFromEngine(const std::string&) { return nullptr; }
