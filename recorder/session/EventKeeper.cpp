@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <deque>
-#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -197,7 +196,8 @@ bool EventKeeper::Impl::rest(uint32_t) {
 
 // Of those that are done only the newest stay, also behind one that waits for its event's end.
 void EventKeeper::Impl::forgetOldLocked() {
-  auto done = std::count_if(jobs_.begin(), jobs_.end(), std::not_fn(isWaiting));
+  auto done =
+      std::count_if(jobs_.begin(), jobs_.end(), [](const KeepJob& job) { return !isWaiting(job); });
   for (auto job = jobs_.begin(); static_cast<size_t>(done) > kJobsRemembered;) {
     if (isWaiting(*job)) {
       ++job;
