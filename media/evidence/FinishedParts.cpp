@@ -27,6 +27,14 @@ std::string wholeLine(const Json& json) {
   return sumOf(text) + " " + text + "\n";
 }
 
+// A file of the folder's video and nothing else: what is told may be anybody's.
+bool isVideo(const std::string& name) {
+  const std::string folder = std::string(kVideo) + "/";
+  return name.compare(0, folder.size(), folder) == 0 &&
+         name.find('/', folder.size()) == std::string::npos && name != folder + ".." &&
+         name.find('\0') == std::string::npos;
+}
+
 bool sync(const std::string& path) {
   const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   return file.valid() && fsync(file.get()) == 0;
@@ -48,9 +56,11 @@ bool FinishedParts::readLine(const std::string& line) {
   Part part;
   part.of = json.at("of").get<std::string>();
   for (const Json& file : json.at("files")) part.files.push_back(exportedOf(file));
-  for (const Json& sum : json.at("sums"))
+  for (const Json& sum : json.at("sums")) {
     part.sums.push_back({sum.at("name").get<std::string>(), sum.at("bytes").get<uint64_t>(),
                          sum.at("sha256").get<std::string>()});
+    if (!isVideo(part.sums.back().name)) return false;
+  }
   parts_[json.at("channel").get<int>()] = part;
   return true;
 }
@@ -81,14 +91,27 @@ bool FinishedParts::removeStrange() {
   return !error || fail(errnoText("cannot read " + folder_ + "/" + kVideo, error.value()));
 }
 
-bool FinishedParts::open(const StopAsked& stopAsked) {
+// How many bytes of what a run told are whole lines.
+size_t FinishedParts::readLines() {
   std::ifstream file(folder_ + "/" + kName, std::ios::binary);
+  size_t good = 0;
   try {
-    for (std::string line; std::getline(file, line) && readLine(line);) continue;
+    for (std::string line; std::getline(file, line) && !file.eof() && readLine(line);)
+      good += line.size() + 1;
   } catch (const Json::exception&) {
     parts_.clear();  // of another version, which told other things
+    good = 0;
   }
-  file.close();
+  return good;
+}
+
+bool FinishedParts::open(const StopAsked& stopAsked) {
+  // What is added behind a torn line would never be read.
+  const std::string path = folder_ + "/" + kName;
+  const auto whole = static_cast<off_t>(readLines());
+  const UniqueFd file(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (file.valid() ? ftruncate(file.get(), whole) != 0 : errno != ENOENT)
+    return fail(errnoText("cannot write " + path, errno));
   for (auto part = parts_.begin(); part != parts_.end();) {
     const bool proven = isProven(part->second, stopAsked);
     if (stopAsked && stopAsked()) return fail("stopped before its end");

@@ -46,6 +46,7 @@ class FinishedParts {
 
   bool fail(const std::string& text);
   bool readLine(const std::string& line);
+  size_t readLines();
   bool isProven(const Part& part, const StopAsked& stopAsked);
   bool removeStrange();
   void remove(const Part& part);

@@ -160,6 +160,31 @@ TEST_F(EvidenceContinues, WithNothingThatIsNotProven) {
   }
 }
 
+TEST_F(EvidenceContinues, AlsoBehindALineThatPowerTore) {
+  killBehind(1);
+  ASSERT_EQ(shell("printf 0123 >> /tmp/case.part/.finished").exitCode, 0);
+  killBehind(2);
+  tarn::EvidenceExporter exporter(request());
+  ASSERT_TRUE(exporter.run()) << exporter.error();
+  EXPECT_EQ(exporter.keptChannels(), 2u);
+}
+
+TEST_F(EvidenceContinues, AndTakesNothingAwayOutsideOfItsVideo) {
+  killBehind(1);
+  const auto line = shell(
+      "echo precious > /tmp/outside; "
+      "text='{\"channel\":0,\"files\":[],\"of\":\"x\",\"sums\":[{\"bytes\":9,"
+      "\"name\":\"video/../../outside\",\"sha256\":\"'$(sha256sum < /tmp/outside | cut "
+      "-c1-64)'\"}]}'; "
+      "printf '%s %s\\n' $(printf %s \"$text\" | sha256sum | cut -c1-64) \"$text\" "
+      "> /tmp/case.part/.finished");
+  ASSERT_EQ(line.exitCode, 0);
+  tarn::EvidenceExporter exporter(request());
+  ASSERT_TRUE(exporter.run()) << exporter.error();
+  EXPECT_EQ(exporter.keptChannels(), 0u);
+  EXPECT_EQ(textOf("/tmp/outside"), "precious\n");
+}
+
 TEST_F(EvidenceContinues, OnlyWhereItIsOfTheSame) {
   killBehind(2);
   record(1, 5000000);  // one channel has more now
