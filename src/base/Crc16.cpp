@@ -2,13 +2,14 @@
 
 #include <array>
 
+#include "base/Crc16Fold.h"
 #include "base/Endian.h"
 
 namespace tarn {
 namespace {
 
-constexpr uint16_t kPolynomial = 0x1021;
 constexpr size_t kSlices = 16;
+static_assert(kSlices == kCrc16FoldRest);
 
 using SliceTable = std::array<uint16_t, 256>;
 
@@ -16,7 +17,7 @@ constexpr uint16_t shiftByte(uint16_t crc) {
   for (int bit = 0; bit < 8; ++bit) {
     const bool carry = (crc & 0x8000u) != 0;
     crc = static_cast<uint16_t>(static_cast<unsigned>(crc) << 1);
-    if (carry) crc = static_cast<uint16_t>(crc ^ kPolynomial);
+    if (carry) crc = static_cast<uint16_t>(crc ^ kCrc16Polynomial);
   }
   return crc;
 }
@@ -61,10 +62,25 @@ uint16_t foldSixteen(const uint8_t* bytes, uint16_t crc) {
                                foldWord(getLe32(bytes + 12), 0));
 }
 
+// Returns how many bytes *crc has gone over.
+size_t foldFront(const uint8_t* bytes, size_t length, uint16_t* crc) {
+  static const Crc16Fold kFold = bestCrc16Fold();
+  if (kFold == nullptr) return 0;
+  uint8_t rest[kCrc16FoldRest];
+  const size_t folded = kFold(bytes, length, *crc, rest);
+  *crc = foldSixteen(rest, 0);
+  return folded;
+}
+
 }  // namespace
 
 uint16_t crc16(const void* data, size_t length, uint16_t crc) {
   const auto* bytes = static_cast<const uint8_t*>(data);
+  if (length >= kCrc16FoldLeast) {
+    const size_t folded = foldFront(bytes, length, &crc);
+    bytes += folded;
+    length -= folded;
+  }
   for (; length >= kSlices; length -= kSlices, bytes += kSlices) crc = foldSixteen(bytes, crc);
   if (length >= 8) {
     crc = foldEight(bytes, crc);

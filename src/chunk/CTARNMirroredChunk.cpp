@@ -2,7 +2,9 @@
 
 #include <syslog.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <new>
 
 #include "base/Crc16.h"
 #include "base/Omission.h"
@@ -23,8 +25,8 @@ bool roomForTrailer(long size, long crcLength) {
 }  // namespace
 
 CTARNMirroredChunk::CTARNMirroredChunk(signed char newFileType)
-    : original(new CTARNEndlessChunk(newFileType)),
-      mirror(new CTARNEndlessChunk(newFileType)),
+    : original(new (std::nothrow) CTARNEndlessChunk(newFileType)),
+      mirror(new (std::nothrow) CTARNEndlessChunk(newFileType)),
       fileType(newFileType) {}
 
 CTARNMirroredChunk::~CTARNMirroredChunk() {
@@ -34,8 +36,15 @@ CTARNMirroredChunk::~CTARNMirroredChunk() {
   mirror = nullptr;
 }
 
+bool CTARNMirroredChunk::canBeOpened() const {
+  if (isWhole()) return true;
+  errno = ENOMEM;
+  return false;
+}
+
 int CTARNMirroredChunk::openChunkFile(const CHUNK_EVENT* originalEvent,
                                       const CHUNK_EVENT* mirrorEvent) {
+  if (!canBeOpened()) return -1;
   if (original->openChunkFile(originalEvent) != 0) return -1;
   if (mirror->openChunkFile(mirrorEvent) != 0) {
     original->closeChunkFile();
@@ -48,6 +57,7 @@ int CTARNMirroredChunk::openChunkFile(const CHUNK_EVENT* originalEvent,
 
 int CTARNMirroredChunk::openChunkFile(CTARNManagerBase* newManager, unsigned short newOriginalID,
                                       unsigned short newMirrorID) {
+  if (!canBeOpened()) return -1;
   if (original->openChunkFile(newManager, newOriginalID) != 0) return -1;
   if (mirror->openChunkFile(newManager, newMirrorID) != 0) {
     original->closeChunkFile();
@@ -58,6 +68,7 @@ int CTARNMirroredChunk::openChunkFile(CTARNManagerBase* newManager, unsigned sho
 }
 
 int CTARNMirroredChunk::both(int (CTARNChunkBase::*operation)()) {
+  if (!isWhole()) return -1;
   const int originalResult = (original->*operation)();
   const int mirrorResult = (mirror->*operation)();
   return originalResult != 0 ? originalResult : mirrorResult;
@@ -83,7 +94,7 @@ bool CTARNMirroredChunk::flushOriginal() {
 long CTARNMirroredChunk::write(void* buf, long size, long crcLength) {
   const long length = size32(size);
   const bool plain = crcLength == 0;
-  if (buf == nullptr || (!plain && !roomForTrailer(length, crcLength))) return -1;
+  if (!isWhole() || buf == nullptr || (!plain && !roomForTrailer(length, crcLength))) return -1;
   if (!plain) tarn::writeMirrorTrailer(buf, static_cast<size_t>(crcLength));
   const unsigned long address = original->getFreeAddr();
   long result = original->write(buf, length);
@@ -112,7 +123,7 @@ long CTARNMirroredChunk::mirrorFailed(long result, long size) {
 long CTARNMirroredChunk::writeNoSeek(void* buf, long size, long crcLength) {
   const long length = size32(size);
   const bool plain = crcLength < 0;
-  if (buf == nullptr || (!plain && !roomForTrailer(length, crcLength))) return -1;
+  if (!isWhole() || buf == nullptr || (!plain && !roomForTrailer(length, crcLength))) return -1;
   if (!plain) tarn::writeMirrorTrailer(buf, static_cast<size_t>(crcLength));
   const long result = original->writeNoSeek(buf, length);
   if (result != length) return -1;
@@ -125,7 +136,7 @@ int CTARNMirroredChunk::readAndCheck(CTARNEndlessChunk* chunk, void* buf, long s
                                      long crcLength) {
   const long length = size32(size);
   const bool plain = crcLength < 0;
-  if (!plain && !roomForTrailer(length, crcLength)) return -1;
+  if (chunk == nullptr || (!plain && !roomForTrailer(length, crcLength))) return -1;
   const long result = chunk->read(buf, length);
   if (result < 0) {
     syslog(LOG_INFO, tarn::kMsgMirrorReadError, "readAndCheck", result);
@@ -146,6 +157,7 @@ bool CTARNMirroredChunk::readMirror(void* buf, long size) {
 }
 
 long CTARNMirroredChunk::read(void* buf, long size, long crcLength) {
+  if (!isWhole()) return -1;
   const long length = size32(size);
   const int result = readAndCheck(original, buf, length, crcLength);
   if (result == length) {
@@ -163,12 +175,14 @@ long CTARNMirroredChunk::read(void* buf, long size, long crcLength) {
 }
 
 long CTARNMirroredChunk::seek(long offset, int whence) {
+  if (!isWhole()) return -1;
   if (mirror->seek(offset, whence) == -1) return -1;
   return original->seek(offset, whence);
 }
 
 // Kept on purpose: success is 0, not the position; callers only ask whether it worked.
 long CTARNMirroredChunk::seekEvent(long offset, int whence) {
+  if (!isWhole()) return -1;
   const long before = original->currentOffset();
   const long result = original->seekEvent(offset, whence);
   if (result < 0) return result;
@@ -188,6 +202,7 @@ int CTARNMirroredChunk::ConvertPartitionNumberToDeviceName(signed char partition
 }
 
 void CTARNMirroredChunk::setFreeAddr(unsigned long address) {
+  if (!isWhole()) return;
   original->setFreeAddr(address);
   mirror->setFreeAddr(address);
 }
@@ -195,6 +210,7 @@ void CTARNMirroredChunk::setFreeAddr(unsigned long address) {
 void CTARNMirroredChunk::initFreeAddr() { setFreeAddr(0); }
 
 void CTARNMirroredChunk::dispParameter() {
+  if (!isWhole()) return;
   constexpr char kRule[] = "=============== ==================== =========================";
   printf("%16s%s%13s%s\n", "", "Original", "", "Mirrored");
   puts(kRule);

@@ -21,6 +21,7 @@ class CTARNManagerBase;
 // until the chunk is closed.
 class TARN_API CTARNMirroredChunk {
  public:
+  // Without memory for both chunks there is nothing that could be opened: ENOMEM.
   explicit CTARNMirroredChunk(signed char fileType);
   // Closes both chunks.
   ~CTARNMirroredChunk();
@@ -57,10 +58,10 @@ class TARN_API CTARNMirroredChunk {
   unsigned short calcCrc(const void* data, unsigned long length);
 
   // Of the original.
-  unsigned long getFreeSize() const { return original->getFreeSize(); }
-  unsigned long getFreeAddr() const { return original->getFreeAddr(); }
-  unsigned long getChunkSize() const { return original->getChunkSize(); }
-  long currentOffset() { return original->currentOffset(); }
+  unsigned long getFreeSize() const { return isWhole() ? original->getFreeSize() : 0; }
+  unsigned long getFreeAddr() const { return isWhole() ? original->getFreeAddr() : 0; }
+  unsigned long getChunkSize() const { return isWhole() ? original->getChunkSize() : 0; }
+  long currentOffset() { return isWhole() ? original->currentOffset() : -1; }
   int ConvertPartitionNumberToDeviceName(signed char partition, char* out);
   // As given with the events; 0 for a pair opened through a manager.
   unsigned short getChunkId() const { return originalID; }
@@ -76,9 +77,11 @@ class TARN_API CTARNMirroredChunk {
   bool readOriginal(void* buf, long size);
   bool readMirror(void* buf, long size);
 
-  bool isOpen() const { return original->isOpen(); }
+  bool isOpen() const { return isWhole() && original->isOpen(); }
   // True when the free addresses of both came from the manager or from the caller.
-  bool isUsageKnown() const { return original->isUsageKnown() && mirror->isUsageKnown(); }
+  bool isUsageKnown() const {
+    return isWhole() && original->isUsageKnown() && mirror->isUsageKnown();
+  }
   // Correct the free address of both, for instance from the newest record found.
   void setFreeAddr(unsigned long address);
   // Brings both to the medium, original first, and tells no manager: 0, or the first failure. A
@@ -89,17 +92,22 @@ class TARN_API CTARNMirroredChunk {
   // Tells the manager the free address of both and touches no device; results as of fSync().
   int tellFreeAddr();
   // True when the last flush of either failed, whichever operation it belonged to.
-  bool lastFlushFailed() const { return original->lastFlushFailed() || mirror->lastFlushFailed(); }
+  bool lastFlushFailed() const {
+    return isWhole() && (original->lastFlushFailed() || mirror->lastFlushFailed());
+  }
 
  protected:
-  CTARNEndlessChunk* original;  // owned
-  CTARNEndlessChunk* mirror;    // owned
+  CTARNEndlessChunk* original;  // owned; null for want of memory
+  CTARNEndlessChunk* mirror;    // the same
   uint16_t originalID = 0;
   uint16_t mirrorID = 0;
   int8_t fileType;
   CTARNManagerBase* manager = nullptr;  // not owned
 
  private:
+  // False when there was no memory for both chunks: all is refused then.
+  bool isWhole() const { return original != nullptr && mirror != nullptr; }
+  bool canBeOpened() const;
   bool flushOriginal();
   long mirrorFailed(long result, long size);
   int both(int (CTARNChunkBase::*operation)());

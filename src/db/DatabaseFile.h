@@ -10,6 +10,8 @@ inline constexpr char kDatabaseJournalPath[] = "/tmp/DB.dat-journal";
 // The image from the card, until it has proved itself; and its own leavings.
 inline constexpr char kRestoredImagePath[] = "/tmp/DB.dat.image";
 inline constexpr char kRestoredImageJournalPath[] = "/tmp/DB.dat.image-journal";
+// The rows of the journals while these are still being read, until it is known that they count.
+inline constexpr char kEarlyDatabasePath[] = "/tmp/DB.dat.early";
 
 // The semaphore's key is ftok() of these two, and the permissions of a new one.
 inline constexpr char kDatabaseLockFile[] = "/bin/cp";

@@ -6,6 +6,7 @@
 
 #include "db/CApiDb.h"
 #include "db/DatabaseFile.h"
+#include "db/GroupText.h"
 #include "db/SemLock.h"
 #include "db/SqlText.h"
 
@@ -13,36 +14,6 @@ namespace tarn {
 namespace {
 
 constexpr char kValues[] = " VALUES";
-constexpr char kBetween[] = ", ";
-
-// "INSERT … VALUES( ?, … ), ( ?, … )".
-class GroupText {
- public:
-  GroupText(const char* insert, size_t columns, size_t rows) {
-    add(insert);
-    add(kValues);
-    for (size_t row = 0; row < rows; ++row) {
-      add(row == 0 ? "( ?" : ", ( ?");
-      for (size_t column = 1; column < columns; ++column) add(", ?");
-      add(" )");
-    }
-  }
-  const char* c_str() const { return text_; }
-
- private:
-  static constexpr size_t kPieces = RowInserts::kRows * (RowInserts::kMostColumns + 2);
-  static constexpr size_t kInsertRoom = 256;
-
-  void add(const char* piece) {
-    const size_t length = strlen(piece);
-    if (length_ + length >= sizeof text_) return;
-    memcpy(text_ + length_, piece, length + 1);
-    length_ += length;
-  }
-
-  size_t length_ = 0;
-  char text_[kInsertRoom + kPieces * (sizeof kBetween + 1)] = "";
-};
 
 }  // namespace
 

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "db/DbRecordFormat.h"
+#include "db/GroupText.h"
 
 class CApiDb;
 struct sqlite3_stmt;
@@ -20,8 +20,8 @@ namespace tarn {
 // this and is not closed meanwhile.
 class RowInserts {
  public:
-  static constexpr size_t kRows = 32;  // of a group
-  static constexpr size_t kMostColumns = kStreamColumns;
+  static constexpr size_t kRows = GroupText::kRows;
+  static constexpr size_t kMostColumns = GroupText::kMostColumns;
 
   // `insert` is the statement as far as "INTO table( columns )" and outlives this; `columns` of
   // them.

@@ -13,6 +13,12 @@ inline constexpr uint32_t kStatusRepaired = 0x10000;  // closed by a repair
 inline constexpr uint32_t kStatusRedated = 0x20000;   // its times are later than its entries say
 inline constexpr uint32_t kStatusRedating = 0x40000;  // and recordings behind it are to follow
 
+inline constexpr uint32_t kStatusToTakeBack = 0x80000;    // is to get its entries' times again
+inline constexpr uint32_t kStatusTakingBack = 0x8000000;  // and with it all that are to
+
+// DB_EVENT::startMSec and endMSec, which count to 999: the time is to be taken back with them.
+inline constexpr uint16_t kEventToTakeBack = 0x8000;
+
 // DB_STREAM::frameSet
 inline constexpr uint16_t kFrameSetAudio = 0x80;
 // The same in statements.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -8,7 +9,8 @@
 
 namespace tarn {
 class JournalBytes;
-}
+enum class JournalKind : uint8_t;
+}  // namespace tarn
 class CTARNEndlessManagerNative;
 class CTARNStreamChunk;
 class CTARNStreamManagerNative;
@@ -37,6 +39,9 @@ class TARN_API CDbRestore {
   // The same, but what `before` has of the journal is not read again; null for nothing.
   int restoreEventDb(const tarn::JournalBytes* before);
   int restoreStreamDb(short chunk, const tarn::JournalBytes* before);
+  // All else of these two, where the rows of a journal of `records` records, none of them bad, came
+  // into the database on another way.
+  int restoredBefore(tarn::JournalKind kind, uint32_t records);
 
   // After both replays: moves the free offset of each journal, on both its chunks, behind the
   // record of the row with the greatest key, and saves. The card may have lost power after a record

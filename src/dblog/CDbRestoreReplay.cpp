@@ -1,6 +1,5 @@
 #include <syslog.h>
 
-#include <iterator>
 #include <memory>
 #include <new>
 
@@ -13,6 +12,7 @@
 #include "dblog/JournalFormat.h"
 #include "dblog/JournalReader.h"
 #include "dblog/ReplayFailure.h"
+#include "dblog/ReplayRows.h"
 #include "dblog/RestoreStores.h"
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNEndlessManagerNative.h"
@@ -20,49 +20,6 @@
 using namespace tarn;
 
 namespace {
-
-// Records of one 12 MiB chunk.
-constexpr uint32_t kEventRecordLimit = 0x60000;
-constexpr uint32_t kStreamRecordLimit = 0x30000;
-
-constexpr char kSqlReplayEvent[] =
-    "INSERT OR REPLACE INTO EVENT( eventID, extTrg, preSec, startDate, startMSec, endDate, "
-    "endMSec, backOffset )";
-constexpr char kSqlReplayStream[] =
-    "INSERT OR REPLACE INTO STREAM( streamID, inTrg, frameSet, bitrateSet, recSize, chunkID, "
-    "chunkOffset, chunkSize, status, startDate, endDate, startMSec, endMSec, backOffset )";
-
-bool addEvent(RowInserts* rows, const uint8_t* record) {
-  DB_EVENT row;
-  decodeEventRecord(record, &row);
-  const uint32_t values[] = {row.eventID,   row.extTrg,  row.preSec,  row.startDate,
-                             row.startMSec, row.endDate, row.endMSec, row.backOffset};
-  static_assert(std::size(values) == kEventColumns);
-  return rows->add(values);
-}
-
-bool addStream(RowInserts* rows, const uint8_t* record) {
-  DB_STREAM row;
-  decodeStreamRecord(record, &row);
-  const uint32_t values[] = {row.streamID, row.inTrg,     row.frameSet,    row.bitrateSet,
-                             row.recSize,  row.chunkID,   row.chunkOffset, row.chunkSize,
-                             row.status,   row.startDate, row.endDate,     row.startMSec,
-                             row.endMSec,  row.backOffset};
-  static_assert(std::size(values) == kStreamColumns);
-  return rows->add(values);
-}
-
-struct Replay {
-  JournalKind kind;
-  uint32_t limit;  // records
-  const char* sql;
-  size_t columns;
-  bool (*add)(RowInserts* rows, const uint8_t* record);
-};
-constexpr Replay kReplayEvents = {JournalKind::kEvent, kEventRecordLimit, kSqlReplayEvent,
-                                  kEventColumns, addEvent};
-constexpr Replay kReplayStreams = {JournalKind::kStream, kStreamRecordLimit, kSqlReplayStream,
-                                   kStreamColumns, addStream};
 
 bool failed(JournalKind kind, const char* sql) {
   constexpr long kFailed = -1;
@@ -93,9 +50,10 @@ bool lost(const CApiDb& db) {
 }
 
 // Inserts every live record; false after a failed statement and where the device gives nothing.
-bool replayRecords(JournalReader* reader, RowInserts* rows, const Replay& replay,
+bool replayRecords(JournalReader* reader, RowInserts* rows, const ReplayRows& replay,
                    uint32_t* checked) {
   const JournalTraits& traits = journalTraits(replay.kind);
+  uint32_t values[RowInserts::kMostColumns];
   for (*checked = 0; *checked <= replay.limit; reader->advance()) {
     const JournalReader::Result result = reader->read();
     if (result == JournalReader::Result::kRefused) {
@@ -106,12 +64,24 @@ bool replayRecords(JournalReader* reader, RowInserts* rows, const Replay& replay
     ++*checked;
     if (journalMarker(reader->record()) != traits.liveMarker) continue;
     if (journalBackOffset(traits, reader->record()) != reader->position()) continue;
-    if (!replay.add(rows, reader->record())) return failed(replay.kind, rows->failed());
+    replay.values(reader->record(), values);
+    if (!rows->add(values)) return failed(replay.kind, rows->failed());
   }
   return finish(rows, replay.kind);
 }
 
-bool replayInTransaction(JournalReader* reader, const Replay& replay) {
+// Records that were looked at, and the place of the next one.
+void tellDone(JournalKind kind, uint32_t records, uint32_t offset) {
+  const auto many = static_cast<unsigned long>(records);
+  const auto next = static_cast<unsigned long>(offset);
+  if (kind == JournalKind::kEvent) {
+    syslog(LOG_INFO, kMsgReplayEventDone, many, next);
+  } else {
+    syslog(LOG_INFO, kMsgReplayStreamDone, many, next);
+  }
+}
+
+bool replayInTransaction(JournalReader* reader, const ReplayRows& replay) {
   CApiDb db;
   uint32_t checked = 0;
   db.begin();
@@ -124,35 +94,39 @@ bool replayInTransaction(JournalReader* reader, const Replay& replay) {
   db.end();
   if (!done) return false;
   if (db.getStatus() != 1 || db.inTransaction()) return lost(db);
-  const auto records = static_cast<unsigned long>(checked);
-  const auto offset = static_cast<unsigned long>(reader->position());
-  if (replay.kind == JournalKind::kEvent) {
-    syslog(LOG_INFO, kMsgReplayEventDone, records, offset);
-  } else {
-    syslog(LOG_INFO, kMsgReplayStreamDone, records, offset);
-  }
+  tellDone(replay.kind, checked, reader->position());
   return true;
 }
 
-bool replayJournal(CTARNEndlessManagerNative* store, short chunk, const Replay& replay,
-                   const JournalBytes* before) {
+bool hasChunks(CTARNEndlessManagerNative* store, short chunk) {
   const int mirrorChunk = chunk + kJournalMirrorStep;
-  if (chunk < 0 || mirrorChunk >= store->numChunk()) {
-    syslog(LOG_ERR, kMsgReplayNoChunk);
-    return false;
-  }
+  if (chunk >= 0 && mirrorChunk < store->numChunk()) return true;
+  syslog(LOG_ERR, kMsgReplayNoChunk);
+  return false;
+}
+
+bool replayJournal(CTARNEndlessManagerNative* store, short chunk, const ReplayRows& replay,
+                   const JournalBytes* before) {
   // On the heap: the blocks are large for a stack.
   const std::unique_ptr<JournalReader> reader(new (std::nothrow) JournalReader(
       journalTraits(replay.kind), chunk, low32(store->getChunkSize(tarn::kAreaStream)), before));
   return reader != nullptr && replayInTransaction(reader.get(), replay);
 }
 
-int restore(short chunk, const Replay& replay, const JournalBytes* before) {
+// `work` is what happens between the opening of the management data and its saving.
+template <typename Work>
+int restore(short chunk, Work work) {
   clearReplayFailure();
   CTARNEndlessManagerNative store(kFileJournal);
   if (openForRestore(&store) != 0) return -1;
-  if (!replayJournal(&store, chunk, replay, before)) return -1;
+  if (!hasChunks(&store, chunk) || !work(&store)) return -1;
   return saveForRestore(&store) == 0 ? 0 : -1;
+}
+
+int restoreRows(short chunk, const ReplayRows& replay, const JournalBytes* before) {
+  return restore(chunk, [&](CTARNEndlessManagerNative* store) {
+    return replayJournal(store, chunk, replay, before);
+  });
 }
 
 }  // namespace
@@ -162,9 +136,17 @@ int CDbRestore::restoreEventDb() { return restoreEventDb(nullptr); }
 int CDbRestore::restoreStreamDb(short chunk) { return restoreStreamDb(chunk, nullptr); }
 
 int CDbRestore::restoreEventDb(const JournalBytes* before) {
-  return restore(kEventJournalChunk, kReplayEvents, before);
+  return restoreRows(kEventJournalChunk, kReplayEvents, before);
 }
 
 int CDbRestore::restoreStreamDb(short chunk, const JournalBytes* before) {
-  return restore(chunk, kReplayStreams, before);
+  return restoreRows(chunk, kReplayStreams, before);
+}
+
+int CDbRestore::restoredBefore(JournalKind kind, uint32_t records) {
+  const JournalTraits& traits = journalTraits(kind);
+  return restore(traits.chunk, [&](CTARNEndlessManagerNative*) {
+    tellDone(kind, records, records * traits.recordSize);
+    return true;
+  });
 }

@@ -13,9 +13,12 @@ namespace tarn {
 // What a look through a journal has read of it: records that both copies gave alike, each valid and
 // in its place. The replay behind it takes them from here and asks the card for the others only, so
 // that a start reads each copy once. Takes as much memory as it keeps, 12 MiB for a full journal;
-// where there is none, records are not kept. Not part of the interface. Used by one thread.
+// where there is none, records are not kept. Not part of the interface. Used by one thread; another
+// one may read what lies in blocks that are not changed any more.
 class TARN_API JournalBytes {
  public:
+  static constexpr uint32_t kBlockBytes = 64 * 1024;  // what is taken of memory at once
+
   explicit JournalBytes(const JournalTraits& traits);
   ~JournalBytes();
   JournalBytes(const JournalBytes&) = delete;
@@ -31,7 +34,6 @@ class TARN_API JournalBytes {
   uint32_t gapFrom(uint32_t position, uint32_t most) const;
 
  private:
-  static constexpr uint32_t kBlockBytes = 64 * 1024;
   static_assert(kMaxJournalBytes % kBlockBytes == 0);
 
   struct Block {

@@ -75,6 +75,15 @@ int CMesgServer::m_setupSelect() {
   return -1;
 }
 
+// For the owner's thread, wherever it is to know of all that have joined.
+void CMesgServer::m_takeJoined() {
+  if (!m_hasJoined) return;
+  MutexLock lock(m_mutex);
+  m_hasJoined = false;
+  m_clients.splice(m_clients.end(), m_joined);
+  m_setupSelect();
+}
+
 // Wakes for a new client and takes it into the set, so that its first request need not wait until
 // another client speaks; Linux leaves in `timeout` what is left of it.
 int CMesgServer::select() {
@@ -82,20 +91,14 @@ int CMesgServer::select() {
   m_unread = 0;
   const int wakeFd = m_wakeFd.get();
   for (;;) {
+    m_takeJoined();
     if (m_highest == 0) {
       errno = ENOTCONN;
       return -1;
     }
-    long highest;
-    {
-      // Together: the system leaves bits above `highest` as they are, so a client that joined
-      // between the two would look marked.
-      MutexLock lock(m_mutex);
-      m_resultSet = m_masterSet;
-      highest = m_highest;
-    }
+    m_resultSet = m_masterSet;
     if (wakeFd >= 0) FD_SET(wakeFd, &m_resultSet);
-    int marked = ::select(std::max(static_cast<int>(highest), wakeFd) + 1, &m_resultSet, nullptr,
+    int marked = ::select(std::max(static_cast<int>(m_highest), wakeFd) + 1, &m_resultSet, nullptr,
                           nullptr, &timeout);
     if (marked <= 0) {
       FD_ZERO(&m_resultSet);
@@ -121,9 +124,11 @@ bool CMesgServer::m_drainWake() {
 }
 
 int CMesgServer::waitForClient(int timeoutMs) {
+  m_takeJoined();
   if (m_highest != 0) return 1;
   pollfd wake{m_wakeFd.get(), POLLIN, 0};
   if (poll(&wake, 1, timeoutMs) > 0 && m_drainWake()) return 0;
+  m_takeJoined();
   return m_highest != 0 ? 1 : 0;
 }
 
@@ -133,15 +138,14 @@ void CMesgServer::interrupt() {
 }
 
 long CMesgServer::readMesg(void* buf, long size, long* clientFd) {
+  m_takeJoined();
   if (m_highest == 0) return 0;
-  MutexLock lock(m_mutex);
   m_findMarked();
   return m_readAtPosition(buf, size, clientFd);
 }
 
 long CMesgServer::readReady(void* buf, long size, long* clientFd) {
   if (m_unread <= 0 || m_highest == 0) return 0;
-  MutexLock lock(m_mutex);
   if (!m_findMarked()) {
     m_unread = 0;
     return 0;
@@ -187,6 +191,7 @@ void CMesgServer::m_dropAtPosition() {
   const int fd = static_cast<int>(*m_position);
   FD_CLR(fd, &m_resultSet);
   m_position = m_clients.erase(m_position);
+  m_takeJoined();
   m_setupSelect();
   close(fd);
 }
@@ -206,7 +211,7 @@ long CMesgServer::writeMesg(const void* buf, long size, long clientFd) {
 }
 
 void CMesgServer::closeClients() {
-  MutexLock lock(m_mutex);
+  m_takeJoined();
   for (const long fd : m_clients) close(static_cast<int>(fd));
   m_clients.clear();
   m_position = m_clients.end();

@@ -103,7 +103,8 @@ class TARN_API CMesgServer {
   int m_listen();
   int m_bind();
   int m_accept();
-  int m_setupSelect() TARN_REQUIRES(m_mutex);
+  int m_setupSelect();
+  void m_takeJoined();
   static void* m_runThread(void* self);
   void m_acceptNewConnectionFunc();
 
@@ -113,9 +114,9 @@ class TARN_API CMesgServer {
   void m_reportSetup(Setup setup);
   int m_waitForConnection(int timeoutMs);
   void m_addClient(int fd);
-  bool m_findMarked() TARN_REQUIRES(m_mutex);
-  long m_readAtPosition(void* buf, long size, long* clientFd) TARN_REQUIRES(m_mutex);
-  void m_dropAtPosition() TARN_REQUIRES(m_mutex);
+  bool m_findMarked();
+  long m_readAtPosition(void* buf, long size, long* clientFd);
+  void m_dropAtPosition();
   bool m_drainWake();
 
   char m_path[kPathRoom + 1];
@@ -124,12 +125,16 @@ class TARN_API CMesgServer {
   pthread_t m_thread{};
   bool m_joinable = false;             // owner's: a thread was started and not yet joined
   std::atomic<bool> m_running{false};  // cleared to end the accept thread
-  std::list<long> m_clients TARN_GUARDED_BY(m_mutex);  // in order of acceptance
+  // Clients are the owner's, so that a request takes no lock; the accept thread hands new ones
+  // over.
+  std::list<long> m_clients;             // in order of acceptance
+  fd_set m_masterSet;                    // all clients
+  fd_set m_resultSet;                    // those marked by the last select()
+  long m_highest = 0;                    // highest client handle, 0 when none
+  std::list<long>::iterator m_position;  // next client to be read
   tarn::Mutex m_mutex;
-  fd_set m_masterSet TARN_GUARDED_BY(m_mutex);  // all clients
-  fd_set m_resultSet;                           // owner's: clients marked by the last select()
-  std::atomic<long> m_highest{0};  // highest client handle, 0 when none; set under m_mutex
-  std::list<long>::iterator m_position TARN_GUARDED_BY(m_mutex);  // next client to be read
+  std::list<long> m_joined TARN_GUARDED_BY(m_mutex);  // not yet among m_clients
+  std::atomic<bool> m_hasJoined{false};               // so the lock is taken only when there is one
   unsigned long m_timeoutSec;
   unsigned long m_timeoutUsec;
 

@@ -209,9 +209,9 @@ int CMesgServer::m_accept() {
 void CMesgServer::m_addClient(int fd) {
   {
     MutexLock lock(m_mutex);
-    m_clients.push_back(fd);
-    m_setupSelect();
-    // Last: who sees the line can rely on the client's being in the set.
+    m_joined.push_back(fd);
+    m_hasJoined = true;
+    // Last: who sees the line can rely on the owner's knowing the client from its next call on.
     syslog(LOG_INFO, tarn::kMesgAcceptNotice, fd);
   }
   raiseEvent(m_wakeFd.get());

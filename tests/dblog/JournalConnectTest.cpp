@@ -107,6 +107,17 @@ TEST_F(JournalConnect, WithoutAServerEveryOperationSaysThatItCannotConnect) {
   EXPECT_EQ(journalLog->connect(), 0);
 }
 
+// Nor is the journal left locked, for whoever asks next.
+TEST_F(JournalConnect, WithoutMemoryItIsNotConnectedAndTheNextOneWorks) {
+  if (!AllocationFault::supported()) GTEST_SKIP() << "the sanitizer owns the allocator";
+  int failed = 0;
+  for (int result = -1; result != 0; ++failed) {
+    const AllocationFault fault(1, failed + 1);
+    ASSERT_NO_THROW(result = journalLog->connect()) << failed;
+  }
+  EXPECT_GT(failed, 6);  // two pairs of chunks among them
+}
+
 TEST_F(JournalConnect, AsksForKindTwoOfTheRecordersPartition) {
   EXPECT_EQ(journalLog->connect(), 0);
   EXPECT_EQ(commands(),
