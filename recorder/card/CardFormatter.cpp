@@ -10,6 +10,7 @@
 #include <ctime>
 #include <vector>
 
+#include "base/FileSync.h"
 #include "fat/FatFormat.h"
 #include "manager/ManageFormat.h"
 #include "recorder/card/CardLock.h"
@@ -116,7 +117,7 @@ class Writer {
   }
 
   bool flush() {
-    if (fsync(fd_) == 0) return true;
+    if (syncFile(fd_) == 0) return true;
     return stopWith(errnoText("flushing the card failed", errno));
   }
 

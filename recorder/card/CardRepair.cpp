@@ -6,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include "base/FileSync.h"
 #include "recorder/card/CardBytes.h"
 #include "recorder/card/CardLock.h"
 #include "recorder/card/CardText.h"
@@ -27,7 +28,7 @@ bool writeAll(int fd, uint64_t offset, const Bytes& all, std::string* error) {
 }
 
 bool flushCard(int fd, std::string* error) {
-  if (fsync(fd) == 0) return true;
+  if (syncFile(fd) == 0) return true;
   *error = errnoText("flushing the card failed", errno);
   return false;
 }

@@ -114,9 +114,14 @@ bool ComposedVolume::chunkAt(uint64_t byte, int* type, uint32_t* chunk) const {
 }
 
 bool isChunkFileName(const std::string& name, int* type, uint32_t* chunk) {
-  std::string upper = name;
-  for (char& c : upper) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-  return parseChunkFile(upper, type, chunk);
+  return orNoMemory(
+      "ComposedVolume",
+      [&] {
+        std::string upper = name;
+        for (char& c : upper) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+        return parseChunkFile(upper, type, chunk);
+      },
+      [] { return false; });
 }
 
 std::string nameOfChunkFile(int type, uint32_t chunk) { return chunkFileTitle(type, chunk); }

@@ -4,10 +4,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "base/Crc16.h"
 #include "base/Endian.h"
+#include "base/FileSync.h"
 #include "base/UniqueFd.h"
 #include "recorder/card/CardText.h"
 
@@ -88,11 +91,23 @@ int UndoFile::save(const std::string& path, std::string* error) const {
   const UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   std::vector<uint8_t> bytes = encode();
   if (fd.valid() && transferAll(fd.get(), bytes.data(), bytes.size(), true) &&
-      fsync(fd.get()) == 0) {
+      syncFile(fd.get()) == 0) {
     return 0;
   }
   *error = errnoText("cannot write " + path, errno);
   if (fd.valid()) unlink(path.c_str());
+  return -1;
+}
+
+int UndoFile::join(const std::string& path, const std::string& next, std::string* error) {
+  UndoFile first;
+  UndoFile second;
+  if (first.load(path, error) != 0 || second.load(next, error) != 0) return -1;
+  for (Piece& piece : second.pieces) first.pieces.push_back(std::move(piece));
+  const std::string joined = path + ".joined";
+  if (first.save(joined, error) != 0) return -1;
+  if (rename(joined.c_str(), path.c_str()) == 0 && unlink(next.c_str()) == 0) return 0;
+  *error = errnoText("cannot write " + path, errno);
   return -1;
 }
 

@@ -15,6 +15,10 @@ struct CardCheckOptions {
   // Reads every byte of every picture, at the device's speed, and compares it with the checksum of
   // its entry. Else only what pictures begin with, which tells whether they are there.
   bool wholePictures = true;
+  // How many recordings are looked at at a time, each in a thread of its own: 1 on a recorder that
+  // has other things to do; 0: as many as there are processors, up to four. What is found is the
+  // same.
+  uint32_t threads = 1;
   // Called now and then with what is done and what there is; false stops the check.
   std::function<bool(uint64_t done, uint64_t total)> progress;
 };
@@ -24,7 +28,8 @@ struct CardCheckOptions {
 // server has not saved shows as findings.
 //
 // A card straight after its format and one after a clean stop are clean; a card that lost power has
-// findings, which the recovery corrects. One thread at a time.
+// findings, which the recovery corrects. Used by one thread at a time, which is the one that is
+// told of progress.
 class TARN_API CardCheck {
  public:
   // 0, or -1 with the reason in *error when there is no card to look at, or when it was stopped.
@@ -35,6 +40,11 @@ class TARN_API CardCheck {
   int runOn(const std::string& path, const std::vector<DB_STREAM>& rows,
             const std::vector<DB_EVENT>& events, const CardCheckOptions& options,
             std::string* error);
+
+  // The same of all that is of no recording, as far as it stays as it is while a card is recorded
+  // on: its FATs, chunk files, management files, and records of its journals. What a recorder is
+  // about to write may show as a finding, and is gone when it is asked for again.
+  int runAround(const std::string& path, std::string* error);
 
   const CardFindings& findings() const { return findings_; }
   // What a PC left on the card that only had it mounted, in a sentence each: its mark, a folder of

@@ -21,17 +21,13 @@ struct CardContents {
   std::map<uint32_t, DB_STREAM> streams;  // rows of the journal, by key
   std::map<uint32_t, DB_EVENT> events;
   uint64_t pictures = 0;
-  uint32_t patienceMs = 500;       // for reads that fail, all together
   std::set<uint32_t> lostStreams;  // keys of rows that lead to no picture
   bool rowsRefused = false;  // the device kept records of recordings back: there may be more rows
   std::vector<uint32_t> eventsWithoutVideo;
   uint64_t recordings = 0;    // looked at
   bool wholePictures = true;  // not only their time stamps
-  bool stopped = false;
+  uint32_t threads = 1;       // see CardCheckOptions
   std::function<bool(uint64_t, uint64_t)> progress;
-
-  // Tells how far it is, and learns whether to go on.
-  void step() { stopped = stopped || (progress && !progress(recordings, streams.size())); }
 };
 
 // The parts, in their order. False when the check was stopped.

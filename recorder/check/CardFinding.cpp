@@ -47,6 +47,9 @@ void addPart(std::string* all, const std::string& part) {
   *all += part;
 }
 
+// Times of damaged rows can be anything; so much video lies on no card.
+constexpr int64_t kMostMicros = int64_t{UINT32_MAX} * 1000000;
+
 std::string counted(size_t count, const char* one, const char* more) {
   return std::to_string(count) + " " + (count == 1 ? one : more);
 }
@@ -105,8 +108,6 @@ void CardFindings::add(CardFinding finding) {
   const Meaning& usual = kMeanings[static_cast<size_t>(finding.kind)];
   if (finding.consequence == Consequence::kOfKind) finding.consequence = usual.consequence;
   if (finding.meaning.empty()) finding.meaning = usual.text;
-  // Times of damaged rows can be anything; so much video lies on no card.
-  constexpr int64_t kMostMicros = int64_t{UINT32_MAX} * 1000000;
   auto& all = finding.isSound ? soundMicros_ : micros_;
   int64_t& micros = all[static_cast<size_t>(finding.consequence)];
   micros = std::min(micros + std::min(finding.videoMicros, kMostMicros), kMostMicros);
@@ -120,6 +121,20 @@ void CardFindings::add(FindingKind kind, std::string text) {
   finding.kind = kind;
   finding.text = std::move(text);
   add(std::move(finding));
+}
+
+void CardFindings::append(const CardFindings& other) {
+  std::array<size_t, kFindingKinds> listed{};
+  for (const CardFinding& finding : other.list_) {
+    const auto kind = static_cast<size_t>(finding.kind);
+    if (counts_[kind] + listed[kind]++ < kKeptOfAKind) list_.push_back(finding);
+  }
+  for (size_t kind = 0; kind < kFindingKinds; ++kind) counts_[kind] += other.counts_[kind];
+  for (size_t i = 0; i < kConsequences; ++i) {
+    micros_[i] = std::min(micros_[i] + other.micros_[i], kMostMicros);
+    soundMicros_[i] = std::min(soundMicros_[i] + other.soundMicros_[i], kMostMicros);
+    meant_[i] += other.meant_[i];
+  }
 }
 
 size_t CardFindings::total() const {

@@ -72,6 +72,8 @@ class TARN_API CardFindings {
 
   void add(CardFinding finding);
   void add(FindingKind kind, std::string text);
+  // As if those of `other` were added one by one.
+  void append(const CardFindings& other);
 
   const std::vector<CardFinding>& list() const { return list_; }
   size_t count(FindingKind kind) const { return counts_[static_cast<size_t>(kind)]; }

@@ -4,7 +4,7 @@
 #include "base/Wrap.h"
 #include "db/RowStatus.h"
 #include "recorder/card/TimeText.h"
-#include "recorder/check/CardContents.h"
+#include "recorder/check/RowsCheck.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/PictureStamp.h"
 #include "recorder/recording/RecordFormat.h"
@@ -35,16 +35,18 @@ FindingKind stateKind(State state) {
 // One row.
 class RecordingCheck {
  public:
-  RecordingCheck(CardContents* contents, const DB_STREAM& row)
-      : contents_(contents),
-        card_(contents->card),
+  RecordingCheck(RowsWorker* worker, const DB_STREAM& row, RecordingOutcome* outcome)
+      : worker_(*worker),
+        contents_(worker->rows->contents()),
+        outcome_(outcome),
+        card_(contents_.card),
         row_(row),
         sound_(isSound(row)),
         pictures_(card_, kFilePicture, row.chunkID),
         stream_(card_, kFileStream, row.chunkID),
         index_(row, &pictures_, stream_.size()) {
-    pictures_.sharePatience(&contents->patienceMs);
-    stream_.sharePatience(&contents->patienceMs);
+    pictures_.sharePatience(&worker->patienceMs);
+    stream_.sharePatience(&worker->patienceMs);
   }
 
   void run() {
@@ -75,8 +77,8 @@ class RecordingCheck {
     finding.chunk = static_cast<int32_t>(row_.chunkID & 0xFFFF);
     finding.from = from;
     finding.to = to;
-    if (!contents_->findings.isFull(kind)) nameEvents(&finding);
-    contents_->findings.add(finding);
+    if (!worker_.rows->isFull(kind) && !outcome_->findings.isFull(kind)) nameEvents(&finding);
+    outcome_->findings.add(finding);
   }
 
   void sayHalfCopy() {
@@ -119,7 +121,7 @@ class RecordingCheck {
 
   // Nothing leads to any of its pictures.
   bool lost(const std::string& text) {
-    contents_->lostStreams.insert(row_.streamID);
+    outcome_->leadsNowhere = true;
     say(meaning(Consequence::kLost, rowStart(), rowEnd()), FindingKind::kRow, text, row_.startDate,
         row_.endDate);
     return false;
@@ -129,7 +131,7 @@ class RecordingCheck {
   void nameEvents(CardFinding* finding) const {
     std::string names;
     int named = 0;
-    for (const auto& [key, event] : contents_->events) {
+    for (const auto& [key, event] : contents_.events) {
       const uint32_t end = event.endDate != 0 ? event.endDate : UINT32_MAX;
       const uint32_t begin = event.startDate - std::min<uint32_t>(event.startDate, event.preSec);
       if (begin > finding->to || end < finding->from) continue;
@@ -178,11 +180,11 @@ class RecordingCheck {
     lastGood_ = row_.startDate;
     lastGoodMicros_ = rowStart();
     bool any = row_.recSize == 0;
-    for (uint32_t index = 0; index < row_.recSize && !contents_->stopped; ++index) {
-      if (index % kPicturesOfAStep == kPicturesOfAStep - 1) contents_->step();
+    for (uint32_t index = 0; index < row_.recSize; ++index) {
+      if (index % kPicturesOfAStep == kPicturesOfAStep - 1 && !worker_.rows->goOn(worker_)) return;
       PictureEntry entry;
       const State state = look(index, &entry);
-      ++contents_->pictures;
+      ++outcome_->pictures;
       any = any || (state != State::kBadEntry);
       const int64_t at = entry.presentation.totalMicros() + correction_ * 1000000;
       if (state == State::kGood) {
@@ -197,7 +199,7 @@ class RecordingCheck {
       }
     }
     endRun(row_.recSize, row_.endDate, rowEnd());
-    if (!any) contents_->lostStreams.insert(row_.streamID);
+    if (!any) outcome_->leadsNowhere = true;
   }
 
   State look(uint32_t index, PictureEntry* entry) {
@@ -238,7 +240,7 @@ class RecordingCheck {
 
   State lookAtData(const PictureEntry& entry) {
     Delivery got = stampOf(entry);
-    if (got == Delivery::kGood && contents_->wholePictures) got = proveBytes(&stream_, entry);
+    if (got == Delivery::kGood && contents_.wholePictures) got = proveBytes(&stream_, entry);
     if (got == Delivery::kRefused) return State::kUnreadable;
     return got == Delivery::kGood ? State::kGood : State::kBadData;
   }
@@ -285,7 +287,9 @@ class RecordingCheck {
     if (!what.empty()) say(FindingKind::kHeader, "its stream header disagrees: " + what);
   }
 
-  CardContents* contents_;
+  const RowsWorker& worker_;
+  const CardContents& contents_;
+  RecordingOutcome* outcome_;
   const CardReader& card_;
   const DB_STREAM row_;
   const bool sound_;
@@ -349,14 +353,8 @@ void findEventsWithoutVideo(CardContents* contents) {
 
 }  // namespace
 
-bool checkRows(CardContents* contents) {
-  for (const auto& [key, row] : contents->streams) {
-    RecordingCheck(contents, row).run();
-    ++contents->recordings;
-    contents->step();
-    if (contents->stopped) return false;
-  }
-  return true;
+void checkRecording(RowsWorker* worker, const DB_STREAM& row, RecordingOutcome* outcome) {
+  RecordingCheck(worker, row, outcome).run();
 }
 
 bool checkRecordings(CardContents* contents) {

@@ -273,15 +273,23 @@ bool LogAppender::writeOut() {
   const std::string bytes = pending_ + endMark();
   const auto first = std::min<size_t>(bytes.size(), kLogMarkBytes);
   if (goesAtOnce(bytes.size())) {
-    if (!put(written_, bytes.data(), bytes.size())) return false;
+    if (!putOverMark(bytes.data(), bytes.size())) return false;
   } else if (!put(written_ + kLogMarkBytes, bytes.data() + first, bytes.size() - first) ||
-             !put(written_, bytes.data(), first)) {
+             !putOverMark(bytes.data(), first)) {
     return false;
   }
   written_ += static_cast<uint32_t>(pending_.size());
   pending_.clear();
   told_ = false;
   return true;
+}
+
+// A part of it in place of the mark would leave the text without an end, or with one behind a line
+// that nobody can read: then the mark is put back.
+bool LogAppender::putOverMark(const char* bytes, size_t length) {
+  if (put(written_, bytes, length)) return true;
+  put(written_, written_ == 0 ? kLogEmpty : kLogMark, kLogMarkBytes);
+  return false;
 }
 
 // Writes and waits until it has reached the card. In pieces: after a failure more may wait than the

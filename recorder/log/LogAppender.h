@@ -53,6 +53,7 @@ class LogAppender {
   static const char* endMark();
   bool goesAtOnce(size_t length) const;
   bool writeOut();
+  bool putOverMark(const char* bytes, size_t length);
   bool put(uint32_t position, const char* bytes, size_t length);
   bool tellServer();
 

@@ -63,8 +63,9 @@ class TARN_API RecordingIndex {
   // Forgets what was read ahead and what was refused, because a writer goes on meanwhile.
   void forget();
 
+  static constexpr uint32_t kBlock = 4096;  // read at once
+
  private:
-  static constexpr uint32_t kBlock = 4096;
   static constexpr uint32_t kSector = 512;
 
   void place();

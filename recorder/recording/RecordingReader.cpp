@@ -37,6 +37,8 @@ class RecordingReader::Impl {
   uint32_t count() const { return count_; }
   bool isDamaged() const { return damaged_; }
   Delivery delivered() const { return delivered_; }
+  bool lackedMemory() const { return lackedMemory_; }
+  void lackMemory() { lackedMemory_ = true; }
 
  private:
   bool entryAt(uint32_t index, PictureEntry* out);
@@ -51,6 +53,7 @@ class RecordingReader::Impl {
   uint32_t count_ = 0;
   bool damaged_ = false;
   Delivery delivered_ = Delivery::kGood;
+  bool lackedMemory_ = false;
 };
 
 int RecordingReader::Impl::open(const DB_STREAM& row) {
@@ -92,6 +95,7 @@ uint32_t RecordingReader::Impl::refresh() {
 
 bool RecordingReader::Impl::picture(uint32_t index, PictureEntry* out) {
   delivered_ = Delivery::kBad;
+  lackedMemory_ = false;
   return index < count_ && entryAt(index, out);
 }
 
@@ -113,6 +117,7 @@ uint32_t RecordingReader::Impl::lastDecodedBy(PictureTime time) {
 }
 
 int64_t RecordingReader::Impl::findKeyPictureBefore(PictureTime time) {
+  lackedMemory_ = false;
   if (count_ == 0) return -1;
   // A picture is decoded before it is presented, so the one looked for is not behind this.
   for (int64_t index = lastDecodedBy(time); index >= 0; --index) {
@@ -139,6 +144,7 @@ bool RecordingReader::Impl::readPicture(const PictureEntry& entry, std::vector<u
                                         bool withTimeStamp) {
   damaged_ = false;
   delivered_ = Delivery::kBad;
+  lackedMemory_ = false;
   if (entry.dataOffset >= stream_->size() || entry.size >= stream_->size()) return false;
   out->resize(entry.size);
   delivered_ = stream_->read(entry.dataOffset, out->data(), entry.size);
@@ -206,20 +212,29 @@ uint32_t RecordingReader::refresh() {
 bool RecordingReader::picture(uint32_t index, PictureEntry* out) {
   return orNoMemory(
       "RecordingReader", [&]() -> bool { return impl_ && impl_->picture(index, out); },
-      [&]() -> bool { return false; });
+      [&]() -> bool {
+        impl_->lackMemory();
+        return false;
+      });
 }
 
 int64_t RecordingReader::findKeyPictureBefore(PictureTime time) {
   return orNoMemory(
       "RecordingReader",
       [&]() -> int64_t { return impl_ ? impl_->findKeyPictureBefore(time) : -1; },
-      [&]() -> int64_t { return -1; });
+      [&]() -> int64_t {
+        impl_->lackMemory();
+        return -1;
+      });
 }
 
 int64_t RecordingReader::findPictureFrom(PictureTime time) {
   return orNoMemory(
       "RecordingReader", [&]() -> int64_t { return impl_ ? impl_->findPictureFrom(time) : -1; },
-      [&]() -> int64_t { return -1; });
+      [&]() -> int64_t {
+        impl_->lackMemory();
+        return -1;
+      });
 }
 
 bool RecordingReader::readPicture(const PictureEntry& entry, std::vector<uint8_t>* out,
@@ -227,14 +242,19 @@ bool RecordingReader::readPicture(const PictureEntry& entry, std::vector<uint8_t
   return orNoMemory(
       "RecordingReader",
       [&]() -> bool { return impl_ && impl_->readPicture(entry, out, withTimeStamp); },
-      [&]() -> bool { return false; });
+      [&]() -> bool {
+        impl_->lackMemory();
+        return false;
+      });
 }
 
 bool RecordingReader::isDamaged() const { return impl_ && impl_->isDamaged(); }
 
 bool RecordingReader::wasRefused() const {
-  return impl_ && impl_->delivered() == Delivery::kRefused;
+  return impl_ && (impl_->delivered() == Delivery::kRefused || impl_->lackedMemory());
 }
+
+bool RecordingReader::lackedMemory() const { return impl_ && impl_->lackedMemory(); }
 
 bool streamsOfPeriod(uint32_t from, uint32_t to, uint32_t inTrg, std::vector<DB_STREAM>* out) {
   return orNoMemory(

@@ -52,8 +52,11 @@ class TARN_API RecordingReader {
   // was one.
   bool isDamaged() const;
   // Whether the last picture() or readPicture() was false because the card did not give the bytes
-  // now: that proves nothing of them, and they may come at the next try.
+  // now, or because there was no memory for them: that proves nothing of them, and they may come at
+  // the next try.
   bool wasRefused() const;
+  // Whether it was for want of memory; the same of the last find.
+  bool lackedMemory() const;
 
  private:
   class Impl;

@@ -6,21 +6,33 @@
 
 namespace tarn {
 
-int64_t rowCorrection(const DB_STREAM& row, RecordingIndex* index) {
-  if ((row.status & kStatusRedated) == 0) return 0;
+bool knowsRowCorrection(const DB_STREAM& row, RecordingIndex* index, int64_t* seconds) {
+  *seconds = 0;
+  if ((row.status & kStatusRedated) == 0) return true;
   PictureEntry entry;
-  if (index->entry(0, &entry) == Delivery::kGood)
-    return int64_t{row.startDate} - entry.presentation.seconds;
+  if (index->entry(0, &entry) == Delivery::kGood) {
+    *seconds = int64_t{row.startDate} - entry.presentation.seconds;
+    return true;
+  }
   StreamHeader header;
-  if (row.recSize != 0 && index->header(&header) == Delivery::kGood)
-    return int64_t{row.endDate} - header.lastTime;
+  if (row.recSize != 0 && index->header(&header) == Delivery::kGood) {
+    *seconds = int64_t{row.endDate} - header.lastTime;
+    return true;
+  }
   // The end is that of the picture shown last.
   uint32_t last = 0;
   for (uint32_t i = 0; i < std::min(row.recSize, index->capacity()); ++i) {
     if (index->entry(i, &entry) == Delivery::kGood)
       last = std::max(last, entry.presentation.seconds);
   }
-  return last == 0 ? 0 : int64_t{row.endDate} - last;
+  if (last != 0) *seconds = int64_t{row.endDate} - last;
+  return last != 0;
+}
+
+int64_t rowCorrection(const DB_STREAM& row, RecordingIndex* index) {
+  int64_t seconds = 0;
+  knowsRowCorrection(row, index, &seconds);
+  return seconds;
 }
 
 bool moveRow(int64_t seconds, DB_STREAM* row) {

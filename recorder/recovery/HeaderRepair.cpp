@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <string>
 
@@ -21,8 +22,11 @@ namespace {
 
 using Kind = RecoveryChange::Kind;
 
-constexpr char kSqlChunks[] =
+constexpr char kSqlOldest[] =
     "SELECT * FROM STREAM WHERE streamID IN ( SELECT MIN( streamID ) FROM STREAM GROUP BY chunkID "
+    ")";
+constexpr char kSqlNewest[] =
+    "SELECT * FROM STREAM WHERE streamID IN ( SELECT MAX( streamID ) FROM STREAM GROUP BY chunkID "
     ")";
 
 enum class Verdict { kGood, kRewrite, kDelete, kLost, kUnreadable };
@@ -197,14 +201,16 @@ bool endOfChunk(uint32_t chunk, bool oldest, const std::string& behind,
 }
 
 // The oldest (or newest) row of a chunk, and the next one as long as rows must go.
-bool planEnd(uint32_t chunk, bool oldest, HeaderPlan* plan, RecoveryReport* report) {
-  std::string behind;
-  for (;;) {
+bool planEnd(DB_STREAM row, bool oldest, HeaderPlan* plan, RecoveryReport* report) {
+  while (!isSettled(row, *plan) && !planRow(row, plan, report)) {
+    const std::string behind =
+        (oldest ? " AND streamID > " : " AND streamID < ") + std::to_string(row.streamID);
     std::vector<DB_STREAM> rows;
-    if (!endOfChunk(chunk, oldest, behind, &rows)) return false;
-    if (rows.empty() || isSettled(rows[0], *plan) || planRow(rows[0], plan, report)) return true;
-    behind = (oldest ? " AND streamID > " : " AND streamID < ") + std::to_string(rows[0].streamID);
+    if (!endOfChunk(row.chunkID, oldest, behind, &rows)) return false;
+    if (rows.empty()) return true;
+    row = rows[0];
   }
+  return true;
 }
 
 // Tested once more: the oldest row of a chunk may be its newest, and is mended then.
@@ -231,11 +237,17 @@ bool deleteRow(const DB_STREAM& row, RecoveryReport* report) {
 
 bool planHeaders(const std::vector<CHUNK_MANAGE>& chunks, HeaderPlan* plan,
                  RecoveryReport* report) {
+  // Asked for at once: a statement for each end of each chunk would take most of the step.
   std::vector<DB_STREAM> oldest;
-  if (!selectStreams(kSqlChunks, &oldest)) return false;
+  std::vector<DB_STREAM> newest;
+  if (!selectStreams(kSqlOldest, &oldest) || !selectStreams(kSqlNewest, &newest)) return false;
+  std::map<uint32_t, DB_STREAM> newestOf;
+  for (const DB_STREAM& row : newest) newestOf.emplace(row.chunkID, row);
   for (const DB_STREAM& row : oldest) {
     if (row.chunkID < chunks.size() && isGuarded(chunks[row.chunkID].chType)) continue;
-    if (!planEnd(row.chunkID, true, plan, report) || !planEnd(row.chunkID, false, plan, report)) {
+    const auto last = newestOf.find(row.chunkID);
+    if (last == newestOf.end() || !planEnd(row, true, plan, report) ||
+        !planEnd(last->second, false, plan, report)) {
       return false;
     }
   }

@@ -34,15 +34,21 @@ uint32_t savedFreeOffset(short chunk) {
 // Looks one journal through and notes what is wrong with it; then, if wanted, mends that.
 class Scrub {
  public:
-  Scrub(JournalKind kind, int flags, JournalSurvey* survey, JournalBytes* read = nullptr)
+  Scrub(JournalKind kind, int flags, JournalSurvey* survey, JournalBytes* read = nullptr,
+        HeaderPlaces* places = nullptr, EarlyRows* early = nullptr)
       : kind_(kind),
         traits_(journalTraits(kind)),
         original_(kFileJournal, static_cast<uint32_t>(traits_.chunk), flags),
         mirror_(kFileJournal, static_cast<uint32_t>(traits_.chunk + kJournalMirrorStep), flags),
         survey_(survey),
-        read_(read) {}
+        read_(read),
+        places_(places),
+        early_(early) {}
 
+  // Nothing is written here.
   bool look();
+  // After look(): mend() will write nothing, and all records are kept in `read`.
+  bool isFlawless() const;
   void mend();
 
  private:
@@ -51,7 +57,7 @@ class Scrub {
   uint32_t passHole(JournalCopies* copies, uint32_t position, uint32_t savedFree);
   void refuse(const std::string& place);
   void take(const JournalCopies& copies, JournalCopy copy, uint32_t position);
-  bool isOfCopy(const uint8_t* record) const;
+  bool noteRow(const uint8_t* record);
   void noteKeys(const JournalCopies& copies, uint32_t position);
   void noteUnequal(const JournalCopies& copies, JournalCopy copy, uint32_t position);
   void count(uint32_t savedFree);
@@ -77,7 +83,9 @@ class Scrub {
   ChunkSource original_;
   ChunkSource mirror_;
   JournalSurvey* survey_;
-  JournalBytes* read_;  // may be null
+  JournalBytes* read_;    // may be null
+  HeaderPlaces* places_;  // may be null
+  EarlyRows* early_;      // may be null
   std::vector<LiveRecord> live_;
   std::vector<uint32_t> phantoms_;  // positions, these too:
   std::vector<uint32_t> unequal_;
@@ -97,7 +105,11 @@ bool Scrub::open(const ChunkSource& source, int chunk) {
   return false;
 }
 
-// Nothing is written here.
+bool Scrub::isFlawless() const {
+  return survey_->error.empty() && survey_->unread == 0 && unequal_.empty() && gap_.empty() &&
+         lost_.empty() && bridged_.empty() && phantoms_.empty();
+}
+
 bool Scrub::look() {
   *survey_ = JournalSurvey();
   if (!open(original_, traits_.chunk) || !open(mirror_, traits_.chunk + kJournalMirrorStep)) {
@@ -106,6 +118,9 @@ bool Scrub::look() {
   JournalCopies copies(kind_, &original_, &mirror_);
   const uint32_t savedFree = savedFreeOffset(traits_.chunk);
   for (uint32_t position = 0; position < copies.size();) {
+    if (early_ != nullptr && position % JournalBytes::kBlockBytes == 0) {
+      early_->read(kind_, position);
+    }
     if (lookAt(&copies, position)) {
       position += traits_.recordSize;
       continue;
@@ -115,6 +130,7 @@ bool Scrub::look() {
   }
   count(savedFree);
   countMissing(savedFree);
+  if (early_ != nullptr) early_->ended(kind_, survey_->records, isFlawless());
   return true;
 }
 
@@ -192,7 +208,7 @@ void Scrub::take(const JournalCopies& copies, JournalCopy copy, uint32_t positio
     if (key == 0) {
       phantoms_.push_back(position);  // key 0 is never given out
     } else {
-      live_.push_back({position, key, crc32(record, traits_.recordSize), isOfCopy(record)});
+      live_.push_back({position, key, crc32(record, traits_.recordSize), noteRow(record)});
     }
   }
   if (copies.other() == nullptr) {
@@ -204,10 +220,12 @@ void Scrub::take(const JournalCopies& copies, JournalCopy copy, uint32_t positio
   }
 }
 
-bool Scrub::isOfCopy(const uint8_t* record) const {
+// Of a recording: whether it is a kept copy.
+bool Scrub::noteRow(const uint8_t* record) {
   if (kind_ != JournalKind::kStream) return false;
   DB_STREAM row = {};
   decodeStreamRecord(record, &row);
+  if (places_ != nullptr) places_->note(row);
   return isKept(row);
 }
 
@@ -326,9 +344,9 @@ int surveyJournal(JournalKind kind, JournalSurvey* survey) {
 
 int scrubJournals(JournalSurvey* events, JournalSurvey* streams,
                   const std::function<bool()>& mayWrite, JournalBytes* readEvents,
-                  JournalBytes* readStreams) {
-  Scrub ofEvents(JournalKind::kEvent, O_RDWR, events, readEvents);
-  Scrub ofStreams(JournalKind::kStream, O_RDWR, streams, readStreams);
+                  JournalBytes* readStreams, HeaderPlaces* places, EarlyRows* early) {
+  Scrub ofEvents(JournalKind::kEvent, O_RDWR, events, readEvents, nullptr, early);
+  Scrub ofStreams(JournalKind::kStream, O_RDWR, streams, readStreams, places, early);
   if (!ofEvents.look() || !ofStreams.look()) return -1;
   if (mayWrite != nullptr && !mayWrite()) return -1;
   ofEvents.mend();

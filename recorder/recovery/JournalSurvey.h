@@ -5,6 +5,8 @@
 #include "base/Export.h"
 #include "dblog/JournalBytes.h"
 #include "dblog/JournalFormat.h"
+#include "recorder/recovery/EarlyRows.h"
+#include "recorder/recovery/HeaderPlaces.h"
 #include "recorder/recovery/StartUpReport.h"
 
 namespace tarn {
@@ -27,9 +29,12 @@ TARN_API int surveyJournal(JournalKind kind, JournalSurvey* survey);
 // refused is never written over.
 //
 // The card is read once: what is the same in both copies and was not written here stays in
-// `readEvents` and `readStreams`, where given, for the replay.
+// `readEvents` and `readStreams`, where given, for the replay; and `places`, where given, gets the
+// recordings. `early`, where given, is told of both journals as they are read, if `readEvents` and
+// `readStreams` are what it reads of.
 TARN_API int scrubJournals(JournalSurvey* events, JournalSurvey* streams,
                            const std::function<bool()>& mayWrite = nullptr,
-                           JournalBytes* readEvents = nullptr, JournalBytes* readStreams = nullptr);
+                           JournalBytes* readEvents = nullptr, JournalBytes* readStreams = nullptr,
+                           HeaderPlaces* places = nullptr, EarlyRows* early = nullptr);
 
 }  // namespace tarn

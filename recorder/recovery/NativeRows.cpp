@@ -165,7 +165,8 @@ bool redateEventNative(const DB_EVENT& row) {
   return editRecord(JournalKind::kEvent, row.backOffset,
                     [&row](uint8_t* record) { encodeEventRecord(row, record); }) &&
          execute("UPDATE EVENT SET startDate = " + number(row.startDate) +
-                 ", endDate = " + number(row.endDate) + " WHERE eventID = " + number(row.eventID));
+                 ", endDate = " + number(row.endDate) + ", startMSec = " + number(row.startMSec) +
+                 ", endMSec = " + number(row.endMSec) + " WHERE eventID = " + number(row.eventID));
 }
 
 std::string nameOf(const DB_STREAM& row) {

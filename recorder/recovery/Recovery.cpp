@@ -10,6 +10,7 @@
 #include <iterator>
 #include <utility>
 
+#include "base/FileSync.h"
 #include "base/Omission.h"
 #include "base/UniqueFd.h"
 #include "dblog/RestoreStores.h"
@@ -159,7 +160,7 @@ bool Recovery::countRows() {
 
 bool Recovery::flushCard() {
   const UniqueFd card(open(deviceName(kRecorderPartition), O_RDONLY | O_CLOEXEC));
-  return card.valid() && fsync(card.get()) == 0;
+  return card.valid() && syncFile(card.get()) == 0;
 }
 
 bool Recovery::mayTryAgain() const {
@@ -236,6 +237,7 @@ void Recovery::attempt() {
   for (const std::string& problem : report_.problems) {
     syslog(LOG_WARNING, kMsgRecoveryProblem, problem.c_str());
   }
+  startUp_.reset();
   lock_.reset();
 }
 

@@ -32,34 +32,63 @@ bool entryAt(const uint8_t* bytes, uint32_t streamSize, PictureEntry* entry) {
          entry->dataOffset < streamSize && entry->size < streamSize;
 }
 
-// Key of a recording that entries behind `offset` of a picture chunk prove; 0 without one, and
-// where the device gives nothing. Two that follow each other, as a checksum alone fits noise at
-// times. An entry is written behind its row's record, so there was one.
-uint32_t provenKey(ChunkSource* pictures, uint32_t offset) {
-  const uint32_t length = std::min(kProofBytes, pictures->size());
-  std::vector<uint8_t> bytes(length);
-  if (!pictures->isOpen() || offset >= pictures->size() ||
-      pictures->read(offset, bytes.data(), length) != Delivery::kGood) {
-    return 0;
-  }
-  for (uint32_t at = 0; at + 2 * kRecordSize <= length; at += kRecordSize) {
+// What the picture entries at a place tell of a recording. Bytes that the device refuses tell
+// nothing: whoever asks must take them for a recording's, because they may be, and come back.
+struct Proof {
+  uint32_t key = 0;  // of the recording; 0: there is none, or it is refused
+  bool refused = false;
+  bool possible() const { return key != 0 || refused; }
+};
+
+// Two entries that follow each other, as a checksum alone fits noise at times. An entry is written
+// behind its row's record, so there was one.
+uint32_t keyIn(const std::vector<uint8_t>& bytes, uint32_t streamSize) {
+  for (size_t at = 0; at + 2 * kRecordSize <= bytes.size(); at += kRecordSize) {
     PictureEntry first;
     PictureEntry second;
-    if (entryAt(bytes.data() + at, pictures->streamSize(), &first) &&
-        entryAt(bytes.data() + at + kRecordSize, pictures->streamSize(), &second) &&
-        first.key == second.key && second.number == first.number + 1) {
+    if (entryAt(bytes.data() + at, streamSize, &first) &&
+        entryAt(bytes.data() + at + kRecordSize, streamSize, &second) && first.key == second.key &&
+        second.number == first.number + 1) {
       return first.key;
     }
   }
   return 0;
 }
 
-// Where the oldest data is by the management data, else at the chunk's start.
-uint32_t provenKey(uint32_t chunk, uint32_t useOffset) {
-  ChunkSource pictures(kFilePicture, chunk, O_RDONLY);
-  const uint32_t key = provenKey(&pictures, useOffset);
-  return key != 0 || useOffset == 0 ? key : provenKey(&pictures, 0);
+// Behind `offset` of a picture chunk.
+Proof proofAt(ChunkSource* pictures, uint32_t offset) {
+  Proof proof;
+  if (!pictures->isOpen()) {
+    proof.refused = !pictures->isPlaceless();
+    return proof;
+  }
+  if (offset >= pictures->size()) return proof;
+  std::vector<uint8_t> bytes(std::min(kProofBytes, pictures->size()));
+  const Delivery got = pictures->read(offset, bytes.data(), static_cast<uint32_t>(bytes.size()));
+  proof.refused = got == Delivery::kRefused;
+  if (got == Delivery::kGood) proof.key = keyIn(bytes, pictures->streamSize());
+  return proof;
 }
+
+// Asks many chunks, so that a dead region of the card holds a start up once and not for each.
+class ProofReader {
+ public:
+  Proof at(uint32_t chunk, uint32_t offset) {
+    ChunkSource pictures(kFilePicture, chunk, O_RDONLY);
+    pictures.sharePatience(&patienceMs_);
+    return proofAt(&pictures, offset);
+  }
+  // Where the oldest data is by the management data, else at the chunk's start.
+  Proof oldest(uint32_t chunk, uint32_t useOffset) {
+    const Proof proof = at(chunk, useOffset);
+    if (proof.key != 0 || useOffset == 0) return proof;
+    const Proof start = at(chunk, 0);
+    return start.key != 0 || !proof.refused ? start : proof;
+  }
+
+ private:
+  uint32_t patienceMs_ = kReadPatienceMs;
+};
 
 bool chunksWithRows(std::set<uint32_t>* chunks) {
   CApiDb db;
@@ -114,17 +143,30 @@ std::string chunkText(const std::vector<uint32_t>& chunks) {
 
 struct LostChunk {
   uint32_t chunk;
-  uint32_t key;
+  Proof proof;
 };
 
-// In use, without a row, but with entries.
+bool anyRefused(const std::vector<LostChunk>& lost) {
+  return std::any_of(lost.begin(), lost.end(),
+                     [](const LostChunk& one) { return one.proof.refused; });
+}
+
+std::vector<uint32_t> numbersOf(const std::vector<LostChunk>& lost) {
+  std::vector<uint32_t> chunks;
+  chunks.reserve(lost.size());
+  for (const LostChunk& one : lost) chunks.push_back(one.chunk);
+  return chunks;
+}
+
+// In use, without a row, but with entries, or with what the device does not give.
 std::vector<LostChunk> candidates(const std::vector<CHUNK_MANAGE>& known,
                                   const std::set<uint32_t>& withRows) {
   std::vector<LostChunk> found;
+  ProofReader reader;
   for (uint32_t chunk = 0; chunk < known.size(); ++chunk) {
     if (known[chunk].chType < 0 || withRows.count(chunk) != 0) continue;
-    const uint32_t key = provenKey(chunk, known[chunk].pictureUseOffset);
-    if (key != 0) found.push_back({chunk, key});
+    const Proof proof = reader.oldest(chunk, known[chunk].pictureUseOffset);
+    if (proof.possible()) found.push_back({chunk, proof});
   }
   return found;
 }
@@ -182,14 +224,17 @@ bool chunksOfMissing(const std::vector<CHUNK_MANAGE>& known, std::vector<uint32_
     return false;
   }
   const std::map<uint32_t, uint32_t> ends = endsOfChunks(newest, known);
+  ProofReader reader;
+  const auto unknown = [&keys](const Proof& proof) {
+    return proof.refused || (proof.key != 0 && keys.count(proof.key) == 0);
+  };
   for (uint32_t chunk = 0; chunk < known.size(); ++chunk) {
     if (known[chunk].chType < 0) continue;
     const auto end = ends.find(chunk);
-    const uint32_t first = provenKey(chunk, known[chunk].pictureUseOffset);
-    const uint32_t last = end == ends.end() ? 0 : provenKey(chunk, end->second);
-    const bool unknown =
-        (first != 0 && keys.count(first) == 0) || (last != 0 && keys.count(last) == 0);
-    if (unknown) chunks->push_back(chunk);
+    if (unknown(reader.oldest(chunk, known[chunk].pictureUseOffset)) ||
+        (end != ends.end() && unknown(reader.at(chunk, end->second)))) {
+      chunks->push_back(chunk);
+    }
   }
   return true;
 }
@@ -201,14 +246,19 @@ bool fuseWithoutManagement(uint32_t chunks, FuseFinding* finding, std::string* e
     return false;
   }
   if (streams.greatestKey != 0) return true;
+  std::vector<LostChunk> lost;
+  ProofReader reader;
   for (uint32_t chunk = 0; chunk < chunks; ++chunk) {
-    if (provenKey(chunk, 0) != 0) finding->chunks.push_back(chunk);
+    const Proof proof = reader.at(chunk, 0);
+    if (proof.possible()) lost.push_back({chunk, proof});
   }
-  if (finding->chunks.empty()) return true;
+  if (lost.empty()) return true;
+  finding->chunks = numbersOf(lost);
   finding->text = "the management data of all " + plural(chunks, "stream chunk") +
                   " would be made anew and " + chunkText(finding->chunks) +
                   " become free, because both copies of it are bad and the journals hold no "
                   "recording; but pictures are recorded there";
+  if (anyRefused(lost)) finding->text += kFuseOrRefused;
   return true;
 }
 
@@ -223,16 +273,19 @@ bool fuseLostChunks(const std::vector<CHUNK_MANAGE>& known, const JournalSurvey&
   if (lost.empty() || !isMuch(lost.size(), withRows.size())) return true;
   std::set<uint32_t> keys;
   if (!keysOfJournal(&keys, error)) return false;
-  const auto explained = [&keys](const LostChunk& one) { return keys.count(one.key) != 0; };
+  const auto explained = [&keys](const LostChunk& one) {
+    return one.proof.key != 0 && keys.count(one.proof.key) != 0;
+  };
   lost.erase(std::remove_if(lost.begin(), lost.end(), explained), lost.end());
   if (lost.empty() || !isMuch(lost.size(), withRows.size())) return true;
-  for (const LostChunk& one : lost) finding->chunks.push_back(one.chunk);
+  finding->chunks = numbersOf(lost);
   finding->text =
       chunkText(finding->chunks) + ", of " + std::to_string(lost.size() + withRows.size()) +
       " with recordings, would become free, because the journals list none in them (" +
       plural(streams.liveKeys, "recording") + " in all, " + plural(streams.unreadable, "place") +
       " unreadable); but the management data count them as used, and pictures of "
       "recordings that were never deleted are there";
+  if (anyRefused(lost)) finding->text += kFuseOrRefused;
   return true;
 }
 

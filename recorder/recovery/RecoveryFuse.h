@@ -28,8 +28,9 @@ struct FuseFinding {
 constexpr bool isBulk(size_t count, size_t of) { return count > 2 && count > of / 10; }
 
 // When both copies of the stream chunks' management file are bad and would be made anew: blown when
-// the stream journal holds no recording at all, live or deleted, and `chunks` first chunks' picture
-// entries say that there were. False, with *error, when the device does not tell.
+// the stream journal holds no recording at all, live or deleted, and the picture entries of one of
+// the `chunks` first chunks say that there were, or are refused. False, with *error, when the
+// device does not tell what the journal holds.
 bool fuseWithoutManagement(uint32_t chunks, FuseFinding* finding, std::string* error);
 
 // Before anything is written to the journals: blown when many of their records are gone in both
@@ -39,15 +40,16 @@ FuseFinding fuseJournals(const JournalSurvey& events, const JournalSurvey& strea
 
 // After the replay of a stream journal that lost records: all chunks in use by the management data
 // as it was found that hold, where their oldest data is or behind their newest row, entries of a
-// recording that the journal does not know, not even as deleted. False, with *error, when database
-// or device do not tell.
+// recording that the journal does not know, not even as deleted, or what the device refuses to
+// give. False, with *error, when database or journal do not tell.
 bool chunksOfMissing(const std::vector<CHUNK_MANAGE>& known, std::vector<uint32_t>* chunks,
                      std::string* error);
 
 // After the replay: chunks in use by the management data as it was found that no row names, and
-// that begin with entries of a recording whose record the journals have lost; a record that was
-// deleted explains its recording. Blown when they are many, or most of the chunks that hold
-// recordings. False, with *error, when database or device do not tell.
+// that begin with entries of a recording whose record the journals have lost, or with what the
+// device refuses to give; a record that was deleted explains its recording. Blown when they are
+// many, or most of the chunks that hold recordings. False, with *error, when database or journal do
+// not tell.
 bool fuseLostChunks(const std::vector<CHUNK_MANAGE>& known, const JournalSurvey& streams,
                     FuseFinding* finding, std::string* error);
 

@@ -29,6 +29,8 @@ inline constexpr char kErrManageData[] = "the management data could not be rebui
 inline constexpr char kErrFlush[] = "the card could not be flushed";
 inline constexpr char kErrFuseRows[] = "the recordings of each chunk could not be listed";
 inline constexpr char kErrFuseJournal[] = "the journals could not be looked through once more";
+// Behind "pictures are there".
+inline constexpr char kFuseOrRefused[] = ", or what is there cannot be read";
 // Behind what would be done.
 inline constexpr char kFuseStop[] =
     "; none of it was done. Look at the card first (tarn check), or copy it; \"recover "

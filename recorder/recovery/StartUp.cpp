@@ -12,8 +12,10 @@
 #include "dblog/ReplayFailure.h"
 #include "recorder/card/NoThrow.h"
 #include "recorder/recovery/JournalSurvey.h"
+#include "recorder/rows/DatabaseGate.h"
 #include "recorder/rows/DatabaseSetup.h"
 #include "recorder/rows/JournalMessages.h"
+#include "recorder/rows/ServerPatience.h"
 
 namespace tarn {
 namespace {
@@ -34,9 +36,10 @@ bool surveyBoth(JournalSurvey* events, JournalSurvey* streams) {
 
 // The two copies of each journal, which are counted on the way.
 bool makeEqual(JournalSurvey* events, JournalSurvey* streams, const std::function<bool()>& mayWrite,
-               JournalBytes* readEvents, JournalBytes* readStreams) {
+               JournalBytes* readEvents, JournalBytes* readStreams, HeaderPlaces* places,
+               EarlyRows* early) {
   if (omitted("scrub")) return surveyBoth(events, streams);
-  return scrubJournals(events, streams, mayWrite, readEvents, readStreams) == 0;
+  return scrubJournals(events, streams, mayWrite, readEvents, readStreams, places, early) == 0;
 }
 
 }  // namespace
@@ -54,12 +57,25 @@ bool StartUp::fail(StartUpReport::Step step, const std::string& text) {
   return false;
 }
 
+// The set-up program may have been killed inside a statement, of which its status tells nothing:
+// whoever asks for the lock then waits for ever. The next start sets it free.
+bool StartUp::databaseIsFree() {
+  using State = DatabaseGate::State;
+  pid_t holder = 0;
+  const State state = DatabaseGate::await(kServerPatienceMs, &holder);
+  if (state != State::kHolderDead && state != State::kHeld) return true;
+  const std::string who = ": it is locked by process " + std::to_string(holder);
+  return fail(StartUpReport::kEmptyDatabase,
+              kErrNoEmptyDatabase + who + (state == State::kHeld ? "" : ", which is gone"));
+}
+
 // The command's exit status says little: what counts is what it left.
 bool StartUp::makeDatabase() {
   std::string error;
   if (CDbRestore().setupEmptyDb() != 0) {
     return fail(StartUpReport::kEmptyDatabase, kErrNoEmptyDatabase);
   }
+  if (!databaseIsFree()) return false;
   return DatabaseSetup::check(DatabaseSetup::defaultPath(), &error) ||
          fail(StartUpReport::kEmptyDatabase, error);
 }
@@ -68,15 +84,23 @@ bool StartUp::scrub(const std::function<bool()>& mayWrite) {
   scrubbed_ = true;
   JournalSurvey& events = report_.events;
   JournalSurvey& streams = report_.streams;
+  early_.reset();
   readEvents_ = std::make_unique<JournalBytes>(journalTraits(JournalKind::kEvent));
   readStreams_ = std::make_unique<JournalBytes>(journalTraits(JournalKind::kStream));
-  if (makeEqual(&events, &streams, mayWrite, readEvents_.get(), readStreams_.get())) return true;
+  early_ = std::make_unique<EarlyRows>(readEvents_.get(), readStreams_.get());
+  places_ = std::make_unique<HeaderPlaces>();
+  if (makeEqual(&events, &streams, mayWrite, readEvents_.get(), readStreams_.get(), places_.get(),
+                early_.get())) {
+    places_->askAhead();
+    return true;
+  }
   forget();
   const std::string& reason = events.error.empty() ? streams.error : events.error;
   return fail(StartUpReport::kSurvey, reason.empty() ? kErrSurvey : reason);
 }
 
 void StartUp::forget() {
+  early_.reset();
   readEvents_.reset();
   readStreams_.reset();
 }
@@ -87,7 +111,7 @@ void StartUp::replayFailed(StartUpReport::Step step, const char* text) {
   fail(step, reason.empty() ? text : text + (": " + reason));
 }
 
-bool StartUp::replay() {
+void StartUp::replayBehind() {
   CDbRestore restore;
   if (restore.restoreEventDb(readEvents_.get()) != 0) {
     replayFailed(StartUpReport::kEventReplay, kErrEventReplay);
@@ -97,6 +121,28 @@ bool StartUp::replay() {
     replayFailed(StartUpReport::kStreamReplay, kErrStreamReplay);
   }
   readStreams_.reset();
+}
+
+// All else of a replay.
+void StartUp::noteEarlyRows() {
+  CDbRestore restore;
+  if (restore.restoredBefore(JournalKind::kEvent, early_->records(JournalKind::kEvent)) != 0) {
+    replayFailed(StartUpReport::kEventReplay, kErrEventReplay);
+  }
+  if (restore.restoredBefore(JournalKind::kStream, early_->records(JournalKind::kStream)) != 0) {
+    replayFailed(StartUpReport::kStreamReplay, kErrStreamReplay);
+  }
+}
+
+bool StartUp::replay() {
+  hadEarlyRows_ = early_ != nullptr && early_->moveInto();
+  if (hadEarlyRows_) {
+    noteEarlyRows();
+    forget();
+  } else {
+    early_.reset();  // which gives the memory of its file free
+    replayBehind();
+  }
   report_.eventRows = count(kSqlCountEvents);
   report_.streamRows = count(kSqlCountStreams);
   return report_.ok();

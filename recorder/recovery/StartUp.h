@@ -6,6 +6,8 @@
 
 #include "base/Export.h"
 #include "dblog/JournalBytes.h"
+#include "recorder/recovery/EarlyRows.h"
+#include "recorder/recovery/HeaderPlaces.h"
 #include "recorder/recovery/StartUpReport.h"
 
 namespace tarn {
@@ -28,14 +30,19 @@ class TARN_API StartUp {
   // For who does not rebuild: gives back the memory of what scrub() read.
   void forget();
   const StartUpReport& report() const { return report_; }
+  // Whether the rows of the last rebuild came while the journals were still being read.
+  bool hadEarlyRows() const { return hadEarlyRows_; }
 
  private:
   struct Step;
 
   bool take(const Step& step);
   bool makeDatabase();
+  bool databaseIsFree();
   bool scrubUnlessDone();
   bool replay();
+  void replayBehind();
+  void noteEarlyRows();
   void replayFailed(StartUpReport::Step step, const char* text);
   bool countRows();
   bool seedKeys();
@@ -44,9 +51,12 @@ class TARN_API StartUp {
 
   StartUpReport report_;
   bool scrubbed_ = false;
+  bool hadEarlyRows_ = false;
   // What scrub() read, for the replay.
   std::unique_ptr<JournalBytes> readEvents_;
   std::unique_ptr<JournalBytes> readStreams_;
+  std::unique_ptr<EarlyRows> early_;  // of the two, so it goes before them
+  std::unique_ptr<HeaderPlaces> places_;
 };
 
 }  // namespace tarn

@@ -2,7 +2,7 @@
 
 #include "recorder/recovery/NativeRows.h"
 #include "recorder/rows/ClockEras.h"
-#include "recorder/rows/Redating.h"
+#include "recorder/rows/RedatingUndo.h"
 
 namespace tarn {
 namespace {
@@ -42,7 +42,7 @@ class NativeTables : public RedatedTables {
 bool finishRedating(const std::vector<CHUNK_MANAGE>& channels, RecoveryReport* report) {
   ClockEras::forget();
   NativeTables tables(channels, report);
-  return Redating(&tables).finish(-1);
+  return finishRedatings(&tables, -1);
 }
 
 }  // namespace tarn

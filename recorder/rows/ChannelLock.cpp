@@ -1,23 +1,34 @@
 #include "recorder/rows/ChannelLock.h"
 
-#include <glob.h>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/FolderNames.h"
 
 namespace tarn {
 namespace {
 
-constexpr char kAnyChannelLock[] = "/tmp/tarn-channel-*.lock";
+constexpr char kFolder[] = "/tmp/";
+constexpr std::string_view kPrefix = "tarn-channel-";
+constexpr std::string_view kSuffix = ".lock";
+
+bool isChannelLock(std::string_view name) {
+  return name.size() >= kPrefix.size() + kSuffix.size() &&
+         name.substr(0, kPrefix.size()) == kPrefix &&
+         name.substr(name.size() - kSuffix.size()) == kSuffix;
+}
 
 }  // namespace
 
+// Not by glob(), which frees what it found twice when it gets no memory for more.
 FileLock::Outcome tryAllChannels() {
-  glob_t locks = {};
+  std::vector<std::string> names;
+  if (folderNames(kFolder, &names) != 0) return FileLock::Outcome::kCannotOpen;
   FileLock::Outcome outcome = FileLock::Outcome::kTaken;
-  if (glob(kAnyChannelLock, 0, nullptr, &locks) == 0) {
-    for (size_t i = 0; i < locks.gl_pathc && outcome == FileLock::Outcome::kTaken; ++i) {
-      outcome = FileLock().take(locks.gl_pathv[i], false);
-    }
+  for (size_t i = 0; i < names.size() && outcome == FileLock::Outcome::kTaken; ++i) {
+    if (isChannelLock(names[i])) outcome = FileLock().take((kFolder + names[i]).c_str(), false);
   }
-  globfree(&locks);
   return outcome;
 }
 

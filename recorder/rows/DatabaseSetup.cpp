@@ -15,6 +15,7 @@
 #include "db/CApiDb.h"
 #include "db/DatabaseFile.h"
 #include "recorder/card/NoThrow.h"
+#include "recorder/rows/DatabaseLock.h"
 #include "recorder/rows/EventStartIndex.h"
 
 namespace tarn {
@@ -86,23 +87,6 @@ bool pathFits(const char* path, std::string* error) {
   if (strlen(path) <= kLongestPath) return true;
   return failed(error, std::string("name longer than 127 characters: ") + path);
 }
-
-// Keeps every process away from the database while files change places.
-class DatabaseLock {
- public:
-  DatabaseLock() : held_(db_.lockSem() == 0) {}
-  ~DatabaseLock() {
-    if (held_) db_.unlockSem();
-  }
-  DatabaseLock(const DatabaseLock&) = delete;
-  DatabaseLock& operator=(const DatabaseLock&) = delete;
-
-  bool held() const { return held_; }
-
- private:
-  CApiDb db_;
-  const bool held_;
-};
 
 bool removeFile(const std::string& path, std::string* error) {
   if (unlink(path.c_str()) == 0 || errno == ENOENT) return true;

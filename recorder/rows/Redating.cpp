@@ -8,6 +8,7 @@
 #include "db/RowStatus.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/recording/RowCorrection.h"
+#include "recorder/rows/RedatingRecord.h"
 #include "recorder/rows/RowMessages.h"
 
 namespace tarn {
@@ -44,6 +45,11 @@ std::string orphansBetween(int64_t from, int64_t to) {
          "( s.recSize = 0 OR s.endDate >= e.startDate ) ) ORDER BY e.eventID";
 }
 
+std::string eventsBetween(int64_t from, int64_t to) {
+  return "SELECT * FROM EVENT WHERE startDate >= " + number(from) +
+         " AND startDate <= " + number(to) + " ORDER BY eventID";
+}
+
 }  // namespace
 
 bool Redating::move(const DB_STREAM& row, int64_t seconds, uint32_t mark) {
@@ -75,7 +81,6 @@ int Redating::familyOf(const DB_STREAM& row) {
   return family(channelOf(row), (row.frameSet & kFrameSetAudio) != 0);
 }
 
-// Closed recordings of the family from the key on, and copies of such ones, kept in the old times.
 bool Redating::recorded(int family, uint32_t firstStream, std::vector<DB_STREAM>* rows) {
   std::vector<DB_STREAM> all;
   if (!tables_->streams(closedFrom(firstStream), &all)) return false;
@@ -137,6 +142,36 @@ bool Redating::eventsOf(const DB_STREAM& marked, int family, int64_t seconds) {
                      [&](const DB_EVENT& event) { return move(event, seconds); });
 }
 
+// The record that whoever began it did not come to write: the events are those that begin within
+// the times that the recordings have now.
+bool Redating::logWhole(const DB_STREAM& marked, int family, int64_t seconds) {
+  RedatingRecord record;
+  record.channel = channelOf(marked);
+  record.sound = (marked.frameSet & kFrameSetAudio) != 0;
+  record.firstStream = originalKey(marked);
+  record.lastStream = record.firstStream;
+  record.firstEvent = 1;
+  record.seconds = seconds;
+  std::vector<DB_STREAM> rows;
+  std::vector<DB_EVENT> events;
+  if (!recorded(family, record.firstStream, &rows)) return false;
+  uint32_t end = marked.endDate;
+  for (const DB_STREAM& row : rows) {
+    if ((row.status & kStatusRedated) == 0) continue;
+    ++record.moved;
+    record.lastStream = std::max(record.lastStream, originalKey(row));
+    end = std::max(end, row.endDate);
+  }
+  if (!tables_->events(eventsBetween(marked.startDate, end), &events)) return false;
+  if (!events.empty()) {
+    record.movedEvents = static_cast<uint32_t>(events.size());
+    record.firstEvent = events.front().eventID;
+    record.lastEvent = events.back().eventID;
+  }
+  record.log();
+  return true;
+}
+
 bool Redating::finishOne(const DB_STREAM& marked) {
   RecordingIndex index(marked);
   const int family = familyOf(marked);
@@ -151,7 +186,7 @@ bool Redating::finishOne(const DB_STREAM& marked) {
     return false;
   syslog(LOG_NOTICE, kMsgRedatingFinished, channelOf(marked), recordings_ + events_ - before,
          seconds);
-  return true;
+  return logWhole(marked, family, seconds);
 }
 
 bool Redating::finish(int family) {

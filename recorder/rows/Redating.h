@@ -51,6 +51,10 @@ class TARN_API Redating {
   // change was not taken.
   bool finish(int family);
 
+  // Closed recordings of the family from `firstStream` on and copies of such ones, in the order of
+  // what they show. False when the database could not be asked.
+  bool recorded(int family, uint32_t firstStream, std::vector<DB_STREAM>* rows);
+
   // What was changed, since this was made.
   uint32_t recordings() const { return recordings_; }
   uint32_t events() const { return events_; }
@@ -60,12 +64,12 @@ class TARN_API Redating {
 
   int channelOf(const DB_STREAM& row);
   int familyOf(const DB_STREAM& row);
-  bool recorded(int family, uint32_t firstStream, std::vector<DB_STREAM>* rows);
   bool rest(const DB_STREAM& marked, int family, int64_t seconds);
   bool move(const DB_STREAM& row, int64_t seconds, uint32_t mark);
   bool move(const DB_EVENT& row, int64_t seconds);
   bool unmark(DB_STREAM row);
   bool finishOne(const DB_STREAM& marked);
+  bool logWhole(const DB_STREAM& marked, int family, int64_t seconds);
   bool eventsOf(const DB_STREAM& marked, int family, int64_t seconds);
 
   RedatedTables* tables_;

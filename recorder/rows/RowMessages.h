@@ -10,6 +10,21 @@ inline constexpr char kMsgNoReserve[] =
 inline constexpr char kMsgReserveGivenUp[] =
     "the RAM disk is full: recording goes on with its reserve; make room in /tmp";  // LOG_ERR
 
+// What takes a re-dating back again: RedatingRecord reads it. LOG_NOTICE
+inline constexpr char kMsgRedated[] =
+    "RecordingSession: channel %d%s: re-dated %u of recordings %u to %u and %u of events %u to %u "
+    "by %" PRId64 " s";
+inline constexpr char kMsgRedatedSound[] = ", sound";  // behind the channel
+inline constexpr char kMsgTakenBack[] =                // LOG_NOTICE
+    "channel %d%s: taken back: %u of recordings %u to %u and %u of events %u to %u have the times "
+    "of the earlier clock again, %" PRId64 " s earlier";
+inline constexpr char kMsgTakingBackFinished[] =  // LOG_NOTICE
+    "the interrupted taking back of a re-dating is finished: %u more recordings and %u "
+    "events by %" PRId64 " s";
+inline constexpr char kMsgTakingBackUnknown[] =  // LOG_WARNING
+    "recording %u cannot be read: what was to be taken back with it keeps its time";
+inline constexpr char kMsgTakingBackDropped[] =  // LOG_NOTICE
+    "a re-dating that was to be taken back stands: the taking back was cut short before it began";
 inline constexpr char kMsgRedatingFinished[] =  // LOG_NOTICE
     "channel %d: a re-dating that was cut short is finished: %u more moved by %" PRId64 " s";
 inline constexpr char kMsgRedatingUnknown[] =  // LOG_WARNING

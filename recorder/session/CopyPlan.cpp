@@ -1,6 +1,7 @@
 #include "recorder/session/CopyPlan.h"
 
 #include <algorithm>
+#include <new>
 
 #include "db/RowStatus.h"
 
@@ -22,6 +23,7 @@ bool CopyPlan::open(const DB_STREAM& row) {
 void CopyPlan::rewind() {
   const int64_t first =
       sound_ ? reader_.findPictureFrom(from_) : reader_.findKeyPictureBefore(from_);
+  if (reader_.lackedMemory()) throw std::bad_alloc();
   const uint32_t last = reader_.pictureCount() == 0 ? 0 : reader_.pictureCount() - 1;
   index_ = first > 0 ? static_cast<uint32_t>(first) : 0;
   if (sound_) index_ = first < 0 ? last : index_ - std::min(index_, 1u);
@@ -70,6 +72,7 @@ bool CopyPlan::next(std::vector<PictureEntry>* piece) {
   for (; index_ < reader_.pictureCount(); ++index_) {
     PictureEntry entry;
     if (!reader_.picture(index_, &entry)) {
+      if (reader_.lackedMemory()) throw std::bad_alloc();
       ++missing_;
       waitForKey_ = true;
       continue;

@@ -29,7 +29,8 @@ class CopyPlan {
   void leaveOut(PictureTime first, PictureTime last) { kept_.push_back({first, last}); }
   // False while the recording runs and its last group may still grow.
   bool isOver();
-  // The next piece, in decode order; false when there is none.
+  // The next piece, in decode order; false when there is none. As all of these, throws
+  // std::bad_alloc: a picture that there was no memory to ask for is not one that is missing.
   bool next(std::vector<PictureEntry>* piece);
   // Begins again with the first piece.
   void rewind();

@@ -20,7 +20,7 @@ inline constexpr char kMsgKeeperNoSocket[] =
 inline constexpr char kMsgNotKept[] = "EventKeeper: event %u: %s";
 
 inline constexpr char kErrKeeperFull[] =
-    "as many requests to keep something wait already as are taken; ask again later";
+    "too many requests to keep something are waiting already; ask again later";
 inline constexpr char kErrKeepBusy[] = "another program keeps events on this card";
 inline constexpr char kErrKeepOtherProcess[] =
     "another process records on this machine and takes no requests to keep; let it keep, or stop "

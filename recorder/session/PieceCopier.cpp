@@ -6,6 +6,7 @@
 
 #include "base/Omission.h"
 #include "db/RowStatus.h"
+#include "recorder/card/NoThrow.h"
 #include "recorder/recording/KeptRow.h"
 #include "recorder/rows/FileLock.h"
 #include "recorder/session/AllocationLock.h"
@@ -103,6 +104,8 @@ KeepOutcome PieceCopier::copyPictures(CopyPlan* plan, const std::vector<PictureE
   for (PictureEntry entry : piece) {
     const bool skip = waitForKey && !plan->stands(entry);
     if (skip || !plan->reader().readPicture(entry, &bytes, true)) {
+      if (!skip && plan->reader().lackedMemory())
+        return fail(RecordingError::kNoMemory, kErrNoMemory);
       waitForKey = true;
       ++result_->missing;
       continue;

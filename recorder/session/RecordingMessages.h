@@ -14,9 +14,6 @@ inline constexpr char kMsgClockStepped[] =
     "RecordingSession: channel %d: the clock was set by %" PRId64 " us, a new recording begins";
 inline constexpr char kMsgClockKnown[] =
     "RecordingSession: channel %d: the clock became known and was set by %" PRId64 " us";
-inline constexpr char kMsgRedated[] =
-    "RecordingSession: channel %d: re-dated %u of recordings %u to %u and %u of events %u to %u by "
-    "%" PRId64 " s";
 inline constexpr char kMsgNoClockEra[] =
     "RecordingSession: /tmp/tarn-clock-eras cannot be written, nothing will be re-dated";
 inline constexpr char kMsgSpaceNoHeader[] =
@@ -38,6 +35,11 @@ inline constexpr char kErrKeptChannel[] =
     "channel 126 holds kept events and has no camera; record on another one";
 inline constexpr char kErrChannelBusy[] = "another session records this channel";
 inline constexpr char kErrChannelLock[] = "the channel's lock in /tmp cannot be taken";
+inline constexpr char kErrTakeBackOtherProcess[] =
+    "another process records on this machine; stop it before a re-dating is taken back";
+inline constexpr char kErrTakeBackBusy[] = "another program keeps events on this card";
+inline constexpr char kErrTakeBackNothing[] =
+    "no recording has the times of that re-dating: overwritten, or taken back already";
 inline constexpr char kErrOtherProcess[] =
     "another process records on this machine; all channels are recorded by one process";
 inline constexpr char kErrInsertLock[] = "the recording process's lock in /tmp cannot be taken";

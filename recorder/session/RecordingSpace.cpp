@@ -49,6 +49,12 @@ bool isShown(const DB_EVENT& event, const std::vector<DB_STREAM>& rows) {
                      [&](const DB_STREAM& row) { return showsAnyOf(row, period.from, period.to); });
 }
 
+// Refused also of a chunk that cannot be opened.
+Delivery headerOf(const DB_STREAM& row) {
+  StreamHeader header;
+  return RecordingIndex(row).header(&header);
+}
+
 }  // namespace
 
 bool RecordingSpace::fail(RecordingError error, const char* text) {
@@ -190,14 +196,35 @@ bool RecordingSpace::deleteCopy(const DB_STREAM& row, uint32_t now) {
   return save();
 }
 
+// A card that gives nothing of the chunk makes no room, however many of its recordings went: one
+// after the other would be deleted. A bad sector under one header refuses that one only; it goes in
+// its turn, and what lies behind it tells where the data in use begin.
+bool RecordingSpace::readHeader(const DB_STREAM& row, Delivery* header) {
+  *header = headerOf(row);
+  if (*header != Delivery::kRefused) return true;
+  DB_STREAM newest = {};
+  const RowQueries::Answer answer = newestInChunk(static_cast<int>(row.chunkID), &newest);
+  if (answer == RowQueries::Answer::kFailed) return false;
+  const bool refused = !RecordingIndex(row).isOpen() ||
+                       (newest.streamID != row.streamID && headerOf(newest) == Delivery::kRefused);
+  return !refused || fail(RecordingError::kCard, kErrOpenChunk);
+}
+
+// What the order of deleteRecording() is there for.
+void RecordingSpace::releaseTooEarly(const DB_STREAM& row, Delivery header) {
+  if (omitted("row-before-space")) static_cast<void>(releaseSpace(row, header) && save());
+}
+
 bool RecordingSpace::deleteRecording(const DB_STREAM& row, uint32_t now, int keepChunk) {
-  if (omitted("row-before-space")) static_cast<void>(releaseSpace(row) && save());
+  Delivery header = Delivery::kBad;
+  if (!readHeader(row, &header)) return false;
+  releaseTooEarly(row, header);
   if (!deleteRow(row.streamID)) return false;
   ++statistics_->recordingsDeleted;
   if (!deleteEventsBefore(now)) return false;
   // A chunk number that this card does not have is nobody's space.
   if (row.chunkID >= manager_->getNumChunk()) return true;
-  if (!releaseSpace(row)) return false;
+  if (!releaseSpace(row, header)) return false;
   const int chunk = static_cast<int>(row.chunkID);
   bool anyLeft = true;
   if (chunk != keepChunk && !chunkHasRows(chunk, &anyLeft)) return false;
@@ -205,10 +232,9 @@ bool RecordingSpace::deleteRecording(const DB_STREAM& row, uint32_t now, int kee
   return save();
 }
 
-bool RecordingSpace::releaseSpace(const DB_STREAM& row) {
+bool RecordingSpace::releaseSpace(const DB_STREAM& row, Delivery header) {
   const int chunk = static_cast<int>(row.chunkID);
-  StreamHeader header;
-  const bool whole = row.chunkSize != 0 && RecordingIndex(row).header(&header) == Delivery::kGood;
+  const bool whole = row.chunkSize != 0 && header == Delivery::kGood;
   if (whole && manager_->deleteData(asChunk(chunk), row.chunkOffset, row.chunkSize) >= 0)
     return true;
   syslog(LOG_WARNING, kMsgSpaceNoHeader, row.streamID, chunk);

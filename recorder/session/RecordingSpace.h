@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "db/DbRecords.h"
+#include "recorder/card/Source.h"
 #include "recorder/recording/RecordFormat.h"
 #include "recorder/rows/JournaledRows.h"
 #include "recorder/rows/RowQueries.h"
@@ -78,7 +79,9 @@ class RecordingSpace {
   RowQueries::Answer oldestDeletable(DB_STREAM* row);
   bool deleteEventsBefore(uint32_t now);
   bool deleteEvent(uint32_t eventID);
-  bool releaseSpace(const DB_STREAM& row);
+  bool readHeader(const DB_STREAM& row, Delivery* header);
+  void releaseTooEarly(const DB_STREAM& row, Delivery header);
+  bool releaseSpace(const DB_STREAM& row, Delivery header);
   bool moveUseToOldest(int chunk);
   bool emptyChunk(int chunk);
   bool giveBack(int chunk);

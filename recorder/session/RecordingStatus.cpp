@@ -71,7 +71,9 @@ std::string statusText(const RecordingStatus& status, int64_t nowMs) {
   return out.str();
 }
 
-bool readStatus(const std::string& text, int64_t nowMs, RecordingStatus* status) {
+namespace {
+
+bool parseStatus(const std::string& text, int64_t nowMs, RecordingStatus* status) {
   std::istringstream in(text);
   std::string mark, end;
   int version = 0;
@@ -91,8 +93,18 @@ bool readStatus(const std::string& text, int64_t nowMs, RecordingStatus* status)
   return in && end == "end" && toldMs <= nowMs && nowMs - toldMs <= kOldMs;
 }
 
+}  // namespace
+
+bool readStatus(const std::string& text, int64_t nowMs, RecordingStatus* status) {
+  return orNoMemory(
+      "RecordingStatus", [&] { return parseStatus(text, nowMs, status); }, [] { return false; });
+}
+
+// Without memory of its own: a destructor has nobody to tell that there is none.
 StatusTeller::~StatusTeller() {
-  if (toldMs_ >= 0) unlink(pathOf(kName, getpid()).c_str());
+  char path[64];
+  snprintf(path, sizeof path, "%s/%s%d", kFolder, kName, static_cast<int>(getpid()));
+  if (toldMs_ >= 0) unlink(path);
 }
 
 void StatusTeller::tell(uint32_t failed) {

@@ -361,6 +361,14 @@ TEST(CardFormatterTest, AFlushThatFailsFailsTheFormat) {
   }
 }
 
+TEST(CardFormatterTest, AFlushThatASignalInterruptsIsMadeAgain) {
+  IoFaults faults(kCard);
+  for (int n = 1; n <= 8; n += 2) faults.fail(Call::Fsync, n, EINTR);
+  std::string error;
+  EXPECT_EQ(tryFormat(smallCard(), {}, &error), 0) << error;
+  EXPECT_GE(faults.count(Call::Fsync), 8u);
+}
+
 TEST(CardFormatterTest, ShortAndInterruptedWritesAreContinued) {
   FormatOptions options;
   options.invariant = true;

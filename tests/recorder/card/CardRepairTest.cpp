@@ -1,6 +1,7 @@
 #include "recorder/CheckRig.h"
 #include "recorder/card/CardGeometry.h"
 #include "recorder/card/CardRepair.h"
+#include "support/IoFaults.h"
 
 namespace {
 
@@ -259,6 +260,17 @@ TEST_F(CardRepairTest, WhatNothingConfirmsIsLeftAlone) {
   const Bytes damaged = wholeCard();
   EXPECT_THAT(mend(), HasSubstr("damaged in more places than its second copies can mend"));
   EXPECT_TRUE(wholeCard() == damaged);
+}
+
+TEST_F(CardRepairTest, FlushesThatSignalsInterruptAreMadeAgain) {
+  flip(infoByte() + 100);
+  IoFaults card(kCardPath);
+  IoFaults undo(kUndo);
+  for (IoFaults* each : {&card, &undo}) each->fail(Call::Fsync, 1, EINTR, 2);
+  EXPECT_THAT(mend(), HasSubstr("info file"));
+  EXPECT_TRUE(head() == before_);
+  EXPECT_GE(card.count(Call::Fsync), 3u);
+  EXPECT_EQ(undo.count(Call::Fsync), 3u);
 }
 
 TEST_F(CardRepairTest, AnUndoFileIsUsedOnTheCardThatItCameFromAndOnlyWhole) {

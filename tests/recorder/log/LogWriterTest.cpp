@@ -351,6 +351,33 @@ TEST_F(LogWriterTest, AWriteThatFailsIsTold) {
                "file");
 }
 
+// Whichever write of a flush it is and however much of it got there.
+TEST_F(LogWriterTest, AWriteThatIsDoneInPartLeavesTheTextAsItWas) {
+  for (const size_t length : {size_t{30}, size_t{900}}) {
+    for (const uint64_t bytes : {1U, 10U, 19U, 40U, 600U}) {
+      SCOPED_TRACE(std::to_string(length) + ", of which " + std::to_string(bytes));
+      for (int write = 1; write <= 2; ++write) {
+        unlink("/tmp/sd_err_mem_write");
+        card_.initManagement();
+        startServer();
+        LogWriter writer;
+        ASSERT_EQ(writer.open(), 0);
+        ASSERT_EQ(add(&writer, "there"), 0);
+        ASSERT_EQ(writer.flush(), 0);
+        ASSERT_EQ(add(&writer, std::string(length, 'n')), 0);
+        ASSERT_EQ(add(&writer, "and more"), 0);
+        IoFaults faults(tarn_test::kCardPath);
+        faults.shorten(Call::Write, write, bytes);
+        const int flushed = writer.flush();
+        const LogEnd end = recovered();
+        if (flushed == 0) continue;  // more than it was, or one write only
+        EXPECT_THAT(lines(end), ElementsAre("there"));
+        EXPECT_EQ(text(0, end.free, tarn::kLogMarkBytes), tarn::kLogMark);
+      }
+    }
+  }
+}
+
 class LogWriterBigChunks : public LogWriterTest {
  protected:
   static tarn_test::CardLayout bigLog() {

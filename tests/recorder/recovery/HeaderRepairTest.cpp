@@ -2,6 +2,7 @@
 
 #include "manager/ManageFormat.h"
 #include "recorder/RecoveryRig.h"
+#include "recorder/check/CardCheck.h"
 #include "recorder/recovery/HeaderRepair.h"
 #include "recorder/recovery/ManageFileRepair.h"
 
@@ -180,6 +181,33 @@ TEST_F(HeaderRepairTest, ARecordingWhoseRoomAnotherOneHasIsDeleted) {
   ASSERT_TRUE(report.ok()) << report.error;
   EXPECT_EQ(report.count(Kind::kRecordingDeleted), 1u);
   EXPECT_THAT(keysOf(allStreams()), ElementsAre(2u, 3u));
+}
+
+// The chunk was full in the middle of a group of pictures.
+TEST(RecoveryWithoutAKeyPicture, ClosesARowOfNoGroupAndTheCheckIsClean) {
+  RecoveryRig rig;
+  tarn::RecordingOptions options;
+  options.segmentSeconds = 0;
+  Bytes cut;
+  {
+    tarn::RecordingSession session;
+    ASSERT_TRUE(openSession(session, options));
+    ASSERT_TRUE(writePictures(session, 0, 400, 800, 100000));  // one key picture only
+    cut = rig.cardBytes();
+  }
+  rig.powerOff(cut);
+  const tarn::RecoveryReport report = rig.boot();
+  ASSERT_TRUE(report.ok()) << report.error;
+  const std::vector<DB_STREAM> rows = allStreams();
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_GT(rows[1].recSize, 1u);
+  EXPECT_EQ(rig.headerOf(rows[1]).gops, 0u);
+  tarn::CardCheck check;
+  std::string error;
+  ASSERT_EQ(check.run(kCardPath, {}, &error), 0) << error;
+  // The rig's card has no file system to speak of.
+  for (const tarn::CardFinding& finding : check.findings().list())
+    EXPECT_EQ(finding.streamID + finding.eventID, 0u) << finding.text;
 }
 
 }  // namespace

@@ -166,6 +166,31 @@ TEST_F(RecoveryFuseTest, ManagementDataIsNotMadeAnewWhileTheJournalsHoldNothing)
   EXPECT_THAT(channels(), ElementsAre(-1, -1, -1));
 }
 
+// The card refuses just what would tell that recordings are there.
+TEST_F(RecoveryFuseTest, RefusedEntriesFreeNoChunk) {
+  recordThreeChannels();
+  const Bytes good = rig.cardBytes();
+  for (const bool management : {true, false}) {
+    rig.setCard(good);
+    fillJournals(0xFF);
+    if (!management) {
+      rig.spoilManage(tarn::kFileStreamManage, 0);
+      rig.spoilManage(tarn::kFileStreamManage, 1);
+    }
+    IoFaults faults(kCardPath);
+    for (const uint32_t chunk : used) {
+      faults.failAt(Call::Read, rig.card.chunkStart(tarn::kFilePicture, static_cast<int>(chunk)),
+                    4096, EIO);
+    }
+    RecoveryReport report = boot(FusePolicy::kStop);
+    EXPECT_THAT(report.error, HasSubstr("or what is there cannot be read; none of it was done"))
+        << management;
+    report = boot(FusePolicy::kGuard);
+    ASSERT_TRUE(report.ok()) << report.error;
+    EXPECT_EQ(report.guarded, used) << management;
+  }
+}
+
 // What was deleted in order has a record that says so.
 TEST_F(RecoveryFuseTest, RecordingsThatWereDeletedDoNotBlowIt) {
   for (uint32_t channel = 0; channel < kUsed; ++channel) {

@@ -1,8 +1,15 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+
 #include "dblog/JournalFormat.h"
 #include "dblog/JournalRig.h"
 #include "recorder/recovery/JournalSurvey.h"
 #include "recorder/recovery/StartUp.h"
+#include "recorder/rows/DatabaseGate.h"
 #include "recorder/rows/JournalGuard.h"
+#include "support/Shortcuts.h"
 
 namespace tarn_test {
 namespace {
@@ -125,6 +132,29 @@ TEST_F(StartUpTest, WithoutADatabaseNothingElseIsDone) {
   EXPECT_EQ(report.error, "the empty database could not be set up");
   EXPECT_EQ(faults.sequence(), "") << "the card is not touched";
   EXPECT_TRUE(log.has(LOG_ERR, "start-up: the empty database could not be set up"));
+}
+
+// As a shell tells of a program that it became and that was killed.
+int dieWithTheDatabaseLocked() {
+  const pid_t process = fork();
+  if (process == 0) _exit(CApiDb().lockSem() == 0 ? 0 : 1);
+  waitpid(process, nullptr, 0);
+  return SIGKILL;
+}
+
+TEST_F(StartUpTest, ASetUpThatIsKilledWithTheDatabaseLockedIsNotWaitedFor) {
+  g_setUpInstead = dieWithTheDatabaseLocked;
+  const IoFaults faults(kCardPath);
+  const StartUpReport report = StartUp().run();
+  EXPECT_EQ(report.failed, StartUpReport::kEmptyDatabase);
+  EXPECT_EQ(
+      report.error.rfind("the empty database could not be set up: it is locked by process ", 0), 0u)
+      << report.error;
+  EXPECT_NE(report.error.find(", which is gone"), std::string::npos);
+  EXPECT_EQ(faults.sequence(), "") << "the card is not touched";
+  g_setUpInstead = nullptr;
+  EXPECT_TRUE(tarn::DatabaseGate::releaseDead());
+  EXPECT_TRUE(StartUp().run().ok());
 }
 
 TEST_F(StartUpTest, AfterAFailedReplayNoOffsetIsMoved) {

@@ -185,9 +185,10 @@ TEST(EventKeeper, RefusesWhatItHasNoPlaceFor) {
   SyslogCapture log;
   EXPECT_EQ(keeper.keepEvent(5000), -1);
   EXPECT_EQ(keeper.keepEvent(1), 0) << "the same again takes no place";
-  EXPECT_TRUE(log.has(LOG_WARNING,
-                      "EventKeeper: event 5000: as many requests to keep something wait already as "
-                      "are taken; ask again later"));
+  EXPECT_TRUE(
+      log.has(LOG_WARNING,
+              "EventKeeper: event 5000: too many requests to keep something are waiting already; "
+              "ask again later"));
   KeepClient client;
   KeepRequest request;
   KeepAnswer answer;

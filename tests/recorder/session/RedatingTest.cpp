@@ -4,108 +4,18 @@
 #include <cstring>
 
 #include "db/DbRecordFormat.h"
-#include "db/RowStatus.h"
-#include "recorder/CheckRig.h"
 #include "recorder/recording/KeptRow.h"
-#include "recorder/recovery/Recovery.h"
 #include "recorder/rows/ClockEras.h"
 #include "recorder/rows/JournaledRows.h"
-#include "recorder/rows/RowQueries.h"
-#include "recorder/session/KeptCopies.h"
 #include "recorder/session/KeptMessages.h"
+#include "recorder/session/RedatingRig.h"
 
 namespace tarn_test {
 namespace {
 
-using tarn::PictureTime;
-using tarn::RecordingSession;
+using RedatingTest = RedatingRig;
 
-constexpr int64_t kSecond = 1000000;
-constexpr int64_t kBoot = 40;          // a clock without a battery at the first picture
-constexpr int64_t kStep = 1700000000;  // what it is wrong by, in seconds
-
-PictureTime at(int64_t base, uint32_t number) {
-  return PictureTime::fromMicros(base * kSecond + int64_t{number} * (kSecond / kRate) + 120000);
-}
-
-void recordPictures(RecordingSession& session, int64_t base, uint32_t from, uint32_t to) {
-  for (uint32_t i = from; i < to; ++i) {
-    const Bytes bytes = pictureBytes(i, 700);
-    ASSERT_EQ(0, session.writePicture(bytes.data(), bytes.size(), at(base, i), 0, isKey(i)))
-        << session.errorText();
-  }
-}
-
-tarn::RecordingOptions options(int8_t channel, uint32_t segmentSeconds = 2) {
-  tarn::RecordingOptions options;
-  options.channel = channel;
-  options.segmentSeconds = segmentSeconds;
-  return options;
-}
-
-// Every picture of a row has the time of `base`, to the microsecond.
-void expectTimes(const DB_STREAM& row, int64_t base, uint32_t first) {
-  EXPECT_EQ(at(base, first).seconds, row.startDate);
-  EXPECT_EQ(at(base, first).milliseconds(), row.startMSec);
-  tarn::RecordingReader reader;
-  ASSERT_EQ(0, reader.open(row));
-  ASSERT_EQ(row.recSize, reader.pictureCount());
-  tarn::PictureEntry entry;
-  Bytes bytes;
-  for (uint32_t i = 0; i < row.recSize; ++i) {
-    ASSERT_TRUE(reader.picture(i, &entry)) << i;
-    EXPECT_EQ(at(base, first + i), entry.presentation) << i;
-    ASSERT_TRUE(reader.readPicture(entry, &bytes));
-    EXPECT_EQ(pictureBytes(first + i, 700), bytes);
-  }
-  EXPECT_EQ(at(base, first + row.recSize - 1).seconds, row.endDate);
-  EXPECT_EQ(0, reader.findKeyPictureBefore(at(base, first)));
-  EXPECT_EQ(static_cast<int64_t>(row.recSize) - 1,
-            reader.findPictureFrom(at(base, first + row.recSize - 1)));
-}
-
-class Redating : public CheckRig {
- protected:
-  void SetUp() override {
-    format();
-    startServer();
-  }
-  void expectNoFindings() {
-    stopServer();
-    EXPECT_EQ(0u, findings().total()) << texts();
-  }
-  // As a start after a power loss.
-  void restart() {
-    stopServer();
-    unlink("/tmp/DB.dat");
-    const tarn::RecoveryReport report = tarn::Recovery().run();
-    EXPECT_TRUE(report.ok()) << report.error;
-  }
-  // Three recordings and an event, which are re-dated.
-  void recordAndRedate() {
-    RecordingSession session;
-    ASSERT_EQ(0, session.open(options(0)));
-    recordPictures(session, kBoot, 0, 150);
-    const uint32_t event = session.beginEvent(7, at(kBoot, 60), 1);
-    ASSERT_EQ(0, session.endEvent(event, at(kBoot, 90)));
-    ASSERT_EQ(0, session.clockBecameKnown(kStep * kSecond));
-    ASSERT_EQ(0, session.close());
-  }
-  void expectAllRedated() {
-    const std::vector<DB_STREAM> rows = allStreams();
-    ASSERT_EQ(3u, rows.size());
-    for (size_t i = 0; i < 3; ++i) {
-      expectTimes(rows[i], kBoot + kStep, static_cast<uint32_t>(i) * 50);
-      EXPECT_EQ(tarn::kStatusRedated,
-                rows[i].status & (tarn::kStatusRedated | tarn::kStatusRedating));
-    }
-    ASSERT_EQ(1u, allEvents().size());
-    EXPECT_EQ(at(kBoot + kStep, 60).seconds, allEvents()[0].startDate);
-    EXPECT_EQ(at(kBoot + kStep, 90).seconds, allEvents()[0].endDate);
-  }
-};
-
-TEST_F(Redating, RecordingsAndEventsOfThisStartGetTheirTimesWhenTheClockBecomesKnown) {
+TEST_F(RedatingTest, RecordingsAndEventsOfThisStartGetTheirTimesWhenTheClockBecomesKnown) {
   RecordingSession session;
   ASSERT_EQ(0, session.open(options(0)));
   recordPictures(session, kBoot, 0, 110);  // rows of 50, 50 and 10
@@ -136,7 +46,7 @@ TEST_F(Redating, RecordingsAndEventsOfThisStartGetTheirTimesWhenTheClockBecomesK
   expectNoFindings();
 }
 
-TEST_F(Redating, ACopyThatIsKeptLaterHasTheTimesOfTheRowAndNoFinding) {
+TEST_F(RedatingTest, ACopyThatIsKeptLaterHasTheTimesOfTheRowAndNoFinding) {
   recordAndRedate();
   tarn::KeptCopies kept;
   ASSERT_EQ(0, kept.open({})) << kept.errorText();
@@ -156,7 +66,7 @@ TEST_F(Redating, ACopyThatIsKeptLaterHasTheTimesOfTheRowAndNoFinding) {
   expectNoFindings();
 }
 
-TEST_F(Redating, WhatAnEarlierStartRecordedKeepsItsTime) {
+TEST_F(RedatingTest, WhatAnEarlierStartRecordedKeepsItsTime) {
   {
     RecordingSession before;
     ASSERT_EQ(0, before.open(options(0)));
@@ -175,7 +85,7 @@ TEST_F(Redating, WhatAnEarlierStartRecordedKeepsItsTime) {
   expectTimes(rows[1], kBoot + kStep, 50);
 }
 
-TEST_F(Redating, ProcessThatWasStartedAgainRedatesWhatTheFirstOneRecorded) {
+TEST_F(RedatingTest, ProcessThatWasStartedAgainRedatesWhatTheFirstOneRecorded) {
   {
     RecordingSession before;
     ASSERT_EQ(0, before.open(options(0)));
@@ -194,77 +104,7 @@ TEST_F(Redating, ProcessThatWasStartedAgainRedatesWhatTheFirstOneRecorded) {
   EXPECT_EQ(at(kBoot + kStep, 10).seconds, allEvents()[0].startDate);
 }
 
-// The log's line says all that it takes: the channel, the keys and the seconds.
-TEST_F(Redating, TheLogsRecordOfItTakesItBack) {
-  std::vector<DB_STREAM> rows;
-  std::vector<DB_EVENT> events;
-  {
-    RecordingSession session;
-    RecordingSession other;
-    ASSERT_EQ(0, session.open(options(0)));
-    ASSERT_EQ(0, other.open(options(1)));
-    recordPictures(session, kBoot, 0, 100);
-    recordPictures(other, kBoot, 0, 50);
-    const uint32_t event = session.beginEvent(7, at(kBoot, 60), 1);
-    ASSERT_EQ(0, session.endEvent(event, at(kBoot, 90)));
-    ASSERT_EQ(0, session.clockStepped(1));  // what is closed now is what is moved then
-    ASSERT_EQ(0, session.close());
-    ASSERT_EQ(0, other.close());
-  }
-  rows = allStreams();
-  events = allEvents();
-  tarn::ClockEras::forget();
-  tarn::ClockEras::enter(0, {1, 1});
-  {
-    RecordingSession session;
-    ASSERT_EQ(0, session.open(options(0)));
-    ASSERT_EQ(0, session.clockBecameKnown(kStep * kSecond));
-    ASSERT_EQ(0, session.close());
-  }
-  int channel = -1;
-  unsigned first = 0, last = 0, firstEvent = 0, lastEvent = 0, moved = 0, movedEvents = 0;
-  long long seconds = 0;
-  for (const LogLine& line : log_.lines())
-    sscanf(
-        line.text.c_str(),
-        "RecordingSession: channel %d: re-dated %u of recordings %u to %u and %u of events %u to "
-        "%u by %lld s",
-        &channel, &moved, &first, &last, &movedEvents, &firstEvent, &lastEvent, &seconds);
-  EXPECT_EQ(kStep, seconds);
-  CApiDb db;
-  tarn::JournaledRows changes(&db);
-  for (const DB_STREAM& row : allStreams()) {
-    const bool ofChannel = row.chunkID == rows[0].chunkID && channel == 0;
-    if (row.streamID < first || row.streamID > last || !ofChannel) continue;
-    DB_STREAM back = row;
-    back.startDate -= static_cast<uint32_t>(seconds);
-    back.endDate -= static_cast<uint32_t>(seconds);
-    back.status &= ~tarn::kStatusRedated;
-    ASSERT_EQ(
-        tarn::JournaledRows::Outcome::kDone,
-        changes.update(kStreamRegStatus | kStreamRegStartDate | kStreamRegEndDate, row, back));
-    --moved;
-  }
-  for (const DB_EVENT& event : allEvents()) {
-    if (event.eventID < firstEvent || event.eventID > lastEvent) continue;
-    DB_EVENT back = event;
-    back.startDate -= static_cast<uint32_t>(seconds);
-    back.endDate -= static_cast<uint32_t>(seconds);
-    ASSERT_EQ(tarn::JournaledRows::Outcome::kDone,
-              changes.update(kEventRegStartDate | kEventRegEndDate, event, back));
-    --movedEvents;
-  }
-  EXPECT_EQ(0u, moved);
-  EXPECT_EQ(0u, movedEvents);
-  restart();
-  ASSERT_EQ(rows.size(), allStreams().size());
-  for (size_t i = 0; i < rows.size(); ++i)
-    EXPECT_EQ(0, memcmp(&rows[i], &allStreams()[i], sizeof rows[i])) << i;
-  EXPECT_EQ(0, memcmp(events.data(), allEvents().data(), events.size() * sizeof events[0]));
-  EXPECT_EQ(0u, findings().total()) << texts();
-}
-
-TEST_F(Redating, ClockThatIsKnownAlreadyAndIsSetMovesNothing) {
+TEST_F(RedatingTest, ClockThatIsKnownAlreadyAndIsSetMovesNothing) {
   RecordingSession session;
   ASSERT_EQ(0, session.open(options(0)));
   recordPictures(session, kBoot, 0, 50);
@@ -279,7 +119,7 @@ TEST_F(Redating, ClockThatIsKnownAlreadyAndIsSetMovesNothing) {
   expectTimes(rows[1], kBoot + kStep + 3600, 50);
 }
 
-TEST_F(Redating, EachChannelMovesItsOwnRecordingsAndEachEventOnce) {
+TEST_F(RedatingTest, EachChannelMovesItsOwnRecordingsAndEachEventOnce) {
   RecordingSession first;
   RecordingSession second;
   ASSERT_EQ(0, first.open(options(0)));
@@ -303,7 +143,7 @@ TEST_F(Redating, EachChannelMovesItsOwnRecordingsAndEachEventOnce) {
   expectNoFindings();
 }
 
-TEST_F(Redating, HeaderTellsTheCorrectionWhereTheFirstEntryIsDamaged) {
+TEST_F(RedatingTest, HeaderTellsTheCorrectionWhereTheFirstEntryIsDamaged) {
   RecordingSession session;
   ASSERT_EQ(0, session.open(options(0)));
   recordPictures(session, kBoot, 0, 50);
@@ -321,7 +161,7 @@ TEST_F(Redating, HeaderTellsTheCorrectionWhereTheFirstEntryIsDamaged) {
   }
 }
 
-TEST_F(Redating, RecoveryLeavesRedatedRecordingsAsTheyAre) {
+TEST_F(RedatingTest, RecoveryLeavesRedatedRecordingsAsTheyAre) {
   recordAndRedate();
   const Bytes before = wholeCard();
   for (int start = 0; start < 2; ++start) {
@@ -332,7 +172,7 @@ TEST_F(Redating, RecoveryLeavesRedatedRecordingsAsTheyAre) {
   expectNoFindings();
 }
 
-TEST_F(Redating, RecoveryMakesTheHeaderOfARedatedRecordingByItsEntriesClock) {
+TEST_F(RedatingTest, RecoveryMakesTheHeaderOfARedatedRecordingByItsEntriesClock) {
   recordAndRedate();
   const DB_STREAM row = allStreams().at(0);
   write(entryByte(row, 0) - tarn::kRecordSize, Bytes(tarn::kRecordSize, 0xFF));
@@ -344,27 +184,7 @@ TEST_F(Redating, RecoveryMakesTheHeaderOfARedatedRecordingByItsEntriesClock) {
   expectNoFindings();
 }
 
-// Keeps pictures `from` to `to` of channel 0, by the times of `base`.
-uint32_t keep(tarn::KeptCopies* kept, int64_t base, uint32_t from, uint32_t to) {
-  tarn::KeepWanted wanted;
-  wanted.from = at(base, from);
-  wanted.to = at(base, to);
-  wanted.asItIs = true;
-  tarn::KeepResult result;
-  EXPECT_EQ(tarn::KeepOutcome::kDone, kept->keep(wanted, nullptr, &result)) << kept->errorText();
-  return result.copies;
-}
-
-std::vector<DB_STREAM> copies() {
-  CApiDb db;
-  tarn::RowQueries queries(&db, nullptr);
-  std::vector<DB_STREAM> rows;
-  EXPECT_TRUE(queries.streams(
-      "SELECT * FROM STREAM WHERE " TARN_SQL_KEPT_WHOLE " ORDER BY streamID", &rows));
-  return rows;
-}
-
-TEST_F(Redating, CopiesThatWereKeptBeforeGoAlongWithTheirRecordings) {
+TEST_F(RedatingTest, CopiesThatWereKeptBeforeGoAlongWithTheirRecordings) {
   {
     RecordingSession before;
     ASSERT_EQ(0, before.open(options(0)));
@@ -393,7 +213,7 @@ TEST_F(Redating, CopiesThatWereKeptBeforeGoAlongWithTheirRecordings) {
   EXPECT_EQ(0u, findings().total()) << texts();
 }
 
-TEST_F(Redating, CopyThatIsBeingMadeMeanwhileIsMadeAgainWithTheRightTimes) {
+TEST_F(RedatingTest, CopyThatIsBeingMadeMeanwhileIsMadeAgainWithTheRightTimes) {
   RecordingSession session;
   ASSERT_EQ(0, session.open(options(0)));
   recordPictures(session, kBoot, 0, 110);
@@ -419,7 +239,7 @@ TEST_F(Redating, CopyThatIsBeingMadeMeanwhileIsMadeAgainWithTheRightTimes) {
 }
 
 // A copy whose recording has been overwritten is the first to be moved, and the one with the mark.
-TEST_F(Redating, CopiesThatPowerLeftInTheOldTimesAreMovedByTheNextStart) {
+TEST_F(RedatingTest, CopiesThatPowerLeftInTheOldTimesAreMovedByTheNextStart) {
   {
     RecordingSession session;
     ASSERT_EQ(0, session.open(options(0)));
@@ -451,7 +271,7 @@ TEST_F(Redating, CopiesThatPowerLeftInTheOldTimesAreMovedByTheNextStart) {
 
 // The order of the changes: the first recording with the mark, the event, the other recordings, the
 // mark goes. Power may go behind each of them.
-TEST_F(Redating, PowerThatGoesInTheMiddleLeavesTheRestToTheNextStart) {
+TEST_F(RedatingTest, PowerThatGoesInTheMiddleLeavesTheRestToTheNextStart) {
   recordAndRedate();
   const std::vector<DB_STREAM> rows = allStreams();
   ASSERT_EQ(3u, rows.size());
@@ -480,7 +300,7 @@ TEST_F(Redating, PowerThatGoesInTheMiddleLeavesTheRestToTheNextStart) {
   }
 }
 
-TEST_F(Redating, ProcessThatWasKilledInTheMiddleLeavesTheRestToTheNextSession) {
+TEST_F(RedatingTest, ProcessThatWasKilledInTheMiddleLeavesTheRestToTheNextSession) {
   recordAndRedate();
   {
     CApiDb db;
