@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/FileSync.h"
 #include "base/UniqueFd.h"
 #include "media/FragmentedOutput.h"
 #include "media/MovieOutput.h"
@@ -94,7 +95,7 @@ bool MediaOutput::finish() {
   if (!complete()) return false;
   if (partPath_.empty()) return true;
   const UniqueFd file(::open(partPath_.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.valid() || ::fsync(file.get()) != 0 ||
+  if (!file.valid() || syncFile(file.get()) != 0 ||
       ::rename(partPath_.c_str(), path_.c_str()) != 0) {
     error_ = "cannot complete " + path_ + ": " + strerror(errno);
     return false;

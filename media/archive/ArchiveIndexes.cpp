@@ -1,5 +1,6 @@
 #include "media/archive/ArchiveIndexes.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "media/archive/ArchiveNames.h"
@@ -52,10 +53,17 @@ bool ArchiveIndexes::addSidecars(const std::string& day, DayIndex* index) {
   return true;
 }
 
+// Whether each byte of a recording was read, and found good, when its clip was made.
+bool ArchiveIndexes::wasReadWhole(const ArchiveLine& line) const {
+  return fresh_.count(line.object) != 0 && line.parts == 0 &&
+         line.damaged + line.missing + line.undecodable == 0;
+}
+
 // What an index says beside the sidecars of the recordings that are new to it. A card is recorded
 // on while this runs: what is wrong with a recording that has gone meanwhile is no finding of it.
 bool ArchiveIndexes::addStories(const ArchivePlan& plan, const StopAsked& stopAsked) {
   std::vector<DB_STREAM> rows;
+  std::vector<DB_STREAM> proven;
   std::map<uint32_t, DayIndex*> indexOfKey;
   for (const ArchiveLine& clip : plan.clips()) {
     DayIndex* index = nullptr;
@@ -71,13 +79,34 @@ bool ArchiveIndexes::addStories(const ArchivePlan& plan, const StopAsked& stopAs
       if (!of(folderOfDay(recorder_, gap.startMs), &ofGap)) return false;
       ofGap->add(gap);
     }
-    rows.push_back(*row);
+    (wasReadWhole(*index->find(clip.object)) ? proven : rows).push_back(*row);
     indexOfKey[clip.key] = index;
   }
   std::vector<ArchiveLine> findings;
-  if (!rows.empty() && !plan.story().findings(rows, plan.events(), stopAsked, &findings, &error_))
+  const CardStory& story = plan.story();
+  if (!rows.empty() && !story.findings(rows, plan.events(), true, stopAsked, &findings, &error_))
+    return false;
+  if (!proven.empty() &&
+      !story.findings(proven, plan.events(), false, stopAsked, &findings, &error_))
     return false;
   for (const ArchiveLine& one : findings) indexOfKey[one.key]->add(one);
+  return (rows.empty() && proven.empty()) || addCardStory(plan);
+}
+
+// Of the card as it is now; in the index of the newest day of which it has a recording, so that it
+// stands there whenever it is archived.
+bool ArchiveIndexes::addCardStory(const ArchivePlan& plan) {
+  constexpr int64_t kDayMs = 86400000;
+  int64_t newestMs = 0;
+  for (const ArchiveLine& clip : plan.clips()) {
+    if (clip.kind == "recording") newestMs = std::max(newestMs, clip.startMs);
+  }
+  DayIndex* index = nullptr;
+  std::vector<ArchiveLine> findings;
+  if (!of(folderOfDay(recorder_, newestMs), &index)) return false;
+  if (!plan.story().cardFindings(newestMs - newestMs % kDayMs, &findings, &error_)) return false;
+  index->forgetCard();
+  for (const ArchiveLine& one : findings) index->add(one);
   return true;
 }
 

@@ -38,6 +38,8 @@ class ArchiveIndexes {
   bool fail(const std::string& text);
   bool addSidecars(const std::string& day, DayIndex* index);
   bool addStories(const ArchivePlan& plan, const StopAsked& stopAsked);
+  bool wasReadWhole(const ArchiveLine& line) const;
+  bool addCardStory(const ArchivePlan& plan);
 
   ArchiveStore* store_;
   const std::string recorder_;

@@ -1,8 +1,11 @@
 #include "media/archive/ArchiveLine.h"
 
+#include <algorithm>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <tuple>
 
+#include "media/archive/ArchiveNames.h"
 #include "recorder/card/TimeText.h"
 
 namespace tarn {
@@ -28,6 +31,8 @@ std::string textIn(const Json& json, const char* name) {
 void addObject(Json* json, const ArchiveLine& line) {
   (*json)["media"] = line.media;
   (*json)["object"] = line.object;
+  if (line.part != 0) (*json)["part"] = line.part;
+  if (line.parts != 0) (*json)["parts"] = line.parts;
   if (line.firstUs != 0) (*json)["firstUs"] = line.firstUs;
   (*json)["bytes"] = line.bytes;
   (*json)["sha256"] = line.hashes.sha256;
@@ -52,6 +57,8 @@ void addText(Json* json, const char* name, const std::string& text) {
 void takeObject(const Json& json, ArchiveLine* line) {
   line->media = textIn(json, "media");
   line->object = textIn(json, "object");
+  line->part = static_cast<uint32_t>(numberIn(json, "part"));
+  line->parts = static_cast<uint32_t>(numberIn(json, "parts"));
   line->firstUs = static_cast<int64_t>(numberIn(json, "firstUs"));
   line->bytes = numberIn(json, "bytes");
   line->hashes = {textIn(json, "md5"), textIn(json, "sha1"), textIn(json, "sha256")};
@@ -63,6 +70,24 @@ void takeObject(const Json& json, ArchiveLine* line) {
   line->soundLeftOut = numberIn(json, "soundLeftOut");
   line->sealed = json.find("sealed") != json.end();
   line->contentSha256 = textIn(json, "contentSha256");
+}
+
+bool isTime(int64_t value, int64_t ofSecond) {
+  constexpr int64_t kSeconds = int64_t{UINT32_MAX} + 1;
+  return value >= 0 && value < kSeconds * ofSecond;
+}
+
+// Whoever reads a line reckons with its numbers: they are those that a card can have.
+bool isPossible(const ArchiveLine& line) {
+  constexpr uint64_t kMostBytes = uint64_t{1} << 50;
+  const uint64_t counts[] = {line.bytes,   line.pictures,    line.soundFrames, line.damaged,
+                             line.missing, line.undecodable, line.soundLeftOut};
+  return line.channel <= INT8_MAX && isTime(line.startMs, 1000) && isTime(line.endMs, 1000) &&
+         isTime(line.firstUs, 1000000) && line.trigger <= UINT16_MAX &&
+         line.preSeconds <= UINT16_MAX && line.pictures <= std::max(line.bytes, uint64_t{1}) &&
+         std::all_of(std::begin(counts), std::end(counts),
+                     [](uint64_t count) { return count <= kMostBytes; }) &&
+         (line.object.empty() || isClipName(line));
 }
 
 }  // namespace
@@ -106,7 +131,7 @@ bool ArchiveLine::parse(const std::string& text, ArchiveLine* line) {
   line->meaning = textIn(json, "meaning");
   takeObject(json, line);
   // A byte that turned over in it does not leave the line that it was.
-  return line->text() == text;
+  return isPossible(*line) && line->text() == text;
 }
 
 std::string ArchiveLine::identity() const {

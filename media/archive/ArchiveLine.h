@@ -25,7 +25,9 @@ struct TARN_API ArchiveLine {
   uint32_t preSeconds = 0;  // of an event
   std::string media;        // "video" or "sound"
   std::string object;       // its name; "" without one
-  int64_t firstUs = 0;      // when its first picture, or frame, begins, since 1970; 0: not told
+  uint32_t part = 0;    // of a clip in parts, each of one format: which one, from 2; of the first 0
+  uint32_t parts = 0;   // of the first: how many there are; of a clip that is a whole 0
+  int64_t firstUs = 0;  // when its first picture, or frame, begins, since 1970; 0: not told
   uint64_t bytes = 0;
   ContentHashes hashes;
   uint64_t pictures = 0;
@@ -44,7 +46,8 @@ struct TARN_API ArchiveLine {
 
   // One line of JSON, without its end.
   std::string text() const;
-  // False for what is no such line.
+  // False for what is no such line, and where a number is one that no card can have, or the object
+  // in another place than the folder of its recorder and day.
   static bool parse(const std::string& text, ArchiveLine* line);
   // The same for whatever is the same recording, event on a channel, or gap.
   std::string identity() const;

@@ -35,9 +35,28 @@ std::string clipName(const ArchiveLine& line, bool quickTime) {
   snprintf(clock, sizeof clock, "/%02d%02d%02d%03d-", time.hour, time.minute, time.second,
            static_cast<int>(line.startMs % 1000));
   const std::string channel = line.channel < 0 ? "unknown" : std::to_string(line.channel);
-  return folderOfDay(line.recorder, line.startMs) + "/ch=" + channel + clock +
-         (line.kind == "event" ? "e" : "r") + std::to_string(line.key) +
-         (quickTime ? ".mov" : ".mp4");
+  const std::string clip = folderOfDay(line.recorder, line.startMs) + "/ch=" + channel + clock +
+                           (line.kind == "event" ? "e" : "r") + std::to_string(line.key) +
+                           (quickTime ? ".mov" : ".mp4");
+  return line.part < 2 ? clip : partName(clip, line.part);
+}
+
+std::string partName(const std::string& clip, uint32_t part) {
+  const size_t dot = clip.rfind('.');
+  return clip.substr(0, dot) + "-" + std::to_string(part) + clip.substr(dot);
+}
+
+bool isClipName(const ArchiveLine& line) {
+  constexpr char kAllowed[] = "abcdefghijklmnopqrstuvwxyz0123456789=-.";
+  const std::string folder = folderOfDay(line.recorder, line.startMs) + "/ch=";
+  if (!isRecorderName(line.recorder) || line.object.compare(0, folder.size(), folder) != 0)
+    return false;
+  const std::string name = line.object.substr(folder.size());
+  const size_t slash = name.find('/');
+  return slash != std::string::npos && slash > 0 && slash + 1 < name.size() &&
+         name.substr(0, slash).find_first_not_of(kAllowed) == std::string::npos &&
+         name.substr(slash + 1).find_first_not_of(kAllowed) == std::string::npos &&
+         (endsIn(name, ".mp4") || endsIn(name, ".mov"));
 }
 
 std::string sidecarOf(const std::string& clip) {

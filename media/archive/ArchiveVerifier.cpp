@@ -3,9 +3,11 @@
 #include <map>
 #include <set>
 
+#include "media/RunError.h"
 #include "media/archive/ArchiveNames.h"
 #include "media/archive/ArchiveStore.h"
 #include "media/archive/DayIndex.h"
+#include "media/archive/RemoteName.h"
 #include "media/archive/SealCheck.h"
 #include "recorder/card/NoThrow.h"
 
@@ -17,27 +19,22 @@ constexpr char kErrNoArchive[] = "there is no archive of a recorder";
 
 }  // namespace
 
-class ArchiveVerifier::Impl {
+class ArchiveVerifier::Impl : public RunError {
  public:
   Impl(const std::string& place, const std::string& recorder)
       : place_(place), recorder_(recorder) {}
   bool run(const StopAsked& stopAsked, const Progress& progress);
   void waitAtMost(uint32_t seconds) { patienceSeconds_ = seconds; }
   void trust(const std::vector<std::string>& authorities) { authorities_ = authorities; }
-  bool failForMemory() {
-    noMemory_ = true;
-    return false;
-  }
-  const char* error() const { return noMemory_ ? kErrNoMemory : error_.c_str(); }
   const std::vector<Finding>& findings() const { return findings_; }
   uint64_t objects() const { return objects_; }
 
  private:
-  bool fail(const std::string& text);
   bool verifyDay(const std::string& day);
   bool verifySeal(const ArchiveLine& line);
   bool verifyLine(const ArchiveLine& line);
   bool verifySidecar(const ArchiveLine& line);
+  void findParts(const ArchiveLine& line, const DayIndex& index);
   void findUnlisted(const std::string& day);
   void note(const std::string& object, const std::string& text) {
     findings_.push_back({object, text});
@@ -56,14 +53,7 @@ class ArchiveVerifier::Impl {
   size_t clips_ = 0;
   uint64_t objects_ = 0;
   std::vector<Finding> findings_;
-  std::string error_;
-  bool noMemory_ = false;
 };
-
-bool ArchiveVerifier::Impl::fail(const std::string& text) {
-  error_ = text;
-  return false;
-}
 
 bool ArchiveVerifier::Impl::verifySidecar(const ArchiveLine& line) {
   const std::string name = sidecarOf(line.object);
@@ -112,6 +102,16 @@ bool ArchiveVerifier::Impl::verifyLine(const ArchiveLine& line) {
   return true;
 }
 
+// One that the index does not name would be missed by nobody.
+void ArchiveVerifier::Impl::findParts(const ArchiveLine& line, const DayIndex& index) {
+  for (uint32_t part = 2; part <= line.parts; ++part) {
+    const std::string name = partName(line.object, part);
+    if (index.find(name) != nullptr) continue;
+    note(name, "is a part of its clip, and the index does not name it");
+    return;
+  }
+}
+
 // What a run that was interrupted has not come to is completed by the next one.
 void ArchiveVerifier::Impl::findUnlisted(const std::string& day) {
   for (auto object = held_.lower_bound(day + "/"); object != held_.end(); ++object) {
@@ -139,6 +139,7 @@ bool ArchiveVerifier::Impl::verifyDay(const std::string& day) {
   for (const auto& one : index.lines()) {
     if (stopAsked_ && stopAsked_()) return fail(kErrVerifyStopped);
     if (!verifyLine(one.second)) return false;
+    findParts(one.second, index);
   }
   findUnlisted(day);
   return true;
@@ -164,7 +165,7 @@ bool ArchiveVerifier::Impl::run(const StopAsked& stopAsked, const Progress& prog
     held_.insert(object.name);
     if (!endsIn(object.name, kSidecarEnding)) ++clips_;
   }
-  if (days.empty()) return fail(place_ + ": " + kErrNoArchive);
+  if (days.empty()) return fail(RemoteName(place_).shown() + ": " + kErrNoArchive);
   for (const std::string& day : days) {
     if (!verifyDay(day)) return false;
   }

@@ -11,6 +11,11 @@ namespace tarn {
 namespace {
 
 constexpr char kErrClipsStopped[] = "stopped before the archive was read";
+constexpr char kErrNotUnpacked[] =
+    "is damaged and cannot be unpacked; what it says beside the clips' own lines is missing";
+constexpr char kErrLines[] =
+    " of its lines are damaged; what they say beside the clips' own lines is missing";
+constexpr char kErrSidecar[] = "is damaged: it does not say what its clip is";
 
 std::string recorderOf(const std::string& object) {
   const std::string before = folderOfRecorder("");
@@ -31,29 +36,72 @@ bool ArchivedClips::fail(const std::string& text) {
   return false;
 }
 
+bool ArchivedClips::readIndex(const std::string& name, DayIndex* index) {
+  if (!index->read(endsIn(name, kPlainIndexName) ? kPlainIndexName : kIndexName))
+    return fail(store_->error());
+  if (index->isBroken()) damaged_.emplace_back(name, kErrNotUnpacked);
+  if (index->brokenLines() > 0)
+    damaged_.emplace_back(name, std::to_string(index->brokenLines()) + kErrLines);
+  return true;
+}
+
+// What the index lacks.
+bool ArchivedClips::readSidecars(const std::map<std::string, int64_t>& sizes, DayIndex* index) {
+  std::set<std::string> listed;
+  for (const auto& one : index->lines()) {
+    if (!one.second.object.empty()) listed.insert(sidecarOf(one.second.object));
+  }
+  for (const auto& [name, bytes] : sizes) {
+    if (!endsIn(name, kSidecarEnding) || listed.count(name) != 0) continue;
+    const size_t before = index->lines().size();
+    if (!index->addSidecar(name)) return fail(store_->error());
+    if (index->lines().size() == before) damaged_.emplace_back(name, kErrSidecar);
+  }
+  return true;
+}
+
+// A line whose clip is not there is one of another archive, or of one that was cut short.
+void ArchivedClips::take(const ArchiveLine& line, const std::map<std::string, int64_t>& sizes) {
+  if (line.kind == "event") events_.push_back(line);
+  const auto object = line.object.empty() ? sizes.end() : sizes.find(line.object);
+  if (object == sizes.end()) return;
+  if (object->second >= 0 && static_cast<uint64_t>(object->second) != line.bytes) {
+    damaged_.emplace_back(line.object, kErrOtherClip);
+    return;
+  }
+  if (line.part != 0) {
+    laterParts_[line.object] = line;
+  } else if (line.kind == "recording") {
+    recordings_.push_back(line);
+  } else if (line.kind == "event") {
+    clipsOfEvents_.push_back(line);
+  }
+}
+
 // The index says of which events there is no clip; sidecars what it lacks.
 bool ArchivedClips::readDay(const std::string& day,
                             const std::vector<ArchiveStore::Object>& objects) {
-  std::set<std::string> names;
+  std::map<std::string, int64_t> sizes;
   for (const ArchiveStore::Object& object : objects) {
-    if (object.name.compare(0, day.size() + 1, day + "/") == 0) names.insert(object.name);
+    if (object.name.compare(0, day.size() + 1, day + "/") == 0) sizes[object.name] = object.bytes;
   }
   DayIndex index(store_, day);
-  const char* const name = names.count(day + kIndexName) != 0 ? kIndexName : kPlainIndexName;
-  if (names.count(day + name) != 0 && !index.read(name)) return fail(store_->error());
-  std::set<std::string> listed;
-  for (const auto& one : index.lines()) listed.insert(sidecarOf(one.second.object + "."));
-  for (const std::string& one : names) {
-    if (endsIn(one, kSidecarEnding) && listed.count(one) == 0 && !index.addSidecar(one))
-      return fail(store_->error());
-  }
-  for (const auto& [identity, line] : index.lines()) {
-    if (line.kind == "event") events_.push_back(line);
-    if (line.object.empty() || names.count(line.object) == 0) continue;
-    if (line.kind == "recording") recordings_.push_back(line);
-    if (line.kind == "event") clipsOfEvents_.push_back(line);
-  }
+  const std::string name =
+      day + (sizes.count(day + kIndexName) != 0 ? kIndexName : kPlainIndexName);
+  if (sizes.count(name) != 0 && !readIndex(name, &index)) return false;
+  if (!readSidecars(sizes, &index)) return false;
+  for (const auto& one : index.lines()) take(one.second, sizes);
   return true;
+}
+
+std::vector<ArchiveLine> ArchivedClips::partsOf(const ArchiveLine& recording) const {
+  std::vector<ArchiveLine> parts = {recording};
+  for (uint32_t part = 2; part <= recording.parts; ++part) {
+    const auto found = laterParts_.find(partName(recording.object, part));
+    if (found == laterParts_.end() || found->second.part != part) return {};
+    parts.push_back(found->second);
+  }
+  return parts;
 }
 
 // Whether recordings of the event's channel are there that show any of it.

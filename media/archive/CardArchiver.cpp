@@ -12,6 +12,7 @@
 
 #include "fat/ChunkFiles.h"
 #include "media/ArchiveStatus.h"
+#include "media/RunError.h"
 #include "media/archive/ArchiveClip.h"
 #include "media/archive/ArchiveIndexes.h"
 #include "media/archive/ArchiveMessages.h"
@@ -33,19 +34,13 @@ constexpr char kErrStoppedBetween[] =
 
 }  // namespace
 
-class CardArchiver::Impl {
+class CardArchiver::Impl : public RunError {
  public:
   explicit Impl(const Settings& settings) : settings_(settings) {}
   bool run(const StopAsked& stopAsked, const Progress& progress);
-  bool failForMemory() {
-    noMemory_ = true;
-    return false;
-  }
-  const char* error() const { return noMemory_ ? kErrNoMemory : error_.c_str(); }
   const ArchiveReport& report() const { return report_; }
 
  private:
-  bool fail(const std::string& text);
   bool nameRecorder();
   bool lookAround(const ArchivePlan& plan);
   bool listHeld(const ArchivePlan& plan);
@@ -58,7 +53,14 @@ class CardArchiver::Impl {
   bool archive(const ArchiveLine& clip);
   bool isWanted(const ArchiveLine& clip) const;
   bool isThere(const ArchiveLine& clip, bool* there);
+  bool hasParts(const ArchiveLine& first) const;
+  bool isHeld(const std::string& clip) const {
+    return held_.count(clip) != 0 && held_.count(sidecarOf(clip)) != 0;
+  }
+  bool adopt(const ArchiveLine& clip, bool* adopted);
   bool send(const ArchiveLine& clip);
+  bool sendPart(ArchiveClip* maker, const std::string& object, ArchiveLine* line, bool* made);
+  bool noteSent(const ArchiveLine& line);
   bool sendSidecar(const ArchiveLine& line);
   bool put(const std::string& name, const ByteSource& source, ArchiveStore::Stored* stored);
   void noteMissing(const ArchiveLine& line);
@@ -71,19 +73,13 @@ class CardArchiver::Impl {
   std::unique_ptr<ArchiveIndexes> indexes_;
   size_t done_ = 0;
   size_t clips_ = 0;
+  size_t sentClips_ = 0;
   uint64_t sent_ = 0;
   std::unique_ptr<ReadYield> yield_;  // where reads make way
   bool listed_ = false;               // held_ is all that the archive has
   SealingKey key_;                    // loaded where something is sealed
   ArchiveReport report_;
-  std::string error_;
-  bool noMemory_ = false;
 };
-
-bool CardArchiver::Impl::fail(const std::string& text) {
-  error_ = text;
-  return false;
-}
 
 // The number that formatting a card gives it: two cards of one recorder are two, unless they are
 // given one name.
@@ -167,14 +163,26 @@ bool CardArchiver::Impl::isWanted(const ArchiveLine& clip) const {
 bool CardArchiver::Impl::isThere(const ArchiveLine& clip, bool* there) {
   DayIndex* index = nullptr;
   if (!indexes_->of(dayOf(clip.object), &index)) return fail(indexes_->error());
-  *there = held_.count(clip.object) != 0 && held_.count(sidecarOf(clip.object)) != 0;
+  *there = isHeld(clip.object);
   if (!*there) return true;
   const ArchiveLine* known = index->find(clip.object);
-  if (known == nullptr || known->missing == 0) return true;
-  ArchiveClip again(clip, stopAsked_);
-  const bool made = again.write([](const uint8_t* /*data*/, size_t /*size*/) { return true; });
-  *there = !made || again.line().missing >= known->missing;
-  if (*there) noteMissing(*known);
+  if (known == nullptr) return true;
+  *there = hasParts(*known);
+  const uint64_t missing = index->missingOf(*known);
+  if (!*there || missing == 0) return true;
+  uint64_t now = 0;
+  *there = !ArchiveClip(clip, stopAsked_, yield_.get()).countMissing(&now) || now >= missing;
+  ArchiveLine whole = *known;
+  whole.missing = missing;
+  if (*there) noteMissing(whole);
+  return true;
+}
+
+// All that its first part tells of.
+bool CardArchiver::Impl::hasParts(const ArchiveLine& first) const {
+  for (uint32_t part = 2; part <= first.parts; ++part) {
+    if (!isHeld(partName(first.object, part))) return false;
+  }
   return true;
 }
 
@@ -203,33 +211,80 @@ bool CardArchiver::Impl::sendSidecar(const ArchiveLine& line) {
 }
 
 // A clip that cannot be made is no reason to leave out the others; one that cannot be sent is.
-bool CardArchiver::Impl::send(const ArchiveLine& clip) {
+bool CardArchiver::Impl::sendPart(ArchiveClip* maker, const std::string& object, ArchiveLine* line,
+                                  bool* made) {
   std::optional<ClipSeal> seal;
-  if (settings_.seal) seal.emplace(&key_, *settings_.seal, report_.recorder, clip.object);
-  ArchiveClip maker(clip, stopAsked_, seal ? &*seal : nullptr, yield_.get());
+  if (settings_.seal) seal.emplace(&key_, *settings_.seal, report_.recorder, object);
   ArchiveStore::Stored stored;
   const auto source = [&](const ByteSink& sink) {
-    return maker.write([&](const uint8_t* data, size_t size) {
+    const auto send = [&](const uint8_t* data, size_t size) {
       sent_ += size;
-      if (progress_) progress_(clip.object, done_, clips_, sent_);
+      if (progress_) progress_(object, done_, clips_, sent_);
       return sink(data, size);
-    });
+    };
+    return maker->write(send, seal ? &*seal : nullptr);
   };
-  if (!put(clip.object, source, &stored)) {
-    if (stopAsked_ && stopAsked_()) return fail(kErrStoppedBetween);
-    if (!store_->error().empty()) return fail(store_->error());
-    report_.failures.push_back({clip.object, maker.error()});
-    return true;
-  }
-  ArchiveLine line = maker.line();
-  line.bytes = stored.bytes;
-  line.hashes = stored.hashes;
+  *made = put(object, source, &stored);
+  if (!*made && stopAsked_ && stopAsked_()) return fail(kErrStoppedBetween);
+  if (!*made && !store_->error().empty()) return fail(store_->error());
+  if (!*made) report_.failures.push_back({object, maker->error()});
+  *line = maker->line();
+  line->bytes = stored.bytes;
+  line->hashes = stored.hashes;
+  return true;
+}
+
+bool CardArchiver::Impl::noteSent(const ArchiveLine& line) {
   if (!sendSidecar(line)) return false;
   if (!indexes_->add(line)) return fail(indexes_->error());
   noteMissing(line);
   report_.uploaded.push_back(line.object);
   report_.bytes += line.bytes;
   return true;
+}
+
+// What a run that was killed has left without its sidecar, proven and named: where it is the clip
+// of now, it is not sent once more. A seal is another one each time, and so is what is sealed.
+bool CardArchiver::Impl::adopt(const ArchiveLine& clip, bool* adopted) {
+  *adopted = false;
+  if (settings_.seal || held_.count(clip.object) == 0 || isHeld(clip.object)) return true;
+  ArchiveClip again(clip, stopAsked_, yield_.get());
+  ArchiveStore::Stored stored;
+  if (!again.measure(&stored) || again.goesOn()) return true;
+  const ArchiveStore::Answer answer = store_->compare(clip.object, settings_.trustSize, &stored);
+  if (answer == ArchiveStore::Answer::kFailed) return fail(store_->error());
+  if (answer == ArchiveStore::Answer::kDiffers) return true;
+  ArchiveLine line = again.line();
+  line.bytes = stored.bytes;
+  line.hashes = stored.hashes;
+  *adopted = true;
+  ++report_.present;
+  noteMissing(line);
+  if (!sendSidecar(line)) return false;
+  return indexes_->add(line) || fail(indexes_->error());
+}
+
+// The first part's sidecar comes last: with it the clip counts as archived. Where a clip that lacks
+// pictures is replaced, or one of its parts has gone, all of them are sent.
+bool CardArchiver::Impl::send(const ArchiveLine& clip) {
+  ArchiveClip maker(clip, stopAsked_, yield_.get());
+  ArchiveLine first;
+  uint32_t parts = 0;
+  do {
+    ArchiveLine line;
+    bool made = false;
+    const std::string object = ++parts == 1 ? clip.object : partName(clip.object, parts);
+    if (!sendPart(&maker, object, &line, &made)) return false;
+    if (!made) return true;
+    if (parts == 1) {
+      first = line;
+    } else if (!noteSent(line)) {
+      return false;
+    }
+  } while (maker.goesOn());
+  if (parts > 1) first.parts = parts;
+  ++sentClips_;
+  return noteSent(first);
 }
 
 bool CardArchiver::Impl::archive(const ArchiveLine& clip) {
@@ -239,7 +294,9 @@ bool CardArchiver::Impl::archive(const ArchiveLine& clip) {
     ++report_.present;
     return true;
   }
-  if (!settings_.dryRun) return send(clip);
+  bool adopted = false;
+  if (!settings_.dryRun && !adopt(clip, &adopted)) return false;
+  if (!settings_.dryRun) return adopted || send(clip);
   report_.uploaded.push_back(clip.object);
   return true;
 }
@@ -272,7 +329,7 @@ void CardArchiver::Impl::tellStatus(bool good) const {
   status.read();
   status.endedMs = int64_t{time(nullptr)} * 1000;
   if (good) status.goodMs = status.endedMs;
-  status.missing = clips_ - std::min<size_t>(clips_, report_.present + report_.uploaded.size());
+  status.missing = clips_ - std::min<size_t>(clips_, report_.present + sentClips_);
   status.endangered = report_.endangered.size();
   status.known = listed_;
   status.write();
@@ -281,8 +338,12 @@ void CardArchiver::Impl::tellStatus(bool good) const {
 bool CardArchiver::Impl::archiveAll(ArchivePlan* plan) {
   if (!lookAround(*plan) || !archiveClips(plan->clips())) return false;
   if (settings_.dryRun) return true;
-  const bool written =
-      settings_.onlyEvents ? indexes_->write() : indexes_->update(plan, stopAsked_);
+  // Looking through recordings reads them once more.
+  const StopAsked asked = [this] {
+    if (yield_ != nullptr) yield_->rest();
+    return stopAsked_ && stopAsked_();
+  };
+  const bool written = settings_.onlyEvents ? indexes_->write() : indexes_->update(plan, asked);
   report_.indexes = indexes_->written();
   return written || fail(indexes_->error());
 }
@@ -295,7 +356,8 @@ bool CardArchiver::Impl::run(const StopAsked& stopAsked, const Progress& progres
   ArchivePlan plan(report_.recorder);
   if (!plan.read(stopAsked_)) return fail(plan.error());
   if (settings_.whileRecording)
-    yield_ = std::make_unique<ReadYield>(ReadYield::statisticsOf(deviceName(kRecorderPartition)));
+    yield_ = std::make_unique<ReadYield>(ReadYield::statisticsOf(deviceName(kRecorderPartition)),
+                                         settings_.onlyEvents.has_value());
   clips_ = plan.clips().size();
   report_.waiting = plan.waiting();
   report_.waitingEvents.assign(plan.waitingEvents().begin(), plan.waitingEvents().end());

@@ -8,40 +8,53 @@
 #include <filesystem>
 
 #include "base/UniqueFd.h"
+#include "media/RunError.h"
 #include "media/archive/ArchiveNames.h"
 #include "media/archive/ArchivedClips.h"
 #include "media/archive/ClipRecorder.h"
 #include "media/archive/ContentHasher.h"
+#include "media/archive/RemoteName.h"
 #include "media/archive/RestoreTarget.h"
 #include "media/archive/SealCheck.h"
 #include "recorder/card/DeviceIo.h"
 #include "recorder/card/NoThrow.h"
+#include "recorder/recording/KeptRow.h"
 
 namespace tarn {
 namespace {
 
-constexpr char kErrNoChannel[] = "the archive does not tell of which channel it is";
+constexpr char kErrNoChannel[] = "the archive does not say which channel it is of";
+constexpr char kErrNoPart[] = "the archive does not have all of its parts";
+
+std::string pathOf(const UniqueFd& file) { return "/proc/self/fd/" + std::to_string(file.get()); }
+
+// All parts together.
+ArchiveLine sumOf(const std::vector<ArchiveLine>& parts) {
+  ArchiveLine whole = parts.front();
+  for (auto part = parts.begin() + 1; part != parts.end(); ++part) {
+    whole.bytes += part->bytes;
+    whole.pictures += part->pictures;
+    whole.soundFrames += part->soundFrames;
+  }
+  return whole;
+}
 
 }  // namespace
 
-class CardRestorer::Impl {
+class CardRestorer::Impl : public RunError {
  public:
   explicit Impl(const Settings& settings) : settings_(settings) {}
   bool run(const StopAsked& stopAsked, const Progress& progress);
-  bool failForMemory() {
-    noMemory_ = true;
-    return false;
-  }
-  const char* error() const { return noMemory_ ? kErrNoMemory : error_.c_str(); }
   const Report& report() const { return report_; }
 
  private:
-  bool fail(const std::string& text);
   bool refuse(const ArchiveLine& line, const std::string& reason);
   bool isWanted(const ArchiveLine& line) const;
-  bool restoreClips(const std::vector<ArchiveLine>& clips);
-  bool restore(const ArchiveLine& line);
-  bool record(const ArchiveLine& line, const std::vector<uint32_t>& leftOver);
+  bool restoreClips(const ArchivedClips& clips);
+  bool restore(const ArchiveLine& line, const ArchivedClips& clips);
+  bool copy(const ArchiveLine& part, UniqueFd* file, std::string* wrong);
+  bool record(const ArchiveLine& line, const std::vector<ArchiveLine>& parts,
+              const std::vector<uint32_t>& leftOver);
   bool takeBack(const ArchiveLine& line, const std::vector<uint32_t>& before);
   bool fetch(const ArchiveLine& line, int file, bool* good);
   bool restoreEvents(const std::vector<ArchiveLine>& events);
@@ -53,14 +66,7 @@ class CardRestorer::Impl {
   std::unique_ptr<SealCheck> seals_;
   RestoreTarget target_;
   Report report_;
-  std::string error_;
-  bool noMemory_ = false;
 };
-
-bool CardRestorer::Impl::fail(const std::string& text) {
-  error_ = text;
-  return false;
-}
 
 // One clip that is not what it should be is no reason to leave out the others.
 bool CardRestorer::Impl::refuse(const ArchiveLine& line, const std::string& reason) {
@@ -75,36 +81,58 @@ bool CardRestorer::Impl::isWanted(const ArchiveLine& line) const {
 // A copy of its own, whose bytes are proven: what is looked at is what is recorded.
 bool CardRestorer::Impl::fetch(const ArchiveLine& line, int file, bool* good) {
   ContentHasher hasher;
-  ContentHashes hashes;
+  ArchiveStore::Stored copied;
   uint64_t failed = 0;
   int reason = 0;
+  bool tooLong = false;
   const bool got = store_->get(line.object, [&](const uint8_t* data, size_t size) {
+    // One that has no end would fill this machine.
+    tooLong = hasher.bytes() + size > line.bytes;
+    if (tooLong) return false;
     if (!writeFully(file, hasher.bytes(), data, size, &failed)) reason = errno;
     hasher.add(data, size);
     return reason == 0 && !(stopAsked_ && stopAsked_());
   });
   if (reason != 0) return fail(std::string("cannot keep a copy of a clip: ") + strerror(reason));
   if (stopAsked_ && stopAsked_()) return fail(kErrRestoreStopped);
-  if (!got) return fail(store_->error());
-  if (!hasher.finish(&hashes)) return fail("SHA-256 of " + line.object + " cannot be made");
-  *good = hasher.bytes() == line.bytes && hashes.sha256 == line.hashes.sha256;
+  if (!got && !tooLong) return fail(store_->error());
+  if (!hasher.finish(&copied.hashes)) return fail("SHA-256 of " + line.object + " cannot be made");
+  copied.bytes = hasher.bytes();
+  *good = !tooLong && copied.bytes == line.bytes && copied.hashes.sha256 == line.hashes.sha256;
+  if (*good || tooLong) return true;
+  // Before it is called another one: the way here may have made it so.
+  return store_->confirm(line.object, copied) != ArchiveStore::Answer::kFailed ||
+         fail(store_->error());
+}
+
+// *wrong: why it is not to be recorded.
+bool CardRestorer::Impl::copy(const ArchiveLine& part, UniqueFd* file, std::string* wrong) {
+  std::error_code none;
+  const std::string folder = std::filesystem::temp_directory_path(none).string();
+  file->reset(::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+  if (!file->valid()) return fail("cannot keep a clip in " + folder + ": " + strerror(errno));
+  bool good = false;
+  if (!fetch(part, file->get(), &good)) return false;
+  *wrong = kErrOtherClip;
+  if (!good) return true;
+  wrong->clear();
+  if (seals_->isAsked(part)) *wrong = seals_->whyNot(pathOf(*file), part);
   return true;
 }
 
 // What a run that was interrupted has left of it goes once the whole is there: at no moment less of
 // it is on the card.
-bool CardRestorer::Impl::record(const ArchiveLine& line, const std::vector<uint32_t>& leftOver) {
-  std::error_code none;
-  const std::string folder = std::filesystem::temp_directory_path(none).string();
-  const UniqueFd copy(::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
-  if (!copy.valid()) return fail("cannot keep a clip in " + folder + ": " + strerror(errno));
-  bool good = false;
-  if (!fetch(line, copy.get(), &good)) return false;
-  if (!good) return refuse(line, "is not what the archive says of it");
-  const std::string path = "/proc/self/fd/" + std::to_string(copy.get());
-  const std::string wrong = seals_->isAsked(line) ? seals_->whyNot(path, line) : "";
-  if (!wrong.empty()) return refuse(line, wrong);
-  ClipRecorder recorder(path, line, stopAsked_);
+bool CardRestorer::Impl::record(const ArchiveLine& line, const std::vector<ArchiveLine>& parts,
+                                const std::vector<uint32_t>& leftOver) {
+  std::vector<UniqueFd> copies(parts.size());
+  std::vector<ClipRecorder::Part> copied;
+  for (size_t i = 0; i < parts.size(); ++i) {
+    std::string wrong;
+    if (!copy(parts[i], &copies[i], &wrong)) return false;
+    if (!wrong.empty()) return refuse(parts[i], wrong);
+    copied.push_back({pathOf(copies[i]), parts[i]});
+  }
+  ClipRecorder recorder(std::move(copied), stopAsked_);
   if (!recorder.run() && !recorder.isOfClip()) return fail(recorder.error());
   if (!recorder.error().empty()) return takeBack(line, leftOver) && refuse(line, recorder.error());
   for (const uint32_t key : leftOver) {
@@ -124,24 +152,28 @@ bool CardRestorer::Impl::takeBack(const ArchiveLine& line, const std::vector<uin
   return true;
 }
 
-bool CardRestorer::Impl::restore(const ArchiveLine& line) {
+bool CardRestorer::Impl::restore(const ArchiveLine& line, const ArchivedClips& clips) {
   std::vector<uint32_t> leftOver;
-  if (line.channel < 0) return refuse(line, kErrNoChannel);
+  const std::vector<ArchiveLine> parts = clips.partsOf(line);
+  if (parts.empty()) return refuse(line, kErrNoPart);
+  if (line.channel < 0 || line.channel == kKeptChannel) return refuse(line, kErrNoChannel);
+  const ArchiveLine whole = sumOf(parts);
   if (!target_.read()) return fail(target_.error());
-  if (target_.has(line, &leftOver)) {
+  if (target_.has(whole, &leftOver)) {
     ++report_.present;
     return true;
   }
-  if (!target_.hasRoomFor(line)) return fail(target_.error());
-  return record(line, leftOver);
+  if (!target_.hasRoomFor(whole)) return fail(target_.error());
+  return record(whole, parts, leftOver);
 }
 
-bool CardRestorer::Impl::restoreClips(const std::vector<ArchiveLine>& clips) {
+bool CardRestorer::Impl::restoreClips(const ArchivedClips& clips) {
   size_t done = 0;
-  for (const ArchiveLine& line : clips) {
+  const std::vector<ArchiveLine>& lines = clips.recordings();
+  for (const ArchiveLine& line : lines) {
     if (stopAsked_ && stopAsked_()) return fail(kErrRestoreStopped);
-    if (progress_) progress_(line.object, done++, clips.size());
-    if (isWanted(line) && !restore(line)) return false;
+    if (progress_) progress_(line.object, done++, lines.size());
+    if (isWanted(line) && !restore(line, clips)) return false;
   }
   return true;
 }
@@ -168,9 +200,9 @@ bool CardRestorer::Impl::run(const StopAsked& stopAsked, const Progress& progres
   if (!seals_->trust(settings_.authorities)) return fail(seals_->error());
   ArchivedClips clips(store_.get());
   if (!clips.read(settings_.recorder, stopAsked_))
-    return fail(settings_.place + ": " + clips.error());
-  return restoreClips(clips.recordings()) && restoreEvents(clips.events()) &&
-         report_.failures.empty();
+    return fail(RemoteName(settings_.place).shown() + ": " + clips.error());
+  for (const auto& [name, reason] : clips.damaged()) report_.failures.push_back({name, reason});
+  return restoreClips(clips) && restoreEvents(clips.events()) && report_.failures.empty();
 }
 
 CardRestorer::CardRestorer(const Settings& settings) noexcept {

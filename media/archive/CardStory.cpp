@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "fat/ChunkFiles.h"
 #include "media/evidence/GapFinder.h"
@@ -95,27 +96,49 @@ std::vector<ArchiveLine> CardStory::gapsInside(const DB_STREAM& row) const {
   return linesOf(channelOf(row), finder.take());
 }
 
+ArchiveLine CardStory::lineOf(const CardFinding& finding) const {
+  ArchiveLine line;
+  line.kind = "finding";
+  line.recorder = recorder_;
+  line.channel = finding.channel;
+  line.key = finding.streamID;
+  line.startMs = int64_t{finding.from} * 1000;
+  line.endMs = int64_t{finding.to} * 1000;
+  line.finding = findingKindName(finding.kind);
+  line.consequence = consequenceName(finding.consequence);
+  line.words = finding.text;
+  line.meaning = finding.meaning;
+  return line;
+}
+
 bool CardStory::findings(const std::vector<DB_STREAM>& rows, const std::vector<DB_EVENT>& events,
-                         const StopAsked& stopAsked, std::vector<ArchiveLine>* lines,
+                         bool whole, const StopAsked& stopAsked, std::vector<ArchiveLine>* lines,
                          std::string* error) const {
   CardCheckOptions options;
+  options.wholePictures = whole;
   options.progress = [&](uint64_t /*done*/, uint64_t /*total*/) {
     return !stopAsked || !stopAsked();
   };
   CardCheck check;
   if (check.runOn(deviceName(kRecorderPartition), rows, events, options, error) != 0) return false;
-  for (const CardFinding& finding : check.findings().list()) {
-    ArchiveLine line;
-    line.kind = "finding";
-    line.recorder = recorder_;
-    line.channel = finding.channel;
-    line.key = finding.streamID;
-    line.startMs = int64_t{finding.from} * 1000;
-    line.endMs = int64_t{finding.to} * 1000;
-    line.finding = findingKindName(finding.kind);
-    line.consequence = consequenceName(finding.consequence);
-    line.words = finding.text;
-    line.meaning = finding.meaning;
+  for (const CardFinding& finding : check.findings().list()) lines->push_back(lineOf(finding));
+  return true;
+}
+
+bool CardStory::cardFindings(int64_t ms, std::vector<ArchiveLine>* lines,
+                             std::string* error) const {
+  CardCheck first;
+  CardCheck again;
+  const std::string device = deviceName(kRecorderPartition);
+  if (first.runAround(device, error) != 0) return false;
+  if (first.findings().list().empty()) return true;
+  if (again.runAround(device, error) != 0) return false;
+  std::set<std::string> still;
+  for (const CardFinding& finding : again.findings().list()) still.insert(finding.text);
+  for (const CardFinding& finding : first.findings().list()) {
+    if (still.count(finding.text) == 0) continue;
+    ArchiveLine line = lineOf(finding);
+    line.startMs = line.endMs = ms;
     lines->push_back(line);
   }
   return true;

@@ -8,6 +8,7 @@
 #include "media/archive/ArchiveLine.h"
 #include "media/evidence/EvidenceStory.h"
 #include "recorder/card/ChunkChannels.h"
+#include "recorder/check/CardFinding.h"
 
 namespace tarn {
 
@@ -29,13 +30,18 @@ class CardStory {
   std::vector<ArchiveLine> gapsBetween(const std::vector<DB_STREAM>& rows) const;
   // Within a recording of pictures that is closed. Reads its entries.
   std::vector<ArchiveLine> gapsInside(const DB_STREAM& row) const;
-  // What is wrong with recordings. False with *error when it cannot be told.
-  bool findings(const std::vector<DB_STREAM>& rows, const std::vector<DB_EVENT>& events,
+  // What is wrong with recordings, of which each byte is read where `whole`. False with *error when
+  // it cannot be told.
+  bool findings(const std::vector<DB_STREAM>& rows, const std::vector<DB_EVENT>& events, bool whole,
                 const StopAsked& stopAsked, std::vector<ArchiveLine>* lines,
                 std::string* error) const;
+  // What is wrong with the card itself, and stays so for as long as it takes to look twice: lines
+  // of no recording, of the moment `ms`. False with *error when it cannot be told.
+  bool cardFindings(int64_t ms, std::vector<ArchiveLine>* lines, std::string* error) const;
 
  private:
   std::vector<ArchiveLine> linesOf(int channel, const std::vector<EvidenceGap>& gaps) const;
+  ArchiveLine lineOf(const CardFinding& finding) const;
 
   const std::string recorder_;
   ChunkChannels chunks_;

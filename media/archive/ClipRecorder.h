@@ -2,6 +2,7 @@
 
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "media/MediaInput.h"
 #include "media/archive/ArchiveLine.h"
@@ -12,12 +13,19 @@ namespace tarn {
 inline constexpr char kErrRestoreStopped[] =
     "stopped before all was restored; the next run goes on from there";
 
-// Records a clip of an archive as it was recorded once. Not part of the interface.
+class RecordingSession;
+
+// Records a clip of an archive as it was recorded once. No more goes onto the card than the clip's
+// lines tell of: whoever made it may be anybody. Not part of the interface.
 class ClipRecorder {
  public:
-  // The clip lies at `path`; its line tells channel, times and trigger.
-  ClipRecorder(const std::string& path, const ArchiveLine& line, StopAsked stopAsked)
-      : path_(path), line_(line), stopAsked_(std::move(stopAsked)) {}
+  struct Part {
+    std::string path;
+    ArchiveLine line;
+  };
+  // The clip, of one part or several; the first one's line tells channel, times and trigger.
+  ClipRecorder(std::vector<Part> parts, StopAsked stopAsked)
+      : parts_(std::move(parts)), line_(parts_.front().line), stopAsked_(std::move(stopAsked)) {}
 
   // One recording, to its end. False with error() set; then isOfClip() tells whether the clip is to
   // blame, or the card.
@@ -29,11 +37,15 @@ class ClipRecorder {
   bool fail(const std::string& text);
   bool failClip(const std::string& text);
   bool recordPictures();
-  bool recordSound();
-  PictureTime timeOf(int64_t us) const;
+  bool recordPictures(const Part& part, RecordingSession* session);
+  bool recordSound(const Part& part);
+  bool counts(const ArchiveLine& line, size_t bytes, uint64_t pieces, uint64_t most);
+  bool isInTime(int64_t us) const;
+  static PictureTime timeOf(const ArchiveLine& line, int64_t us);
 
-  const std::string path_;
-  const ArchiveLine& line_;
+  const std::vector<Part> parts_;
+  const ArchiveLine& line_;  // of the first part
+  uint64_t bytes_ = 0;       // that were recorded of a part
   const StopAsked stopAsked_;
   bool ofClip_ = false;
   std::string error_;

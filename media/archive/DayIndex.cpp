@@ -12,12 +12,22 @@
 #include "media/archive/PackedText.h"
 
 namespace tarn {
+namespace {
 
-bool DayIndex::fetch(const std::string& name, std::string* text) {
-  return store_->get(name, [text](const uint8_t* data, size_t size) {
-    text->append(reinterpret_cast<const char*>(data), size);
-    return true;
+// What an archive gives may be anything, and without an end.
+constexpr size_t kMostSidecarBytes = size_t{64} * 1024;
+constexpr size_t kMostIndexBytes = size_t{256} * 1024 * 1024;
+
+}  // namespace
+
+bool DayIndex::fetch(const std::string& name, size_t most, std::string* text) {
+  isTooLong_ = false;
+  const bool got = store_->get(name, [&](const uint8_t* data, size_t size) {
+    isTooLong_ = size > most - text->size();
+    if (!isTooLong_) text->append(reinterpret_cast<const char*>(data), size);
+    return !isTooLong_;
   });
+  return got || isTooLong_;
 }
 
 // Before something is called damaged: the way here may have done it.
@@ -32,7 +42,9 @@ bool DayIndex::isAsStored(const std::string& name, const std::string& text) {
 
 bool DayIndex::read(const char* name) {
   std::string stored;
-  if (!fetch(day_ + name, &stored)) return false;
+  if (!fetch(day_ + name, kMostIndexBytes, &stored)) return false;
+  isBroken_ = isTooLong_;
+  if (isBroken_) return true;
   std::string text = stored;
   if (strcmp(name, kIndexName) == 0) {
     isBroken_ = !unpackText(stored, &text);
@@ -57,7 +69,9 @@ bool DayIndex::isWholePart(const std::string& name, bool* whole) {
   std::string stored;
   std::string text;
   ArchiveLine line;
-  if (!fetch(part, &stored)) return false;
+  *whole = false;
+  if (!fetch(part, kMostIndexBytes, &stored)) return false;
+  if (isTooLong_) return true;
   if (endsIn(name, kIndexName)) {
     *whole = unpackText(stored, &text);
   } else {
@@ -77,6 +91,13 @@ void DayIndex::forgetStory(const ArchiveLine& recording) {
   }
 }
 
+void DayIndex::forgetCard() {
+  for (auto one = lines_.begin(); one != lines_.end();) {
+    const ArchiveLine& line = one->second;
+    one = line.kind == "finding" && line.key == 0 ? lines_.erase(one) : std::next(one);
+  }
+}
+
 bool DayIndex::fills(const ArchiveLine& gap) const {
   return std::any_of(lines_.begin(), lines_.end(), [&](const auto& one) {
     const ArchiveLine& line = one.second;
@@ -87,13 +108,24 @@ bool DayIndex::fills(const ArchiveLine& gap) const {
 
 bool DayIndex::addSidecar(const std::string& name) {
   std::string stored;
-  if (!fetch(name, &stored)) return false;
+  if (!fetch(name, kMostSidecarBytes, &stored)) return false;
+  if (isTooLong_) return true;
   const std::string text = stored.substr(0, stored.find_last_not_of('\n') + 1);
   ArchiveLine line;
   if (!ArchiveLine::parse(text, &line) || sidecarOf(line.object) != name)
     return isAsStored(name, stored);
   add(line);
   return true;
+}
+
+uint64_t DayIndex::missingOf(const ArchiveLine& first) const {
+  uint64_t missing = first.missing;
+  for (uint32_t part = 2; part <= first.parts; ++part) {
+    const ArchiveLine* line = find(partName(first.object, part));
+    if (line == nullptr) break;
+    missing += line->missing;
+  }
+  return missing;
 }
 
 const ArchiveLine* DayIndex::find(const std::string& identity) const {

@@ -34,15 +34,19 @@ class TARN_API DayIndex {
   void add(const ArchiveLine& line) { lines_[line.identity()] = line; }
   // Forgets what was said of a recording beside its own line: findings, and gaps within it.
   void forgetStory(const ArchiveLine& recording);
+  // The same of the card itself.
+  void forgetCard();
   // Whether it has a recording that lies in a gap: the card has given that up, the archive not.
   bool fills(const ArchiveLine& gap) const;
+  // Of all parts of a clip.
+  uint64_t missingOf(const ArchiveLine& first) const;
   const ArchiveLine* find(const std::string& identity) const;
   const std::map<std::string, ArchiveLine>& lines() const { return lines_; }
   // Writes it where it is not what the storage has. False with the storage's error.
   bool write(bool* written);
 
  private:
-  bool fetch(const std::string& name, std::string* text);
+  bool fetch(const std::string& name, size_t most, std::string* text);
   bool isAsStored(const std::string& name, const std::string& text);
   std::string text() const;
 
@@ -53,6 +57,7 @@ class TARN_API DayIndex {
   std::string stored_;  // the text that the storage has, packed
   size_t broken_ = 0;
   bool isBroken_ = false;
+  bool isTooLong_ = false;  // what was fetched last
 };
 
 }  // namespace tarn

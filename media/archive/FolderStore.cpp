@@ -9,7 +9,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
+
+#include "base/FileSync.h"
+#include "base/FolderNames.h"
 
 namespace tarn {
 namespace {
@@ -41,18 +43,21 @@ bool FolderStore::failWith(const std::string& what, const std::string& path, int
 }
 
 bool FolderStore::list(const std::string& folder, std::vector<Object>* objects) {
-  namespace fs = std::filesystem;
-  std::error_code error;
-  fs::recursive_directory_iterator entry(pathOf(folder), error);
-  if (error == std::errc::no_such_file_or_directory) return true;
-  for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-    if (!entry->is_regular_file(error) || entry->is_symlink(error)) continue;
+  std::vector<std::string> paths;
+  const int listing = pathsBelow(pathOf(folder), &paths);
+  if (listing == ENOENT) return true;
+  if (listing != 0) return failWith("list", pathOf(folder), listing);
+  for (const std::string& path : paths) {
+    struct stat status = {};
     Object object;
-    object.name = entry->path().string().substr(root_.size() + 1);
-    object.bytes = static_cast<int64_t>(entry->file_size(error));
-    if (!error) objects->push_back(object);
+    object.name = folder.empty() ? path : inFolder(folder, path);
+    if (lstat(pathOf(object.name).c_str(), &status) != 0 && errno != ENOENT)
+      return failWith("list", pathOf(object.name), errno);
+    if (!S_ISREG(status.st_mode)) continue;
+    object.bytes = static_cast<int64_t>(status.st_size);
+    objects->push_back(object);
   }
-  return !error || failWith("list", pathOf(folder), error.value());
+  return true;
 }
 
 bool FolderStore::get(const std::string& name, const ByteSink& take) {
@@ -84,8 +89,7 @@ bool FolderStore::holds(const std::string& name, bool* there) {
 
 bool FolderStore::flushFolder(const std::string& path) {
   const UniqueFd folder = openPath(path, O_RDONLY | O_DIRECTORY);
-  return (folder.valid() && TEMP_FAILURE_RETRY(fsync(folder.get())) == 0) ||
-         failWith("flush", path, errno);
+  return (folder.valid() && syncFile(folder.get()) == 0) || failWith("flush", path, errno);
 }
 
 // Each new one is flushed into the one above it, or a power loss takes all that is in it.
@@ -115,7 +119,7 @@ bool FolderStore::add(const uint8_t* data, size_t size) {
 }
 
 bool FolderStore::finish() {
-  const bool flushed = TEMP_FAILURE_RETRY(fsync(file_.get())) == 0;
+  const bool flushed = syncFile(file_.get()) == 0;
   const int reason = errno;
   if (!flushed) {
     file_.reset();

@@ -22,7 +22,7 @@ constexpr int kNotFound = 127;
 constexpr uint32_t kAttempts = 3;  // of rclone's, at one request
 constexpr uint32_t kConnectSeconds = 60;
 constexpr char kErrNotInstalled[] =
-    "the program rclone is missing, which carries to remotes (Debian: apt-get install rclone)";
+    "rclone is missing, and without it no remote is reached (Debian: apt-get install rclone)";
 constexpr char kErrRemoteFull[] = "the remote is full";
 constexpr char kErrCredentials[] = "the remote does not accept the credentials that rclone has";
 constexpr char kErrNoRemote[] = "rclone knows no such remote; \"rclone config\" makes one";

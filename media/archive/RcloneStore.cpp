@@ -7,8 +7,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr char kErrNoListing[] = "rclone gives a listing that is none";
-constexpr char kErrNotTaken[] = "what rclone gives cannot be taken";
+constexpr char kErrNoListing[] = "what rclone gives is not a listing";
+constexpr char kErrNotTaken[] = "what rclone gives cannot be processed";
 
 std::string textOf(const Json& json, const char* name) {
   const auto found = json.find(name);
@@ -28,7 +28,7 @@ std::string RcloneStore::addressOf(const std::string& name) const {
 }
 
 bool RcloneStore::failOf(const std::string& name, const std::string& complaint) {
-  return fail((name.empty() ? root_ : name) + ": " + complaint);
+  return fail((name.empty() ? name_.shown() : name) + ": " + name_.hide(complaint));
 }
 
 bool RcloneStore::run(const std::string& name, const std::vector<std::string>& words,

@@ -6,13 +6,14 @@
 
 #include "media/archive/ArchiveStore.h"
 #include "media/archive/RcloneProcess.h"
+#include "media/archive/RemoteName.h"
 
 namespace tarn {
 
 // A remote of rclone's, a run of that program for each operation. Not part of the interface.
 class RcloneStore : public ArchiveStore {
  public:
-  explicit RcloneStore(const std::string& root) : root_(root) {}
+  explicit RcloneStore(const std::string& root) : root_(root), name_(root) {}
 
   bool list(const std::string& folder, std::vector<Object>* objects) override;
   bool get(const std::string& name, const ByteSink& take) override;
@@ -38,6 +39,7 @@ class RcloneStore : public ArchiveStore {
   bool failOf(const std::string& name, const std::string& complaint);
 
   const std::string root_;
+  const RemoteName name_;
   int exitCode_ = 0;  // of the last run()
   std::unique_ptr<RcloneProcess> sending_;
   std::string sendingName_;

@@ -2,27 +2,28 @@
 
 #include <linux/ioprio.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
+#include "media/DeviceCounts.h"
 #include "media/MonotonicTime.h"
 #include "recorder/session/RecordingStatus.h"
 
 namespace tarn {
 namespace {
 
-constexpr int64_t kWorkUs = 10000;   // that is done in one go
-constexpr int64_t kLookUs = 200000;  // how often the device is asked
+constexpr int64_t kWorkUs = 10000;  // that is done in one go
 constexpr int64_t kPauseUs = 50000;
-constexpr int kMostPauses = 40;  // two seconds; then it goes on, or a busy card was never archived
+constexpr int64_t kLeastPauseUs = 10000;   // that tells something of others
+constexpr int64_t kMostRestUs = 4000000;   // then it goes on, or a busy card was never archived
+constexpr double kRememberedUs = 1000000;  // of pauses, what others did in them
+// A recorder that leaves less than this part of the device free needs all of it.
+constexpr double kLeastFree = 0.02;
 // A write that takes this many times as long as usual, and this much longer, is slow.
 constexpr double kSlowTimes = 2;
 constexpr double kSlowMs = 5;
@@ -31,43 +32,25 @@ constexpr int64_t kBusyPart = 2;
 constexpr double kForgetting = 1.02;  // of what is usual, each time: a card gets slower as it ages
 constexpr int kNicest = 19;
 
-// Of the kernel's line: reads, merged, sectors, milliseconds, and the same of writes; those under
-// way, and milliseconds in which there were any.
-struct Counts {
-  uint64_t writes = 0;
-  uint64_t writeMs = 0;
-  uint64_t busyMs = 0;
-
-  bool read(const std::string& line) {
-    std::istringstream fields(line);
-    uint64_t field[10] = {};
-    for (uint64_t& one : field) {
-      if (!(fields >> one)) return false;
-    }
-    writes = field[4];
-    writeMs = field[7];
-    busyMs = field[9];
-    return true;
-  }
-};
-
 void pauseFor(int64_t us) { std::this_thread::sleep_for(std::chrono::microseconds(us)); }
 
 }  // namespace
 
 // What a sandbox or an old kernel refuses is no reason not to archive: a service has it from its
 // unit.
-ReadYield::ReadYield(const std::string& statistics)
-    : statistics_(statistics), sinceUs_(monotonicUs()) {
+ReadYield::ReadYield(const std::string& statistics, bool urgent)
+    : statistics_(statistics),
+      urgent_(urgent),
+      // It looks what others do before it begins: as if it had worked.
+      sinceUs_(monotonicUs() - (statistics.empty() || urgent ? 0 : kWorkUs)),
+      share_(statistics.empty() ? 0 : 1) {
   setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kNicest);
   syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0));
 }
 
 std::string ReadYield::statisticsOf(const std::string& device) {
-  struct stat status = {};
-  if (stat(device.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) return "";
-  return "/sys/dev/block/" + std::to_string(major(status.st_rdev)) + ":" +
-         std::to_string(minor(status.st_rdev)) + "/stat";
+  const std::string folder = DeviceCounts::folderOf(device);
+  return folder.empty() ? "" : folder + "stat";
 }
 
 bool ReadYield::Usual::isExceeded(uint64_t count, double ms) {
@@ -83,11 +66,32 @@ bool ReadYield::Usual::isExceeded(uint64_t count, double ms) {
   return exceeded_;
 }
 
+// A recorder writes in bursts: what a single pause shows is not what it needs.
+void ReadYield::note(int64_t busyUs, int64_t pausedUs) {
+  const double paused = std::max<double>(static_cast<double>(pausedUs), 1);
+  const double now = std::clamp(static_cast<double>(busyUs) / paused, 0.0, 1.0);
+  const double weight = std::min(1.0, paused / kRememberedUs);
+  share_ += (now - share_) * weight;
+}
+
+// Of what others leave free, half; and of that ever less the less there is, because what is read
+// between two writes delays the second one.
+int64_t ReadYield::restUs(int64_t workedUs) const {
+  if (urgent_) return workedUs;
+  const double free = std::max(1 - share_, kLeastFree);
+  const double rest = static_cast<double>(workedUs) * (2 / (free * free) - 1);
+  return std::min(static_cast<int64_t>(rest), kMostRestUs);
+}
+
 bool ReadYield::isTaken(const std::string& before, const std::string& behind, int64_t pausedUs) {
-  Counts first;
-  Counts now;
-  if (!first.read(before) || !now.read(behind)) return false;
+  DeviceCounts first;
+  DeviceCounts now;
+  if (!first.read(before) || !now.read(behind)) {
+    note(0, pausedUs);
+    return false;
+  }
   const auto busyUs = static_cast<int64_t>(now.busyMs - first.busyMs) * 1000;
+  note(busyUs, pausedUs);
   const bool slow = writes_.isExceeded(now.writes, static_cast<double>(now.writeMs));
   return busyUs > pausedUs / kBusyPart || slow;
 }
@@ -114,24 +118,22 @@ std::string ReadYield::look() const {
   return line;
 }
 
-bool ReadYield::isTaken() {
+bool ReadYield::isTaken(int64_t pauseUs) {
   const std::string before = look();
   const int64_t fromUs = monotonicUs();
-  pauseFor(kPauseUs);
+  pauseFor(pauseUs);
   const bool slow = areFlushesSlow();
   return isTaken(before, look(), monotonicUs() - fromUs) || slow;
 }
 
 void ReadYield::rest() {
-  const int64_t now = monotonicUs();
-  const int64_t worked = now - sinceUs_;
+  const int64_t fromUs = monotonicUs();
+  const int64_t worked = fromUs - sinceUs_;
   if (worked < kWorkUs) return;
-  pauseFor(worked);
-  if (now - lookedUs_ >= kLookUs) {
-    int pauses = 0;
-    while (pauses < kMostPauses && isTaken()) ++pauses;
-    // One that is never free gets no more than a piece of work between two such pauses.
-    lookedUs_ = pauses < kMostPauses ? monotonicUs() : 0;
+  bool taken = true;
+  for (int64_t rested = 0; rested < kMostRestUs && (taken || rested < restUs(worked));
+       rested = monotonicUs() - fromUs) {
+    taken = isTaken(std::clamp(restUs(worked) - rested, kLeastPauseUs, kPauseUs));
   }
   sinceUs_ = monotonicUs();
 }

@@ -111,9 +111,9 @@ bool RestoreTarget::hasRoomFor(const ArchiveLine& recording) {
   CardInfo info;
   if (info.read(deviceName(kRecorderPartition), &error_) != 0) return false;
   const bool sound = recording.media == "sound";
-  const uint64_t pieces =
-      sound ? static_cast<uint64_t>((recording.endMs - recording.startMs) / kLeastBlockMs + 1)
-            : recording.pictures;
+  const auto blocks = static_cast<uint64_t>(
+      std::max<int64_t>(recording.endMs - recording.startMs, 0) / kLeastBlockMs + 1);
+  const uint64_t pieces = sound ? std::min(blocks, recording.bytes) : recording.pictures;
   const uint64_t bytes = recording.bytes + pieces * kStampBytes + kSpareBytes;
   const uint64_t entries = (pieces + 1) * kRecordSize;
   const uint64_t chunkBytes = info.family(kFileStream).chunkSize;

@@ -10,6 +10,7 @@
 #include "api/Version.h"
 #include "db/DbRecordFormat.h"
 #include "fat/ChunkFiles.h"
+#include "media/RunError.h"
 #include "media/evidence/EvidenceFolder.h"
 #include "media/evidence/EvidenceReadme.h"
 #include "media/evidence/FinishedParts.h"
@@ -54,13 +55,11 @@ void movePaths(const std::string& from, const std::string& to, ExportedChannel* 
 
 }  // namespace
 
-class EvidenceExporter::Impl {
+class EvidenceExporter::Impl : public RunError {
  public:
   explicit Impl(const EvidenceRequest& request)
       : request_(request), folder_(request.folder), parts_(folder_.part()) {}
   bool run(const StopAsked& stopAsked);
-  bool failForMemory();
-  const char* error() const { return noMemory_ ? kErrNoMemory : error_.c_str(); }
   const std::vector<ExportedChannel>& channels() const { return exported_; }
   const std::vector<std::string>& missing() const { return missing_; }
   bool beganAnew() const { return folder_.foundLeft() && kept_ == 0; }
@@ -68,7 +67,6 @@ class EvidenceExporter::Impl {
   bool leavesParts() const { return left_; }
 
  private:
-  bool fail(const std::string& text);
   bool prepare();
   bool make(const ExportSelection& selection);
   void choosePeriod(const ExportSelection& selection);
@@ -99,19 +97,7 @@ class EvidenceExporter::Impl {
   std::vector<ReportedProof> proofs_;
   std::vector<ExportedChannel> exported_;
   std::vector<std::string> missing_;
-  std::string error_;
-  bool noMemory_ = false;
 };
-
-bool EvidenceExporter::Impl::fail(const std::string& text) {
-  error_ = text;
-  return false;
-}
-
-bool EvidenceExporter::Impl::failForMemory() {
-  noMemory_ = true;
-  return false;
-}
 
 // What does not do is told before anything is made.
 bool EvidenceExporter::Impl::prepare() {
@@ -330,7 +316,7 @@ bool EvidenceExporter::Impl::make(const ExportSelection& selection) {
 
 bool EvidenceExporter::Impl::run(const StopAsked& stopAsked) {
   stopAsked_ = stopAsked;
-  if (noMemory_ || !prepare()) return false;
+  if (lacksMemory() || !prepare()) return false;
   ExportSelection selection(request_.what);
   if (!selection.choose(stopAsked_)) return fail(selection.error());
   choosePeriod(selection);

@@ -10,7 +10,10 @@
 #include <filesystem>
 #include <fstream>
 
+#include "base/FileSync.h"
+#include "base/FolderNames.h"
 #include "media/OutputFile.h"
+#include "media/RemoveTree.h"
 #include "media/evidence/FinishedParts.h"
 #include "recorder/card/CardText.h"
 
@@ -36,13 +39,14 @@ bool isEvidence(const std::string& folder) {
 }
 
 bool isOfARun(const std::string& folder) {
-  std::error_code ignored;
-  return isThere(folder + "/" + kMark) || isEvidence(folder) || fs::is_empty(folder, ignored);
+  std::vector<std::string> names;
+  return isThere(folder + "/" + kMark) || isEvidence(folder) ||
+         (folderNames(folder.c_str(), &names) == 0 && names.empty());
 }
 
 bool syncOne(const std::string& path) {
   const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  return file.valid() && fsync(file.get()) == 0;
+  return file.valid() && syncFile(file.get()) == 0;
 }
 
 std::string withoutSlashes(std::string path) {
@@ -58,8 +62,7 @@ EvidenceFolder::EvidenceFolder(const std::string& path)
 EvidenceFolder::~EvidenceFolder() { abandon(); }
 
 void EvidenceFolder::abandon() {
-  std::error_code ignored;
-  if (begun_) fs::remove_all(part_, ignored);
+  if (begun_) removeTree(part_);
   begun_ = false;
 }
 
@@ -93,16 +96,20 @@ bool EvidenceFolder::mark() {
 }
 
 bool EvidenceFolder::clear() {
-  std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(part_, error)) {
-    const std::string name = entry.path().filename().string();
-    if (name == kMark || name == FinishedParts::kName || (name == kVideo && entry.is_directory()))
+  std::vector<std::string> names;
+  const int reading = folderNames(part_.c_str(), &names);
+  if (reading != 0) return failFor("read " + part_, reading);
+  for (const std::string& name : names) {
+    const std::string path = pathOf(name);
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) return failFor("read " + path, errno);
+    if (name == kMark || name == FinishedParts::kName ||
+        (name == kVideo && S_ISDIR(status.st_mode)))
       continue;
-    std::error_code removing;
-    fs::remove_all(entry.path(), removing);
-    if (removing) return failFor("remove " + entry.path().string(), removing.value());
+    const int removing = tryRemoveTree(path);
+    if (removing != 0) return failFor("remove " + path, removing);
   }
-  return !error || failFor("read " + part_, error.value());
+  return true;
 }
 
 bool EvidenceFolder::begin(bool overwrite) {
@@ -132,11 +139,12 @@ bool EvidenceFolder::write(const std::string& name, const std::string& text) {
 
 // Folders behind what is in them.
 bool EvidenceFolder::syncAll() {
-  std::error_code error;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(part_, error)) {
-    if (!syncOne(entry.path().string())) return failFor("write " + entry.path().string(), errno);
+  std::vector<std::string> paths;
+  const int reading = pathsBelow(part_, &paths);
+  if (reading != 0) return failFor("read " + part_, reading);
+  for (auto path = paths.rbegin(); path != paths.rend(); ++path) {
+    if (!syncOne(pathOf(*path))) return failFor("write " + pathOf(*path), errno);
   }
-  if (error) return failFor("read " + part_, error.value());
   return syncOne(part_) || failFor("write " + part_, errno);
 }
 

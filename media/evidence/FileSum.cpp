@@ -1,20 +1,19 @@
 #include "media/evidence/FileSum.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 
+#include "base/FolderNames.h"
 #include "base/UniqueFd.h"
 #include "media/seal/Crypto.h"
 #include "recorder/card/CardText.h"
 
 namespace tarn {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr size_t kBlockBytes = size_t{256} * 1024;
 
@@ -62,16 +61,19 @@ bool sumFile(const std::string& folder, const std::string& name, const StopAsked
 
 bool sumFolder(const std::string& folder, const StopAsked& stopAsked, std::vector<FileSum>* sums,
                std::string* error) {
-  std::error_code code;
-  std::vector<std::string> names;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder, code)) {
-    const std::string name = entry.path().filename().string();
-    if (entry.is_regular_file(code) && name.front() != '.')
-      names.push_back(entry.path().lexically_relative(folder).string());
-  }
-  if (code) {
-    *error = "cannot read " + folder + ": " + code.message();
+  std::vector<std::string> paths;
+  const int reading = pathsBelow(folder, &paths);
+  if (reading != 0) {
+    *error = errnoText("cannot read " + folder, reading);
     return false;
+  }
+  std::vector<std::string> names;
+  for (const std::string& path : paths) {
+    struct stat status = {};
+    const std::string whole = inFolder(folder, path);
+    if (whole[whole.rfind('/') + 1] == '.') continue;
+    if (stat(whole.c_str(), &status) == 0 ? S_ISREG(status.st_mode) : errno != ENOENT)
+      names.push_back(path);  // its bytes are an error, too, where the card does not give them
   }
   std::sort(names.begin(), names.end());
   return std::all_of(names.begin(), names.end(), [&](const std::string& name) {

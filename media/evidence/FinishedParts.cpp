@@ -9,7 +9,10 @@
 #include <fstream>
 #include <set>
 
+#include "base/FileSync.h"
+#include "base/FolderNames.h"
 #include "base/UniqueFd.h"
+#include "media/RemoveTree.h"
 #include "media/evidence/ExportedJson.h"
 #include "recorder/card/CardText.h"
 
@@ -37,7 +40,7 @@ bool isVideo(const std::string& name) {
 
 bool sync(const std::string& path) {
   const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  return file.valid() && fsync(file.get()) == 0;
+  return file.valid() && syncFile(file.get()) == 0;
 }
 
 }  // namespace
@@ -80,15 +83,15 @@ bool FinishedParts::removeStrange() {
   for (const auto& part : parts_) {
     for (const FileSum& sum : part.second.sums) known.insert(sum.name);
   }
-  std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(folder_ + "/" + kVideo, error)) {
-    const std::string name = entry.path().lexically_relative(folder_).string();
-    std::error_code removing;
-    if (known.count(name) == 0) fs::remove_all(entry.path(), removing);
-    if (removing)
-      return fail(errnoText("cannot remove " + entry.path().string(), removing.value()));
+  std::vector<std::string> names;
+  const int reading = folderNames((folder_ + "/" + kVideo).c_str(), &names);
+  if (reading != 0) return fail(errnoText("cannot read " + folder_ + "/" + kVideo, reading));
+  for (const std::string& one : names) {
+    const std::string name = std::string(kVideo) + "/" + one;
+    const int removing = known.count(name) == 0 ? tryRemoveTree(folder_ + "/" + name) : 0;
+    if (removing != 0) return fail(errnoText("cannot remove " + folder_ + "/" + name, removing));
   }
-  return !error || fail(errnoText("cannot read " + folder_ + "/" + kVideo, error.value()));
+  return true;
 }
 
 // How many bytes of what a run told are whole lines.
@@ -138,9 +141,10 @@ bool FinishedParts::append(const std::string& line) {
   const std::string path = folder_ + "/" + kName;
   const UniqueFd file(
       ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0666));
-  const bool good = file.valid() && ::write(file.get(), line.data(), line.size()) ==
-                                        static_cast<ssize_t>(line.size());
-  return (good && fsync(file.get()) == 0) || fail(errnoText("cannot write " + path, errno));
+  const bool good =
+      file.valid() && TEMP_FAILURE_RETRY(::write(file.get(), line.data(), line.size())) ==
+                          static_cast<ssize_t>(line.size());
+  return (good && syncFile(file.get()) == 0) || fail(errnoText("cannot write " + path, errno));
 }
 
 bool FinishedParts::add(int channel, const std::string& of,

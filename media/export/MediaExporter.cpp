@@ -11,6 +11,7 @@
 
 #include "media/MediaOutput.h"
 #include "media/OutputFormat.h"
+#include "media/RunError.h"
 #include "media/export/ChannelTracks.h"
 #include "media/export/ExportSelection.h"
 #include "media/export/TrackTurns.h"
@@ -41,7 +42,7 @@ int64_t longestGap(const std::vector<DB_STREAM>& rows, bool sound) {
 
 }  // namespace
 
-class MediaExporter::Impl {
+class MediaExporter::Impl : public RunError {
  public:
   explicit Impl(const ExportRequest& request) : request_(request) {}
   void seal(const SealRequest& seal) { seal_ = seal; }
@@ -52,15 +53,12 @@ class MediaExporter::Impl {
     finished_ = std::move(finished);
   }
   bool run(const StopAsked& stopAsked);
-  bool failForMemory();
-  const char* error() const { return noMemory_ ? kErrNoMemory : error_.c_str(); }
   const std::vector<ExportedChannel>& channels() const { return exported_; }
 
  private:
   using Sources = std::vector<ExportStatement::Source>;
   using Channels = std::vector<ChannelTracks*>;
 
-  bool fail(const std::string& text);
   bool exportFiles();
   bool exportTracks();
   bool loadKey();
@@ -84,19 +82,7 @@ class MediaExporter::Impl {
   std::list<ChannelTracks> channels_;  // in the order of their numbers
   int64_t longestGapUs_ = 0;           // between two recordings of one of them
   std::vector<ExportedChannel> exported_;
-  std::string error_;
-  bool noMemory_ = false;
 };
-
-bool MediaExporter::Impl::fail(const std::string& text) {
-  error_ = text;
-  return false;
-}
-
-bool MediaExporter::Impl::failForMemory() {
-  noMemory_ = true;
-  return false;
-}
 
 // NAME.mp4, of several channels NAME-chN.mp4; where the format changes NAME-2.mp4, NAME-chN-2.mp4.
 std::string MediaExporter::Impl::pathOf(int channel, int number) const {
@@ -251,7 +237,7 @@ bool MediaExporter::Impl::exportTracks() {
 
 bool MediaExporter::Impl::run(const StopAsked& stopAsked) {
   stopAsked_ = stopAsked;
-  if (noMemory_ || !loadKey()) return false;
+  if (lacksMemory() || !loadKey()) return false;
   ExportSelection selection(request_);
   if (!selection.choose(stopAsked_)) return fail(selection.error());
   for (const auto& [channel, rows] : selection.rowsOfChannels()) {

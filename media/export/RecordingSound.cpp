@@ -6,6 +6,8 @@
 #include <iterator>
 #include <set>
 
+#include "recorder/recording/SoundFormat.h"
+
 namespace tarn {
 namespace {
 
@@ -20,6 +22,12 @@ int64_t endOf(const DB_STREAM& row) {
 
 bool lieApart(const DB_STREAM& a, const DB_STREAM& b) {
   return endOf(a) - kSeamMs <= startOf(b) || endOf(b) - kSeamMs <= startOf(a);
+}
+
+// Whether it only reaches into the pictures from what was recorded before, coded in another way than
+// their own: no file would have a track for both.
+bool isFormer(const DB_STREAM& row, const DB_STREAM& pictures, const DB_STREAM& own) {
+  return soundCodecOf(row) != soundCodecOf(own) && endOf(row) - kSeamMs <= startOf(pictures);
 }
 
 }  // namespace
@@ -37,7 +45,8 @@ std::vector<DB_STREAM> soundOfRecording(const DB_STREAM& pictures,
   std::set<uint32_t> keys;
   for (const DB_STREAM& row : nearest) {
     const auto apart = [&](const DB_STREAM& one) { return lieApart(one, row); };
-    if (!std::all_of(own.begin(), own.end(), apart)) continue;
+    if (!std::all_of(own.begin(), own.end(), apart) || isFormer(row, pictures, nearest.front()))
+      continue;
     own.push_back(row);
     keys.insert(row.streamID);
   }

@@ -20,6 +20,7 @@ SoundExport::SoundExport(std::vector<DB_STREAM> rows, PictureTime from, PictureT
     : rows_(std::move(rows)), from_(from), to_(to) {}
 
 void SoundExport::beginWith(PictureTime picture) {
+  picture_ = picture;
   const PictureTime lead = PictureTime::fromMicros(picture.totalMicros() - kLeadUs);
   // Sound that was recorded before the first picture of the period stays in it.
   const bool all = from_.totalMicros() == 0;
@@ -119,7 +120,42 @@ SoundTotals SoundExport::closeFile() {
   return closed;
 }
 
-ExportTrack::Result SoundExport::next() {
+// Where the sound takes another format right beside the first picture: there it is the pictures'
+// own. None where it begins well before them, and that was asked for.
+std::optional<SoundExport::Place> SoundExport::ownBeginning() const {
+  const int64_t picture = picture_->totalMicros();
+  SoundExport ahead(rows_, from_, to_);
+  std::optional<Place> place;
+  while (ahead.nextFrame() == Result::kPiece && ahead.decodeUs() <= picture + kLeadUs) {
+    const OutputSound& sound = ahead.sound_;
+    if (ahead.decodeUs() + lengthOf(sound.samples, sound.format) < picture - kLeadUs) break;
+    if (!ahead.beginsFile()) continue;
+    place = {ahead.row_, sound.time};
+    ahead.closeFile();
+  }
+  return place;
+}
+
+bool SoundExport::isBefore(const Place& place) const {
+  return row_ < place.row || (row_ == place.row && sound_.time < place.time);
+}
+
+ExportTrack::Result SoundExport::begin() {
+  const std::optional<Place> own = ownBeginning();
+  picture_.reset();
+  Result result = nextFrame();
+  if (!own || result != Result::kPiece) return result;
+  while (result == Result::kPiece && isBefore(*own)) result = nextFrame();
+  // What could not be read may have been theirs.
+  const uint64_t lost = totals_.lost;
+  closeFile();
+  totals_.lost = before_.lost = lost;
+  return result;
+}
+
+ExportTrack::Result SoundExport::next() { return picture_ ? begin() : nextFrame(); }
+
+ExportTrack::Result SoundExport::nextFrame() {
   for (atEnd_ = false;;) {
     while (frame_ < block_.frames().size()) {
       const SoundFrame& frame = block_.frames()[frame_++];

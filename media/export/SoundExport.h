@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "base/Export.h"
@@ -24,7 +25,9 @@ class TARN_API SoundExport : public ExportTrack {
   // begin behind `to` are left out.
   SoundExport(std::vector<DB_STREAM> rows, PictureTime from, PictureTime to);
 
-  // Before the first next(): the pictures begin there. Some sound in front of them comes along.
+  // Before the first next(): the pictures begin there. Some sound in front of them comes along. What
+  // only reaches into them from the recording before, coded in another way, does not: a track that
+  // began with it could not take what is their own.
   void beginWith(PictureTime picture);
   Result next() override;
   int64_t decodeUs() const override { return sound_.time.totalMicros(); }
@@ -51,6 +54,15 @@ class TARN_API SoundExport : public ExportTrack {
   bool wasRefused() const { return refused_; }
 
  private:
+  // A frame's place: its row, then its time.
+  struct Place {
+    size_t row = 0;
+    PictureTime time;
+  };
+  Result nextFrame();
+  Result begin();
+  std::optional<Place> ownBeginning() const;
+  bool isBefore(const Place& place) const;
   bool openRow();
   void skipEarlier();
   bool readBlock();
@@ -63,6 +75,7 @@ class TARN_API SoundExport : public ExportTrack {
   const std::vector<DB_STREAM> rows_;
   PictureTime from_;
   const PictureTime to_;
+  std::optional<PictureTime> picture_;  // the first one, until the first frame was read
   size_t row_ = 0;
   uint32_t index_ = 0;  // of the next block in it
   size_t frame_ = 0;    // next one of the block at hand

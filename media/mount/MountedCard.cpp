@@ -135,7 +135,8 @@ int MountedCard::list(uint64_t folder, std::shared_ptr<const MountTree>* tree,
   return *names != nullptr ? 0 : ESTALE;
 }
 
-int MountedCard::open(uint64_t number) {
+int MountedCard::open(uint64_t number, bool* same) {
+  if (same != nullptr) *same = false;
   const MountId id = MountId::of(number);
   if (id.isFolder()) return EISDIR;
   int error = refresh(true);
@@ -157,7 +158,18 @@ int MountedCard::open(uint64_t number) {
     growing_.erase(number);
   }
   ++at->second.users;
+  if (same != nullptr && !id.runs()) *same = isAsBefore(number, *at->second.movie);
   return 0;
+}
+
+bool MountedCard::isAsBefore(uint64_t number, const MountedMovie& movie) {
+  const uint64_t now = movie.signature();
+  const auto before = signatures_.try_emplace(number, now);
+  if (before.second || before.first->second != now) {
+    before.first->second = now;
+    return false;
+  }
+  return true;
 }
 
 void MountedCard::close(uint64_t number) {

@@ -40,8 +40,9 @@ class TARN_API MountedCard {
   int attributes(uint64_t number, MountAttributes* out);
   // The names of a folder at this moment.
   int list(uint64_t folder, std::shared_ptr<const MountTree>* tree, const MountFolder** names);
-  // Each open is closed once.
-  int open(uint64_t number);
+  // Each open is closed once. *same: whether its bytes are those that it had when it was open the
+  // last time, so that what was kept of them is still good.
+  int open(uint64_t number, bool* same = nullptr);
   void close(uint64_t number);
   // Bytes of an open movie, fewer at its end; their number in *done.
   int read(uint64_t number, uint64_t offset, size_t size, uint8_t* out, size_t* done);
@@ -65,6 +66,7 @@ class TARN_API MountedCard {
   bool planRecording(const ServedRecording& one, MoviePlan* plan);
   bool planEvent(const DB_EVENT& event, uint8_t channel, MoviePlan* plan);
   bool isThere(const MountedMovie& movie) const;
+  bool isAsBefore(uint64_t number, const MountedMovie& movie);
   void dropUnused();
 
   const std::optional<int> channel_;
@@ -76,6 +78,7 @@ class TARN_API MountedCard {
   std::map<uint64_t, uint64_t> sizes_;     // of movies that never change again
   std::map<uint64_t, MoviePlan> growing_;  // of those that do, as they were looked up last
   std::map<uint64_t, Open> open_;
+  std::map<uint64_t, uint64_t> signatures_;  // of movies that were open and do not grow
   uint64_t uses_ = 0;
   std::string error_;
 };

@@ -2,17 +2,21 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
+#include <string>
 
 #include "media/export/ExportTrack.h"
 #include "media/export/SoundExport.h"
 #include "media/export/TrackTurns.h"
 #include "media/mount/SampleBytes.h"
+#include "media/serve/KeyFormat.h"
 
 namespace tarn {
 namespace {
 
 constexpr uint32_t kSound = 0x80000000;  // of a piece's source: a block of sound
 constexpr size_t kBoxHeader = 8;
+constexpr size_t kGap = 1;  // in front of another format; the picture before it has less room
 constexpr uint8_t kFreeBox[] = {'f', 'r', 'e', 'e'};
 
 }  // namespace
@@ -20,13 +24,14 @@ constexpr uint8_t kFreeBox[] = {'f', 'r', 'e', 'e'};
 // Pictures by their entries alone: as long as they will be, and holding nothing.
 class MountedMovie::Pictures : public ExportTrack {
  public:
-  Pictures(const std::vector<Source>& sources, const OutputPicture& first)
-      : sources_(sources), first_(first) {}
+  Pictures(const MountedMovie& movie, const OutputPicture& first)
+      : movie_(movie), sources_(movie.pictures_), first_(first) {}
 
   Result next() override {
     if (++next_ > sources_.size()) return Result::kEnd;
     const PictureEntry& entry = sources_[next_ - 1].entry;
-    picture_.annexB.resize(entry.size + size_t{MoviePlan::kSampleRoom});
+    const size_t gap = movie_.endsRun(index()) ? kGap : 0;
+    picture_.annexB.resize(entry.size + MoviePlan::kSampleRoom - gap);
     picture_.presentation = entry.presentation;
     picture_.decodeOffsetUs = entry.decodeOffsetUs;
     picture_.key = entry.isKey();
@@ -44,6 +49,7 @@ class MountedMovie::Pictures : public ExportTrack {
   uint32_t index() const { return static_cast<uint32_t>(next_ - 1); }
 
  private:
+  const MountedMovie& movie_;
   const std::vector<Source>& sources_;
   const OutputPicture& first_;
   size_t next_ = 0;
@@ -67,9 +73,32 @@ bool MountedMovie::gather(uint32_t part, bool* waitForKey) {
     const bool known = reader.picture(index, &source.entry);
     if (!known && reader.wasRefused()) return fail(name + " is not delivered by the card now");
     *waitForKey = !known || (*waitForKey && !source.entry.isKey());
-    if (!*waitForKey) pictures_.push_back(source);
+    if (*waitForKey) continue;
+    pictures_.push_back(source);
+    if (source.entry.isKey()) noteFormat(&reader, index);
   }
   return true;
+}
+
+// As an export judges it. A key picture that the card does not give now counts as one like those
+// before it: its own bytes are refused when they are asked for, and those of the others are not.
+void MountedMovie::noteFormat(RecordingReader* reader, uint32_t index) {
+  std::vector<uint8_t> sequence;
+  if (!KeyFormat::sequenceOf(reader, index, &sequence) || sequence.empty()) return;
+  if (!formats_.empty() && sequence == sequences_[formats_.back().description]) return;
+  const auto known = std::find(sequences_.begin(), sequences_.end(), sequence);
+  const auto description = static_cast<uint32_t>(known - sequences_.begin());
+  if (known == sequences_.end()) sequences_.push_back(sequence);
+  // What the first picture says, or those without sets in front of the first that has them.
+  const auto picture = static_cast<uint32_t>(formats_.empty() ? 0 : pictures_.size() - 1);
+  formats_.push_back({picture, description});
+}
+
+bool MountedMovie::endsRun(uint32_t picture) const {
+  const auto next = std::upper_bound(
+      formats_.begin(), formats_.end(), picture,
+      [](uint32_t place, const FormatStart& start) { return place < start.picture; });
+  return next != formats_.end() && next->picture == picture + 1;
 }
 
 int64_t MountedMovie::longestGapUs() const {
@@ -81,15 +110,27 @@ int64_t MountedMovie::longestGapUs() const {
   return longest;
 }
 
-bool MountedMovie::readFirst(OutputPicture* first) {
-  if (pictures_.empty()) return plan_.parts.empty() || fail("there is no key picture");
-  const PictureEntry& entry = pictures_.front().entry;
-  first->presentation = entry.presentation;
-  first->decodeOffsetUs = entry.decodeOffsetUs;
-  first->key = true;
-  if (!loadSource(pictures_.front(), false)) return false;
-  first->annexB = source_;
+bool MountedMovie::readPicture(uint32_t picture, OutputPicture* out) {
+  const PictureEntry& entry = pictures_[picture].entry;
+  out->presentation = entry.presentation;
+  out->decodeOffsetUs = entry.decodeOffsetUs;
+  out->key = true;
+  if (!loadSource(pictures_[picture], false)) return false;
+  out->annexB = source_;
   return true;
+}
+
+bool MountedMovie::describeFormats(MovieHead* head) {
+  std::vector<std::vector<uint8_t>> others;
+  for (size_t i = 1; i < formats_.size(); ++i) {
+    if (formats_[i].description != others.size() + 1) continue;
+    OutputPicture first;
+    std::string error;
+    if (!readPicture(formats_[i].picture, &first)) return false;
+    others.push_back(sampleEntryOf(first, plan_.quickTime, &error));
+    if (others.back().empty()) return fail(error);
+  }
+  return formats_.size() < 2 || head->describeFormats(others, formats_) || fail(head->error());
 }
 
 // The source of the frame at hand.
@@ -105,7 +146,7 @@ uint32_t MountedMovie::noteFrame(const SoundExport& sound) {
 
 // Sound that no movie of its kind holds is left out.
 bool MountedMovie::lay(MovieHead* head, const OutputPicture& first) {
-  Pictures pictures(pictures_, first);
+  Pictures pictures(*this, first);
   SoundExport sound(plan_.sound, plan_.soundFrom, plan_.soundTo);
   if (!pictures_.empty()) sound.beginWith(first.presentation);
   std::vector<ExportTrack*> tracks;
@@ -127,6 +168,7 @@ bool MountedMovie::layPieces(const std::vector<ExportTrack*>& tracks, const Pict
     const bool heard = &turns.piece() == sound;
     // A track has one format: what another one has is left out.
     if (!heard || !sound->beginsFile()) {
+      if (!heard && pictures->index() > 0 && endsRun(pictures->index() - 1)) head->leaveGap();
       head->nextIs(heard ? noteFrame(*sound) : pictures->index());
       if (!turns.piece().write(head, turns.track())) return fail(head->error());
     }
@@ -145,12 +187,26 @@ bool MountedMovie::make(const MoviePlan& plan) {
   }
   OutputPicture first;
   MovieHead head;
-  if (!readFirst(&first) || !lay(&head, first)) return false;
+  if (pictures_.empty() && !plan_.parts.empty()) return fail("there is no key picture");
+  if (!pictures_.empty() && !readPicture(0, &first)) return false;
+  if (!lay(&head, first) || !describeFormats(&head)) return false;
   head_ = head.head();
   pieces_ = head.pieces();
   dataEnd_ = head.dataEnd();
   const bool fits = dataEnd_ + kBoxHeader <= size();
   return fits || fail("the movie is larger than its entries told");
+}
+
+// The head says where every byte of these recordings lies.
+uint64_t MountedMovie::signature() const {
+  std::string all(head_.begin(), head_.end());
+  const auto add = [&all](const DB_STREAM& row) {
+    for (const uint32_t number : {row.streamID, row.chunkID, row.chunkOffset})
+      all += std::to_string(number) + " ";
+  };
+  for (const MoviePart& part : plan_.parts) add(part.row);
+  for (const DB_STREAM& row : plan_.sound) add(row);
+  return std::hash<std::string>()(all);
 }
 
 // The bytes of a picture or block into source_. One reader is kept: reading goes on in its
@@ -168,8 +224,10 @@ bool MountedMovie::loadSource(const Source& source, bool sound) {
       return fail(name + " cannot be read");
     }
   }
-  return reader_->readPicture(source.entry, &source_) ||
-         fail(name + " is not delivered by the card now");
+  // Damaged ones are given as they lie on the card: nobody asks for their checksums.
+  PictureEntry entry = source.entry;
+  entry.checksum = 0;
+  return reader_->readPicture(entry, &source_) || fail(name + " is not delivered by the card now");
 }
 
 bool MountedMovie::loadPiece(size_t index) {
@@ -203,8 +261,13 @@ bool MountedMovie::readPiece(uint64_t at, size_t size, uint8_t* out, size_t* don
   const auto index = static_cast<size_t>(behind - pieces_.begin()) - 1;
   if (!loadPiece(index)) return false;
   const auto inside = static_cast<size_t>(at - pieces_[index].at);
-  *done = std::min(size, bytes_.size() - inside);
-  memcpy(out, bytes_.data() + inside, *done);
+  // Behind it may be a gap.
+  *done = inside < bytes_.size() ? std::min(size, bytes_.size() - inside) : 1;
+  if (inside < bytes_.size()) {
+    memcpy(out, bytes_.data() + inside, *done);
+  } else {
+    *out = 0;
+  }
   return true;
 }
 

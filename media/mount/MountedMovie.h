@@ -28,6 +28,8 @@ class MountedMovie {
   // not give them. Whether the recordings are still there is the caller's to look, behind it.
   bool read(uint64_t at, size_t size, uint8_t* out);
   const MoviePlan& plan() const { return plan_; }
+  // Two movies that have the same one are the same, byte for byte.
+  uint64_t signature() const;
   const std::string& error() const { return error_; }
 
  private:
@@ -45,7 +47,10 @@ class MountedMovie {
 
   bool fail(const std::string& text);
   bool gather(uint32_t part, bool* waitForKey);
-  bool readFirst(OutputPicture* first);
+  void noteFormat(RecordingReader* reader, uint32_t index);
+  bool endsRun(uint32_t picture) const;
+  bool readPicture(uint32_t picture, OutputPicture* out);
+  bool describeFormats(MovieHead* head);
   uint32_t noteFrame(const SoundExport& sound);
   bool lay(MovieHead* head, const OutputPicture& first);
   bool layPieces(const std::vector<ExportTrack*>& tracks, const Pictures* pictures,
@@ -58,6 +63,8 @@ class MountedMovie {
 
   MoviePlan plan_;
   std::vector<Source> pictures_;
+  std::vector<std::vector<uint8_t>> sequences_;  // parameter sets, of each description
+  std::vector<FormatStart> formats_;
   std::vector<Source> blocks_;
   std::vector<Place> places_;
   std::vector<uint8_t> head_;

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <string>
 
-#include "media/FragmentedMovie.h"
 #include "media/MovieMuxer.h"
+#include "media/mount/MovieFormats.h"
 
 namespace tarn {
 namespace {
@@ -16,23 +16,15 @@ constexpr size_t kBoxHeader = 8;
 // Ticks of a second: no two pictures may be more than 31 bits of them apart.
 constexpr int64_t kTicks[] = {1000000, 90000, 1000};
 
-// How the decoder is set up, in the form in which samples have lengths and no start codes: as the
-// beginning of a movie of the same pictures says it. Empty where the picture tells nothing.
-std::vector<uint8_t> decoderOf(const OutputPicture& first, std::string* error) {
-  std::vector<uint8_t> bytes;
-  FragmentedMovie movie;
-  const bool made = movie.open({},
-                               [&bytes](const uint8_t* data, size_t size) {
-                                 bytes.insert(bytes.end(), data, data + size);
-                                 return true;
-                               }) &&
-                    movie.describe(0, first) && movie.begin();
-  *error = movie.error();
-  const auto box = std::search(bytes.begin(), bytes.end(), kDecoderBox, kDecoderBox + 4);
-  if (!made || box == bytes.end() || box - bytes.begin() < 4) return {};
+// How the decoder is set up, in the form in which samples have lengths and no start codes. Empty
+// where the picture tells nothing.
+std::vector<uint8_t> decoderOf(const OutputPicture& first, bool quickTime, std::string* error) {
+  const std::vector<uint8_t> entry = sampleEntryOf(first, quickTime, error);
+  const auto box = std::search(entry.begin(), entry.end(), kDecoderBox, kDecoderBox + 4);
+  if (box == entry.end() || box - entry.begin() < 4) return {};
   size_t size = 0;
   for (int i = -4; i < 0; ++i) size = size << 8 | box[i];
-  if (size < kBoxHeader || size - 4 > static_cast<size_t>(bytes.end() - box)) return {};
+  if (size < kBoxHeader || size - 4 > static_cast<size_t>(entry.end() - box)) return {};
   return {box + 4, box + static_cast<ptrdiff_t>(size) - 4};
 }
 
@@ -49,6 +41,12 @@ class MovieHead::File : public MovieMuxer {
     dataSize_ = size;
   }
   void nextIs(uint32_t source) { source_ = source; }
+  void leaveGap();
+  bool describeFormats(const std::vector<std::vector<uint8_t>>& others,
+                       const std::vector<FormatStart>& starts) {
+    return tarn::describeFormats(others, starts, &head_) ||
+           fail("its pictures change their format more often than a head has room for: export it");
+  }
 
   const std::vector<uint8_t>& head() const { return head_; }
   const std::vector<Piece>& pieces() const { return pieces_; }
@@ -113,7 +111,7 @@ bool MovieHead::File::open(const Layout& layout) {
 
 bool MovieHead::File::setDecoder(const OutputPicture& first) {
   std::string error;
-  decoder_ = decoderOf(first, &error);
+  decoder_ = decoderOf(first, layout_.quickTime, &error);
   return !decoder_.empty() || fail(error.empty() ? "the decoder is not described" : error);
 }
 
@@ -168,6 +166,12 @@ bool MovieHead::File::put(AVPacket* packet) {
   return fail("the movie's data do not lie where they were put");
 }
 
+void MovieHead::File::leaveGap() {
+  avio_w8(io_.get(), 0);
+  avio_flush(io_.get());
+  ++dataEnd_;
+}
+
 bool MovieHead::File::end() {
   if (!begun()) return fail("there is nothing to show");
   const int result = av_write_trailer(muxer());
@@ -194,6 +198,13 @@ bool MovieHead::describe(size_t track, const OutputSound& first) {
 }
 
 void MovieHead::nextIs(uint32_t source) { file_->nextIs(source); }
+
+void MovieHead::leaveGap() { file_->leaveGap(); }
+
+bool MovieHead::describeFormats(const std::vector<std::vector<uint8_t>>& others,
+                                const std::vector<FormatStart>& starts) {
+  return told(file_->describeFormats(others, starts));
+}
 
 bool MovieHead::write(const OutputPicture& picture, size_t track) {
   file_->pieceIs(picture.annexB.data(), picture.annexB.size());

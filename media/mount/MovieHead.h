@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "media/MediaOutput.h"
+#include "media/mount/MovieFormats.h"
 
 namespace tarn {
 
@@ -37,12 +38,18 @@ class MovieHead : public MediaOutput {
   void nextIs(uint32_t source);
   bool write(const OutputPicture& picture, size_t track) override;
   bool write(const OutputSound& sound, size_t track) override;
+  // In front of a picture from which on others are decoded in another way: a byte that is
+  // nothing's, so that a place of its own begins.
+  void leaveGap();
   // In place of finish(): there is no file.
   bool end();
+  // Behind end(): as describeFormats() of MovieFormats.h.
+  bool describeFormats(const std::vector<std::vector<uint8_t>>& others,
+                       const std::vector<FormatStart>& starts);
 
   // Behind end().
   const std::vector<uint8_t>& head() const;
-  const std::vector<Piece>& pieces() const;  // back to back behind the head
+  const std::vector<Piece>& pieces() const;  // behind the head, with no more than gaps between them
   uint64_t dataEnd() const;
 
  private:

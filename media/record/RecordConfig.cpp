@@ -2,18 +2,11 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
+
+#include "media/ConfigLines.h"
 
 namespace tarn {
 namespace {
-
-std::string trimmed(const std::string& text) {
-  constexpr char kBlanks[] = " \t\r";
-  const size_t begin = text.find_first_not_of(kBlanks);
-  if (begin == std::string::npos) return "";
-  return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
-}
 
 // A number without anything behind it, within its limits.
 bool parseNumber(const std::string& text, double least, double most, double* out) {
@@ -26,33 +19,21 @@ bool parseNumber(const std::string& text, double least, double most, double* out
   return true;
 }
 
-class ConfigReader {
+class ConfigReader : public ConfigLines {
  public:
   explicit ConfigReader(RecordRequest* request) : request_(request) {}
 
-  // One line. Empty, or what is wrong with it.
-  std::string take(const std::string& line) {
-    // Whoever opens an input stops at such a byte, and would open another one.
-    if (line.find('\0') != std::string::npos) return "this line has a byte 0 in it";
-    const std::string text = trimmed(line);
-    if (text.empty() || text[0] == '#') return "";
-    if (text[0] == '[') return beginSection(text);
-    const size_t equals = text.find('=');
-    if (equals == std::string::npos) return "expected KEY = VALUE or [SECTION]";
-    const std::string key = trimmed(text.substr(0, equals));
-    const std::string value = trimmed(text.substr(equals + 1));
-    if (section_ == Section::kRecording) return setOption(key, value);
-    if (section_ == Section::kChannel) return setInput(key, value);
-    return key + " stands in no section";
+ private:
+  enum class Section { kRecording, kChannel };
+
+  std::string set(const std::string& key, const std::string& value) override {
+    return section_ == Section::kRecording ? setOption(key, value) : setInput(key, value);
   }
 
-  std::string end() const {
+  std::string end() const override {
     if (request_->inputs.empty()) return "there is no [channel N] to record";
     return lacksInput() ? missingInput() : "";
   }
-
- private:
-  enum class Section { kNone, kRecording, kChannel };
 
   bool lacksInput() const {
     return section_ == Section::kChannel && request_->inputs.back().input.empty();
@@ -61,7 +42,7 @@ class ConfigReader {
     return "channel " + std::to_string(request_->inputs.back().channel) + " has no input";
   }
 
-  std::string beginSection(const std::string& text) {
+  std::string begin(const std::string& text) override {
     if (lacksInput()) return missingInput();
     if (text == "[recording]") {
       section_ = Section::kRecording;
@@ -133,30 +114,14 @@ class ConfigReader {
   }
 
   RecordRequest* request_;
-  Section section_ = Section::kNone;
+  Section section_ = Section::kRecording;
   bool standardInput_ = false;
 };
 
 }  // namespace
 
 bool readRecordConfig(const std::string& path, RecordRequest* request, std::string* error) {
-  std::ifstream file(path);
-  if (!file) {
-    *error = "cannot open " + path + ": " + strerror(errno);
-    return false;
-  }
-  ConfigReader reader(request);
-  std::string line;
-  for (unsigned number = 1; std::getline(file, line); ++number) {
-    const std::string wrong = reader.take(line);
-    if (wrong.empty()) continue;
-    *error = path;
-    error->append(":").append(std::to_string(number)).append(": ").append(wrong);
-    return false;
-  }
-  const std::string wrong = file.bad() ? "cannot be read" : reader.end();
-  if (!wrong.empty()) *error = path + ": " + wrong;
-  return wrong.empty();
+  return ConfigReader(request).read(path, error);
 }
 
 }  // namespace tarn

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/FileSync.h"
 #include "media/seal/FileVerifier.h"
 #include "media/seal/SealBoxes.h"
 #include "media/seal/SealWriter.h"
@@ -102,7 +103,8 @@ class PartFile {
   const std::string& part() const { return part_; }
   bool finish(std::string* error) {
     const UniqueFd file(::open(part_.c_str(), O_RDONLY | O_CLOEXEC));
-    done_ = file.valid() && ::fsync(file.get()) == 0 && ::rename(part_.c_str(), path_.c_str()) == 0;
+    done_ =
+        file.valid() && syncFile(file.get()) == 0 && ::rename(part_.c_str(), path_.c_str()) == 0;
     if (!done_) *error = "cannot complete " + path_ + ": " + strerror(errno);
     return done_;
   }
@@ -113,19 +115,21 @@ class PartFile {
   bool done_ = false;
 };
 
-bool copy(SealedFile* from, uint64_t at, uint64_t end, SealWriter* to) {
+bool copy(SealedFile* from, uint64_t at, uint64_t end, const FileProgress& progress,
+          SealWriter* to) {
   std::vector<uint8_t> piece(kPiece);
   while (at < end) {
     const auto size = static_cast<size_t>(std::min<uint64_t>(piece.size(), end - at));
     if (!from->readAt(at, piece.data(), size) || !to->write(piece.data(), size)) return false;
     at += size;
+    if (progress) progress(at, from->size());
   }
   return true;
 }
 
 // "" where every seal of the file holds and there is room for another.
-std::string whyNot(const std::string& path, SealedFile* file) {
-  const FileProof proof = FileVerifier().verify(path);
+std::string whyNot(const std::string& path, const FileProgress& progress, SealedFile* file) {
+  const FileProof proof = FileVerifier().verify(path, progress);
   if (!proof.error.empty()) return proof.error;
   if (!proof.proven()) return "it was changed since it was sealed, and gets no other seal";
   if (file->open(path) != SealedFile::State::kSealed) return file->error();
@@ -136,13 +140,25 @@ std::string whyNot(const std::string& path, SealedFile* file) {
 }  // namespace
 
 bool sealFile(const std::string& path, const SealRequest& request, std::string* error) {
+  return sealFile(path, request, error, {});
+}
+
+bool sealFile(const std::string& path, const SealRequest& request, std::string* error,
+              const FileProgress& progress) {
+  // It is read twice: to see that its seals hold, and for the new one.
+  const FileProgress firstHalf = [&progress](uint64_t done, uint64_t all) {
+    if (progress) progress(done, 2 * all);
+  };
+  const FileProgress secondHalf = [&progress](uint64_t done, uint64_t all) {
+    if (progress) progress(all + done, 2 * all);
+  };
   SealingKey key;
   if (!key.load(request)) {
     *error = key.error();
     return false;
   }
   SealedFile file;
-  *error = whyNot(path, &file);
+  *error = whyNot(path, firstHalf, &file);
   if (!error->empty()) {
     *error = path + ": " + *error;
     return false;
@@ -156,9 +172,9 @@ bool sealFile(const std::string& path, const SealRequest& request, std::string* 
   struct stat info {};
   const bool good = out.create(part.part()) && ::fstat(file.file(), &info) == 0 &&
                     ::fchmod(out.file(), info.st_mode & 0777) == 0 &&
-                    copy(&file, 0, file.metaAt(), &out) &&
+                    copy(&file, 0, file.metaAt(), secondHalf, &out) &&
                     out.write(file.metaAndSeal(seal, &sealAt)) &&
-                    copy(&file, file.behindMeta(), file.size(), &out) &&
+                    copy(&file, file.behindMeta(), file.size(), secondHalf, &out) &&
                     out.sign(&key, file.metaAt() + sealAt + signatureAt);
   if (good) return part.finish(error);
   *error = out.error().empty() ? path + ": " + file.error() : out.error();

@@ -79,7 +79,7 @@ bool FileProof::proven() const {
 class FileVerifier::Impl {
  public:
   bool trust(const std::string& path, std::string* error);
-  FileProof verify(const std::string& path) const;
+  FileProof verify(const std::string& path, const FileProgress& progress) const;
 
  private:
   SealProof prove(const SealedFile::Seal& seal, const Digest::Value& digest,
@@ -136,12 +136,12 @@ SealProof FileVerifier::Impl::prove(const SealedFile::Seal& seal, const Digest::
   return proof;
 }
 
-FileProof FileVerifier::Impl::verify(const std::string& path) const {
+FileProof FileVerifier::Impl::verify(const std::string& path, const FileProgress& progress) const {
   FileProof proof;
   SealedFile file;
   const SealedFile::State state = file.open(path);
   std::vector<Digest::Value> digests;
-  const bool good = state == SealedFile::State::kSealed && file.digests(&digests);
+  const bool good = state == SealedFile::State::kSealed && file.digests(&digests, progress);
   proof.readable = good || state == SealedFile::State::kBroken;
   if (!good) {
     proof.error = file.error();
@@ -174,6 +174,10 @@ FileVerifier::~FileVerifier() = default;
 bool FileVerifier::trust(const std::string& path, std::string* error) {
   return impl_->trust(path, error);
 }
-FileProof FileVerifier::verify(const std::string& path) const { return impl_->verify(path); }
+FileProof FileVerifier::verify(const std::string& path) const { return verify(path, {}); }
+
+FileProof FileVerifier::verify(const std::string& path, const FileProgress& progress) const {
+  return impl_->verify(path, progress);
+}
 
 }  // namespace tarn

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/Export.h"
+#include "media/seal/FileProgress.h"
 
 namespace tarn {
 
@@ -64,6 +65,7 @@ class TARN_API FileVerifier {
   bool trust(const std::string& path, std::string* error);
   // Reads all of the file. Throws std::bad_alloc when memory runs out.
   FileProof verify(const std::string& path) const;
+  FileProof verify(const std::string& path, const FileProgress& progress) const;
 
  private:
   class Impl;

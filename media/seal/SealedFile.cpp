@@ -235,27 +235,29 @@ std::vector<uint8_t> SealedFile::metaAndSeal(const std::vector<uint8_t>& seal,
   return bytes;
 }
 
-bool SealedFile::addFile(uint64_t from, uint64_t to, std::vector<Digest>* digests) {
+bool SealedFile::addFile(uint64_t from, uint64_t to, const FileProgress& progress,
+                         std::vector<Digest>* digests) {
   std::vector<uint8_t> piece(static_cast<size_t>(std::min<uint64_t>(kPiece, to - from)));
   while (from < to) {
     const auto size = static_cast<size_t>(std::min<uint64_t>(piece.size(), to - from));
     if (!readAt(from, piece.data(), size)) return false;
     for (Digest& digest : *digests) digest.add(piece.data(), size);
     from += size;
+    if (progress) progress(from, size_);
   }
   return true;
 }
 
-bool SealedFile::digests(std::vector<Digest::Value>* digests) {
+bool SealedFile::digests(std::vector<Digest::Value>* digests, const FileProgress& progress) {
   std::vector<Digest> each(seals_.size());
-  if (!addFile(0, metaAt_, &each)) return false;
+  if (!addFile(0, metaAt_, progress, &each)) return false;
   for (size_t i = 0; i < each.size(); ++i) {
     std::vector<uint8_t> meta = metaWith(i + 1);
     std::fill_n(meta.begin() + static_cast<std::ptrdiff_t>(seals_[i].signatureAt),
                 seals_[i].signature.size(), uint8_t{0});
     each[i].add(meta.data(), meta.size());
   }
-  if (!addFile(behindMeta(), size_, &each)) return false;
+  if (!addFile(behindMeta(), size_, progress, &each)) return false;
   digests->resize(each.size());
   for (size_t i = 0; i < each.size(); ++i) {
     if (each[i].finish(&(*digests)[i])) continue;

@@ -9,6 +9,7 @@
 #include "base/UniqueFd.h"
 #include "media/seal/BoxReader.h"
 #include "media/seal/Crypto.h"
+#include "media/seal/FileProgress.h"
 #include "media/seal/SealBoxes.h"
 
 namespace tarn {
@@ -39,7 +40,7 @@ class TARN_API SealedFile {
   State open(const std::string& path);
   // For each seal, what it was made over: the file without later seals and with zeros for the
   // signature. Reads the file once. False with error() set.
-  bool digests(std::vector<Digest::Value>* digests);
+  bool digests(std::vector<Digest::Value>* digests, const FileProgress& progress = {});
 
   const std::vector<Seal>& seals() const { return seals_; }
   const ExportStatement& statement() const { return statement_; }
@@ -75,7 +76,8 @@ class TARN_API SealedFile {
   bool readScheme(const BoxReader& box, Seal* seal);
   bool readStarts(const BoxReader& box, Seal* seal) const;
   void readStatement(const BoxReader& box);
-  bool addFile(uint64_t from, uint64_t to, std::vector<Digest>* digests);
+  bool addFile(uint64_t from, uint64_t to, const FileProgress& progress,
+               std::vector<Digest>* digests);
   void setSize(std::vector<uint8_t>* bytes, size_t at, size_t size) const;
 
   UniqueFd file_;

@@ -1,11 +1,15 @@
 #include "media/serve/AccessToken.h"
 
 #include <fcntl.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/sha.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -21,28 +25,25 @@ bool beginsWith(std::string_view text, std::string_view word) {
   return text.size() >= word.size() && strncasecmp(text.data(), word.data(), word.size()) == 0;
 }
 
-int base64Value(char c) {
-  static constexpr std::string_view kDigits =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  const size_t at = kDigits.find(c);
-  return at == std::string_view::npos ? -1 : static_cast<int>(at);
+// "" of what is no base64.
+std::string fromBase64(std::string_view text) {
+  std::string out(text.size() / 4 * 3, '\0');
+  const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                                   reinterpret_cast<const unsigned char*>(text.data()),
+                                   static_cast<int>(text.size()));
+  if (size <= 0) return "";
+  // It takes what fills the last three bytes for zeros.
+  const size_t filling = text.size() - 1 - text.find_last_not_of('=');
+  out.resize(static_cast<size_t>(size) - std::min<size_t>(filling, 2));
+  return out;
 }
 
-// Up to the first thing that is no base64.
-std::string fromBase64(std::string_view text) {
-  std::string out;
-  uint32_t bits = 0;
-  int held = 0;
-  for (char c : text) {
-    const int value = base64Value(c);
-    if (value < 0) break;
-    bits = (bits << 6 | static_cast<uint32_t>(value)) & 0xFFFFFF;
-    held += 6;
-    if (held < 8) continue;
-    held -= 8;
-    out += static_cast<char>(bits >> held & 0xFF);
-  }
-  return out;
+using Digest = std::array<unsigned char, SHA256_DIGEST_LENGTH>;
+
+Digest digestOf(std::string_view text) {
+  Digest digest = {};
+  SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data());
+  return digest;
 }
 
 }  // namespace
@@ -70,14 +71,7 @@ bool AccessToken::read(const std::string& path, std::string* error) {
 }
 
 bool AccessToken::same(std::string_view a, std::string_view b) {
-  // Every byte of `a` counts, whether `b` has one there or not.
-  unsigned differ = a.size() == b.size() ? 0 : 1;
-  for (size_t i = 0; i < a.size(); ++i) {
-    const char other = b.empty() ? '\0' : b[i % b.size()];
-    const volatile unsigned part = static_cast<unsigned>(static_cast<uint8_t>(a[i] ^ other));
-    differ |= part;
-  }
-  return differ == 0;
+  return CRYPTO_memcmp(digestOf(a).data(), digestOf(b).data(), SHA256_DIGEST_LENGTH) == 0;
 }
 
 std::string AccessToken::secretOf(std::string_view authorization) {

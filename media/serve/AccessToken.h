@@ -31,7 +31,8 @@ class TARN_API AccessToken {
   // says nothing is no guess.
   Verdict judge(std::string_view authorization, const std::string& address, int64_t nowMs);
 
-  // Whether two texts are the same, in a time that tells nothing but their lengths.
+  // Whether two texts are the same, in a time that tells neither how much of them is nor, but for
+  // a long one, how long they are.
   static bool same(std::string_view a, std::string_view b);
 
  private:

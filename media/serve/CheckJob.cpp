@@ -1,5 +1,7 @@
 #include "media/serve/CheckJob.h"
 
+#include <utility>
+
 #include "fat/ChunkFiles.h"
 #include "media/serve/RowAnswers.h"
 #include "recorder/card/NoThrow.h"
@@ -46,13 +48,14 @@ bool CheckJob::begin() {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (state_ == State::kRunning || stopped_) return false;
   if (thread_.joinable()) thread_.join();  // it has ended
+  // First: where there is no thread for it, it is not under way.
+  thread_ = std::thread([this] { run(); });
   state_ = State::kRunning;
   done_ = total_ = 0;
   startedUs_ = wallClockUs();
   endedUs_ = 0;
   meaning_.clear();
   findings_ = CardFindings();
-  thread_ = std::thread([this] { run(); });
   return true;
 }
 
@@ -64,7 +67,14 @@ void CheckJob::stop() {
   if (thread_.joinable()) thread_.join();
 }
 
+// What was found may be more than there is memory for, which must not end the server.
 void CheckJob::run() {
+  orNoMemory(
+      "CheckJob", [this] { return look(), 0; },
+      [this] { return end(State::kFailed, kErrMemoryOut, {}), -1; });
+}
+
+void CheckJob::look() {
   CardCheck check;
   CardCheckOptions options;
   options.progress = [this](uint64_t done, uint64_t total) {
@@ -74,14 +84,16 @@ void CheckJob::run() {
     return !stopped_;
   };
   std::string error;
-  const int result = orNoMemory(
-      "CheckJob", [&] { return check.run(deviceName(kRecorderPartition), options, &error); },
-      [&] { return memoryOut(&error); });
+  const bool done = check.run(deviceName(kRecorderPartition), options, &error) == 0;
+  end(done ? State::kDone : State::kFailed, done ? check.meaning() : error, check.findings());
+}
+
+void CheckJob::end(State state, std::string meaning, CardFindings findings) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  state_ = result == 0 ? State::kDone : State::kFailed;
+  state_ = state;
   endedUs_ = wallClockUs();
-  meaning_ = result == 0 ? check.meaning() : error;
-  findings_ = check.findings();
+  meaning_ = std::move(meaning);
+  findings_ = std::move(findings);
 }
 
 void CheckJob::addTo(JsonText* json) const {

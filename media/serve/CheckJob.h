@@ -21,7 +21,7 @@ class TARN_API CheckJob {
   CheckJob(const CheckJob&) = delete;
   CheckJob& operator=(const CheckJob&) = delete;
 
-  // False when one is under way.
+  // False when one is under way. Throws std::system_error when there is no thread for it.
   bool begin();
   void stop();
   // How far it is, and what it found (schema Check of docs/openapi.json).
@@ -31,6 +31,8 @@ class TARN_API CheckJob {
   enum class State { kNone, kRunning, kDone, kFailed };
 
   void run();
+  void look();
+  void end(State state, std::string meaning, CardFindings findings);
   static const char* nameOf(State state);
 
   mutable std::mutex mutex_;

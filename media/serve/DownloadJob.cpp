@@ -1,25 +1,25 @@
 #include "media/serve/DownloadJob.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <utility>
 
-#include "base/Crc32.h"
-#include "base/UniqueFd.h"
+#include "base/FolderNames.h"
 #include "media/MonotonicTime.h"
+#include "media/RemoveTree.h"
+#include "media/serve/FileStream.h"
 #include "recorder/card/NoThrow.h"
 
 namespace tarn {
 namespace {
 
 constexpr uint64_t kLookAtRoom = 64;  // pictures between two looks at how much room there is
-constexpr size_t kBlock = 256 * 1024;
+constexpr int64_t kWaitMs = 200;      // for the card; whoever stops it waits no longer
+constexpr int kMostWaits = 50;
 constexpr char kNoFolder[] = "this server has no place to make it in";
 constexpr char kNoRoom[] = "there is no room to make it in: choose a shorter time";
 constexpr char kUnread[] = "what was made cannot be read again";
@@ -48,8 +48,9 @@ const char* nameOf(DownloadJob::State state) {
 }  // namespace
 
 DownloadJob::DownloadJob(std::string id, std::string place, DownloadRequest request,
-                         DownloadMaker maker)
-    : id_(std::move(id)),
+                         DownloadMaker maker, WritersFirst* writers)
+    : writers_(writers),
+      id_(std::move(id)),
       place_(std::move(place)),
       request_(std::move(request)),
       maker_(std::move(maker)) {
@@ -59,8 +60,7 @@ DownloadJob::DownloadJob(std::string id, std::string place, DownloadRequest requ
 DownloadJob::~DownloadJob() {
   stop();
   if (thread_.joinable()) thread_.join();
-  std::error_code ignored;
-  if (!folder_.empty()) std::filesystem::remove_all(folder_, ignored);
+  if (!folder_.empty()) removeTree(folder_);
 }
 
 bool DownloadJob::begin(std::string* error) {
@@ -100,93 +100,80 @@ bool DownloadJob::hasRoom() const { return freeBytes(folder_) >= freeAtFirst_ / 
 
 bool DownloadJob::asksToStop() {
   if (++pieces_ % kLookAtRoom == 0 && !hasRoom()) noRoom_ = true;
+  // When its turn does not come it goes on all the same: somebody waits for it.
+  reading_.reset();
+  for (int i = 0; i < kMostWaits && !stopped_ && !writers_->wait(kWaitMs); ++i) continue;
+  reading_.emplace(writers_);
   return stopped_ || noRoom_;
 }
 
 void DownloadJob::make() {
   DownloadOutcome outcome = maker_(request_, [this] { return asksToStop(); });
+  reading_.reset();
   std::string error = outcome.error;
-  if (outcome.made && !packFiles(&error)) outcome.made = false;
+  if (outcome.made && !lookAtFiles(&error)) outcome.made = false;
   const std::lock_guard<std::mutex> lock(mutex_);
   missing_ = std::move(outcome.missing);
   error_ = noRoom_ ? kNoRoom : error;
   state_ = outcome.made ? State::kReady : State::kFailed;
 }
 
-bool DownloadJob::sumFile(const std::string& path, uint32_t* crc) {
-  const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-  std::vector<char> block(kBlock);
-  ssize_t got = 0;
-  while ((got = read(file.get(), block.data(), block.size())) > 0 && !stopped_)
-    *crc = crc32(block.data(), static_cast<size_t>(got), *crc);
-  return got == 0;
-}
-
 // What there is, in the order of the names.
-bool DownloadJob::packFiles(std::string* error) {
-  std::vector<std::string> paths;
-  std::error_code code;
-  for (std::filesystem::recursive_directory_iterator at(folder_, code), last; !code && at != last;
-       at.increment(code)) {
-    if (at->is_regular_file(code)) paths.push_back(at->path().string());
-  }
-  std::sort(paths.begin(), paths.end());
-  std::vector<ZipEntry> entries;
-  uint64_t offset = 0;
-  for (const std::string& path : paths) {
+bool DownloadJob::listFiles(std::vector<ZipStream::File>* files) const {
+  std::vector<std::string> names;
+  if (pathsBelow(folder_, &names) != 0) return false;
+  for (const std::string& name : names) {
     struct stat told = {};
-    ZipEntry entry;
-    const bool good = !code && stat(path.c_str(), &told) == 0 && sumFile(path, &entry.crc);
-    if (!good) {
-      *error = kUnread;
-      return false;
-    }
-    entry.name = path.substr(folder_.size() + 1);
-    entry.size = static_cast<uint64_t>(told.st_size);
-    entry.time = told.st_mtime;
-    entry.offset = offset;
-    offset += zipHeader(entry).size() + entry.size;
-    entries.push_back(entry);
+    ZipStream::File one;
+    one.path = inFolder(folder_, name);
+    if (lstat(one.path.c_str(), &told) != 0) return false;
+    if (!S_ISREG(told.st_mode)) continue;
+    one.name = name;
+    one.size = static_cast<uint64_t>(told.st_size);
+    one.time = told.st_mtime;
+    files->push_back(one);
   }
+  std::sort(files->begin(), files->end(),
+            [](const auto& a, const auto& b) { return a.name < b.name; });
+  return !files->empty();
+}
+
+// A movie goes as it is, unless its format changes and there are several.
+bool DownloadJob::isZip(const std::vector<ZipStream::File>& files) const {
+  return request_.evidence || files.size() != 1;
+}
+
+// Before it is told as ready: a browser wants to know how long a download is.
+bool DownloadJob::lookAtFiles(std::string* error) {
+  std::vector<ZipStream::File> files;
+  int64_t length = -1;
+  if (listFiles(&files)) {
+    length = isZip(files) ? ZipStream::lengthOf(files, [this] { return stopped_.load(); })
+                          : static_cast<int64_t>(files[0].size);
+  }
+  if (length < 0) *error = kUnread;
   const std::lock_guard<std::mutex> lock(mutex_);
-  paths_.swap(paths);
-  entries_.swap(entries);
-  return !paths_.empty();
+  files_.swap(files);
+  length_ = length;
+  return length >= 0;
 }
 
-std::vector<FileStream::Part> DownloadJob::zipParts() const {
-  std::vector<FileStream::Part> parts;
-  std::string list;
-  uint64_t offset = 0;
-  for (size_t i = 0; i < entries_.size(); ++i) {
-    parts.push_back({zipHeader(entries_[i]), "", 0});
-    parts.push_back({"", paths_[i], entries_[i].size});
-    offset = entries_[i].offset + parts[parts.size() - 2].text.size() + entries_[i].size;
-    list += zipListed(entries_[i]);
-  }
-  parts.push_back({list + zipEnd(entries_.size(), offset, list.size()), "", 0});
-  return parts;
-}
-
-std::shared_ptr<FileStream> DownloadJob::take(const std::shared_ptr<DownloadJob>& self,
-                                              std::string* name) {
+std::shared_ptr<BodyStream> DownloadJob::take(const std::shared_ptr<DownloadJob>& self,
+                                              std::string* name, int64_t* length) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (state_ != State::kReady) return nullptr;
   state_ = State::kTaken;
-  // A movie goes as it is, unless its format changes and there are several.
-  if (paths_.size() == 1 && !request_.evidence) {
-    *name = entries_[0].name;
-    return std::make_shared<FileStream>(
-        std::vector<FileStream::Part>{{"", paths_[0], entries_[0].size}}, self);
-  }
-  *name = request_.name + ".zip";
-  return std::make_shared<FileStream>(zipParts(), self);
+  *length = length_;
+  const bool zip = isZip(files_);
+  *name = zip ? request_.name + ".zip" : files_[0].name;
+  if (zip) return std::make_shared<ZipStream>(files_, self);
+  return std::make_shared<FileStream>(files_[0].path, files_[0].size, self);
 }
 
 void DownloadJob::addTo(JsonText* json) const {
   const std::lock_guard<std::mutex> lock(mutex_);
   uint64_t bytes = 0;
-  for (const ZipEntry& entry : entries_) bytes += entry.size;
+  for (const ZipStream::File& file : files_) bytes += file.size;
   json->beginObject().key("id").text(id_).key("state").text(nameOf(state_));
   json->key("pieces").number(static_cast<int64_t>(pieces_.load()));
   json->key("bytes").number(static_cast<int64_t>(bytes)).key("error");

@@ -4,14 +4,16 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "media/serve/BodyStream.h"
 #include "media/serve/DownloadMaker.h"
-#include "media/serve/FileStream.h"
 #include "media/serve/JsonText.h"
-#include "media/serve/ZipFormat.h"
+#include "media/serve/WritersFirst.h"
+#include "media/serve/ZipStream.h"
 
 namespace tarn {
 
@@ -21,8 +23,9 @@ class DownloadJob {
  public:
   enum class State { kMaking, kReady, kTaken, kFailed };
 
-  // Makes it below `place`, which must leave half of its room free.
-  DownloadJob(std::string id, std::string place, DownloadRequest request, DownloadMaker maker);
+  // Makes it below `place`, which must leave half of its room free. `writers` outlives this.
+  DownloadJob(std::string id, std::string place, DownloadRequest request, DownloadMaker maker,
+              WritersFirst* writers);
   ~DownloadJob();
   DownloadJob(const DownloadJob&) = delete;
   DownloadJob& operator=(const DownloadJob&) = delete;
@@ -38,19 +41,22 @@ class DownloadJob {
 
   // How far it is (schema Download of docs/openapi.json).
   void addTo(JsonText* json) const;
-  // Of a ready one, once: what is sent, and its name. `self` is kept until that has ended.
-  std::shared_ptr<FileStream> take(const std::shared_ptr<DownloadJob>& self, std::string* name);
+  // Of a ready one, once: what is sent, its name, and its length in bytes. `self` is kept until
+  // that has ended.
+  std::shared_ptr<BodyStream> take(const std::shared_ptr<DownloadJob>& self, std::string* name,
+                                   int64_t* length);
 
  private:
   void run();
   void make();
   bool asksToStop();
   bool hasRoom() const;
-  bool packFiles(std::string* error);
-  bool sumFile(const std::string& path, uint32_t* crc);
-  std::vector<FileStream::Part> zipParts() const;
+  bool listFiles(std::vector<ZipStream::File>* files) const;
+  bool lookAtFiles(std::string* error);
+  bool isZip(const std::vector<ZipStream::File>& files) const;
   void end(State state, const std::string& error);
 
+  WritersFirst* const writers_;
   const std::string id_;
   const std::string place_;
   DownloadRequest request_;
@@ -60,13 +66,14 @@ class DownloadJob {
   std::atomic<bool> stopped_{false};
   std::atomic<uint64_t> pieces_{0};  // how often it was asked whether to stop
   std::atomic<int64_t> askedUs_{0};
-  bool noRoom_ = false;  // the thread's own, as paths_ until it has ended
+  bool noRoom_ = false;                           // the thread's own
+  std::optional<WritersFirst::Reading> reading_;  // the same
   mutable std::mutex mutex_;
   State state_ = State::kMaking;  // guarded by mutex_, as below
   std::string error_;
   std::vector<std::string> missing_;
-  std::vector<std::string> paths_;  // of the files
-  std::vector<ZipEntry> entries_;   // the same, in that order
+  std::vector<ZipStream::File> files_;
+  int64_t length_ = 0;  // of what is sent, bytes
   std::thread thread_;
 };
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "media/serve/QueryReader.h"
+#include "recorder/card/NoThrow.h"
 
 namespace tarn {
 namespace {
@@ -63,8 +64,9 @@ std::string downloadName(const std::string& beginning, int64_t us) {
   return beginning + text;
 }
 
-Downloads::Downloads(std::string place, DownloadMaker maker, ExportAnswers* exports)
-    : place_(std::move(place)), maker_(std::move(maker)), exports_(exports) {}
+Downloads::Downloads(std::string place, DownloadMaker maker, ExportAnswers* exports,
+                     WritersFirst* writers)
+    : place_(std::move(place)), maker_(std::move(maker)), exports_(exports), writers_(writers) {}
 
 void Downloads::stop() {
   std::map<std::string, Job> ended;
@@ -109,7 +111,9 @@ void Downloads::run() {
       std::unique_lock<std::mutex> lock(mutex_);
       if (wake_.wait_for(lock, kLook, [this] { return stopped_; })) return;
     }
-    removeOver();
+    // What has no place in a list now has one at the next look.
+    orNoMemory(
+        "Downloads", [this] { return removeOver(), 0; }, [] { return -1; });
   }
 }
 
@@ -143,11 +147,12 @@ HttpResponse Downloads::begin(const HttpRequest& request) {
       !wanted.evidence && exports_->needsQuickTime(*wanted.channel, wanted.fromUs, wanted.toUs);
   const std::lock_guard<std::mutex> lock(mutex_);
   if (stopped_ || !hasRoom()) return errorResponse(503, kTooMany);
-  const auto job = std::make_shared<DownloadJob>(newId(), place_, wanted, maker_);
+  // First: nobody would know of a job, or take it away, that this fails behind.
+  if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+  const auto job = std::make_shared<DownloadJob>(newId(), place_, wanted, maker_, writers_);
   std::string error;
   if (job->id().empty() || !job->begin(&error)) return errorResponse(503, error);
   jobs_[job->id()] = job;
-  if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
   return told(*job, 202);
 }
 
@@ -177,12 +182,13 @@ HttpResponse Downloads::take(const HttpRequest& request) {
   const Job job = find(query.text("id"));
   if (job == nullptr) return errorResponse(404, kNoSuch);
   std::string name;
-  const std::shared_ptr<FileStream> stream = job->take(job, &name);
+  int64_t length = 0;
+  const std::shared_ptr<BodyStream> stream = job->take(job, &name, &length);
   if (stream == nullptr) return errorResponse(409, kNotReady);
   HttpResponse response;
   response.type = typeOf(name);
   response.headers.emplace_back("Content-Disposition", "attachment; filename=\"" + name + "\"");
-  response.length = static_cast<int64_t>(stream->size());
+  response.length = length;
   response.stream = stream;
   return response;
 }

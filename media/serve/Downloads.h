@@ -19,8 +19,8 @@ namespace tarn {
 // asks for any more, its files with it. Any number of threads.
 class Downloads {
  public:
-  // Made below the folder `place`; an empty maker makes none. `exports` outlives this.
-  Downloads(std::string place, DownloadMaker maker, ExportAnswers* exports);
+  // Made below the folder `place`; an empty maker makes none. `exports` and `writers` outlive this.
+  Downloads(std::string place, DownloadMaker maker, ExportAnswers* exports, WritersFirst* writers);
   ~Downloads() { stop(); }
   Downloads(const Downloads&) = delete;
   Downloads& operator=(const Downloads&) = delete;
@@ -46,6 +46,7 @@ class Downloads {
   const std::string place_;
   const DownloadMaker maker_;
   ExportAnswers* exports_;
+  WritersFirst* writers_;
   std::mutex mutex_;
   std::condition_variable wake_;
   std::map<std::string, Job> jobs_;  // guarded by mutex_, as below

@@ -19,7 +19,6 @@ constexpr char kMovieType[] = "video/mp4";
 constexpr char kQuickTimeType[] = "video/quicktime";
 constexpr char kSealed[] =
     "this server seals what it gives out, which takes a while: begin it with POST /api/downloads";
-constexpr char kNothingThere[] = "nothing was recorded there";
 constexpr char kFormatChanges[] =
     "pictures or sound change their format in that time, and one movie has one: ask for what is "
     "before and behind it by itself, from ";
@@ -94,7 +93,7 @@ HttpResponse ExportAnswers::exported(const HttpRequest& request) {
     sound.rows = SoundMaker::rowsOf(*rows, channel, fromUs - kBeforeUs, toUs + kBehindUs);
   }
   const bool quickTime = ExportStream::needsQuickTime(sound);
-  auto stream = std::make_shared<ExportStream>(std::move(walker), std::move(sound), toUs);
+  auto stream = std::make_shared<ExportStream>(std::move(walker), std::move(sound), toUs, writers_);
   if (!stream->begin()) return errorResponse(404, kNothingThere);
   HttpResponse response;
   response.type = quickTime ? kQuickTimeType : kMovieType;

@@ -4,15 +4,16 @@
 #include "media/serve/HttpResponse.h"
 #include "media/serve/PieceInits.h"
 #include "media/serve/RowFollower.h"
+#include "media/serve/WritersFirst.h"
 
 namespace tarn {
 
 // Answers with what was recorded, to keep. Any number of threads.
 class ExportAnswers {
  public:
-  // Both outlive this. `sealed`: nothing goes out that is not.
-  ExportAnswers(RowFollower* follower, PieceInits* inits, bool sealed)
-      : follower_(follower), inits_(inits), sealed_(sealed) {}
+  // All outlive this. `sealed`: nothing goes out that is not.
+  ExportAnswers(RowFollower* follower, PieceInits* inits, WritersFirst* writers, bool sealed)
+      : follower_(follower), inits_(inits), writers_(writers), sealed_(sealed) {}
 
   HttpResponse exported(const HttpRequest& request);
   // Whether a movie of this period has to be a .mov, for the sound in it.
@@ -27,6 +28,7 @@ class ExportAnswers {
 
   RowFollower* follower_;
   PieceInits* inits_;
+  WritersFirst* writers_;
   const bool sealed_;
 };
 

@@ -10,11 +10,14 @@ namespace tarn {
 namespace {
 
 constexpr int64_t kShownUs = 40000;  // of the last picture
+constexpr int64_t kWaitMs = 500;     // for the card
+constexpr int kMostWaits = 20;
 
 }  // namespace
 
-ExportStream::ExportStream(std::unique_ptr<PieceWalker> walker, SoundToo sound, int64_t toUs)
-    : walker_(std::move(walker)), sound_(std::move(sound)), toUs_(toUs) {}
+ExportStream::ExportStream(std::unique_ptr<PieceWalker> walker, SoundToo sound, int64_t toUs,
+                           WritersFirst* writers)
+    : writers_(writers), walker_(std::move(walker)), sound_(std::move(sound)), toUs_(toUs) {}
 
 bool ExportStream::begin() {
   const auto sink = [this](const uint8_t* data, size_t size) {
@@ -103,6 +106,10 @@ ssize_t ExportStream::read(char* out, size_t room) {
   if (sent_ == made_.size()) {
     made_.clear();
     sent_ = 0;
+    // When its turn does not come it goes on all the same: a download that stands still is given
+    // up.
+    if (!writers_->wait(kWaitMs) && ++waits_ % kMostWaits != 0) return 0;
+    const WritersFirst::Reading reading(writers_);
     while (made_.empty() && !ended_) {
       failed_ = !makeMore();
       if (failed_) return -2;

@@ -9,6 +9,7 @@
 #include "media/serve/BodyStream.h"
 #include "media/serve/PieceWalker.h"
 #include "media/serve/SoundMaker.h"
+#include "media/serve/WritersFirst.h"
 
 namespace tarn {
 
@@ -26,8 +27,10 @@ class ExportStream : public BodyStream {
     return sound.format.codec == SoundCodec::kAlaw || sound.format.codec == SoundCodec::kMulaw;
   }
 
-  // `walker` stands where the period begins; pictures up to `toUs` come along.
-  ExportStream(std::unique_ptr<PieceWalker> walker, SoundToo sound, int64_t toUs);
+  // `walker` stands where the period begins; pictures up to `toUs` come along. `writers` outlives
+  // this.
+  ExportStream(std::unique_ptr<PieceWalker> walker, SoundToo sound, int64_t toUs,
+               WritersFirst* writers);
 
   // False when there is nothing to send. Once, first.
   bool begin();
@@ -42,6 +45,7 @@ class ExportStream : public BodyStream {
   bool writeSoundUntil(int64_t us);
   bool isOtherFormat(const OutputPicture& key);
 
+  WritersFirst* const writers_;
   std::unique_ptr<PieceWalker> walker_;
   SoundToo sound_;
   std::unique_ptr<SoundFrames> frames_;  // null: without sound
@@ -51,6 +55,7 @@ class ExportStream : public BodyStream {
   Piece piece_;
   std::vector<uint8_t> sequence_;  // parameter sets of its pictures
   uint32_t next_ = 0;              // picture of the piece
+  int waits_ = 0;                  // for the card, that were in vain
   bool ended_ = false;
   bool failed_ = false;
   std::string made_;

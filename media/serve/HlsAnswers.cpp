@@ -18,19 +18,8 @@ constexpr uint32_t kMostAsked = 3000;  // pictures of a piece
 constexpr char kMovieType[] = "video/mp4";
 constexpr char kSegmentType[] = "video/iso.segment";
 constexpr char kPlaylistType[] = "application/vnd.apple.mpegurl";
-// What a recording holds does not change, but for a clock that becomes known.
-constexpr char kCached[] = "private, max-age=60";
-constexpr char kNothingThere[] = "nothing was recorded there";
 constexpr char kNothingHere[] = "there is nothing at this address";
 constexpr char kNothingRuns[] = "nothing is being recorded on this channel";
-constexpr char kTooBusy[] = "too many ask at once: try again in a moment";
-
-HttpResponse bodyOf(const char* type, std::string body) {
-  HttpResponse response;
-  response.type = type;
-  response.body = std::move(body);
-  return response;
-}
 
 }  // namespace
 
@@ -152,7 +141,8 @@ HttpResponse HlsAnswers::piece(int channel, const PiecePlace& place, const HttpR
   if (recording == nullptr || recording->channel != channel || place.count > kMostAsked ||
       isSound(recording->row) != place.sound)
     return errorResponse(404, kNothingHere);
-  const Turns::Turn turn(turns_);
+  const bool newest = follower_->isNewest(place.streamID, place.first);
+  const Turns::Turn turn(turns_, newest ? Turns::Of::kNewest : Turns::Of::kCard);
   if (!turn.came()) return errorResponse(503, kTooBusy);
   const uint32_t soundID = place.sound ? place.streamID : place.soundID;
   const auto sound = soundID != 0 ? soundOf(*rows, channel, soundID) : nullptr;

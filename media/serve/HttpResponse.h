@@ -20,6 +20,11 @@ struct HttpResponse {
   std::vector<std::pair<std::string, std::string>> headers;
 };
 
+// What a recording holds does not change, but for a clock that becomes known.
+inline constexpr char kCached[] = "private, max-age=60";
+inline constexpr char kNothingThere[] = "nothing was recorded there";
+
+HttpResponse bodyOf(const char* type, std::string body);
 // {"error": text}
 HttpResponse errorResponse(int status, const std::string& text);
 

@@ -18,6 +18,7 @@ constexpr int kLookMs = 250;
 constexpr int64_t kWantedMs = 30000;
 // Newest events that a watcher is told of at once; it asks for the list anyhow when there are more.
 constexpr size_t kMostTold = 50;
+constexpr uint64_t kNewestPictures = 1500;  // a minute at 25 a second
 
 int64_t nowMs() { return monotonicUs() / 1000; }
 
@@ -88,6 +89,13 @@ SafePictures RowFollower::safe(uint32_t streamID) {
   askedMs_ = nowMs();
   const auto found = safe_.find(streamID);
   return found != safe_.end() ? found->second : SafePictures();
+}
+
+bool RowFollower::isNewest(uint32_t streamID, uint32_t picture) {
+  const std::shared_ptr<const ServedRows> all = rows();
+  const ServedRecording* recording = all->find(streamID);
+  return recording != nullptr && recording->isRunning() &&
+         uint64_t{picture} + kNewestPictures >= safe(streamID).pictures;
 }
 
 std::string RowFollower::problem() const {

@@ -38,6 +38,9 @@ class TARN_API RowFollower {
   std::shared_ptr<const ServedRows> rows() const;
   // Of a running recording; nothing known of others. Asking keeps it looked after for a while.
   SafePictures safe(uint32_t streamID);
+  // Whether a picture of a recording is among the newest of one that runs, which memory still
+  // holds.
+  bool isNewest(uint32_t streamID, uint32_t picture);
   // Why the database cannot be read right now; "" while it can.
   std::string problem() const;
 

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <utility>
 
+#include "fat/ChunkFiles.h"
+#include "media/DeviceCounts.h"
 #include "media/serve/CardAnswers.h"
 #include "media/serve/Downloads.h"
 #include "media/serve/EventFeed.h"
@@ -145,11 +147,12 @@ class ServeApi::Impl {
   CardAnswers card_{settings_, &follower_, &rows_};
   LogAnswers log_;
   PieceInits inits_;
-  Turns turns_{kAtATime};  // of all that reads pictures
+  WritersFirst writers_{DeviceCounts::folderOf(deviceName(kRecorderPartition))};
+  Turns turns_{kAtATime, &writers_};  // of all that reads pictures
   VideoAnswers video_{&follower_, &inits_, &turns_};
   HlsAnswers hls_{&follower_, &inits_, &turns_};
-  ExportAnswers exports_{&follower_, &inits_, settings_.seals};
-  Downloads downloads_{settings_.downloads, settings_.maker, &exports_};
+  ExportAnswers exports_{&follower_, &inits_, &writers_, settings_.seals};
+  Downloads downloads_{settings_.downloads, settings_.maker, &exports_, &writers_};
 };
 
 ServeApi::ServeApi(const ServeSettings& settings, std::vector<PageFile> page)

@@ -5,6 +5,10 @@
 
 #include "media/Av.h"
 
+extern "C" {
+#include <libavutil/pixdesc.h>
+}
+
 namespace tarn {
 namespace {
 
@@ -17,12 +21,24 @@ constexpr int kQuality = 5;        // of 2 (best) to 31
 constexpr int kMostPixels = 8192;  // a side
 constexpr int kLeastPixels = 16;
 
+// How a picture lies in memory, where it is brightness with two colours or without them, each in a
+// plane of its own, as all pictures of H.264 are but those of red, green and blue. Null: otherwise.
+const AVPixFmtDescriptor* planesOf(const AVFrame& frame) {
+  constexpr uint64_t kOther = AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_HWACCEL |
+                              AV_PIX_FMT_FLAG_BE | AV_PIX_FMT_FLAG_ALPHA;
+  const AVPixFmtDescriptor* form = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+  if (form == nullptr || (form->flags & kOther) != 0 || form->comp[0].depth > 16) return nullptr;
+  const bool planar = form->nb_components == 1 ||
+                      (form->nb_components == 3 && (form->flags & AV_PIX_FMT_FLAG_PLANAR) != 0);
+  return planar ? form : nullptr;
+}
+
 // The one picture of a decoder that is given nothing else.
 Frame decode(const std::vector<uint8_t>& annexB) {
   AvOwned<AVCodecContext> codec(avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264)));
   AvOwned<AVPacket> packet(av_packet_alloc());
   Frame frame(av_frame_alloc());
-  if (codec == nullptr || packet == nullptr || frame == nullptr) return nullptr;
+  if (codec == nullptr || packet == nullptr || frame == nullptr || annexB.empty()) return nullptr;
   codec->thread_count = 1;
   if (avcodec_open2(codec.get(), nullptr, nullptr) < 0 ||
       av_new_packet(packet.get(), static_cast<int>(annexB.size())) < 0)
@@ -32,28 +48,45 @@ Frame decode(const std::vector<uint8_t>& annexB) {
   const bool good = avcodec_send_packet(codec.get(), packet.get()) >= 0 &&
                     avcodec_send_packet(codec.get(), nullptr) >= 0 &&
                     avcodec_receive_frame(codec.get(), frame.get()) >= 0;
-  const bool planar = frame->format == AV_PIX_FMT_YUV420P || frame->format == AV_PIX_FMT_YUVJ420P;
   const bool bounded = frame->width >= kLeastPixels && frame->width <= kMostPixels &&
                        frame->height >= kLeastPixels && frame->height <= kMostPixels;
-  return good && planar && bounded ? std::move(frame) : nullptr;
+  return good && bounded && planesOf(*frame) != nullptr ? std::move(frame) : nullptr;
+}
+
+struct Plane {
+  const uint8_t* bytes;
+  int stride;
+  int width;
+  int height;
+  int depth;  // bits of a sample
+};
+
+template <typename Sample>
+uint32_t meanOf(const Plane& in, int left, int right, int top, int bottom) {
+  uint64_t sum = 0;
+  for (int row = top; row < bottom; ++row) {
+    const uint8_t* line = in.bytes + static_cast<ptrdiff_t>(row) * in.stride;
+    for (int column = left; column < right; ++column) {
+      Sample sample;
+      memcpy(&sample, line + static_cast<size_t>(column) * sizeof sample, sizeof sample);
+      sum += sample;
+    }
+  }
+  return static_cast<uint32_t>(sum / static_cast<uint64_t>((bottom - top) * (right - left)));
 }
 
 // Each pixel the mean of those that it stands for.
-void shrink(const uint8_t* in, int inStride, int inWidth, int inHeight, uint8_t* out, int outStride,
-            int outWidth, int outHeight) {
+void shrink(const Plane& in, uint8_t* out, int outStride, int outWidth, int outHeight) {
   for (int y = 0; y < outHeight; ++y) {
-    const int top = y * inHeight / outHeight;
-    const int bottom = std::max(top + 1, (y + 1) * inHeight / outHeight);
+    const int top = y * in.height / outHeight;
+    const int bottom = std::max(top + 1, (y + 1) * in.height / outHeight);
     for (int x = 0; x < outWidth; ++x) {
-      const int left = x * inWidth / outWidth;
-      const int right = std::max(left + 1, (x + 1) * inWidth / outWidth);
-      uint32_t sum = 0;
-      for (int row = top; row < bottom; ++row) {
-        for (int column = left; column < right; ++column)
-          sum += in[static_cast<ptrdiff_t>(row) * inStride + column];
-      }
-      const auto pixels = static_cast<uint32_t>((bottom - top) * (right - left));
-      out[static_cast<ptrdiff_t>(y) * outStride + x] = static_cast<uint8_t>(sum / pixels);
+      const int left = x * in.width / outWidth;
+      const int right = std::max(left + 1, (x + 1) * in.width / outWidth);
+      const uint32_t mean = in.depth > 8
+                                ? meanOf<uint16_t>(in, left, right, top, bottom) >> (in.depth - 8)
+                                : meanOf<uint8_t>(in, left, right, top, bottom);
+      out[static_cast<ptrdiff_t>(y) * outStride + x] = static_cast<uint8_t>(mean);
     }
   }
 }
@@ -72,6 +105,20 @@ void stretch(AVFrame* frame) {
   }
 }
 
+Plane planeOf(const AVFrame& picture, int plane) {
+  const AVPixFmtDescriptor* form = planesOf(picture);
+  const int across = plane == 0 ? 0 : form->log2_chroma_w;
+  const int down = plane == 0 ? 0 : form->log2_chroma_h;
+  return {picture.data[plane], picture.linesize[plane], AV_CEIL_RSHIFT(picture.width, across),
+          AV_CEIL_RSHIFT(picture.height, down), form->comp[0].depth};
+}
+
+bool usesWholeScale(const AVFrame& picture) {
+  const auto format = static_cast<AVPixelFormat>(picture.format);
+  return picture.color_range == AVCOL_RANGE_JPEG || format == AV_PIX_FMT_YUVJ420P ||
+         format == AV_PIX_FMT_YUVJ422P || format == AV_PIX_FMT_YUVJ444P;
+}
+
 Frame scaled(const AVFrame& picture, int width) {
   Frame small(av_frame_alloc());
   if (small == nullptr) return nullptr;
@@ -80,15 +127,18 @@ Frame scaled(const AVFrame& picture, int width) {
   small->height = std::max(2, picture.height * small->width / picture.width & ~1);
   small->color_range = AVCOL_RANGE_JPEG;
   if (av_frame_get_buffer(small.get(), 0) < 0) return nullptr;
+  const bool coloured = planesOf(picture)->nb_components == 3;
   for (int plane = 0; plane < 3; ++plane) {
     const int half = plane == 0 ? 1 : 2;
-    shrink(picture.data[plane], picture.linesize[plane], (picture.width + half - 1) / half,
-           (picture.height + half - 1) / half, small->data[plane], small->linesize[plane],
-           small->width / half, small->height / half);
+    if (plane == 0 || coloured) {
+      shrink(planeOf(picture, plane), small->data[plane], small->linesize[plane],
+             small->width / half, small->height / half);
+    } else {
+      memset(small->data[plane], 128,
+             static_cast<size_t>(small->linesize[plane] * small->height / 2));
+    }
   }
-  const bool full =
-      picture.format == AV_PIX_FMT_YUVJ420P || picture.color_range == AVCOL_RANGE_JPEG;
-  if (!full) stretch(small.get());
+  if (!usesWholeScale(picture)) stretch(small.get());
   return small;
 }
 

@@ -9,7 +9,8 @@ constexpr auto kPatience = std::chrono::seconds(10);
 
 }  // namespace
 
-bool Turns::enter() {
+bool Turns::enter(Of what) {
+  if (what == Of::kCard && !writers_->wait()) return false;
   std::unique_lock<std::mutex> lock(mutex_);
   if (!left_.wait_for(lock, kPatience, [this] { return free_ > 0; })) return false;
   --free_;

@@ -17,18 +17,6 @@ constexpr uint32_t kMostReordered = 16;
 constexpr int64_t kLeastWidth = 32;
 constexpr int64_t kMostWidth = 1280;
 constexpr int64_t kUsualWidth = 160;
-// What a recording holds does not change, but for a clock that becomes known.
-constexpr char kCached[] = "private, max-age=60";
-
-constexpr char kNothingThere[] = "nothing was recorded there";
-constexpr char kTooBusy[] = "too many ask at once: try again in a moment";
-
-HttpResponse bodyOf(const char* type, std::string body) {
-  HttpResponse response;
-  response.type = type;
-  response.body = std::move(body);
-  return response;
-}
 
 // Pictures of one recording, as a list.
 class PictureList {
@@ -124,16 +112,19 @@ void VideoAnswers::addSegment(JsonText* json, int channel, const PlaylistPiece& 
   json->key("media").text(folder + nameOf(place)).end();
 }
 
-bool VideoAnswers::place(PieceWalker* walker, QueryReader* query, bool* behind) {
-  *behind = query->has("after");
-  if (query->has("live")) return walker->toLive(0);
-  if (!*behind) return walker->toTime(query->timeUs("from").value_or(0));
-  std::string after = query->text("after");
-  uint32_t streamID = 0, index = 0;
-  if (takeNumber(&after, '-', &streamID) && takeNumber(&after, '\0', &index))
-    return walker->toPicture(streamID, index);
+// The picture that an answer said as the next one.
+bool VideoAnswers::readAfter(QueryReader* query, PictureAt* after) {
+  std::string text = query->text("after");
+  if (takeNumber(&text, '-', &after->streamID) && takeNumber(&text, '\0', &after->index))
+    return true;
   query->fail("after is what an answer said as next");
   return false;
+}
+
+bool VideoAnswers::place(PieceWalker* walker, QueryReader* query, const PictureAt& after) {
+  if (query->has("live")) return walker->toLive(0);
+  if (query->has("after")) return walker->toPicture(after.streamID, after.index);
+  return walker->toTime(query->timeUs("from").value_or(0));
 }
 
 HttpResponse VideoAnswers::segments(const HttpRequest& request) {
@@ -147,17 +138,20 @@ HttpResponse VideoAnswers::segments(const HttpRequest& request) {
   int64_t room = query.number("limit", 1, kMostPieces, kUsualPieces);
   if (query.has("from") + query.has("after") + query.has("live") != 1)
     query.fail("say one of from, after and live");
+  const bool behind = query.has("after");
+  PictureAt after;
+  if (behind) readAfter(&query, &after);
   if (!query.ok()) return errorResponse(400, query.error());
-  const Turns::Turn turn(turns_);
+  const bool newest =
+      query.has("live") || (behind && follower_->isNewest(after.streamID, after.index));
+  const Turns::Turn turn(turns_, newest ? Turns::Of::kNewest : Turns::Of::kCard);
   if (!turn.came()) return errorResponse(503, kTooBusy);
   const std::shared_ptr<const ServedRows> rows = follower_->rows();
   if ((sound ? rows->soundOf : rows->videoOf).count(channel) == 0)
     return errorResponse(404, kNothingThere);
   using Kind = PieceWalker::Kind;
   PieceWalker walker(rows, channel, sound ? Kind::kSound : Kind::kPictures);
-  bool behind = false;
-  const bool placed = place(&walker, &query, &behind);
-  if (!query.ok()) return errorResponse(400, query.error());
+  const bool placed = place(&walker, &query, after);
   JsonText json;
   json.beginObject().key("segments").beginArray();
   PlaylistPiece one;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "media/serve/HttpRequest.h"
@@ -28,7 +29,13 @@ class VideoAnswers {
   HttpResponse thumbnail(const HttpRequest& request);
 
  private:
-  static bool place(PieceWalker* walker, QueryReader* query, bool* behind);
+  struct PictureAt {
+    uint32_t streamID = 0;
+    uint32_t index = 0;
+  };
+
+  static bool readAfter(QueryReader* query, PictureAt* after);
+  static bool place(PieceWalker* walker, QueryReader* query, const PictureAt& after);
   static void addSegment(JsonText* json, int channel, const PlaylistPiece& one,
                          const std::string& codec, bool keysOnly, bool sound);
 

@@ -1,12 +1,14 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
 #include "media/MediaInput.h"
 #include "media/MediaOutput.h"
 #include "media/MoviePieces.h"
+#include "support/IoFaults.h"
 
 namespace tarn_test {
 namespace {
@@ -51,6 +53,14 @@ TEST(MovieOutput, TimesStayTrueBehindGapsOfAnyLength) {
 TEST(MovieOutput, AGapThatNobodyToldOfIsAnErrorAndNoWrongTime) {
   EXPECT_THAT(write({0, 40000, 36 * 60 * kSecond}, 0), testing::HasSubstr("a gap is longer than"));
   EXPECT_NE(access(kMovie, F_OK), 0);
+}
+
+TEST(MovieOutput, AFlushThatASignalInterruptsIsMadeAgain) {
+  IoFaults faults(std::string(kMovie) + ".part");
+  faults.fail(Call::Fsync, 1, EINTR, 2);
+  EXPECT_EQ(write({0, 40000}, 0), "");
+  EXPECT_EQ(faults.count(Call::Fsync), 3u);
+  unlink(kMovie);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <iterator>
+
 #include "media/MediaOutput.h"
 
 namespace tarn_test {
@@ -22,6 +24,17 @@ inline tarn::OutputPicture pictureAt(int64_t us, bool key, int32_t decodeOffsetU
     picture.annexB = {0x00, 0x00, 0x00, 0x01, 0x41, 0x9a};
   for (int shift = 0; shift < 42; shift += 7)
     picture.annexB.push_back(static_cast<uint8_t>(0x80 | (us >> shift & 0x7F)));
+  return picture;
+}
+
+// The same of 32 by 32.
+inline tarn::OutputPicture smallPictureAt(int64_t us, bool key) {
+  constexpr size_t kWhole = 26;  // a start code and the sequence parameter set
+  tarn::OutputPicture picture = pictureAt(us, key);
+  if (!key) return picture;
+  picture.annexB.erase(picture.annexB.begin(), picture.annexB.begin() + kWhole);
+  const uint8_t other[] = {0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0xc0, 0x0a, 0xda, 0x25, 0x90};
+  picture.annexB.insert(picture.annexB.begin(), std::begin(other), std::end(other));
   return picture;
 }
 

@@ -163,10 +163,12 @@ class HttpProxy:
 
 
 class TcpProxy:
-    """kind: "", "drop" or "stall", once a connection has carried `after` bytes to the server."""
+    """kind: "", "drop" or "stall", once a connection has carried `after` bytes to the server. rate: bytes a second
+    of each connection to the server; 0: as many as there are."""
 
     def __init__(self, host, port):
         self.behind, self.kind, self.after, self.closed = (host, port), "", 0, threading.Event()
+        self.rate = 0
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.port = self.listener.getsockname()[1]
         threading.Thread(target=self.accept, daemon=True).start()
@@ -193,6 +195,8 @@ class TcpProxy:
                     if self.kind == "stall":
                         self.closed.wait(MANY_SECONDS)
                     break
+                if counts and self.rate:
+                    self.closed.wait(len(data) / self.rate)
                 sink.sendall(data)
         for one in (source, sink):
             with contextlib.suppress(OSError):

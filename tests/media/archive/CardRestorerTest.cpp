@@ -64,6 +64,12 @@ class CardRestorerTest : public testing::Test {
     for (const DB_STREAM& row : allStreams()) CApiDb().deleteStream(row.streamID);
     for (const DB_EVENT& row : allEvents()) CApiDb().deleteEvent(row.eventID);
   }
+  static void removeEventsClip() {
+    for (const auto& one : std::filesystem::recursive_directory_iterator(kPlace)) {
+      if (one.path().filename().string().find("-e") != std::string::npos)
+        std::filesystem::remove(one.path());
+    }
+  }
   // What the archive says of the recording, changed.
   template <typename Change>
   void rewrite(Change change) const {
@@ -153,6 +159,86 @@ TEST_F(CardRestorerTest, ClipThatDoesNotHoldWhatItsLineSaysLeavesNothing) {
   EXPECT_THAT(allStreams(), IsEmpty());
 }
 
+TEST_F(CardRestorerTest, ClipThatHoldsMoreThanItsLineSaysIsNotRecordedToItsEnd) {
+  forgetCard();
+  rewrite([](tarn::ArchiveLine* line) { line->pictures = 29; });
+  EXPECT_FALSE(restore());
+  ASSERT_THAT(report.failures, SizeIs(1));
+  EXPECT_EQ(report.failures[0].reason, "it has more in it than the archive says");
+  EXPECT_THAT(allStreams(), IsEmpty());
+}
+
+TEST_F(CardRestorerTest, ClipThatIsLargerThanItsLineSaysIsNotCopied) {
+  forgetCard();
+  removeEventsClip();
+  std::filesystem::resize_file(std::string(kPlace) + "/" + recording, uintmax_t{1} << 40);
+  EXPECT_FALSE(restore());
+  EXPECT_EQ(error, "");
+  ASSERT_THAT(report.failures, SizeIs(1));
+  EXPECT_EQ(report.failures[0].reason, "is not what the archive says of it");
+  EXPECT_THAT(allStreams(), IsEmpty());
+}
+
+// In parts, as a movie has one size.
+class PartsRestored : public CardRestorerTest {
+ protected:
+  void SetUp() override {
+    CardRestorerTest::SetUp();
+    forgetCard();
+    std::filesystem::remove_all(std::string(kPlace) + "/recorder=van-7");
+    ASSERT_TRUE(openSession(session));
+    record(30);
+    for (uint32_t i = 30; i < 50; ++i) {
+      const tarn::OutputPicture one = smallPictureAt(i * 40000, i % 10 == 0);
+      ASSERT_EQ(
+          session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, one.key),
+          0);
+    }
+    ASSERT_EQ(session.close(), 0);
+    clips = archived(kPlace);
+    ASSERT_THAT(clips, SizeIs(2));
+    forgetCard();
+  }
+  static std::vector<std::string> archived(const char* place) {
+    tarn::CardArchiver::Settings settings;
+    settings.place = place;
+    settings.recorder = "van-7";
+    tarn::CardArchiver archiver(settings);
+    EXPECT_TRUE(archiver.run(nullptr, nullptr)) << archiver.error();
+    return archiver.report().uploaded;
+  }
+  static std::string contentOf(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+  }
+  std::vector<std::string> clips;
+};
+
+TEST_F(PartsRestored, ComeBackAsOneRecordingWhichHasTheSameClips) {
+  EXPECT_TRUE(restore()) << error;
+  ASSERT_THAT(allStreams(), SizeIs(1));
+  EXPECT_EQ(allStreams().at(0).recSize, 50u);
+  EXPECT_TRUE(restore()) << error;
+  EXPECT_EQ(report.present, 1u);
+  const char other[] = "/tmp/other";
+  ASSERT_EQ(mkdir(other, 0777), 0);
+  const std::vector<std::string> again = archived(other);
+  ASSERT_THAT(again, SizeIs(2));
+  for (size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(contentOf(std::string(other) + "/" + again[i]),
+              contentOf(std::string(kPlace) + "/" + clips[i]));
+  }
+}
+
+TEST_F(PartsRestored, AllOfThemOrNone) {
+  std::filesystem::remove(std::string(kPlace) + "/" + clips[0]);
+  EXPECT_FALSE(restore());
+  ASSERT_THAT(report.failures, SizeIs(1));
+  EXPECT_EQ(report.failures[0].reason, "the archive does not have all of its parts");
+  EXPECT_THAT(allStreams(), IsEmpty());
+}
+
 TEST_F(CardRestorerTest, ClipOfOtherBytesIsNotRecorded) {
   forgetCard();
   rewrite([](tarn::ArchiveLine* line) { line->hashes.sha256[0] ^= 1; });
@@ -160,6 +246,76 @@ TEST_F(CardRestorerTest, ClipOfOtherBytesIsNotRecorded) {
   ASSERT_THAT(report.failures, SizeIs(1));
   EXPECT_EQ(report.failures[0].reason, "is not what the archive says of it");
   EXPECT_THAT(allStreams(), IsEmpty());
+}
+
+// Whoever can write to the archive can write any number into it.
+TEST_F(CardRestorerTest, LineWithNumbersThatNoRecordingHasIsNoLine) {
+  forgetCard();
+  removeEventsClip();
+  const std::string path = std::string(kPlace) + "/" + tarn::sidecarOf(recording);
+  std::string good;
+  std::getline(std::ifstream(path), good);
+  using Line = tarn::ArchiveLine;
+  const std::vector<void (*)(Line*)> changes = {
+      [](Line* line) { line->startMs = INT64_MAX; },
+      [](Line* line) { line->endMs = INT64_MAX; },
+      [](Line* line) { line->firstUs = INT64_MAX; },
+      [](Line* line) { line->startMs = line->endMs = (int64_t{1} << 32) * 1000; },
+      [](Line* line) { line->channel = 300; },
+      [](Line* line) { line->trigger = 0x10000; },
+      [](Line* line) { line->preSeconds = 0x10000; },
+      [](Line* line) { line->bytes = UINT64_MAX; },
+      [](Line* line) { line->pictures = UINT64_MAX; },
+  };
+  for (size_t i = 0; i < changes.size(); ++i) {
+    rewrite([&](Line* line) {
+      if (i == 6) line->kind = "event";
+      changes[i](line);
+    });
+    EXPECT_FALSE(restore()) << i;
+    EXPECT_EQ(error, "") << i;
+    ASSERT_THAT(report.failures, SizeIs(1)) << i;
+    EXPECT_EQ(report.failures[0].object, tarn::sidecarOf(recording)) << i;
+    EXPECT_THAT(report.failures[0].reason, HasSubstr("is damaged")) << i;
+    EXPECT_THAT(allStreams(), IsEmpty()) << i;
+    EXPECT_THAT(allEvents(), IsEmpty()) << i;
+    std::ofstream(path) << good << "\n";
+  }
+  EXPECT_TRUE(restore()) << error;
+}
+
+TEST_F(CardRestorerTest, WhatTheIndexSaysOfAClipIsNotReadAgain) {
+  forgetCard();
+  std::ofstream(std::string(kPlace) + "/" + tarn::sidecarOf(recording)) << "no line\n";
+  EXPECT_TRUE(restore()) << error;
+  EXPECT_THAT(report.failures, IsEmpty());
+  EXPECT_THAT(allStreams(), SizeIs(1));
+}
+
+TEST_F(CardRestorerTest, SoundThatEndsBeforeItBeginsNeedsNoRoomOfAllCards) {
+  forgetCard();
+  removeEventsClip();
+  rewrite([](tarn::ArchiveLine* line) {
+    line->media = "sound";
+    line->endMs = line->startMs - 1000;
+  });
+  EXPECT_FALSE(restore());
+  EXPECT_EQ(error, "");
+  ASSERT_THAT(report.failures, SizeIs(1));
+  EXPECT_EQ(report.failures[0].object, recording);
+}
+
+TEST_F(CardRestorerTest, IndexOfWhichLinesAreDamagedIsNamedAndTheClipsComeBackByTheirOwn) {
+  forgetCard();
+  removeEventsClip();
+  rewrite([](tarn::ArchiveLine* /*line*/) {});
+  const std::string index = recording.substr(0, recording.find("/ch=")) + tarn::kPlainIndexName;
+  std::ofstream(std::string(kPlace) + "/" + index) << "no line\n";
+  EXPECT_FALSE(restore());
+  EXPECT_EQ(error, "");
+  EXPECT_THAT(report.restored, ElementsAre(recording));
+  ASSERT_THAT(report.failures, SizeIs(1));
+  EXPECT_EQ(report.failures[0].object, index);
 }
 
 }  // namespace

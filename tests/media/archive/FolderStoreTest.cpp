@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <fstream>
+#include <new>
 
 #include "media/archive/ArchiveStore.h"
 #include "support/IoFaults.h"
@@ -64,6 +68,37 @@ TEST_F(FolderStoreTest, WhatCannotBeReadIsAnErrorThatNamesIt) {
   faults.fail(Call::Read, 1, EIO);
   EXPECT_FALSE(store->get("a", [](const uint8_t*, size_t) { return true; }));
   EXPECT_EQ(store->error(), "cannot read /tmp/archive/a: Input/output error");
+}
+
+// What a store does not tell of would be sent again.
+TEST_F(FolderStoreTest, AListThatThereIsNoMemoryForIsNoShortList) {
+  if (!AllocationFault::supported()) GTEST_SKIP() << "the sanitizer owns the allocator";
+  ASSERT_EQ(mkdir("/tmp/archive/in", 0777), 0);
+  for (const char* name : {"/tmp/archive/a", "/tmp/archive/in/b"})
+    ASSERT_TRUE(std::ofstream(name) << kBytes);
+  ASSERT_EQ(symlink("/tmp/archive/a", "/tmp/archive/link"), 0);
+  std::vector<tarn::ArchiveStore::Object> objects;
+  int refused = 0;
+  for (bool whole = false; !whole && refused < 1000; refused += whole ? 0 : 1) {
+    objects.clear();
+    try {
+      const AllocationFault fault(1, refused + 1);
+      whole = store->list("", &objects);
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  EXPECT_GT(refused, 5);
+  ASSERT_EQ(objects.size(), 2u);
+  std::sort(objects.begin(), objects.end(),
+            [](const auto& a, const auto& b) { return a.name < b.name; });
+  EXPECT_EQ(objects[0].name, "a");
+  EXPECT_EQ(objects[1].name, "in/b");
+  EXPECT_EQ(objects[1].bytes, static_cast<int64_t>(sizeof kBytes - 1));
+  objects.clear();
+  EXPECT_TRUE(store->list("in", &objects));
+  ASSERT_EQ(objects.size(), 1u);
+  EXPECT_EQ(objects[0].name, "in/b");
+  EXPECT_TRUE(store->list("none", &objects)) << "nothing was sent yet";
 }
 
 }  // namespace

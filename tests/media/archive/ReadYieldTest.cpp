@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <fstream>
+
 #include "media/archive/ReadYield.h"
 
 namespace tarn_test {
@@ -38,6 +41,47 @@ TEST(ReadYieldTest, DeviceThatOthersKeepBusyIsLeftToThem) {
   tarn::ReadYield yield("");
   EXPECT_FALSE(yield.isTaken(lineOf(0, 0, 100), lineOf(9, 9, 125), 50000)) << "half of the pause";
   EXPECT_TRUE(yield.isTaken(lineOf(9, 9, 200), lineOf(18, 18, 226), 50000));
+}
+
+TEST(ReadYieldTest, TheMoreOthersHaveTheDeviceToDoTheLongerItRests) {
+  tarn::ReadYield yield("");
+  // Twenty seconds in pauses of 50 ms, of which others have these.
+  const auto others = [&](uint64_t busyMs) {
+    for (int i = 0; i < 400; ++i)
+      yield.isTaken(lineOf(0, 0, 100), lineOf(0, 0, 100 + busyMs), 50000);
+    return yield.restUs(10000);
+  };
+  EXPECT_EQ(yield.restUs(10000), 10000) << "nobody there: as long as it has worked";
+  EXPECT_NEAR(static_cast<double>(others(5)), 14700, 100) << "a recorder at a tenth of the card";
+  EXPECT_NEAR(static_cast<double>(others(25)), 70000, 100) << "at half of it";
+  EXPECT_EQ(others(50), 4000000) << "one that needs all of it";
+  EXPECT_EQ(yield.restUs(0), 0);
+  EXPECT_NEAR(static_cast<double>(others(0)), 10000, 100) << "and it has gone";
+}
+
+TEST(ReadYieldTest, WhatIsWaitedForRestsAsLongAsItHasWorkedAndNoLonger) {
+  tarn::ReadYield yield("", true);
+  for (int i = 0; i < 400; ++i) {
+    EXPECT_TRUE(yield.isTaken(lineOf(0, 0, 100), lineOf(0, 0, 150), 50000)) << "and is left alone";
+  }
+  EXPECT_EQ(yield.restUs(10000), 10000);
+}
+
+TEST(ReadYieldTest, OneQuietMomentOfABusyDeviceIsNoReasonToGoOn) {
+  tarn::ReadYield yield("");
+  for (int i = 0; i < 400; ++i) yield.isTaken(lineOf(0, 0, 100), lineOf(0, 0, 150), 50000);
+  yield.isTaken(lineOf(0, 0, 100), lineOf(0, 0, 100), 50000);
+  EXPECT_GT(yield.restUs(10000), 3000000);
+}
+
+// What it read until its first rest would already be taken from a recording.
+TEST(ReadYieldTest, ItLooksWhatOthersDoBeforeItBegins) {
+  const char* path = "/tmp/statistics-of-a-device";
+  std::ofstream(path) << lineOf(0, 0, 100) << "\n";
+  tarn::ReadYield yield(path);
+  const auto begin = std::chrono::steady_clock::now();
+  yield.rest();
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(10));
 }
 
 TEST(ReadYieldTest, WhatIsNoLineOfADeviceTellsNothing) {

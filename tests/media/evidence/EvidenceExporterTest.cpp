@@ -3,9 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "db/DbRecordFormat.h"
 #include "dblog/JournalFormat.h"
@@ -16,6 +18,8 @@
 #include "media/seal/SealKeys.h"
 #include "recorder/RecorderRig.h"
 #include "recorder/log/LogWriter.h"
+#include "recorder/recording/RecordingReader.h"
+#include "support/IoFaults.h"
 #include "support/Shell.h"
 
 namespace tarn_test {
@@ -162,6 +166,26 @@ TEST_F(EvidenceExporterTest, TheManifestTellsGapsEventsRecordingsAndTheCard) {
   EXPECT_EQ(told["card"]["families"].size(), size_t{tarn::kFileTypeCount});
 }
 
+TEST_F(EvidenceExporterTest, ThePictureThatIsDamagedOnTheCardIsInTheManifestWithItsTime) {
+  const DB_STREAM row = allStreams()[0];
+  tarn::RecordingReader reader;
+  tarn::PictureEntry entry;
+  ASSERT_EQ(reader.open(row), 0);
+  ASSERT_TRUE(reader.picture(30, &entry));
+  const uint32_t last = entry.dataOffset + entry.size - 1;
+  Bytes byte = rig.card.readChunk(tarn::kFileStream, static_cast<int>(row.chunkID), last, 1);
+  byte[0] ^= 0x10;
+  rig.card.writeChunk(tarn::kFileStream, static_cast<int>(row.chunkID), last, byte);
+  make(request());
+  const json video = manifest()["channels"][0]["videos"][0];
+  EXPECT_EQ(video["damaged"], 1);
+  ASSERT_EQ(video["damages"].size(), 1u);
+  EXPECT_EQ(video["damages"][0]["recording"], row.streamID);
+  EXPECT_EQ(video["damages"][0]["firstIndex"], 30);
+  EXPECT_EQ(video["damages"][0]["lastIndex"], 30);
+  EXPECT_EQ(video["damages"][0]["from"], "2023-11-15T00:13:21.323+02:00");
+}
+
 TEST_F(EvidenceExporterTest, EachFileOfAChannelIsNamedByWhereItEndsUp) {
   record(40 * kSecond, false, true);
   tarn::EvidenceRequest wanted = request();
@@ -241,6 +265,14 @@ TEST_F(EvidenceExporterTest, ARunThatIsStoppedLeavesNoFolderAndNothingUnfinished
   EXPECT_TRUE(exists(kDir));
 }
 
+TEST_F(EvidenceExporterTest, FlushesThatSignalsInterruptAreMadeAgain) {
+  IoFaults faults;
+  for (int n = 1; n < 100; n += 2) faults.fail(Call::Fsync, n, EINTR);
+  make(request());
+  EXPECT_GE(faults.count(Call::Fsync), 2u);
+  EXPECT_TRUE(exists(kDir));
+}
+
 TEST_F(EvidenceExporterTest, WhatAKilledRunLeftIsMadeAnewAndNothingElseIsTouched) {
   ASSERT_EQ(
       shell("mkdir -p /tmp/case.part/video && echo half >/tmp/case.part/video/old.mp4").exitCode,
@@ -274,6 +306,22 @@ TEST_F(EvidenceExporterTest, OnlyAnEvidenceFolderIsReplacedAndOnlyWhenAsked) {
   make(wanted);
   EXPECT_FALSE(exists("/tmp/case/first"));
   EXPECT_FALSE(exists("/tmp/case.part"));
+}
+
+// A destructor has nobody to tell; what stays is what an interrupted run leaves.
+TEST_F(EvidenceExporterTest, ARunThatIsStoppedWithoutMemoryIsMadeAnewByTheNext) {
+  if (!AllocationFault::supported()) GTEST_SKIP() << "the sanitizer owns the allocator";
+  for (int n = 1; n < 30; n += 4) {
+    std::optional<AllocationFault> fault;
+    tarn::EvidenceExporter exporter(request());
+    EXPECT_FALSE(exporter.run([&] {
+      if (!fault) fault.emplace(1, n);
+      return true;
+    }));
+    fault.reset();
+    EXPECT_FALSE(exists(kDir));
+  }
+  make(request());
 }
 
 TEST(HtmlText, NothingOfATextIsMarkupOrTurnsItsDirection) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "media/export/RecordingSound.h"
+#include "recorder/recording/SoundFormat.h"
 
 namespace tarn {
 namespace {
@@ -39,6 +40,19 @@ TEST(RecordingSound, RowThatRunsLiesOverAllBehindItsStart) {
   const std::vector<DB_STREAM> beside = {row(2, 10000, 0), row(4, 20000, 30000)};
   EXPECT_EQ(keysOf(soundOfRecording(row(1, 10010, 0), beside)), Keys{2});
   EXPECT_EQ(keysOf(soundOfRecording(row(3, 20010, 30000), beside)), Keys{4});
+}
+
+TEST(RecordingSound, AnotherCodecThatOnlyReachesIntoThePicturesIsTheRecordingBeforesOwn) {
+  std::vector<DB_STREAM> beside = {row(2, 8000, 10060), row(4, 10000, 30000)};
+  for (DB_STREAM& one : beside) one.frameSet = frameSetOf(SoundCodec::kAac);
+  EXPECT_EQ(keysOf(soundOfRecording(row(1, 10000, 30000), beside)), (Keys{2, 4}));
+  beside[1].frameSet = frameSetOf(SoundCodec::kAlaw);
+  EXPECT_EQ(keysOf(soundOfRecording(row(1, 10000, 30000), beside)), Keys{4});
+  // A recording whose sound changes has both.
+  beside = {row(2, 9990, 20000), row(4, 20000, 30000)};
+  beside[0].frameSet = frameSetOf(SoundCodec::kAac);
+  beside[1].frameSet = frameSetOf(SoundCodec::kAlaw);
+  EXPECT_EQ(keysOf(soundOfRecording(row(1, 10000, 30000), beside)), (Keys{2, 4}));
 }
 
 TEST(RecordingSound, WithoutSoundThereIsNone) {

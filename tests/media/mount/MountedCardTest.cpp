@@ -8,6 +8,7 @@
 #include "media/mount/SampleBytes.h"
 #include "recorder/RecorderRig.h"
 #include "support/IoFaults.h"
+#include "support/Shell.h"
 
 namespace tarn_test {
 namespace {
@@ -24,9 +25,11 @@ Bytes moviePicture(uint32_t number, size_t size = 600) {
   return bytes;
 }
 
-bool record(tarn::RecordingSession* session, uint32_t from, uint32_t to) {
+// `wide`: with other parameter sets.
+bool record(tarn::RecordingSession* session, uint32_t from, uint32_t to, bool wide = false) {
   for (uint32_t i = from; i < to; ++i) {
-    const Bytes bytes = moviePicture(i);
+    Bytes bytes = moviePicture(i);
+    if (wide && isKey(i)) bytes[9] = 0x15;
     if (session->writePicture(bytes.data(), bytes.size(), pictureTime(i), 0, isKey(i)) != 0)
       return false;
   }
@@ -138,6 +141,108 @@ TEST(MountedCard, AMovieHasItsSizeBeforeItIsReadAndTheSameBytesWhereverReadingBe
     piece.resize(500);
   }
   card.close(file.number);
+}
+
+// What follows `name` in a movie's head, the box's own header left out.
+size_t behind(const Bytes& movie, const std::string& name) {
+  const auto at = std::search(movie.begin(), movie.end(), name.begin(), name.end());
+  EXPECT_NE(at, movie.end()) << name;
+  return static_cast<size_t>(at - movie.begin()) + name.size();
+}
+uint32_t numberAt(const Bytes& movie, size_t at) {
+  uint32_t number = 0;
+  for (size_t i = 0; i < 4; ++i) number = number << 8 | movie.at(at + i);
+  return number;
+}
+
+TEST(MountedCard, AMovieSaysOfEachPictureHowItIsDecodedWhereThatChangesWithin) {
+  RecorderRig rig;
+  tarn::RecordingSession session;
+  ASSERT_TRUE(openSession(session));
+  ASSERT_TRUE(record(&session, 0, 50));
+  ASSERT_TRUE(record(&session, 50, 100, true));
+  ASSERT_TRUE(record(&session, 100, 120));
+  ASSERT_EQ(session.close(), 0);
+  ASSERT_EQ(allStreams().size(), 1u);
+  tarn::MountedCard card(std::nullopt);
+  const tarn::MountAttributes file = look(&card, kFirst);
+  const Bytes movie = contents(&card, file, 100000);
+  ASSERT_EQ(movie.size(), file.size);
+  EXPECT_EQ(contents(&card, file, 777), movie);
+  for (uint32_t i = 0; i < 120; ++i) EXPECT_EQ(picturesIn(movie, i), 1u) << i;
+
+  const size_t descriptions = behind(movie, "stsd");
+  ASSERT_EQ(numberAt(movie, descriptions + 4), 2u);
+  const size_t second = descriptions + 8 + numberAt(movie, descriptions + 8);
+  EXPECT_EQ(std::string(movie.begin() + static_cast<ptrdiff_t>(second) + 4,
+                        movie.begin() + static_cast<ptrdiff_t>(second) + 8),
+            "avc1");
+  // Runs of places: the first of them, pictures in each, which description.
+  const size_t runs = behind(movie, "stsc");
+  std::vector<uint32_t> pictures, which;
+  for (uint32_t i = 0; i < numberAt(movie, runs + 4); ++i) {
+    EXPECT_EQ(numberAt(movie, runs + 8 + i * 12), i + 1);
+    pictures.push_back(numberAt(movie, runs + 12 + i * 12));
+    which.push_back(numberAt(movie, runs + 16 + i * 12));
+  }
+  EXPECT_THAT(pictures, ElementsAre(50, 50, 20));
+  EXPECT_THAT(which, ElementsAre(1, 2, 1)) << "one that comes again is described once";
+  // Each place begins with a picture.
+  const size_t places = behind(movie, "stco");
+  ASSERT_EQ(numberAt(movie, places + 4), 3u);
+  for (uint32_t i = 0; i < 3; ++i) {
+    const uint32_t at = numberAt(movie, places + 8 + i * 4);
+    EXPECT_EQ(movie.at(at + 4) & 0x1F, 7) << "its parameter sets come first";
+  }
+}
+
+bool isAsBefore(tarn::MountedCard* card, uint64_t number) {
+  bool same = false;
+  EXPECT_EQ(card->open(number, &same), 0) << card->error();
+  card->close(number);
+  return same;
+}
+
+// All but the first, which are more movies than are kept in memory.
+void openOthers(tarn::MountedCard* card) {
+  const std::vector<DB_STREAM> rows = allStreams();
+  for (size_t i = 1; i < rows.size(); ++i)
+    isAsBefore(card, tarn::MountId{tarn::MountId::Kind::kRecording, rows[i].streamID, 0}.number());
+}
+
+TEST(MountedCard, SaysWhetherWhatWasReadBeforeIsStillGood) {
+  RecorderRig rig;
+  tarn::RecordingSession session;
+  ASSERT_TRUE(openSession(session));
+  ASSERT_TRUE(record(&session, 0, 60));
+  ASSERT_EQ(session.flush(), 0);
+  tarn::MountedCard growing(std::nullopt);
+  const uint64_t grows = look(&growing, "2023-11-15/ch0/00-13-20.recording.mp4").number;
+  EXPECT_FALSE(isAsBefore(&growing, grows));
+  EXPECT_FALSE(isAsBefore(&growing, grows)) << "it grows";
+  ASSERT_EQ(session.close(), 0);
+  for (uint32_t i = 0; i < 6; ++i) {
+    ASSERT_TRUE(openSession(session));
+    ASSERT_TRUE(record(&session, 100 + i * 75, 150 + i * 75));
+    ASSERT_EQ(session.close(), 0);
+  }
+  tarn::MountedCard card(std::nullopt);
+  const uint64_t file = look(&card, kFirst).number;
+  EXPECT_FALSE(isAsBefore(&card, file)) << "nothing was read before";
+  EXPECT_TRUE(isAsBefore(&card, file));
+  openOthers(&card);
+  EXPECT_TRUE(isAsBefore(&card, file));
+  // An entry that was good is not any more: without its picture the movie is another one.
+  const DB_STREAM row = allStreams().front();
+  const uint64_t entry = rig.card.chunkStart(tarn::kFilePicture, static_cast<int>(row.chunkID)) +
+                         row.chunkOffset + 32 * 40;
+  const ShellResult damage =
+      shell("printf xxxx | dd of=/dev/sdblk0p1 bs=1 conv=notrunc status=none seek=" +
+            std::to_string(entry + 12));
+  ASSERT_EQ(damage.exitCode, 0) << damage.output;
+  openOthers(&card);
+  EXPECT_FALSE(isAsBefore(&card, file));
+  EXPECT_TRUE(isAsBefore(&card, file));
 }
 
 // The ring overwrites its place while it is open.

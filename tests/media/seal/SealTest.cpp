@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -17,6 +18,7 @@
 #include "media/seal/FileVerifier.h"
 #include "media/seal/SealKeys.h"
 #include "media/seal/SealedOutput.h"
+#include "support/IoFaults.h"
 
 namespace tarn_test {
 namespace {
@@ -211,6 +213,26 @@ TEST_F(SealTest, AnotherSealGoesOnTopAndLeavesTheFirstAsItIs) {
   EXPECT_EQ(read(kFile).substr(read(kFile).size() - 200), once.substr(once.size() - 200));
 }
 
+TEST_F(SealTest, TellsHowFarItIs) {
+  std::vector<uint64_t> told;
+  uint64_t all = 0;
+  const tarn::FileProgress note = [&](uint64_t done, uint64_t of) {
+    told.push_back(done);
+    all = of;
+  };
+  tarn::FileVerifier().verify(kFile, note);
+  const uint64_t size = read(kFile).size();
+  EXPECT_EQ(all, size);
+  ASSERT_FALSE(told.empty());
+  EXPECT_EQ(told.back(), size);
+  told.clear();
+  std::string error;
+  ASSERT_TRUE(tarn::sealFile(kFile, other().request("received"), &error, note)) << error;
+  EXPECT_EQ(all, 2 * size) << "it is read twice";
+  EXPECT_EQ(told.back(), all);
+  EXPECT_TRUE(std::is_sorted(told.begin(), told.end()));
+}
+
 TEST_F(SealTest, AChangedFileGetsNoOtherSealAndStaysAsItIs) {
   std::string bytes = read(kFile);
   bytes[bytes.size() - 3] ^= 1;
@@ -275,6 +297,13 @@ TEST_F(SealTest, KeysThatProveNothingAreRefused) {
             "cannot read the certificate /tmp/no.pem: No such file or directory");
   EXPECT_THAT(refusal("pkcs11:token=none;object=none", unit().path()),
               StartsWith("the key pkcs11:token=none;object=none cannot be had from a token: "));
+}
+
+TEST_F(SealTest, AFlushThatASignalInterruptsIsMadeAgain) {
+  IoFaults faults(std::string(kFile) + ".part");
+  faults.fail(Call::Fsync, 1, EINTR, 2);
+  EXPECT_EQ(seal(kFile, true), "");
+  EXPECT_GE(faults.count(Call::Fsync), 3u);
 }
 
 TEST_F(SealTest, AFileAppearsOnlyWhenItIsSealed) {
