@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <cstddef>
 #include <filesystem>
 
@@ -8,6 +10,8 @@ struct tarn_exported : tarn::RowsOf<tarn::FileFacts, tarn_exported_file> {};
 
 namespace tarn {
 namespace {
+
+constexpr char kErrStopped[] = "stopped before its end";
 
 // The process has its own working directory, and ours may change.
 std::string absolute(const char* path) { return std::filesystem::absolute(path).string(); }
@@ -62,18 +66,38 @@ tarn_exported_file rowOf(const FileFacts& facts) {
 }
 
 bool takeAnswer(const Message& answer, const tarn_export_request& request,
-                const ReaderProcess& process, tarn_exported* out) {
+                const ReaderProcess& process, tarn_exported* out, bool* stopped) {
   if (answer.kind == MessageKind::kProgress) {
     ProgressFacts progress;
     if (!answer.take(&progress)) return false;
-    if (request.progress != nullptr && request.progress(request.context, progress.written) != 0)
+    if (request.progress != nullptr && request.progress(request.context, progress.written) != 0) {
+      *stopped = true;
       process.stop();
+    }
     return true;
   }
   FileFacts& facts = out->facts.emplace_back();
   if (!answer.take(&facts)) return false;
   out->rows.push_back(rowOf(facts));
   return true;
+}
+
+// Whether a file is one of those that an export to `asked` makes: NAME.mp4, NAME-ch0.mp4. What else
+// the process names, which reads a card that nobody vouches for, is not its to give away.
+bool isMadeOf(const std::filesystem::path& file, const std::filesystem::path& asked) {
+  const std::string stem = asked.stem().string();
+  return file.parent_path() == asked.parent_path() && !stem.empty() &&
+         file.filename().string().compare(0, stem.size(), stem) == 0 &&
+         file.extension() == asked.extension();
+}
+
+// The export was over before it heard of it.
+bool undo(const tarn_exported& exported, const std::filesystem::path& asked) {
+  for (const FileFacts& facts : exported.facts) {
+    if (facts.error.empty() && isMadeOf(facts.path, asked)) unlink(facts.path.c_str());
+  }
+  lastError() = kErrStopped;
+  return false;
 }
 
 }  // namespace
@@ -88,12 +112,14 @@ int tarn_export(tarn_card* card, const tarn_export_request* request, const char*
       return -1;
     const tarn_export_request whole = tarn::wholeOf(*request);
     auto out = std::make_unique<tarn_exported>();
+    bool stopped = false;
     const auto take = [&](const tarn::Message& answer) {
-      return tarn::takeAnswer(answer, whole, *card->process, out.get());
+      return tarn::takeAnswer(answer, whole, *card->process, out.get(), &stopped);
     };
     tarn::Message done;
     const tarn::Message question(tarn::MessageKind::kExport, tarn::questionOf(whole, path));
-    const bool good = card->process->ask(question, take, &done, &tarn::lastError());
+    const bool good = card->process->ask(question, take, &done, &tarn::lastError()) &&
+                      (!stopped || tarn::undo(*out, tarn::absolute(path)));
     if (exported != nullptr) *exported = out.release();
     return good ? 0 : -1;
   });

@@ -21,7 +21,8 @@ bool CardAccess::decide(const std::string& card, const Command& command, const s
   if (card.empty()) return true;
   const std::string kind = OriginalCard::whyOverlaid(card);
   // What only looks at a card of the plain kind opens it for reading by itself.
-  if (!command.needsRecorder() && (kind.empty() || command.changesCard())) return true;
+  if (!command.needsRecorder() && (kind.empty() || command.changesCard()))
+    return command.makesCard() || isNoOther(card, error);
   const std::string protection = kind.empty() ? whyNotWritable(card) : "";
   const bool chosen = asked || partition != 0;
   if (!chosen && kind.empty() && protection.empty()) return isNoOther(card, error);

@@ -15,6 +15,7 @@
 
 #include "ChildProcess.h"
 #include "Console.h"
+#include "base/FolderNames.h"
 #include "base/UniqueFd.h"
 #include "fat/ChunkFiles.h"
 
@@ -114,8 +115,9 @@ int CardView::runReadOnly(const std::string& card, CardOriginal* original,
   if (lock_.acquireToRead(card, error) != 0) return -1;
   if (overlay_.start(original, complaint(card + kMsgOverlayFull), error) != 0) return -1;
   const int exitCode = runOn("--bind", overlay_.path(), arguments, shown, error);
-  overlay_.stop();
-  return exitCode;
+  if (overlay_.stop()) return exitCode;
+  *error = "what it would change could not be saved";
+  return -1;
 }
 
 int CardView::runOn(const char* option, const std::string& shownCard,
@@ -195,12 +197,14 @@ void CardView::addSetupCommand() {
   fs::path cover = fs::path(kSetupPlace).parent_path();
   while (!isDirectory(cover)) cover = cover.parent_path();
   words_.insert(words_.end(), {"--tmpfs", cover.string()});
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(cover, ignored)) {
-    const std::string path = entry.path().string();
+  std::vector<std::string> names;
+  folderNames(cover.c_str(), &names);  // of a folder that cannot be read nothing is shown
+  for (const std::string& name : names) {
+    const std::string path = (cover / name).string();
+    std::error_code ignored;
     if (path == kSetupPlace) continue;
-    if (entry.is_symlink(ignored)) {
-      words_.insert(words_.end(), {"--symlink", fs::read_symlink(entry, ignored).string(), path});
+    if (fs::is_symlink(path, ignored)) {
+      words_.insert(words_.end(), {"--symlink", fs::read_symlink(path, ignored).string(), path});
     } else {
       words_.insert(words_.end(), {"--bind-try", path, path});
     }

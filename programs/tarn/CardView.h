@@ -8,6 +8,10 @@
 
 namespace tarn {
 
+// Hidden options of the tool in a view: its card is an overlay, and what to call it.
+inline constexpr char kInsideReadOnly[] = "--inside-read-only";
+inline constexpr char kShownName[] = "--shown-name";
+
 // Programs that belong to the tool: beside it, or where an installation puts them. "" when there is
 // none.
 std::string findCompanion(const std::string& name);
@@ -30,6 +34,10 @@ class CardView {
   int runReadOnly(const std::string& card, CardOriginal* original,
                   const std::vector<std::string>& arguments, const std::vector<std::string>& shown,
                   std::string* error);
+
+  // Before runReadOnly(): what is written in the view is saved at its end with what `card` has
+  // there, into `file`, a new one; none where nothing is. A failure is one of runReadOnly().
+  void keepChanges(const std::string& file) { overlay_.keepChanges(file); }
 
   // Inside a view: where a path given by the user is found. Only what lies in /tmp itself, or in a
   // directory of it that run() was not told to show, has another name there.

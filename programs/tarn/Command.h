@@ -15,6 +15,8 @@ namespace tarn {
 inline constexpr int kExitGood = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
+inline constexpr char kExitCodesText[] =
+    "Exit codes: 0 done; 1 failed, with the reason on standard error; 2 wrong usage.";
 
 // A command line as it was given, without the program's name.
 using WordsAsGiven = std::vector<std::string>;
@@ -58,6 +60,10 @@ class Command {
   virtual bool isDryRun() const { return false; }
   // Exit code for a command line that makes no sense.
   virtual int usageExitCode() const { return kExitUsage; }
+  // The same where what was named as the card cannot be worked on.
+  virtual int refusedExitCode() const { return kExitFailed; }
+  // Whether what is named as the card need not be one yet.
+  virtual bool makesCard() const { return false; }
   // Members that hold paths given by the user, "" and "-" meaning none. In a private view, where
   // /tmp is not the user's, they are rewritten before run().
   virtual std::vector<std::string*> userPaths() { return {}; }
@@ -97,6 +103,7 @@ std::unique_ptr<Command> makeInfoCommand();
 std::unique_ptr<Command> makeCheckCommand();
 std::unique_ptr<Command> makeListCommand();
 std::unique_ptr<Command> makeKeepCommand();
+std::unique_ptr<Command> makeRedateCommand();
 std::unique_ptr<Command> makeRecoverCommand();
 std::unique_ptr<Command> makeLogCommand();
 std::unique_ptr<Command> makeRunCommand();
@@ -113,7 +120,7 @@ std::unique_ptr<Command> makeSealCommand();
 std::unique_ptr<Command> makeVerifyCommand();
 // For the library for C.
 std::unique_ptr<Command> makeAnswerCommand();
-// Where the build has libmicrohttpd, too.
+// Where the build has libmicrohttpd and libarchive, too.
 std::unique_ptr<Command> makeServeCommand();
 
 }  // namespace tarn

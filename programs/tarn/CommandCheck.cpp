@@ -7,11 +7,13 @@
 #include "CardView.h"
 #include "Command.h"
 #include "Console.h"
+#include "RecoveryRehearsal.h"
 #include "StandardOutputMuted.h"
 #include "fat/ChunkFiles.h"
 #include "recorder/card/CardGeometry.h"
 #include "recorder/card/CardRepair.h"
 #include "recorder/card/TimeText.h"
+#include "recorder/card/UndoFile.h"
 #include "recorder/check/CardCheck.h"
 
 namespace tarn {
@@ -26,6 +28,7 @@ constexpr int kExitLeft = 4;
 constexpr int kExitNotRun = 8;
 constexpr int kExitCheckUsage = 16;
 
+constexpr char kPart[] = ".part";
 constexpr char kNotLookedAt[] =
     "nothing behind it was checked: what is lost, if anything, will show once it is mended";
 
@@ -90,6 +93,7 @@ class CommandCheck : public Command {
   bool needsRecorder() const override { return false; }
   bool changesCard() const override { return (repair_ && !dryRun_) || !takeBack_.empty(); }
   int usageExitCode() const override { return kExitCheckUsage; }
+  int refusedExitCode() const override { return kExitNotRun; }
 
   int run() override {
     if (card_.empty()) card_ = deviceName(kRecorderPartition);
@@ -112,7 +116,8 @@ class CommandCheck : public Command {
       return before.findings().total() == 0 ? kExitClean : kExitLeft;
     }
     CardCheck after;
-    if (!recover() || !look(&after)) return kExitNotRun;
+    if (!saveUndo() || !recover() || !look(&after)) return kExitNotRun;
+    if (undone_ && steps_.empty() && !json_) tellUndo();
     print(before, &after);
     return after.findings().total() == 0 ? kExitCorrected : kExitLeft;
   }
@@ -153,18 +158,51 @@ class CommandCheck : public Command {
     return kExitLeft;
   }
 
-  // Recovery decides on what it finds when it runs; the check cannot run it without writing.
-  int tellDryRun(const CardCheck& found) const {
-    print(found, nullptr);
+  // Recovery decides on what it finds when it runs, so it is run where nothing of it is kept.
+  int tellDryRun(const CardCheck& found) {
     const bool clean = found.findings().total() == 0;
-    if (!clean && !json_) {
-      const size_t open = found.findings().count(FindingKind::kOpenRow);
-      fmt::print(
-          "then the recovery would run: {}what else it would change is not known before it "
-          "runs\n",
-          open == 0 ? "" : fmt::format("it would end or drop what was left open ({}); ", open));
-    }
+    RecoveryRehearsal rehearsal;
+    std::string error;
+    if (!clean && rehearsal.run(card_, json_, "", &error)) plan_ = rehearsal.output();
+    print(found, nullptr);
+    if (!clean && !json_) tellRecovery(error);
     return clean && steps_.empty() ? kExitClean : kExitLeft;
+  }
+
+  // Behind its first line, which only says that it did nothing.
+  void tellRecovery(const std::string& error) const {
+    if (plan_.empty()) {
+      fmt::print("then the recovery would run; what it would change is not known here: {}\n",
+                 error);
+    } else {
+      fmt::print("then the recovery would run:\n{}", plan_.substr(plan_.find('\n') + 1));
+    }
+  }
+
+  // What the recovery is about to change, into the undo file. False when that is there already, or
+  // cannot be completed; where a recovery cannot be tried, it runs without.
+  bool saveUndo() {
+    std::string error;
+    const bool chosen = !undoFile_.empty() || std::filesystem::is_regular_file(card_);
+    if (!chosen) {
+      warn("without --save-undo FILE what the recovery changes cannot be taken back");
+      return true;
+    }
+    if (undoFile_.empty() && !chooseUndoFile()) return false;
+    const std::string file = steps_.empty() ? undoFile_ : undoFile_ + kPart;
+    RecoveryRehearsal rehearsal;
+    if (std::filesystem::exists(file)) {
+      complain(file + " is there already");
+      return false;
+    }
+    if (!rehearsal.run(card_, json_, file, &error)) {
+      warn("what the recovery changes cannot be taken back: " + error);
+      return true;
+    }
+    undone_ = std::filesystem::exists(file);
+    if (!undone_ || steps_.empty() || UndoFile::join(undoFile_, file, &error) == 0) return true;
+    complain(error);
+    return false;
   }
 
   static void tellPlan(const std::vector<CardRepair::Step>& steps, const char* what) {
@@ -190,8 +228,13 @@ class CommandCheck : public Command {
       complain(error);
       return false;
     }
-    if (!json_) fmt::print("\"tarn check {} --undo {}\" takes that back\n", card_, undoFile_);
+    undone_ = true;
+    if (!json_) tellUndo();
     return true;
+  }
+
+  void tellUndo() const {
+    fmt::print("\"tarn check {} --undo {}\" takes that back\n", card_, undoFile_);
   }
 
   bool chooseUndoFile() {
@@ -209,6 +252,7 @@ class CommandCheck : public Command {
     ProgressLine line;
     CardCheckOptions options;
     options.wholePictures = !quick_;
+    options.threads = 0;
     options.progress = [&line](uint64_t done, uint64_t total) {
       line.show(fmt::format("recording {} of {}", done, total));
       return !stopRequested();
@@ -301,10 +345,11 @@ class CommandCheck : public Command {
     if (dryRun_) {
       json["recovery"] = {{"wouldRun", last.findings().total() != 0},
                           {"leftOpen", last.findings().count(FindingKind::kOpenRow)}};
+      if (!plan_.empty()) json["recovery"]["plan"] = Json::parse(plan_, nullptr, false);
     }
     const char* const plan = dryRun_ ? "repair" : "mended";
     for (const CardRepair::Step& step : steps_) json[plan].push_back(step.text);
-    if (!steps_.empty() && !dryRun_) json["undoFile"] = undoFile_;
+    if (undone_) json["undoFile"] = undoFile_;
     // Names come from the command line and need not be UTF-8.
     fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
   }
@@ -315,6 +360,8 @@ class CommandCheck : public Command {
   bool dryRun_ = false;
   std::string undoFile_;
   std::string takeBack_;
+  std::string plan_;                     // of the recovery, as it prints it
+  bool undone_ = false;                  // the undo file is there
   std::vector<CardRepair::Step> steps_;  // of what leads to the chunks
 };
 

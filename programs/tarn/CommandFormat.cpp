@@ -67,6 +67,7 @@ class CommandFormat : public Command {
   }
 
   bool needsRecorder() const override { return false; }
+  bool makesCard() const override { return true; }
 
   int run() override {
     request_.clusterBytes = static_cast<uint32_t>(std::min<uint64_t>(clusterBytes_, 0x80000000));

@@ -34,26 +34,26 @@ class CommandKeep : public Command {
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand("keep", "Keep recordings from being overwritten");
     addCard(app);
-    CLI::Option* event = app->add_option("--event", event_, "What was recorded during this event");
+    CLI::Option* event = app->add_option("--event", event_, "what was recorded during this event");
     CLI::Option* from =
-        addTime(app, "--from", "All from this time on", TimeInput::Edge::kStart, &from_);
-    CLI::Option* to = addTime(app, "--to", "All up to this time", TimeInput::Edge::kEnd, &to_);
+        addTime(app, "--from", "all from this time on", TimeInput::Edge::kStart, &from_);
+    CLI::Option* to = addTime(app, "--to", "all up to this time", TimeInput::Edge::kEnd, &to_);
     CLI::Option* release =
-        app->add_option("--release", release_, "Give up what is kept of this event");
-    CLI::Option* list = app->add_flag("--list", list_, "Say what is kept");
+        app->add_option("--release", release_, "give up what is kept of this event");
+    CLI::Option* list = app->add_flag("--list", list_, "say what is kept");
     event->type_name("ID")->excludes(from)->excludes(to)->excludes(release)->excludes(list);
     from->excludes(release)->excludes(list);
     to->excludes(release)->excludes(list);
     release->type_name("ID")->excludes(list);
-    app->add_option("--channel", request_.channel, "Only what this channel recorded")
+    app->add_option("--channel", request_.channel, "only what this channel recorded")
         ->check(CLI::Range(0, 127));
     app->add_option("--budget", request_.budgetChunks,
-                    "Stream chunks that kept events may take; a tenth of the card's when not given")
+                    "stream chunks that kept events may take; a tenth of the card's when not given")
         ->type_name("CHUNKS")
         ->check(CLI::Range(1u, 65535u));
     app->add_flag("--strict", request_.strict,
-                  "Refuse when the budget is full, instead of giving up the oldest copy");
-    app->add_flag("--json", json_, "Print JSON");
+                  "refuse when the budget is full, instead of giving up the oldest copy");
+    app->add_flag("--json", json_, "print JSON");
     return app;
   }
 

@@ -15,6 +15,7 @@
 #include "fat/ChunkFiles.h"
 #include "manager/CTARNSyslogManager.h"
 #include "recorder/card/TimeText.h"
+#include "recorder/log/LogChunkLines.h"
 #include "recorder/log/LogFormat.h"
 #include "recorder/log/LogWriter.h"
 #include "recorder/rows/ServerRetry.h"
@@ -35,53 +36,6 @@ constexpr char kNoServer[] =
 
 constexpr char kNoLogData[] =
     "the management server cannot read the card's management data of the system log";
-
-// The lines of one chunk, from where the last call ended. Lines never straddle what a call sees:
-// the free offset is moved by whole lines.
-class ChunkLines {
- public:
-  using Show = std::function<bool(const std::string&)>;  // false: no more
-
-  void start(int chunk) {
-    chunk_ = chunk;
-    position_ = 0;
-  }
-  int chunk() const { return chunk_; }
-
-  // False when the chunk cannot be read.
-  bool showNew(CApiTarnSyslogRead* reader, const Show& show) {
-    CHUNK_USAGE usage = {};
-    if (reader->getUsage(static_cast<short>(chunk_), &usage) != 0) return false;
-    if (usage.freeAddr < position_) position_ = 0;  // used anew
-    if (usage.freeAddr == position_) return true;   // an empty range is not opened
-    if (reader->openChunk(0, static_cast<unsigned char>(chunk_)) != 0) return false;
-    const bool good = readOn(reader, show);
-    reader->close();
-    return good;
-  }
-
- private:
-  bool readOn(CApiTarnSyslogRead* reader, const Show& show) {
-    if (reader->seek(static_cast<long>(position_), SEEK_SET) < 0) return false;
-    std::string text(kReadBytes, '\0');
-    std::string rest;
-    long got = 0;
-    while ((got = reader->read(text.data(), kReadBytes)) > 0) {
-      position_ += static_cast<uint32_t>(got);
-      rest.append(text, 0, static_cast<size_t>(got));
-      size_t start = 0;
-      for (size_t feed; (feed = rest.find('\n', start)) != std::string::npos; start = feed + 1) {
-        if (!show(rest.substr(start, feed - start))) return true;
-      }
-      rest.erase(0, start);
-    }
-    if (!rest.empty()) show(rest);
-    return got == 0;
-  }
-
-  int chunk_ = 0;
-  uint32_t position_ = 0;  // bytes shown
-};
 
 class CommandLog : public Command {
  public:
@@ -130,7 +84,7 @@ class CommandLog : public Command {
       complain("the management data names no active syslog chunk; the card needs recovery");
       return kExitFailed;
     }
-    ChunkLines lines;
+    LogChunkLines lines;
     if (chunk_ >= 0) {
       lines.start(chunk_);
       if (!show(&reader, &lines)) return kExitFailed;
@@ -144,9 +98,9 @@ class CommandLog : public Command {
     return follow_ ? followLines(&reader, &lines) : kExitGood;
   }
 
-  bool show(CApiTarnSyslogRead* reader, ChunkLines* lines) {
+  bool show(CApiTarnSyslogRead* reader, LogChunkLines* lines) {
     const bool read =
-        lines->showNew(reader, [this](const std::string& line) { return showLine(line); });
+        lines->readNew(reader, [this](const std::string& line) { return showLine(line); });
     if (outputError_ != 0) return false;
     if (read) return true;
     complain(fmt::format("syslog chunk {} cannot be read", lines->chunk()));
@@ -196,7 +150,7 @@ class CommandLog : public Command {
     return false;
   }
 
-  int followLines(CApiTarnSyslogRead* reader, ChunkLines* lines) {
+  int followLines(CApiTarnSyslogRead* reader, LogChunkLines* lines) {
     for (;;) {
       // A reader that went away shows first here, and a file or pipe gets its lines at once.
       if (fflush(stdout) != 0) {

@@ -19,9 +19,10 @@ class CommandRun : public Command {
         "run", "Run a program on the recorder; with --card, in a private view on a card");
     app->add_option("CARD", card_, "block device or image file, as with --card");
     app->add_flag("--early", early_,
-                  "With --card: start the program beside the recovery, not behind it; for programs "
+                  "with --card: start the program beside the recovery, not behind it; for programs "
                   "that wait for the management server themselves, as \"tarn record\" does");
     app->add_option("COMMAND", words_, "the program and its arguments, behind --");
+    app->footer(std::string(kExitCodesText) + "\nOnce the program runs, its own.");
     return app;
   }
 

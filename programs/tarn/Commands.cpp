@@ -35,6 +35,7 @@ std::vector<std::unique_ptr<Command>> allCommands() {
 #endif
   commands.push_back(makeListCommand());
   commands.push_back(makeKeepCommand());
+  commands.push_back(makeRedateCommand());
 #ifdef TARN_WITH_MEDIA
   commands.push_back(makeExportCommand());
   commands.push_back(makeArchiveCommand());

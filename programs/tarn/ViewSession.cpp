@@ -12,6 +12,8 @@
 #include "RecoveryLine.h"
 #include "StandardOutputMuted.h"
 #include "base/UniqueFd.h"
+#include "fat/ChunkFiles.h"
+#include "original/OriginalCard.h"
 #include "recorder/recovery/Recovery.h"
 
 namespace tarn {
@@ -43,6 +45,8 @@ int ViewSession::open(bool server, std::string* error) {
   for (const std::string& problem : report.problems) warn(problem);
   if (!report.ok()) {
     *error = "the recorder could not be started up on this card: " + report.error;
+    const std::string other = OriginalCard::otherContent(deviceName(kRecorderPartition));
+    if (!other.empty()) *error += "; it holds " + other;
     return -1;
   }
   served_ = server;

@@ -28,11 +28,6 @@ namespace tarn {
 namespace {
 
 constexpr char kOutputFailed[] = "standard output could not be written";
-// Beside --inside-view: the card is an overlay, which nobody will see again.
-constexpr char kInsideReadOnly[] = "--inside-read-only";
-constexpr char kFooter[] =
-    "Exit codes: 0 done; 1 failed, with the reason on standard error; 2 wrong usage.\n"
-    "run passes on the exit code of its command.";
 
 // Before the times of a command are read: the tool's own options come first.
 void chooseZone(const char* option, const std::string& name) {
@@ -62,7 +57,7 @@ struct Tool {
                    "one that holds a card")
         ->type_name("N")
         ->check(CLI::Range(1, 1024));
-    app.add_option("--shown-name", shownName)->group("");
+    app.add_option(kShownName, shownName)->group("");
     app.add_flag(kInsideReadOnly, insideReadOnly)->group("");
     app.add_flag_function(
         "--utc", [](int64_t) { chooseZone("--utc", "UTC"); }, "understand and show times in UTC");
@@ -75,9 +70,11 @@ struct Tool {
     app.add_option("--inside-view", viewPipe)->group("");
     app.set_version_flag("-V,--version", "tarn " TARN_VERSION, "print the version and exit");
     app.require_subcommand(0, 1);
-    app.footer(kFooter);
+    app.footer(kExitCodesText);  // commands take it over
     for (const auto& command : commands) subcommands.push_back(command->addTo(app));
     for (CLI::App* subcommand : subcommands) subcommand->fallthrough();
+    app.footer(std::string(kExitCodesText) +
+               "\nrun, check and verify have codes of their own: see tarn help COMMAND.");
   }
 
   Command* chosen() const {
@@ -200,15 +197,14 @@ int runInView(const Tool& tool, Command* command, WordsAsGiven words) {
     complain(error);
     return kExitFailed;
   }
-  if (original != nullptr)
-    words.insert(words.begin(), {kInsideReadOnly, "--shown-name", tool.card});
+  if (original != nullptr) words.insert(words.begin(), {kInsideReadOnly, kShownName, tool.card});
   const int exitCode =
       original == nullptr
           ? view.run(tool.card, words, pathsToShow(command), &error)
           : view.runReadOnly(tool.card, original, words, pathsToShow(command), &error);
   if (exitCode >= 0) return exitCode;
   complain(error);
-  return kExitFailed;
+  return command->refusedExitCode();
 }
 
 // Whoever asks for JSON reads errors as JSON, too: a line {"error": "..."} each.
@@ -272,7 +268,7 @@ int runTool(int argc, char** argv) {
   if (!tool.card.empty() && command->asksReadOnly()) tool.access.readOnly = true;
   if (!tool.access.decide(tool.card, *command, tool.nameOf(command), &error)) {
     complain(error);
-    return kExitFailed;
+    return command->refusedExitCode();
   }
   if (!command->needsRecorder() && tool.access.original() == nullptr) {
     command->setCard(tool.card);

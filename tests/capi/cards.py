@@ -234,6 +234,16 @@ class CardTest(unittest.TestCase):
         self.assertEqual(list(self.folder.glob("stopped*")), [])
         self.assertEqual(len(list(self.video().pictures())), 75)
 
+    def test_export_that_is_stopped_when_it_is_over_leaves_nothing_either(self):
+        out = self.folder / "late.mp4"
+
+        def enough(_written):
+            time.sleep(1)
+            raise KeyboardInterrupt
+        with self.assertRaises(KeyboardInterrupt):
+            self.video().export(out, progress=enough)
+        self.assertEqual(list(self.folder.glob("late*")), [])
+
     def test_sealed_export_is_proven_until_a_bit_turns(self):
         key, certificate = self.folder / "unit.key", self.folder / "unit.pem"
         cameras.run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key, "-out", certificate,
@@ -358,6 +368,19 @@ class CardTest(unittest.TestCase):
             list(self.read(recording))
         with self.assertRaisesRegex(tarn.Error, "the card is closed"):
             card.recordings()
+
+    def test_card_that_goes_is_an_error_and_loses_no_picture(self):
+        card = copy(self.path, self.folder / "goes.img")
+        size = os.path.getsize(card)
+        with tarn.open(card) as going:
+            recording = going.recordings(channel=3)[0]
+            self.assertFalse(any(one.lost for one in self.read(recording)))
+            os.truncate(card, 0)
+            with self.assertRaisesRegex(tarn.Error, "the card cannot be read any more"):
+                list(self.read(recording))
+            with self.assertRaisesRegex(tarn.Error, "cannot be read"):
+                going.recordings()
+            os.truncate(card, size)
 
     def test_reader_that_is_killed_is_an_error_and_no_end(self):
         before = self.answering()

@@ -11,7 +11,15 @@ LIMIT = 60  # seconds for anything that is waited for; a busy machine is slow
 
 def missing():
     """What this machine lacks for a browser, or None."""
-    for program in ("chromium", "chromedriver", "ffmpeg", "ffprobe"):
+    for program in ("chromium", "chromedriver"):
+        if shutil.which(program) is None:
+            return f"{program} is missing"
+    return missing_tools()
+
+
+def missing_tools():
+    """What it lacks for any browser, or None."""
+    for program in ("ffmpeg", "ffprobe"):
         if shutil.which(program) is None:
             return f"{program} is missing"
     try:
@@ -84,7 +92,10 @@ class Page:
           notes: [...document.querySelectorAll('#stage .note')].map((note) => note.hidden ? '' : note.textContent),
           videos: [...document.querySelectorAll('video')].map((video) =>
             [video.currentTime, video.paused, video.readyState, video.error && video.error.message])})"""), indent=1) + \
-            "\n".join(str(entry) for entry in self.driver.get_log("browser")[-5:])
+            "\n".join(str(entry) for entry in self.console()[-5:])
+
+    def console(self):
+        return self.driver.get_log("browser")
 
     def press(self, *keys):
         from selenium.webdriver.common.by import By
@@ -118,7 +129,7 @@ class Page:
 
     def note_problems(self):
         """Takes down what the browser has complained of since the last time."""
-        for entry in self.driver.get_log("browser"):
+        for entry in self.console():
             if entry["level"] in ("SEVERE", "WARNING"):
                 self.problems.append(entry["message"])
 

@@ -234,6 +234,14 @@ TEST_F(TarnCardKinds, WhatIsNoCardIsNamed) {
   EXPECT_EQ(tarn("--card /tmp/x list").output, begin + "a PNG picture\n") << "without asking, too";
   EXPECT_EQ(with(0, "\x01\x02"),
             begin + "nothing that is known; it begins with 01 02 F6 F6 F6 F6 F6 F6\n");
+  // Where it may have been a card that is not sure, and is looked at all the same; with the same
+  // words then.
+  EXPECT_THAT(tarn("--card /tmp/x list").output,
+              HasSubstr("; it holds nothing that is known; it begins with 01 02 F6"));
+  writeFile("/tmp/x", Bytes(256 * kKiB));
+  EXPECT_THAT(tarn("list /tmp/x").output, HasSubstr("; it holds nothing but zeros where a volume"));
+  writeFile("/tmp/x", Bytes(256 * kKiB, 0xFF));
+  EXPECT_EQ(of("/tmp/x"), begin + "nothing but bytes of FF where a volume begins\n");
   writeFile("/tmp/x", {});
   EXPECT_EQ(of("/tmp/x"), begin + "nothing: it is empty\n");
   EXPECT_EQ(of("/etc/passwd"), "tarn: /etc/passwd is no card of the recorder: it holds text\n");
@@ -244,6 +252,24 @@ TEST_F(TarnCardKinds, WhatIsNoCardIsNamed) {
             "tarn: /usr/include/linux is no folder of a card's files:");
   EXPECT_EQ(tarn("--card /tmp/card --partition 1 list").output,
             "tarn: /tmp/card has no partitions: it holds a card of the recorder\n");
+}
+
+// Nor do those that need no recorder; and a check that could not run corrected nothing.
+TEST_F(TarnCardKinds, WhatIsNoCardIsNamedByCheckAndInfoToo) {
+  const std::string text = "/etc/passwd is no card of the recorder: it holds text";
+  for (const std::string words :
+       {"info /etc/passwd", "check /etc/passwd", "check --repair /etc/passwd"}) {
+    const ShellResult result = tarn(words);
+    EXPECT_EQ(result.output, "tarn: " + text + "\n") << words;
+    EXPECT_EQ(result.exitCode, words[0] == 'i' ? 1 : 8) << words;
+  }
+  EXPECT_EQ(tarn("check --json /etc/passwd").output, "{\"error\":\"" + text + "\"}\n");
+  ASSERT_EQ(shell("mkdir /tmp/empty").exitCode, 0);
+  EXPECT_EQ(tarn("check /tmp/empty").exitCode, 8);
+  EXPECT_EQ(tarn("info /tmp/empty").exitCode, 1);
+  // What makes a card needs none.
+  ASSERT_EQ(shell("yes text | head -c 40000000 >/tmp/text").exitCode, 0);
+  EXPECT_THAT(tarn("format /tmp/text").output, HasSubstr("force the format to overwrite it"));
 }
 
 #ifdef TARN_WITH_EWF

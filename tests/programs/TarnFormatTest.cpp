@@ -16,6 +16,7 @@ namespace {
 using nlohmann::json;
 using tarn_test::shell;
 using tarn_test::ShellResult;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -261,6 +262,17 @@ TEST(TarnFormatTest, EveryCommandHasHelp) {
     EXPECT_THAT(help.output, HasSubstr("Usage: tarn " + std::string(command)));
   }
   EXPECT_THAT(all.output, HasSubstr("Exit codes: 0 done; 1 failed"));
+}
+
+TEST(TarnFormatTest, HelpOfACommandTellsItsOwnExitCodesAndNoOthers) {
+  const std::string general =
+      "Exit codes: 0 done; 1 failed, with the reason on standard error; 2 wrong usage.\n";
+  EXPECT_THAT(tarn("--help").output, HasSubstr(general + "run, check and verify have codes"));
+  for (const char* command : {"format", "list", "recover", "save"})
+    EXPECT_THAT(tarn(std::string(command) + " --help").output, EndsWith("\n\n" + general))
+        << command;
+  EXPECT_THAT(tarn("run --help").output, EndsWith(general + "Once the program runs, its own.\n"));
+  EXPECT_THAT(tarn("check --help").output, HasSubstr("\nExit codes: 0 clean; 1 corrected;"));
 }
 
 TEST(TarnFormatTest, OutputThatCannotBeWrittenIsAFailure) {

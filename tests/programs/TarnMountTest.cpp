@@ -115,6 +115,21 @@ TEST_F(TarnMount, AStopUnmounts) {
   }
 }
 
+TEST_F(TarnMount, TellsAProgramWhereItIsMountedOnceItIs) {
+  unmount();
+  const ShellResult result =
+      shell("timeout 120 " TARN_BIN_DIR "/tarn mount /tmp/mnt --json && test -e " + movie);
+  EXPECT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_EQ(result.output, "{\n  \"schema\": 1,\n  \"mounted\": \"/tmp/mnt\"\n}\n");
+  unmount();
+  EXPECT_EQ(shell(TARN_BIN_DIR "/tarn mount /tmp/mnt --json --foreground >/tmp/told & for i in "
+                               "$(seq 600); do grep -q '^}' /tmp/told && break; sleep 0.05; done; "
+                               "test -e " +
+                  movie + " && cat /tmp/told; kill $!; wait $!")
+                .output,
+            result.output);
+}
+
 TEST_F(TarnMount, SaysWhatIsWrong) {
   unmount();
   EXPECT_EQ(tarn("mount").exitCode, 2);
@@ -124,7 +139,8 @@ TEST_F(TarnMount, SaysWhatIsWrong) {
   const ShellResult none = tarn("mount /tmp/nowhere");
   EXPECT_EQ(none.exitCode, 1);
   EXPECT_EQ(none.output, "tarn: cannot mount at /tmp/nowhere: No such file or directory\n");
-  EXPECT_THAT(tarn("mount /etc/passwd --json").output, HasSubstr("not expected"));
+  EXPECT_EQ(tarn("mount /etc/passwd --json").output,
+            "{\"error\":\"/etc/passwd is no directory to mount at\"}\n");
   EXPECT_EQ(tarn("mount /etc/passwd").output, "tarn: /etc/passwd is no directory to mount at\n");
   takeCardAway();
   EXPECT_THAT(tarn("mount /tmp/mnt").output, HasSubstr("use --card CARD"));

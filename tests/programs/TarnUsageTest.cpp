@@ -97,6 +97,8 @@ TEST(TarnUsageTest, WhatCannotBeAskedForIsWrongUsage) {
                                   "list --channel 128",
                                   "keep --from 2026-03-01T00:00:01 --to 2026-03-01T00:00:00",
                                   "keep",
+                                  "redate --dry-run",
+                                  "redate --undo --record 0",
                                   "log -n 0",
                                   "log --write -n 3",
                                   "recover --accept --unattended",

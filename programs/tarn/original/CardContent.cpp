@@ -83,6 +83,11 @@ bool isText(const std::vector<uint8_t>& head) {
       [](uint8_t byte) { return byte >= 0x20 ? byte != 0x7F : byte >= '\t' && byte <= '\r'; });
 }
 
+bool isErased(const std::vector<uint8_t>& head) {
+  return (head[0] == 0 || head[0] == 0xFF) &&
+         std::all_of(head.begin(), head.end(), [&](uint8_t byte) { return byte == head[0]; });
+}
+
 bool isOurBoot(const uint8_t* sector) {
   return memcmp(sector + kBootOemOff, kOemName, sizeof kOemName - 1) == 0;
 }
@@ -152,13 +157,15 @@ CardContent CardContent::look(CardOriginal* original) {
     content.known_ = mark.words != kOtherFat32;
     return content;
   }
-  if (isText(head)) {
-    content.words_ = "text";
-    return content;
+  // Flash that was erased, which reads as 00 or FF, tells nothing of what lies behind it.
+  const bool erased = isErased(head);
+  content.known_ = !erased && isText(head);
+  if (erased) {
+    content.words_ = head[0] == 0 ? "nothing but zeros where a volume begins"
+                                  : "nothing but bytes of FF where a volume begins";
+  } else {
+    content.words_ = content.known_ ? "text" : unknownWords(head);
   }
-  content.known_ = false;
-  const bool zeros = std::all_of(head.begin(), head.end(), [](uint8_t byte) { return byte == 0; });
-  content.words_ = zeros ? "nothing but zeros where a volume begins" : unknownWords(head);
   return content;
 }
 

@@ -1,5 +1,7 @@
 #include "FolderOriginal.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -7,6 +9,7 @@
 #include <vector>
 
 #include "FileOriginal.h"
+#include "base/FolderNames.h"
 #include "recorder/card/CardText.h"
 #include "recorder/card/DeviceIo.h"
 
@@ -48,24 +51,29 @@ std::unique_ptr<FolderOriginal> FolderOriginal::open(const std::string& folder, 
 }
 
 bool FolderOriginal::list(const std::string& folder, std::string* error) {
-  std::error_code fault;
   size_t others = 0;
   std::string example;
-  for (fs::directory_iterator entry(folder, fault), end; !fault && entry != end;
-       entry.increment(fault)) {
+  std::vector<std::string> names;
+  const int reading = folderNames(folder.c_str(), &names);
+  if (reading != 0) {
+    *error = errnoText("cannot read " + folder, reading);
+    return false;
+  }
+  for (const std::string& name : names) {
     Chunk chunk;
-    const std::string name = entry->path().filename().string();
-    std::error_code ignored;
-    if (isChunkFileName(name, &chunk.first, &chunk.second) && entry->is_regular_file(ignored)) {
-      files_[chunk] = entry->path().string();
+    const std::string path = inFolder(folder, name);
+    struct stat status = {};
+    const bool named = isChunkFileName(name, &chunk.first, &chunk.second);
+    if (named && stat(path.c_str(), &status) != 0 && errno != ENOENT) {
+      *error = errnoText("cannot read " + path, errno);
+      return false;
+    }
+    if (named && S_ISREG(status.st_mode)) {
+      files_[chunk] = path;
     } else {
       ++others;
       if (example.empty() || name < example) example = name;
     }
-  }
-  if (fault) {
-    *error = "cannot read " + folder + ": " + fault.message();
-    return false;
   }
   if (files_.count({kFileInfo, 0}) != 0) return true;
   *error = folder + " is no folder of a card's files: it has no TAIF0000, but ";

@@ -67,6 +67,14 @@ std::string OriginalCard::foreignContent(const std::string& path) {
   return content.isForeign() ? content.words() : "";
 }
 
+std::string OriginalCard::otherContent(const std::string& path) {
+  std::string ignored;
+  const std::unique_ptr<FileOriginal> file = FileOriginal::open(path, &ignored);
+  if (file == nullptr) return "";
+  const CardContent content = CardContent::look(file.get());
+  return content.isCard() ? "" : content.words();
+}
+
 bool OriginalCard::open(const std::string& path, int partition, std::string* error) {
   return openWhole(path, error) && choose(path, partition, error);
 }

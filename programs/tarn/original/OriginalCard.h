@@ -18,6 +18,8 @@ class OriginalCard {
   // What it holds that is certainly no card, "an NTFS volume"; "" for a card, and where that is not
   // sure. Of a volume alone.
   static std::string foreignContent(const std::string& path);
+  // What it seems to hold in place of a card, also where that is not sure; "" for a card.
+  static std::string otherContent(const std::string& path);
 
   // Opens it for reading; `partition` names one of a whole device, 0 takes the one that holds a
   // card. False with the reason in *error: what was found instead.

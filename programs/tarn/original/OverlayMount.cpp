@@ -24,6 +24,7 @@ namespace {
 // which is there wherever it can be mounted at all, and which nobody misses in a private view.
 constexpr char kDevice[] = "/dev/fuse";
 constexpr int kStopTries = 300;
+constexpr int kSaveTries = 12000;
 constexpr useconds_t kStopPauseUs = 10000;
 
 bool writeText(const char* path, const std::string& text) {
@@ -116,7 +117,8 @@ bool OverlayMount::serve(CardOriginal* original, const std::string& full, Unique
     if (getppid() != parent) _exit(1);
     OverlayServer server(original, full);
     const std::string place = device.valid() ? "/dev/fd/" + std::to_string(device.get()) : path_;
-    _exit(server.run(place, writing.release()) == 0 ? 0 : 1);
+    const bool served = server.run(place, writing.release()) == 0;
+    _exit(served && (changes_.empty() || server.saveChanges(changes_)) ? 0 : 1);
   }
   writing.reset();
   char mark = 0;
@@ -129,13 +131,19 @@ bool OverlayMount::serve(CardOriginal* original, const std::string& full, Unique
 }
 
 // A stop between two questions of the kernel is seen at the next one, so it is sent again.
-void OverlayMount::stop() {
+bool OverlayMount::stop() {
+  const int most = changes_.empty() ? kStopTries : kSaveTries;
+  int status = 0;
   for (int tried = 0; server_ > 0; ++tried) {
-    kill(server_, tried < kStopTries ? SIGTERM : SIGKILL);
-    if (waitpid(server_, nullptr, tried < kStopTries ? WNOHANG : 0) != 0) server_ = 0;
+    kill(server_, tried < most ? SIGTERM : SIGKILL);
+    if (waitpid(server_, &status, tried < most ? WNOHANG : 0) != 0) server_ = 0;
     if (server_ > 0) usleep(kStopPauseUs);
   }
-  if (place_.empty()) return;
+  if (!place_.empty()) removePlace();
+  return changes_.empty() || status == 0;
+}
+
+void OverlayMount::removePlace() {
   for (int tried = 0; tried < kStopTries && unlink(path_.c_str()) != 0 && errno == EBUSY; ++tried) {
     usleep(kStopPauseUs);
   }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "fat/FatFormat.h"
 
@@ -120,6 +122,25 @@ bool OverlayPages::fetchSector(uint64_t number, uint32_t sector, Page* page) {
   const bool read = original_->read(at, page->bytes.data() + sector * kSectorBytes, length);
   if (read) page->held.set(sector);
   return read;
+}
+
+void OverlayPages::collect(UndoFile* changes) {
+  std::vector<uint64_t> numbers;
+  for (const auto& page : pages_) numbers.push_back(page.first);
+  std::sort(numbers.begin(), numbers.end());
+  changes->cardBytes = size();
+  for (const uint64_t number : numbers) {
+    const Page& page = pages_.at(number);
+    for (uint32_t sector = 0; sector < kSectors; ++sector) {
+      const uint64_t at = number * kPageBytes + uint64_t{sector} * kSectorBytes;
+      if (!page.held[sector] || at >= size()) continue;
+      const auto length = static_cast<size_t>(std::min<uint64_t>(kSectorBytes, size() - at));
+      const uint8_t* written = page.bytes.data() + sector * kSectorBytes;
+      UndoFile::Piece piece{at, std::vector<uint8_t>(length), {written, written + length}};
+      if (original_->read(at, piece.before.data(), length) && piece.before != piece.after)
+        changes->pieces.push_back(std::move(piece));
+    }
+  }
 }
 
 }  // namespace tarn

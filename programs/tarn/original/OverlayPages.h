@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "CardOriginal.h"
+#include "recorder/card/UndoFile.h"
 
 namespace tarn {
 
@@ -28,6 +29,9 @@ class OverlayPages {
   // card's end and when the memory is used up, -EIO where a part of a sector is written whose rest
   // the original refuses.
   ssize_t write(uint64_t offset, const void* data, size_t length);
+  // Adds what was written and is not what the original has, with what that has, in the order of
+  // places. What the original refuses is left out: nobody knows it.
+  void collect(UndoFile* changes);
   // Whether a write failed because the memory is used up.
   bool isFull() const { return full_; }
 

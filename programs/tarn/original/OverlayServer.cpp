@@ -132,8 +132,16 @@ int OverlayServer::run(const std::string& place, int readyFd) {
   const bool told = write(readyFd, "", 1) == 1;
   close(readyFd);
   const int ended = told ? fuse_session_loop(session.get()) : -1;
+  signal(SIGTERM, SIG_IGN);  // it may come again, and the session goes now
   fuse_session_unmount(session.get());
   return ended < 0 ? -1 : 0;
+}
+
+bool OverlayServer::saveChanges(const std::string& file) {
+  UndoFile changes;
+  pages_.collect(&changes);
+  std::string error;
+  return changes.pieces.empty() || changes.save(file, &error) == 0;
 }
 
 void OverlayServer::complainFull() {
@@ -150,6 +158,8 @@ namespace tarn {
 bool OverlayServer::isBuilt() { return false; }
 
 int OverlayServer::run(const std::string&, int) { return -1; }
+
+bool OverlayServer::saveChanges(const std::string&) { return false; }
 
 void OverlayServer::complainFull() {}
 

@@ -18,6 +18,9 @@ class OverlayServer {
   // Mounts it at `place`, "/dev/fd/N" for a device of FUSE that is mounted already, writes a byte
   // to `readyFd` and closes it, and serves until it is unmounted or SIGTERM comes. 0, or -1.
   int run(const std::string& place, int readyFd);
+  // Saves what was written, with what stood there, into `file`, a new one, unless that is nothing;
+  // false when it cannot.
+  bool saveChanges(const std::string& file);
 
   OverlayPages* pages() { return &pages_; }
   // Complains, once.

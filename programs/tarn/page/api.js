@@ -1,5 +1,6 @@
 // What the page asks the server (docs/openapi.json). Every function throws an Error whose message is a
-// sentence for a person, or what an aborted fetch throws.
+// sentence for a person, with isForNow where the same may be answered a moment later, or what an aborted
+// fetch throws.
 
 const addressOf = (path, question) => {
   const words = new URLSearchParams();
@@ -19,7 +20,7 @@ async function answer(path, options) {
   } catch {
     // Not the server's own words, as of a proxy between.
   }
-  throw new Error(why);
+  throw Object.assign(new Error(why), { isForNow: response.status === 429 || response.status >= 500 });
 }
 
 const json = async (path, question = {}, signal = undefined) =>

@@ -10,6 +10,7 @@ const retryMs = 1000;
 const wholeSeconds = 1e9;    // more than any card holds
 const soundFarMs = 700;      // between pictures and sound; what is less is caught up with gently
 const holeMs = 60;           // what a browser plays across
+const aheadSeconds = 0.15;   // of the moment, that a picture may be on the screen
 export const stuckMs = 2000; // a video that comes no further for so long is told again where to go
 
 export class ChannelPlayer {
@@ -66,8 +67,13 @@ export class ChannelPlayer {
   // The time of every picture that reaches the screen.
   watchPictures() {
     if (!("requestVideoFrameCallback" in this.video)) return;
+    // Firefox tells of pictures, too, that wait for their time still. The others do not, and Chromium's
+    // currentTime stays behind the picture for a while where it had to wait for data.
+    const tellsEarly = "mozHasAudio" in this.video;
     const seen = (now, picture) => {
-      this.shownMs = this.baseMs + picture.mediaTime * 1000;
+      const { currentTime, playbackRate } = this.video;
+      const waits = tellsEarly && picture.mediaTime - currentTime > aheadSeconds * Math.max(1, playbackRate);
+      this.shownMs = this.baseMs + (waits ? currentTime : picture.mediaTime) * 1000;
       this.changed();
       if (!this.closed) this.video.requestVideoFrameCallback(seen);
     };
@@ -254,8 +260,8 @@ export class ChannelPlayer {
       return { piece, init, media: await api.bytes(piece.media, pieces.signal) };
     } catch (error) {
       if (error.name === "AbortError") throw error;
-      if (error instanceof TypeError) {
-        pieces.putBack(piece);  // not reached: asked for again
+      if (error instanceof TypeError || error.isForNow) {
+        pieces.putBack(piece);  // not reached, or not now: asked for again
         throw error;
       }
       this.problem = "pieceMissing";
@@ -270,7 +276,7 @@ export class ChannelPlayer {
       return false;
     }
     if (this.buffer === undefined) this.buffer = this.source.addSourceBuffer(type);
-    else if (init !== null) this.buffer.changeType(type);
+    else if (init !== null) this.buffer.changeType?.(type);  // where there is none, a beginning alone does it
     this.buffer.timestampOffset = -this.baseMs / 1000;
     if (init !== null) await this.done(() => this.buffer.appendBuffer(init));
     this.init = piece.init;

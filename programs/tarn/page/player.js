@@ -86,7 +86,7 @@ export class Player {
     const lead = this.playing ? this.lead() : undefined;
     if (lead !== undefined) {
       lead.video.pause();
-      this.timeMs = Math.max(this.timeMs, lead.timeMs);
+      this.timeMs = Math.max(this.timeMs, this.reached(lead));
     }
     this.playing = false;
     this.live = false;
@@ -121,12 +121,14 @@ export class Player {
   async step(forward) {
     const from = this.shownMs;
     this.pause();
-    const channel = [...this.players.values()].find((player) => player.at(this.timeMs).kind === "ready")?.channel ??
-      this.players.keys().next().value;
+    const stands = this.lead() !== undefined;
+    const channel = this.lead()?.channel ?? this.players.keys().next().value;
     if (channel === undefined) return;
     const { pictures } = await api.pictures({ channel, from: from - besideMs, to: from + besideMs, limit: 1000 });
     const times = pictures.map((picture) => picture.timeMs).sort((a, b) => a - b);
-    const target = forward ? times.find((ms) => ms > from + 0.1) : times.findLast((ms) => ms < from - 0.1);
+    // Some browsers tell when the picture begins, about, others where they were sent into it.
+    const shown = times.findLastIndex((ms) => ms < from + 1);
+    const target = times[forward ? shown + 1 : stands ? shown - 1 : shown];
     if (target !== undefined && !this.playing) this.seek(target + stepIntoMs);
   }
 
@@ -150,13 +152,21 @@ export class Player {
     this.findingNewest = false;
   }
 
+  // Where the leading video is, within what is there: WebKit tells the end of all time as soon as what is
+  // there ends, and for a while when it was sent on from there.
+  reached(lead) {
+    const until = lead.readyUntil(this.timeMs);
+    if (lead.timeMs <= until) return lead.timeMs;
+    return until - this.timeMs < lastMs ? until : this.timeMs;
+  }
+
   advance(players) {
     const lead = this.lead();
     if (lead !== undefined) {
       const { video } = lead;
       // What the leading video shows is the time, unless it is on its way to it.
       const runs = !video.paused || video.ended;
-      if (runs && !video.seeking && lead.timeMs > this.timeMs) this.timeMs = lead.timeMs;
+      if (runs && !video.seeking) this.timeMs = Math.max(this.timeMs, this.reached(lead));
       if (this.live) this.catchUp(lead);
       this.moveOn(lead);
       return;

@@ -1,22 +1,13 @@
 #include "video/ArchiveConfig.h"
 
-#include <cerrno>
 #include <charconv>
-#include <cstring>
-#include <fstream>
 
 #include "Console.h"
+#include "media/ConfigLines.h"
 #include "media/archive/ArchiveNames.h"
 
 namespace tarn {
 namespace {
-
-std::string trimmed(const std::string& text) {
-  constexpr char kBlanks[] = " \t\r";
-  const size_t begin = text.find_first_not_of(kBlanks);
-  if (begin == std::string::npos) return "";
-  return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
-}
 
 bool parseSeconds(const std::string& text, uint32_t* seconds) {
   constexpr uint32_t kMost = 86400;
@@ -25,27 +16,17 @@ bool parseSeconds(const std::string& text, uint32_t* seconds) {
          *seconds <= kMost;
 }
 
-class ConfigReader {
+class ConfigReader : public ConfigLines {
  public:
   ConfigReader(CardArchiver::Settings* settings, uint32_t* everySeconds)
       : settings_(settings), everySeconds_(everySeconds) {}
 
-  // One line. Empty, or what is wrong with it.
-  std::string take(const std::string& line) {
-    const std::string text = trimmed(line);
-    if (text.empty() || text[0] == '#') return "";
-    if (text[0] == '[') {
-      inSection_ = text == "[archive]";
-      return inSection_ ? "" : text + " is no section; there is [archive]";
-    }
-    const size_t equals = text.find('=');
-    if (equals == std::string::npos) return "expected KEY = VALUE or [archive]";
-    const std::string key = trimmed(text.substr(0, equals));
-    if (!inSection_) return key + " stands in no section";
-    return set(key, trimmed(text.substr(equals + 1)));
+ private:
+  std::string begin(const std::string& section) override {
+    return section == "[archive]" ? "" : section + " is no section; there is [archive]";
   }
 
-  std::string end() const {
+  std::string end() const override {
     if (settings_->place.empty()) return "there is no place to archive in";
     if (settings_->seal.has_value() &&
         (settings_->seal->key.empty() || settings_->seal->certificate.empty()))
@@ -53,8 +34,7 @@ class ConfigReader {
     return "";
   }
 
- private:
-  std::string set(const std::string& key, const std::string& value) {
+  std::string set(const std::string& key, const std::string& value) override {
     if (value.empty()) return key + ": expected a value";
     if (key == "place") {
       settings_->place = value;
@@ -97,30 +77,13 @@ class ConfigReader {
 
   CardArchiver::Settings* settings_;
   uint32_t* everySeconds_;
-  bool inSection_ = false;
 };
 
 }  // namespace
 
 bool readArchiveConfig(const std::string& path, CardArchiver::Settings* settings,
                        uint32_t* everySeconds, std::string* error) {
-  std::ifstream file(path);
-  if (!file) {
-    *error = "cannot open " + path + ": " + strerror(errno);
-    return false;
-  }
-  ConfigReader reader(settings, everySeconds);
-  std::string line;
-  for (unsigned number = 1; std::getline(file, line); ++number) {
-    const std::string wrong = reader.take(line);
-    if (wrong.empty()) continue;
-    *error = path;
-    error->append(":").append(std::to_string(number)).append(": ").append(wrong);
-    return false;
-  }
-  const std::string wrong = file.bad() ? "cannot be read" : reader.end();
-  if (!wrong.empty()) *error = path + ": " + wrong;
-  return wrong.empty();
+  return ConfigReader(settings, everySeconds).read(path, error);
 }
 
 }  // namespace tarn

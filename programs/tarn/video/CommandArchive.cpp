@@ -11,13 +11,20 @@
 #include "media/archive/ArchiveVerifier.h"
 #include "media/archive/CardArchiver.h"
 #include "media/archive/CardRestorer.h"
+#include "media/archive/RemoteName.h"
 #include "recorder/card/CardText.h"
 #include "recorder/card/TimeZone.h"
+#include "recorder/log/LogFormat.h"
 #include "video/ArchiveConfig.h"
 #include "video/SealOptions.h"
 
 namespace tarn {
 namespace {
+
+// Names come from wherever an archive lies: neither a terminal nor a program takes harm from them.
+std::string jsonText(const nlohmann::ordered_json& json) {
+  return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
 
 class CommandArchive : public Command {
  public:
@@ -28,21 +35,21 @@ class CommandArchive : public Command {
                     "a CARD, as with --card, where it is not the recorder's own; then where the "
                     "archive is: a directory, or REMOTE:PATH of rclone's; without it the "
                     "configuration says where");
-    app->add_option("--config", config_, "Configuration that is used without PLACE")
+    app->add_option("--config", config_, "configuration that is used without PLACE")
         ->type_name("FILE")
         ->capture_default_str();
     app->add_flag("--check-config", checkConfig_,
-                  "Look at the configuration only, and say what it archives");
+                  "look at the configuration only, and say what it archives");
     app->add_flag("--follow", follow_,
                   "Stay, and archive events as they end, all else now and then");
     app->add_flag("--while-recording", settings_.whileRecording,
-                  "Make way for whoever records on the same card");
+                  "make way for whoever records on the same card");
     app->add_flag("--verify", verify_,
-                  "Compare an archive with what it says of itself; needs no card");
+                  "compare an archive with what it says of itself; needs no card");
     app->add_option("--recorder", settings_.recorder,
-                    "What the recorder is called in the archive; default: the number of its card")
+                    "what the recorder is called in the archive; default: the number of its card")
         ->type_name("ID");
-    addTime(app, "--since", "Only what ends at this time or later", TimeInput::Edge::kStart,
+    addTime(app, "--since", "only what ends at this time or later", TimeInput::Edge::kStart,
             &settings_.since);
     app->add_option_function<std::string>(
            "--limit-rate",
@@ -50,26 +57,26 @@ class CommandArchive : public Command {
              if (!parseSize(text, &settings_.bytesPerSecond) || settings_.bytesPerSecond == 0)
                throw CLI::ValidationError("--limit-rate", "\"" + text + "\" is no size");
            },
-           "Send no more than this in a second: bytes, or K, M, G")
+           "send no more than this in a second: bytes, or K, M, G")
         ->type_name("SIZE");
     app->add_option("--timeout", settings_.patienceSeconds,
-                    "Seconds that a remote may move nothing before it is given up; default: 120")
+                    "seconds that a remote may move nothing before it is given up; default: 120")
         ->check(CLI::Range(1, 86400))
         ->type_name("SECONDS");
     app->add_flag("--trust-size", settings_.trustSize,
-                  "Do not read back what a remote without hashes has taken");
+                  "do not read back what a remote without hashes has taken");
     seal_.addTo(app, false);
     app->add_option("--ca", authorities_,
-                    "With --verify and --restore: certificates to believe, PEM: one of them must "
+                    "with --verify and --restore: certificates to believe, PEM: one of them must "
                     "vouch for the "
                     "seal of every clip")
         ->type_name("FILE");
     app->add_flag(
         "--restore", restore_,
-        "The other way round: put what an archive has back onto a card, each clip once it "
+        "the other way round: put what an archive has back onto a card, each clip once it "
         "is proven");
-    app->add_flag("--dry-run", settings_.dryRun, "Only say what would be sent");
-    app->add_flag("--json", json_, "Print as JSON what was done");
+    app->add_flag("--dry-run", settings_.dryRun, "only say what would be sent");
+    app->add_flag("--json", json_, "print as JSON what was done");
     return app;
   }
 
@@ -138,7 +145,8 @@ class CommandArchive : public Command {
   }
 
   int tellConfig() const {
-    fmt::print("{}: archives in {} as {}, every {} s, {}, {}\n", config_, settings_.place,
+    fmt::print("{}: archives in {} as {}, every {} s, {}, {}\n", config_,
+               RemoteName(settings_.place).shown(),
                settings_.recorder.empty() ? "the number of its card" : settings_.recorder,
                everySeconds_,
                settings_.bytesPerSecond == 0
@@ -180,12 +188,12 @@ class CommandArchive : public Command {
                                            {"present", report.present},
                                            {"events", report.events},
                                            {"failed", failures}};
-      fmt::print("{}\n", json.dump(2));
+      fmt::print("{}\n", jsonText(json));
     } else {
       fmt::print("{} recordings restored, {} were there already, {} events\n",
                  report.restored.size(), report.present, report.events);
     }
-    for (const auto& one : report.failures) complain(one.object + " " + one.reason);
+    for (const auto& one : report.failures) complain(logCleanText(one.object + " " + one.reason));
   }
 
   int follow() {
@@ -257,7 +265,7 @@ class CommandArchive : public Command {
          {{"hash", report.byHash}, {"readBack", report.byReadBack}, {"size", report.bySize}}},
         {"incomplete", listOf(report.incomplete)},
         {"failed", listOf(report.failures)}};
-    fmt::print("{}\n", json.dump(2));
+    fmt::print("{}\n", jsonText(json));
   }
 
   int verify() {
@@ -275,13 +283,11 @@ class CommandArchive : public Command {
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
     for (const auto& one : verifier.findings()) {
       list.push_back({{"object", one.object}, {"text", one.text}});
-      if (!json_) fmt::print("{} {}\n", one.object, one.text);
+      if (!json_) fmt::print("{}\n", logCleanText(one.object + " " + one.text));
     }
     if (json_) {
-      fmt::print(
-          "{}\n",
-          nlohmann::ordered_json{{"schema", 1}, {"clips", verifier.objects()}, {"findings", list}}
-              .dump(2));
+      fmt::print("{}\n",
+                 jsonText({{"schema", 1}, {"clips", verifier.objects()}, {"findings", list}}));
     } else {
       fmt::print("{} clips compared, {} findings\n", verifier.objects(), list.size());
     }

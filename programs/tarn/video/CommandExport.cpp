@@ -23,43 +23,43 @@ class CommandExport : public Command {
   CLI::App* addTo(CLI::App& tool) override {
     CLI::App* app = tool.add_subcommand("export", "Write recorded pictures and sound to a file");
     addCard(app);
-    CLI::Option* stream = app->add_option("--stream", request_.streamID, "This recording");
+    CLI::Option* stream = app->add_option("--stream", request_.streamID, "this recording");
     CLI::Option* event =
-        app->add_option("--event", request_.eventID, "All that was recorded during this event");
+        app->add_option("--event", request_.eventID, "all that was recorded during this event");
     CLI::Option* from =
-        addTime(app, "--from", "All from this time on", TimeInput::Edge::kStart, &request_.from);
+        addTime(app, "--from", "all from this time on", TimeInput::Edge::kStart, &request_.from);
     CLI::Option* to =
-        addTime(app, "--to", "All up to this time", TimeInput::Edge::kEnd, &request_.to);
+        addTime(app, "--to", "all up to this time", TimeInput::Edge::kEnd, &request_.to);
     stream->excludes(event)->excludes(from)->excludes(to)->type_name("ID");
     event->excludes(from)->excludes(to)->type_name("ID");
-    app->add_option("--trigger", request_.trigger, "Only recordings of this trigger")
+    app->add_option("--trigger", request_.trigger, "only recordings of this trigger")
         ->excludes(stream)
         ->excludes(event);
-    app->add_option("--channel", request_.channel, "Only recordings of this channel")
+    app->add_option("--channel", request_.channel, "only recordings of this channel")
         ->check(CLI::Range(0, 127));
     CLI::Option* output = app->add_option(
         "-o,--output", request_.output,
-        "File to write: .mp4 or .mov with each picture's time, or .h264 bare, - for standard "
+        "file to write: .mp4 or .mov with each picture's time, or .h264 bare, - for standard "
         "output; of several channels one each, NAME-ch0.mp4 and so on");
     app->add_option("--evidence", evidence_,
-                    "Folder to make instead, of all that the card holds of a case: video, rows, "
+                    "folder to make instead, of all that the card holds of a case: video, rows, "
                     "log, a manifest with sums and a report")
         ->type_name("DIR")
         ->excludes(output);
     app->add_flag(
            "--hash-card", hashCard_,
-           "Name the SHA-256 of the whole card, too, in the evidence folder; for a card that is "
+           "name the SHA-256 of the whole card, too, in the evidence folder; for a card that is "
            "only read")
         ->needs("--evidence");
     app->add_option(kCardSum, cardSum_)->group("");
     app->add_flag_callback(
-        "--no-sound", [this] { request_.sound = false; }, "Leave out the recorded sound");
-    app->add_flag("--tracks", request_.tracks, "Several channels into one .mp4, a track each")
+        "--no-sound", [this] { request_.sound = false; }, "leave out the recorded sound");
+    app->add_flag("--tracks", request_.tracks, "several channels into one .mp4, a track each")
         ->excludes("--evidence");
     seal_.addTo(app, false);
-    app->add_flag("--json", json_, "Print as JSON what the file holds");
+    app->add_flag("--json", json_, "print as JSON what the file holds");
     app->add_flag("--force", request_.overwrite,
-                  "Replace the file, or the evidence folder, when it exists");
+                  "replace the file, or the evidence folder, when it exists");
     return app;
   }
 

@@ -1,3 +1,7 @@
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
 #include "Command.h"
 #include "Console.h"
 #include "RecorderHint.h"
@@ -20,8 +24,9 @@ class CommandMount : public Command {
     app->add_option("--channel", channel_, "only recordings of this channel")
         ->check(CLI::Range(0, 127));
     app->add_flag("--foreground", foreground_, "stay until it is unmounted or interrupted");
+    app->add_flag("--json", json_, "say as JSON where it is mounted");
     app->add_option(kOutside, outside_)->group("");
-    app->footer("Unmount it with: fusermount3 -u DIR");
+    app->footer(std::string(kExitCodesText) + "\nUnmount it with: fusermount3 -u DIR");
     return app;
   }
 
@@ -58,6 +63,8 @@ class CommandMount : public Command {
     UniqueFd device = outside_ >= 0 ? MountPoint::mountOutside(outside_, &error)
                                     : MountPoint::mount(directory_, &error);
     if (!device.valid()) return failed(error);
+    if (foreground_) fmt::print("{}", result());
+    fflush(stdout);
     const UniqueFd told(ready);
     const bool waited = ready < 0 || write(ready, "", 1) == 1;
     const bool good = serve(std::move(device)) && waited;
@@ -70,12 +77,19 @@ class CommandMount : public Command {
     return kExitFailed;
   }
 
+  // What a program that called this reads, as soon as it is mounted; "" for a person.
+  std::string result() const {
+    if (!json_) return "";
+    const nlohmann::ordered_json told = {{"schema", 1}, {"mounted", directory_}};
+    return told.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  }
+
   // Before there is anything: from here on in the background, where it was not asked to stay.
   bool prepare(int* ready, std::string* error) const {
     if (!MountServer::isBuilt()) *error = kNotBuilt;
     if (!error->empty() || !MountPoint::isUsable(directory_, error)) return false;
     if (foreground_) return true;
-    *ready = continueInBackground(error);
+    *ready = continueInBackground(result(), error);
     if (*ready < 0) return false;
     error->clear();
     return true;
@@ -99,6 +113,7 @@ class CommandMount : public Command {
   std::string directory_;
   std::optional<int> channel_;
   bool foreground_ = false;
+  bool json_ = false;
   int outside_ = -1;  // in a view: the socket of the process that mounts
   UniqueFd socket_;   // in front of one: the same, for it
 };

@@ -49,31 +49,31 @@ class CommandRecord : public Command {
         "record", "Record the H.264 video of files, streams and cameras, and its sound");
     app->add_option(
         "INPUT", inputs_,
-        "File whose H.264 video is recorded as it is, - for a stream on standard input, "
+        "file whose H.264 video is recorded as it is, - for a stream on standard input, "
         "or an rtsp:// address; chN=INPUT for a channel of its own; without any: what the "
         "configuration says. In front of them may stand a CARD, as with --card");
-    app->add_option("--config", config_, "Configuration that is used without INPUT")
+    app->add_option("--config", config_, "configuration that is used without INPUT")
         ->type_name("FILE")
         ->capture_default_str();
     app->add_flag("--check-config", checkConfig_,
-                  "Look at the configuration only, and say what it records");
-    app->add_option("--loop", request_.loop, "Record files N times, one after the other")
+                  "look at the configuration only, and say what it records");
+    app->add_option("--loop", request_.loop, "record files N times, one after the other")
         ->type_name("N")
         ->check(CLI::Range(1u, 1000000u));
-    addTime(app, "--start", "Time of the first picture; now when not given",
+    addTime(app, "--start", "time of the first picture; now when not given",
             TimeInput::Edge::kStart, &request_.start);
     app->add_option("--segment", request_.segmentSeconds,
-                    "Begin a new recording after so many seconds; 0: only when room asks for it")
+                    "begin a new recording after so many seconds; 0: only when room asks for it")
         ->type_name("SECONDS")
         ->capture_default_str();
-    app->add_option("--event", events_, "Event of trigger TRIGGER at SECONDS from the start")
+    app->add_option("--event", events_, "event of trigger TRIGGER at SECONDS from the start")
         ->type_name("TRIGGER@SECONDS")
         ->allow_extra_args(false);
-    app->add_option("--event-length", request_.eventSeconds, "How long each event lasts")
+    app->add_option("--event-length", request_.eventSeconds, "how long each event lasts")
         ->type_name("SECONDS")
         ->capture_default_str();
     app->add_option("--channel", channels_,
-                    "Channels of the inputs, in their order; 0, 1 and so on when not given")
+                    "channels of the inputs, in their order; 0, 1 and so on when not given")
         ->type_name("N,...")
         ->delimiter(',')
         ->check(CLI::Range(0, 127));
@@ -81,31 +81,31 @@ class CommandRecord : public Command {
                     "arrival: when each picture came, the default of pipes and cameras; stream: "
                     "counted from the start, that of files and with --start")
         ->check(CLI::IsMember({"arrival", "stream"}));
-    app->add_option("--fps", request_.frameRate, "Pictures a second of a stream without times")
+    app->add_option("--fps", request_.frameRate, "pictures a second of a stream without times")
         ->check(CLI::Range(0.1, 1000.0));
     app->add_option("--flush", request_.flushMs,
-                    "Most recorded time, in milliseconds, that a power loss can take")
+                    "most recorded time, in milliseconds, that a power loss can take")
         ->check(CLI::Range(1u, 60000u))
         ->capture_default_str();
     app->add_flag_callback(
         "--no-sound", [this] { request_.sound = false; },
-        "Leave out the inputs' sound, which is recorded as it is: AAC, G.711 and Opus");
+        "leave out the inputs' sound, which is recorded as it is: AAC, G.711 and Opus");
     app->add_flag("--keep-events", request_.keeper.everyEvent,
-                  "Keep what each event shows from being overwritten, as \"tarn keep\" does");
+                  "keep what each event shows from being overwritten, as \"tarn keep\" does");
     app->add_option("--keep-budget", request_.keeper.budget.budgetChunks,
-                    "Stream chunks that kept events may take; a tenth of the card's when not given")
+                    "stream chunks that kept events may take; a tenth of the card's when not given")
         ->type_name("CHUNKS")
         ->check(CLI::Range(1u, 65535u));
     app->add_flag("--keep-strict", request_.keeper.budget.strict,
-                  "Keep nothing new when the budget is full, instead of giving up the oldest copy");
-    app->add_flag("--realtime", request_.realtime, "No faster than the pictures' own times");
+                  "keep nothing new when the budget is full, instead of giving up the oldest copy");
+    app->add_flag("--realtime", request_.realtime, "no faster than the pictures' own times");
     app->add_flag("--wait", wait_,
-                  "Wait for the management server as long as it takes, instead of five seconds");
+                  "wait for the management server as long as it takes, instead of five seconds");
     app->add_flag("--wait-for-start", waitForStart_,
-                  "As --wait, until the server has answered once: it is being started up");
+                  "as --wait, until the server has answered once: it is being started up");
     app->add_flag("--progress", progress_,
-                  "Print how many pictures are written and safe, as soon as more are safe");
-    app->add_flag("--stats", stats_, "Print at the end what was written to the card, by its cause");
+                  "print how many pictures are written and safe, as soon as more are safe");
+    app->add_flag("--stats", stats_, "print at the end what was written to the card, by its cause");
     return app;
   }
 

@@ -4,6 +4,7 @@
 #include "Console.h"
 #include "media/seal/FileSealer.h"
 #include "video/SealOptions.h"
+#include "video/ShownProgress.h"
 
 namespace tarn {
 namespace {
@@ -22,7 +23,13 @@ class CommandSeal : public Command {
 
   int run() override {
     std::string error;
-    if (!sealFile(path_, seal_.request(), &error)) {
+    const SealRequest request = seal_.request();
+    bool sealed = false;
+    {
+      ProgressLine line;
+      sealed = sealFile(path_, request, &error, shownOn(&line, path_));
+    }
+    if (!sealed) {
       complain(error);
       return kExitFailed;
     }

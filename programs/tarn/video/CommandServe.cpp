@@ -25,7 +25,9 @@ class CommandServe : public Command {
     app->add_option("--listen", listen_, "where to listen; port 0 takes a free one")
         ->type_name("ADDRESS:PORT")
         ->capture_default_str();
-    app->add_flag("--read-only", settings_.readOnly, "leave CARD as it is: what its start mends stays in memory; on a recorder, no check of its card from the page");
+    app->add_flag("--read-only", settings_.readOnly,
+                  "leave CARD as it is: what its start mends stays in memory; on a recorder, no "
+                  "check of its card from the page");
     app->add_option("--token-file", options_.tokenFile,
                     "only for who knows the first line of this file")
         ->type_name("FILE");
@@ -38,7 +40,8 @@ class CommandServe : public Command {
         ->type_name("DIR")
         ->capture_default_str();
     seal_.addTo(app, false);
-    app->footer("Beyond the loopback (--listen 0.0.0.0:8420) all three files are needed.");
+    app->footer(std::string(kExitCodesText) +
+                "\nBeyond the loopback (--listen 0.0.0.0:8420) all three files are needed.");
     return app;
   }
 
@@ -52,7 +55,6 @@ class CommandServe : public Command {
     paths.insert(paths.end(), ofSeal.begin(), ofSeal.end());
     return paths;
   }
-
 
   int run() override {
     std::string error;

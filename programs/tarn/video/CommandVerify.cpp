@@ -1,6 +1,7 @@
 #include "Command.h"
 #include "Console.h"
 #include "media/seal/FileVerifier.h"
+#include "video/ShownProgress.h"
 #include "video/VerifyOutput.h"
 
 namespace tarn {
@@ -11,15 +12,15 @@ constexpr int kExitNoSeal = 2;
 class CommandVerify : public Command {
  public:
   CLI::App* addTo(CLI::App& tool) override {
-    CLI::App* app = tool.add_subcommand(
-        "verify",
-        "Prove that sealed files are unchanged; exit 1 where one is not, 2 where one "
-        "cannot be read or has no seal");
+    CLI::App* app = tool.add_subcommand("verify", "Prove that sealed files are unchanged");
     app->add_option("FILE", paths_, "sealed files")->required();
     app->add_option("--ca", authorities_,
-                    "Certificates to believe, PEM: one of them must vouch for every seal's")
+                    "certificates to believe, PEM: one of them must vouch for every seal's")
         ->type_name("FILE");
-    app->add_flag("--json", json_, "Print as JSON what is proven");
+    app->add_flag("--json", json_, "print as JSON what is proven");
+    app->footer(
+        "Exit codes: 0 all are proven unchanged; 1 one is not; 2 one cannot be read or has no "
+        "seal, or wrong usage.");
     return app;
   }
 
@@ -35,7 +36,10 @@ class CommandVerify : public Command {
       return kExitNoSeal;
     }
     std::vector<VerifiedFile> files;
-    for (const std::string& path : paths_) files.push_back({path, verifier.verify(path)});
+    for (const std::string& path : paths_) {
+      ProgressLine line;
+      files.push_back({path, verifier.verify(path, shownOn(&line, path))});
+    }
     if (json_) printVerifyJson(files);
     int exitCode = kExitGood;
     for (const VerifiedFile& file : files) {

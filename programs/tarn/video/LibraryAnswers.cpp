@@ -16,6 +16,7 @@ namespace tarn {
 namespace {
 
 constexpr size_t kMostOpen = 8;  // recordings that are read in turns
+constexpr char kCardGone[] = "the card cannot be read any more";
 constexpr char kSqlEvents[] = "SELECT * FROM EVENT ORDER BY startDate, startMSec, eventID";
 
 int64_t microsOf(uint32_t seconds, uint16_t milliseconds) {
@@ -42,6 +43,13 @@ int32_t stateOf(const DB_STREAM& row) {
   if (row.endDate == 0) return TARN_RUNNING;
   if (RecordingIndex(row).header(&header) != Delivery::kGood) return TARN_UNREADABLE;
   return header.marker == kMarkerOpen ? TARN_INTERRUPTED : TARN_COMPLETE;
+}
+
+// What a card does not give that was pulled out, or whose view has ended, says nothing about the
+// recording: the question fails.
+bool isCardGone(const DB_STREAM& row) {
+  const RecordingIndex again(row);
+  return !again.isOpen() && !again.isPlaceless();
 }
 
 }  // namespace
@@ -120,6 +128,8 @@ bool LibraryAnswers::listRecordings(const ListQuestion& question) {
                     question))
       continue;
     RecordingFacts facts = factsOf(row, copies);
+    if ((facts.state == TARN_UNREADABLE || facts.bytes == 0) && isCardGone(row))
+      return failed(kCardGone);
     facts.channel = channel == ChunkChannels::kUnknown ? TARN_NO_CHANNEL : channel;
     if (!tell(MessageKind::kRecording, facts)) return false;
   }
@@ -213,7 +223,8 @@ bool LibraryAnswers::tellSound(const SampleFacts& block, uint64_t* bytes) const 
   return true;
 }
 
-bool LibraryAnswers::tellPicture(RecordingReader* reader, uint32_t index, uint64_t* bytes) const {
+bool LibraryAnswers::tellPicture(RecordingReader* reader, uint32_t index, uint64_t* bytes,
+                                 bool* gone) const {
   SampleFacts facts;
   PictureEntry entry;
   facts.index = index;
@@ -225,6 +236,8 @@ bool LibraryAnswers::tellPicture(RecordingReader* reader, uint32_t index, uint64
     if (entry.isDiscontinuity()) facts.flags |= TARN_DISCONTINUITY;
   }
   if (!known || !reader->readPicture(entry, &facts.bytes)) {
+    *gone = isCardGone(reader->row());
+    if (*gone) return failed(kCardGone);
     facts.bytes.clear();
     facts.flags |= TARN_LOST;
     return tell(MessageKind::kSample, facts);
@@ -242,8 +255,10 @@ bool LibraryAnswers::read(const ReadQuestion& question) {
   uint32_t count = reader->pictureCount();
   if (question.index >= count) count = reader->refresh();
   uint32_t index = question.index;
+  bool gone = false;
   for (uint64_t bytes = 0; index < count && bytes < Message::kBatchBytes; ++index) {
-    if (!tellPicture(reader, index, &bytes)) return false;
+    if (!tellPicture(reader, index, &bytes, &gone)) return false;
+    if (gone) return true;
   }
   return tell(MessageKind::kDone, ReadPlace{index});
 }

@@ -47,7 +47,8 @@ class LibraryAnswers {
   EventFacts factsOf(const DB_EVENT& event, const std::vector<DB_STREAM>& copies);
   int32_t zoneOf(const DB_STREAM& row);
   RecordingReader* open(uint32_t id, std::string* error);
-  bool tellPicture(RecordingReader* reader, uint32_t index, uint64_t* bytes) const;
+  // A card that is `gone` is told as the answer's failure.
+  bool tellPicture(RecordingReader* reader, uint32_t index, uint64_t* bytes, bool* gone) const;
   bool tellSound(const SampleFacts& block, uint64_t* bytes) const;
   bool goesOn(uint64_t written, bool progress) const;
   std::string pathOf(const std::string& path) const;

@@ -143,8 +143,13 @@ void pointAtNull(int fd, int flags) {
   dup2(null.get(), fd);
 }
 
+// False when a pipe or file did not take it.
+bool print(const std::string& text) {
+  return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+}
+
 // Shows what comes through `told` until a byte comes through `ready` or the process ends.
-int waitForBackground(pid_t process, int told, int ready) {
+int waitForBackground(pid_t process, int told, int ready, const std::string& result) {
   char bytes[4096];
   for (;;) {
     struct pollfd ends[] = {{told, POLLIN, 0}, {ready, POLLIN, 0}};
@@ -153,7 +158,7 @@ int waitForBackground(pid_t process, int told, int ready) {
     if (ends[0].revents != 0 && (got = read(told, bytes, sizeof bytes)) > 0) {
       if (write(STDERR_FILENO, bytes, static_cast<size_t>(got)) != got) continue;
     } else if (ends[1].revents != 0) {
-      if (read(ready, bytes, 1) == 1) return 0;
+      if (read(ready, bytes, 1) == 1) return print(result) ? 0 : 1;
       int status = 0;
       while (waitpid(process, &status, 0) < 0 && errno == EINTR) {
       }
@@ -222,7 +227,7 @@ void MountPoint::endOutside(int socket, bool mounted) {
     receiveWord(socket, &none);
 }
 
-int continueInBackground(std::string* error) {
+int continueInBackground(const std::string& result, std::string* error) {
   std::array<int, 2> told, ready;
   *error = "cannot go on in the background";
   if (pipe2(told.data(), O_CLOEXEC) != 0 || pipe2(ready.data(), O_CLOEXEC) != 0) return -1;
@@ -232,7 +237,7 @@ int continueInBackground(std::string* error) {
   if (process > 0) {
     close(told[1]);
     close(ready[1]);
-    _exit(waitForBackground(process, told[0], ready[0]));
+    _exit(waitForBackground(process, told[0], ready[0], result));
   }
   close(told[0]);
   close(ready[0]);

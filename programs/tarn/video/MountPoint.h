@@ -32,7 +32,8 @@ class MountPoint {
 
 // Goes on in a process of its own, without the terminal, and ends this one: with 0 once a byte was
 // written to the descriptor that it returns, else as the new one ends. What is complained about
-// until then is shown. -1 with *error set where there is no new process.
-int continueInBackground(std::string* error);
+// until then is shown, and `result` is printed then. -1 with *error set where there is no new
+// process.
+int continueInBackground(const std::string& result, std::string* error);
 
 }  // namespace tarn

@@ -139,8 +139,11 @@ void onListWithAttributes(fuse_req_t request, fuse_ino_t number, size_t size, of
 
 void onOpen(fuse_req_t request, fuse_ino_t number, struct fuse_file_info* file) {
   MountServer* server = serverOf(request);
-  const int error = server->card()->open(number);
+  bool same = false;
+  const int error = server->card()->open(number, &same);
   if (error != 0) return answerError(request, error);
+  // What the kernel has of it in memory needs no card.
+  file->keep_cache = same ? 1 : 0;
   if (fuse_reply_open(request, file) != 0) server->card()->close(number);
 }
 

@@ -15,18 +15,18 @@ class SealOptions {
     CLI::Option* key =
         app->add_option(
                "--seal", request_.key,
-               "Seal the file with this private RSA key: a file, or the pkcs11: address of "
+               "seal the file with this private RSA key: a file, or the pkcs11: address of "
                "one in a token")
             ->type_name("KEY");
     CLI::Option* certificate = app->add_option("--certificate", request_.certificate,
-                                               "The certificate of that key, PEM or DER")
+                                               "the certificate of that key, PEM or DER")
                                    ->type_name("FILE");
     key->needs(certificate)->required(required);
     certificate->needs(key)->required(required);
-    app->add_option("--operator", request_.operatorName, "Who seals it, in the file for good")
+    app->add_option("--operator", request_.operatorName, "who seals it, in the file for good")
         ->needs(key)
         ->type_name("NAME");
-    app->add_option("--note", request_.note, "A note, in the file for good")
+    app->add_option("--note", request_.note, "a note, in the file for good")
         ->needs(key)
         ->type_name("TEXT");
   }
