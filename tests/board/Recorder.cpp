@@ -4,6 +4,9 @@
 //   board-recorder record SESSION SECONDS BITRATE [burst]   as a camera delivers; burst: at once
 //   board-recorder early SESSION SECONDS BITRATE            as a camera delivers, from now on, and
 //                                                           until so long after a server is there
+//   board-recorder first SESSION BITRATE cut|stop           the same until the first picture is
+//   safe;
+//                                                           cut: leaves the rest to the power
 //   board-recorder verify                                   every picture of every row, to the byte
 
 #include <time.h>
@@ -231,6 +234,29 @@ int recordEarly(uint32_t number, uint32_t seconds, uint32_t bitrate) {
   return 0;
 }
 
+// Leaves the recording open where the power is to end it.
+int recordFirst(uint32_t number, uint32_t bitrate, bool cut) {
+  tarn::PictureQueue queue;
+  Encoder encoder(number, bitrate, &queue);
+  const std::atomic<bool> never{false};
+  tarn::waitForServerForever(true);
+  tarn::awaitServer(never);
+  tarn::RecordingSession session;
+  tarn::RecordingOptions options;
+  options.bitrate = bitrate;
+  if (session.open(options) != 0) return fail("open", session);
+  while (session.statistics().confirmed == 0) {
+    if (queue.handOver(&session) != 0) return fail("write", session);
+    if (session.statistics().confirmed == 0) usleep(5000);
+  }
+  printf("BOARD clock safe %.2f\n", static_cast<double>(now()) / kMicros);
+  if (cut) _exit(0);
+  encoder.stop();
+  if (queue.handOver(&session) != 0 || session.close() != 0) return fail("close", session);
+  CDbLog::getInstance()->finish();
+  return 0;
+}
+
 // Pictures of a session that came back.
 struct Found {
   uint32_t first = 0, last = 0, rows = 0;
@@ -305,6 +331,8 @@ int main(int argc, char** argv) {
     return record(numberOf(argv[2]), numberOf(argv[3]), numberOf(argv[4]), argc > 5);
   if (argc == 5 && strcmp(argv[1], "early") == 0)
     return recordEarly(numberOf(argv[2]), numberOf(argv[3]), numberOf(argv[4]));
+  if (argc == 5 && strcmp(argv[1], "first") == 0)
+    return recordFirst(numberOf(argv[2]), numberOf(argv[3]), strcmp(argv[4], "cut") == 0);
   if (argc == 2 && strcmp(argv[1], "verify") == 0) return Verifier().run();
   return 2;
 }

@@ -9,6 +9,7 @@
 # shellcheck shell=bash disable=SC2154
 
 boots=0
+board_machine=()  # more options of the emulator
 
 build_board() {
   scripts/install-packages "${build_packages[@]}" "${arm_packages[@]}" "${board_packages[@]}"
@@ -63,7 +64,7 @@ boot() {
     -display none -monitor none -serial "file:$log" -kernel "$kernel" -initrd "$work/initramfs.gz" \
     -append "console=ttyAMA0 quiet panic=-1 rdinit=/init $1" \
     -drive "if=none,id=card,file=$card,format=raw,cache=writeback${2:+,$2}" \
-    -device sdhci-pci -device sd-card,drive=card >"$work/qemu.log" 2>&1 &
+    -device sdhci-pci -device sd-card,drive=card "${board_machine[@]}" >"$work/qemu.log" 2>&1 &
   board=$!
 }
 trap '[ -z "${board:-}" ] || kill -9 "$board" 2>/dev/null || true' EXIT

@@ -2,31 +2,29 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
+#include "ForkServer.h"
 #include "Plan.h"
 
 namespace faults {
 namespace {
-
-constexpr int kPromiseFd = 3;
-
-void redirect(const std::string& path, int flags, int to) {
-  const int fd = open(path.empty() ? "/dev/null" : path.c_str(), flags, 0600);
-  if (fd < 0 || dup2(fd, to) < 0) _exit(126);
-  if (fd != to) close(fd);
-}
 
 std::string interposer() {
   char path[4096];
@@ -35,42 +33,92 @@ std::string interposer() {
   return self.substr(0, self.rfind('/')) + "/libfaults.so";
 }
 
-[[noreturn]] void become(const Launch& how) {
-  constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND;
-  redirect(how.input, O_RDONLY, STDIN_FILENO);
-  redirect(how.output, kAppend, STDOUT_FILENO);
-  redirect(how.errors, kAppend, STDERR_FILENO);
-  if (how.readyFd != kPromiseFd) redirect(how.promises, kAppend, kPromiseFd);
-  if (!how.plan.empty()) {
-    setenv(kPlanVariable, how.plan.c_str(), 1);
-    setenv(kLogVariable, how.log.c_str(), 1);
-    setenv("LD_PRELOAD", interposer().c_str(), 1);
-  }
-  std::vector<char*> arguments;
-  for (const std::string& each : how.arguments)
-    arguments.push_back(const_cast<char*>(each.c_str()));
-  arguments.push_back(nullptr);
-  execv(arguments[0], arguments.data());
+[[noreturn]] void execute(const std::vector<std::string>& arguments) {
+  std::vector<char*> pointers;
+  for (const std::string& each : arguments) pointers.push_back(const_cast<char*>(each.c_str()));
+  pointers.push_back(nullptr);
+  execv(pointers[0], pointers.data());
   _exit(127);
+}
+
+[[noreturn]] void become(const Launch& how, int requests) {
+  setenv(kPlanVariable, how.plan.c_str(), 1);
+  setenv(kLogVariable, how.log.c_str(), 1);
+  setenv(kForkVariable, "1", 1);
+  setenv("LD_PRELOAD", interposer().c_str(), 1);
+  const int nothing = open("/dev/null", O_RDWR);
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(nothing, fd);
+  dup2(requests, kForkSocket);
+  close_range(STDERR_FILENO + 1, kForkSocket - 1, 0);
+  execute(how.arguments);
+}
+
+// A program that waits in front of its main(), to be forked; the rig's end of its socket.
+int waitingProgram(const Launch& how) {
+  static std::map<std::vector<std::string>, int> waiting;
+  std::vector<std::string> key = how.arguments;
+  key.push_back(how.plan);
+  const auto known = waiting.find(key);
+  if (known != waiting.end()) return known->second;
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return -1;
+  if (fork() == 0) become(how, ends[1]);
+  close(ends[1]);
+  waiting[key] = ends[0];
+  return ends[0];
+}
+
+int openOr(const std::string& path, int flags) {
+  return open(path.empty() ? "/dev/null" : path.c_str(), flags | O_CLOEXEC, 0600);
+}
+
+bool sendRequest(int to, const ForkRequest& request, const int* fds) {
+  alignas(cmsghdr) char room[CMSG_SPACE(sizeof(int) * kForkFds)] = {};
+  iovec part = {const_cast<ForkRequest*>(&request), sizeof request};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = room;
+  message.msg_controllen = sizeof room;
+  cmsghdr* head = CMSG_FIRSTHDR(&message);
+  head->cmsg_level = SOL_SOCKET;
+  head->cmsg_type = SCM_RIGHTS;
+  head->cmsg_len = CMSG_LEN(sizeof(int) * kForkFds);
+  memcpy(CMSG_DATA(head), fds, sizeof(int) * kForkFds);
+  return sendmsg(to, &message, MSG_NOSIGNAL) == sizeof request;
+}
+
+// The group's first: in the rig's own memory, as it does nothing but be there.
+int waitForNothing(void*) {
+  for (;;) syscall(SYS_pause);
 }
 
 }  // namespace
 
 pid_t newGroup() {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    for (;;) pause();
-  }
+  static std::array<char, 4096> stack;
+  const pid_t pid = clone(waitForNothing, stack.data() + stack.size(), CLONE_VM | SIGCHLD, nullptr);
   if (pid > 0) setpgid(pid, pid);
   return pid;
 }
 
-pid_t launch(const Launch& how, pid_t group) {
+pid_t launchForeign(const std::vector<std::string>& arguments) {
   const pid_t pid = fork();
-  if (pid == 0) {
-    if (group != 0) setpgid(0, group);
-    become(how);
-  }
+  if (pid == 0) execute(arguments);
+  return pid;
+}
+
+pid_t launch(const Launch& how, pid_t group) {
+  constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND;
+  const int requests = waitingProgram(how);
+  const int fds[kForkFds] = {openOr(how.input, O_RDONLY), openOr(how.output, kAppend),
+                             openOr(how.errors, kAppend), openOr(how.promises, kAppend),
+                             how.readyFd < 0 ? openOr("", O_RDONLY) : dup(how.readyFd)};
+  int32_t pid = -1;
+  if (!sendRequest(requests, {group, how.readyFd < 0 ? 0 : 1}, fds) ||
+      recv(requests, &pid, sizeof pid, 0) != sizeof pid)
+    pid = -1;
+  for (const int fd : fds) close(fd);
   return pid;
 }
 
@@ -110,6 +158,7 @@ bool endsInTime(int pidfd, int limitMs) {
   const auto mostTicks =
       static_cast<uint64_t>(limitMs) * static_cast<uint64_t>(sysconf(_SC_CLK_TCK)) / 1000;
   pollfd entry = {pidfd, POLLIN, 0};
+  if (poll(&entry, 1, kLookMs) > 0) return true;
   const uint64_t before = loadOfOthers().ticks;
   uint64_t last = before;
   for (int idleMs = 0; idleMs < limitMs && last - before <= mostTicks;) {
@@ -142,8 +191,9 @@ Ending await(pid_t pid, int limitMs) {
 }
 
 void endGroup(pid_t group) {
-  if (group > 0) kill(-group, SIGKILL);
-  while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+  if (group <= 0) return;
+  kill(-group, SIGKILL);
+  while (waitpid(-group, nullptr, 0) > 0 || errno == EINTR) {
   }
 }
 

@@ -88,11 +88,11 @@ void addMedia(const std::string& binDir, std::vector<Program>* programs) {
 }  // namespace
 
 std::vector<Program> programsOf(const std::string& binDir, bool media) {
-  const std::string tarn = binDir + "/faults_tarn";
+  const std::string tarn = binDir + kTool;
   std::vector<Program> programs = {changerOf("recover", "crashed", {tarn, "recover"}),
                                    changerOf("restart", "saved", {tarn, "recover"}),
                                    recorderOf(binDir)};
-  programs.push_back(changerOf("server", "started", {binDir + "/tarn-server"}));
+  programs.push_back(changerOf("server", "started", {binDir + kServer}));
   programs.back().kind = Program::Kind::kServes;
   programs.push_back(logOf(tarn));
   programs.push_back(changerOf("save", "stopped", {tarn, "save"}));
@@ -126,7 +126,7 @@ std::vector<Program> programsOf(const std::string& binDir, bool media) {
 }
 
 std::vector<std::string> keepArguments(const std::string& binDir) {
-  return {binDir + "/faults_tarn", "keep", "--event", kKeepEvent};
+  return {binDir + kTool, "keep", "--event", kKeepEvent};
 }
 
 // The groups of pictures of both channels that show the event, from the 5th picture to the 20th.
@@ -139,7 +139,7 @@ std::string keepPromises() {
 
 // A card of two channels whose rings come round within a few seconds of video.
 std::vector<std::string> formatArguments(const std::string& binDir, uint32_t chunks) {
-  return {binDir + "/faults_tarn",
+  return {binDir + kTool,
           "format",
           kCard,
           "--force",

@@ -10,6 +10,10 @@ inline constexpr char kCard[] = "/dev/sdblk0p1";
 // The rig's own files; a place that a card's view shows, too, when it is named.
 inline constexpr char kWork[] = "/dev/faults";
 inline constexpr uint32_t kLifePictures = 45;
+// Below the folder of programs: the product's as one file each, which take less time to load.
+inline constexpr char kTool[] = "/faults-programs/faults_tarn";
+inline constexpr char kServer[] = "/faults-programs/tarn-server";
+inline constexpr char kSetup[] = "/faults-programs/dbsetup";
 
 // What is known of a program that faults are tried on.
 struct Program {

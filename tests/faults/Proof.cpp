@@ -25,7 +25,7 @@ bool Proof::seesBrokenPromise(const std::string& promise, bool loseOldest) {
   Verdicts* verdicts = rig_.verdicts();
   const std::array<uint32_t, 2> mayLose = verdicts->mayLose();
   if (loseOldest) verdicts->setMayLose({});
-  const bool seen = !verdicts->judge(false, true).empty();
+  const bool seen = !verdicts->judge(scene, false, true).empty();
   verdicts->setMayLose(mayLose);
   return seen;
 }
@@ -41,7 +41,7 @@ bool Proof::seesOtherByte() {
   card[place + picture.size() - 1] ^= 1;
   writeFile(kCard, card);
   rig_.workplace()->clear(scene.promises() + "\n");
-  return !rig_.verdicts()->judge(false, true).empty();
+  return !rig_.verdicts()->judge(scene, false, true).empty();
 }
 
 bool Proof::seesBadProgram(const std::string& how) {

@@ -27,9 +27,9 @@ void Rig::add(const Program& program, const std::string& output) {
 
 std::string Rig::prepare(const std::string& onlyProgram) {
   // A few seconds of real video, for the programs that record and export it.
-  workplace_.order({}, kSpeed);
+  workplace_.order({}, kCalmSpeed);
   const bool media = access(workplace_.program("tarn").c_str(), X_OK) == 0 &&
-                     workplace_.must(clipArguments()).empty();
+                     await(launchForeign(clipArguments()), Workplace::kLimitMs).code == 0;
   if (!media) printf("record and export are left out: no clip can be made here\n");
   programs_ = programsOf(workplace_.bin(), media);
   std::string failure = stage_.make(media);
@@ -38,8 +38,11 @@ std::string Rig::prepare(const std::string& onlyProgram) {
   std::array<uint32_t, 2> most = {};
   for (const Program& program : programs_) {
     if (!onlyProgram.empty() && program.name != onlyProgram) continue;
-    bool reached = false;
-    failure = run({program.name, kAny, 0, kNone}, kSpeed, &reached);
+    for (const uint32_t speed : {kSpeed, kSecondSpeed, kCalmSpeed}) {
+      bool reached = false;
+      failure = run({program.name, kAny, 0, kNone}, speed, &reached);
+      if (failure.empty()) break;
+    }
     if (!failure.empty()) return program.name + " without a fault: " + failure;
     for (uint32_t op = 0; op < kOps; ++op) counts_[program.name][op] = workplace_.plan().counts[op];
     outputs_[program.name] = printed();
@@ -168,7 +171,8 @@ std::string Rig::finish(const Program& program, const Case& fault, const Ending&
   if (program.kind == Program::Kind::kReads) return judgeOutput(program, ending);
   // What ended well is there without a start of the machine; a program that was killed is started
   // again with or without one.
-  return verdicts_.judge(good || (fault.mode == kKill && fault.number % 2 == 0), strict);
+  const bool stays = good || (fault.mode == kKill && fault.number % 2 == 0);
+  return verdicts_.judge(stage_.at(program.scene), stays, strict);
 }
 
 std::string Rig::run(const Case& fault, uint32_t speed, bool* reached) {

@@ -28,6 +28,8 @@ class Rig {
   // "" when all is as it should be. `reached`: whether the call was made at all.
   std::string run(const Case& fault, uint32_t speed, bool* reached);
 
+  uint32_t judged() const { return verdicts_.judged(); }
+
   void setVerbose() { verbose_ = true; }
 
   // For what proves that the rig sees what is wrong.

@@ -1,12 +1,14 @@
 #include "Scene.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/sem.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <set>
 
 #include "Process.h"
 #include "Programs.h"
@@ -24,6 +26,18 @@ std::vector<std::string> filesOfRamDisk() {
     if (!entry.is_directory()) names.push_back(entry.path());
   }
   return names;
+}
+
+// The card's bytes as they are: it stays one file, so that it is mapped once. Only what it has
+// pages of may be looked at.
+const char* mapped(int fd, size_t size) {
+  static void* memory = MAP_FAILED;
+  static size_t length = 0;
+  if (length >= size) return static_cast<const char*>(memory);
+  memory = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+  if (memory == MAP_FAILED) abort();
+  length = size;
+  return static_cast<const char*>(memory);
 }
 
 // All sets: the namespace is the view's own.
@@ -46,23 +60,6 @@ void loseMemory() {
   for (const int set : semaphores()) semctl(set, 0, IPC_RMID);
 }
 
-// Holes and pages of zeros are the same.
-uint64_t cardSum() {
-  const int fd = open(kCard, O_RDONLY | O_CLOEXEC);
-  Sum sum;
-  sum.add(static_cast<uint64_t>(lseek(fd, 0, SEEK_END)));
-  std::string page(kPage, '\0');
-  const std::string zeros = page;
-  for (off_t at = 0; (at = lseek(fd, at, SEEK_DATA)) >= 0; at += static_cast<off_t>(kPage)) {
-    const ssize_t got = pread(fd, page.data(), kPage, at);
-    if (got <= 0) break;
-    const std::string_view bytes(page.data(), static_cast<size_t>(got));
-    if (zeros.compare(0, bytes.size(), bytes) != 0) sum.add(static_cast<uint64_t>(at)).add(bytes);
-  }
-  close(fd);
-  return sum.value();
-}
-
 uint64_t memorySum() {
   Sum sum;
   std::vector<std::string> names = filesOfRamDisk();
@@ -82,49 +79,86 @@ void Scene::take(const std::string& promises) {
   const std::string zeros(kPage, '\0');
   size_ = card.size();
   pages_.clear();
+  Sum sum;
   for (size_t at = 0; at < card.size(); at += kPage) {
     std::string page = card.substr(at, kPage);
-    if (page != zeros) pages_.emplace_back(at, std::move(page));
+    if (page == zeros) continue;
+    sum.add(at).add(page);
+    pages_.emplace_back(at, std::move(page));
   }
+  sum_ = sum.add(size_).value();
   files_.clear();
   for (const std::string& name : filesOfRamDisk()) {
     if (std::filesystem::is_regular_file(name)) files_[name] = readFile(name);
   }
 }
 
+// What the system keeps no page of is zeros, in the card as in the scene.
+void Scene::eachDifference(int fd, const std::function<void(off_t, std::string_view)>& tell) const {
+  static const std::string zeros(kPage, '\0');
+  const char* card = mapped(fd, size_);
+  auto page = pages_.begin();
+  const auto compare = [&](off_t at, std::string_view bytes) {
+    while (page != pages_.end() && static_cast<off_t>(page->first) < at)
+      tell(static_cast<off_t>((page++)->first), zeros);
+    const bool known = page != pages_.end() && static_cast<off_t>(page->first) == at;
+    const std::string& wanted = known ? (page++)->second : zeros;
+    if (bytes != std::string_view(wanted).substr(0, bytes.size())) tell(at, bytes);
+  };
+  const auto size = static_cast<off_t>(size_);
+  for (off_t at = 0; (at = lseek(fd, at, SEEK_DATA)) >= 0 && at < size;) {
+    const off_t end = std::min(lseek(fd, at, SEEK_HOLE), size);
+    for (; at < end; at += static_cast<off_t>(kPage))
+      compare(at, {card + at, std::min(kPage, static_cast<size_t>(end - at))});
+    at = end;
+  }
+  compare(size, {});
+}
+
 void Scene::restore() const {
   loseMemory();
   const int fd = open(kCard, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0 || ftruncate(fd, 0) != 0 || ftruncate(fd, static_cast<off_t>(size_)) != 0) abort();
-  for (const auto& [at, page] : pages_) {
-    if (pwrite(fd, page.data(), page.size(), static_cast<off_t>(at)) < 0) abort();
+  if (fd < 0) abort();
+  if (lseek(fd, 0, SEEK_END) != static_cast<off_t>(size_) &&
+      (ftruncate(fd, 0) != 0 || ftruncate(fd, static_cast<off_t>(size_)) != 0))
+    abort();
+  std::set<off_t> changed;
+  eachDifference(fd, [&](off_t at, std::string_view) { changed.insert(at); });
+  const std::string zeros(kPage, '\0');
+  for (const off_t at : changed) {
+    const auto known = std::lower_bound(
+        pages_.begin(), pages_.end(), at,
+        [](const auto& page, off_t place) { return static_cast<off_t>(page.first) < place; });
+    const bool ours = known != pages_.end() && static_cast<off_t>(known->first) == at;
+    const std::string& page = ours ? known->second : zeros;
+    if (pwrite(fd, page.data(), page.size(), at) < 0) abort();
   }
   close(fd);
   for (const auto& [name, bytes] : files_) writeFile(name, bytes);
 }
 
-// What the system keeps no page of is zeros, in the card as in the scene.
 std::string Scene::cardDiffers() const {
   const int fd = open(kCard, O_RDONLY | O_CLOEXEC);
   std::string failure;
   if (lseek(fd, 0, SEEK_END) != static_cast<off_t>(size_)) failure = "its size";
-  std::string card(kPage, '\0');
-  const std::string zeros(kPage, '\0');
-  auto page = pages_.begin();
-  for (off_t at = 0; failure.empty() && at < static_cast<off_t>(size_);) {
-    const off_t data = std::min(lseek(fd, at, SEEK_DATA), static_cast<off_t>(size_));
-    const off_t known =
-        page != pages_.end() ? static_cast<off_t>(page->first) : static_cast<off_t>(size_);
-    at = data < 0 ? known : std::min(data, known);
-    if (at >= static_cast<off_t>(size_)) break;
-    const std::string& wanted = at == known ? (page++)->second : zeros;
-    const ssize_t got = pread(fd, card.data(), kPage, at);
-    if (got < 0 || card.compare(0, static_cast<size_t>(got), wanted) != 0)
-      failure = std::to_string(at);
-    at += static_cast<off_t>(kPage);
+  if (failure.empty()) {
+    eachDifference(fd, [&](off_t at, std::string_view) {
+      if (failure.empty()) failure = std::to_string(at);
+    });
   }
   close(fd);
   return failure;
+}
+
+uint64_t Scene::cardSum() const {
+  const int fd = open(kCard, O_RDONLY | O_CLOEXEC);
+  Sum sum;
+  sum.add(sum_);
+  if (lseek(fd, 0, SEEK_END) != static_cast<off_t>(size_)) sum.add(readFile(kCard));
+  eachDifference(
+      fd, [&](off_t at, std::string_view bytes) { sum.add(static_cast<uint64_t>(at)).add(bytes); });
+  close(fd);
+  return sum.value();
 }
 
 }  // namespace faults

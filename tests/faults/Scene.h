@@ -1,8 +1,12 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -18,10 +22,16 @@ class Scene {
   void restore() const;
   // "" when the card still holds the same bytes, else where the first others are.
   std::string cardDiffers() const;
+  // A sum of what the card holds: equal ones of the same scene mean equal bytes.
+  uint64_t cardSum() const;
   const std::string& promises() const { return promises_; }
 
  private:
+  // Of the card behind `fd`, each page that is not the scene's: its place and what it holds.
+  void eachDifference(int fd, const std::function<void(off_t, std::string_view)>& tell) const;
+
   uint64_t size_ = 0;
+  uint64_t sum_ = 0;                                     // of what the card held
   std::vector<std::pair<uint64_t, std::string>> pages_;  // of the card, those that are not zero
   std::map<std::string, std::string> files_;             // of the RAM disk
   std::string promises_;
@@ -30,8 +40,7 @@ class Scene {
 // As when the power goes: nothing is left but the card.
 void loseMemory();
 
-// Sums of what the card holds, and of what would be lost: equal ones mean equal bytes.
-uint64_t cardSum();
+// A sum of what would be lost: equal ones mean equal bytes.
 uint64_t memorySum();
 
 }  // namespace faults

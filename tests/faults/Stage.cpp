@@ -1,6 +1,9 @@
 #include "Stage.h"
 
+#include <unistd.h>
+
 #include <csignal>
+#include <cstdlib>
 #include <vector>
 
 #include "Programs.h"
@@ -28,7 +31,7 @@ std::string Stage::besideServer(const std::vector<std::string>& arguments) {
 std::string Stage::makeCrashed() {
   const std::string recorder = workplace_.program("faults_recorder");
   std::string failure = workplace_.must(formatArguments(workplace_.bin(), kChunks));
-  if (failure.empty()) failure = workplace_.must({workplace_.program("faults_tarn"), "recover"});
+  if (failure.empty()) failure = workplace_.must({workplace_.tool(), "recover"});
   bool ready = false;
   const pid_t server = workplace_.startServer(false, &ready);
   if (failure.empty()) failure = workplace_.must({recorder, "life", "1", "180"});
@@ -54,7 +57,7 @@ std::string Stage::makeStopped() {
   std::string failure = besideServer(
       {workplace_.program("faults_recorder"), "life", "3", std::to_string(kLifePictures), "edit"});
   take("stopped");
-  if (failure.empty()) failure = workplace_.must({workplace_.program("faults_tarn"), "save"});
+  if (failure.empty()) failure = workplace_.must({workplace_.tool(), "save"});
   loseMemory();
   take("saved");
   return failure;
@@ -62,7 +65,7 @@ std::string Stage::makeStopped() {
 
 // A card with room for copies beside what is recorded next.
 std::string Stage::makeKept() {
-  const std::string tarn = workplace_.program("faults_tarn");
+  const std::string tarn = workplace_.tool();
   makeBlank();
   std::string failure = workplace_.must(formatArguments(workplace_.bin(), kKeepChunks));
   if (failure.empty()) failure = workplace_.must({tarn, "recover"});
@@ -80,7 +83,9 @@ std::string Stage::makeKept() {
 void Stage::makeBlank() {
   loseMemory();
   writeFile(workplace_.path("promises"), "");
-  writeFile(kCard, std::string(kCardBytes, '\0'));
+  // Without pages of its own where nothing was written, as each look at the card reads them.
+  writeFile(kCard, "");
+  if (truncate(kCard, static_cast<off_t>(kCardBytes)) != 0) abort();
 }
 
 std::string Stage::make(bool media) {
@@ -93,7 +98,7 @@ std::string Stage::make(bool media) {
 
 std::string Stage::makeLives(bool media) {
   std::string failure = makeCrashed();
-  if (failure.empty()) failure = workplace_.must({workplace_.program("faults_tarn"), "recover"});
+  if (failure.empty()) failure = workplace_.must({workplace_.tool(), "recover"});
   take("started");
   if (failure.empty() && media) failure = makeClipped();
   return failure.empty() ? makeStopped() : failure;

@@ -9,9 +9,9 @@
 #include "Sum.h"
 
 namespace faults {
-uint64_t Verdicts::question(bool memory, bool strict) const {
+uint64_t Verdicts::question(const Scene& scene, bool memory, bool strict) const {
   Sum sum;
-  sum.add(cardSum()).add(readFile(workplace_.path("promises")));
+  sum.add(scene.cardSum()).add(readFile(workplace_.path("promises")));
   sum.add(mayLose_[0]).add(mayLose_[1]).add(memory ? 1 : 0).add(strict ? 1 : 0);
   if (memory) sum.add(memorySum());
   return sum.value();
@@ -38,20 +38,17 @@ std::string Verdicts::ask(bool memory, bool strict) {
          readFile(workplace_.path("other-errors"));
 }
 
-std::string Verdicts::judge(bool memory, bool strict) {
+std::string Verdicts::judge(const Scene& scene, bool memory, bool strict) {
   if (memory) {
     unlink("/tmp/sd_err_mem_write");
   } else {
     loseMemory();
   }
-  const uint64_t asked = question(memory, strict);
-  const auto known = good_.find(asked);
-  if (known != good_.end()) {
-    lost_ = known->second;
-    return "";
-  }
+  const uint64_t asked = question(scene, memory, strict);
+  if (good_.find(asked, &lost_)) return "";
+  ++judged_;
   std::string failure = ask(memory, strict);
-  if (failure.empty()) good_[asked] = lost_;
+  if (failure.empty()) good_.add(asked, lost_);
   return failure;
 }
 

@@ -10,11 +10,15 @@
 #include "Cases.h"
 #include "Plan.h"
 #include "Process.h"
+#include "Programs.h"
 
 namespace faults {
 
-// Waiting is shortened by this, unless a case is tried once more.
+// Waiting is shortened by this; by the second when a case is tried once more, and by the third
+// where nothing fails, so that it would only take a busy machine for a program that hangs.
 inline constexpr uint32_t kSpeed = 20;
+inline constexpr uint32_t kSecondSpeed = 5;
+inline constexpr uint32_t kCalmSpeed = 2;
 
 // Where programs run: the rig's own files beside the card, the orders to the interposer, and the
 // process group that everything of a case belongs to. Of two kinds of programs each has streams,
@@ -30,6 +34,7 @@ class Workplace {
   std::string path(const std::string& name) const;
   const std::string& bin() const { return bin_; }
   std::string program(const std::string& name) const { return bin_ + "/" + name; }
+  std::string tool() const { return bin_ + kTool; }
 
   // Empties what programs have written, and makes the promises those of `promises`.
   void clear(const std::string& promises);

@@ -17,8 +17,6 @@
 namespace faults {
 namespace {
 
-constexpr uint32_t kSecondSpeed = 5;
-
 struct Options {
   std::string bin, program, op, oneCase;
   unsigned part = 0, parts = 1;
@@ -99,6 +97,7 @@ int runAll(Rig* rig, const Options& options) {
     std::vector<Case> cases = casesOf(program.name, rig->counts(program.name));
     if (!options.all) cases = sampleOf(cases);
     Tally tally;
+    const uint32_t judgedBefore = rig->judged();
     size_t number = 0;
     for (const Case& fault : cases) {
       if (!options.all && number++ % program.sampleEvery != 0) continue;
@@ -113,8 +112,8 @@ int runAll(Rig* rig, const Options& options) {
       }
     }
     if (!options.list) {
-      printf("TALLY %s %u %u %u %u\n", program.name.c_str(), tally.run, tally.reached, tally.second,
-             tally.failed);
+      printf("TALLY %s %u %u %u %u %u\n", program.name.c_str(), tally.run, tally.reached,
+             tally.second, tally.failed, rig->judged() - judgedBefore);
     }
     fflush(stdout);
     failed = failed || tally.failed != 0;

@@ -7,32 +7,18 @@
 #include <vector>
 
 #include "base/Endian.h"
+#include "fuzz/InputPieces.h"
 #include "recorder/recording/SoundBlock.h"
 #include "recorder/recording/SoundBlockBuilder.h"
 #include "recorder/recording/SoundBlockFormat.h"
 
 namespace {
 
+using tarn_fuzz::InputPieces;
+
 constexpr uint8_t kMade = 0x01;     // the input says what a block is made of
 constexpr uint8_t kMended = 0x02;   // mark, version and time are made good
 constexpr uint8_t kCounted = 0x04;  // so is the number of frames
-
-// What an input is taken from, piece by piece; behind its end there are zeros.
-struct Input {
-  const uint8_t* data;
-  size_t size;
-
-  std::vector<uint8_t> bytes(size_t count) {
-    const size_t there = std::min(count, size);
-    std::vector<uint8_t> out(data, data + there);
-    out.resize(count);
-    data += there;
-    size -= there;
-    return out;
-  }
-  uint8_t byte() { return bytes(1)[0]; }
-  uint32_t word() { return tarn::getLe32(bytes(4).data()); }
-};
 
 void expectOrder(const tarn::SoundBlock& block, const std::vector<uint8_t>& bytes) {
   const uint8_t* at = bytes.data() + tarn::SoundBlock::kHeadSize + block.format().config.size();
@@ -75,7 +61,7 @@ void takeAny(std::vector<uint8_t> bytes, uint8_t way) {
   expectOrder(block, bytes);
 }
 
-tarn::SoundFormat formatOf(Input* input) {
+tarn::SoundFormat formatOf(InputPieces* input) {
   tarn::SoundFormat format;
   format.codec = static_cast<tarn::SoundCodec>(input->byte());
   format.channels = input->byte();
@@ -84,7 +70,7 @@ tarn::SoundFormat formatOf(Input* input) {
   return format;
 }
 
-void makeAndTake(Input input) {
+void makeAndTake(InputPieces input) {
   tarn::SoundBlockBuilder builder;
   const tarn::SoundFormat format = formatOf(&input);
   const tarn::PictureTime start = {input.word(), input.word() % 1000000};

@@ -1,16 +1,17 @@
 // The sound of an input, packet by packet, as a container or a camera delivers it: whatever the
 // packets hold, what is recorded of them is frames that a block can hold.
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
-#include "base/Endian.h"
+#include "fuzz/InputPieces.h"
 #include "fuzz/Muted.h"
 #include "media/ContainerSound.h"
 #include "recorder/recording/SoundBlock.h"
 
 namespace {
+
+using tarn_fuzz::InputPieces;
 
 // Of the first byte of a packet.
 constexpr uint8_t kTimed = 0x01;
@@ -19,24 +20,7 @@ constexpr uint8_t kTold = 0x04;     // tells another configuration
 constexpr uint8_t kPadded = 0x08;   // says how much of its end is not to be heard
 constexpr uint8_t kLasting = 0x10;  // says how long it is
 
-struct Input {
-  const uint8_t* data;
-  size_t size;
-
-  std::vector<uint8_t> bytes(size_t count) {
-    const size_t there = std::min(count, size);
-    std::vector<uint8_t> out(data, data + there);
-    out.resize(count);
-    data += there;
-    size -= there;
-    return out;
-  }
-  uint8_t byte() { return bytes(1)[0]; }
-  uint32_t word() { return tarn::getLe32(bytes(4).data()); }
-  int64_t time() { return static_cast<int64_t>(tarn::getLe64(bytes(8).data())); }
-};
-
-void addStream(AVFormatContext* format, Input* input) {
+void addStream(AVFormatContext* format, InputPieces* input) {
   static constexpr AVCodecID kCodecs[] = {AV_CODEC_ID_AAC, AV_CODEC_ID_PCM_ALAW,
                                           AV_CODEC_ID_PCM_MULAW, AV_CODEC_ID_OPUS, AV_CODEC_ID_MP3};
   AVStream* stream = avformat_new_stream(format, nullptr);
@@ -76,7 +60,7 @@ void addSide(AVPacket* packet, AVPacketSideDataType type, const std::vector<uint
   memcpy(side, bytes.data(), bytes.size());
 }
 
-void fill(AVPacket* packet, Input* input) {
+void fill(AVPacket* packet, InputPieces* input) {
   const uint8_t kind = input->byte();
   std::vector<uint8_t> bytes = input->bytes(input->byte());
   // One that is too long for a frame is nearly all zeros.
@@ -112,7 +96,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Input input = {data, size};
+  InputPieces input = {data, size};
   const tarn::AvOwned<AVFormatContext> format(avformat_alloc_context());
   const AVStream* video = avformat_new_stream(format.get(), nullptr);
   const uint8_t streams = input.byte() % 3 + 1;

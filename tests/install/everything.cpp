@@ -40,6 +40,8 @@ void makeAll() {
   tarn::soundCodecText(tarn::SoundCodec::kOpus);
   make<tarn::EventKeeper>();
   make<tarn::KeptCopies>();
+  make<tarn::RedatingReversal>();
+  tarn::RedatingRecord().parse("");
   make<tarn::ChunkChannels>();
   tarn::PictureClock clock(tarn::PictureClock::Stamps::kOfSource, 0);
   clock.restart();

@@ -53,11 +53,11 @@ struct Model {
 
 template <typename Row>
 void apply(std::map<uint32_t, Allowed<Row>>* rows, const RowMark& mark, bool there, const Row& row,
-           Cut cut, bool alsoLater) {
+           Cut cut, bool alsoLater, bool alsoBefore) {
   if (mark.begin > cut.at && !alsoLater) return;
   auto& versions = (*rows)[mark.key].versions;
   if (versions.empty()) versions.push_back({false, Row{}});
-  if (mark.end <= cut.at) versions.clear();
+  if (mark.end <= cut.at && !alsoBefore) versions.clear();
   versions.push_back({there, row});
 }
 
@@ -74,11 +74,14 @@ Model modelAt(const Recorded& life, Cut cut) {
     // A re-dating that has begun is ended by the recovery.
     const bool redating = mark.begin >= life.redatingFrom && mark.end <= life.redatingTo &&
                           cut.at > life.redatingFrom && isRedating(mark);
+    // One that is being taken back may go on or stand again; checkRedated() wants all alike.
+    const bool back = mark.begin >= life.takingBackFrom && mark.end <= life.takingBackTo &&
+                      cut.at > life.takingBackFrom && cut.at < life.takingBackTo;
     if (mark.kind == RowMark::kStreamPut || mark.kind == RowMark::kStreamDelete) {
-      apply(&model.streams, mark, put, mark.stream, cut, redating);
+      apply(&model.streams, mark, put, mark.stream, cut, redating || back, back);
       if (mark.end <= cut.at) model.lastStreamKey = std::max(model.lastStreamKey, mark.key);
     } else {
-      apply(&model.events, mark, put, mark.event, cut, redating);
+      apply(&model.events, mark, put, mark.event, cut, redating || back, back);
       if (mark.end <= cut.at) model.lastEventKey = std::max(model.lastEventKey, mark.key);
     }
   }
@@ -635,7 +638,9 @@ std::string Checker::checkUndone(const ReadFault& fault) {
   if (!failure.empty()) return failure;
   if (fault.isPassing()) return checkResult(report, life_.cut, 0, Same::kAll);
   // The other copy says the same; what was dead in both need not become alike again.
-  const Same same = fault.kind == ReadFault::kZeros ? Same::kRows : Same::kButJournalPlace;
+  const Same same = hasNewestOfARow(life_, fault)     ? Same::kNothing
+                    : fault.kind == ReadFault::kZeros ? Same::kRows
+                                                      : Same::kButJournalPlace;
   failure = checkResult(bootCard(), life_.cut, 0, same);
   return failure.empty() ? "" : "after the fault: " + failure;
 }

@@ -5,6 +5,8 @@
 #include <map>
 
 #include "base/Wrap.h"
+#include "db/RowStatus.h"
+#include "dblog/JournalFormat.h"
 #include "fat/ChunkFiles.h"
 #include "powercut/Checks.h"
 #include "recorder/recording/RecordFormat.h"
@@ -71,18 +73,62 @@ std::string shortText(const DB_STREAM& row) {
          " pictures)";
 }
 
+uint64_t journalByte(const DB_STREAM& row) {
+  const auto chunk = static_cast<uint32_t>(tarn::journalTraits(tarn::JournalKind::kStream).chunk);
+  return cardLayout().chunkByte(tarn::kFileJournal, chunk) + row.backOffset;
+}
+
+// Whether the bad sector has the newest record of this row, which the cut kept from the other copy.
+bool hasNewest(const Recorded& life, const ReadFault& fault, const DB_STREAM& row) {
+  const uint64_t byte = journalByte(row);
+  const uint32_t size = tarn::journalTraits(tarn::JournalKind::kStream).recordSize;
+  return fault.kind == ReadFault::kSector && byte / kSector == fault.sector &&
+         memcmp(&life.base[byte], &life.base[otherCopy(byte)], size) != 0;
+}
+
+bool same(const DB_STREAM& a, const DB_STREAM& b) { return memcmp(&a, &b, sizeof a) == 0; }
+
+// What becomes of a row by its older record: what was given to it, and where it is open there, its
+// end in whole seconds and the mark of the repair.
+bool sameByOlder(const Recorded& life, DB_STREAM now, DB_STREAM row) {
+  DB_STREAM older;
+  tarn::decodeStreamRecord(&life.base[otherCopy(journalByte(row))], &older);
+  now.endMSec = row.endMSec;
+  now.status = (now.status & ~tarn::kStatusRepaired) | (row.status & tarn::kStatusRepaired);
+  row.inTrg = older.inTrg;
+  row.frameSet = older.frameSet;
+  row.bitrateSet = older.bitrateSet;
+  return same(now, row);
+}
+
+bool isMarked(const DB_STREAM& row) { return (row.status & tarn::kStatusRedating) != 0; }
+
+// Left for a start that can read it: open, or with the time that it had, where the mark says that a
+// re-dating is to be finished.
+bool isLeft(DB_STREAM now, const DB_STREAM& row, bool redating) {
+  if (now.recSize == 0) return true;
+  now.status = row.status;
+  now.startDate = row.startDate;
+  now.startMSec = row.startMSec;
+  now.endDate = row.endDate;
+  now.endMSec = row.endMSec;
+  return redating && same(now, row);
+}
+
 // A sector costs what it holds. What it touches may be left open, for a start that can read it.
 std::string checkStreams(const Recorded& life, const ReadFault& fault) {
   std::map<uint32_t, DB_STREAM> now;
   for (const DB_STREAM& row : listStreams()) now[row.streamID] = row;
   const auto touched = touchedRows(life, fault);
+  const bool redating =
+      std::any_of(now.begin(), now.end(), [](const auto& one) { return isMarked(one.second); });
   for (const DB_STREAM& row : life.finalStreams) {
     const auto place = now.find(row.streamID);
     if (place == now.end()) return "gone: " + shortText(row);
-    const bool same = memcmp(&place->second, &row, sizeof row) == 0;
-    const bool left = fault.kind != ReadFault::kSector && place->second.recSize == 0;
-    if (!same && !left && touched.count(row.streamID) == 0)
-      return shortText(row) + " has become " + shortText(place->second);
+    const bool good = same(place->second, row) || touched.count(row.streamID) != 0 ||
+                      (fault.kind != ReadFault::kSector && isLeft(place->second, row, redating)) ||
+                      (hasNewest(life, fault, row) && sameByOlder(life, place->second, row));
+    if (!good) return shortText(row) + " has become " + shortText(place->second);
     // What else refuses reads ends with the recovery, or at the next read.
     if (fault.kind != ReadFault::kSector || place->second.recSize == 0) continue;
     const std::string failure = checkReadable(life, fault, place->second);
@@ -174,6 +220,11 @@ std::string describe(const Recorded& life, const ReadFault& fault) {
                  : "read " + std::to_string(fault.read) + " of " + std::to_string(read.length) +
                        " bytes at ") +
          (place.empty() ? "byte " + std::to_string(byte) : place) + " " + kWhat[fault.kind];
+}
+
+bool hasNewestOfARow(const Recorded& life, const ReadFault& fault) {
+  return std::any_of(life.finalStreams.begin(), life.finalStreams.end(),
+                     [&](const DB_STREAM& row) { return hasNewest(life, fault, row); });
 }
 
 std::string checkUnderFault(const Recorded& life, const ReadFault& fault,

@@ -46,6 +46,10 @@ std::string placeOf(uint64_t byte);
 std::string checkUnderFault(const Recorded& life, const ReadFault& fault,
                             const tarn::RecoveryReport& report);
 
+// Whether the fault keeps back what the card has nowhere else: the newest record of a row, of which
+// the cut left the other copy older. What was under way then need not come to the same end.
+bool hasNewestOfARow(const Recorded& life, const ReadFault& fault);
+
 // Where the parts of the listed recordings lie on the card. For the lives of refused reads.
 std::vector<PicturePlace> picturePlaces(const std::vector<DB_STREAM>& rows);
 

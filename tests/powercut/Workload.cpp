@@ -375,7 +375,7 @@ constexpr const char* kLives[] = {"recording", "chunk",   "wrap",  "two", "log",
                                   "image",     "journal", "again", "kept"};
 // Lives with faults, or of a few writes: fewer variants show all of them.
 constexpr const char* kShortLives[] = {"rows",  "refused", "lost",      "leftover", "resave",
-                                       "stale", "sound",   "soundring", "redated"};
+                                       "stale", "sound",   "soundring", "redated",  "takenback"};
 constexpr int kVariants = 42;
 constexpr int kFewVariants = 2;
 constexpr int kShortVariants = 6;
@@ -405,6 +405,7 @@ void recordLife(const std::string& name, Recorded* out) {
   if (kind == "resave") return savedTwice(out);
   if (kind == "sound") return soundBesidePictures(out);
   if (kind == "redated") return clockBecomesKnown(out);
+  if (kind == "takenback") return clockWasWrong(out);
   if (kind == "soundring") return soundRings(out);
   if (kind == "stale") return staleImage(out);
   throw std::runtime_error("there is no workload " + name);

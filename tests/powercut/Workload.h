@@ -85,6 +85,9 @@ struct Recorded {
   // Operations between which rows are re-dated: once that has begun, a recovery ends it.
   size_t redatingFrom = 0;
   size_t redatingTo = 0;
+  // And between which that is taken back: a recovery ends it or undoes what it had begun.
+  size_t takingBackFrom = 0;
+  size_t takingBackTo = 0;
   bool isFormat = false;
   bool replayLosesRow = false;  // the first start after a cut loses a row
   // Of the workload that makes a recovery's writes: where in the life it recovers, and what it ends

@@ -25,6 +25,7 @@ namespace powercut {
 namespace {
 
 constexpr uint64_t kBetweenVolumeChecks = 250;
+constexpr uint64_t kNear = 8;  // a change of the code moves states a little
 FILE* g_report = stdout;
 
 // Nothing depends on the zone: variants take turns in two of them, one with summer time.
@@ -40,6 +41,7 @@ struct Options {
   uint64_t goal = 0;  // distinct states to run; 0: all
   uint64_t seed = 1;
   bool firstFailure = false;  // ends the run
+  uint64_t near = 0;          // before all others, the states around this one
   uint64_t failures = 10;     // shown
   std::vector<std::string> leftOut;
 };
@@ -53,28 +55,41 @@ class Run {
   void all() {
     const uint64_t total =
         life_.isRefusal ? ReadFaults::count(life_) : States::count(life_, options_.seed);
+    if (options_.firstFailure) {
+      walk([&](uint64_t number, uint64_t distinct) {
+        last_ = distinct + 1 == total;
+        return failures_ == 0 && isNear(number);
+      });
+    }
     const uint64_t goal = options_.goal == 0 ? total : std::min(options_.goal, total);
     // Evenly spread; which ones depends on the seed.
     auto step = [&](uint64_t distinct) { return (distinct + options_.seed) * goal / total; };
-    const States::Visit visit = [&](uint64_t number, uint64_t distinct) {
+    walk([&](uint64_t number, uint64_t distinct) {
       if (options_.one) return number == options_.state;
-      if (options_.firstFailure && failures_ > 0) return false;
+      if (options_.firstFailure && (failures_ > 0 || isNear(number))) return false;
       // The last state, in which the life ended well, is always among them.
       last_ = distinct + 1 == total;
       return last_ || step(distinct) != step(distinct + 1);
-    };
-    const States::Run run = [&](const State& state) { one(state); };
-    if (life_.isRefusal) {
-      ReadFaults(life_).walk(visit, run);
-    } else {
-      States(life_, options_.seed).walk(visit, run);
-    }
+    });
     if (!options_.one) summary(total);
   }
   uint64_t ran() const { return ran_; }
   uint64_t failures() const { return failures_; }
 
  private:
+  void walk(const States::Visit& visit) {
+    const States::Run run = [&](const State& state) { one(state); };
+    if (life_.isRefusal) {
+      ReadFaults(life_).walk(visit, run);
+    } else {
+      States(life_, options_.seed).walk(visit, run);
+    }
+  }
+
+  bool isNear(uint64_t number) const {
+    return number + kNear >= options_.near && number <= options_.near + kNear;
+  }
+
   void one(const State& state) {
     cards_.insert(state.content);
     keepLog(options_.one);
@@ -160,6 +175,8 @@ Options parse(int argc, char** argv) {
       options.failures = strtoull(value(argc, argv, &i), nullptr, 10);
     } else if (arg == "--first-failure") {
       options.firstFailure = true;
+    } else if (arg == "--near") {
+      options.near = strtoull(value(argc, argv, &i), nullptr, 10);
     } else if (arg == "--slot") {
       stayOnProcessor(strtoul(value(argc, argv, &i), nullptr, 10));
 #ifdef TARN_OMISSIONS

@@ -61,6 +61,8 @@ bool isSetUp() {
 
 }  // namespace
 
+int (*g_setUpInstead)() = nullptr;
+
 void prepareShortcuts() {
   if (dlsym(RTLD_DEFAULT, "system") == dlsym(RTLD_NEXT, "system")) {
     fprintf(stderr, "the libraries do not find the tests' system()\n");
@@ -85,6 +87,7 @@ int system(const char* command) {
   static const auto real = next<int (*)(const char*)>("system");
   const std::string text = command == nullptr ? "" : command;
   const std::string init = kInit;
+  if (g_setUpInstead != nullptr && text.rfind(init, 0) == 0) return g_setUpInstead();
   if (text == init + "; " + kStart || text == init + " && " + kStart || text == init) {
     return putEmptyDatabase() ? 0 : kFailedStatus;
   }

@@ -6,4 +6,7 @@ namespace tarn_test {
 // linked without Shortcuts.cpp have none.
 __attribute__((weak)) void prepareShortcuts();
 
+// While it is not null, what the library's set-up command does instead; its result is the status.
+extern int (*g_setUpInstead)();
+
 }  // namespace tarn_test
