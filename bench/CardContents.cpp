@@ -106,7 +106,8 @@ void writeStreamJournal(Card* card, std::vector<DB_STREAM> rows) {
 namespace {
 
 // The pictures' heads as the check reads them, with their checksums where all bytes are known.
-void writePictures(Card* card, const DB_STREAM& row, uint32_t dataOffset, uint32_t size) {
+void writePictures(Card* card, const DB_STREAM& row, uint32_t dataOffset, uint32_t size,
+                   bool whole = false) {
   std::vector<uint8_t> picture(size, 0);
   std::vector<uint8_t> entries(size_t{row.recSize} * kSlot);
   uint16_t checksum = 0;
@@ -119,7 +120,7 @@ void writePictures(Card* card, const DB_STREAM& row, uint32_t dataOffset, uint32
     entry.checksum = checksum;
     tarn::encodePictureEntry(entry, entries.data() + size_t{i} * kSlot);
     card->write(card->chunkByte(tarn::kFileStream, row.chunkID) + entry.dataOffset, picture.data(),
-                kStampBytes);
+                whole ? size : kStampBytes);
   }
   card->write(card->chunkByte(tarn::kFilePicture, row.chunkID) + row.chunkOffset + kSlot,
               entries.data(), entries.size());
@@ -167,11 +168,12 @@ std::vector<DB_STREAM> fullStreams(const Card& card, uint32_t pictureSize) {
   return rows;
 }
 
-uint64_t writeFull(Card* card, const std::vector<DB_STREAM>& rows, uint32_t pictureSize) {
+uint64_t writeFull(Card* card, const std::vector<DB_STREAM>& rows, uint32_t pictureSize,
+                   bool whole) {
   uint64_t bytes = 0;
   for (const DB_STREAM& row : rows) {
     writeClosedHeader(card, row, 0, pictureSize);
-    writePictures(card, row, 0, pictureSize);
+    writePictures(card, row, 0, pictureSize, whole);
     bytes += uint64_t{row.recSize} * pictureSize;
   }
   return bytes;

@@ -30,10 +30,11 @@ void writeHeaders(Card* card, const std::vector<DB_STREAM>& rows);
 void writeWhole(Card* card, const std::vector<DB_STREAM>& rows);
 
 // A recording for each chunk, which fills it with pictures of `pictureSize` bytes, and what they
-// hold: heads of pictures, and else zeros, where a sparse card has no block. The bytes of all
-// pictures.
+// hold: heads of pictures, and else zeros, where a sparse card has no block unless they are written
+// `whole`. The bytes of all pictures.
 std::vector<DB_STREAM> fullStreams(const Card& card, uint32_t pictureSize);
-uint64_t writeFull(Card* card, const std::vector<DB_STREAM>& rows, uint32_t pictureSize);
+uint64_t writeFull(Card* card, const std::vector<DB_STREAM>& rows, uint32_t pictureSize,
+                   bool whole = false);
 
 // A recording that the power ended: an open header and `pictures` entries, and a time stamp in each
 // picture that a repair looks at. Returns its row, whose recSize is 0.

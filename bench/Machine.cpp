@@ -20,6 +20,7 @@ namespace bench {
 namespace {
 
 constexpr char kSlowDevice[] = "/dev/slow";
+constexpr char kFastDevice[] = "/dev/card";
 
 const char* setting(const char* name) {
   const char* value = getenv(name);
@@ -45,9 +46,10 @@ std::string diskFile(const char* name) {
 std::string cardPath(Medium medium) {
   if (medium == Medium::kRam) return "/tmp/card.img";
   if (medium == Medium::kDisk) return diskFile("card.img");
-  if (access(kSlowDevice, W_OK) != 0)
+  const char* device = medium == Medium::kSlow ? kSlowDevice : kFastDevice;
+  if (access(device, W_OK) != 0)
     give_up(std::string("no slow device: ") + setting("TARN_BENCH_NO_SLOW"));
-  return kSlowDevice;
+  return device;
 }
 
 pid_t slowDeviceServer() {
@@ -57,7 +59,7 @@ pid_t slowDeviceServer() {
 }
 
 Card::Card(Medium medium, uint64_t sizeBytes, const tarn::CardRequest& request)
-    : path_(cardPath(medium)), isFile_(medium != Medium::kSlow) {
+    : path_(cardPath(medium)), isFile_(medium != Medium::kSlow && medium != Medium::kCard) {
   format(isFile_ ? sizeBytes : 0, request);
 }
 

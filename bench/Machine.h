@@ -23,6 +23,7 @@ enum class Medium {
   kRam,   // a file in /tmp, which is memory here
   kDisk,  // a file on the machine's disk
   kSlow,  // a block device of 10 MB/s
+  kCard,  // one of 90 MB/s, as fast as a good card; of a group that asks for it
 };
 
 // Path of the medium's card; gives up when bench/run could not provide it.
@@ -35,7 +36,7 @@ pid_t slowDeviceServer();
 // A freshly formatted card, in place as /dev/sdblk0p1. An image file is removed with the object.
 class Card {
  public:
-  // The size of a slow card is the device's.
+  // The size of a device is its own.
   Card(Medium medium, uint64_t sizeBytes, const tarn::CardRequest& request = {});
   Card(const std::string& path, uint64_t sizeBytes, const tarn::CardRequest& request = {});
   ~Card();

@@ -176,9 +176,9 @@ class ServerRig : public Rig {
   double oursRate_ = 0, bareRate_ = 0;
 };
 
-const bool kRate = add({"server", "server/rate", Goal::kSpeed, 0.9, 11,
+const bool kRate = add({"server", "server/rate", Goal::kSpeed, 0.95, 11,
                         [] { return std::make_unique<ServerRig>(Measure::kRate); }});
-const bool kSlowest = add({"server", "server/p99", Goal::kSpeed, 0.9, 11,
+const bool kSlowest = add({"server", "server/p99", Goal::kSpeed, 0.95, 11,
                            [] { return std::make_unique<ServerRig>(Measure::kPercentile); }});
 
 }  // namespace

@@ -23,8 +23,13 @@ using namespace bench;
 
 constexpr size_t kPiece = 20 * kKiB;
 constexpr size_t kBuffer = kMiB;
-constexpr uint32_t kChunkSize = 64 * kMiB;
 constexpr uint32_t kChunks = 4;
+
+// In memory a turn is over so soon that what it has once shows: the first buffer that must be full
+// before any is written, the last one behind which nothing is filled, a message to the server. So
+// chunks are larger there, as on a card.
+uint32_t chunkSize(Medium medium) { return medium == Medium::kRam ? 256 * kMiB : 64 * kMiB; }
+uint64_t cardSize(Medium medium) { return uint64_t{8} * chunkSize(medium); }
 
 uint8_t* onPage(std::vector<uint8_t>& memory) {
   const auto address = reinterpret_cast<uintptr_t>(memory.data());
@@ -35,7 +40,7 @@ uint8_t* onPage(std::vector<uint8_t>& memory) {
 class Streams {
  public:
   Streams(Medium medium, int chunks)
-      : card_(medium, kCardSize, smallChunks(kChunkSize, kMiB, 0)), manager_(51) {
+      : card_(medium, cardSize(medium), smallChunks(chunkSize(medium), kMiB, 0)), manager_(51) {
     if (card_.layout().family(tarn::kFileStream).chunks < kChunks)
       give_up("the card has too few chunks");
     if (manager_.openManageData() != 0) give_up("no management data");
@@ -73,8 +78,6 @@ class Streams {
   Card& card() { return card_; }
 
  private:
-  static constexpr uint64_t kCardSize = 512 * kMiB;
-
   Card card_;
   ServerProcess server_;
   CTARNStreamManager manager_;
@@ -158,7 +161,7 @@ class StreamRig : public Rig {
   StreamRig(Medium medium, int chunks, uint64_t total)
       : streams_(medium, chunks),
         total_(total),
-        data_(total / static_cast<uint64_t>(chunks) + 4096, 0xA5),
+        data_(total + 4096, 0xA5),
         fd_(open(kCardDevice, O_RDWR | O_CLOEXEC)) {}
 
   double ours() override {
@@ -167,7 +170,7 @@ class StreamRig : public Rig {
     const double seconds = timed([this] {
       for (uint64_t done = 0; done < each(); done += kPiece) {
         for (size_t chunk = 0; chunk < streams_.count(); ++chunk) {
-          streams_.write(chunk, source() + done, kPiece);
+          streams_.write(chunk, source(chunk) + done, kPiece);
         }
       }
       streams_.flush();
@@ -182,7 +185,7 @@ class StreamRig : public Rig {
         const size_t size = std::min<uint64_t>(kBuffer, each() - done);
         for (uint32_t chunk = 0; chunk < streams_.count(); ++chunk) {
           const uint64_t at = streams_.card().chunkByte(tarn::kFileStream, chunk) + done;
-          if (pwrite(fd_.get(), source() + done, size, static_cast<off_t>(at)) !=
+          if (pwrite(fd_.get(), source(chunk) + done, size, static_cast<off_t>(at)) !=
                   static_cast<ssize_t>(size) ||
               fsync(fd_.get()) != 0) {
             give_up("the bare write failed");
@@ -194,8 +197,8 @@ class StreamRig : public Rig {
 
   Streams& streams() { return streams_; }
   uint64_t each() const { return total_ / streams_.count(); }  // bytes of a chunk
-  // New data all the time, as from an encoder: as many bytes as a chunk gets.
-  const uint8_t* source() { return onPage(data_); }
+  // New data all the time, as from an encoder, and each chunk's own: as many bytes as it gets.
+  const uint8_t* source(size_t chunk) { return onPage(data_) + chunk * each(); }
   int device() const { return fd_.get(); }
 
   std::map<std::string, double> figures() override {
@@ -224,7 +227,7 @@ class BufferedRig : public StreamRig {
   double bare() override {
     return timed([this] {
       for (uint64_t done = 0; done < each(); done += kPiece) {
-        for (auto& buffer : buffers_) buffer->write(source() + done, kPiece);
+        for (size_t i = 0; i < buffers_.size(); ++i) buffers_[i]->write(source(i) + done, kPiece);
       }
       for (auto& buffer : buffers_) buffer->flush();
     });
@@ -245,9 +248,9 @@ Pair streamPair(const char* name, const char* group, Medium medium, int chunks, 
 }
 
 const bool kRam1 =
-    add(streamPair<StreamRig>("stream/ram_1", "stream", Medium::kRam, 1, 60 * kMiB, 0.95, 15));
+    add(streamPair<StreamRig>("stream/ram_1", "stream", Medium::kRam, 1, 240 * kMiB, 0.95, 15));
 const bool kRam4 =
-    add(streamPair<StreamRig>("stream/ram_4", "stream", Medium::kRam, 4, 160 * kMiB, 0.95, 15));
+    add(streamPair<StreamRig>("stream/ram_4", "stream", Medium::kRam, 4, 480 * kMiB, 0.95, 15));
 const bool kDisk1 =
     add(streamPair<StreamRig>("stream/disk_1", "stream", Medium::kDisk, 1, 60 * kMiB, 0.90, 9));
 const bool kDisk4 =
@@ -258,9 +261,9 @@ const bool kSlow4 =
     add(streamPair<StreamRig>("stream/slow_4", "slow", Medium::kSlow, 4, 16 * kMiB, 0.99, 5));
 
 const bool kBuffered1 = add(streamPair<BufferedRig>("stream/ram_1_buffered", "stream", Medium::kRam,
-                                                    1, 60 * kMiB, 0.95, 15));
+                                                    1, 240 * kMiB, 0.95, 15));
 const bool kBuffered4 = add(streamPair<BufferedRig>("stream/ram_4_buffered", "stream", Medium::kRam,
-                                                    4, 160 * kMiB, 0.95, 15));
+                                                    4, 480 * kMiB, 0.95, 15));
 const bool kBufferedDisk = add(streamPair<BufferedRig>("stream/disk_1_buffered", "stream",
                                                        Medium::kDisk, 1, 60 * kMiB, 0.95, 9));
 

@@ -1,6 +1,8 @@
 // Stream data written while four viewers play what was recorded before, against the same without
-// them: they stand still meanwhile.
+// them: they stand still meanwhile. What they play is in memory, as what was recorded lately is, or
+// has to come from the device.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -34,6 +36,8 @@ constexpr uint32_t kChunkSize = 64 * kMiB;
 constexpr uint64_t kRound = 60 * kMiB / kPiece * kPiece;  // less than a chunk
 constexpr uint32_t kOwnChunk = 3;                         // none of those that hold recordings
 constexpr int kViewers = 4;
+constexpr useconds_t kRestUs = 200000;
+constexpr int64_t kApartMs = 30000;  // of the hundred seconds and more that are there to be seen
 
 // tarn serve, until the object goes.
 class PageServer {
@@ -118,7 +122,8 @@ class Viewers {
 
  private:
   void play(int number) {
-    std::string from = "from=" + valueOf(server_.ask("/api/card"), "oldestMs");
+    const int64_t oldest = atoll(valueOf(server_.ask("/api/card"), "oldestMs").c_str());
+    std::string from = "from=" + std::to_string(oldest + number * kApartMs);
     std::unique_lock<std::mutex> lock(mutex_);
     // Not all at the same moment.
     changed_.wait_for(lock, std::chrono::milliseconds(250 * number), [this] { return end_; });
@@ -147,8 +152,9 @@ class Viewers {
 
 class ViewersRig : public Rig {
  public:
-  ViewersRig(Medium medium, uint64_t bytes)
-      : card_(medium, 512 * kMiB, smallChunks(kChunkSize, kMiB, 0)),
+  ViewersRig(Medium medium, uint64_t bytes, bool cold)
+      : cold_(cold),
+        card_(medium, 512 * kMiB, smallChunks(kChunkSize, kMiB, 0)),
         manager_(51),
         bytes_(bytes),
         data_(kRound, 0xA5) {
@@ -174,7 +180,10 @@ class ViewersRig : public Rig {
   }
 
   double ours() override {
+    if (cold_) forgetCard();
     viewers_->let(true);
+    // The device rests before either half: it takes the first tenth of a second's data at once.
+    usleep(kRestUs);
     const double before = viewers_->bytes();
     const double seconds = timed([this] { write(); });
     viewers_->let(false);
@@ -183,7 +192,7 @@ class ViewersRig : public Rig {
   }
   double bare() override {
     // What was begun is over soon.
-    usleep(200000);
+    usleep(kRestUs);
     return timed([this] { write(); });
   }
   std::map<std::string, double> figures() override {
@@ -192,6 +201,14 @@ class ViewersRig : public Rig {
   }
 
  private:
+  // Memory holds nothing of the card from now on.
+  void forgetCard() {
+    card_.sync();
+    const tarn::UniqueFd device(open(card_.path().c_str(), O_RDONLY | O_CLOEXEC));
+    if (!device.valid() || posix_fadvise(device.get(), 0, 0, POSIX_FADV_DONTNEED) != 0)
+      give_up("memory does not let go of the card");
+  }
+
   void write() {
     for (uint64_t done = 0; done < bytes_;) {
       chunk_->setUseAddr(0);
@@ -207,6 +224,7 @@ class ViewersRig : public Rig {
     }
   }
 
+  const bool cold_;
   Card card_;
   std::unique_ptr<ServerProcess> management_;
   CTARNStreamManager manager_;
@@ -219,12 +237,14 @@ class ViewersRig : public Rig {
 };
 
 // Turns of some seconds, in which each viewer fetches several times.
-Pair viewersPair(const char* name, const char* group, Medium medium, uint64_t bytes) {
+Pair viewersPair(const char* name, const char* group, Medium medium, uint64_t bytes,
+                 bool cold = false) {
   return {group, name, Goal::kSpeed,
-          0.98,  5,    [=] { return std::make_unique<ViewersRig>(medium, bytes); }};
+          0.98,  5,    [=] { return std::make_unique<ViewersRig>(medium, bytes, cold); }};
 }
 
 const bool kDisk = add(viewersPair("viewers/disk", "viewers", Medium::kDisk, 12 * kRound));
 const bool kSlow = add(viewersPair("viewers/slow", "slow", Medium::kSlow, 24 * kMiB));
+const bool kCold = add(viewersPair("viewers/cold", "slow", Medium::kSlow, 24 * kMiB, true));
 
 }  // namespace
