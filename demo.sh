@@ -21,9 +21,16 @@ quietly() { "$@" >"$out/log" 2>&1 || { cat "$out/log" >&2; exit 1; }; }
 
 say "1. Packages and build"
 scripts/install-packages "${build_packages[@]}" "${run_packages[@]}" "${demo_packages[@]}"
-[ -f build/release/CMakeCache.txt ] || quietly cmake --preset release -DTARN_BUILD_TESTS=OFF
-quietly cmake --build build/release --target tarn tarn-server dbsetup -j "$(nproc)"
-tarn=$PWD/build/release/bin/tarn
+# In a tree of its own unless there is one: less optimized, sources together and without debug
+# information, it is built in half of the time.
+tree=build/release
+if [ ! -f "$tree/CMakeCache.txt" ]; then
+  tree=build/demo/tree
+  quietly cmake -S . -B "$tree" -G Ninja -DCMAKE_BUILD_TYPE=MinSizeRel \
+    -DCMAKE_CXX_FLAGS_MINSIZEREL='-O1 -DNDEBUG' -DTARN_TESTS_TOGETHER=ON -DTARN_WERROR=OFF
+fi
+quietly cmake --build "$tree" --target tarn tarn-server dbsetup -j "$(nproc)"
+tarn=$PWD/$tree/bin/tarn
 clip=$(dpkg -L python3-imageio | grep '/cockatoo\.mp4$')
 
 say "2. Format a card of 256 MiB"
@@ -167,10 +174,10 @@ if not own or own[0]["startDate"] != start or back < safe or written - back > 21
 PY
 }
 
-say "6. Two cameras, one with sound and one by RTSP, and an event that is kept by itself"
+say "6. Two cameras with sound, one of them by RTSP, and an event that is kept by itself"
 # The clip's own sound is none that a camera sends.
 quietly ffmpeg -nostdin -y -i "$clip" -c:v copy -c:a aac "$out/camera.mp4"
-tests/media/rtsp-server 18554 "yard=$clip" >"$out/rtsp" 2>"$out/log" &
+tests/media/rtsp-server 18554 "yard=$out/camera.mp4,aac" >"$out/rtsp" 2>"$out/log" &
 camera=$!
 disown "$camera"
 for _ in $(seq 100); do grep -qs ready "$out/rtsp" && break; sleep 0.1; done
@@ -192,11 +199,10 @@ if recorded != {0, 1} or kept != {0, 1}:
 PY
 "$tarn" --card "$card" export --from "$from" --force -o "$out/cameras.mp4" | sed 's/^/   /'
 for channel in 0 1; do
-  say "   cameras-ch$channel.mp4 holds $(ffprobe -v error -show_entries stream=codec_name -of csv=p=0 \
-    "$out/cameras-ch$channel.mp4" | tr '\n' ' ')"
+  holds=$(ffprobe -v error -show_entries stream=codec_name -of csv=p=0 "$out/cameras-ch$channel.mp4" | tr '\n' ' ')
+  say "   cameras-ch$channel.mp4 holds $holds"
+  case "$holds" in *h264*aac*) ;; *) say "a picture or a sound is missing" >&2; exit 1 ;; esac
 done
-ffprobe -v error -select_streams a -show_entries stream=codec_name -of csv=p=0 \
-  "$out/cameras-ch0.mp4" | grep aac >/dev/null || { say "the sound is missing" >&2; exit 1; }
 
 say "7. Kill everything at a random moment while it records (seed $seed)"
 RANDOM=$seed

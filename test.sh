@@ -1,23 +1,24 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds everything and runs all tests: a release build, one with the
 # address and undefined-behaviour sanitizers, the concurrent tests with the thread sanitizer, and a
-# build for 32-bit ARM, whose tests run through QEMU, under sanitizers too; what the two machines
-# make of a card is compared. While the tests of one build run, the next is built: they wait more
+# build for 32-bit ARM, whose tests run through QEMU, under the undefined-behaviour sanitizer too; what
+# the two machines make of a card is compared. While the tests of one build run, the next is built: they wait more
 # than they work. The end says where the time went.
 #   ./test.sh            all of it, scripts/lint first
-#   ./test.sh PRESET...  only these of: release asan tsan armhf-asan, and fuzz, which is only run when
-#                        it is named: the fuzz targets, a minute each
+#   ./test.sh PRESET...  only these of: release asan tsan armhf-ubsan, and two that are only run when
+#                        they are named: armhf-asan, ARM with the address sanitizer as well, which
+#                        takes twice as long, and fuzz, the fuzz targets, a minute each
 set -euo pipefail
 cd "$(dirname "$0")"
 . scripts/packages.sh
 
 jobs=$(nproc)
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(release asan tsan armhf-asan)
+[ ${#presets[@]} -gt 0 ] || presets=(release asan tsan armhf-ubsan)
 for preset in "${presets[@]}"; do
   case "$preset" in
-    release | asan | tsan | armhf-asan | fuzz) ;;
-    *) echo "usage: ./test.sh [release] [asan] [tsan] [armhf-asan] [fuzz]" >&2; exit 2 ;;
+    release | asan | tsan | armhf-ubsan | armhf-asan | fuzz) ;;
+    *) echo "usage: ./test.sh [release] [asan] [tsan] [armhf-ubsan] [armhf-asan] [fuzz]" >&2; exit 2 ;;
   esac
 done
 
@@ -55,7 +56,7 @@ timed() {
 
 # Each build is tested in another time zone, one of them with half an hour of summer time.
 declare -A zones=([release]='LHST-10:30LHDT-11,M10.1.0,M4.1.0' [asan]='NST3:30NDT,M3.2.0,M11.1.0'
-  [tsan]='UTC0' [armhf-asan]='XYZ-02:00')
+  [tsan]='UTC0' [armhf-ubsan]='XYZ-02:00' [armhf-asan]='XYZ-02:00')
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1
 export TSAN_OPTIONS=halt_on_error=1
 
@@ -72,7 +73,7 @@ build() {
   case "$preset" in
     fuzz) targets=(--target fuzz_targets) ;;
     tsan) targets=(--target tarn-server dbsetup "${concurrent[@]/#/test_}") ;;
-    armhf-asan) targets=(--target tarn tarn-server dbsetup target_life "${emulated[@]/#/test_}") ;;
+    armhf-*) targets=(--target tarn tarn-server dbsetup target_life "${emulated[@]/#/test_}") ;;
   esac
   # The tests' own code is compiled once for this machine.
   if [[ $preset = [at]san && " ${presets[*]} " == *" release "* ]]; then
@@ -91,7 +92,7 @@ run_tests() {
   case "$preset" in
     fuzz) tests/fuzz/run --seconds 60 && tests/fuzz/coverage; return ;;
     tsan) select=(-L "^($(IFS='|'; echo "${concurrent[*]}"))\$") ;;
-    armhf-asan) select=(-LE '^programs$') ;;
+    armhf-*) select=(-LE '^programs$') ;;
   esac
   TZ=${zones[$preset]} ctest --test-dir "build/$preset" -j "$((3 * jobs))" --output-on-failure \
     --no-tests=error "${select[@]}"
@@ -155,14 +156,15 @@ for preset in "${presets[@]}"; do
   begin_tests "$preset"
 done
 end_tests
-if [[ " ${presets[*]} " == *" armhf-asan "* ]]; then
+for preset in "${presets[@]}"; do
+  [[ $preset = armhf-* ]] || continue
   step "The same card on both machines"
   if [ -x build/release/bin/target_life ]; then
-    tests/target/run "$PWD" build/release build/armhf-asan
+    tests/target/run "$PWD" build/release "build/$preset"
   else
     echo "skipped: no release build to compare with"
   fi
-fi
+done
 step "Where the time went, in seconds (tests run beside the build below them)"
 where_the_time_went
 step "All passed"

@@ -1,7 +1,7 @@
 option(TARN_BUILD_TESTS "Build the tests (needs GoogleTest and bubblewrap)" OFF)
 option(TARN_BUILD_BENCH "Build the benchmarks (needs Google Benchmark)" OFF)
 option(TARN_BUILD_FUZZ "Build the fuzz targets (needs clang and its libFuzzer)" OFF)
-option(TARN_TESTS_TOGETHER "For a tree that is only tested: several sources of what is not shipped compiled as one, common headers once" OFF)
+option(TARN_TESTS_TOGETHER "For a tree that is only tested: several sources compiled as one" OFF)
 option(TARN_WERROR "Treat warnings as errors" ON)
 set(TARN_MEDIA AUTO CACHE STRING "Media commands of the tool, which need libavformat: AUTO, ON or OFF")
 set(TARN_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
@@ -47,10 +47,21 @@ function(tarn_compiled_together)
   endif()
 endfunction()
 
-# Where there is more to compile than time for it. What a source lacks of includes shows in a package's
-# build, and in scripts/lint, which looks at each changed source by itself.
+# For what is hardly optimized and not the product under test: in a tree that is only tested, clang
+# compiles it where it is installed (cmake/quick-compiler).
+function(tarn_compiled_quickly)
+  if(TARN_TESTS_TOGETHER AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    find_program(TARN_CLANG clang++-14)
+    if(TARN_CLANG)
+      set(launcher ${PROJECT_SOURCE_DIR}/cmake/quick-compiler ${CMAKE_CXX_COMPILER_LAUNCHER})
+      set_target_properties(${ARGN} PROPERTIES CXX_COMPILER_LAUNCHER "${launcher}")
+    endif()
+  endif()
+endfunction()
+
+# Where each source is compiled by itself, and there is more of it than time.
 function(tarn_precompiled target)
-  if(TARN_SANITIZE OR TARN_TESTS_TOGETHER)
+  if(TARN_SANITIZE AND NOT TARN_TESTS_TOGETHER)
     target_precompile_headers(${target} PRIVATE <algorithm> <functional> <map> <memory> <mutex> <optional>
       <string> <vector>)
   endif()

@@ -18,11 +18,11 @@ set(TARN_RECORDER_PUBLIC_HEADERS
   recorder/card/CardRepair.h recorder/card/ChunkChannels.h recorder/card/PictureTime.h
   recorder/recording/PictureEntry.h recorder/recording/RecordingReader.h
   recorder/recording/KeptRow.h recorder/recording/SoundBlock.h recorder/recording/SoundFormat.h
-  recorder/rows/ServerPatience.h
+  recorder/rows/RedatingPlan.h recorder/rows/RedatingRecord.h recorder/rows/ServerPatience.h
   recorder/log/LogFormat.h recorder/log/LogWriter.h
   recorder/session/ClockWatch.h recorder/session/EventKeeper.h recorder/session/KeptCopies.h
   recorder/session/PictureClock.h recorder/session/PictureQueue.h recorder/session/RecordingError.h
-  recorder/session/RecordingSession.h
+  recorder/session/RecordingSession.h recorder/session/RedatingReversal.h
   recorder/session/RecordingStatistics.h recorder/session/SoundSession.h recorder/session/StatusTeller.h
   recorder/recovery/ManageRepair.h recorder/recovery/Recovery.h recorder/recovery/RecoveryReport.h
   recorder/recovery/StartUpReport.h
@@ -32,6 +32,7 @@ set(TARN_MEDIA_PUBLIC_HEADERS  # installed with the media library
   media/LivePictures.h media/MediaInput.h media/MediaOutput.h
   media/record/MediaRecorder.h media/record/RecordConfig.h media/record/RecordListener.h
   media/record/RecordRequest.h media/record/SafetyWatch.h
+  media/seal/FileProgress.h
   media/seal/FileSealer.h media/seal/FileVerifier.h media/seal/SealRequest.h
   media/PictureSize.h media/export/ExportReport.h media/export/ExportRequest.h media/export/MediaExporter.h)
 set(TARN_C_PUBLIC_HEADERS tarn.h)  # below capi/; for C, with a library of its own

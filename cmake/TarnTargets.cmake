@@ -13,6 +13,23 @@ endfunction()
 function(tarn_debug_information target)
   if(NOT TARN_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
     target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-g>)
+    if(TARN_TESTS_TOGETHER)
+      # The interface's types are all that is asked for; where variables are is a quarter of the work.
+      target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-var-tracking>)
+    endif()
+  endif()
+endfunction()
+
+# What to compile for the product's sources that LIST names: in a tree that is only tested some at a time
+# as one (cmake/pieces). What a source lacks of includes shows in a package's build, which compiles each
+# by itself, and in scripts/lint, which looks at each changed one. Not for libTarn: it is small, and what
+# abidw tells of classes' private functions depends on what is compiled together.
+function(tarn_in_pieces list name)
+  if(TARN_TESTS_TOGETHER)
+    execute_process(COMMAND ${PROJECT_SOURCE_DIR}/cmake/pieces ${CMAKE_CURRENT_BINARY_DIR}/${name} 20 ${${list}}
+      OUTPUT_VARIABLE pieces OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    string(REPLACE "\n" ";" pieces "${pieces}")
+    set(${list} ${pieces} PARENT_SCOPE)
   endif()
 endfunction()
 
