@@ -7,6 +7,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -22,9 +23,6 @@ namespace {
 
 constexpr int kSelectTimeoutMs = 100;
 constexpr int kReadAttempts = 10;
-// How long the system waits at a time for a server with a full queue before we look whether to go
-// on waiting.
-constexpr timeval kSendSlice{0, 100000};
 
 sockaddr_un socketAddress(const char* path) {
   sockaddr_un address;
@@ -36,6 +34,24 @@ sockaddr_un socketAddress(const char* path) {
 
 // A queue that is full, and a signal while waiting for it, are no failures yet.
 bool mayPass(int error) { return error == EAGAIN || error == EINTR; }
+
+// What `call` gives, which the system holds up while the server's queue is full: for no longer at a
+// time than what is left of a request's patience, a program that is to end has only a moment.
+template <class Call>
+auto withinPatience(int fd, Call&& call) {
+  tarn::RequestPatience patience;
+  int waitMs = std::max(patience.nextWaitMs(), 1);
+  for (;;) {
+    const timeval held{0, waitMs * 1000};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &held, sizeof held);
+    const auto result = call();
+    const int error = errno;
+    if (result >= 0 || !mayPass(error) || (waitMs = patience.nextWaitMs()) == 0) {
+      errno = error;
+      return result;
+    }
+  }
+}
 
 }  // namespace
 
@@ -75,12 +91,13 @@ long CMesgClient::writeMesg(const void* buf, long size) {
     syslog(LOG_ERR, tarn::kMesgTooLong, __func__, __LINE__, kMesgClientName, size);
     return -1;
   }
-  tarn::RequestPatience patience;
-  ssize_t sent;
-  do {
-    // A program may have given SIGPIPE its default action again since this object was made.
-    sent = send(m_fd.get(), buf, static_cast<size_t>(size), MSG_NOSIGNAL);
-  } while (sent < 0 && mayPass(errno) && patience.nextWaitMs() > 0);
+  // A program may have given SIGPIPE its default action again since this object was made.
+  const auto send = [&](int flags) {
+    return ::send(m_fd.get(), buf, static_cast<size_t>(size), MSG_NOSIGNAL | flags);
+  };
+  // There nearly always is room: one call, and no clock.
+  ssize_t sent = send(MSG_DONTWAIT);
+  if (sent < 0 && mayPass(errno)) sent = withinPatience(m_fd.get(), [&] { return send(0); });
   if (sent >= 0) return sent;
   const int error = errno;
   perror(tarn::kMesgWritePerror);
@@ -135,14 +152,10 @@ int CMesgClient::m_connect() {
 
 // 0, or -1 with errno. Waits where the server's queue of new clients is full.
 int CMesgClient::m_tryConnect() {
-  setsockopt(m_fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kSendSlice, sizeof kSendSlice);
   const sockaddr_un address = socketAddress(m_path);
-  tarn::RequestPatience patience;
-  int result;
-  do {
-    result = connect(m_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  } while (result != 0 && mayPass(errno) && patience.nextWaitMs() > 0);
-  return result;
+  return withinPatience(m_fd.get(), [&] {
+    return connect(m_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  });
 }
 
 int CMesgClient::m_disconnect() {

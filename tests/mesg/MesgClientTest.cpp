@@ -352,6 +352,29 @@ TEST_F(HurriedClient, AServerThatAcceptsNobodyIsWaitedForNoLongerThanTheLimit) {
   EXPECT_TRUE(log_.has(LOG_ERR, "connect(/tmp/mesg-test) error(" + std::to_string(EAGAIN) + ")"));
 }
 
+// Each attempt costs the moment of 20 ms that a hurried program has, not the 100 ms that a wait lasts
+// before it looks again.
+TEST_F(HurriedClient, AFullQueueHoldsUpAProgramThatIsToEndForMomentsOnly) {
+  listenOnPath();
+  tarn::RequestPatience::setLimitMs(1);
+  std::vector<std::unique_ptr<CMesgClient>> clients;
+  long sent = 1;
+  while (clients.size() < 20 && sent == 1) {
+    clients.push_back(std::make_unique<CMesgClient>(kSocketPath));
+    sent = clients.back()->writeMesg("x", 1);
+  }
+  ASSERT_EQ(sent, -1);
+  tarn::RequestPatience::setLimitMs(tarn::RequestPatience::kDefaultLimitMs);
+  tarn::RequestPatience::hurry();
+  EXPECT_EQ(clients.front()->awaitMesg(), 0);
+  const auto begin = steady_clock::now();
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(CMesgClient(kSocketPath).writeMesg("x", 1), -1);
+  }
+  EXPECT_GE(sinceMs(begin), 20 * 20);
+  EXPECT_LT(sinceMs(begin), 20 * 100 / 2);
+}
+
 TEST_F(HurriedClient, AProgramThatIsToEndWaitsASecondInAllAndLooksAtWhatIsThere) {
   connectWith("hello");
   const auto begin = steady_clock::now();
