@@ -1,5 +1,6 @@
 // The management server with 64 clients, against a loop of poll(), read and write that sends 1,024
-// bytes back as they came.
+// bytes back as they came; also against one whose process has a second thread, as a server that
+// accepts clients beside its work has: the system then counts each use of a file handle.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "Machine.h"
@@ -34,8 +36,11 @@ sockaddr_un addressOf(const char* path) {
   return address;
 }
 
+enum class Echo { kAlone, kBesideAThread };
+
 // Never returns.
-[[noreturn]] void echo(int listening) {
+[[noreturn]] void echo(int listening, Echo how) {
+  if (how == Echo::kBesideAThread) std::thread([] { pause(); }).detach();
   std::vector<pollfd> clients;
   while (clients.size() < kClients) {
     const int fd = accept(listening, nullptr, nullptr);
@@ -114,7 +119,7 @@ class Clients {
 
 class EchoProcess {
  public:
-  EchoProcess() {
+  explicit EchoProcess(Echo how) {
     unlink(kBarePath);
     const tarn::UniqueFd listening(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     const sockaddr_un address = addressOf(kBarePath);
@@ -125,7 +130,7 @@ class EchoProcess {
     pid_ = fork();
     if (pid_ == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
-      echo(listening.get());
+      echo(listening.get(), how);
     }
   }
   ~EchoProcess() {
@@ -144,9 +149,10 @@ enum class Measure { kRate, kPercentile };
 
 class ServerRig : public Rig {
  public:
-  explicit ServerRig(Measure measure)
+  explicit ServerRig(Measure measure, Echo how = Echo::kAlone)
       : measure_(measure),
         card_(Medium::kRam, 256 * kMiB),
+        echo_(how),
         ours_(tarn::kServerSocketPath),
         bare_(kBarePath) {}
 
@@ -180,5 +186,13 @@ const bool kRate = add({"server", "server/rate", Goal::kSpeed, 0.95, 11,
                         [] { return std::make_unique<ServerRig>(Measure::kRate); }});
 const bool kSlowest = add({"server", "server/p99", Goal::kSpeed, 0.95, 11,
                            [] { return std::make_unique<ServerRig>(Measure::kPercentile); }});
+const bool kRateThreads =
+    add({"server", "server/rate_threads", Goal::kSpeed, 0.95, 11, [] {
+           return std::make_unique<ServerRig>(Measure::kRate, Echo::kBesideAThread);
+         }});
+const bool kSlowestThreads =
+    add({"server", "server/p99_threads", Goal::kSpeed, 0.95, 11, [] {
+           return std::make_unique<ServerRig>(Measure::kPercentile, Echo::kBesideAThread);
+         }});
 
 }  // namespace

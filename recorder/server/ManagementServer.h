@@ -11,6 +11,7 @@ namespace tarn {
 
 class FileLock;
 class ManagementStores;
+class RequestRecord;
 
 // The process that owns the chunk management data: answers the managers' requests on
 // /tmp/unix-sock-tarn-server from the native stores of the recorder's card. There is one of them on
@@ -54,7 +55,7 @@ class TARN_API ManagementServer {
   bool openStores();
   bool listen();
   void serveMarked();
-  void answerPacket(const void* packet, long length, long client);
+  void answerPacket(RequestRecord* record, long length, long client);
   int shutDown();
 
   std::unique_ptr<FileLock> lock_;  // held to the end: the path is ours
