@@ -64,6 +64,8 @@ TITLES = {
     "crc/4_KiB": "4 KiB",
     "server/rate": "requests per second",
     "server/p99": "99th percentile of a request's time",
+    "server/rate_threads": "requests per second, against a loop beside a second thread",
+    "server/p99_threads": "99th percentile, against a loop beside a second thread",
 }
 LISTS = {
     "list/events": "`selectEventList`, 1,000 events from a key on",
