@@ -91,10 +91,10 @@ def cost_table(entries):
              "whole recording (20 KiB pictures, time stamps, entries, rows, journal, server), "
              "processor time per MiB", "µs"),
             ("object_bytes", "a chunk object itself", "bytes"),
-            ("stream_chunk_heap_KiB", "open stream chunk, from the heap: two buffers of 1 MiB", "KiB"),
+            ("stream_chunk_heap_KiB", "open stream chunk, from the heap (its two buffers of 1 MiB are pages of their own)", "KiB"),
             ("stream_chunk_resident_KiB",
              "open stream chunk in use, memory occupied (its write thread's stack included)", "KiB"),
-            ("picture_chunk_heap_KiB", "open picture chunk, from the heap: two buffers of 32 KiB",
+            ("picture_chunk_heap_KiB", "open picture chunk, from the heap (its two buffers of 32 KiB are pages of their own)",
              "KiB")]
     columns = [("cost/here", "x86-64"), ("cost/armhf", "armhf, emulated")]
     lines = ["| what | " + " | ".join(title for _, title in columns) + " |",
