@@ -22,8 +22,7 @@ endfunction()
 
 # What to compile for the product's sources that LIST names: in a tree that is only tested some at a time
 # as one (cmake/pieces). What a source lacks of includes shows in a package's build, which compiles each
-# by itself, and in scripts/lint, which looks at each changed one. Not for libTarn: it is small, and what
-# abidw tells of classes' private functions depends on what is compiled together.
+# by itself, and in scripts/lint, which looks at each changed one.
 function(tarn_in_pieces list name)
   if(TARN_TESTS_TOGETHER)
     execute_process(COMMAND ${PROJECT_SOURCE_DIR}/cmake/pieces ${CMAKE_CURRENT_BINARY_DIR}/${name} 20 ${${list}}
@@ -39,6 +38,11 @@ function(tarn_folder name)
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
   if(NOT sources)
     return()
+  endif()
+  if(TARN_SANITIZE)
+    # Not in a release build: what abidw tells of classes' private functions depends on what is compiled
+    # together.
+    tarn_in_pieces(sources ${name}_pieces)
   endif()
   add_library(tarn_${name} OBJECT ${sources})
   target_include_directories(tarn_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
