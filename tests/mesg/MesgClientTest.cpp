@@ -292,6 +292,19 @@ class HurriedClient : public ClientTest {
   static int64_t sinceMs(steady_clock::time_point begin) {
     return std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin).count();
   }
+  // Clients of a server that accepts nobody, until its queue has no place: what the last one's
+  // message came to.
+  long fillQueue() {
+    listenOnPath();
+    long sent = 1;
+    while (waiting_.size() < 20 && sent == 1) {
+      waiting_.push_back(std::make_unique<CMesgClient>(kSocketPath));
+      sent = waiting_.back()->writeMesg("x", 1);
+    }
+    return sent;
+  }
+
+  std::vector<std::unique_ptr<CMesgClient>> waiting_;
 };
 
 TEST_F(HurriedClient, AnAnswerIsWaitedForNoLongerThanTheLimit) {
@@ -340,33 +353,19 @@ TEST_F(HurriedClient, AFullSocketIsWaitedForNoLongerThanTheLimitAndThenDropped) 
 }
 
 TEST_F(HurriedClient, AServerThatAcceptsNobodyIsWaitedForNoLongerThanTheLimit) {
-  listenOnPath();
   tarn::RequestPatience::setLimitMs(30);
-  std::vector<std::unique_ptr<CMesgClient>> clients;
-  long sent = 1;
-  while (clients.size() < 20 && sent == 1) {
-    clients.push_back(std::make_unique<CMesgClient>(kSocketPath));
-    sent = clients.back()->writeMesg("x", 1);
-  }
-  EXPECT_EQ(sent, -1);
+  EXPECT_EQ(fillQueue(), -1);
   EXPECT_TRUE(log_.has(LOG_ERR, "connect(/tmp/mesg-test) error(" + std::to_string(EAGAIN) + ")"));
 }
 
-// Each attempt costs the moment of 20 ms that a hurried program has, not the 100 ms that a wait lasts
-// before it looks again.
+// Each attempt costs the moment of 20 ms that a hurried program has, not the 100 ms that a wait
+// lasts before it looks again.
 TEST_F(HurriedClient, AFullQueueHoldsUpAProgramThatIsToEndForMomentsOnly) {
-  listenOnPath();
   tarn::RequestPatience::setLimitMs(1);
-  std::vector<std::unique_ptr<CMesgClient>> clients;
-  long sent = 1;
-  while (clients.size() < 20 && sent == 1) {
-    clients.push_back(std::make_unique<CMesgClient>(kSocketPath));
-    sent = clients.back()->writeMesg("x", 1);
-  }
-  ASSERT_EQ(sent, -1);
+  ASSERT_EQ(fillQueue(), -1);
   tarn::RequestPatience::setLimitMs(tarn::RequestPatience::kDefaultLimitMs);
   tarn::RequestPatience::hurry();
-  EXPECT_EQ(clients.front()->awaitMesg(), 0);
+  EXPECT_EQ(waiting_.front()->awaitMesg(), 0);
   const auto begin = steady_clock::now();
   for (int i = 0; i < 20; ++i) {
     EXPECT_EQ(CMesgClient(kSocketPath).writeMesg("x", 1), -1);
