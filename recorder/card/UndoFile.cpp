@@ -106,8 +106,13 @@ int UndoFile::join(const std::string& path, const std::string& next, std::string
   for (Piece& piece : second.pieces) first.pieces.push_back(std::move(piece));
   const std::string joined = path + ".joined";
   if (first.save(joined, error) != 0) return -1;
-  if (rename(joined.c_str(), path.c_str()) == 0 && unlink(next.c_str()) == 0) return 0;
-  *error = errnoText("cannot write " + path, errno);
+  if (rename(joined.c_str(), path.c_str()) != 0) {
+    *error = errnoText("cannot write " + path, errno);
+    unlink(joined.c_str());
+    return -1;
+  }
+  if (unlink(next.c_str()) == 0) return 0;
+  *error = errnoText("cannot remove " + next, errno);
   return -1;
 }
 

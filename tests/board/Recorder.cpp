@@ -206,18 +206,31 @@ class Encoder {
   std::thread thread_;
 };
 
-// The start-up is still at work: nothing of the card is touched before there is a server.
+// Of a recorder whose start-up is still at work: nothing of the card is touched before there is a
+// server. 0, or what the program ends with.
+int openBehindStart(uint32_t bitrate, tarn::RecordingSession* session) {
+  const std::atomic<bool> never{false};
+  tarn::waitForServerForever(true);
+  tarn::awaitServer(never);
+  tarn::RecordingOptions options;
+  options.bitrate = bitrate;
+  return session->open(options) == 0 ? 0 : fail("open", *session);
+}
+
+// All that the encoder has sent.
+int closeBehind(Encoder* encoder, tarn::PictureQueue* queue, tarn::RecordingSession* session) {
+  encoder->stop();
+  if (queue->handOver(session) != 0 || session->close() != 0) return fail("close", *session);
+  CDbLog::getInstance()->finish();
+  return 0;
+}
+
 int recordEarly(uint32_t number, uint32_t seconds, uint32_t bitrate) {
   const int64_t begin = now();
   tarn::PictureQueue queue;
   Encoder encoder(number, bitrate, &queue);
-  const std::atomic<bool> never{false};
-  tarn::waitForServerForever(true);
-  tarn::awaitServer(never);
   tarn::RecordingSession session;
-  tarn::RecordingOptions options;
-  options.bitrate = bitrate;
-  if (session.open(options) != 0) return fail("open", session);
+  if (const int code = openBehindStart(bitrate, &session); code != 0) return code;
   printf("BOARD early waited-ms %" PRId64 " pictures %zu KiB %zu\n", (now() - begin) / 1000,
          queue.pictures(), queue.bytes() / 1024);
   reportMemory("waited");
@@ -226,9 +239,7 @@ int recordEarly(uint32_t number, uint32_t seconds, uint32_t bitrate) {
     if (queue.handOver(&session) != 0) return fail("write", session);
     usleep(20000);
   }
-  encoder.stop();
-  if (queue.handOver(&session) != 0 || session.close() != 0) return fail("close", session);
-  CDbLog::getInstance()->finish();
+  if (const int code = closeBehind(&encoder, &queue, &session); code != 0) return code;
   printf("BOARD early sent %" PRIu32 " confirmed %" PRIu64 " dropped %" PRIu64 "\n", encoder.sent(),
          session.statistics().confirmed, queue.dropped().pictures);
   return 0;
@@ -238,23 +249,15 @@ int recordEarly(uint32_t number, uint32_t seconds, uint32_t bitrate) {
 int recordFirst(uint32_t number, uint32_t bitrate, bool cut) {
   tarn::PictureQueue queue;
   Encoder encoder(number, bitrate, &queue);
-  const std::atomic<bool> never{false};
-  tarn::waitForServerForever(true);
-  tarn::awaitServer(never);
   tarn::RecordingSession session;
-  tarn::RecordingOptions options;
-  options.bitrate = bitrate;
-  if (session.open(options) != 0) return fail("open", session);
+  if (const int code = openBehindStart(bitrate, &session); code != 0) return code;
   while (session.statistics().confirmed == 0) {
     if (queue.handOver(&session) != 0) return fail("write", session);
     if (session.statistics().confirmed == 0) usleep(5000);
   }
   printf("BOARD clock safe %.2f\n", static_cast<double>(now()) / kMicros);
   if (cut) _exit(0);
-  encoder.stop();
-  if (queue.handOver(&session) != 0 || session.close() != 0) return fail("close", session);
-  CDbLog::getInstance()->finish();
-  return 0;
+  return closeBehind(&encoder, &queue, &session);
 }
 
 // Pictures of a session that came back.

@@ -7,6 +7,7 @@
 
 #include "media/MoviePieces.h"
 #include "media/archive/ArchiveFollower.h"
+#include "media/archive/RecordedPictures.h"
 #include "recorder/RecorderRig.h"
 
 namespace tarn_test {
@@ -29,12 +30,7 @@ class ArchiveFollowerTest : public testing::Test {
     record(0, 30);
   }
   void record(uint32_t from, uint32_t to) {
-    for (uint32_t i = from; i < to; ++i) {
-      const tarn::OutputPicture one = pictureAt(i * 40000, i % 10 == 0);
-      ASSERT_EQ(
-          session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, one.key),
-          0);
-    }
+    writePictures(&session, from, to);
     ASSERT_EQ(session.flush(), 0);
   }
   uint32_t beginEvent(uint32_t picture) {

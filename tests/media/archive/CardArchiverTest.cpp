@@ -18,6 +18,7 @@
 #include "media/archive/ArchiveVerifier.h"
 #include "media/archive/CardArchiver.h"
 #include "media/archive/PackedText.h"
+#include "media/archive/RecordedPictures.h"
 #include "media/seal/FileVerifier.h"
 #include "media/seal/SealKeys.h"
 #include "recorder/RecorderRig.h"
@@ -40,13 +41,7 @@ class CardArchiverTest : public testing::Test {
   void SetUp() override {
     ASSERT_EQ(mkdir(kPlace, 0777), 0);
     ASSERT_TRUE(openSession(session));
-    for (uint32_t i = 0; i < 30; ++i) {
-      const tarn::OutputPicture one = pictureAt(i * 40000, i % 10 == 0);
-      ASSERT_EQ(
-          session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, one.key),
-          0)
-          << session.errorText();
-    }
+    writePictures(&session, 0, 30);
   }
   bool archive(const tarn::StopAsked& stopAsked = nullptr) {
     tarn::CardArchiver::Settings settings;
@@ -87,12 +82,7 @@ class CardArchiverTest : public testing::Test {
 
   // Behind the pictures of 64 by 48 that are there.
   void recordSmallOnes() {
-    for (uint32_t i = 30; i < 50; ++i) {
-      const tarn::OutputPicture one = smallPictureAt(i * 40000, i % 10 == 0);
-      ASSERT_EQ(
-          session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, one.key),
-          0);
-    }
+    writePictures(&session, 30, 50, true);
     ASSERT_EQ(session.close(), 0);
   }
 
@@ -300,12 +290,7 @@ TEST_F(CardArchiverTest, EventIsArchivedAsSoonAsTheCardHasItsTimeAndHasTheSameBy
   EXPECT_TRUE(archive()) << error;
   EXPECT_THAT(report.waitingEvents, ElementsAre(key)) << "a picture of its time may still come";
   EXPECT_EQ(files(), 0u);
-  for (uint32_t i = 30; i < 60; ++i) {
-    const tarn::OutputPicture one = pictureAt(i * 40000, i % 10 == 0);
-    ASSERT_EQ(
-        session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, one.key),
-        0);
-  }
+  writePictures(&session, 30, 60);
   ASSERT_EQ(session.flush(), 0);
   whileRecording = true;
   EXPECT_TRUE(archive()) << error;

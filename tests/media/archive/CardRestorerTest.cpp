@@ -11,6 +11,7 @@
 #include "media/archive/ArchiveNames.h"
 #include "media/archive/CardArchiver.h"
 #include "media/archive/CardRestorer.h"
+#include "media/archive/RecordedPictures.h"
 #include "recorder/RecorderRig.h"
 
 namespace tarn_test {
@@ -43,14 +44,7 @@ class CardRestorerTest : public testing::Test {
     }
     ASSERT_FALSE(recording.empty());
   }
-  void record(uint32_t pictures) {
-    for (uint32_t i = 0; i < pictures; ++i) {
-      const tarn::OutputPicture one = pictureAt(i * 40000, i % 10 == 0);
-      ASSERT_EQ(
-          session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, one.key),
-          0);
-    }
-  }
+  void record(uint32_t pictures) { writePictures(&session, 0, pictures); }
   bool restore() {
     tarn::CardRestorer::Settings settings;
     settings.place = kPlace;
@@ -188,12 +182,7 @@ class PartsRestored : public CardRestorerTest {
     std::filesystem::remove_all(std::string(kPlace) + "/recorder=van-7");
     ASSERT_TRUE(openSession(session));
     record(30);
-    for (uint32_t i = 30; i < 50; ++i) {
-      const tarn::OutputPicture one = smallPictureAt(i * 40000, i % 10 == 0);
-      ASSERT_EQ(
-          session.writePicture(one.annexB.data(), one.annexB.size(), one.presentation, 0, one.key),
-          0);
-    }
+    writePictures(&session, 30, 50, true);
     ASSERT_EQ(session.close(), 0);
     clips = archived(kPlace);
     ASSERT_THAT(clips, SizeIs(2));
