@@ -44,7 +44,8 @@ class RecordingCheck {
         sound_(isSound(row)),
         pictures_(card_, kFilePicture, row.chunkID),
         stream_(card_, kFileStream, row.chunkID),
-        index_(row, &pictures_, stream_.size()) {
+        index_(row, &pictures_, stream_.size()),
+        proof_(&stream_) {
     pictures_.sharePatience(&worker->patienceMs);
     stream_.sharePatience(&worker->patienceMs);
   }
@@ -233,14 +234,15 @@ class RecordingCheck {
 
   // A copy of a recording that was re-dated has its row's times in the entries, and in the pictures
   // those of the clock before: there the checksum alone tells.
-  Delivery stampOf(const PictureEntry& entry) {
-    if (isKept(row_) && entry.checksum != 0) return Delivery::kGood;
-    return sound_ ? lookAtSound(&stream_, entry) : lookAtPicture(&stream_, entry);
+  PictureStamp stampOf(const PictureEntry& entry) const {
+    if (isKept(row_) && entry.checksum != 0) return PictureStamp::kNone;
+    return sound_ ? PictureStamp::kSound : PictureStamp::kPicture;
   }
 
   State lookAtData(const PictureEntry& entry) {
-    Delivery got = stampOf(entry);
-    if (got == Delivery::kGood && contents_.wholePictures) got = proveBytes(&stream_, entry);
+    const PictureStamp stamp = stampOf(entry);
+    const Delivery got =
+        contents_.wholePictures ? proof_.prove(entry, stamp) : proof_.look(entry, stamp);
     if (got == Delivery::kRefused) return State::kUnreadable;
     return got == Delivery::kGood ? State::kGood : State::kBadData;
   }
@@ -296,6 +298,7 @@ class RecordingCheck {
   CardSource pictures_;
   CardSource stream_;
   RecordingIndex index_;
+  PictureProof proof_;
   int64_t correction_ = 0;  // seconds, of a row that was re-dated
   StreamHeader header_;
   bool headerGood_ = false;

@@ -38,6 +38,41 @@ int32_t distance(const uint8_t* digits, uint32_t seconds) {
   return asSigned32(wrapSub32(shown, seconds));
 }
 
+uint32_t windowOf(const PictureEntry& entry) {
+  return std::min<uint32_t>(entry.size, kTimeStampWindow);
+}
+
+// `bytes` are those that the window shows, or more.
+Delivery zoneIn(const uint8_t* bytes, const PictureEntry& entry, int32_t* zone) {
+  const uint32_t length = windowOf(entry);
+  size_t place = 0;
+  if (length < kTimeStampSeiSize || !findTimeStampSei(bytes, length, &place)) return Delivery::kBad;
+  const int32_t away = distance(bytes + place + kDigitsEnd - kDigits, entry.presentation.seconds);
+  const bool fits = away % kZoneStep == 0 && away >= -kZoneMost && away <= kZoneMost;
+  if (fits) *zone = away;
+  return fits ? Delivery::kGood : Delivery::kBad;
+}
+
+// Of a block's head, or more. *isBlock: whether its bytes begin one at all.
+Delivery startIn(const uint8_t* bytes, const PictureEntry& entry, bool* isBlock) {
+  PictureTime start;
+  *isBlock = SoundBlock::readStart(bytes, &start);
+  return *isBlock && start == entry.presentation ? Delivery::kGood : Delivery::kBad;
+}
+
+// Of the first bytes of what is about to be proved by its checksum as well.
+Delivery stampIn(const uint8_t* bytes, const PictureEntry& entry, PictureStamp stamp) {
+  if (stamp == PictureStamp::kNone) return Delivery::kGood;
+  if (stamp == PictureStamp::kPicture) {
+    int32_t zone = 0;
+    return zoneIn(bytes, entry, &zone);
+  }
+  if (entry.size < SoundBlock::kHeadSize) return Delivery::kBad;
+  bool isBlock = false;
+  const Delivery got = startIn(bytes, entry, &isBlock);
+  return isBlock ? got : Delivery::kGood;
+}
+
 }  // namespace
 
 Delivery lookAtPicture(Source* stream, const PictureEntry& entry) {
@@ -47,39 +82,44 @@ Delivery lookAtPicture(Source* stream, const PictureEntry& entry) {
 
 Delivery zoneOfPicture(Source* stream, const PictureEntry& entry, int32_t* zone) {
   uint8_t bytes[kTimeStampWindow];
-  const auto length = static_cast<uint32_t>(std::min<size_t>(entry.size, sizeof bytes));
-  const Delivery got = stream->read(entry.dataOffset, bytes, length);
-  if (got != Delivery::kGood) return got;
-  size_t place = 0;
-  if (length < kTimeStampSeiSize || !findTimeStampSei(bytes, length, &place)) return Delivery::kBad;
-  const int32_t away = distance(bytes + place + kDigitsEnd - kDigits, entry.presentation.seconds);
-  const bool fits = away % kZoneStep == 0 && away >= -kZoneMost && away <= kZoneMost;
-  if (fits) *zone = away;
-  return fits ? Delivery::kGood : Delivery::kBad;
+  const Delivery got = stream->read(entry.dataOffset, bytes, windowOf(entry));
+  return got == Delivery::kGood ? zoneIn(bytes, entry, zone) : got;
 }
 
 Delivery lookAtSound(Source* stream, const PictureEntry& entry) {
   uint8_t head[SoundBlock::kHeadSize];
   if (entry.size < sizeof head) return Delivery::kBad;
-  const Delivery got = stream->read(entry.dataOffset, head, sizeof head);
+  Delivery got = stream->read(entry.dataOffset, head, sizeof head);
   if (got != Delivery::kGood) return got;
-  PictureTime start;
-  if (!SoundBlock::readStart(head, &start)) return proveBytes(stream, entry);
-  return start == entry.presentation ? Delivery::kGood : Delivery::kBad;
+  bool isBlock = false;
+  got = startIn(head, entry, &isBlock);
+  return isBlock ? got : PictureProof(stream).prove(entry, PictureStamp::kNone);
 }
 
-Delivery proveBytes(Source* stream, const PictureEntry& entry) {
-  if (entry.checksum == 0) return Delivery::kGood;
-  std::vector<uint8_t> bytes(std::min(entry.size, kPiece));
+Delivery PictureProof::look(const PictureEntry& entry, PictureStamp stamp) {
+  if (stamp == PictureStamp::kNone) return Delivery::kGood;
+  return stamp == PictureStamp::kSound ? lookAtSound(&stream_, entry)
+                                       : lookAtPicture(&stream_, entry);
+}
+
+Delivery PictureProof::prove(const PictureEntry& entry, PictureStamp stamp) {
+  if (entry.checksum == 0) return look(entry, stamp);
+  piece_.resize(kPiece);
   uint16_t crc = 0;
-  for (uint32_t done = 0; done < entry.size;) {
+  uint32_t done = 0;
+  do {
     const uint32_t length = std::min(entry.size - done, kPiece);
-    const uint32_t place = ringAdvance(entry.dataOffset, done, stream->size());
-    const Delivery got = stream->read(place, bytes.data(), length);
+    const uint32_t place = ringAdvance(entry.dataOffset, done, stream_.size());
+    Delivery got = stream_.read(place, piece_.data(), length);
+    // A sector that is refused further on leaves a stamp that proves another picture's bytes.
+    if (got == Delivery::kRefused && done == 0 && look(entry, stamp) == Delivery::kBad) {
+      return Delivery::kBad;
+    }
+    if (got == Delivery::kGood && done == 0) got = stampIn(piece_.data(), entry, stamp);
     if (got != Delivery::kGood) return got;
-    crc = crc16(bytes.data(), length, crc);
+    crc = crc16(piece_.data(), length, crc);
     done += length;
-  }
+  } while (done < entry.size);
   return pictureChecksum(crc) == entry.checksum ? Delivery::kGood : Delivery::kBad;
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
+#include "base/Export.h"
 #include "recorder/card/Source.h"
 #include "recorder/recording/RecordFormat.h"
 
@@ -22,8 +24,24 @@ Delivery zoneOfPicture(Source* stream, const PictureEntry& entry, int32_t* zone)
 // proved by its checksum, as far as it has one.
 Delivery lookAtSound(Source* stream, const PictureEntry& entry);
 
-// The same for all bytes of the picture, by the entry's checksum: kBad is damage anywhere in them.
-// kGood without a checksum, and without reading. They are read a piece at a time.
-Delivery proveBytes(Source* stream, const PictureEntry& entry);
+// What tells a picture's time in its own bytes.
+enum class PictureStamp : uint8_t { kPicture, kSound, kNone };
+
+// Looks at the stamp and at all bytes of pictures, by their entries' checksums: kBad is damage
+// anywhere in them. Without a checksum the stamp alone is looked at. Each byte is read once, a
+// piece at a time, into memory that is kept from one picture to the next. Used by one thread.
+class TARN_API PictureProof {
+ public:
+  // The chunk stays the caller's and outlives this.
+  explicit PictureProof(Source* stream) : stream_(*stream) {}
+
+  Delivery prove(const PictureEntry& entry, PictureStamp stamp);
+  // The stamp alone; kGood for kNone, and without reading.
+  Delivery look(const PictureEntry& entry, PictureStamp stamp);
+
+ private:
+  Source& stream_;
+  std::vector<uint8_t> piece_;
+};
 
 }  // namespace tarn
