@@ -69,6 +69,11 @@ endforeach()
 # The library calls dbsetup by its fixed path, /usr/local/bin/dbsetup: with the default prefix it
 # lands there. A package links it there.
 install(TARGETS tarn DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+if(TARGET tarn-video)
+  # What the tool becomes for video; nobody starts it by name.
+  install(TARGETS tarn-video DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/tarn COMPONENT tools)
+  set_target_properties(tarn-video PROPERTIES INSTALL_RPATH "$ORIGIN/../../${CMAKE_INSTALL_LIBDIR}")
+endif()
 install(TARGETS tarn-server dbsetup DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT server)
 
 install(FILES docs/man/tarn.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)

@@ -15,6 +15,7 @@
 
 #include "ChildProcess.h"
 #include "Console.h"
+#include "VideoCommands.h"
 #include "base/FolderNames.h"
 #include "base/UniqueFd.h"
 #include "fat/ChunkFiles.h"
@@ -86,7 +87,8 @@ bool isExecutable(const std::string& path) {
 
 std::string findCompanion(const std::string& name) {
   const fs::path own = fs::path(ownPath()).parent_path();
-  for (const char* place : {".", "../sbin", "../bin", "../libexec", "../libexec/tarn"}) {
+  for (const char* place :
+       {".", "../sbin", "../bin", "../../bin", "../libexec", "../libexec/tarn"}) {
     std::string path = (own / place / name).lexically_normal().string();
     if (isExecutable(path)) return path;
   }
@@ -177,7 +179,7 @@ void CardView::addTmp(const std::vector<std::string>& shown) {
   words_.insert(words_.end(), {"--tmpfs", kTmp});
   bind(kTmp, kOutsideTmp);
   for (const std::string& directory : ownDirectories()) showHidden(directory);
-  for (const char* program : {"tarn-server", "dbsetup"}) {
+  for (const char* program : {"tarn", "tarn-server", "dbsetup", kVideoProgram}) {
     const std::string path = findCompanion(program);
     if (!path.empty()) showHidden(fs::path(path).parent_path().string());
   }

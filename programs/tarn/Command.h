@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "VideoCommands.h"
 #include "recorder/card/PictureTime.h"
 #include "recorder/card/TimeInput.h"
 
@@ -111,16 +112,5 @@ std::unique_ptr<Command> makeSaveCommand();
 std::unique_ptr<Command> makeHelpCommand();
 // Of shells, which ask it what can stand next on a command line.
 std::unique_ptr<Command> makeCompleteCommand();
-// In video/, where the build has libavformat.
-std::unique_ptr<Command> makeRecordCommand();
-std::unique_ptr<Command> makeExportCommand();
-std::unique_ptr<Command> makeArchiveCommand();
-std::unique_ptr<Command> makeMountCommand();
-std::unique_ptr<Command> makeSealCommand();
-std::unique_ptr<Command> makeVerifyCommand();
-// For the library for C.
-std::unique_ptr<Command> makeAnswerCommand();
-// Where the build has libmicrohttpd and libarchive, too.
-std::unique_ptr<Command> makeServeCommand();
 
 }  // namespace tarn

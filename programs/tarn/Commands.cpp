@@ -27,34 +27,29 @@ CLI::Option* Command::addCard(CLI::App* app) {
 
 std::vector<std::unique_ptr<Command>> allCommands() {
   std::vector<std::unique_ptr<Command>> commands;
-  commands.push_back(makeFormatCommand());
-  commands.push_back(makeInfoCommand());
-  commands.push_back(makeCheckCommand());
-#ifdef TARN_WITH_MEDIA
-  commands.push_back(makeRecordCommand());
-#endif
-  commands.push_back(makeListCommand());
-  commands.push_back(makeKeepCommand());
-  commands.push_back(makeRedateCommand());
-#ifdef TARN_WITH_MEDIA
-  commands.push_back(makeExportCommand());
-  commands.push_back(makeArchiveCommand());
-  commands.push_back(makeSealCommand());
-  commands.push_back(makeVerifyCommand());
-  commands.push_back(makeMountCommand());
-#endif
-#ifdef TARN_WITH_SERVE
-  commands.push_back(makeServeCommand());
-#endif
-  commands.push_back(makeLogCommand());
-  commands.push_back(makeRunCommand());
-  commands.push_back(makeRecoverCommand());
-  commands.push_back(makeSaveCommand());
-  commands.push_back(makeHelpCommand());
-#ifdef TARN_WITH_MEDIA
-  commands.push_back(makeAnswerCommand());
-#endif
-  commands.push_back(makeCompleteCommand());
+  const auto add = [&commands](std::unique_ptr<Command> (*make)()) {
+    if (make != nullptr) commands.push_back(make());
+  };
+  add(makeFormatCommand);
+  add(makeInfoCommand);
+  add(makeCheckCommand);
+  add(kVideoCommands.record);
+  add(makeListCommand);
+  add(makeKeepCommand);
+  add(makeRedateCommand);
+  add(kVideoCommands.exportVideo);
+  add(kVideoCommands.archive);
+  add(kVideoCommands.seal);
+  add(kVideoCommands.verify);
+  add(kVideoCommands.mount);
+  add(kVideoCommands.serve);
+  add(makeLogCommand);
+  add(makeRunCommand);
+  add(makeRecoverCommand);
+  add(makeSaveCommand);
+  add(makeHelpCommand);
+  add(kVideoCommands.answer);
+  add(makeCompleteCommand);
   return commands;
 }
 

@@ -84,6 +84,22 @@ struct Tool {
     return nullptr;
   }
 
+  // The command that the words name, as far as a look at them tells; "" without one.
+  std::string namedBy(const WordsAsGiven& words) const {
+    for (auto word = words.begin(); word != words.end(); ++word) {
+      if (word->empty() || (*word)[0] != '-') return *word;
+      const CLI::Option* option = app.get_option_no_throw(*word);
+      const bool takesNext = option != nullptr && option->get_items_expected_max() > 0;
+      if (takesNext && ++word == words.end()) break;
+    }
+    return "";
+  }
+
+  bool has(const std::string& name) const {
+    return std::any_of(subcommands.begin(), subcommands.end(),
+                       [&name](const CLI::App* command) { return command->get_name() == name; });
+  }
+
   std::string nameOf(const Command* command) const {
     for (size_t i = 0; i < commands.size(); ++i) {
       if (commands[i].get() == command) return subcommands[i]->get_name();
@@ -218,6 +234,21 @@ void chooseForm(const WordsAsGiven& words) {
   if (std::find(words.begin(), end, "--json") != end) complainAs(complaintAsJson);
 }
 
+// Becomes the program that has the commands for video as well, where the words name one of them, or
+// ask what commands there are. False with the reason said where they name none that there is.
+bool findCommand(const Tool& tool, const WordsAsGiven& words, char** argv) {
+  if (kVideoCommands.record != nullptr) return true;
+  const std::string name = tool.namedBy(words);
+  const bool asksForAll = name.empty() || name == "help" || name == "complete";
+  if (!asksForAll && tool.has(name)) return true;
+  const std::string program = findCompanion(kVideoProgram);
+  if (!program.empty()) execv(program.c_str(), argv);
+  if (asksForAll) return true;
+  complain("there is no command \"" + name + "\"; those for video are in " + kVideoProgram +
+           ", which is not there");
+  return false;
+}
+
 // What the parser has to say of a command line, or what it asked for.
 int tellUsage(const Tool& tool, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) {
@@ -243,6 +274,7 @@ int runTool(int argc, char** argv) {
   const WordsAsGiven words(argv + std::min(argc, 1), argv + argc);
   chooseForm(words);
   Tool tool;
+  if (!findCommand(tool, words, argv)) return kExitUsage;
   try {
     tool.app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -181,7 +181,8 @@ void logLine(int priority, const char* format, va_list arguments) {
 
 bool isOurs() {
   const char* name = program_invocation_short_name;
-  for (const char* ours : {"tarn", "tarn-server", "dbsetup", "faults_recorder", "faults_tarn"}) {
+  for (const char* ours :
+       {"tarn", "tarn-video", "tarn-server", "dbsetup", "faults_recorder", "faults_tarn"}) {
     if (strcmp(name, ours) == 0) return true;
   }
   return false;

@@ -78,9 +78,10 @@ void addMedia(const std::string& binDir, std::vector<Program>* programs) {
   record.sampleEvery = kToolSampleEvery;
   record.memoryEvery = kMediaMemoryEvery;
   programs->push_back(record);
-  Program exporting = readerOf("export", "clipped",
-                               {binDir + "/tarn", "export", "--from", "2023-11-15T00:00:00", "--to",
-                                "2023-11-16T00:00:00", "-o", std::string(kWork) + "/exported.mp4"});
+  Program exporting =
+      readerOf("export", "clipped",
+               {binDir + kVideoTool, "export", "--from", "2023-11-15T00:00:00", "--to",
+                "2023-11-16T00:00:00", "-o", std::string(kWork) + "/exported.mp4"});
   exporting.memoryEvery = kMediaMemoryEvery;
   programs->push_back(exporting);
 }
@@ -168,7 +169,7 @@ std::vector<std::string> formatArguments(const std::string& binDir, uint32_t chu
 }
 
 std::vector<std::string> recordArguments(const std::string& binDir) {
-  return {binDir + "/tarn",
+  return {binDir + kVideoTool,
           "record",
           clip(),
           "--start",

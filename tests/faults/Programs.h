@@ -13,6 +13,8 @@ inline constexpr uint32_t kLifePictures = 45;
 // Below the folder of programs: the product's as one file each, which take less time to load.
 inline constexpr char kTool[] = "/faults-programs/faults_tarn";
 inline constexpr char kServer[] = "/faults-programs/tarn-server";
+// With the video libraries, which no one file holds.
+inline constexpr char kVideoTool[] = "/tarn-video";
 inline constexpr char kSetup[] = "/faults-programs/dbsetup";
 
 // What is known of a program that faults are tried on.

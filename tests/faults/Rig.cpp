@@ -28,7 +28,7 @@ void Rig::add(const Program& program, const std::string& output) {
 std::string Rig::prepare(const std::string& onlyProgram) {
   // A few seconds of real video, for the programs that record and export it.
   workplace_.order({}, kCalmSpeed);
-  const bool media = access(workplace_.program("tarn").c_str(), X_OK) == 0 &&
+  const bool media = access(workplace_.program("tarn-video").c_str(), X_OK) == 0 &&
                      await(launchForeign(clipArguments()), Workplace::kLimitMs).code == 0;
   if (!media) printf("record and export are left out: no clip can be made here\n");
   programs_ = programsOf(workplace_.bin(), media);

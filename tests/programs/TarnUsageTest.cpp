@@ -1,6 +1,7 @@
 // The tool's manners: what is wrong usage, how a card is named, what help and shells are told.
 #include <gmock/gmock.h>
 
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -157,6 +158,44 @@ TEST(TarnUsageTest, HelpKnowsEveryCommand) {
     EXPECT_EQ(help.output, tarn(std::string(command) + " --help").output) << command;
   }
   EXPECT_EQ(tarn("-V").output, tarn("--version").output);
+}
+
+// The commands for video are in a program of their own, which a firmware may leave out.
+TEST(TarnUsageTest, WithoutTheProgramForVideoTheOthersWorkAndSayWhatIsMissing) {
+  shell("mkdir /tmp/alone && cp " TARN_BIN_DIR "/tarn /tmp/alone && cp -r " TARN_BIN_DIR
+        "/../lib /tmp/");
+  const auto alone = [](const std::string& arguments) {
+    return shell("/tmp/alone/tarn " + arguments + " 2>&1 </dev/null");
+  };
+  EXPECT_EQ(alone("format /tmp/card.img --size 64M").exitCode, 0);
+  EXPECT_EQ(alone("--zone +02:00 info /tmp/card.img --json").exitCode, 0);
+  const ShellResult help = alone("--help");
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_THAT(help.output, HasSubstr("  check  "));
+  EXPECT_THAT(help.output, Not(HasSubstr("  export  ")));
+  for (const char* words : {"export --from 2026-01-01", "--card /tmp/card.img export"}) {
+    const ShellResult result = alone(words);
+    EXPECT_EQ(result.exitCode, 2) << words;
+    EXPECT_EQ(
+        result.output,
+        "tarn: there is no command \"export\"; those for video are in tarn-video, which is not "
+        "there\n");
+  }
+}
+
+// Where they are, it is one tool for whoever uses it, wherever its own options stand.
+TEST(TarnUsageTest, TheProgramForVideoIsFoundWhateverStandsInFrontOfTheCommand) {
+  if (!hasCommand("export")) GTEST_SKIP() << "built without video";
+  const std::string what = "tarn: say what to export: --stream, --event, or --from and --to\n";
+  const std::string card = "tarn: cannot open list: No such file or directory\n";
+  const std::map<std::string, std::string> said = {{"export", what},
+                                                   {"--utc export", what},
+                                                   {"--zone UTC export", what},
+                                                   {"--zone=UTC export", what},
+                                                   {"--card list export", card},
+                                                   {"--read-only --card=list export", card}};
+  for (const auto& [words, text] : said) EXPECT_EQ(tarn(words + " 2>&1").output, text) << words;
+  EXPECT_THAT(tarn("--version").output, HasSubstr("tarn 1."));
 }
 
 TEST(TarnUsageTest, ACardMeansTheSameAsAWordAndAsAnOption) {

@@ -1,0 +1,7 @@
+#include "VideoCommands.h"
+
+namespace tarn {
+
+const VideoCommands kVideoCommands{};
+
+}  // namespace tarn
