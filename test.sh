@@ -26,6 +26,7 @@ step() { printf '\n== %s (%d s)\n' "$*" "$SECONDS"; }
 
 step "Packages"
 packages=("${build_packages[@]}" "${run_packages[@]}" "${test_packages[@]}" "${arm_packages[@]}")
+[[ " ${presets[*]} " != *" asan "* ]] || packages+=("${sanitizer_packages[@]}")
 [[ " ${presets[*]} " != *" fuzz "* ]] || packages+=("${fuzz_packages[@]}")
 [ $# -gt 0 ] || packages+=("${lint_packages[@]}")
 scripts/install-packages "${packages[@]}"
@@ -52,12 +53,15 @@ timed() {
   return $code
 }
 
-[ $# -gt 0 ] || { step "Lint"; timed lint scripts/lint; }
+# Locks are looked at where clang builds all.
+[ $# -gt 0 ] || { step "Lint"; timed lint scripts/lint --but-locks; }
 
 # Each build is tested in another time zone, one of them with half an hour of summer time.
 declare -A zones=([release]='LHST-10:30LHDT-11,M10.1.0,M4.1.0' [asan]='NST3:30NDT,M3.2.0,M11.1.0'
   [tsan]='UTC0' [armhf-ubsan]='XYZ-02:00' [armhf-asan]='XYZ-02:00')
-export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1
+# clang's reports name lines without LLVM's own tool for it.
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:allow_addr2line=1
+export UBSAN_OPTIONS=print_stacktrace=1:allow_addr2line=1
 export TSAN_OPTIONS=halt_on_error=1
 
 # Only what uses threads or several processes gains from the thread sanitizer.

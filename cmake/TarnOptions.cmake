@@ -34,8 +34,14 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
   add_compile_options(-Wno-psabi)
 endif()
 if(TARN_SANITIZE)
-  # What sanitizers add to the code makes -O1 three times as slow to compile as -Og.
-  add_compile_options(-fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g1 -Og)
+  # What sanitizers add to the code makes -O1 three times as slow to compile as GCC's -Og, and that twice as
+  # slow as clang's code without the optimizer, which takes a quarter more time in tests of the libraries.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    add_compile_options(-O0)
+  else()
+    add_compile_options(-Og)
+  endif()
+  add_compile_options(-fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g1)
   add_link_options(-fsanitize=${TARN_SANITIZE})
 endif()
 

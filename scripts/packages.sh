@@ -23,4 +23,6 @@ other_browser_packages=(firefox-esr webkit2gtk-driver gstreamer1.0-libav gstream
 player_packages=(vlc-bin vlc-plugin-base)
 bench_packages=(libbenchmark-dev nbdkit libnbd-bin util-linux python3-imageio ffmpeg)
 lint_packages=(shellcheck clang-14 clang-tidy-14 git)
-fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)
+# The build with the address sanitizer is clang's.
+sanitizer_packages=(clang-14 libclang-rt-14-dev)
+fuzz_packages=("${sanitizer_packages[@]}" llvm-14)
