@@ -4,7 +4,7 @@
 # build for 32-bit ARM, whose tests run through QEMU, under the undefined-behaviour sanitizer too; what
 # the two machines make of a card is compared. While the tests of one build run, the next is built: they wait more
 # than they work. The end says where the time went.
-#   ./test.sh            all of it, scripts/lint first
+#   ./test.sh            all of it, and scripts/lint
 #   ./test.sh PRESET...  only these of: release asan tsan armhf-ubsan, and two that are only run when
 #                        they are named: armhf-asan, ARM with the address sanitizer as well, which
 #                        takes twice as long, and fuzz, the fuzz targets, a minute each
@@ -39,8 +39,12 @@ fi
 
 work=$(mktemp -d)
 testing=''  # process of the tests that run beside the next build
+linting=''  # process of what runs beside the first build
 finish() {
-  [ -z "$testing" ] || { kill -- "-$testing" && wait "$testing"; } 2>/dev/null || true
+  local process
+  for process in $testing $linting; do
+    { kill -- "-$process" && wait "$process"; } 2>/dev/null || true
+  done
   rm -rf "$work"
 }
 trap finish EXIT
@@ -53,8 +57,23 @@ timed() {
   return $code
 }
 
-# Locks are looked at where clang builds all.
-[ $# -gt 0 ] || { step "Lint"; timed lint scripts/lint --but-locks; }
+# Beside a build, which leaves a processor idle now and then. Locks are looked at where clang builds all.
+begin_lint() {
+  set -m
+  { timed lint nice scripts/lint --but-locks; } >"$work/lint.out" 2>&1 &
+  linting=$!
+  set +m
+}
+
+end_lint() {
+  [ -n "$linting" ] || return 0
+  step "Lint"
+  local code=0
+  wait "$linting" || code=$?
+  linting=''
+  cat "$work/lint.out"
+  return $code
+}
 
 # Each build is tested in another time zone, one of them with half an hour of summer time.
 declare -A zones=([release]='LHST-10:30LHDT-11,M10.1.0,M4.1.0' [asan]='NST3:30NDT,M3.2.0,M11.1.0'
@@ -176,9 +195,11 @@ where_the_time_went() {
   done | sort -rn | sed -n 1,12p
 }
 
+[ $# -gt 0 ] || begin_lint
 for preset in "${presets[@]}"; do
   step "Build $preset"
   timed "$preset.build" build "$preset"
+  end_lint
   end_tests
   begin_tests "$preset"
 done
