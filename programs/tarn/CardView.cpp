@@ -87,6 +87,7 @@ bool isExecutable(const std::string& path) {
 
 std::string findCompanion(const std::string& name) {
   const fs::path own = fs::path(ownPath()).parent_path();
+  if (own.empty()) return "";  // without /proc: not what lies in the user's folder
   for (const char* place :
        {".", "../sbin", "../bin", "../../bin", "../libexec", "../libexec/tarn"}) {
     std::string path = (own / place / name).lexically_normal().string();
