@@ -2,7 +2,7 @@
 # Installs what is missing, builds everything and runs all tests: a release build, one with the
 # address and undefined-behaviour sanitizers, the concurrent tests with the thread sanitizer, and a
 # build for 32-bit ARM, whose tests run through QEMU, under the undefined-behaviour sanitizer too; what
-# the two machines make of a card is compared. While the tests of one build run, the next is built: they wait more
+# the two machines make of a card is compared. While tests run, the next builds are made: tests wait more
 # than they work. The end says where the time went.
 #   ./test.sh            all of it, and scripts/lint
 #   ./test.sh PRESET...  only these of: release asan tsan armhf-ubsan, and two that are only run when
@@ -38,11 +38,11 @@ if [[ " ${presets[*]} " == *" release "* ]]; then
 fi
 
 work=$(mktemp -d)
-testing=''  # process of the tests that run beside the next build
 linting=''  # process of what runs beside the first build
+building=''  # process of the builds that run beside the tests
 finish() {
   local process
-  for process in $testing $linting; do
+  for process in $linting $building; do
     { kill -- "-$process" && wait "$process"; } 2>/dev/null || true
   done
   rm -rf "$work"
@@ -106,7 +106,7 @@ build() {
     options+=(-DTARN_TESTS_TOGETHER=ON)
   fi
   cmake --preset "$preset" "${options[@]}" >/dev/null &&
-    nice cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
+    nice -n 19 cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
 }
 
 # More at a time than there are processors.
@@ -122,14 +122,6 @@ run_tests() {
     --no-tests=error "${select[@]}"
 }
 
-begin_tests() {
-  tested=$1
-  set -m
-  { timed "$tested.test" run_tests "$tested"; } >"$work/$tested.out" 2>&1 &
-  testing=$!
-  set +m
-}
-
 # only_clocks FAILED: whether each test in that list of CTest's holds the product to a time (label "clock").
 only_clocks() {
   local clocks
@@ -143,21 +135,47 @@ ask_clocks_alone() {
   local logs=build/$tested/Testing/Temporary code=0
   only_clocks "$logs/LastTestsFailed.log" || return 1
   step "Tests of $tested that took too long beside others, alone"
-  cp "$logs/LastTest.log" "$work/$tested.log"
+  cp "$logs/LastTest.log" "$work/first.log"
+  [ -z "$building" ] || kill -STOP -- "-$building" 2>/dev/null || true
   TZ=${zones[$tested]} ctest --test-dir "build/$tested" --rerun-failed -j 1 --output-on-failure \
     --no-tests=error || code=$?
-  cat "$logs/LastTest.log" >>"$work/$tested.log"
-  cp "$work/$tested.log" "$logs/LastTest.log"
+  [ -z "$building" ] || kill -CONT -- "-$building" 2>/dev/null || true
+  cat "$logs/LastTest.log" >>"$work/first.log"
+  cp "$work/first.log" "$logs/LastTest.log"
   return $code
 }
 
-end_tests() {
-  [ -n "$testing" ] || return 0
+# The builds behind the first one, one after the other.
+begin_builds() {
+  set -m
+  {
+    for preset in "${presets[@]:1}"; do
+      code=0
+      timed "$preset.build" build "$preset" >"$work/$preset.log" 2>&1 || code=$?
+      echo "$code" >"$work/code"
+      mv "$work/code" "$work/$preset.built"
+      [ "$code" = 0 ] || break
+    done
+  } &
+  building=$!
+  set +m
+}
+
+end_build() {
+  step "Build $1"
+  while [ ! -e "$work/$1.built" ]; do
+    kill -0 "$building" || return 1
+    sleep 0.2
+  done
+  cat "$work/$1.log"
+  return "$(cat "$work/$1.built")"
+}
+
+test_build() {
+  tested=$1
   step "Test $tested"
   local code=0
-  wait "$testing" || code=$?
-  testing=''
-  cat "$work/$tested.out"
+  timed "$tested.test" run_tests "$tested" || code=$?
   if [ $code != 0 ] && [ "$tested" != fuzz ] && ask_clocks_alone; then code=0; fi
   if [ "$tested" != fuzz ]; then
     echo "Skipped of $tested, with the reason:"
@@ -196,14 +214,16 @@ where_the_time_went() {
 }
 
 [ $# -gt 0 ] || begin_lint
-for preset in "${presets[@]}"; do
-  step "Build $preset"
-  timed "$preset.build" build "$preset"
-  end_lint
-  end_tests
-  begin_tests "$preset"
+step "Build ${presets[0]}"
+timed "${presets[0]}.build" build "${presets[0]}"
+end_lint
+begin_builds
+test_build "${presets[0]}"
+for preset in "${presets[@]:1}"; do
+  end_build "$preset"
+  test_build "$preset"
 done
-end_tests
+building=''
 for preset in "${presets[@]}"; do
   [[ $preset = armhf-* ]] || continue
   step "The same card on both machines"
@@ -213,6 +233,6 @@ for preset in "${presets[@]}"; do
     echo "skipped: no release build to compare with"
   fi
 done
-step "Where the time went, in seconds (tests run beside the build below them)"
+step "Where the time went, in seconds (tests run beside the builds below them)"
 where_the_time_went
 step "All passed"
