@@ -22,6 +22,7 @@ class ViewRig : public Rig {
       : card_("/tmp/view.img", kCardSize), command_(std::move(command)) {
     const char* clip = getenv("TARN_BENCH_CLIP");
     if (command_[0] != "export") {
+      bareProgram_ = "tarn";
       const std::vector<DB_STREAM> rows = manyStreams(card_, 1);
       writeHeaders(&card_, rows);
       writeStreamJournal(&card_, rows);
@@ -36,15 +37,15 @@ class ViewRig : public Rig {
     unlink("/tmp/view.mp4");
     return afterAStart(command_);
   }
-  double bare() override { return afterAStart({"recover"}); }
+  double bare() override { return afterAStart({"recover"}, bareProgram_); }
 
  private:
-  double afterAStart(const std::vector<std::string>& words) {
+  double afterAStart(const std::vector<std::string>& words, const char* program = "tarn") {
     run({"recover"});
-    return timed([&] { run(words); });
+    return timed([&] { run(words, program); });
   }
-  void run(const std::vector<std::string>& words) {
-    std::vector<std::string> command = {programPath("tarn"), "--card", card_.path()};
+  void run(const std::vector<std::string>& words, const char* program = "tarn") {
+    std::vector<std::string> command = {programPath(program), "--card", card_.path()};
     command.insert(command.end(), words.begin(), words.end());
     const int status = runProgram(command);
     if (status != 0) give_up("tarn " + words[0] + " failed with status " + std::to_string(status));
@@ -52,6 +53,8 @@ class ViewRig : public Rig {
 
   Card card_;
   const std::vector<std::string> command_;
+  // Loads the same libraries.
+  const char* bareProgram_ = "tarn-video";
 };
 
 bool addCommand(const char* name, std::vector<std::string> command) {
