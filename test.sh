@@ -164,7 +164,8 @@ begin_builds() {
 end_build() {
   step "Build $1"
   while [ ! -e "$work/$1.built" ]; do
-    kill -0 "$building" || return 1
+    # It may just have come to its end, with a result.
+    kill -0 "$building" 2>/dev/null || [ -e "$work/$1.built" ] || return 1
     sleep 0.2
   done
   cat "$work/$1.log"

@@ -19,10 +19,11 @@ constexpr uint64_t kCardSize = 64 * kGiB;
 class ViewRig : public Rig {
  public:
   explicit ViewRig(std::vector<std::string> command)
-      : card_("/tmp/view.img", kCardSize), command_(std::move(command)) {
+      : card_("/tmp/view.img", kCardSize),
+        command_(std::move(command)),
+        bareProgram_(command_[0] == "export" ? "tarn-video" : "tarn") {
     const char* clip = getenv("TARN_BENCH_CLIP");
     if (command_[0] != "export") {
-      bareProgram_ = "tarn";
       const std::vector<DB_STREAM> rows = manyStreams(card_, 1);
       writeHeaders(&card_, rows);
       writeStreamJournal(&card_, rows);
@@ -53,8 +54,7 @@ class ViewRig : public Rig {
 
   Card card_;
   const std::vector<std::string> command_;
-  // Loads the same libraries.
-  const char* bareProgram_ = "tarn-video";
+  const char* const bareProgram_;  // the one that loads the same libraries
 };
 
 bool addCommand(const char* name, std::vector<std::string> command) {

@@ -22,6 +22,7 @@
 #include "base/StandardStreams.h"
 #include "fat/ChunkFiles.h"
 #include "programs/OutOfMemory.h"
+#include "recorder/card/CardText.h"
 #include "recorder/card/TimeZone.h"
 
 namespace tarn {
@@ -243,9 +244,11 @@ bool findCommand(const Tool& tool, const WordsAsGiven& words, char** argv) {
   if (!asksForAll && tool.has(name)) return true;
   const std::string program = findCompanion(kVideoProgram);
   if (!program.empty()) execv(program.c_str(), argv);
+  const int reason = errno;
   if (asksForAll) return true;
-  complain("there is no command \"" + name + "\"; those for video are in " + kVideoProgram +
-           ", which is not there");
+  complain("there is no command \"" + name + "\"; those for video are in " +
+           (program.empty() ? kVideoProgram + std::string(", which is not there")
+                            : errnoText(program + ", which cannot run", reason)));
   return false;
 }
 

@@ -104,7 +104,8 @@ Delivery PictureProof::look(const PictureEntry& entry, PictureStamp stamp) {
 
 Delivery PictureProof::prove(const PictureEntry& entry, PictureStamp stamp) {
   if (entry.checksum == 0) return look(entry, stamp);
-  piece_.resize(kPiece);
+  const uint32_t room = std::min(entry.size, kPiece);
+  if (piece_.size() < room) piece_.resize(room);
   uint16_t crc = 0;
   uint32_t done = 0;
   do {

@@ -180,6 +180,11 @@ TEST(TarnUsageTest, WithoutTheProgramForVideoTheOthersWorkAndSayWhatIsMissing) {
         "tarn: there is no command \"export\"; those for video are in tarn-video, which is not "
         "there\n");
   }
+  shell("touch /tmp/alone/tarn-video && chmod 755 /tmp/alone/tarn-video");
+  EXPECT_EQ(alone("export").output,
+            "tarn: there is no command \"export\"; those for video are in /tmp/alone/tarn-video, "
+            "which cannot run: Exec format error\n");
+  EXPECT_EQ(alone("info /tmp/card.img").exitCode, 0);
 }
 
 // Where they are, it is one tool for whoever uses it, wherever its own options stand.

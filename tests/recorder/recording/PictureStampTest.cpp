@@ -7,6 +7,7 @@
 #include "base/Crc16.h"
 #include "recorder/recording/AnnexB.h"
 #include "recorder/recording/PictureStamp.h"
+#include "recorder/recording/SoundBlockBuilder.h"
 
 namespace {
 
@@ -25,16 +26,18 @@ class PictureInMemory : public tarn::Source {
  public:
   explicit PictureInMemory(uint32_t pictureSize) : bytes_(kChunk) {
     size_ = kChunk;
-    noPatience_ = 0;
     sharePatience(&noPatience_);
     std::vector<uint8_t> picture(pictureSize);
     for (uint32_t i = 0; i < pictureSize; ++i) picture[i] = static_cast<uint8_t>(i * 31 | 1);
     tarn::makeTimeStampSei(kSeconds, picture.data());
+    put(picture);
+  }
+  void put(const std::vector<uint8_t>& data) {
     entry.dataOffset = kPlace;
-    entry.size = pictureSize;
+    entry.size = static_cast<uint32_t>(data.size());
     entry.presentation.seconds = kSeconds;
-    entry.checksum = tarn::pictureChecksum(tarn::crc16(picture.data(), pictureSize));
-    for (uint32_t i = 0; i < pictureSize; ++i) bytes_[(kPlace + i) % kChunk] = picture[i];
+    entry.checksum = tarn::pictureChecksum(tarn::crc16(data.data(), data.size()));
+    for (uint32_t i = 0; i < entry.size; ++i) bytes_[(kPlace + i) % kChunk] = data[i];
   }
 
   void damage(uint32_t at) { bytes_[(kPlace + at) % kChunk] ^= 0x40; }
@@ -53,7 +56,7 @@ class PictureInMemory : public tarn::Source {
 
  private:
   std::vector<uint8_t> bytes_;
-  uint32_t noPatience_;
+  uint32_t noPatience_ = 0;
   uint64_t refused_ = UINT64_MAX;
   uint64_t read_ = 0;
 };
@@ -120,6 +123,22 @@ TEST_P(PictureProofTest, SoundWithoutABlocksHeadIsProvedByItsChecksum) {
   stream_.damage(GetParam() / 2);
   EXPECT_EQ(prove(PictureStamp::kSound), Delivery::kBad);
   EXPECT_EQ(proof_.look(stream_.entry, PictureStamp::kSound), Delivery::kBad);
+}
+
+TEST_P(PictureProofTest, SoundHasItsTimeInItsBlocksHead) {
+  tarn::SoundBlockBuilder builder;
+  builder.setFormat({tarn::SoundCodec::kAlaw, 1, 8000, {}});
+  const std::vector<uint8_t> frame(GetParam() / 10, 0x55);
+  for (uint32_t i = 0; i < 10; ++i) {
+    builder.add(frame.data(), frame.size(), GetParam() / 10, {kSeconds, 0});
+  }
+  stream_.put(builder.bytes());
+  EXPECT_EQ(prove(PictureStamp::kSound), Delivery::kGood);
+  EXPECT_EQ(stream_.bytesRead(), builder.bytes().size());
+  stream_.entry.presentation.micros = 1;
+  EXPECT_EQ(prove(PictureStamp::kSound), Delivery::kBad);
+  EXPECT_EQ(proof_.look(stream_.entry, PictureStamp::kSound), Delivery::kBad);
+  EXPECT_EQ(prove(PictureStamp::kNone), Delivery::kGood);
 }
 
 }  // namespace
