@@ -42,6 +42,7 @@
 namespace {
 
 constexpr int kSkippedStatus = 77;
+constexpr int kNotEndedStatus = 78;  // of a test whose process ended before it
 constexpr unsigned kTestSeconds = 300;
 
 void need(bool good, const char* what) {
@@ -140,8 +141,15 @@ struct Result {
 // Writing end of the pipe that takes a test's result.
 int resultEnd = -1;
 
+// Whether the test came to its end: in memory that a test's processes share.
+bool* cameToItsEnd = nullptr;
+
 // Says how the test ended, and waits to be ended with all its processes by who reads that.
 [[noreturn]] void leave(int status) {
+  if ((status == 0 || status == kSkippedStatus) && !*cameToItsEnd) {
+    dprintf(STDERR_FILENO, "The process ended with %d in the midst of the test.\n", status);
+    status = kNotEndedStatus;
+  }
   struct rusage own = {};
   struct rusage waitedFor = {};
   need(getrusage(RUSAGE_SELF, &own) == 0 && getrusage(RUSAGE_CHILDREN, &waitedFor) == 0,
@@ -177,12 +185,17 @@ __attribute__((constructor(101))) void prepareEarlyEnd() {
   GTEST_FLAG_SET(filter, name);
   const int failed = RUN_ALL_TESTS();
   const bool skipped = testing::UnitTest::GetInstance()->skipped_test_count() > 0;
+  *cameToItsEnd = true;
   exit(failed != 0 ? 1 : skipped ? kSkippedStatus : 0);
 }
 
 // The first of a test's processes, with whose end all others are ended, however the test ended.
 [[noreturn]] void keepView(const std::string& name, bool early) {
   enterOwnView();
+  void* const shared = mmap(nullptr, sizeof *cameToItsEnd, PROT_READ | PROT_WRITE,
+                            MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  need(shared != MAP_FAILED, "mmap");
+  cameToItsEnd = static_cast<bool*>(shared);
   const pid_t test = fork();
   if (test == 0) runOne(name, early);
   int status = 0;
