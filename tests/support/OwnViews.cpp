@@ -7,8 +7,8 @@
 //               [--gtest_filter=…]
 // Takes the tests that the file defines, or all, N of them at a time. FILE names tests that cannot
 // run here, a pattern and the reason a line. To warm up is to run the first test of each source
-// before them, in the process that forks them. Without --own-views it is an ordinary test program,
-// for the debugger.
+// before them, in the process that forks them; the tests end early then, too (both are for an
+// emulator). Without --own-views it is an ordinary test program, for the debugger.
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <gtest/gtest.h>
@@ -164,8 +164,9 @@ pid_t leavesEarly = -1;
 
 // To take apart what GoogleTest knows of all other tests is code that no test has run before: an
 // emulator translates it anew in each, and throws away at each process's end, one by one, what it
-// translated, together a third of a short test's time. What the test and the product made has ended
-// here. A child that a test has forked ends as ever.
+// translated, together a third of a short test's time. What the test and the product made while
+// it ran has ended here; static objects of the shared libraries have not, and none of ours does
+// anything at its end. A child that a test has forked ends as ever.
 void endBeforeGoogleTest(int status, void*) {
   if (getpid() != leavesEarly) return;
   fflush(nullptr);
