@@ -164,9 +164,9 @@ pid_t leavesEarly = -1;
 
 // To take apart what GoogleTest knows of all other tests is code that no test has run before: an
 // emulator translates it anew in each, and throws away at each process's end, one by one, what it
-// translated, together a third of a short test's time. What the test and the product made while
-// it ran has ended here; static objects of the shared libraries have not, and none of ours does
-// anything at its end. A child that a test has forked ends as ever.
+// translated, together a third of a short test's time. What the test and the product made while it
+// ran has ended here. Static objects of the shared libraries have not: ours give back a lock and
+// descriptors then, which the kernel does as well. A child that a test has forked ends as ever.
 void endBeforeGoogleTest(int status, void*) {
   if (getpid() != leavesEarly) return;
   fflush(nullptr);
