@@ -39,11 +39,7 @@ function(tarn_folder name)
   if(NOT sources)
     return()
   endif()
-  if(TARN_SANITIZE)
-    # Not in a release build: what abidw tells of classes' private functions depends on what is compiled
-    # together.
-    tarn_in_pieces(sources ${name}_pieces)
-  endif()
+  tarn_in_pieces(sources ${name}_pieces)
   add_library(tarn_${name} OBJECT ${sources})
   target_include_directories(tarn_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
   target_compile_options(tarn_${name} PRIVATE -fno-exceptions)
