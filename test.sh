@@ -37,6 +37,11 @@ if [[ " ${presets[*]} " == *" release "* ]]; then
   tests/fleet/duckdb build/duckdb || echo "DuckDB cannot be fetched here: the indexes of a fleet are not asked."
 fi
 
+# Where a version manager's script stands in front of Python, it starts ten programs first, each time, and
+# hundreds of scripts begin with Python: this finds the same one at once.
+python=$(python3 -c 'import sys; print(sys.executable)')
+[ -z "$python" ] || PATH=${python%/*}:$PATH
+
 work=$(mktemp -d)
 linting=''  # process of what runs beside the first build
 building=''  # process of the builds that run beside the tests
