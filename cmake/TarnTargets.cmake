@@ -20,16 +20,42 @@ function(tarn_debug_information target)
   endif()
 endfunction()
 
+# Those of the sources that can leave out a step (base/Omission.h).
+function(tarn_that_omit result)
+  set(found)
+  foreach(source ${ARGN})
+    file(STRINGS ${source} includes REGEX "^#include \"base/Omission\\.h\"")
+    if(includes)
+      list(APPEND found ${source})
+    endif()
+  endforeach()
+  set(${result} ${found} PARENT_SCOPE)
+endfunction()
+
 # What to compile for the product's sources that LIST names: in a tree that is only tested some at a time
 # as one (cmake/pieces). What a source lacks of includes shows in a package's build, which compiles each
 # by itself, and in scripts/lint, which looks at each changed one.
 function(tarn_in_pieces list name)
-  if(TARN_TESTS_TOGETHER)
-    execute_process(COMMAND ${PROJECT_SOURCE_DIR}/cmake/pieces ${CMAKE_CURRENT_BINARY_DIR}/${name} 20 ${${list}}
-      OUTPUT_VARIABLE pieces OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-    string(REPLACE "\n" ";" pieces "${pieces}")
-    set(${list} ${pieces} PARENT_SCOPE)
+  if(NOT TARN_TESTS_TOGETHER)
+    return()
   endif()
+  set(made)
+  tarn_that_omit(omitting ${${list}})
+  set(${name} ${${list}})
+  if(omitting AND NOT TARN_SANITIZE)
+    # By themselves: the others' objects are in the recorder that leaves out steps, too.
+    list(REMOVE_ITEM ${name} ${omitting})
+    set(${name}_that_omit ${omitting})
+  endif()
+  foreach(part ${name} ${name}_that_omit)
+    if(${part})
+      execute_process(COMMAND ${PROJECT_SOURCE_DIR}/cmake/pieces ${CMAKE_CURRENT_BINARY_DIR}/${part} 20 ${${part}}
+        OUTPUT_VARIABLE pieces OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+      string(REPLACE "\n" ";" pieces "${pieces}")
+      list(APPEND made ${pieces})
+    endif()
+  endforeach()
+  set(${list} ${made} PARENT_SCOPE)
 endfunction()
 
 # One static library per source folder; the shared library is made of all of them.
