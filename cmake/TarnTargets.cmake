@@ -49,7 +49,7 @@ function(tarn_in_pieces list name)
   endif()
   foreach(part ${name} ${name}_that_omit)
     if(${part})
-      execute_process(COMMAND ${PROJECT_SOURCE_DIR}/cmake/pieces ${CMAKE_CURRENT_BINARY_DIR}/${part} 20 ${${part}}
+      execute_process(COMMAND ${PROJECT_SOURCE_DIR}/cmake/pieces ${CMAKE_CURRENT_BINARY_DIR}/${part} 40 ${${part}}
         OUTPUT_VARIABLE pieces OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
       string(REPLACE "\n" ";" pieces "${pieces}")
       list(APPEND made ${pieces})
