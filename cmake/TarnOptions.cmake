@@ -53,8 +53,8 @@ function(tarn_compiled_together)
   endif()
 endfunction()
 
-# For what is not the product under test: in a tree that is only tested, clang
-# compiles it where it is installed (cmake/quick-compiler), in half of the time.
+# For what is not the product under test: in a tree that is only tested, clang compiles it where it is
+# installed (cmake/quick-compiler), in half of the time where nothing is optimized.
 function(tarn_compiled_quickly)
   if(TARN_TESTS_TOGETHER AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     find_program(TARN_CLANG clang++-14)
