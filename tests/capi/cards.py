@@ -9,6 +9,7 @@ import pathlib
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -18,6 +19,7 @@ import tarn
 
 HERE = pathlib.Path(__file__).parent
 TOOL = os.environ["TARN_TOOL"]
+sys.path.insert(0, str(HERE.parent / "media"))  # what the tests of video have in common
 
 
 def load(path):
