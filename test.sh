@@ -45,9 +45,10 @@ python=$(python3 -c 'import sys; print(sys.executable)')
 work=$(mktemp -d)
 linting=''  # process of what runs beside the first build
 building=''  # process of the builds that run beside the tests
+comparing=''  # process of what compares the machines beside the tests of the last build
 finish() {
   local process
-  for process in $linting $building; do
+  for process in $linting $building $comparing; do
     { kill -- "-$process" && wait "$process"; } 2>/dev/null || true
   done
   rm -rf "$work"
@@ -177,10 +178,32 @@ end_build() {
   return "$(cat "$work/$1.built")"
 }
 
+# What the two machines make of a card, beside the tests of one of them.
+begin_comparison() {
+  set -m
+  if [ -x build/release/bin/target_life ]; then
+    tests/target/run "$PWD" build/release "build/$1"
+  else
+    echo "skipped: no release build to compare with"
+  fi >"$work/machines.out" 2>&1 &
+  comparing=$!
+  set +m
+}
+
+end_comparison() {
+  step "The same card on both machines"
+  local code=0
+  wait "$comparing" || code=$?
+  comparing=''
+  cat "$work/machines.out"
+  return $code
+}
+
 test_build() {
   tested=$1
   step "Test $tested"
   local code=0
+  [[ $tested != armhf-* ]] || begin_comparison "$tested"
   timed "$tested.test" run_tests "$tested" || code=$?
   if [ $code != 0 ] && [ "$tested" != fuzz ] && ask_clocks_alone; then code=0; fi
   if [ "$tested" != fuzz ]; then
@@ -189,6 +212,7 @@ test_build() {
     [ "$tested" != armhf-asan ] || echo "The leak checker cannot run at all under the emulator."
   fi
   [ $code = 0 ] || echo "Tests of $tested failed."
+  [ -z "$comparing" ] || end_comparison || code=$?
   return $code
 }
 
@@ -230,15 +254,6 @@ for preset in "${presets[@]:1}"; do
   test_build "$preset"
 done
 building=''
-for preset in "${presets[@]}"; do
-  [[ $preset = armhf-* ]] || continue
-  step "The same card on both machines"
-  if [ -x build/release/bin/target_life ]; then
-    tests/target/run "$PWD" build/release "build/$preset"
-  else
-    echo "skipped: no release build to compare with"
-  fi
-done
 step "Where the time went, in seconds (tests run beside the builds below them)"
 where_the_time_went
 step "All passed"
