@@ -58,9 +58,9 @@ def need(*encoders):
         print("skipped: ffmpeg is not here")
         sys.exit(77)
     place = place_of(["-encoders"], ".txt")
-    if place.exists():
-        known = place.read_text()
-    else:
+    known = place.read_text() if place.exists() else ""
+    if any(f" {name} " not in known for name in encoders):
+        # A library of ffmpeg's may have come since.
         known = ffmpeg("-encoders")
         keep(place, lambda beside: beside.write_text(known))
     lacking = [name for name in encoders if f" {name} " not in known]
