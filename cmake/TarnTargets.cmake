@@ -20,17 +20,22 @@ function(tarn_debug_information target)
   endif()
 endfunction()
 
-# Those of the sources that can leave out a step (base/Omission.h).
-function(tarn_that_omit result)
+# Those of the sources that have a line which begins so (a regular expression).
+function(tarn_sources_with result line)
   set(found)
   foreach(source ${ARGN})
-    file(STRINGS ${source} includes REGEX "^#include \"base/Omission\\.h\"")
-    if(includes)
+    file(STRINGS ${source} lines REGEX "^${line}")
+    if(lines)
       list(APPEND found ${source})
     endif()
   endforeach()
   set(${result} ${found} PARENT_SCOPE)
 endfunction()
+
+# Those of the sources that can leave out a step.
+macro(tarn_that_omit result)
+  tarn_sources_with(${result} "#include \"base/Omission[.]h\"" ${ARGN})
+endmacro()
 
 # What to compile for the product's sources that LIST names: in a tree that is only tested some at a time
 # as one (cmake/pieces). What a source lacks of includes shows in a package's build, which compiles each

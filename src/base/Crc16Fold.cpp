@@ -31,7 +31,7 @@ constexpr long long powerRest(size_t power) {
 // A piece's upper half stands 64 bits further in front than its lower one.
 template <size_t kBytes>
 __attribute__((target("pclmul,ssse3"))) inline __m128i factors() {
-  // Constants by name: a compiler that does not optimize would compute them in each call.
+  // By name, or a compiler may compute them in each call: clang does.
   constexpr long long kFirst = powerRest(kBytes * 8 + 64);
   constexpr long long kSecond = powerRest(kBytes * 8);
   return _mm_set_epi64x(kFirst, kSecond);
